@@ -1,0 +1,56 @@
+// The library's console logger: plain functions and switches, callable by hosts too.
+//
+// Nothing is printed until the host turns the debug switch on (QuorvelTracker::setIsDebug);
+// the trace switch adds an elapsed-time stamp and lets level-5 messages through. With the
+// debug switch off a call costs one byte test: the message is not formatted.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <quorvel/Format.h>
+
+namespace quorvel {
+
+// Master switch: nothing is printed while it is false.
+extern std::atomic<bool> kQVLoggerShowLogs;
+// Trace switch: timestamped line format, and level-5 messages at their call sites.
+extern std::atomic<bool> kQVLoggerShowLogsTrace;
+
+void QVSetShowDebugLogs(bool on) noexcept;
+void QVSetShowDebugLogsTrace(bool on) noexcept;
+
+// Origin of the elapsed time printed in trace mode; std::nullopt clears it.
+void QVSetSessionStartDate(std::optional<std::chrono::system_clock::time_point> date) noexcept;
+std::optional<std::chrono::system_clock::time_point> QVSessionStartDate() noexcept;
+
+// "[ERROR]" "[WARN] " "[INFO] " "[DEBUG]" "[TRACE]", or "[-----]" for any other level.
+std::string levelToString(int level);
+
+// Elapsed session time as "HH:MM:SS:mmm", or "--:--:--:---" without a start or before it.
+std::string timeToString();
+// The same text for a given number of elapsed milliseconds.
+std::string timeToStringForMilliseconds(std::int64_t ms);
+
+namespace detail {
+// Writes one already formatted message through the system log, in the current line format.
+void emitLogLine(int level, const char* method, const std::string& message) noexcept;
+}  // namespace detail
+
+// Logs one message. `method` names the calling function ("-[Class selector]").
+template <typename... A>
+void QVLogLocal(int level, const char* method, std::string_view fmt, const A&... args) noexcept {
+  if (!kQVLoggerShowLogs.load(std::memory_order_relaxed)) {
+    return;
+  }
+  try {
+    detail::emitLogLine(level, method, format(fmt, args...));
+  } catch (...) {
+    // Logging never fails visibly.
+  }
+}
+
+}  // namespace quorvel

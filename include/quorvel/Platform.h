@@ -1,0 +1,81 @@
+// The platform the library runs on: every operating-system service it uses.
+//
+// A host installs a Platform (or some of its services) before the first
+// QuorvelTracker::sharedTracker() call; services it leaves empty are served by the POSIX
+// defaults, configured by PosixPlatformOptions.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <quorvel/Json.h>
+#include <quorvel/platform/Bundle.h>
+#include <quorvel/platform/ClassRegistry.h>
+#include <quorvel/platform/Clock.h>
+#include <quorvel/platform/Device.h>
+#include <quorvel/platform/DispatchQueue.h>
+#include <quorvel/platform/FileSystem.h>
+#include <quorvel/platform/Locale.h>
+#include <quorvel/platform/NetworkInterfaces.h>
+#include <quorvel/platform/NotificationCenter.h>
+#include <quorvel/platform/PreferencesStore.h>
+#include <quorvel/platform/Random.h>
+#include <quorvel/platform/SecureStore.h>
+#include <quorvel/platform/Sysctl.h>
+#include <quorvel/platform/SystemLog.h>
+#include <quorvel/platform/URLSession.h>
+
+namespace quorvel {
+
+struct Platform {
+  std::shared_ptr<platform::Clock> clock;
+  std::shared_ptr<platform::Dispatcher> dispatcher;
+  std::shared_ptr<platform::PreferencesStore> preferences;
+  std::shared_ptr<platform::SecureStore> secureStore;
+  std::shared_ptr<platform::URLSessionFactory> urlSessions;
+  std::shared_ptr<platform::NotificationCenter> notificationCenter;
+  std::shared_ptr<platform::Device> device;
+  std::shared_ptr<platform::Bundle> bundle;
+  std::shared_ptr<platform::Locale> locale;
+  std::shared_ptr<platform::FileSystem> fileSystem;
+  std::shared_ptr<platform::Sysctl> sysctl;
+  std::shared_ptr<platform::NetworkInterfaces> networkInterfaces;
+  std::shared_ptr<platform::ClassRegistry> classRegistry;
+  std::shared_ptr<platform::SystemLog> systemLog;
+  std::shared_ptr<platform::Random> random;
+};
+
+// What the POSIX defaults need to know about the host application. Empty values are
+// probed: the data directory defaults to $XDG_DATA_HOME/quorvel/<bundle id> (or
+// ~/.local/share/...), the keychain to $XDG_STATE_HOME/quorvel/keychain.
+struct PosixPlatformOptions {
+  std::string bundleIdentifier = "com.example.app";
+  std::string bundleVersion = "1";               // CFBundleVersion
+  std::string bundleShortVersion = "1.0";        // CFBundleShortVersionString
+  Json extraInfo = Json::object();               // merged into the info dictionary
+  std::optional<std::string> receiptPath;        // the store receipt file
+  std::string dataDirectory;                     // the app's own data (Library, tmp)
+  std::string keychainDirectory;                 // outlives the app's data
+  std::optional<std::string> deviceName;         // default: host name
+  std::optional<std::string> systemVersion;      // default: os-release VERSION_ID
+  bool multitaskingSupported = true;
+};
+
+// Builds the POSIX default of every service.
+Platform makePosixPlatform(const PosixPlatformOptions& options);
+
+// Installs `platform`: its non-empty services replace the current ones. Call before the
+// first sharedTracker(); later calls affect only objects built afterwards.
+void installPlatform(const Platform& platform);
+
+// The platform in use, built from POSIX defaults on first use when nothing was installed.
+std::shared_ptr<const Platform> currentPlatform();
+
+// The POSIX dispatcher: one thread per serial queue, a small pool for the global queue.
+// `mainQueue` replaces the default main queue (a library thread named "quorvel.main"),
+// for hosts that run delegate callbacks on their own loop (see RunLoopQueue.h).
+std::shared_ptr<platform::Dispatcher> makePosixDispatcher(
+    std::shared_ptr<platform::DispatchQueue> mainQueue = nullptr);
+
+}  // namespace quorvel

@@ -1,0 +1,196 @@
+// QuorvelTracker: the one object a host application talks to.
+//
+//   auto& tracker = quorvel::QuorvelTracker::sharedTracker();
+//   tracker.setQuorvelDevKey("...");
+//   tracker.setAppleAppID("123456789");
+//
+// Every member may be called from any thread and never throws. Setters take effect for
+// requests built after them.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <quorvel/Error.h>
+#include <quorvel/Json.h>
+#include <quorvel/Platform.h>
+
+namespace quorvel {
+
+class QuorvelAES128Crypto;
+
+// Receiver of attribution callbacks. Each callback is optional: an empty function means the
+// delegate does not respond to it. The tracker holds the delegate weakly.
+struct QuorvelTrackerDelegate {
+  // Conversion (install attribution) data arrived or was served from the stored copy.
+  std::function<void(const Json& conversionData)> onConversionDataReceived;
+  // Conversion data could not be loaded.
+  std::function<void(const Error& error)> onConversionDataRequestFailure;
+  // The app was opened through an attributed link. Delivered on the main queue.
+  std::function<void(const Json& attributionData)> onAppOpenAttribution;
+};
+
+class QuorvelTracker {
+ public:
+  // The process-wide tracker, created on the first call (thread-safe) and never destroyed.
+  static QuorvelTracker& sharedTracker();
+
+  // Builds a tracker on `platform`. For tests and embedders that need their own graph;
+  // hosts use sharedTracker().
+  explicit QuorvelTracker(std::shared_ptr<const Platform> platform);
+  ~QuorvelTracker();
+  QuorvelTracker(const QuorvelTracker&) = delete;
+  QuorvelTracker& operator=(const QuorvelTracker&) = delete;
+
+  // --- Configuration -------------------------------------------------------------------
+  std::optional<std::string> quorvelDevKey() const;
+  // Stores the key and makes a new payload cipher for it (also for the same key).
+  void setQuorvelDevKey(std::optional<std::string> key);
+
+  std::optional<std::string> appleAppID() const;
+  // Digits only; checked before every request, not here.
+  void setAppleAppID(std::optional<std::string> appID);
+
+  std::optional<std::string> customerUserID() const;
+  void setCustomerUserID(std::optional<std::string> customerUserID);
+
+  std::optional<Json> customData() const;
+  // A nil dictionary is ignored: custom data, once set, can be replaced but not cleared.
+  void setAdditionalData(std::optional<Json> customData);
+
+  // Stores the user's e-mails and how the payload hashes them.
+  void setUserEmails(std::vector<std::string> emails, int cryptType);
+
+  std::optional<std::string> currencyCode() const;
+  void setCurrencyCode(std::optional<std::string> code);
+
+  bool isDebug() const;
+  // Drives the console logger.
+  void setIsDebug(bool isDebug);
+  // Adds elapsed times to log lines and lets trace messages through (needs isDebug).
+  void setIsTrace(bool isTrace);
+
+  bool shouldCollectDeviceName() const;
+  void setShouldCollectDeviceName(bool flag);
+
+  bool disableAppleAdSupportTracking() const;
+  void setDisableAppleAdSupportTracking(bool flag);
+  bool deviceTrackingDisabled() const;
+  void setDeviceTrackingDisabled(bool flag);
+  bool disableIAdTracking() const;
+  void setDisableIAdTracking(bool flag);
+
+  bool useReceiptValidationSandbox() const;
+  void setUseReceiptValidationSandbox(bool flag);
+  bool useUninstallSandbox() const;
+  void setUseUninstallSandbox(bool flag);
+
+  std::optional<std::string> appInviteHoplineID() const;
+  void setAppInviteHopline(std::optional<std::string> hoplineID);
+
+  std::string advertiserId() const;
+  void setAdvertiserId(std::string advertiserId);
+
+  // The service domain of every endpoint. nullopt restores the default domain.
+  std::string host() const;
+  void setHost(std::optional<std::string> host);
+
+  // Minimum seconds between two launch requests of one process.
+  std::uint64_t minTimeBetweenSessions() const;
+  void setMinTimeBetweenSessions(std::uint64_t seconds);
+
+  std::optional<std::chrono::system_clock::time_point> lastLaunchTime() const;
+
+  std::shared_ptr<QuorvelTrackerDelegate> delegate() const;
+  void setDelegate(std::weak_ptr<QuorvelTrackerDelegate> delegate);
+
+  // --- Information ---------------------------------------------------------------------
+  // "version: 4.8.0 (build 597)".
+  std::string getSDKVersion() const;
+  // The info dictionary's value for `key`, or "" when there is none.
+  Json getValueFromBundle(const std::string& key) const;
+  // The host framework the application is built with ("iOS_Native", ...).
+  std::string platfromDevName() const;
+
+  // --- Lifecycle -------------------------------------------------------------------------
+  // Unsubscribes the tracker from the application notifications (will-terminate).
+  void removeNotificationObserver(const platform::Notification& notification);
+  // Reads the launch options of the did-finish-launching notification: the source
+  // application and the URL the app was opened with.
+  void handleDidFinishLaunch(const platform::Notification& notification);
+
+  // The tracker's own answers to conversion data; they only log.
+  void onConversionDataReceived(const Json& installData);
+  void onConversionDataRequestFailure(const Error& error);
+
+  // --- Internal collaborators (not for hosts) -----------------------------------------
+  const Platform& platform() const { return *platform_; }
+  std::shared_ptr<const QuorvelAES128Crypto> crypto() const;
+  std::shared_ptr<platform::DispatchQueue> backgroundQueue() const { return mBackgroundQueue_; }
+  std::optional<std::string> deeplink() const;
+  std::optional<std::string> sourceApplication() const;
+
+ private:
+  template <typename T>
+  T read(const T& field) const {
+    std::lock_guard lock(fieldsMutex_);
+    return field;
+  }
+  template <typename T, typename V>
+  void write(T& field, V&& value) {
+    std::lock_guard lock(fieldsMutex_);
+    field = std::forward<V>(value);
+  }
+  void subscribeToLifecycleNotifications();
+
+  std::shared_ptr<const Platform> platform_;
+
+  // Plain switches: single words, read and written without a lock.
+  std::atomic<bool> isDebug_{false};
+  std::atomic<bool> permitAggregateiAdData_{false};
+  std::atomic<bool> useReceiptValidationSandbox_{false};
+  std::atomic<bool> useUninstallSandbox_{false};
+  std::atomic<bool> disableAppleAdSupportTracking_{false};
+  std::atomic<bool> shouldCollectDeviceName_{true};
+  std::atomic<bool> deviceTrackingDisabled_{false};
+  std::atomic<bool> disableIAdTracking_{false};
+  std::atomic<std::uint64_t> minTimeBetweenSessions_{5};
+
+  // The tracker's monitor: custom data and e-mails are read and written under it.
+  mutable std::mutex monitor_;
+  std::optional<Json> customData_;
+  std::optional<std::vector<std::string>> userEmails_;
+  int emailCryptType_ = 0;
+
+  // Reference fields. The lock is held only to copy a value in or out, never across a
+  // call, so that a host setter racing a background read is safe.
+  mutable std::mutex fieldsMutex_;
+  std::optional<std::string> deeplink_;
+  std::optional<std::string> sourceApplication_;
+  std::weak_ptr<QuorvelTrackerDelegate> delegate_;
+  std::string platfromDevName_;
+  std::optional<Json> pushPayload_;
+  std::string advertiserId_;
+  std::string host_;
+  std::shared_ptr<const QuorvelAES128Crypto> crypto_;
+  std::optional<std::string> customerUserID_;
+  std::optional<std::string> quorvelDevKey_;
+  std::optional<std::string> appleAppID_;
+  std::optional<std::string> currencyCode_;
+  std::optional<std::string> appInviteHoplineID_;
+  std::optional<std::chrono::system_clock::time_point> lastLaunchTime_;
+
+  std::shared_ptr<platform::DispatchQueue> mBackgroundQueue_;
+};
+
+// The default service domain of every endpoint.
+inline constexpr const char* kQuorvelDefaultHost = "quorvel.io";
+
+}  // namespace quorvel

@@ -1,0 +1,40 @@
+// The application's directories and the few file operations the library needs.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <quorvel/Json.h>
+#include <quorvel/platform/Clock.h>
+
+namespace quorvel::platform {
+
+class FileSystem {
+ public:
+  FileSystem() = default;
+  FileSystem(const FileSystem&) = delete;
+  FileSystem& operator=(const FileSystem&) = delete;
+  virtual ~FileSystem() = default;
+
+  virtual std::string libraryDirectory() const = 0;
+  virtual std::string cachesDirectory() const = 0;
+  virtual std::string temporaryDirectory() const = 0;
+
+  virtual std::optional<TimePoint> creationDate(const std::string& path) const = 0;
+  virtual std::optional<TimePoint> modificationDate(const std::string& path) const = 0;
+
+  virtual bool fileExists(const std::string& path) const = 0;
+  // Creates the directory and its missing parents; true when it exists afterwards.
+  virtual bool createDirectory(const std::string& path) = 0;
+  // The names (not paths) of the entries of a directory; nullopt when it cannot be read.
+  virtual std::optional<std::vector<std::string>> contentsOfDirectory(
+      const std::string& path) const = 0;
+  virtual std::optional<Bytes> readFile(const std::string& path) const = 0;
+  // Replaces the file's content as a whole: after a crash or a full disk the file holds
+  // either its old or its new content, never a part.
+  virtual bool writeFileAtomically(const std::string& path, const Bytes& content) = 0;
+  virtual bool removeFile(const std::string& path) = 0;
+};
+
+}  // namespace quorvel::platform

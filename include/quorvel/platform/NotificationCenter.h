@@ -1,0 +1,44 @@
+// In-process notifications: observers by name, posts with user info.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include <quorvel/Json.h>
+
+namespace quorvel::platform {
+
+// Names of the application lifecycle notifications that a host posts.
+inline constexpr const char* kApplicationDidFinishLaunchingNotification =
+    "UIApplicationDidFinishLaunchingNotification";
+inline constexpr const char* kApplicationDidEnterBackgroundNotification =
+    "UIApplicationDidEnterBackgroundNotification";
+inline constexpr const char* kApplicationWillResignActiveNotification =
+    "UIApplicationWillResignActiveNotification";
+inline constexpr const char* kApplicationWillTerminateNotification =
+    "UIApplicationWillTerminateNotification";
+
+struct Notification {
+  std::string name;
+  Json userInfo;  // null when the post carries none
+};
+
+using NotificationHandler = std::function<void(const Notification&)>;
+
+class NotificationCenter {
+ public:
+  NotificationCenter() = default;
+  NotificationCenter(const NotificationCenter&) = delete;
+  NotificationCenter& operator=(const NotificationCenter&) = delete;
+  virtual ~NotificationCenter() = default;
+
+  // `observer` identifies the subscriber for removal; it is never dereferenced.
+  virtual void addObserver(const void* observer, std::string name, NotificationHandler handler) = 0;
+  // Removes the observer's subscriptions to `name`; removing one that was never added is harmless.
+  virtual void removeObserver(const void* observer, std::string_view name) = 0;
+  // Calls the observers of `name` on the posting thread, in subscription order.
+  virtual void post(const Notification& notification) = 0;
+};
+
+}  // namespace quorvel::platform

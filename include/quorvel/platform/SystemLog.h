@@ -1,0 +1,19 @@
+// The system log: one line per call.
+#pragma once
+
+#include <string_view>
+
+namespace quorvel::platform {
+
+class SystemLog {
+ public:
+  SystemLog() = default;
+  SystemLog(const SystemLog&) = delete;
+  SystemLog& operator=(const SystemLog&) = delete;
+  virtual ~SystemLog() = default;
+
+  // Writes one line (the sink adds its own prefix and the newline). Any thread.
+  virtual void write(std::string_view line) noexcept = 0;
+};
+
+}  // namespace quorvel::platform

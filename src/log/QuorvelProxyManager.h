@@ -1,0 +1,67 @@
+// QuorvelProxyManager: collects the library's log lines for the remote-debugging upload.
+//
+// Collection starts switched on so that lines written before the service's first answer
+// (the pre-launch data) are kept; the answer's "monitor" value then starts or stops it.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <quorvel/Json.h>
+#include <quorvel/platform/Clock.h>
+
+namespace quorvel {
+
+class QuorvelProxyManager {
+ public:
+  // The process-wide manager, created once and never destroyed.
+  static QuorvelProxyManager& sharedManager();
+
+  // `clock` dates the collected lines; nullptr uses the current platform's clock.
+  explicit QuorvelProxyManager(std::shared_ptr<const platform::Clock> clock = nullptr);
+  QuorvelProxyManager(const QuorvelProxyManager&) = delete;
+  QuorvelProxyManager& operator=(const QuorvelProxyManager&) = delete;
+
+  // True while lines are collected: enabled by the service, or not yet stopped locally.
+  bool isRemoteDebugging() const noexcept {
+    return proxyEnabledFromServer_.load(std::memory_order_relaxed) ||
+           shouldCollectDebugData_.load(std::memory_order_relaxed);
+  }
+
+  // Appends one raw line, prefixed with the local time, unless collection is off or the
+  // buffer already holds REMOTE_DEBUGGING_REQUEST_MAX_SIZE_KB bytes. Any thread.
+  void addEventWithString(const std::string& line);
+
+  void startRemoteDebugging();
+  void stopRemoteDebugging();
+  void clearData();
+  void dropPreLaunchData();
+
+  bool proxyEnabledFromServer() const noexcept {
+    return proxyEnabledFromServer_.load(std::memory_order_relaxed);
+  }
+  void setProxyEnabledFromServer(bool enabled) noexcept {
+    proxyEnabledFromServer_.store(enabled, std::memory_order_relaxed);
+  }
+
+  // A copy of the collected lines, oldest first.
+  std::vector<std::string> events() const;
+  std::int32_t requestSize() const noexcept { return requestSize_.load(std::memory_order_relaxed); }
+
+ private:
+  std::shared_ptr<const platform::Clock> clock() const;
+
+  std::shared_ptr<const platform::Clock> clock_;
+  mutable std::mutex lock_;  // guards events_
+  std::vector<std::string> events_;
+  // Updated without the lock: a race may let the total drift slightly, which is accepted.
+  std::atomic<std::int32_t> requestSize_{0};
+  std::atomic<bool> shouldCollectDebugData_{true};
+  std::atomic<bool> proxyEnabledFromServer_{false};
+};
+
+}  // namespace quorvel

@@ -1,0 +1,105 @@
+#include "platform/AtomicFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+namespace quorvel::platform {
+namespace {
+
+std::string parentOf(const std::string& path) {
+  const auto slash = path.find_last_of('/');
+  if (slash == std::string::npos) return ".";
+  if (slash == 0) return "/";
+  return path.substr(0, slash);
+}
+
+bool writeAll(int fd, const Bytes& content) {
+  std::size_t done = 0;
+  while (done < content.size()) {
+    const ssize_t n = ::write(fd, content.data() + done, content.size() - done);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    done += static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+void syncDirectory(const std::string& dir) {
+  const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd >= 0) {
+    ::fsync(fd);
+    ::close(fd);
+  }
+}
+
+}  // namespace
+
+AtomicWriteResult writeFileAtomically(const std::string& path, const Bytes& content,
+                                      const AtomicWriteOptions& options, std::string* errorText) {
+  auto fail = [&](const char* what, int err) {
+    if (errorText) *errorText = std::string(what) + " " + path + ": " + std::strerror(err);
+    return AtomicWriteResult::failed;
+  };
+  const std::string dir = parentOf(path);
+  std::string tmpl = path + ".tmp-XXXXXX";
+  std::vector<char> name(tmpl.begin(), tmpl.end());
+  name.push_back('\0');
+  const int fd = ::mkostemp(name.data(), O_CLOEXEC);
+  if (fd < 0) return fail("cannot create a temporary file for", errno);
+  const std::string tmp(name.data());
+  ::fchmod(fd, static_cast<mode_t>(options.mode));
+  if (!writeAll(fd, content) || ::fsync(fd) != 0) {
+    const int err = errno;
+    ::close(fd);
+    ::unlink(tmp.c_str());
+    return fail("cannot write", err);
+  }
+  if (::close(fd) != 0) {
+    const int err = errno;
+    ::unlink(tmp.c_str());
+    return fail("cannot close", err);
+  }
+  if (options.beforeRename) options.beforeRename();
+  if (options.replaceExisting) {
+    if (::rename(tmp.c_str(), path.c_str()) != 0) {
+      const int err = errno;
+      ::unlink(tmp.c_str());
+      return fail("cannot rename into", err);
+    }
+  } else {
+    // link() fails when the name exists, which makes the create exclusive and atomic.
+    const int rc = ::link(tmp.c_str(), path.c_str());
+    const int err = errno;
+    ::unlink(tmp.c_str());
+    if (rc != 0) {
+      if (err == EEXIST) return AtomicWriteResult::alreadyExists;
+      return fail("cannot link into", err);
+    }
+  }
+  syncDirectory(dir);
+  return AtomicWriteResult::written;
+}
+
+bool makeDirectories(const std::string& path, unsigned mode) {
+  if (path.empty()) return false;
+  std::size_t pos = 0;
+  while (pos != std::string::npos) {
+    pos = path.find('/', pos + 1);
+    const std::string part = path.substr(0, pos);
+    if (part.empty()) continue;
+    if (::mkdir(part.c_str(), static_cast<mode_t>(mode)) != 0 && errno != EEXIST) {
+      return false;
+    }
+  }
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+}  // namespace quorvel::platform

@@ -1,0 +1,87 @@
+#include "platform/posix/FileSecureStore.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <fstream>
+#include <iterator>
+
+#include "log/Log.h"
+#include "platform/AtomicFile.h"
+
+namespace quorvel::platform {
+namespace {
+
+std::string hex(std::string_view text) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string out;
+  out.reserve(text.size() * 2);
+  for (const char c : text) {
+    const auto b = static_cast<unsigned char>(c);
+    out.push_back(kHex[b >> 4U]);
+    out.push_back(kHex[b & 0xFU]);
+  }
+  return out;
+}
+
+constexpr const char* kMethod = "-[QuorvelSecureStore write]";
+
+}  // namespace
+
+FileSecureStore::FileSecureStore(std::string directory) : directory_(std::move(directory)) {}
+
+std::string FileSecureStore::itemPath(std::string_view service, std::string_view account) const {
+  // Names are bounded so that a long service or account never exceeds NAME_MAX.
+  const std::string name = hex(service).substr(0, 120) + "." + hex(account).substr(0, 120);
+  return directory_ + "/" + name;
+}
+
+bool FileSecureStore::ensureDirectory() {
+  if (!makeDirectories(directory_, 0700)) return false;
+  ::chmod(directory_.c_str(), 0700);
+  return true;
+}
+
+SecureStatus FileSecureStore::add(std::string_view service, std::string_view account,
+                                  const Bytes& data) {
+  if (!ensureDirectory()) return SecureStatus::failure;
+  std::string error;
+  AtomicWriteOptions options;
+  options.replaceExisting = false;
+  switch (writeFileAtomically(itemPath(service, account), data, options, &error)) {
+    case AtomicWriteResult::written: return SecureStatus::success;
+    case AtomicWriteResult::alreadyExists: return SecureStatus::duplicateItem;
+    case AtomicWriteResult::failed: break;
+  }
+  qvLog(kLogError, kMethod, "secure store write failed: %@", error);
+  return SecureStatus::failure;
+}
+
+SecureStatus FileSecureStore::copy(std::string_view service, std::string_view account,
+                                   Bytes& out) const {
+  std::ifstream in(itemPath(service, account), std::ios::binary);
+  if (!in) return errno == ENOENT ? SecureStatus::itemNotFound : SecureStatus::failure;
+  out.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  return in.bad() ? SecureStatus::failure : SecureStatus::success;
+}
+
+SecureStatus FileSecureStore::update(std::string_view service, std::string_view account,
+                                     const Bytes& data) {
+  const std::string path = itemPath(service, account);
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0) return SecureStatus::itemNotFound;
+  std::string error;
+  if (writeFileAtomically(path, data, {}, &error) != AtomicWriteResult::written) {
+    qvLog(kLogError, kMethod, "secure store write failed: %@", error);
+    return SecureStatus::failure;
+  }
+  return SecureStatus::success;
+}
+
+SecureStatus FileSecureStore::remove(std::string_view service, std::string_view account) {
+  if (::unlink(itemPath(service, account).c_str()) == 0) return SecureStatus::success;
+  return errno == ENOENT ? SecureStatus::itemNotFound : SecureStatus::failure;
+}
+
+}  // namespace quorvel::platform

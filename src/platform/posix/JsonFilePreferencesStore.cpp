@@ -1,0 +1,130 @@
+#include "platform/posix/JsonFilePreferencesStore.h"
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+#include "log/Log.h"
+#include "platform/AtomicFile.h"
+#include "util/Base64.h"
+
+namespace quorvel::platform {
+namespace {
+
+constexpr const char* kDataTag = "$data";
+constexpr const char* kMethod = "-[QuorvelPreferences synchronize]";
+
+// Bytes are written as {"$data": base64}; dates are already {"$date": seconds}.
+Json toFile(const Json& v) {
+  if (v.is_binary()) return Json{{kDataTag, base64Encode(v.get_binary())}};
+  if (v.is_object()) {
+    Json out = Json::object();
+    for (const auto& [k, e] : v.items()) out[k] = toFile(e);
+    return out;
+  }
+  if (v.is_array()) {
+    Json out = Json::array();
+    for (const auto& e : v) out.push_back(toFile(e));
+    return out;
+  }
+  return v;
+}
+
+Json fromFile(const Json& v) {
+  if (v.is_object() && v.size() == 1 && v.contains(kDataTag) && v[kDataTag].is_string()) {
+    return Json::binary(base64DecodeLenient(v[kDataTag].get<std::string>()));
+  }
+  if (v.is_object()) {
+    Json out = Json::object();
+    for (const auto& [k, e] : v.items()) out[k] = fromFile(e);
+    return out;
+  }
+  if (v.is_array()) {
+    Json out = Json::array();
+    for (const auto& e : v) out.push_back(fromFile(e));
+    return out;
+  }
+  return v;
+}
+
+}  // namespace
+
+JsonFilePreferencesStore::JsonFilePreferencesStore(std::string path) : path_(std::move(path)) {}
+
+JsonFilePreferencesStore::~JsonFilePreferencesStore() {
+  // Unsaved changes of an object that goes away are written out; the process-wide store
+  // is never destroyed and relies on synchronize().
+  try {
+    synchronize();
+  } catch (...) {
+  }
+}
+
+void JsonFilePreferencesStore::loadLocked() const {
+  if (loaded_) return;
+  loaded_ = true;
+  std::ifstream in(path_, std::ios::binary);
+  if (!in) return;
+  std::stringstream buffer;
+  buffer << in.rdbuf();
+  const std::string text = buffer.str();
+  Json parsed = Json::parse(text, nullptr, false);
+  if (parsed.is_discarded() || !parsed.is_object()) {
+    const std::string aside = path_ + ".corrupt";
+    std::rename(path_.c_str(), aside.c_str());
+    qvLog(kLogError, "-[QuorvelPreferences load]",
+          "preferences file %@ is corrupt; kept as %@ and starting empty", path_, aside);
+    return;
+  }
+  values_ = fromFile(parsed);
+}
+
+std::optional<Json> JsonFilePreferencesStore::objectForKey(std::string_view key) const {
+  std::lock_guard lock(mutex_);
+  loadLocked();
+  const auto it = values_.find(std::string(key));
+  if (it == values_.end()) return std::nullopt;
+  return *it;
+}
+
+void JsonFilePreferencesStore::setObject(std::string_view key, Json value) {
+  if (value.is_null()) {
+    removeObjectForKey(key);
+    return;
+  }
+  std::lock_guard lock(mutex_);
+  loadLocked();
+  values_[std::string(key)] = std::move(value);
+  dirty_ = true;
+}
+
+void JsonFilePreferencesStore::removeObjectForKey(std::string_view key) {
+  std::lock_guard lock(mutex_);
+  loadLocked();
+  if (values_.erase(std::string(key)) > 0) dirty_ = true;
+}
+
+bool JsonFilePreferencesStore::synchronize() {
+  // One writer at a time, so that an older snapshot never overwrites a newer one.
+  std::lock_guard writer(writeMutex_);
+  std::string text;
+  {
+    std::lock_guard lock(mutex_);
+    if (!dirty_) return true;
+    text = toFile(values_).dump(1, '\t', false, Json::error_handler_t::replace);
+    dirty_ = false;
+  }
+  const auto slash = path_.find_last_of('/');
+  if (slash != std::string::npos && slash > 0) makeDirectories(path_.substr(0, slash), 0700);
+  std::string error;
+  const Bytes content(text.begin(), text.end());
+  if (writeFileAtomically(path_, content, {}, &error) != AtomicWriteResult::written) {
+    std::lock_guard lock(mutex_);
+    dirty_ = true;  // try again at the next synchronize
+    qvLog(kLogError, kMethod, "could not save preferences: %@", error);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace quorvel::platform

@@ -1,0 +1,36 @@
+// Preferences kept in one JSON file, replaced atomically on synchronize().
+#pragma once
+
+#include <mutex>
+#include <string>
+
+#include <quorvel/platform/PreferencesStore.h>
+
+namespace quorvel::platform {
+
+class JsonFilePreferencesStore final : public PreferencesStore {
+ public:
+  // The file is read on first use; a missing file is an empty store, a corrupt one is
+  // logged, kept aside as "<path>.corrupt" and replaced at the next synchronize().
+  explicit JsonFilePreferencesStore(std::string path);
+  ~JsonFilePreferencesStore() override;
+
+  std::optional<Json> objectForKey(std::string_view key) const override;
+  void setObject(std::string_view key, Json value) override;
+  void removeObjectForKey(std::string_view key) override;
+  bool synchronize() override;
+
+  const std::string& path() const noexcept { return path_; }
+
+ private:
+  void loadLocked() const;
+
+  std::string path_;
+  std::mutex writeMutex_;
+  mutable std::mutex mutex_;
+  mutable bool loaded_ = false;
+  mutable Json values_ = Json::object();
+  bool dirty_ = false;
+};
+
+}  // namespace quorvel::platform

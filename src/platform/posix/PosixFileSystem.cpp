@@ -1,0 +1,100 @@
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+#include "platform/AtomicFile.h"
+#include "platform/posix/PosixServices.h"
+
+namespace quorvel::platform {
+namespace {
+
+TimePoint fromTimespec(std::int64_t sec, std::int64_t nsec) {
+  return TimePoint(std::chrono::duration_cast<TimePoint::duration>(std::chrono::seconds(sec) +
+                                                                   std::chrono::nanoseconds(nsec)));
+}
+
+std::optional<TimePoint> birthTime(const std::string& path) {
+  struct statx sx {};
+  if (::statx(AT_FDCWD, path.c_str(), 0, STATX_BTIME, &sx) != 0) return std::nullopt;
+  if ((sx.stx_mask & STATX_BTIME) == 0U) return std::nullopt;
+  return fromTimespec(sx.stx_btime.tv_sec, sx.stx_btime.tv_nsec);
+}
+
+std::optional<TimePoint> markerTime(const std::string& directory) {
+  std::ifstream in(directory + "/" + PosixFileSystem::kCreationMarker);
+  long long micros = 0;
+  if (!(in >> micros)) return std::nullopt;
+  return TimePoint(std::chrono::duration_cast<TimePoint::duration>(std::chrono::microseconds(micros)));
+}
+
+}  // namespace
+
+PosixFileSystem::PosixFileSystem(std::string dataDirectory) : data_(std::move(dataDirectory)) {
+  // The Library directory's creation stands for the install date; where the file system
+  // keeps no birth time, a marker written now keeps that date stable.
+  const std::string library = libraryDirectory();
+  const bool existed = fileExists(library);
+  makeDirectories(cachesDirectory(), 0700);
+  makeDirectories(temporaryDirectory(), 0700);
+  if (!existed) {
+    const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(
+                            std::chrono::system_clock::now().time_since_epoch())
+                            .count();
+    const std::string text = std::to_string(micros) + "\n";
+    writeFileAtomically(library + "/" + kCreationMarker, Bytes(text.begin(), text.end()));
+  }
+}
+
+std::optional<TimePoint> PosixFileSystem::creationDate(const std::string& path) const {
+  if (auto born = birthTime(path)) return born;
+  if (auto marked = markerTime(path)) return marked;
+  return modificationDate(path);
+}
+
+std::optional<TimePoint> PosixFileSystem::modificationDate(const std::string& path) const {
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0) return std::nullopt;
+  return fromTimespec(st.st_mtim.tv_sec, st.st_mtim.tv_nsec);
+}
+
+bool PosixFileSystem::fileExists(const std::string& path) const {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0;
+}
+
+bool PosixFileSystem::createDirectory(const std::string& path) { return makeDirectories(path, 0700); }
+
+std::optional<std::vector<std::string>> PosixFileSystem::contentsOfDirectory(
+    const std::string& path) const {
+  DIR* dir = ::opendir(path.c_str());
+  if (dir == nullptr) return std::nullopt;
+  std::vector<std::string> names;
+  while (const dirent* entry = ::readdir(dir)) {
+    const std::string name(entry->d_name);
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  ::closedir(dir);
+  return names;
+}
+
+std::optional<Bytes> PosixFileSystem::readFile(const std::string& path) const {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return std::nullopt;
+  Bytes content((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  if (in.bad()) return std::nullopt;
+  return content;
+}
+
+bool PosixFileSystem::writeFileAtomically(const std::string& path, const Bytes& content) {
+  return platform::writeFileAtomically(path, content, {}, nullptr) == AtomicWriteResult::written;
+}
+
+bool PosixFileSystem::removeFile(const std::string& path) { return ::unlink(path.c_str()) == 0; }
+
+}  // namespace quorvel::platform

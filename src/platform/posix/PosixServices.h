@@ -1,0 +1,160 @@
+// The POSIX implementations of the platform services.
+#pragma once
+
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <quorvel/Platform.h>
+
+namespace quorvel::platform {
+
+class PosixClock final : public Clock {
+ public:
+  TimePoint now() const noexcept override;
+  long secondsFromGMT(TimePoint at) const noexcept override;
+};
+
+class PosixDispatcher final : public Dispatcher {
+ public:
+  // `mainQueue` replaces the default main queue thread when given.
+  explicit PosixDispatcher(std::shared_ptr<DispatchQueue> mainQueue = nullptr);
+  std::shared_ptr<DispatchQueue> makeSerialQueue(std::string label) override;
+  std::shared_ptr<DispatchQueue> mainQueue() override { return main_; }
+  std::shared_ptr<DispatchQueue> globalQueue() override { return global_; }
+
+ private:
+  std::shared_ptr<DispatchQueue> main_;
+  std::shared_ptr<DispatchQueue> global_;
+};
+
+class InProcessNotificationCenter final : public NotificationCenter {
+ public:
+  void addObserver(const void* observer, std::string name, NotificationHandler handler) override;
+  void removeObserver(const void* observer, std::string_view name) override;
+  void post(const Notification& notification) override;
+
+ private:
+  struct Entry {
+    const void* observer;
+    std::string name;
+    std::shared_ptr<NotificationHandler> handler;
+  };
+  std::mutex mutex_;
+  std::vector<Entry> entries_;
+};
+
+class PosixDevice final : public Device {
+ public:
+  PosixDevice(std::optional<std::string> name, std::optional<std::string> systemVersion,
+              bool multitasking);
+  std::string name() const override;
+  std::string model() const override { return "PC"; }
+  std::string systemName() const override;
+  std::string systemVersion() const override;
+  std::string operatingSystemVersionString() const override;
+  std::optional<std::string> identifierForVendor() const override;
+  bool isMultitaskingSupported() const override { return multitasking_; }
+
+ private:
+  std::optional<std::string> name_;
+  std::optional<std::string> systemVersion_;
+  bool multitasking_;
+  std::map<std::string, std::string> osRelease_;
+};
+
+class StaticBundle final : public Bundle {
+ public:
+  StaticBundle(std::optional<std::string> identifier, Json info,
+               std::optional<std::string> receiptPath);
+  std::optional<std::string> bundleIdentifier() const override { return identifier_; }
+  Json infoDictionary() const override { return info_; }
+  std::optional<std::string> appStoreReceiptPath() const override { return receiptPath_; }
+
+ private:
+  std::optional<std::string> identifier_;
+  Json info_;
+  std::optional<std::string> receiptPath_;
+};
+
+// Locale from LC_ALL / LC_MESSAGES / LANG and LANGUAGE; "en_US" when none is set.
+class PosixLocale final : public Locale {
+ public:
+  PosixLocale();
+  std::string localeIdentifier() const override { return identifier_; }
+  std::optional<std::string> languageCode() const override;
+  std::optional<std::string> countryCode() const override;
+  std::vector<std::string> preferredLanguages() const override { return languages_; }
+
+ private:
+  std::string identifier_;
+  std::vector<std::string> languages_;
+};
+
+// The application's directories under one data directory: Library, Library/Caches, tmp.
+class PosixFileSystem final : public FileSystem {
+ public:
+  explicit PosixFileSystem(std::string dataDirectory);
+  std::string libraryDirectory() const override { return data_ + "/Library"; }
+  std::string cachesDirectory() const override { return data_ + "/Library/Caches"; }
+  std::string temporaryDirectory() const override { return data_ + "/tmp"; }
+  // The birth time where the file system records one; otherwise the time written into
+  // ".quorvel-created" when the directory was made by this library; otherwise the
+  // modification time. Never "now".
+  std::optional<TimePoint> creationDate(const std::string& path) const override;
+  std::optional<TimePoint> modificationDate(const std::string& path) const override;
+  bool fileExists(const std::string& path) const override;
+  bool createDirectory(const std::string& path) override;
+  std::optional<std::vector<std::string>> contentsOfDirectory(const std::string& path) const override;
+  std::optional<Bytes> readFile(const std::string& path) const override;
+  bool writeFileAtomically(const std::string& path, const Bytes& content) override;
+  bool removeFile(const std::string& path) override;
+
+  static constexpr const char* kCreationMarker = ".quorvel-created";
+
+ private:
+  std::string data_;
+};
+
+// Kernel facts from /proc, sysconf and uname under the names the library asks for.
+class LinuxSysctl final : public Sysctl {
+ public:
+  std::optional<Bytes> byName(std::string_view name) const override;
+  std::optional<Bytes> byMib(const std::vector<int>& mib) const override;
+};
+
+class PosixNetworkInterfaces final : public NetworkInterfaces {
+ public:
+  std::optional<std::vector<InterfaceAddress>> addresses() const override;
+};
+
+class InMemoryClassRegistry final : public ClassRegistry {
+ public:
+  void registerClass(std::string name, std::shared_ptr<RegisteredClass> entry) override;
+  void unregisterClass(std::string_view name) override;
+  std::shared_ptr<RegisteredClass> classNamed(std::string_view name) const override;
+
+ private:
+  mutable std::mutex mutex_;
+  std::map<std::string, std::shared_ptr<RegisteredClass>, std::less<>> classes_;
+};
+
+// One line per call on standard error: "date time program[pid] line".
+class StderrSystemLog final : public SystemLog {
+ public:
+  void write(std::string_view line) noexcept override;
+};
+
+class OpenSslRandom final : public Random {
+ public:
+  int fill(Bytes& out) noexcept override;
+  std::uint32_t uniform(std::uint32_t upperBound) noexcept override;
+};
+
+// Fills every empty service of `platform` with its POSIX default.
+void fillWithPosixDefaults(Platform& platform, const PosixPlatformOptions& options);
+PosixPlatformOptions defaultPosixOptions();
+
+}  // namespace quorvel::platform

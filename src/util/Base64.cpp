@@ -1,0 +1,56 @@
+#include "util/Base64.h"
+
+namespace quorvel {
+namespace {
+constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+int decodeChar(char c) {
+  if (c >= 'A' && c <= 'Z') return c - 'A';
+  if (c >= 'a' && c <= 'z') return c - 'a' + 26;
+  if (c >= '0' && c <= '9') return c - '0' + 52;
+  if (c == '+') return 62;
+  if (c == '/') return 63;
+  return -1;
+}
+}  // namespace
+
+std::string base64Encode(const std::uint8_t* data, std::size_t size) {
+  std::string out;
+  out.reserve(4 * ((size + 2) / 3));
+  std::size_t i = 0;
+  for (; i + 2 < size; i += 3) {
+    const unsigned v = (unsigned{data[i]} << 16U) | (unsigned{data[i + 1]} << 8U) | data[i + 2];
+    out.push_back(kAlphabet[(v >> 18U) & 63U]);
+    out.push_back(kAlphabet[(v >> 12U) & 63U]);
+    out.push_back(kAlphabet[(v >> 6U) & 63U]);
+    out.push_back(kAlphabet[v & 63U]);
+  }
+  if (i < size) {
+    const unsigned v = (unsigned{data[i]} << 16U) | (i + 1 < size ? unsigned{data[i + 1]} << 8U : 0U);
+    out.push_back(kAlphabet[(v >> 18U) & 63U]);
+    out.push_back(kAlphabet[(v >> 12U) & 63U]);
+    out.push_back(i + 1 < size ? kAlphabet[(v >> 6U) & 63U] : '=');
+    out.push_back('=');
+  }
+  return out;
+}
+
+Bytes base64DecodeLenient(std::string_view text) {
+  Bytes out;
+  unsigned acc = 0;
+  int bits = 0;
+  for (const char c : text) {
+    if (c == '=') break;
+    const int v = decodeChar(c);
+    if (v < 0) continue;
+    acc = (acc << 6U) | static_cast<unsigned>(v);
+    bits += 6;
+    if (bits >= 8) {
+      bits -= 8;
+      out.push_back(static_cast<std::uint8_t>((acc >> static_cast<unsigned>(bits)) & 0xFFU));
+    }
+  }
+  return out;
+}
+
+}  // namespace quorvel

@@ -1,0 +1,101 @@
+#include "util/QuorvelAES128Crypto.h"
+
+#include <openssl/evp.h>
+
+#include <memory>
+
+#include <quorvel/Platform.h>
+
+#include "log/Log.h"
+#include "util/Base64.h"
+
+namespace quorvel {
+namespace {
+
+// Length in characters (UTF-16 code units of the platform's strings) of UTF-8 text.
+std::size_t characterCount(const std::string& text) {
+  std::size_t count = 0;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if ((c & 0xC0U) != 0x80U) count += (c >= 0xF0U) ? 2 : 1;
+  }
+  return count;
+}
+
+struct CipherContextDeleter {
+  void operator()(EVP_CIPHER_CTX* ctx) const noexcept { EVP_CIPHER_CTX_free(ctx); }
+};
+
+}  // namespace
+
+QuorvelAES128Crypto::QuorvelAES128Crypto(std::optional<std::string> password,
+                                         std::shared_ptr<platform::Random> random)
+    : password_(std::move(password)) {
+  iv_ = randomDataOfLength(kIVSize, random);
+  salt_ = base64DecodeLenient(kDefaultSaltBase64);
+  if (password_ && characterCount(*password_) >= 11) {
+    salt_.assign(password_->begin(), password_->begin() + kSaltSize);
+  } else {
+    qvLog(kLogError, "-[QuorvelAES128Crypto initWithPassword:]", "Wrong Quorvel DevKey length");
+  }
+}
+
+Bytes QuorvelAES128Crypto::randomDataOfLength(unsigned long length,
+                                              const std::shared_ptr<platform::Random>& random) {
+  Bytes buffer(length, 0);
+  const auto source = random ? random : currentPlatform()->random;
+  const int status = source->fill(buffer);
+  if (status != 0) {
+    qvLog(kLogError, "+[QuorvelAES128Crypto randomDataOfLength:]",
+          "Unable to generate random bytes: %d", status);
+    std::fill(buffer.begin(), buffer.end(), 0);
+  }
+  return buffer;
+}
+
+Bytes QuorvelAES128Crypto::AESKeyForPassword(const std::optional<std::string>& password,
+                                            const Bytes& salt) {
+  Bytes key(kKeySize, 0);
+  const std::string& pass = password ? *password : std::string();
+  const int ok = PKCS5_PBKDF2_HMAC_SHA1(pass.data(), static_cast<int>(pass.size()), salt.data(),
+                                        static_cast<int>(salt.size()), kRounds,
+                                        static_cast<int>(key.size()), key.data());
+  if (ok != 1) {
+    // The platform's derivation reports -4300 (parameter error) for such failures.
+    qvLog(kLogError, "+[QuorvelAES128Crypto AESKeyForPassword:salt:]",
+          "Unable to create AES key for password: %d", -4300);
+    std::fill(key.begin(), key.end(), 0);
+  }
+  return key;
+}
+
+std::optional<Bytes> QuorvelAES128Crypto::encrypt(const Bytes& data) const {
+  static constexpr const char* kMethod = "-[QuorvelAES128Crypto encrypt:]";
+  const Bytes key = AESKeyForPassword(password_, salt_);
+  if (qvTraceWanted()) {
+    qvTrace(kMethod, "key: %@", std::string(key.begin(), key.end()));
+  }
+  if (data.size() > static_cast<std::size_t>(INT32_MAX - 32)) {
+    qvLog(kLogError, kMethod, "Unable to encrypt data");
+    return std::nullopt;
+  }
+  Bytes out(data.size() + 16);
+  int produced = 0;
+  int finalLength = 0;
+  const std::unique_ptr<EVP_CIPHER_CTX, CipherContextDeleter> ctx(EVP_CIPHER_CTX_new());
+  const bool ok =
+      ctx && EVP_EncryptInit_ex(ctx.get(), EVP_aes_128_cbc(), nullptr, key.data(), iv_.data()) == 1 &&
+      EVP_EncryptUpdate(ctx.get(), out.data(), &produced, data.data(),
+                        static_cast<int>(data.size())) == 1 &&
+      EVP_EncryptFinal_ex(ctx.get(), out.data() + produced, &finalLength) == 1;
+  if (!ok) {
+    qvLog(kLogError, kMethod, "Unable to encrypt data");
+    return std::nullopt;
+  }
+  out.resize(static_cast<std::size_t>(produced + finalLength));
+  out.insert(out.end(), iv_.begin(), iv_.end());
+  out.insert(out.end(), salt_.begin(), salt_.end());
+  return out;
+}
+
+}  // namespace quorvel

@@ -1,0 +1,48 @@
+// QuorvelAES128Crypto: the payload cipher of one developer key.
+//
+// AES-128-CBC with PKCS#7 padding under PBKDF2-HMAC-SHA1(key, salt, 10000, 16). The sealed
+// message is ciphertext || IV (16 bytes) || salt (8 bytes), so that a receiver who knows
+// the developer key can decrypt. The object is immutable and safe to share between threads.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <quorvel/Json.h>
+#include <quorvel/platform/Random.h>
+
+namespace quorvel {
+
+class QuorvelAES128Crypto {
+ public:
+  static constexpr int kRounds = 10000;
+  static constexpr std::size_t kKeySize = 16;
+  static constexpr std::size_t kIVSize = 16;
+  static constexpr std::size_t kSaltSize = 8;
+  static constexpr const char* kDefaultSaltBase64 = "Zt4mQp9LxR0=";
+
+  // Draws the IV from `random` (the current platform's when nullptr) and chooses the salt.
+  explicit QuorvelAES128Crypto(std::optional<std::string> password,
+                               std::shared_ptr<platform::Random> random = nullptr);
+
+  const std::optional<std::string>& password() const noexcept { return password_; }
+  const Bytes& salt() const noexcept { return salt_; }
+  const Bytes& iv() const noexcept { return iv_; }
+
+  // The sealed message, or nullopt (logged) when the cipher fails.
+  std::optional<Bytes> encrypt(const Bytes& data) const;
+
+  static Bytes randomDataOfLength(unsigned long length,
+                                  const std::shared_ptr<platform::Random>& random = nullptr);
+  static Bytes AESKeyForPassword(const std::optional<std::string>& password, const Bytes& salt);
+
+ private:
+  std::optional<std::string> password_;
+  Bytes salt_;
+  Bytes iv_;
+};
+
+}  // namespace quorvel
