@@ -27,8 +27,9 @@ std::optional<TimePoint> PreferencesStore::asDate(const Json& value) {
   }
   const double seconds = value[kDateTag].get<double>();
   if (!std::isfinite(seconds) || std::fabs(seconds) > 1e15) return std::nullopt;
+  // Stored as double seconds: round to the microsecond that was written.
   return TimePoint(std::chrono::duration_cast<TimePoint::duration>(
-      std::chrono::duration<double>(seconds)));
+      std::chrono::round<std::chrono::microseconds>(std::chrono::duration<double>(seconds))));
 }
 
 std::optional<std::string> PreferencesStore::stringForKey(std::string_view key) const {

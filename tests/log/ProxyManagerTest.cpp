@@ -1,0 +1,75 @@
+#include <quorvel/RemoteDebugging.h>
+
+#include <gtest/gtest.h>
+
+#include "log/QuorvelProxyManager.h"
+#include "support/TestPlatform.h"
+
+namespace quorvel {
+namespace {
+
+class ProxyManagerTest : public ::testing::Test {
+ protected:
+  void SetUp() override { fakes.install(); }
+  test::TestPlatform fakes;
+  QuorvelProxyManager proxy{fakes.clock};
+};
+
+TEST_F(ProxyManagerTest, CollectsBeforeAnyServerAnswer) {
+  EXPECT_TRUE(proxy.isRemoteDebugging());
+  EXPECT_FALSE(proxy.proxyEnabledFromServer());
+  proxy.addEventWithString("pre-launch line");
+  ASSERT_EQ(proxy.events().size(), 1U);
+  // Local time, one blank, the line; the clock's zone is UTC here.
+  EXPECT_EQ(proxy.events()[0], "2023-11-14 22:13:20 pre-launch line");
+  EXPECT_EQ(proxy.requestSize(), static_cast<std::int32_t>(proxy.events()[0].size()));
+}
+
+TEST_F(ProxyManagerTest, MonitorOffDropsAndStopsCollecting) {
+  proxy.addEventWithString("a");
+  proxy.stopRemoteDebugging();
+  proxy.dropPreLaunchData();
+  EXPECT_TRUE(proxy.events().empty());
+  EXPECT_EQ(proxy.requestSize(), 0);
+  EXPECT_FALSE(proxy.isRemoteDebugging());
+  proxy.addEventWithString("b");
+  EXPECT_TRUE(proxy.events().empty());
+}
+
+TEST_F(ProxyManagerTest, StartAndStopLeaveTheirMarkersOnlyWhileCollecting) {
+  proxy.stopRemoteDebugging();  // collecting: "Turning OFF RD" recorded
+  proxy.startRemoteDebugging();  // not collecting yet: "Turning ON RD" not recorded
+  const auto events = proxy.events();
+  ASSERT_EQ(events.size(), 1U);
+  EXPECT_NE(events[0].find("Turning OFF RD"), std::string::npos);
+  EXPECT_TRUE(proxy.proxyEnabledFromServer());
+  EXPECT_TRUE(proxy.isRemoteDebugging());
+}
+
+TEST_F(ProxyManagerTest, SizeLimitIsCheckedBeforeAdding) {
+  // Fill to 98,300 bytes: each stored line is the 19-character time, a blank and the text.
+  const std::string prefixOnly(20, 'x');
+  std::int32_t total = 0;
+  while (total + 1000 <= 98'300 - 1000) {
+    proxy.addEventWithString(std::string(1000 - 20, 'a'));
+    total += 1000;
+  }
+  proxy.addEventWithString(std::string(98'300 - total - 20, 'b'));
+  ASSERT_EQ(proxy.requestSize(), 98'300);
+  proxy.addEventWithString(std::string(180, 'c'));  // 200 bytes stored: accepted, now over
+  EXPECT_EQ(proxy.requestSize(), 98'500);
+  const auto count = proxy.events().size();
+  proxy.addEventWithString("refused");
+  EXPECT_EQ(proxy.events().size(), count);
+  EXPECT_GT(REMOTE_DEBUGGING_REQUEST_MAX_SIZE_KB, 98'300);
+}
+
+TEST(RemoteDebuggingConstants, ExportedValues) {
+  EXPECT_STREQ(QVRemoteDebuggingStaticDataKey, "remote_debug_static_data");
+  EXPECT_STREQ(QVRemoteDebuggingSdkDataOriginalQVUID, "originalQuorvelId");
+  EXPECT_STREQ(QVRemoteDebuggingBigQueryDateFormat, "yyyy-MM-dd HH:mm:ss");
+  EXPECT_EQ(REMOTE_DEBUGGING_REQUEST_MAX_SIZE_KB, 98304);
+}
+
+}  // namespace
+}  // namespace quorvel

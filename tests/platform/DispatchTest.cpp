@@ -1,0 +1,134 @@
+#include <quorvel/RunLoopQueue.h>
+
+#include <future>
+
+#include <gtest/gtest.h>
+
+#include "platform/posix/PosixServices.h"
+#include "platform/posix/ThreadQueue.h"
+#include "support/VirtualTime.h"
+
+namespace quorvel::platform {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(VirtualDispatcher, DelayedWorkRunsInDueOrderAsTimeAdvances) {
+  auto clock = std::make_shared<test::VirtualClock>();
+  test::VirtualDispatcher dispatcher(clock);
+  auto serial = dispatcher.makeSerialQueue("com.quorvel.serial");
+  std::vector<std::string> order;
+  serial->asyncAfter(250ms, [&] { order.push_back("launch"); });
+  dispatcher.mainQueue()->asyncAfter(1ms, [&] { order.push_back("event"); });
+  serial->asyncAfter(100ms, [&] { order.push_back("values"); });
+  serial->async([&] {
+    order.push_back("now");
+    serial->asyncAfter(0ms, [&] { order.push_back("queued-by-work"); });
+  });
+  EXPECT_EQ(dispatcher.runUntilIdle(), 2U);
+  EXPECT_EQ(order, (std::vector<std::string>{"now", "queued-by-work"}));
+  const auto start = clock->now();
+  EXPECT_EQ(dispatcher.advance(249ms), 2U);
+  EXPECT_EQ(order.back(), "values");
+  EXPECT_EQ(dispatcher.pendingCount(), 1U);
+  dispatcher.advance(1ms);
+  EXPECT_EQ(order.back(), "launch");
+  EXPECT_EQ(clock->now() - start, 250ms);
+  EXPECT_EQ(dispatcher.ranOn().back(), "com.quorvel.serial");
+}
+
+TEST(VirtualDispatcher, IsCurrentOnlyInsideTheQueuesOwnWork) {
+  auto clock = std::make_shared<test::VirtualClock>();
+  test::VirtualDispatcher dispatcher(clock);
+  auto a = dispatcher.makeSerialQueue("a");
+  auto b = dispatcher.makeSerialQueue("b");
+  bool inA = false;
+  bool bInA = true;
+  a->async([&] {
+    inA = a->isCurrent();
+    bInA = b->isCurrent();
+  });
+  dispatcher.runUntilIdle();
+  EXPECT_TRUE(inA);
+  EXPECT_FALSE(bInA);
+  EXPECT_FALSE(a->isCurrent());
+}
+
+TEST(ThreadQueue, SerialQueueRunsOneItemAtATimeInOrder) {
+  ThreadQueue queue("com.quorvel.serial", 1, "quorvel.serial");
+  std::vector<int> seen;
+  std::atomic<int> running{0};
+  bool overlapped = false;
+  std::promise<void> done;
+  for (int i = 0; i < 200; ++i) {
+    queue.async([&, i] {
+      if (running.fetch_add(1) != 0) overlapped = true;
+      seen.push_back(i);
+      running.fetch_sub(1);
+      if (i == 199) done.set_value();
+    });
+  }
+  ASSERT_EQ(done.get_future().wait_for(10s), std::future_status::ready);
+  EXPECT_FALSE(overlapped);
+  ASSERT_EQ(seen.size(), 200U);
+  for (int i = 0; i < 200; ++i) EXPECT_EQ(seen[static_cast<std::size_t>(i)], i);
+}
+
+TEST(ThreadQueue, DelayedItemWaitsBehindLaterImmediateOnes) {
+  ThreadQueue queue("q", 1);
+  std::vector<std::string> order;
+  std::promise<void> done;
+  queue.asyncAfter(20ms, [&] {
+    order.push_back("delayed");
+    done.set_value();
+  });
+  queue.async([&] { order.push_back("immediate"); });
+  ASSERT_EQ(done.get_future().wait_for(10s), std::future_status::ready);
+  EXPECT_EQ(order, (std::vector<std::string>{"immediate", "delayed"}));
+}
+
+TEST(ThreadQueue, ThrowingWorkDoesNotStopTheQueueAndDestructionDropsPending) {
+  std::promise<void> done;
+  {
+    ThreadQueue queue("q", 2);
+    queue.async([] { throw std::runtime_error("boom"); });
+    queue.async([&] { done.set_value(); });
+    ASSERT_EQ(done.get_future().wait_for(10s), std::future_status::ready);
+    queue.asyncAfter(1h, [] { ADD_FAILURE() << "pending work must be dropped"; });
+  }
+  SUCCEED();
+}
+
+TEST(ThreadQueue, IsCurrentInsideItsThread) {
+  ThreadQueue queue("q", 1);
+  std::promise<bool> inside;
+  queue.async([&] { inside.set_value(queue.isCurrent()); });
+  EXPECT_TRUE(inside.get_future().get());
+  EXPECT_FALSE(queue.isCurrent());
+}
+
+TEST(RunLoopQueue, HostDrainsOnItsOwnThread) {
+  std::atomic<int> wakeUps{0};
+  RunLoopQueue queue("main", [&] { ++wakeUps; });
+  std::vector<int> order;
+  std::thread producer([&] {
+    for (int i = 0; i < 3; ++i) queue.async([&order, i] { order.push_back(i); });
+  });
+  producer.join();
+  queue.asyncAfter(1h, [&] { order.push_back(99); });
+  EXPECT_EQ(wakeUps.load(), 4);
+  EXPECT_EQ(queue.drain(), 3U);
+  EXPECT_EQ(order, (std::vector<int>{0, 1, 2}));
+  ASSERT_TRUE(queue.timeUntilNextItem());
+  EXPECT_GT(*queue.timeUntilNextItem(), 59min);
+}
+
+TEST(PosixDispatcher, HostMainQueueReplacesTheDefault) {
+  auto host = std::make_shared<RunLoopQueue>("host-main");
+  PosixDispatcher dispatcher(host);
+  EXPECT_EQ(dispatcher.mainQueue().get(), host.get());
+  EXPECT_EQ(dispatcher.makeSerialQueue("com.quorvel.serial")->label(), "com.quorvel.serial");
+}
+
+}  // namespace
+}  // namespace quorvel::platform

@@ -1,0 +1,133 @@
+#include <cstring>
+
+#include <gtest/gtest.h>
+
+#include "log/QuorvelProxyManager.h"
+#include "platform/Url.h"
+#include "platform/posix/PosixServices.h"
+#include "support/TempDir.h"
+#include "support/TestPlatform.h"
+
+namespace quorvel::platform {
+namespace {
+
+template <typename T>
+T as(const Bytes& b) {
+  T v{};
+  EXPECT_EQ(b.size(), sizeof(T));
+  std::memcpy(&v, b.data(), std::min(sizeof(T), b.size()));
+  return v;
+}
+
+TEST(LinuxSysctl, AnswersWhatLinuxHasAndNothingElse) {
+  const LinuxSysctl sysctl;
+  const auto machine = sysctl.byName("hw.machine");
+  ASSERT_TRUE(machine);
+  EXPECT_EQ(machine->back(), 0);
+  EXPECT_GT(as<std::uint64_t>(*sysctl.byName("hw.memsize")), 1024ULL * 1024);
+  EXPECT_GE(as<std::int32_t>(*sysctl.byName("hw.ncpu")), 1);
+  ASSERT_TRUE(sysctl.byName("hw.cpu64bit_capable"));
+  EXPECT_EQ(as<std::int32_t>(*sysctl.byName("hw.cpu64bit_capable")), sizeof(void*) == 8 ? 1 : 0);
+  EXPECT_FALSE(sysctl.byName("hw.cpufamily"));
+  EXPECT_FALSE(sysctl.byName("no.such.name"));
+  EXPECT_FALSE(sysctl.byMib({1, 2}));
+}
+
+TEST(PosixNetworkInterfaces, ListsTheLoopback) {
+  const auto list = PosixNetworkInterfaces().addresses();
+  ASSERT_TRUE(list);
+  bool loopback = false;
+  for (const auto& a : *list) {
+    if (a.isLoopback && a.family == InterfaceAddress::Family::ipv4) loopback = a.address == "127.0.0.1";
+  }
+  EXPECT_TRUE(loopback);
+}
+
+TEST(PosixFileSystem, LayoutDatesAndAtomicWrites) {
+  test::TempDir dir;
+  PosixFileSystem fs(dir / "app");
+  EXPECT_TRUE(fs.fileExists(fs.libraryDirectory()));
+  EXPECT_TRUE(fs.fileExists(fs.cachesDirectory()));
+  EXPECT_TRUE(fs.fileExists(fs.temporaryDirectory()));
+  const auto created = fs.creationDate(fs.libraryDirectory());
+  ASSERT_TRUE(created);
+  // A second look at the same directory gives the same date: it is not "now".
+  PosixFileSystem again(dir / "app");
+  EXPECT_EQ(again.creationDate(again.libraryDirectory()), created);
+  EXPECT_TRUE(fs.modificationDate(fs.temporaryDirectory()));
+  EXPECT_FALSE(fs.creationDate(dir / "missing"));
+
+  const std::string file = fs.cachesDirectory() + "/x.bin";
+  EXPECT_TRUE(fs.writeFileAtomically(file, Bytes{1, 2, 3}));
+  EXPECT_EQ(fs.readFile(file), (Bytes{1, 2, 3}));
+  const auto names = fs.contentsOfDirectory(fs.cachesDirectory());
+  ASSERT_TRUE(names);
+  EXPECT_EQ(*names, std::vector<std::string>{"x.bin"});  // no temp files left behind
+  EXPECT_TRUE(fs.removeFile(file));
+  EXPECT_FALSE(fs.readFile(file));
+  EXPECT_FALSE(fs.contentsOfDirectory(dir / "missing"));
+}
+
+TEST(PosixLocaleAndDevice, ProbesGiveUsableValues) {
+  const PosixLocale locale;
+  EXPECT_FALSE(locale.localeIdentifier().empty());
+  EXPECT_FALSE(locale.preferredLanguages().empty());
+  const PosixDevice device(std::string("dev-box"), std::nullopt, true);
+  EXPECT_EQ(device.name(), "dev-box");
+  EXPECT_FALSE(device.systemVersion().empty());
+  EXPECT_TRUE(device.isMultitaskingSupported());
+  EXPECT_EQ(PosixDevice(std::nullopt, std::string("9.3"), false).systemVersion(), "9.3");
+}
+
+TEST(OpenSslRandom, BoundedIntegersStayInRange) {
+  OpenSslRandom random;
+  for (int i = 0; i < 1000; ++i) {
+    const auto v = random.uniform(9'999'999);
+    EXPECT_LT(v, 9'999'999U);
+  }
+  EXPECT_EQ(random.uniform(0), 0U);
+  EXPECT_EQ(random.uniform(1), 0U);
+  Bytes a(16);
+  Bytes b(16);
+  EXPECT_EQ(random.fill(a), 0);
+  EXPECT_EQ(random.fill(b), 0);
+  EXPECT_NE(a, b);
+}
+
+TEST(NotificationCenter, ObserversByNameAndRemoval) {
+  InProcessNotificationCenter center;
+  int a = 0;
+  int b = 0;
+  const int ownerA = 0;
+  const int ownerB = 0;
+  center.addObserver(&ownerA, "n", [&](const Notification&) { ++a; });
+  center.addObserver(&ownerB, "n", [&](const Notification& n) {
+    ++b;
+    EXPECT_EQ(n.userInfo["k"], 1);
+  });
+  center.post({"n", Json{{"k", 1}}});
+  center.removeObserver(&ownerA, "n");
+  center.removeObserver(&ownerA, "never-added");
+  center.post({"n", Json{{"k", 1}}});
+  center.post({"other", Json()});
+  EXPECT_EQ(a, 1);
+  EXPECT_EQ(b, 2);
+}
+
+TEST(Url, ParsesWhatAPlatformParserAccepts) {
+  const auto u = Url::parse("https://t.example.com:8443/a/b%20c?x=1#frag");
+  ASSERT_TRUE(u);
+  EXPECT_EQ(u->scheme(), "https");
+  EXPECT_EQ(u->host(), "t.example.com");
+  EXPECT_EQ(u->port(), 8443);
+  EXPECT_EQ(u->path(), "/a/b c");
+  EXPECT_EQ(u->query(), "x=1");
+  EXPECT_EQ(u->pathComponents(), (std::vector<std::string>{"/", "a", "b c"}));
+  EXPECT_FALSE(Url::parse(""));
+  EXPECT_FALSE(Url::parse("no scheme here"));
+  EXPECT_TRUE(Url::parse("myapp://open?x=\xc3\xa9"));
+  EXPECT_FALSE(Url::parse("https://x.example")->path());
+}
+
+}  // namespace
+}  // namespace quorvel::platform

@@ -1,0 +1,145 @@
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "log/QuorvelProxyManager.h"
+#include "platform/AtomicFile.h"
+#include "platform/posix/JsonFilePreferencesStore.h"
+#include "support/TempDir.h"
+#include "support/TestPlatform.h"
+
+namespace quorvel::platform {
+namespace {
+
+std::string readText(const std::string& path) {
+  std::ifstream in(path);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+class PreferencesStoreTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fakes.install();
+    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
+  }
+  test::TestPlatform fakes;
+  test::TempDir dir;
+  std::string file() const { return dir / "Library/Preferences/app.json"; }
+};
+
+TEST_F(PreferencesStoreTest, EveryValueTypeSurvivesARestart) {
+  const auto date = TimePoint(std::chrono::milliseconds(1'700'000'000'250));
+  {
+    JsonFilePreferencesStore store(file());
+    store.setInteger("QuorvelCounter", 3);
+    store.setDouble("QuorvelTimePassedSincePrevLaunch", 1.7e9 + 0.5);
+    store.setString("QuorvelUserId", "1700000000000-42");
+    store.setDate("date", date);
+    store.setObject("data", Json::binary({0, 1, 255}));
+    store.setObject("dict", Json{{"nested", Json::array({1, "two"})}});
+    EXPECT_TRUE(store.synchronize());
+  }
+  JsonFilePreferencesStore reopened(file());
+  EXPECT_EQ(reopened.integerForKey("QuorvelCounter"), 3);
+  EXPECT_DOUBLE_EQ(reopened.doubleForKey("QuorvelTimePassedSincePrevLaunch"), 1.7e9 + 0.5);
+  EXPECT_EQ(reopened.stringForKey("QuorvelUserId"), "1700000000000-42");
+  EXPECT_EQ(reopened.dateForKey("date"), date);
+  EXPECT_EQ(reopened.objectForKey("data"), Json::binary({0, 1, 255}));
+  EXPECT_EQ(reopened.objectForKey("dict"), (Json{{"nested", Json::array({1, "two"})}}));
+  EXPECT_EQ(reopened.objectForKey("missing"), std::nullopt);
+}
+
+TEST_F(PreferencesStoreTest, TypedReadsCoerceLikeThePlatform) {
+  test::MemoryPreferencesStore store;
+  store.setObject("n", 42);
+  store.setObject("s", "17abc");
+  store.setObject("f", 2.9);
+  store.setObject("b", true);
+  store.setObject("o", Json::object());
+  EXPECT_EQ(store.stringForKey("n"), "42");
+  EXPECT_EQ(store.integerForKey("s"), 17);
+  EXPECT_EQ(store.integerForKey("f"), 2);
+  EXPECT_EQ(store.integerForKey("b"), 1);
+  EXPECT_EQ(store.integerForKey("o"), 0);
+  EXPECT_EQ(store.integerForKey("absent"), 0);
+  EXPECT_EQ(store.stringForKey("o"), std::nullopt);
+  EXPECT_EQ(store.dateForKey("n"), std::nullopt);
+  store.setObject("n", Json());  // storing nil removes
+  EXPECT_EQ(store.objectForKey("n"), std::nullopt);
+}
+
+TEST_F(PreferencesStoreTest, CorruptFileIsLoggedKeptAsideAndReplaced) {
+  QVSetShowDebugLogs(true);
+  std::filesystem::create_directories(dir / "Library/Preferences");
+  for (const std::string garbage : {std::string("{\"QuorvelCounter\": 4"), std::string("\0\0\xff", 3), std::string("[1,2]")}) {
+    std::ofstream(file(), std::ios::binary) << garbage;
+    fakes.systemLog->clear();
+    JsonFilePreferencesStore store(file());
+    EXPECT_EQ(store.objectForKey("QuorvelCounter"), std::nullopt);
+    EXPECT_EQ(fakes.systemLog->count("is corrupt"), 1U);
+    EXPECT_EQ(readText(file() + ".corrupt"), garbage);
+    store.setInteger("QuorvelCounter", 1);
+    ASSERT_TRUE(store.synchronize());
+    EXPECT_EQ(Json::parse(readText(file()))["QuorvelCounter"], 1);
+  }
+}
+
+TEST_F(PreferencesStoreTest, UnwritableLocationFailsWithoutLosingTheValue) {
+  QVSetShowDebugLogs(true);
+  std::ofstream(dir / "blocker") << "a file where a directory should be";
+  JsonFilePreferencesStore store(dir / "blocker/prefs.json");
+  store.setInteger("k", 1);
+  EXPECT_FALSE(store.synchronize());
+  EXPECT_EQ(store.integerForKey("k"), 1);
+  EXPECT_EQ(fakes.systemLog->count("could not save preferences"), 1U);
+}
+
+TEST_F(PreferencesStoreTest, DeathBetweenWriteAndRenameLeavesTheOldFileWhole) {
+  {
+    JsonFilePreferencesStore store(file());
+    store.setString("k", "old");
+    ASSERT_TRUE(store.synchronize());
+  }
+  const std::string before = readText(file());
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    AtomicWriteOptions options;
+    options.beforeRename = [] { _exit(9); };
+    const std::string text = R"({"k": "new"})";
+    writeFileAtomically(file(), Bytes(text.begin(), text.end()), options, nullptr);
+    _exit(0);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  ASSERT_TRUE(WIFEXITED(status));
+  ASSERT_EQ(WEXITSTATUS(status), 9);
+  EXPECT_EQ(readText(file()), before);
+  JsonFilePreferencesStore reopened(file());
+  EXPECT_EQ(reopened.stringForKey("k"), "old");
+}
+
+TEST_F(PreferencesStoreTest, ConcurrentWritersNeverCorruptTheFile) {
+  JsonFilePreferencesStore store(file());
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&store, t] {
+      for (int i = 0; i < 50; ++i) {
+        store.setInteger("k" + std::to_string(t), i);
+        store.synchronize();
+      }
+    });
+  }
+  for (auto& th : threads) th.join();
+  const Json saved = Json::parse(readText(file()));
+  for (int t = 0; t < 4; ++t) EXPECT_EQ(saved["k" + std::to_string(t)], 49);
+}
+
+}  // namespace
+}  // namespace quorvel::platform

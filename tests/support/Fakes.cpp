@@ -1,0 +1,315 @@
+#include "support/Fakes.h"
+
+#include <algorithm>
+#include <atomic>
+
+namespace quorvel::test {
+
+// --- MemoryPreferencesStore -------------------------------------------------------------------
+
+std::optional<Json> MemoryPreferencesStore::objectForKey(std::string_view key) const {
+  std::lock_guard lock(mutex_);
+  const auto it = values_.find(key);
+  if (it == values_.end()) return std::nullopt;
+  return it->second;
+}
+
+void MemoryPreferencesStore::setObject(std::string_view key, Json value) {
+  std::lock_guard lock(mutex_);
+  if (value.is_null()) {
+    if (const auto it = values_.find(key); it != values_.end()) values_.erase(it);
+    return;
+  }
+  values_[std::string(key)] = std::move(value);
+}
+
+void MemoryPreferencesStore::removeObjectForKey(std::string_view key) {
+  std::lock_guard lock(mutex_);
+  if (const auto it = values_.find(key); it != values_.end()) values_.erase(it);
+}
+
+bool MemoryPreferencesStore::synchronize() {
+  std::lock_guard lock(mutex_);
+  ++synchronizeCount_;
+  return true;
+}
+
+int MemoryPreferencesStore::synchronizeCount() const {
+  std::lock_guard lock(mutex_);
+  return synchronizeCount_;
+}
+
+std::map<std::string, Json> MemoryPreferencesStore::snapshot() const {
+  std::lock_guard lock(mutex_);
+  return {values_.begin(), values_.end()};
+}
+
+// --- MemorySecureStore ------------------------------------------------------------------------
+
+platform::SecureStatus MemorySecureStore::add(std::string_view service, std::string_view account,
+                                              const Bytes& data) {
+  std::lock_guard lock(mutex_);
+  const auto [it, inserted] = items_.emplace(std::make_pair(std::string(service), std::string(account)), data);
+  return inserted ? platform::SecureStatus::success : platform::SecureStatus::duplicateItem;
+}
+
+platform::SecureStatus MemorySecureStore::copy(std::string_view service, std::string_view account,
+                                               Bytes& out) const {
+  std::lock_guard lock(mutex_);
+  const auto it = items_.find({std::string(service), std::string(account)});
+  if (it == items_.end()) return platform::SecureStatus::itemNotFound;
+  out = it->second;
+  return platform::SecureStatus::success;
+}
+
+platform::SecureStatus MemorySecureStore::update(std::string_view service, std::string_view account,
+                                                 const Bytes& data) {
+  std::lock_guard lock(mutex_);
+  const auto it = items_.find({std::string(service), std::string(account)});
+  if (it == items_.end()) return platform::SecureStatus::itemNotFound;
+  it->second = data;
+  return platform::SecureStatus::success;
+}
+
+platform::SecureStatus MemorySecureStore::remove(std::string_view service, std::string_view account) {
+  std::lock_guard lock(mutex_);
+  return items_.erase({std::string(service), std::string(account)}) > 0
+             ? platform::SecureStatus::success
+             : platform::SecureStatus::itemNotFound;
+}
+
+std::size_t MemorySecureStore::size() const {
+  std::lock_guard lock(mutex_);
+  return items_.size();
+}
+
+// --- MemoryFileSystem -------------------------------------------------------------------------
+
+std::optional<platform::TimePoint> MemoryFileSystem::creationDate(const std::string& path) const {
+  std::lock_guard lock(mutex_);
+  const auto it = nodes_.find(path);
+  return it == nodes_.end() ? std::nullopt : it->second.created;
+}
+
+std::optional<platform::TimePoint> MemoryFileSystem::modificationDate(const std::string& path) const {
+  std::lock_guard lock(mutex_);
+  const auto it = nodes_.find(path);
+  return it == nodes_.end() ? std::nullopt : it->second.modified;
+}
+
+bool MemoryFileSystem::fileExists(const std::string& path) const {
+  std::lock_guard lock(mutex_);
+  return nodes_.count(path) > 0;
+}
+
+bool MemoryFileSystem::createDirectory(const std::string& path) {
+  std::lock_guard lock(mutex_);
+  if (failWrites) return false;
+  nodes_[path].directory = true;
+  return true;
+}
+
+std::optional<std::vector<std::string>> MemoryFileSystem::contentsOfDirectory(const std::string& path) const {
+  std::lock_guard lock(mutex_);
+  const auto dir = nodes_.find(path);
+  if (dir == nodes_.end() || !dir->second.directory) return std::nullopt;
+  std::vector<std::string> names;
+  const std::string prefix = path + "/";
+  for (const auto& [p, node] : nodes_) {
+    if (p.rfind(prefix, 0) == 0 && p.find('/', prefix.size()) == std::string::npos) {
+      names.push_back(p.substr(prefix.size()));
+    }
+  }
+  return names;
+}
+
+std::optional<Bytes> MemoryFileSystem::readFile(const std::string& path) const {
+  std::lock_guard lock(mutex_);
+  const auto it = nodes_.find(path);
+  if (it == nodes_.end() || it->second.directory) return std::nullopt;
+  return it->second.content;
+}
+
+bool MemoryFileSystem::writeFileAtomically(const std::string& path, const Bytes& content) {
+  std::lock_guard lock(mutex_);
+  if (failWrites) return false;
+  nodes_[path].content = content;
+  return true;
+}
+
+bool MemoryFileSystem::removeFile(const std::string& path) {
+  std::lock_guard lock(mutex_);
+  return nodes_.erase(path) > 0;
+}
+
+void MemoryFileSystem::setDates(const std::string& path, std::optional<platform::TimePoint> created,
+                                std::optional<platform::TimePoint> modified) {
+  std::lock_guard lock(mutex_);
+  const bool existed = nodes_.count(path) > 0;
+  auto& node = nodes_[path];
+  if (!existed) node.directory = true;
+  node.created = created;
+  node.modified = modified;
+}
+
+// --- FakeSysctl -------------------------------------------------------------------------------
+
+std::optional<Bytes> FakeSysctl::byName(std::string_view name) const {
+  const auto it = byNameAnswers.find(name);
+  if (it == byNameAnswers.end()) return std::nullopt;
+  return it->second;
+}
+
+std::optional<Bytes> FakeSysctl::byMib(const std::vector<int>& mib) const {
+  const auto it = byMibAnswers.find(mib);
+  if (it == byMibAnswers.end()) return std::nullopt;
+  return it->second;
+}
+
+// --- CapturingSystemLog -----------------------------------------------------------------------
+
+void CapturingSystemLog::write(std::string_view line) noexcept {
+  std::lock_guard lock(mutex_);
+  lines_.emplace_back(line);
+}
+
+std::vector<std::string> CapturingSystemLog::lines() const {
+  std::lock_guard lock(mutex_);
+  return lines_;
+}
+
+std::size_t CapturingSystemLog::count(std::string_view text) const {
+  std::lock_guard lock(mutex_);
+  return static_cast<std::size_t>(std::count_if(lines_.begin(), lines_.end(), [&](const std::string& l) {
+    return l.find(text) != std::string::npos;
+  }));
+}
+
+void CapturingSystemLog::clear() {
+  std::lock_guard lock(mutex_);
+  lines_.clear();
+}
+
+// --- ScriptedRandom ---------------------------------------------------------------------------
+
+int ScriptedRandom::fill(Bytes& out) noexcept {
+  std::lock_guard lock(mutex_);
+  if (failWithError != 0) return failWithError;
+  for (auto& b : out) b = next_++;
+  return 0;
+}
+
+std::uint32_t ScriptedRandom::uniform(std::uint32_t upperBound) noexcept {
+  std::lock_guard lock(mutex_);
+  if (upperBound == 0) return 0;
+  if (uniformValues.empty()) return 0;
+  const std::uint32_t v = uniformValues.front();
+  uniformValues.pop_front();
+  return v % upperBound;
+}
+
+// --- FakeURLSession ---------------------------------------------------------------------------
+
+namespace {
+
+class FakeTask final : public platform::URLSessionTask {
+ public:
+  FakeTask(std::uint64_t id, platform::URLRequest request, FakeURLSession& session,
+           platform::DataTaskCompletion completion)
+      : id_(id), request_(std::move(request)), session_(session), completion_(std::move(completion)) {}
+  std::uint64_t taskIdentifier() const noexcept override { return id_; }
+  const platform::URLRequest& originalRequest() const noexcept override { return request_; }
+  void resume() noexcept override {
+    if (!resumed_.exchange(true)) session_.markStarted(self_.lock(), completion_);
+  }
+  void cancel() noexcept override {}
+  std::string description() const override {
+    return "<FakeTask> { taskIdentifier: " + std::to_string(id_) + " }";
+  }
+  std::weak_ptr<FakeTask> self_;
+
+ private:
+  std::uint64_t id_;
+  platform::URLRequest request_;
+  FakeURLSession& session_;
+  platform::DataTaskCompletion completion_;
+  std::atomic<bool> resumed_{false};
+};
+
+}  // namespace
+
+std::shared_ptr<platform::URLSessionTask> FakeURLSession::dataTask(platform::URLRequest request,
+                                                                   platform::DataTaskCompletion completion) {
+  std::uint64_t id = 0;
+  {
+    std::lock_guard lock(mutex_);
+    id = nextId_++;
+  }
+  auto task = std::make_shared<FakeTask>(id, std::move(request), *this, std::move(completion));
+  task->self_ = task;
+  return task;
+}
+
+std::shared_ptr<platform::URLSessionTask> FakeURLSession::downloadTask(platform::URLRequest request) {
+  return dataTask(std::move(request), {});
+}
+
+void FakeURLSession::markStarted(const std::shared_ptr<platform::URLSessionTask>& task,
+                                 const platform::DataTaskCompletion& completion) {
+  std::lock_guard lock(mutex_);
+  started_.push_back(Started{task, completion});
+}
+
+std::vector<FakeURLSession::Started> FakeURLSession::started() const {
+  std::lock_guard lock(mutex_);
+  return started_;
+}
+
+void FakeURLSession::respond(std::size_t index, long status, const std::string& body,
+                             const std::string& mimeType) {
+  const Started s = started().at(index);
+  platform::URLResponse response;
+  response.url = s.task->originalRequest().url;
+  response.statusCode = status;
+  response.mimeType = mimeType;
+  response.headers = {{"Content-Type", mimeType}};
+  const Bytes bytes(body.begin(), body.end());
+  auto delegate = delegate_;
+  queue_->async([s, response, bytes, delegate] {
+    if (s.completion) {
+      s.completion(bytes, response, std::nullopt);
+    } else if (auto d = delegate.lock()) {
+      d->didFinishDownloadingToPath(*s.task, "/tmp/download");
+      d->didCompleteWithError(*s.task, std::nullopt);
+    }
+  });
+}
+
+void FakeURLSession::fail(std::size_t index, const Error& error) {
+  const Started s = started().at(index);
+  auto delegate = delegate_;
+  queue_->async([s, error, delegate] {
+    if (s.completion) {
+      s.completion(std::nullopt, std::nullopt, error);
+    } else if (auto d = delegate.lock()) {
+      d->didCompleteWithError(*s.task, error);
+    }
+  });
+}
+
+std::shared_ptr<platform::URLSession> FakeURLSessionFactory::sharedSession() {
+  if (!shared_) {
+    shared_ = std::make_shared<FakeURLSession>(dispatcher_->makeSerialQueue("session.callbacks"));
+  }
+  return shared_;
+}
+
+std::shared_ptr<platform::URLSession> FakeURLSessionFactory::backgroundSession(
+    const platform::BackgroundSessionConfiguration& configuration,
+    std::weak_ptr<platform::URLSessionDownloadDelegate> delegate) {
+  background_ = std::make_shared<FakeURLSession>(
+      dispatcher_->makeSerialQueue("background." + configuration.identifier), std::move(delegate));
+  return background_;
+}
+
+}  // namespace quorvel::test

@@ -1,0 +1,109 @@
+#include <openssl/evp.h>
+
+#include <gtest/gtest.h>
+
+#include "log/QuorvelProxyManager.h"
+#include "support/TestPlatform.h"
+#include "util/QuorvelAES128Crypto.h"
+
+namespace quorvel {
+namespace {
+
+// The receiving side, written independently of the library: split the layout, derive the
+// key from the developer key and the trailing salt, decrypt.
+std::optional<Bytes> decryptIndependently(const std::string& devKey, const Bytes& sealed) {
+  if (sealed.size() < 24 + 16) return std::nullopt;
+  const std::size_t n = sealed.size() - 24;
+  const Bytes iv(sealed.begin() + n, sealed.begin() + n + 16);
+  const Bytes salt(sealed.begin() + n + 16, sealed.end());
+  unsigned char key[16];
+  PKCS5_PBKDF2_HMAC(devKey.data(), static_cast<int>(devKey.size()), salt.data(), 8, 10000, EVP_sha1(), 16, key);
+  EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
+  Bytes out(n + 16);
+  int len = 0;
+  int fin = 0;
+  const bool ok = EVP_DecryptInit_ex(ctx, EVP_aes_128_cbc(), nullptr, key, iv.data()) == 1 &&
+                  EVP_DecryptUpdate(ctx, out.data(), &len, sealed.data(), static_cast<int>(n)) == 1 &&
+                  EVP_DecryptFinal_ex(ctx, out.data() + len, &fin) == 1;
+  EVP_CIPHER_CTX_free(ctx);
+  if (!ok) return std::nullopt;
+  out.resize(static_cast<std::size_t>(len + fin));
+  return out;
+}
+
+class CryptoTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fakes.install();
+    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
+  }
+  test::TestPlatform fakes;
+};
+
+TEST_F(CryptoTest, SealedLengthIsPaddedCiphertextPlusIvPlusSalt) {
+  const QuorvelAES128Crypto crypto(std::string("abcdefghijklmnop"), fakes.random);
+  const std::pair<std::size_t, std::size_t> cases[] = {{0, 40}, {1, 40}, {15, 40}, {16, 56}, {17, 56}, {2048, 2088}};
+  for (const auto& [in, out] : cases) {
+    const auto sealed = crypto.encrypt(Bytes(in, 'x'));
+    ASSERT_TRUE(sealed);
+    EXPECT_EQ(sealed->size(), out) << in;
+  }
+}
+
+TEST_F(CryptoTest, ReceiverDecryptsWithTheDeveloperKeyAlone) {
+  for (const std::string key : {"0123456789A", "short", "a much longer developer key \xc3\xa9"}) {
+    const QuorvelAES128Crypto crypto(key, nullptr);
+    const std::string payload = R"({"event":"Launched","counter":"1"})";
+    const auto sealed = crypto.encrypt(Bytes(payload.begin(), payload.end()));
+    ASSERT_TRUE(sealed);
+    const auto plain = decryptIndependently(key, *sealed);
+    ASSERT_TRUE(plain) << key;
+    EXPECT_EQ(std::string(plain->begin(), plain->end()), payload);
+  }
+}
+
+TEST_F(CryptoTest, SaltComesFromLongKeysOnly) {
+  QVSetShowDebugLogs(true);
+  const QuorvelAES128Crypto eleven(std::string("ABCDEFGHIJK"), fakes.random);
+  EXPECT_EQ(eleven.salt(), (Bytes{'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H'}));
+  EXPECT_EQ(fakes.systemLog->count("Wrong Quorvel DevKey length"), 0U);
+
+  const Bytes defaultSalt = {0x66, 0xde, 0x26, 0x42, 0x9f, 0x4b, 0xc5, 0x1d};
+  const QuorvelAES128Crypto ten(std::string("ABCDEFGHIJ"), fakes.random);
+  EXPECT_EQ(ten.salt(), defaultSalt);
+  const QuorvelAES128Crypto none(std::nullopt, fakes.random);
+  EXPECT_EQ(none.salt(), defaultSalt);
+  EXPECT_EQ(fakes.systemLog->count("[ERROR] Quorvel: -[QuorvelAES128Crypto initWithPassword:] Wrong Quorvel DevKey length"), 2U);
+}
+
+TEST_F(CryptoTest, OneObjectUsesOneIvForEveryMessage) {
+  const QuorvelAES128Crypto crypto(std::string("0123456789AB"), fakes.random);
+  const auto a = crypto.encrypt(Bytes{1, 2, 3});
+  const auto b = crypto.encrypt(Bytes(100, 7));
+  ASSERT_TRUE(a && b);
+  EXPECT_TRUE(std::equal(a->end() - 24, a->end(), b->end() - 24));
+  EXPECT_TRUE(std::equal(crypto.iv().begin(), crypto.iv().end(), a->end() - 24));
+  const QuorvelAES128Crypto other(std::string("0123456789AB"), fakes.random);
+  EXPECT_NE(other.iv(), crypto.iv());
+}
+
+TEST_F(CryptoTest, RandomFailureGivesZeroIvAndStillEncrypts) {
+  QVSetShowDebugLogs(true);
+  fakes.random->failWithError = 5;
+  const QuorvelAES128Crypto crypto(std::string("0123456789AB"), fakes.random);
+  EXPECT_EQ(crypto.iv(), Bytes(16, 0));
+  EXPECT_EQ(fakes.systemLog->count("Unable to generate random bytes: 5"), 1U);
+  const auto sealed = crypto.encrypt(Bytes{'x'});
+  ASSERT_TRUE(sealed);
+  EXPECT_EQ(decryptIndependently("0123456789AB", *sealed), Bytes{'x'});
+}
+
+TEST_F(CryptoTest, DerivedKeyMatchesPbkdf2Sha1) {
+  const Bytes salt = {'s', 'a', 'l', 't', 's', 'a', 'l', 't'};
+  unsigned char want[16];
+  PKCS5_PBKDF2_HMAC("password", 8, salt.data(), 8, 10000, EVP_sha1(), 16, want);
+  EXPECT_EQ(QuorvelAES128Crypto::AESKeyForPassword(std::string("password"), salt), Bytes(want, want + 16));
+}
+
+}  // namespace
+}  // namespace quorvel

@@ -1,0 +1,183 @@
+#include <gtest/gtest.h>
+
+#include "log/QuorvelProxyManager.h"
+#include "support/TestPlatform.h"
+#include "util/Base64.h"
+#include "util/QuorvelDictionary.h"
+#include "util/QuorvelUtils.h"
+
+namespace quorvel {
+namespace {
+
+class UtilsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fakes.install();
+    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
+    QuorvelProxyManager::sharedManager().clearData();
+  }
+  test::TestPlatform fakes;
+};
+
+TEST_F(UtilsTest, HashesKeepTheirByteQuirks) {
+  // sha1 hashes as many UTF-8 bytes as the text has UTF-16 units: "é" is 2 bytes, 1 unit.
+  EXPECT_EQ(QuorvelUtils::sha1("\xc3\xa9"), QuorvelUtils::sha1("\xc3"));
+  EXPECT_EQ(QuorvelUtils::sha1("abc"), "a9993e364706816aba3e25717850c26c9cd0d89d");
+  // A character outside the BMP is 4 bytes and 2 units: only 2 bytes are hashed.
+  EXPECT_EQ(QuorvelUtils::sha1("\xf0\x9f\x98\x80"), QuorvelUtils::sha1("\xf0\x9f"));
+  // md5 stops at the first zero byte.
+  EXPECT_EQ(QuorvelUtils::md5(std::string("ab\0cd", 5)), QuorvelUtils::md5("ab"));
+  EXPECT_EQ(QuorvelUtils::md5(""), "d41d8cd98f00b204e9800998ecf8427e");
+  // sha256 takes every byte.
+  EXPECT_EQ(QuorvelUtils::sha256(""), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+  EXPECT_NE(QuorvelUtils::sha256("\xc3\xa9"), QuorvelUtils::sha256("\xc3"));
+}
+
+TEST_F(UtilsTest, ToHexStringZeroesItsInput) {
+  std::uint8_t digest[] = {0x00, 0x7f, 0xff, 0x10};
+  EXPECT_EQ(QuorvelUtils::toHexString(digest, 4), "007fff10");
+  for (const auto b : digest) EXPECT_EQ(b, 0);
+}
+
+TEST_F(UtilsTest, QueryParametersFollowTheUrlsRealParts) {
+  const auto url = Url::parse("myapp://host.example/real/path?a=1&b&c=2=3&path=x&k%20e=v%26w");
+  ASSERT_TRUE(url);
+  const Json params = QuorvelUtils::URLQueryParameters(*url);
+  EXPECT_EQ(params["a"], "1");
+  EXPECT_FALSE(params.contains("b"));
+  EXPECT_EQ(params["c"], "2");
+  EXPECT_EQ(params["path"], "/real/path");
+  EXPECT_EQ(params["k e"], "v&w");
+  EXPECT_EQ(params["scheme"], "myapp");
+  EXPECT_EQ(params["host"], "host.example");
+}
+
+TEST_F(UtilsTest, QueryParametersLaterPieceWins) {
+  const auto params = QuorvelUtils::URLQueryParameters(*Url::parse("https://x.io/?a=1&a=2"));
+  EXPECT_EQ(params["a"], "2");
+}
+
+TEST_F(UtilsTest, HoplinePathNeedsOwnDomainAndTwoSegments) {
+  const std::string own = std::string("https://go.") + kHoplineSchema;
+  const std::pair<Json, std::optional<std::string>> cases[] = {
+      {own + "/abc/xyz", "/shortlink-sdk/v1/abc?id=xyz"},
+      {own + "/abc/xyz?p=1", "/shortlink-sdk/v1/abc?id=xyz"},
+      {own + "/abc", std::nullopt},
+      {own + "/a/b/c", std::nullopt},
+      {"https://other.example/abc/xyz", std::nullopt},
+      {Json(12), std::nullopt},
+      {Json(), std::nullopt},
+  };
+  for (const auto& [link, want] : cases) EXPECT_EQ(QuorvelUtils::getHoplinePath(link), want) << link;
+}
+
+TEST_F(UtilsTest, ValidDeeplinkIsNonBlank) {
+  EXPECT_TRUE(QuorvelUtils::isValidDeeplink("x"));
+  EXPECT_TRUE(QuorvelUtils::isValidDeeplink(" \tx "));
+  EXPECT_FALSE(QuorvelUtils::isValidDeeplink(" \t "));
+  EXPECT_FALSE(QuorvelUtils::isValidDeeplink(""));
+  EXPECT_FALSE(QuorvelUtils::isValidDeeplink(std::nullopt));
+}
+
+TEST_F(UtilsTest, NullsAreRemovedRecursively) {
+  Json d = Json::parse(R"({"a": null, "b": [null, {"c": null, "d": 1}, [null, 2]], "e": {"f": null}})");
+  QuorvelUtils::recursivelyRemoveNulls(d);
+  EXPECT_EQ(d, Json::parse(R"({"b": [{"d": 1}, [2]], "e": {}})"));
+}
+
+TEST_F(UtilsTest, JsonSerialisationRefusesWhatItCannotWrite) {
+  fakes.systemLog->clear();
+  QVSetShowDebugLogs(true);
+  EXPECT_EQ(QuorvelUtils::getJsonStringFromDictionary(Json{{"a", 1}, {"b", "x"}}), R"({"a":1,"b":"x"})");
+  const Json unwritable[] = {
+      Json{{"n", std::numeric_limits<double>::quiet_NaN()}},
+      Json{{"bytes", Json::binary({1, 2})}},
+      Json{{"bad", std::string("\xff")}},
+      Json("not a container"),
+  };
+  for (const auto& v : unwritable) {
+    EXPECT_EQ(QuorvelUtils::getJsonStringFromDictionary(v), std::nullopt);
+    EXPECT_EQ(QuorvelUtils::getJsonDataFromDictionary(v), std::nullopt);
+    EXPECT_EQ(stringify(v), "");
+  }
+  EXPECT_EQ(fakes.systemLog->count("JSON parser failed ex = "), 4U);
+  EXPECT_EQ(fakes.systemLog->count("Cannot serialize: "), 3U);
+  EXPECT_EQ(fakes.systemLog->count("Error serializing JSON for stringify (null)"), 4U);
+  const auto data = QuorvelUtils::getJsonDataFromDictionary(Json{{"k", "v"}});
+  ASSERT_TRUE(data);
+  EXPECT_EQ(std::string(data->begin(), data->end()), R"({"k":"v"})");
+}
+
+TEST_F(UtilsTest, RequestContentBannerByKind) {
+  QVSetShowDebugLogs(true);
+  const std::pair<std::int64_t, const char*> cases[] = {
+      {0, "SEND Track-App-Launch:"}, {1, "SEND Track-Event:"},      {2, "SEND Register-Uninstall:"},
+      {3, "SEND Receipt-Validation:"}, {4, "SEND Stats:"},
+  };
+  for (const auto& [kind, banner] : cases) {
+    fakes.systemLog->clear();
+    QuorvelUtils::logRequestContent(kind, "https://t.example/x", "{}");
+    EXPECT_EQ(fakes.systemLog->count(banner), 1U) << kind;
+  }
+  for (const std::int64_t kind : {7L, -1L}) {
+    fakes.systemLog->clear();
+    QuorvelUtils::logRequestContent(kind, "https://t.example/x", "body");
+    const auto lines = fakes.systemLog->lines();
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_EQ(lines[0].find("SEND"), std::string::npos);
+    const std::string sep = "\n<~+~+~+~+~+~+~+~+~+~+~+~+~+~+~+~+~+~+~~+~>\n";
+    EXPECT_NE(lines[0].find("\n" + sep + "https://t.example/x" + sep + "\nbody\n" + sep), std::string::npos);
+  }
+}
+
+TEST_F(UtilsTest, ParameterDictionaryStoresEmptyForMissing) {
+  QuorvelDictionary d;
+  d.setParameter(std::nullopt, "a");
+  d.setParameter(Json(), "b");
+  d.setParameter(Json(3), "c");
+  EXPECT_EQ(d.dict(), Json::parse(R"({"a": "", "b": "", "c": 3})"));
+}
+
+TEST_F(UtilsTest, DevelopmentPlatformFirstMatchWins) {
+  EXPECT_EQ(QuorvelUtils::develomentPlatformName(*fakes.classRegistry), "iOS_Native");
+  fakes.classRegistry->registerClass("CDVViewController", std::make_shared<platform::ClassMarker>());
+  EXPECT_EQ(QuorvelUtils::develomentPlatformName(*fakes.classRegistry), "iOS_Cordova");
+  fakes.classRegistry->registerClass("RCTView", std::make_shared<platform::ClassMarker>());
+  EXPECT_EQ(QuorvelUtils::develomentPlatformName(*fakes.classRegistry), "iOS_ReactNative");
+  fakes.classRegistry->registerClass("UnityAppController", std::make_shared<platform::ClassMarker>());
+  EXPECT_EQ(QuorvelUtils::develomentPlatformName(*fakes.classRegistry), "iOS_Unity");
+}
+
+TEST_F(UtilsTest, DateFormattersUseTheDeviceZone) {
+  const auto t = std::chrono::system_clock::time_point(std::chrono::seconds(1'493'890'215));  // 09:30:15Z
+  fakes.clock->setGMTOffset(3 * 3600);
+  EXPECT_EQ(QuorvelUtils::getDateFormatter(fakes.clock).stringFromDate(t), "2017-05-04_123015+0300");
+  EXPECT_EQ(QuorvelUtils::getDateFormatterForRemoteDebug(fakes.clock).stringFromDate(t), "2017-05-04 12:30:15");
+  fakes.clock->setGMTOffset(-(9 * 3600 + 30 * 60));
+  EXPECT_EQ(QuorvelUtils::getDateFormatter(fakes.clock).stringFromDate(t), "2017-05-04_000015-0930");
+  EXPECT_EQ(QuorvelUtils::getDateFormatter(fakes.clock).localeIdentifier(), "en_US");
+}
+
+TEST_F(UtilsTest, StoreReceiptReadsTheBundlesFile) {
+  const Platform p = fakes.platform();
+  EXPECT_EQ(QuorvelUtils::getStoreReceipt(p),
+            Json::parse(R"({"data": "-1", "message": "appStoreReceiptURL does not exists."})"));
+  fakes.bundle->receiptPath = "/app/receipt";
+  EXPECT_EQ(QuorvelUtils::getStoreReceipt(p)["data"], "-1");
+  fakes.fileSystem->writeFileAtomically("/app/receipt", Bytes{'a', 'b', 'c', 'd'});
+  EXPECT_EQ(QuorvelUtils::getStoreReceipt(p), Json::parse(R"({"data": {"receipt-data": "YWJjZA=="}})"));
+}
+
+TEST(Base64, StandardAlphabetAndLenientDecoding) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"\xff\xfe\xfd", "//79"}};
+  for (const auto& [plain, encoded] : cases) {
+    EXPECT_EQ(base64Encode(Bytes(plain.begin(), plain.end())), encoded);
+    EXPECT_EQ(base64DecodeLenient(encoded), Bytes(plain.begin(), plain.end()));
+  }
+  EXPECT_EQ(base64DecodeLenient("Zm\n9v!"), (Bytes{'f', 'o', 'o'}));
+  EXPECT_EQ(base64DecodeLenient("Zt4mQp9LxR0=").size(), 8U);
+}
+
+}  // namespace
+}  // namespace quorvel
