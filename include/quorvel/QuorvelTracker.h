@@ -25,6 +25,9 @@
 namespace quorvel {
 
 class QuorvelAES128Crypto;
+class QuorvelKeychainWrapper;
+class QVDateFormatter;
+class QVSDKiAdClient;
 
 // Receiver of attribution callbacks. Each callback is optional: an empty function means the
 // delegate does not respond to it. The tracker holds the delegate weakly.
@@ -130,7 +133,38 @@ class QuorvelTracker {
   void onConversionDataReceived(const Json& installData);
   void onConversionDataRequestFailure(const Error& error);
 
+  // The installation's identifier; made and stored on first use.
+  std::string getQuorvelUID();
+
+  // --- Counters, dates and identity (used while building requests; not for hosts) ------
+  // The launch count, raised first when `increase`.
+  int getCounter(bool increase);
+  // The in-app event count, raised first when `increase`.
+  int getInAppCounter(bool increase);
+  // Moves to the background so far, plus the session in progress.
+  int getRealLaunchCounter();
+  void incrementRealLaunchCounter();
+  std::string getFirstLanuchDate(const QVDateFormatter& formatter);
+  // nullopt when the Library directory's creation date cannot be read.
+  std::optional<std::string> getInstallDate(const QVDateFormatter& formatter);
+  // The creation date of the application's Library directory, read afresh.
+  std::optional<std::chrono::system_clock::time_point> installDate() const;
+  std::optional<std::string> getVersionUpdateDate(const std::optional<std::string>& version,
+                                                  const std::optional<std::string>& currentUpdateDate);
+  // Seconds since the previous launch payload, or -1; records now for the next one.
+  double getTimePassedSinceLastLaunch();
+  std::string generateQuorvelId() const;
+  void setOriginalQuorvelIdToKeychainIfNeeded(const std::string& uid);
+  std::string getOriginalQuorvelId();
+  // Reads the identifier kept in the secure store; true when there is one (and then raises
+  // the reinstall counter).
+  bool getKeychainData();
+  // True when "en0" has a non-loopback IPv4 address.
+  bool isWifiAvailable() const;
+
   // --- Internal collaborators (not for hosts) -----------------------------------------
+  std::shared_ptr<QuorvelKeychainWrapper> keychain();
+  std::shared_ptr<const QVSDKiAdClient> iAdClient() const { return iAdClient_; }
   const Platform& platform() const { return *platform_; }
   std::shared_ptr<const QuorvelAES128Crypto> crypto() const;
   std::shared_ptr<platform::DispatchQueue> backgroundQueue() const { return mBackgroundQueue_; }
@@ -187,7 +221,10 @@ class QuorvelTracker {
   std::optional<std::string> appInviteHoplineID_;
   std::optional<std::chrono::system_clock::time_point> lastLaunchTime_;
 
+  std::shared_ptr<QuorvelKeychainWrapper> keychain_;
+
   std::shared_ptr<platform::DispatchQueue> mBackgroundQueue_;
+  std::shared_ptr<const QVSDKiAdClient> iAdClient_;
 };
 
 // The default service domain of every endpoint.

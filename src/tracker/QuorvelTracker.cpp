@@ -3,6 +3,7 @@
 #include <quorvel/Logger.h>
 #include <quorvel/Version.h>
 
+#include "device/QVSDKiAdClient.h"
 #include "log/Log.h"
 #include "util/NoDestructor.h"
 #include "util/QuorvelAES128Crypto.h"
@@ -40,6 +41,7 @@ QuorvelTracker::QuorvelTracker(std::shared_ptr<const Platform> platform)
   shouldCollectDeviceName_ = true;
   platfromDevName_ = QuorvelUtils::develomentPlatformName(*platform_->classRegistry);
   advertiserId_ = "";
+  iAdClient_ = std::make_shared<const QVSDKiAdClient>(platform_);
   mBackgroundQueue_ = platform_->dispatcher->makeSerialQueue(kSerialQueueLabel);
   // Written through the system log itself, so that it shows even with debugging off.
   platform_->systemLog->write(

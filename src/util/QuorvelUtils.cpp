@@ -9,34 +9,13 @@
 
 #include "log/Log.h"
 #include "util/Base64.h"
+#include "util/Utf8.h"
 
 namespace quorvel {
 
 const char* const kHoplineSchema = "quorvel.link";
 
 namespace {
-
-// Number of UTF-16 code units of UTF-8 text; an invalid byte counts as one unit.
-std::size_t utf16Length(const std::string& text) {
-  std::size_t units = 0;
-  std::size_t i = 0;
-  const auto* s = reinterpret_cast<const unsigned char*>(text.data());
-  while (i < text.size()) {
-    const unsigned char c = s[i];
-    std::size_t len = 1;
-    if (c >= 0xF0 && c <= 0xF4) len = 4;
-    else if (c >= 0xE0) len = 3;
-    else if (c >= 0xC2 && c < 0xE0) len = 2;
-    bool valid = len > 1 && i + len <= text.size();
-    for (std::size_t k = 1; valid && k < len; ++k) {
-      valid = (s[i + k] & 0xC0U) == 0x80U;
-    }
-    if (!valid) len = 1;
-    units += (len == 4) ? 2 : 1;
-    i += len;
-  }
-  return units;
-}
 
 std::string digestHex(const EVP_MD* md, const void* data, std::size_t size) {
   unsigned char digest[EVP_MAX_MD_SIZE];

@@ -77,7 +77,7 @@ TEST_F(PreferencesStoreTest, TypedReadsCoerceLikeThePlatform) {
 TEST_F(PreferencesStoreTest, CorruptFileIsLoggedKeptAsideAndReplaced) {
   QVSetShowDebugLogs(true);
   std::filesystem::create_directories(dir / "Library/Preferences");
-  for (const std::string garbage : {std::string("{\"QuorvelCounter\": 4"), std::string("\0\0\xff", 3), std::string("[1,2]")}) {
+  for (const std::string& garbage : {std::string("{\"QuorvelCounter\": 4"), std::string("\0\0\xff", 3), std::string("[1,2]")}) {
     std::ofstream(file(), std::ios::binary) << garbage;
     fakes.systemLog->clear();
     JsonFilePreferencesStore store(file());

@@ -111,12 +111,9 @@ std::optional<Bytes> LinuxSysctl::byName(std::string_view name) const {
 }
 
 std::optional<Bytes> LinuxSysctl::byMib(const std::vector<int>& mib) const {
-  // {CTL_HW, HW_CPU_FREQ}: the processor frequency in Hz as a 32-bit integer, saturated.
+  // {CTL_HW, HW_CPU_FREQ}: the processor frequency in Hz, 64 bits wide.
   if (mib == std::vector<int>{6, 15}) {
-    if (auto hz = cpuFrequencyHz()) {
-      const auto clamped = static_cast<std::int32_t>(std::min<std::uint64_t>(*hz, INT32_MAX));
-      return bytesOf<std::int32_t>(clamped);
-    }
+    if (auto hz = cpuFrequencyHz()) return bytesOf<std::uint64_t>(*hz);
   }
   return std::nullopt;
 }

@@ -1,0 +1,157 @@
+// Persistent counters and dates of the installation.
+#include <quorvel/QuorvelTracker.h>
+
+#include "log/Log.h"
+#include "tracker/PreferenceKeys.h"
+#include "util/DateFormatter.h"
+
+namespace quorvel {
+namespace {
+
+int clampToInt(std::int64_t v) {
+  return static_cast<int>(std::clamp<std::int64_t>(v, INT32_MIN, INT32_MAX));
+}
+
+}  // namespace
+
+int QuorvelTracker::getCounter(bool increase) {
+  static constexpr const char* kMethod = "-[QuorvelTracker getCounter:]";
+  auto& prefs = *platform_->preferences;
+  qvLog(kLogDebug, kMethod, "increase=%d", increase ? 1 : 0);
+  int value = 0;
+  if (prefs.objectForKey(keys::kCounter)) {
+    value = clampToInt(prefs.integerForKey(keys::kCounter));
+    qvLog(kLogDebug, kMethod, "launch number %d", value);
+  } else {
+    qvLog(kLogDebug, kMethod, "1st launch");
+  }
+  if (increase) {
+    value = value == INT32_MAX ? value : value + 1;
+    prefs.setInteger(keys::kCounter, value);
+    prefs.synchronize();
+    qvLog(kLogDebug, kMethod, "save counter %d", value);
+  }
+  return value;
+}
+
+int QuorvelTracker::getInAppCounter(bool increase) {
+  static constexpr const char* kMethod = "-[QuorvelTracker getInAppCounter:]";
+  auto& prefs = *platform_->preferences;
+  int value = 0;
+  if (prefs.objectForKey(keys::kInAppCounter)) {
+    value = clampToInt(prefs.integerForKey(keys::kInAppCounter));
+    qvLog(kLogDebug, kMethod, "in-app counter %d", value);
+  } else {
+    qvLog(kLogDebug, kMethod, "no in-app yet");
+  }
+  if (increase) {
+    value = value == INT32_MAX ? value : value + 1;
+    prefs.setInteger(keys::kInAppCounter, value);
+    prefs.synchronize();
+  }
+  // Written with or without an increase, unlike the launch counter's line.
+  qvLog(kLogDebug, kMethod, "save in-app counter %d", value);
+  return value;
+}
+
+int QuorvelTracker::getRealLaunchCounter() {
+  auto& prefs = *platform_->preferences;
+  if (!prefs.objectForKey(keys::kRealLaunchCounter)) return 1;
+  const int stored = clampToInt(prefs.integerForKey(keys::kRealLaunchCounter));
+  qvLog(kLogDebug, "-[QuorvelTracker getRealLaunchCounter]",
+        "getRealLaunchCounter real lanunch number %d", stored);
+  return stored == INT32_MAX ? stored : stored + 1;
+}
+
+void QuorvelTracker::incrementRealLaunchCounter() {
+  auto& prefs = *platform_->preferences;
+  int value = 1;
+  if (prefs.objectForKey(keys::kRealLaunchCounter)) {
+    const int stored = clampToInt(prefs.integerForKey(keys::kRealLaunchCounter));
+    value = stored == INT32_MAX ? stored : stored + 1;
+  }
+  qvLog(kLogDebug, "-[QuorvelTracker incrementRealLaunchCounter]",
+        "incrementRealLaunchCounter real lanunch counter after increment = %d", value);
+  prefs.setInteger(keys::kRealLaunchCounter, value);
+  prefs.synchronize();
+}
+
+std::string QuorvelTracker::getFirstLanuchDate(const QVDateFormatter& formatter) {
+  static constexpr const char* kMethod = "-[QuorvelTracker getFirstLanuchDate:]";
+  auto& prefs = *platform_->preferences;
+  std::string value;
+  if (auto stored = prefs.stringForKey(keys::kFirstLaunchDate)) {
+    value = *stored;
+  } else {
+    // Launched before by a version that kept no date: the empty string, for good.
+    if (getCounter(false) <= 1) {
+      qvLog(kLogDebug, kMethod, "first launch detected");
+      value = formatter.stringFromDate(platform_->clock->now());
+    }
+    prefs.setString(keys::kFirstLaunchDate, value);
+    prefs.synchronize();
+  }
+  qvLog(kLogDebug, kMethod, "first launch date: %@", value);
+  return value;
+}
+
+std::optional<std::string> QuorvelTracker::getInstallDate(const QVDateFormatter& formatter) {
+  auto& prefs = *platform_->preferences;
+  if (auto stored = prefs.stringForKey(keys::kInstallDate)) return stored;
+  qvLog(kLogDebug, "-[QuorvelTracker getInstallDate:]", "first installDate detected");
+  const auto created = installDate();
+  if (!created) return std::nullopt;  // unreadable: nothing usable to store
+  std::string text = formatter.stringFromDate(*created);
+  prefs.setString(keys::kInstallDate, text);
+  return text;
+}
+
+std::optional<std::chrono::system_clock::time_point> QuorvelTracker::installDate() const {
+  const auto& fs = *platform_->fileSystem;
+  return fs.creationDate(fs.libraryDirectory());
+}
+
+std::optional<std::string> QuorvelTracker::getVersionUpdateDate(
+    const std::optional<std::string>& version, const std::optional<std::string>& currentUpdateDate) {
+  static constexpr const char* kMethod = "-[QuorvelTracker getVersionUpdateDate:currentUpdateDate:]";
+  auto& prefs = *platform_->preferences;
+  const auto saved = prefs.stringForKey(keys::kLastVersion);
+  qvLog(kLogDebug, kMethod, "saved version: %@", saved);
+  if (saved && saved == version) {
+    qvLog(kLogDebug, kMethod, "use date3 from storage");
+    return prefs.stringForKey(keys::kDate3);
+  }
+  if (saved) {
+    // An update also secures the identifier in the keychain.
+    setOriginalQuorvelIdToKeychainIfNeeded(getQuorvelUID());
+  }
+  qvLog(kLogDebug, kMethod, "new version detected");
+  prefs.setObject(keys::kLastVersion, version ? Json(*version) : Json());
+  prefs.setObject(keys::kDate3, currentUpdateDate ? Json(*currentUpdateDate) : Json());
+  prefs.removeObjectForKey(keys::kConversionDataRequestRetries);
+  return currentUpdateDate;
+}
+
+double QuorvelTracker::getTimePassedSinceLastLaunch() {
+  auto& prefs = *platform_->preferences;
+  const double previous = prefs.doubleForKey(keys::kTimePassedSincePrevLaunch);
+  const double now = platform::secondsSince1970(platform_->clock->now());
+  const double result = previous > 0 ? now - previous : -1;
+  prefs.setDouble(keys::kTimePassedSincePrevLaunch, now);
+  prefs.synchronize();
+  return result;
+}
+
+bool QuorvelTracker::isWifiAvailable() const {
+  qvLog(kLogDebug, "-[QuorvelTracker isWifiAvailable]", "check network");
+  const auto list = platform_->networkInterfaces->addresses();
+  if (!list || list->empty()) return false;
+  for (const auto& a : *list) {
+    if (a.family == platform::InterfaceAddress::Family::ipv4 && !a.isLoopback && a.name == "en0") {
+      return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace quorvel

@@ -1,0 +1,83 @@
+// The installation's identifier and its copy in the secure store.
+#include <quorvel/QuorvelTracker.h>
+
+#include <algorithm>
+
+#include "log/Log.h"
+#include "tracker/PreferenceKeys.h"
+#include "tracker/QuorvelKeychainWrapper.h"
+#include "util/Utf8.h"
+
+namespace quorvel {
+
+std::string QuorvelTracker::generateQuorvelId() const {
+  const auto installed = installDate();
+  const double installSeconds = installed ? platform::secondsSince1970(*installed) : 0.0;
+  const long offset = platform_->clock->secondsFromGMT(platform_->clock->now());
+  const std::string timePart = format("%0.0f", (installSeconds + static_cast<double>(offset)) * 1000.0);
+  const auto number = static_cast<int>(platform_->random->uniform(9'999'999)) + 1;
+  std::string id = format("%@-%i", timePart, number);
+  std::erase(id, '.');
+  return id;
+}
+
+std::string QuorvelTracker::getQuorvelUID() {
+  auto& prefs = *platform_->preferences;
+  if (auto stored = prefs.stringForKey(keys::kUserId); stored && !stored->empty()) return *stored;
+  std::string uid = generateQuorvelId();
+  prefs.setString(keys::kUserId, uid);
+  prefs.synchronize();
+  setOriginalQuorvelIdToKeychainIfNeeded(uid);
+  return uid;
+}
+
+std::shared_ptr<QuorvelKeychainWrapper> QuorvelTracker::keychain() {
+  const auto appId = appleAppID();
+  std::lock_guard lock(fieldsMutex_);
+  if (!keychain_) {
+    keychain_ = std::make_shared<QuorvelKeychainWrapper>(platform_->secureStore,
+                                                         std::string(keys::kKeychainService), appId);
+  }
+  return keychain_;
+}
+
+void QuorvelTracker::setOriginalQuorvelIdToKeychainIfNeeded(const std::string& uid) {
+  if (getKeychainData()) return;
+  auto wrapper = keychain();
+  mBackgroundQueue_->async([wrapper, uid] {
+    // The result is ignored: a failed write leaves the item for a later attempt.
+    wrapper->setObject(keys::kKeychainIdItem, Bytes(uid.begin(), uid.end()));
+  });
+}
+
+std::string QuorvelTracker::getOriginalQuorvelId() {
+  if (auto original = platform_->preferences->stringForKey(keys::kOriginalUserId)) return *original;
+  return getQuorvelUID();
+}
+
+bool QuorvelTracker::getKeychainData() {
+  auto wrapper = keychain();
+  const auto idBytes = wrapper->getObject(keys::kKeychainIdItem);
+  if (!idBytes) return false;
+  const std::string original(idBytes->begin(), idBytes->end());
+  if (!isValidUtf8(original)) return false;
+  auto& prefs = *platform_->preferences;
+  prefs.setString(keys::kOriginalUserId, original);
+
+  long long count = 1;
+  if (const auto counterBytes = wrapper->getObject(keys::kKeychainReinstallCounterItem)) {
+    const long long stored = leadingInteger(std::string_view(
+        reinterpret_cast<const char*>(counterBytes->data()), counterBytes->size()));
+    count = stored == LLONG_MAX ? stored : stored + 1;
+  }
+  prefs.setInteger(keys::kReInstallCounter, count);
+  prefs.synchronize();
+  const std::string text = format("%ld", count);
+  const Bytes data(text.begin(), text.end());
+  if (!wrapper->setObject(keys::kKeychainReinstallCounterItem, data)) {
+    wrapper->update(keys::kKeychainReinstallCounterItem, data);
+  }
+  return true;
+}
+
+}  // namespace quorvel

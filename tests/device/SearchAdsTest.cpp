@@ -1,0 +1,153 @@
+#include <quorvel/platform/SearchAds.h>
+
+#include <deque>
+
+#include <gtest/gtest.h>
+
+#include "device/QVSDKiAdClient.h"
+#include "log/QuorvelProxyManager.h"
+#include "support/TestPlatform.h"
+
+namespace quorvel {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Answers each request with the next scripted answer, at once.
+struct ScriptedAdClient final : platform::SearchAdsClient {
+  struct Answer {
+    std::optional<Json> details;
+    std::optional<Error> error;
+  };
+  std::deque<Answer> answers;
+  int requests = 0;
+  void requestAttributionDetailsWithBlock(platform::AttributionDetailsHandler handler) override {
+    ++requests;
+    const Answer a = answers.empty() ? Answer{std::nullopt, Error{"ADClientError", 0, "not yet"}} : answers.front();
+    if (!answers.empty()) answers.pop_front();
+    handler(a.details, a.error);
+  }
+};
+
+struct ScriptedAdClientClass final : platform::SearchAdsClientClass {
+  std::shared_ptr<ScriptedAdClient> client = std::make_shared<ScriptedAdClient>();
+  bool answersShared = true;
+  std::shared_ptr<platform::SearchAdsClient> sharedClient() override {
+    return answersShared ? client : nullptr;
+  }
+};
+
+class SearchAdsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fakes.install();
+    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
+  }
+  // Starts a request and returns where its results go.
+  std::shared_ptr<std::vector<Json>> request() {
+    auto results = std::make_shared<std::vector<Json>>();
+    client.requestAttributionDetails([results](const Json& r) { results->push_back(r); });
+    return results;
+  }
+  void registerClient() { fakes.classRegistry->registerClass("ADClient", adClass); }
+
+  test::TestPlatform fakes;
+  QVSDKiAdClient client{fakes.shared()};
+  std::shared_ptr<ScriptedAdClientClass> adClass = std::make_shared<ScriptedAdClientClass>();
+};
+
+TEST_F(SearchAdsTest, WithoutTheFrameworkTheErrorComesAfterTwoSeconds) {
+  auto results = request();
+  fakes.dispatcher->advance(1999ms);
+  EXPECT_TRUE(results->empty());
+  fakes.dispatcher->advance(1ms);
+  ASSERT_EQ(results->size(), 1U);
+  EXPECT_EQ((*results)[0], (Json{{"error", "ADClient not loaded"}}));
+  EXPECT_EQ(fakes.dispatcher->ranOn().back(), "global");
+}
+
+TEST_F(SearchAdsTest, ARegisteredClassOfTheWrongKindIsNotLoaded) {
+  fakes.classRegistry->registerClass("ADClient", std::make_shared<platform::ClassMarker>());
+  auto results = request();
+  fakes.dispatcher->advance(2s);
+  EXPECT_EQ(*results, (std::vector<Json>{Json{{"error", "ADClient not loaded"}}}));
+}
+
+TEST_F(SearchAdsTest, ASharedClientThatCannotAnswer) {
+  adClass->answersShared = false;
+  registerClient();
+  auto results = request();
+  fakes.dispatcher->advance(2s);
+  EXPECT_EQ(*results,
+            (std::vector<Json>{Json{{"error", "requestAttributionDetailsWithBlock not respondsToSelector"}}}));
+}
+
+TEST_F(SearchAdsTest, EachKindOfAnswer) {
+  struct Case {
+    std::deque<ScriptedAdClient::Answer> answers;
+    std::vector<Json> want;
+    int requests;
+    std::chrono::seconds when;
+  };
+  const Json details = Json{{"Version3.1", Json{{"iad-attribution", "true"}}}};
+  const std::vector<Case> cases = {
+      {{{details, std::nullopt}}, {details}, 1, 2s},
+      {{{std::nullopt, std::nullopt}}, {}, 1, 2s},  // no error and no details: silence
+      {{{std::nullopt, Error{"ADClientError", 1, "limited ad tracking"}}}, {Json{{"error", "limited ad tracking"}}}, 1, 2s},
+      {{{std::nullopt, Error{"ADClientError", 0, "x"}}, {details, std::nullopt}}, {details}, 2, 4s},
+      {{}, {Json{{"error", "ADClientErrorUnknown"}}}, 4, 8s},  // code 0 every time
+  };
+  for (const auto& c : cases) {
+    test::TestPlatform local;
+    local.install();
+    auto cls = std::make_shared<ScriptedAdClientClass>();
+    cls->client->answers = c.answers;
+    local.classRegistry->registerClass("ADClient", cls);
+    QVSDKiAdClient ads(local.shared());
+    auto results = std::make_shared<std::vector<Json>>();
+    ads.requestAttributionDetails([results](const Json& r) { results->push_back(r); });
+    local.dispatcher->advance(c.when - 1ms);
+    EXPECT_TRUE(results->empty());
+    local.dispatcher->advance(1h);
+    EXPECT_EQ(*results, c.want);
+    EXPECT_EQ(cls->client->requests, c.requests);
+  }
+}
+
+TEST_F(SearchAdsTest, ZeroAttemptsReportsAtOnce) {
+  std::vector<Json> results;
+  client.executeAttributionRequest(0, [&](const Json& r) { results.push_back(r); });
+  EXPECT_EQ(results, (std::vector<Json>{Json{{"error", "ADClientErrorUnknown"}}}));
+}
+
+TEST_F(SearchAdsTest, LinkDependencyLines) {
+  QVSetShowDebugLogs(true);
+  struct Case {
+    bool adSupport, iAd;
+    std::vector<std::string> want;
+  };
+  const Case cases[] = {
+      {false, false, {"AdSupport.framework is missing", "iAd.framework is missing"}},
+      {true, false, {"AdSupport.framework exists", "iAd.framework is missing"}},
+      {false, true, {"AdSupport.framework is missing", "iAd.framework exists"}},
+      {true, true, {"iAd.framework exists"}},
+  };
+  for (const auto& c : cases) {
+    fakes.classRegistry->unregisterClass("ASIdentifierManager");
+    fakes.classRegistry->unregisterClass("ADClient");
+    if (c.adSupport) fakes.classRegistry->registerClass("ASIdentifierManager", std::make_shared<platform::ClassMarker>());
+    if (c.iAd) registerClient();
+    fakes.systemLog->clear();
+    client.printLinkDependances();
+    const auto lines = fakes.systemLog->lines();
+    ASSERT_EQ(lines.size(), c.want.size());
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+      EXPECT_NE(lines[i].find("[DEBUG] Quorvel: -[QVSDKiAdClient printLinkDependances] [QVSDK.iAD]: " + c.want[i]),
+                std::string::npos)
+          << lines[i];
+    }
+  }
+}
+
+}  // namespace
+}  // namespace quorvel

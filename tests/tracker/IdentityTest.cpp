@@ -1,0 +1,142 @@
+#include <quorvel/QuorvelTracker.h>
+
+#include <regex>
+
+#include <gtest/gtest.h>
+
+#include "log/QuorvelProxyManager.h"
+#include "support/TestPlatform.h"
+#include "tracker/PreferenceKeys.h"
+#include "tracker/QuorvelKeychainWrapper.h"
+
+namespace quorvel {
+namespace {
+
+using namespace std::chrono_literals;
+
+Bytes bytes(const std::string& s) { return Bytes(s.begin(), s.end()); }
+
+class IdentityTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fakes.install();
+    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
+    // Installed at 1,700,000,000.5 s; the device is 2 hours east of GMT.
+    fakes.fileSystem->setDates("/app/Library", platform::TimePoint(1'700'000'000'500ms), std::nullopt);
+    fakes.clock->setGMTOffset(7200);
+    tracker = std::make_unique<QuorvelTracker>(fakes.shared());
+  }
+  std::optional<std::string> keychainItem(const char* account) {
+    Bytes out;
+    if (fakes.secureStore->copy(keys::kKeychainService, account, out) != platform::SecureStatus::success) {
+      return std::nullopt;
+    }
+    return std::string(out.begin(), out.end());
+  }
+  test::TestPlatform fakes;
+  std::unique_ptr<QuorvelTracker> tracker;
+};
+
+TEST_F(IdentityTest, IdentifierIsInstallTimePlusOffsetAndARandomNumber) {
+  const std::pair<std::uint32_t, std::string> cases[] = {
+      {0, "1700007200500-1"}, {9'999'998, "1700007200500-9999999"}, {41, "1700007200500-42"}};
+  for (const auto& [draw, want] : cases) {
+    fakes.random->uniformValues.push_back(draw);
+    EXPECT_EQ(tracker->generateQuorvelId(), want);
+  }
+}
+
+TEST_F(IdentityTest, UnreadableInstallDateLeavesOnlyTheOffset) {
+  fakes.fileSystem->setDates("/app/Library", std::nullopt, std::nullopt);
+  fakes.clock->setGMTOffset(-3600);
+  const std::string id = tracker->generateQuorvelId();
+  EXPECT_TRUE(std::regex_match(id, std::regex(R"(-3600000-[1-9][0-9]{0,6})"))) << id;
+  EXPECT_EQ(id.find('.'), std::string::npos);
+}
+
+TEST_F(IdentityTest, FreshInstallMakesStoresAndSecuresTheIdentifier) {
+  fakes.random->uniformValues.push_back(6);
+  const std::string uid = tracker->getQuorvelUID();
+  EXPECT_EQ(uid, "1700007200500-7");
+  EXPECT_EQ(fakes.preferences->stringForKey(keys::kUserId), uid);
+  // The keychain write runs on the serial queue.
+  EXPECT_FALSE(keychainItem(keys::kKeychainIdItem));
+  EXPECT_EQ(fakes.dispatcher->runUntilIdle(), 1U);
+  EXPECT_EQ(fakes.dispatcher->ranOn().back(), "com.quorvel.serial");
+  EXPECT_EQ(keychainItem(keys::kKeychainIdItem), uid);
+  EXPECT_FALSE(fakes.preferences->objectForKey(keys::kOriginalUserId));
+  EXPECT_FALSE(fakes.preferences->objectForKey(keys::kReInstallCounter));
+  // A second call returns the stored value without touching the keychain.
+  EXPECT_EQ(tracker->getQuorvelUID(), uid);
+  EXPECT_EQ(fakes.dispatcher->pendingCount(), 0U);
+  EXPECT_EQ(tracker->getOriginalQuorvelId(), uid);
+}
+
+TEST_F(IdentityTest, EmptyStoredIdentifierIsReplaced) {
+  fakes.preferences->setString(keys::kUserId, "");
+  const std::string uid = tracker->getQuorvelUID();
+  EXPECT_FALSE(uid.empty());
+  EXPECT_EQ(fakes.preferences->stringForKey(keys::kUserId), uid);
+}
+
+TEST_F(IdentityTest, KeychainCopyRaisesTheReinstallCounter) {
+  struct Case {
+    std::optional<std::string> storedCounter;
+    std::int64_t want;
+  };
+  const Case cases[] = {{std::nullopt, 1}, {"3", 4}, {"garbage", 1}, {"41x", 42}};
+  for (const auto& c : cases) {
+    test::TestPlatform local;
+    local.install();
+    local.secureStore->add(keys::kKeychainService, keys::kKeychainIdItem, bytes("1600000000000-5"));
+    if (c.storedCounter) {
+      local.secureStore->add(keys::kKeychainService, keys::kKeychainReinstallCounterItem, bytes(*c.storedCounter));
+    }
+    QuorvelTracker t(local.shared());
+    EXPECT_TRUE(t.getKeychainData());
+    EXPECT_EQ(local.preferences->stringForKey(keys::kOriginalUserId), "1600000000000-5");
+    EXPECT_EQ(local.preferences->integerForKey(keys::kReInstallCounter), c.want);
+    Bytes out;
+    local.secureStore->copy(keys::kKeychainService, keys::kKeychainReinstallCounterItem, out);
+    EXPECT_EQ(std::string(out.begin(), out.end()), std::to_string(c.want));
+    EXPECT_EQ(t.getOriginalQuorvelId(), "1600000000000-5");
+  }
+}
+
+TEST_F(IdentityTest, NoOrUnreadableKeychainCopyMeansNone) {
+  EXPECT_FALSE(tracker->getKeychainData());
+  fakes.secureStore->add(keys::kKeychainService, keys::kKeychainIdItem, Bytes{0xff, 0xfe});
+  EXPECT_FALSE(tracker->getKeychainData());
+  EXPECT_FALSE(fakes.preferences->objectForKey(keys::kOriginalUserId));
+}
+
+TEST_F(IdentityTest, WrapperUsesTheBareServiceNameWhateverTheAppId) {
+  const QuorvelKeychainWrapper wrapper(fakes.secureStore, std::string("com.quorvel.sdk"), std::string("123456"));
+  EXPECT_EQ(wrapper.identifier(), "com.quorvel.sdk");
+  EXPECT_FALSE(wrapper.appId());
+  const auto q = wrapper.prepareForKeychain("KCQuorvelId");
+  EXPECT_EQ(q.service, "com.quorvel.sdk");
+  EXPECT_EQ(q.account, "KCQuorvelId");
+  EXPECT_EQ(q.generic, "KCQuorvelId");
+  EXPECT_TRUE(q.accessible);
+  tracker->setAppleAppID(std::string("123456"));
+  EXPECT_EQ(tracker->keychain()->identifier(), "com.quorvel.sdk");
+}
+
+TEST_F(IdentityTest, WrapperOperations) {
+  QuorvelKeychainWrapper wrapper(fakes.secureStore, std::string("svc"), std::nullopt);
+  EXPECT_FALSE(wrapper.getObject("k"));
+  EXPECT_FALSE(wrapper.update("k", bytes("1")));
+  EXPECT_TRUE(wrapper.setObject("k", bytes("1")));
+  EXPECT_FALSE(wrapper.setObject("k", bytes("2")));
+  EXPECT_TRUE(wrapper.update("k", bytes("2")));
+  EXPECT_EQ(wrapper.getObject("k"), bytes("2"));
+  EXPECT_TRUE(wrapper.remove("k"));
+  EXPECT_FALSE(wrapper.remove("k"));
+  QuorvelKeychainWrapper unnamed(fakes.secureStore, std::nullopt, std::nullopt);
+  EXPECT_FALSE(unnamed.setObject("k", bytes("1")));
+  EXPECT_FALSE(unnamed.getObject("k"));
+}
+
+}  // namespace
+}  // namespace quorvel
