@@ -5,11 +5,14 @@
 
 #include <chrono>
 #include <fstream>
+#include <future>
 #include <iostream>
 #include <sstream>
 #include <thread>
 
 #include "DemoOptions.h"
+#include "device/QVSystemInfo.h"
+#include "util/QuorvelUtils.h"
 
 namespace {
 
@@ -46,6 +49,41 @@ void printConfiguration(const quorvel::QuorvelTracker& t, const quorvel::Platfor
             << "  store receipt           " << p.bundle->appStoreReceiptPath().value_or("(none)") << "\n";
 }
 
+// What the next request would say about this installation and device.
+void printInstallation(quorvel::QuorvelTracker& t, const quorvel::Platform& p) {
+  const auto formatter = quorvel::QuorvelUtils::getDateFormatter(p.clock);
+  // First, as a launch does: a new identifier also looks for the keychain copy.
+  const std::string uid = t.getQuorvelUID();
+  const auto original = p.preferences->stringForKey("QuorvelOriginalUserId");
+  const double previousLaunch = p.preferences->doubleForKey("QuorvelTimePassedSincePrevLaunch");
+  const auto version = p.bundle->objectForInfoDictionaryKey("CFBundleVersion");
+  const auto tmpModified = p.fileSystem->modificationDate(p.fileSystem->temporaryDirectory());
+  const auto date3 = t.getVersionUpdateDate(
+      version && version->is_string() ? std::optional<std::string>(version->get<std::string>()) : std::nullopt,
+      tmpModified ? std::optional<std::string>(formatter.stringFromDate(*tmpModified)) : std::nullopt);
+  const auto reinstalls = p.preferences->objectForKey("QuorvelReInstallCounter");
+  std::cout << "Installation\n"
+            << "  identifier              " << uid << "\n"
+            << "  original identifier     " << original.value_or("(none: first install)") << "\n"
+            << "  reinstall counter       " << (reinstalls ? reinstalls->dump() : "(none)") << "\n"
+            << "  launches so far         " << t.getCounter(false) << "\n"
+            << "  in-app events so far    " << t.getInAppCounter(false) << "\n"
+            << "  session counter         " << t.getRealLaunchCounter() << "\n"
+            << "  install date            " << t.getInstallDate(formatter).value_or("(unknown)") << "\n"
+            << "  first launch date       " << t.getFirstLanuchDate(formatter) << "\n"
+            << "  version update date     " << date3.value_or("(unknown)") << "\n"
+            << "  previous launch         "
+            << (previousLaunch > 0 ? std::to_string(static_cast<long long>(previousLaunch)) + " (Unix s)" : "(none)")
+            << "\n"
+            << "  wifi                    " << (t.isWifiAvailable() ? "true" : "false") << "\n"
+            << "Device\n";
+  const quorvel::Json systemInfo = quorvel::QVSystemInfo::getSystemInfo(p);
+  for (const auto& [key, value] : systemInfo.items()) {
+    std::cout << "  " << key << std::string(key.size() < 24 ? 24 - key.size() : 1, ' ')
+              << value.get<std::string>() << "\n";
+  }
+}
+
 std::vector<std::string> words(const std::string& step) {
   std::istringstream in(step);
   std::vector<std::string> out;
@@ -69,6 +107,16 @@ bool runStep(const std::string& step) {
     }
   }
   return false;
+}
+
+// Waits, with a bound, until the work the library queued so far has run.
+void waitForLibrary(quorvel::QuorvelTracker& tracker) {
+  auto done = std::make_shared<std::promise<void>>();
+  tracker.backgroundQueue()->async([done] { done->set_value(); });
+  if (done->get_future().wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+    std::cerr << "quorvel-demo: the library's queue did not finish within 10 s\n";
+  }
+  tracker.platform().preferences->synchronize();
 }
 
 }  // namespace
@@ -97,6 +145,7 @@ int main(int argc, char** argv) {
   auto& tracker = quorvel::QuorvelTracker::sharedTracker();
   configure(tracker, options);
   printConfiguration(tracker, tracker.platform());
+  printInstallation(tracker, tracker.platform());
 
   for (const auto& step : steps) {
     if (!runStep(step)) {
@@ -104,5 +153,6 @@ int main(int argc, char** argv) {
       return 2;
     }
   }
+  waitForLibrary(tracker);
   return 0;
 }
