@@ -5,11 +5,13 @@
 // defaults, configured by PosixPlatformOptions.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
 
 #include <quorvel/Json.h>
+#include <quorvel/platform/Application.h>
 #include <quorvel/platform/Bundle.h>
 #include <quorvel/platform/ClassRegistry.h>
 #include <quorvel/platform/Clock.h>
@@ -44,6 +46,7 @@ struct Platform {
   std::shared_ptr<platform::ClassRegistry> classRegistry;
   std::shared_ptr<platform::SystemLog> systemLog;
   std::shared_ptr<platform::Random> random;
+  std::shared_ptr<platform::Application> application;
 };
 
 // What the POSIX defaults need to know about the host application. Empty values are
@@ -60,6 +63,12 @@ struct PosixPlatformOptions {
   std::optional<std::string> deviceName;         // default: host name
   std::optional<std::string> systemVersion;      // default: os-release VERSION_ID
   bool multitaskingSupported = true;
+  // Extra CA certificates (PEM) trusted besides the system's, for a local service.
+  std::optional<std::string> extraCAFile;
+  // Requests without a timeout of their own give up after this long.
+  std::chrono::milliseconds requestTimeout{60'000};
+  // Larger responses are cut off and reported as transport failures.
+  std::size_t maxResponseBytes = 4 * 1024 * 1024;
 };
 
 // Builds the POSIX default of every service.

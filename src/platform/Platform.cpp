@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "platform/posix/CurlURLSession.h"
 #include "platform/posix/FileSecureStore.h"
 #include "platform/posix/JsonFilePreferencesStore.h"
 #include "platform/posix/PosixServices.h"
@@ -77,7 +78,15 @@ void fillWithPosixDefaults(Platform& p, const PosixPlatformOptions& options) {
   if (!p.classRegistry) p.classRegistry = std::make_shared<InMemoryClassRegistry>();
   if (!p.systemLog) p.systemLog = std::make_shared<StderrSystemLog>();
   if (!p.random) p.random = std::make_shared<OpenSslRandom>();
-  // URL sessions are filled in by the networking layer.
+  if (!p.application) p.application = std::make_shared<PosixApplication>();
+  if (!p.urlSessions) {
+    CurlSessionOptions curl;
+    curl.extraCAFile = options.extraCAFile;
+    curl.requestTimeout = options.requestTimeout;
+    curl.maxResponseBytes = options.maxResponseBytes;
+    curl.downloadDirectory = p.fileSystem->temporaryDirectory();
+    p.urlSessions = std::make_shared<CurlURLSessionFactory>(std::move(curl));
+  }
 }
 
 }  // namespace platform
@@ -121,6 +130,7 @@ void installPlatform(const Platform& installed) {
     keep(next->classRegistry, previous->classRegistry);
     keep(next->systemLog, previous->systemLog);
     keep(next->random, previous->random);
+    keep(next->application, previous->application);
   }
   platform::fillWithPosixDefaults(*next, platform::defaultPosixOptions());
   std::lock_guard lock(r.mutex);

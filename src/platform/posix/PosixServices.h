@@ -153,6 +153,12 @@ class OpenSslRandom final : public Random {
   std::uint32_t uniform(std::uint32_t upperBound) noexcept override;
 };
 
+class PosixApplication final : public Application {
+ public:
+  BackgroundTaskIdentifier beginBackgroundTask(std::function<void()> expiration) override;
+  void endBackgroundTask(BackgroundTaskIdentifier identifier) override;
+};
+
 // Fills every empty service of `platform` with its POSIX default.
 void fillWithPosixDefaults(Platform& platform, const PosixPlatformOptions& options);
 PosixPlatformOptions defaultPosixOptions();

@@ -1,0 +1,422 @@
+#include "platform/posix/CurlURLSession.h"
+
+#include <curl/curl.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cctype>
+#include <condition_variable>
+#include <deque>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <thread>
+#include <variant>
+
+#include "platform/AtomicFile.h"
+#include "platform/posix/ThreadQueue.h"
+
+namespace quorvel::platform {
+namespace {
+
+constexpr const char* kSystemCABundle = "/etc/ssl/certs/ca-certificates.crt";
+
+void initCurlOnce() {
+  static std::once_flag once;
+  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+}
+
+std::string readWholeFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+// Transport errors as the platform's URL error codes, so that callers can tell them apart.
+Error transportError(CURLcode code, const std::string& detail) {
+  long urlCode = -1;  // unknown
+  switch (code) {
+    case CURLE_OPERATION_TIMEDOUT: urlCode = -1001; break;
+    case CURLE_COULDNT_RESOLVE_HOST:
+    case CURLE_COULDNT_RESOLVE_PROXY: urlCode = -1003; break;
+    case CURLE_COULDNT_CONNECT: urlCode = -1004; break;
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR:
+    case CURLE_PARTIAL_FILE:
+    case CURLE_GOT_NOTHING: urlCode = -1005; break;
+    case CURLE_URL_MALFORMAT:
+    case CURLE_UNSUPPORTED_PROTOCOL: urlCode = -1000; break;
+    case CURLE_SSL_CONNECT_ERROR: urlCode = -1200; break;
+    case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_SSL_CACERT_BADFILE: urlCode = -1202; break;
+    case CURLE_WRITE_ERROR:
+    case CURLE_FILESIZE_EXCEEDED: urlCode = -1103; break;  // resource exceeds maximum size
+    case CURLE_ABORTED_BY_CALLBACK: urlCode = -999; break;  // cancelled
+    default: break;
+  }
+  std::string text = detail.empty() ? std::string(curl_easy_strerror(code)) : detail;
+  return Error{kURLErrorDomain, urlCode, std::move(text)};
+}
+
+class CurlTask final : public URLSessionTask, public std::enable_shared_from_this<CurlTask> {
+ public:
+  CurlTask(std::uint64_t id, URLRequest request, std::weak_ptr<CurlURLSession> session,
+           DataTaskCompletion completion, bool download)
+      : id_(id),
+        request_(std::move(request)),
+        session_(std::move(session)),
+        completion_(std::move(completion)),
+        download_(download) {}
+
+  std::uint64_t taskIdentifier() const noexcept override { return id_; }
+  const URLRequest& originalRequest() const noexcept override { return request_; }
+  void resume() noexcept override;
+  void cancel() noexcept override;
+  std::string description() const override {
+    return std::string(download_ ? "<__NSCFBackgroundDownloadTask" : "<__NSCFLocalDataTask") +
+           ">{ taskIdentifier: " + std::to_string(id_) + " }";
+  }
+
+  const DataTaskCompletion& completion() const { return completion_; }
+  bool isDownload() const { return download_; }
+  std::atomic<bool> cancelled{false};
+
+ private:
+  std::uint64_t id_;
+  URLRequest request_;
+  std::weak_ptr<CurlURLSession> session_;
+  DataTaskCompletion completion_;
+  bool download_;
+  std::atomic<bool> resumed_{false};
+};
+
+}  // namespace
+
+// One session: a worker thread, a multi handle, a callback queue.
+class CurlURLSession final : public URLSession, public std::enable_shared_from_this<CurlURLSession> {
+ public:
+  CurlURLSession(CurlSessionOptions options, std::string label,
+                 std::weak_ptr<URLSessionDownloadDelegate> delegate)
+      : options_(std::move(options)),
+        delegate_(std::move(delegate)),
+        callbacks_(std::make_shared<ThreadQueue>(label + ".callbacks", 1, "quorvel.http.cb")) {
+    initCurlOnce();
+    multi_ = curl_multi_init();
+    if (options_.extraCAFile) {
+      // The system's CAs and the extra ones, as one in-memory bundle.
+      caBundle_ = readWholeFile(kSystemCABundle) + "\n" + readWholeFile(*options_.extraCAFile);
+    }
+    worker_ = std::thread([this] { run(); });
+    pthread_setname_np(worker_.native_handle(), "quorvel.http");
+  }
+
+  ~CurlURLSession() override {
+    {
+      std::lock_guard lock(mutex_);
+      stopping_ = true;
+    }
+    wake();
+    if (worker_.joinable()) {
+      if (worker_.get_id() == std::this_thread::get_id()) {
+        worker_.detach();
+      } else {
+        worker_.join();
+      }
+    }
+  }
+
+  std::shared_ptr<URLSessionTask> dataTask(URLRequest request, DataTaskCompletion completion) override {
+    return std::make_shared<CurlTask>(nextId_++, std::move(request), weak_from_this(), std::move(completion), false);
+  }
+
+  std::shared_ptr<URLSessionTask> downloadTask(URLRequest request) override {
+    return std::make_shared<CurlTask>(nextId_++, std::move(request), weak_from_this(), DataTaskCompletion{}, true);
+  }
+
+  std::shared_ptr<DispatchQueue> delegateQueue() override { return callbacks_; }
+
+  void start(std::shared_ptr<CurlTask> task) {
+    {
+      std::lock_guard lock(mutex_);
+      if (stopping_) return;
+      pending_.push_back(std::move(task));
+    }
+    wake();
+  }
+
+ private:
+  struct Transfer {
+    std::shared_ptr<CurlTask> task;
+    CURL* easy = nullptr;
+    curl_slist* headers = nullptr;
+    std::string body;
+    HeaderList responseHeaders;
+    bool tooLarge = false;
+    std::size_t limit = 0;
+    char errorBuffer[CURL_ERROR_SIZE] = {};
+  };
+
+  static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* user) {
+    auto* t = static_cast<Transfer*>(user);
+    const std::size_t n = size * count;
+    if (t->body.size() + n > t->limit) {
+      t->tooLarge = true;
+      return 0;  // makes curl fail the transfer with a write error
+    }
+    t->body.append(data, n);
+    return n;
+  }
+
+  static std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* user) {
+    auto* t = static_cast<Transfer*>(user);
+    const std::size_t n = size * count;
+    std::string line(data, n);
+    if (line.rfind("HTTP/", 0) == 0) {
+      t->responseHeaders.clear();  // a new response (after a redirect or 100-continue)
+      return n;
+    }
+    const auto colon = line.find(':');
+    if (colon != std::string::npos && t->responseHeaders.size() < 200) {
+      std::string value = line.substr(colon + 1);
+      const auto first = value.find_first_not_of(" \t");
+      const auto last = value.find_last_not_of(" \t\r\n");
+      value = first == std::string::npos ? std::string() : value.substr(first, last - first + 1);
+      t->responseHeaders.emplace_back(line.substr(0, colon), value);
+    }
+    return n;
+  }
+
+  void wake() {
+    cv_.notify_all();
+    if (multi_ != nullptr) curl_multi_wakeup(multi_);
+  }
+
+  void addTransfer(const std::shared_ptr<CurlTask>& task) {
+    auto t = std::make_unique<Transfer>();
+    t->task = task;
+    t->limit = options_.maxResponseBytes;
+    CURL* e = curl_easy_init();
+    if (e == nullptr) {
+      deliver(*t, transportError(CURLE_OUT_OF_MEMORY, ""));
+      return;
+    }
+    t->easy = e;
+    const URLRequest& r = task->originalRequest();
+    curl_easy_setopt(e, CURLOPT_URL, r.url.c_str());
+    curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "https,http");
+    curl_easy_setopt(e, CURLOPT_SSL_VERIFYPEER, 1L);
+    curl_easy_setopt(e, CURLOPT_SSL_VERIFYHOST, 2L);
+    if (!caBundle_.empty()) {
+      curl_blob blob{caBundle_.data(), caBundle_.size(), CURL_BLOB_NOCOPY};
+      curl_easy_setopt(e, CURLOPT_CAINFO_BLOB, &blob);
+    }
+    const auto timeout = r.timeout.value_or(options_.requestTimeout);
+    curl_easy_setopt(e, CURLOPT_TIMEOUT_MS, static_cast<long>(timeout.count()));
+    curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(std::min<long long>(timeout.count(), 30'000)));
+    curl_easy_setopt(e, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(e, CURLOPT_MAXREDIRS, 5L);
+    curl_easy_setopt(e, CURLOPT_ACCEPT_ENCODING, "");
+    curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, &CurlURLSession::onBody);
+    curl_easy_setopt(e, CURLOPT_WRITEDATA, t.get());
+    curl_easy_setopt(e, CURLOPT_HEADERFUNCTION, &CurlURLSession::onHeader);
+    curl_easy_setopt(e, CURLOPT_HEADERDATA, t.get());
+    curl_easy_setopt(e, CURLOPT_ERRORBUFFER, t->errorBuffer);
+    curl_easy_setopt(e, CURLOPT_PRIVATE, t.get());
+    if (r.method == "GET") {
+      curl_easy_setopt(e, CURLOPT_HTTPGET, 1L);
+    } else {
+      curl_easy_setopt(e, CURLOPT_POST, 1L);
+      curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(r.body.size()));
+      curl_easy_setopt(e, CURLOPT_POSTFIELDS, r.body.empty() ? "" : reinterpret_cast<const char*>(r.body.data()));
+      if (r.method != "POST") curl_easy_setopt(e, CURLOPT_CUSTOMREQUEST, r.method.c_str());
+    }
+    // No "Expect: 100-continue" round trip for our small bodies.
+    t->headers = curl_slist_append(t->headers, "Expect:");
+    for (const auto& [name, value] : r.headers) {
+      const std::string line = name + ": " + value;
+      t->headers = curl_slist_append(t->headers, line.c_str());
+    }
+    curl_easy_setopt(e, CURLOPT_HTTPHEADER, t->headers);
+    if (curl_multi_add_handle(multi_, e) != CURLM_OK) {
+      deliver(*t, transportError(CURLE_FAILED_INIT, "cannot start the transfer"));
+      release(*t);
+      return;
+    }
+    active_[e] = std::move(t);
+  }
+
+  void release(Transfer& t) {
+    if (t.easy != nullptr) {
+      curl_multi_remove_handle(multi_, t.easy);
+      curl_easy_cleanup(t.easy);
+      t.easy = nullptr;
+    }
+    curl_slist_free_all(t.headers);
+    t.headers = nullptr;
+  }
+
+  void finish(CURL* easy, CURLcode code) {
+    const auto it = active_.find(easy);
+    if (it == active_.end()) return;
+    std::unique_ptr<Transfer> t = std::move(it->second);
+    active_.erase(it);
+    if (code != CURLE_OK) {
+      const std::string detail = t->tooLarge ? "the response exceeds " + std::to_string(t->limit) + " bytes"
+                                             : std::string(t->errorBuffer);
+      deliver(*t, transportError(t->tooLarge ? CURLE_FILESIZE_EXCEEDED : code, detail));
+    } else {
+      URLResponse response;
+      long status = 0;
+      curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+      char* effective = nullptr;
+      curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &effective);
+      response.statusCode = status;
+      response.url = effective != nullptr ? effective : t->task->originalRequest().url;
+      response.headers = t->responseHeaders;
+      for (const auto& [name, value] : response.headers) {
+        std::string lower = name;
+        std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
+        if (lower == "content-type") {
+          std::string mime = value.substr(0, value.find(';'));
+          mime.erase(mime.find_last_not_of(" \t") + 1);
+          std::transform(mime.begin(), mime.end(), mime.begin(), [](unsigned char c) { return std::tolower(c); });
+          response.mimeType = mime;
+        }
+      }
+      deliver(*t, response);
+    }
+    release(*t);
+  }
+
+  // Hands the outcome to the callback queue. Cancelled tasks are told nothing.
+  void deliver(Transfer& t, const std::variant<URLResponse, Error>& outcome) {
+    if (t.task->cancelled) return;
+    auto task = t.task;
+    Bytes body(t.body.begin(), t.body.end());
+    auto delegate = delegate_;
+    const std::string downloadDir = options_.downloadDirectory;
+    callbacks_->async([task, outcome, body = std::move(body), delegate, downloadDir]() mutable {
+      if (!task->isDownload()) {
+        if (!task->completion()) return;
+        if (const auto* response = std::get_if<URLResponse>(&outcome)) {
+          task->completion()(body, *response, std::nullopt);
+        } else {
+          task->completion()(std::nullopt, std::nullopt, std::get<Error>(outcome));
+        }
+        return;
+      }
+      const auto d = delegate.lock();
+      if (!d) return;
+      if (std::holds_alternative<URLResponse>(outcome)) {
+        const std::string path = downloadDir + "/quorvel-download-" + std::to_string(getpid()) + "-" +
+                                 std::to_string(task->taskIdentifier());
+        writeFileAtomically(path, body, {}, nullptr);
+        d->didFinishDownloadingToPath(*task, path);
+        ::unlink(path.c_str());  // the file is only valid during the call, as on the platform
+        d->didCompleteWithError(*task, std::nullopt);
+      } else {
+        d->didCompleteWithError(*task, std::get<Error>(outcome));
+      }
+    });
+  }
+
+  void run() {
+    while (true) {
+      std::vector<std::shared_ptr<CurlTask>> incoming;
+      {
+        std::unique_lock lock(mutex_);
+        // Idle: sleep until a task arrives; nothing polls.
+        cv_.wait(lock, [&] { return stopping_ || !pending_.empty() || !active_.empty(); });
+        if (stopping_) break;
+        incoming.assign(pending_.begin(), pending_.end());
+        pending_.clear();
+      }
+      for (const auto& task : incoming) {
+        if (!task->cancelled) addTransfer(task);
+      }
+      int running = 0;
+      curl_multi_perform(multi_, &running);
+      int queued = 0;
+      while (CURLMsg* msg = curl_multi_info_read(multi_, &queued)) {
+        if (msg->msg == CURLMSG_DONE) finish(msg->easy_handle, msg->data.result);
+      }
+      cancelRequested();
+      if (!active_.empty()) {
+        curl_multi_poll(multi_, nullptr, 0, 1000, nullptr);
+      }
+    }
+    for (auto& [easy, t] : active_) release(*t);
+    active_.clear();
+    curl_multi_cleanup(multi_);
+    multi_ = nullptr;
+  }
+
+  void cancelRequested() {
+    for (auto it = active_.begin(); it != active_.end();) {
+      if (it->second->task->cancelled) {
+        release(*it->second);
+        it = active_.erase(it);
+      } else {
+        ++it;
+      }
+    }
+  }
+
+  CurlSessionOptions options_;
+  std::weak_ptr<URLSessionDownloadDelegate> delegate_;
+  std::shared_ptr<ThreadQueue> callbacks_;
+  std::string caBundle_;
+  CURLM* multi_ = nullptr;
+  std::atomic<std::uint64_t> nextId_{1};
+  std::mutex mutex_;
+  std::condition_variable cv_;
+  std::deque<std::shared_ptr<CurlTask>> pending_;
+  bool stopping_ = false;
+  std::map<CURL*, std::unique_ptr<Transfer>> active_;  // worker thread only
+  std::thread worker_;
+};
+
+namespace {
+
+void CurlTask::resume() noexcept {
+  if (resumed_.exchange(true)) return;
+  if (auto session = session_.lock()) {
+    try {
+      session->start(shared_from_this());
+    } catch (...) {
+      // Not owned by a shared_ptr: nothing to start.
+    }
+  }
+}
+
+void CurlTask::cancel() noexcept {
+  cancelled = true;
+}
+
+}  // namespace
+
+}  // namespace quorvel::platform
+
+namespace quorvel::platform {
+
+CurlURLSessionFactory::CurlURLSessionFactory(CurlSessionOptions options) : options_(std::move(options)) {}
+
+std::shared_ptr<URLSession> CurlURLSessionFactory::sharedSession() {
+  std::lock_guard lock(mutex_);
+  if (!shared_) shared_ = makeCurlURLSession(options_, "com.quorvel.session.shared");
+  return shared_;
+}
+
+std::shared_ptr<URLSession> CurlURLSessionFactory::backgroundSession(
+    const BackgroundSessionConfiguration& configuration, std::weak_ptr<URLSessionDownloadDelegate> delegate) {
+  return makeCurlURLSession(options_, configuration.identifier, std::move(delegate));
+}
+
+std::shared_ptr<URLSession> makeCurlURLSession(const CurlSessionOptions& options, std::string label,
+                                               std::weak_ptr<URLSessionDownloadDelegate> delegate) {
+  return std::make_shared<CurlURLSession>(options, std::move(label), std::move(delegate));
+}
+
+}  // namespace quorvel::platform

@@ -1,0 +1,163 @@
+// The libcurl session against a real HTTPS server on loopback.
+#include <future>
+
+#include <gtest/gtest.h>
+
+#include "platform/posix/CurlURLSession.h"
+#include "support/TlsTestServer.h"
+
+namespace quorvel::platform {
+namespace {
+
+using namespace std::chrono_literals;
+
+struct Outcome {
+  std::optional<Bytes> body;
+  std::optional<URLResponse> response;
+  std::optional<Error> error;
+  bool onCallbackQueue = false;
+};
+
+class CurlSessionTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<URLSession> session(std::chrono::milliseconds timeout = 10s, std::size_t maxBytes = 1 << 20) {
+    CurlSessionOptions options;
+    options.extraCAFile = server.caFile();
+    options.requestTimeout = timeout;
+    options.maxResponseBytes = maxBytes;
+    return makeCurlURLSession(options, "test");
+  }
+  Outcome run(URLSession& s, URLRequest request) {
+    auto promise = std::make_shared<std::promise<Outcome>>();
+    auto queue = s.delegateQueue();
+    auto task = s.dataTask(std::move(request), [promise, queue](const auto& body, const auto& response, const auto& error) {
+      promise->set_value(Outcome{body, response, error, queue->isCurrent()});
+    });
+    task->resume();
+    auto future = promise->get_future();
+    EXPECT_EQ(future.wait_for(30s), std::future_status::ready);
+    return future.get();
+  }
+  test::TlsTestServer server{{"t.localhost", "events.localhost"}};
+};
+
+TEST_F(CurlSessionTest, PostReachesTheServerAndTheAnswerComesBackOnTheCallbackQueue) {
+  server.onRequest([](const httplib::Request& req, httplib::Response& res) {
+    res.status = 201;
+    res.set_header("X-Echo", req.get_header_value("Content-Type"));
+    res.set_content(req.body, "application/json; charset=utf-8");
+  });
+  auto s = session();
+  URLRequest request;
+  request.url = "https://t." + server.domain() + "/api/v4.8/iosevent?app_id=1";
+  request.method = "POST";
+  request.headers = {{"Content-Type", "application/octet-stream"}};
+  request.body = Bytes{'{', '}', 0, 0xff};
+  const Outcome o = run(*s, request);
+  ASSERT_FALSE(o.error) << o.error->localizedDescription;
+  EXPECT_TRUE(o.onCallbackQueue);
+  EXPECT_EQ(o.response->statusCode, 201);
+  EXPECT_EQ(o.response->mimeType, "application/json");
+  EXPECT_EQ(o.body, request.body);
+  const auto received = server.received();
+  ASSERT_EQ(received.size(), 1U);
+  EXPECT_EQ(received[0].host, "t." + server.domain());
+  EXPECT_EQ(received[0].target, "/api/v4.8/iosevent?app_id=1");
+  bool echoed = false;
+  for (const auto& [k, v] : o.response->headers) echoed = echoed || (k == "X-Echo" && v == "application/octet-stream");
+  EXPECT_TRUE(echoed);
+}
+
+TEST_F(CurlSessionTest, TransportFailuresAreErrorsNotResponses) {
+  auto s = session(300ms, 1024);
+  server.onRequest([](const httplib::Request& req, httplib::Response& res) {
+    if (req.path == "/slow") std::this_thread::sleep_for(1500ms);  // the server side is slow, not the test
+    res.set_content(std::string(req.path == "/big" ? 100'000 : 2, 'x'), "text/plain");
+  });
+  struct Case {
+    std::string url;
+    long code;
+  };
+  const Case cases[] = {
+      {"https://localhost:1/", -1004},                        // refused
+      {"https://t." + server.domain() + "/slow", -1001},      // timeout
+      {"https://t." + server.domain() + "/big", -1103},       // over the size cap
+      {"https://other.localhost:" + std::to_string(server.port()) + "/", -1202},  // name not in the certificate
+  };
+  for (const auto& c : cases) {
+    URLRequest r;
+    r.url = c.url;
+    const Outcome o = run(*s, r);
+    ASSERT_TRUE(o.error) << c.url;
+    EXPECT_EQ(o.error->code, c.code) << c.url << ": " << o.error->localizedDescription;
+    EXPECT_EQ(o.error->domain, kURLErrorDomain);
+    EXPECT_FALSE(o.response);
+  }
+}
+
+TEST_F(CurlSessionTest, UntrustedServerIsRefused) {
+  CurlSessionOptions options;  // no extra CA: the test CA is unknown
+  auto s = makeCurlURLSession(options, "untrusted");
+  URLRequest r;
+  r.url = "https://localhost:" + std::to_string(server.port()) + "/";
+  const Outcome o = run(*s, r);
+  ASSERT_TRUE(o.error);
+  EXPECT_EQ(o.error->code, -1202);
+  EXPECT_TRUE(server.received().empty());
+}
+
+// Records download outcomes.
+struct RecordingDelegate final : URLSessionDownloadDelegate {
+  std::mutex m;
+  std::vector<std::string> events;
+  std::promise<void> done;
+  void didFinishDownloadingToPath(URLSessionTask& task, const std::string& path) override {
+    std::lock_guard l(m);
+    std::ifstream in(path);
+    std::string content((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    events.push_back("finished " + std::to_string(task.taskIdentifier()) + " " + content);
+  }
+  void didCompleteWithError(URLSessionTask&, const std::optional<Error>& error) override {
+    std::lock_guard l(m);
+    events.push_back(error ? "error " + std::to_string(error->code) : "complete");
+    done.set_value();
+  }
+};
+
+TEST_F(CurlSessionTest, DownloadTasksReportToTheDelegate) {
+  server.onRequest([](const httplib::Request&, httplib::Response& res) { res.set_content("ok", "text/plain"); });
+  CurlSessionOptions options;
+  options.extraCAFile = server.caFile();
+  auto delegate = std::make_shared<RecordingDelegate>();
+  auto s = makeCurlURLSession(options, "com.quorvel.sdk", delegate);
+  URLRequest r;
+  r.url = "https://localhost:" + std::to_string(server.port()) + "/remote-debug";
+  r.method = "POST";
+  r.body = Bytes{'h', 'i'};
+  auto task = s->downloadTask(r);
+  task->resume();
+  ASSERT_EQ(delegate->done.get_future().wait_for(30s), std::future_status::ready);
+  std::lock_guard l(delegate->m);
+  EXPECT_EQ(delegate->events, (std::vector<std::string>{"finished " + std::to_string(task->taskIdentifier()) + " ok", "complete"}));
+  EXPECT_EQ(server.received().at(0).body, "hi");
+}
+
+TEST_F(CurlSessionTest, ShutdownWithRequestsInFlightNeitherCrashesNorHangs) {
+  server.onRequest([](const httplib::Request&, httplib::Response& res) {
+    std::this_thread::sleep_for(300ms);
+    res.set_content("{}", "application/json");
+  });
+  std::atomic<int> completions{0};
+  {
+    auto s = session();
+    for (int i = 0; i < 5; ++i) {
+      URLRequest r;
+      r.url = "https://localhost:" + std::to_string(server.port()) + "/";
+      s->dataTask(r, [&](const auto&, const auto&, const auto&) { ++completions; })->resume();
+    }
+  }
+  SUCCEED();
+}
+
+}  // namespace
+}  // namespace quorvel::platform
