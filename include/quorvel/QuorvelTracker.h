@@ -28,6 +28,9 @@ class QuorvelAES128Crypto;
 class QuorvelKeychainWrapper;
 class QVDateFormatter;
 class QVSDKiAdClient;
+class QuorvelHTTPClient;
+class QuorvelRequestCache;
+class QuorvelRequestCacheData;
 
 // Receiver of attribution callbacks. Each callback is optional: an empty function means the
 // delegate does not respond to it. The tracker holds the delegate weakly.
@@ -47,7 +50,10 @@ class QuorvelTracker {
 
   // Builds a tracker on `platform`. For tests and embedders that need their own graph;
   // hosts use sharedTracker().
-  explicit QuorvelTracker(std::shared_ptr<const Platform> platform);
+  // `cache` holds this tracker's failed requests; nullptr gives the tracker a cache of its own
+  // in the platform's caches directory.
+  explicit QuorvelTracker(std::shared_ptr<const Platform> platform,
+                          std::shared_ptr<QuorvelRequestCache> cache = nullptr);
   ~QuorvelTracker();
   QuorvelTracker(const QuorvelTracker&) = delete;
   QuorvelTracker& operator=(const QuorvelTracker&) = delete;
@@ -162,7 +168,14 @@ class QuorvelTracker {
   // True when "en0" has a non-loopback IPv4 address.
   bool isWifiAvailable() const;
 
+  // Uploads a remote-debugging document to the service's debugging endpoint.
+  void remoteDebuggingCallWithData(const std::string& data);
+
   // --- Internal collaborators (not for hosts) -----------------------------------------
+  std::shared_ptr<QuorvelHTTPClient> httpClient() const { return httpClient_; }
+  std::shared_ptr<QuorvelRequestCache> requestCache() const { return requestCache_; }
+  // Hands a cached request to the HTTP client unchanged, marked as coming from the cache.
+  void sendRequestFromCache(const QuorvelRequestCacheData& request);
   std::shared_ptr<QuorvelKeychainWrapper> keychain();
   std::shared_ptr<const QVSDKiAdClient> iAdClient() const { return iAdClient_; }
   const Platform& platform() const { return *platform_; }
@@ -225,6 +238,10 @@ class QuorvelTracker {
 
   std::shared_ptr<platform::DispatchQueue> mBackgroundQueue_;
   std::shared_ptr<const QVSDKiAdClient> iAdClient_;
+  std::shared_ptr<QuorvelRequestCache> requestCache_;
+  std::shared_ptr<QuorvelHTTPClient> httpClient_;
+  // Cleared when the tracker goes, so that a late replay of its own cache finds no tracker.
+  std::shared_ptr<std::atomic<QuorvelTracker*>> self_;
 };
 
 // The default service domain of every endpoint.

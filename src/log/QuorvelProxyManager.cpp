@@ -2,8 +2,10 @@
 
 #include <quorvel/Logger.h>
 #include <quorvel/Platform.h>
+#include <quorvel/QuorvelTracker.h>
 #include <quorvel/RemoteDebugging.h>
 
+#include "tracker/PreferenceKeys.h"
 #include "util/DateFormatter.h"
 #include "util/NoDestructor.h"
 #include "util/QuorvelUtils.h"
@@ -59,6 +61,95 @@ std::vector<std::string> QuorvelProxyManager::events() const {
   std::lock_guard guard(lock_);
   return events_;
 }
+
+namespace {
+// A value the platform dictionary could not hold is left out.
+void putIfPresent(Json& dict, const char* key, const std::optional<std::string>& value) {
+  if (value) dict[key] = *value;
+}
+}  // namespace
+
+void QuorvelProxyManager::setDeviceDataWithModel(const std::optional<std::string>& model,
+                                                 const std::optional<std::string>& osVersion,
+                                                 const std::optional<std::string>& advId) {
+  std::lock_guard guard(lock_);
+  proxyRdDict_[QVRemoteDebuggingDeviceDataBrand] = "Apple";
+  putIfPresent(proxyRdDict_, QVRemoteDebuggingDeviceDataModel, model);
+  proxyRdDict_[QVRemoteDebuggingDeviceDataPlatformName] = "iOS";
+  putIfPresent(proxyRdDict_, QVRemoteDebuggingDeviceDataPlatformVersion, osVersion);
+  putIfPresent(proxyRdDict_, QVRemoteDebuggingDeviceDataAdvertisingID, advId);
+}
+
+void QuorvelProxyManager::setSDKDataWithVersion(const std::optional<std::string>& version,
+                                                const std::optional<std::string>& devKey,
+                                                const std::optional<std::string>& originalQVUID,
+                                                const std::optional<std::string>& qvuid,
+                                                const std::optional<Json>& launchCounter) {
+  std::lock_guard guard(lock_);
+  putIfPresent(proxyRdDict_, QVRemoteDebuggingSdkDataSdkVersion, version);
+  putIfPresent(proxyRdDict_, QVRemoteDebuggingSdkDataDevKey, devKey);
+  putIfPresent(proxyRdDict_, QVRemoteDebuggingSdkDataOriginalQVUID, originalQVUID);
+  putIfPresent(proxyRdDict_, QVRemoteDebuggingSdkDataQVUID, qvuid);
+  if (launchCounter) proxyRdDict_[QVRemoteDebuggingSdkDataLaunchCounter] = *launchCounter;
+}
+
+void QuorvelProxyManager::setAppDataWithAppId(const std::optional<std::string>& appId,
+                                              const std::optional<std::string>& appVersion) {
+  std::lock_guard guard(lock_);
+  putIfPresent(proxyRdDict_, QVRemoteDebuggingAppDataAppId, appId);
+  putIfPresent(proxyRdDict_, QVRemoteDebuggingAppDataAppVersion, appVersion);
+}
+
+Json QuorvelProxyManager::proxyRdDict() const {
+  std::lock_guard guard(lock_);
+  return proxyRdDict_;
+}
+
+void QuorvelProxyManager::loadStaticData(QuorvelTracker& tracker) {
+  const Platform& p = tracker.platform();
+  auto& prefs = *p.preferences;
+  const auto stored = prefs.objectForKey(QVRemoteDebuggingStaticDataKey);
+  const auto counter = prefs.objectForKey(keys::kCounter);
+  if (stored && stored->is_object()) {
+    std::lock_guard guard(lock_);
+    for (const auto& [k, v] : stored->items()) proxyRdDict_[k] = v;
+    if (counter) {
+      proxyRdDict_[QVRemoteDebuggingSdkDataLaunchCounter] = *counter;
+    } else {
+      proxyRdDict_.erase(QVRemoteDebuggingSdkDataLaunchCounter);
+    }
+    return;
+  }
+  const auto original = prefs.stringForKey(keys::kOriginalUserId);
+  const std::string uid = tracker.getQuorvelUID();
+  setDeviceDataWithModel(p.device->model(), p.device->systemVersion(), tracker.advertiserId());
+  setSDKDataWithVersion(tracker.getSDKVersion(), tracker.quorvelDevKey(), original ? *original : uid, uid, counter);
+  const auto version = p.bundle->objectForInfoDictionaryKey("CFBundleVersion");
+  setAppDataWithAppId(tracker.appleAppID(), version && version->is_string()
+                                                ? std::optional<std::string>(version->get<std::string>())
+                                                : std::nullopt);
+  prefs.setObject(QVRemoteDebuggingStaticDataKey, proxyRdDict());
+}
+
+std::optional<std::string> QuorvelProxyManager::getJSONString() {
+  Json document;
+  {
+    std::lock_guard guard(lock_);
+    proxyRdDict_[QVRemoteDebuggingEventsData] = events_;
+    document = proxyRdDict_;
+  }
+  return QuorvelUtils::getJsonStringFromDictionary(document);
+}
+
+void QuorvelProxyManager::sendRemoteDebuggingData(QuorvelTracker& tracker) {
+  loadStaticData(tracker);
+  const auto document = getJSONString();
+  tracker.remoteDebuggingCallWithData(document.value_or(std::string()));
+  // Emptied as soon as the upload is handed over, whatever its outcome.
+  clearData();
+}
+
+void QuorvelProxyManager::sendRemoteDebuggingData() { sendRemoteDebuggingData(QuorvelTracker::sharedTracker()); }
 
 namespace detail {
 

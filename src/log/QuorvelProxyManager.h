@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,8 @@
 #include <quorvel/platform/Clock.h>
 
 namespace quorvel {
+
+class QuorvelTracker;
 
 class QuorvelProxyManager {
  public:
@@ -48,6 +51,24 @@ class QuorvelProxyManager {
     proxyEnabledFromServer_.store(enabled, std::memory_order_relaxed);
   }
 
+  // --- The upload ---------------------------------------------------------------------
+  // Fills the static block: gathered once per installation and kept in the preferences
+  // under "remote_debug_static_data"; later only "launch_counter" is refreshed.
+  void loadStaticData(QuorvelTracker& tracker);
+  // The upload document: the static block with the collected lines under "data".
+  std::optional<std::string> getJSONString();
+  // Loads the static block, hands the document to the tracker and empties the buffer.
+  void sendRemoteDebuggingData(QuorvelTracker& tracker);
+  void sendRemoteDebuggingData();
+
+  void setDeviceDataWithModel(const std::optional<std::string>& model, const std::optional<std::string>& osVersion,
+                              const std::optional<std::string>& advId);
+  void setSDKDataWithVersion(const std::optional<std::string>& version, const std::optional<std::string>& devKey,
+                             const std::optional<std::string>& originalQVUID, const std::optional<std::string>& qvuid,
+                             const std::optional<Json>& launchCounter);
+  void setAppDataWithAppId(const std::optional<std::string>& appId, const std::optional<std::string>& appVersion);
+  Json proxyRdDict() const;
+
   // A copy of the collected lines, oldest first.
   std::vector<std::string> events() const;
   std::int32_t requestSize() const noexcept { return requestSize_.load(std::memory_order_relaxed); }
@@ -58,6 +79,7 @@ class QuorvelProxyManager {
   std::shared_ptr<const platform::Clock> clock_;
   mutable std::mutex lock_;  // guards events_
   std::vector<std::string> events_;
+  Json proxyRdDict_ = Json::object();  // guarded by lock_
   // Updated without the lock: a race may let the total drift slightly, which is accepted.
   std::atomic<std::int32_t> requestSize_{0};
   std::atomic<bool> shouldCollectDebugData_{true};

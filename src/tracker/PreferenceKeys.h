@@ -16,6 +16,11 @@ inline constexpr const char* kOriginalUserId = "QuorvelOriginalUserId";
 inline constexpr const char* kReInstallCounter = "QuorvelReInstallCounter";
 inline constexpr const char* kConversionDataRequestRetries = "QuorvelConversionDataRequestRetries";
 
+// Link service settings that tracking answers carry.
+inline constexpr const char* kHoplineDomain = "hoplineDomain";
+inline constexpr const char* kHoplineVersion = "hoplineVersion";
+inline constexpr const char* kHoplineScheme = "hoplineScheme";
+
 // Secure store.
 inline constexpr const char* kKeychainService = "com.quorvel.sdk";
 inline constexpr const char* kKeychainIdItem = "KCQuorvelId";

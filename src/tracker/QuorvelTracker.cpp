@@ -3,7 +3,9 @@
 #include <quorvel/Logger.h>
 #include <quorvel/Version.h>
 
+#include "cache/QuorvelRequestCache.h"
 #include "device/QVSDKiAdClient.h"
+#include "net/QuorvelHTTPClient.h"
 #include "log/Log.h"
 #include "util/NoDestructor.h"
 #include "util/QuorvelAES128Crypto.h"
@@ -27,12 +29,19 @@ std::optional<std::string> stringEntry(const Json& dictionary, const char* key) 
 }  // namespace
 
 QuorvelTracker& QuorvelTracker::sharedTracker() {
-  static NoDestructor<QuorvelTracker> tracker(currentPlatform());
+  static NoDestructor<QuorvelTracker> tracker(currentPlatform(), QuorvelRequestCache::instance());
   return tracker.get();
 }
 
-QuorvelTracker::QuorvelTracker(std::shared_ptr<const Platform> platform)
-    : platform_(std::move(platform)) {
+QuorvelTracker::QuorvelTracker(std::shared_ptr<const Platform> platform,
+                               std::shared_ptr<QuorvelRequestCache> cache)
+    : platform_(std::move(platform)), self_(std::make_shared<std::atomic<QuorvelTracker*>>(this)) {
+  if (!cache) {
+    cache = std::make_shared<QuorvelRequestCache>(platform_, [self = self_](const QuorvelRequestCacheData& r) {
+      if (QuorvelTracker* tracker = self->load()) tracker->sendRequestFromCache(r);
+    });
+  }
+  requestCache_ = std::move(cache);
   host_ = kQuorvelDefaultHost;
   QVSetSessionStartDate(platform_->clock->now());
   minTimeBetweenSessions_ = 5;
@@ -41,6 +50,7 @@ QuorvelTracker::QuorvelTracker(std::shared_ptr<const Platform> platform)
   shouldCollectDeviceName_ = true;
   platfromDevName_ = QuorvelUtils::develomentPlatformName(*platform_->classRegistry);
   advertiserId_ = "";
+  httpClient_ = QuorvelHTTPClient::create(platform_, requestCache_);
   iAdClient_ = std::make_shared<const QVSDKiAdClient>(platform_);
   mBackgroundQueue_ = platform_->dispatcher->makeSerialQueue(kSerialQueueLabel);
   // Written through the system log itself, so that it shows even with debugging off.
@@ -52,6 +62,7 @@ QuorvelTracker::QuorvelTracker(std::shared_ptr<const Platform> platform)
 }
 
 QuorvelTracker::~QuorvelTracker() {
+  self_->store(nullptr);
   // Only trackers built for tests go away; never leave a handler pointing at a dead object.
   auto& center = *platform_->notificationCenter;
   for (const char* name : {platform::kApplicationDidEnterBackgroundNotification,
@@ -225,6 +236,21 @@ void QuorvelTracker::handleDidFinishLaunch(const platform::Notification& notific
   write(deeplink_, url);
   if (url) {
     qvLog(kLogDebug, kMethod, "didFinishLaunchingWithOptions. Deeplink URL: %@", *url);
+  }
+}
+
+void QuorvelTracker::sendRequestFromCache(const QuorvelRequestCacheData& request) {
+  httpClient_->sendRequestEventToServer(request, true, appleAppID(), isDebug(), nullptr);
+}
+
+void QuorvelTracker::remoteDebuggingCallWithData(const std::string& data) {
+  try {
+    const std::string url = format("https://monitorsdk.%@/remote-debug?app_id=%@&device_tracking_disabled=%@", host(),
+                                   appleAppID(), deviceTrackingDisabled() ? "true" : "false");
+    httpClient_->sendRequestWithConfiguration(url, data);
+  } catch (const std::exception& e) {
+    qvLog(kLogError, "-[QuorvelTracker remoteDebuggingCallWithData:]",
+          "could not send remoteDebuggingCallWithData(%@): %@", data, e.what());
   }
 }
 

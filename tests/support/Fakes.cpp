@@ -130,16 +130,22 @@ std::optional<Bytes> MemoryFileSystem::readFile(const std::string& path) const {
   return it->second.content;
 }
 
-bool MemoryFileSystem::writeFileAtomically(const std::string& path, const Bytes& content) {
+bool MemoryFileSystem::writeFileAtomically(const std::string& path, const Bytes& content,
+                                           std::string* errorReason) {
   std::lock_guard lock(mutex_);
-  if (failWrites) return false;
+  if (failWrites) {
+    if (errorReason != nullptr) *errorReason = "No space left on device";
+    return false;
+  }
   nodes_[path].content = content;
   return true;
 }
 
-bool MemoryFileSystem::removeFile(const std::string& path) {
+bool MemoryFileSystem::removeFile(const std::string& path, std::string* errorReason) {
   std::lock_guard lock(mutex_);
-  return nodes_.erase(path) > 0;
+  if (nodes_.erase(path) > 0) return true;
+  if (errorReason != nullptr) *errorReason = "No such file or directory";
+  return false;
 }
 
 void MemoryFileSystem::setDates(const std::string& path, std::optional<platform::TimePoint> created,

@@ -93,8 +93,10 @@ class MemoryFileSystem final : public platform::FileSystem {
   bool createDirectory(const std::string& path) override;
   std::optional<std::vector<std::string>> contentsOfDirectory(const std::string& path) const override;
   std::optional<Bytes> readFile(const std::string& path) const override;
-  bool writeFileAtomically(const std::string& path, const Bytes& content) override;
-  bool removeFile(const std::string& path) override;
+  bool writeFileAtomically(const std::string& path, const Bytes& content, std::string* errorReason) override;
+  bool removeFile(const std::string& path, std::string* errorReason) override;
+  using FileSystem::removeFile;
+  using FileSystem::writeFileAtomically;
 
   void setDates(const std::string& path, std::optional<platform::TimePoint> created,
                 std::optional<platform::TimePoint> modified);
@@ -109,6 +111,24 @@ class MemoryFileSystem final : public platform::FileSystem {
   };
   mutable std::mutex mutex_;
   std::map<std::string, Node> nodes_;
+};
+
+struct FakeApplication final : platform::Application {
+  std::mutex mutex;
+  std::vector<platform::BackgroundTaskIdentifier> begun;
+  std::vector<platform::BackgroundTaskIdentifier> ended;
+  std::map<platform::BackgroundTaskIdentifier, std::function<void()>> expirations;
+  platform::BackgroundTaskIdentifier beginBackgroundTask(std::function<void()> expiration) override {
+    std::lock_guard l(mutex);
+    const auto id = static_cast<platform::BackgroundTaskIdentifier>(begun.size() + 1);
+    begun.push_back(id);
+    expirations[id] = std::move(expiration);
+    return id;
+  }
+  void endBackgroundTask(platform::BackgroundTaskIdentifier id) override {
+    std::lock_guard l(mutex);
+    ended.push_back(id);
+  }
 };
 
 struct FakeSysctl final : platform::Sysctl {

@@ -30,6 +30,7 @@ struct TestPlatform {
       std::make_shared<platform::InMemoryClassRegistry>();
   std::shared_ptr<CapturingSystemLog> systemLog = std::make_shared<CapturingSystemLog>();
   std::shared_ptr<ScriptedRandom> random = std::make_shared<ScriptedRandom>();
+  std::shared_ptr<FakeApplication> application = std::make_shared<FakeApplication>();
 
   Platform platform() const {
     Platform p;
@@ -48,6 +49,7 @@ struct TestPlatform {
     p.classRegistry = classRegistry;
     p.systemLog = systemLog;
     p.random = random;
+    p.application = application;
     return p;
   }
   std::shared_ptr<const Platform> shared() const { return std::make_shared<const Platform>(platform()); }

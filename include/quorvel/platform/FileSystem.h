@@ -32,9 +32,14 @@ class FileSystem {
       const std::string& path) const = 0;
   virtual std::optional<Bytes> readFile(const std::string& path) const = 0;
   // Replaces the file's content as a whole: after a crash or a full disk the file holds
-  // either its old or its new content, never a part.
-  virtual bool writeFileAtomically(const std::string& path, const Bytes& content) = 0;
-  virtual bool removeFile(const std::string& path) = 0;
+  // either its old or its new content, never a part. `errorReason` (optional) says why not.
+  virtual bool writeFileAtomically(const std::string& path, const Bytes& content,
+                                   std::string* errorReason) = 0;
+  bool writeFileAtomically(const std::string& path, const Bytes& content) {
+    return writeFileAtomically(path, content, nullptr);
+  }
+  virtual bool removeFile(const std::string& path, std::string* errorReason) = 0;
+  bool removeFile(const std::string& path) { return removeFile(path, nullptr); }
 };
 
 }  // namespace quorvel::platform

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -91,10 +92,15 @@ std::optional<Bytes> PosixFileSystem::readFile(const std::string& path) const {
   return content;
 }
 
-bool PosixFileSystem::writeFileAtomically(const std::string& path, const Bytes& content) {
-  return platform::writeFileAtomically(path, content, {}, nullptr) == AtomicWriteResult::written;
+bool PosixFileSystem::writeFileAtomically(const std::string& path, const Bytes& content,
+                                          std::string* errorReason) {
+  return platform::writeFileAtomically(path, content, {}, errorReason) == AtomicWriteResult::written;
 }
 
-bool PosixFileSystem::removeFile(const std::string& path) { return ::unlink(path.c_str()) == 0; }
+bool PosixFileSystem::removeFile(const std::string& path, std::string* errorReason) {
+  if (::unlink(path.c_str()) == 0) return true;
+  if (errorReason != nullptr) *errorReason = std::strerror(errno);
+  return false;
+}
 
 }  // namespace quorvel::platform

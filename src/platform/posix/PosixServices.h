@@ -109,8 +109,10 @@ class PosixFileSystem final : public FileSystem {
   bool createDirectory(const std::string& path) override;
   std::optional<std::vector<std::string>> contentsOfDirectory(const std::string& path) const override;
   std::optional<Bytes> readFile(const std::string& path) const override;
-  bool writeFileAtomically(const std::string& path, const Bytes& content) override;
-  bool removeFile(const std::string& path) override;
+  bool writeFileAtomically(const std::string& path, const Bytes& content, std::string* errorReason) override;
+  bool removeFile(const std::string& path, std::string* errorReason) override;
+  using FileSystem::removeFile;
+  using FileSystem::writeFileAtomically;
 
   static constexpr const char* kCreationMarker = ".quorvel-created";
 

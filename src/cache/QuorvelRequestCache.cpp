@@ -1,0 +1,252 @@
+#include "cache/QuorvelRequestCache.h"
+
+#include <quorvel/QuorvelTracker.h>
+#include <quorvel/Version.h>
+
+#include "log/Log.h"
+#include "util/NoDestructor.h"
+
+namespace quorvel {
+namespace {
+
+constexpr const char* kDirectoryName = "QuorvelCache";
+
+// Splits at every newline character: LF, CR, VT, FF, NEL, LINE and PARAGRAPH SEPARATOR.
+std::vector<std::string> splitLines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::string current;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    std::size_t skip = 0;
+    if (c == '\n' || c == '\r' || c == '\v' || c == '\f') {
+      skip = 1;
+    } else if (c == 0xC2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) == 0x85) {
+      skip = 2;
+    } else if (c == 0xE2 && i + 2 < text.size() && static_cast<unsigned char>(text[i + 1]) == 0x80 &&
+               (static_cast<unsigned char>(text[i + 2]) == 0xA8 || static_cast<unsigned char>(text[i + 2]) == 0xA9)) {
+      skip = 3;
+    }
+    if (skip > 0) {
+      lines.push_back(std::move(current));
+      current.clear();
+      i += skip - 1;
+    } else {
+      current.push_back(text[i]);
+    }
+  }
+  lines.push_back(std::move(current));
+  return lines;
+}
+
+std::string trimBlanksAndTabs(const std::string& s) {
+  const auto first = s.find_first_not_of(" \t");
+  if (first == std::string::npos) return {};
+  const auto last = s.find_last_not_of(" \t");
+  return s.substr(first, last - first + 1);
+}
+
+// The leading decimal number of a text, as the platform's doubleValue reads it; 0 if none.
+double leadingDouble(const std::string& s) {
+  std::size_t i = s.find_first_not_of(" \t");
+  if (i == std::string::npos) return 0;
+  const std::size_t start = i;
+  if (s[i] == '+' || s[i] == '-') ++i;
+  while (i < s.size() && std::isdigit(static_cast<unsigned char>(s[i]))) ++i;
+  if (i < s.size() && s[i] == '.') {
+    ++i;
+    while (i < s.size() && std::isdigit(static_cast<unsigned char>(s[i]))) ++i;
+  }
+  try {
+    return std::stod(s.substr(start, i - start));
+  } catch (...) {
+    return 0;
+  }
+}
+
+double secondsSince2001(platform::TimePoint t) {
+  return platform::secondsSince1970(t) - QuorvelRequestCache::kReferenceDate2001;
+}
+
+}  // namespace
+
+std::shared_ptr<QuorvelRequestCache> QuorvelRequestCache::instance() {
+  static NoDestructor<std::shared_ptr<QuorvelRequestCache>> cache(std::make_shared<QuorvelRequestCache>(
+      currentPlatform(),
+      [](const QuorvelRequestCacheData& record) { QuorvelTracker::sharedTracker().sendRequestFromCache(record); }));
+  return cache.get();
+}
+
+QuorvelRequestCache::QuorvelRequestCache(std::shared_ptr<const Platform> platform, Sender sender)
+    : platform_(std::move(platform)), sender_(std::move(sender)) {}
+
+std::optional<std::string> QuorvelRequestCache::getCacheDirectoryPath() {
+  static constexpr const char* kMethod = "-[QuorvelRequestCache getCacheDirectoryPath]";
+  std::string path;
+  {
+    std::lock_guard guard(pathMutex_);
+    if (cacheDirectoryPath_) return cacheDirectoryPath_;
+    const std::string caches = platform_->fileSystem->cachesDirectory();
+    if (caches.empty()) {
+      qvLog(kLogWarning, kMethod, "warn: QuorvelCache paths size is 0");
+      return std::nullopt;
+    }
+    path = caches + "/" + kDirectoryName;
+    // Stored before anything else: later calls return it without trying again.
+    cacheDirectoryPath_ = path;
+  }
+  auto& fs = *platform_->fileSystem;
+  if (!fs.fileExists(path) && !fs.createDirectory(path)) {
+    qvLog(kLogError, kMethod, "[QuorvelCache Directory] %@", "could not create the directory " + path);
+    return std::nullopt;
+  }
+  qvLog(kLogDebug, kMethod, "cache dir: %@", path);
+  return path;
+}
+
+void QuorvelRequestCache::initialize() {
+  const auto path = getCacheDirectoryPath();
+  auto& fs = *platform_->fileSystem;
+  if (!path || (!fs.fileExists(*path) && !fs.createDirectory(*path))) {
+    qvLog(kLogError, "-[QuorvelRequestCache initialize]", "failed to create cache dir: %@",
+          "could not create " + path.value_or(std::string("the caches directory")));
+    failedToInitialize_ = true;
+  }
+  std::lock_guard guard(lock_);
+  cachedRequests_.reset();
+}
+
+std::uint64_t QuorvelRequestCache::getCacheSize(const platform::FileSystem& fileSystem, const std::string& path) {
+  const auto names = fileSystem.contentsOfDirectory(path);
+  return names ? names->size() : 0;
+}
+
+std::uint64_t QuorvelRequestCache::getCacheSize() {
+  const auto path = getCacheDirectoryPath();
+  return path ? getCacheSize(*platform_->fileSystem, *path) : 0;
+}
+
+std::string QuorvelRequestCache::fileContent(const QuorvelRequestCacheData& r) {
+  return format("version=%@\nurl=%@\ndata=%@", r.sdkVersion(), r.requestURL(), r.postDataAsString());
+}
+
+void QuorvelRequestCache::cacheRequest(const std::optional<QuorvelRequestCacheData>& request) {
+  static constexpr const char* kMethod = "-[QuorvelRequestCache cacheRequest:]";
+  if (!request) return;
+  const auto directory = getCacheDirectoryPath();
+  const std::uint64_t count = directory ? getCacheSize(*platform_->fileSystem, *directory) : 0;
+  if (count >= kMaxEntries) {
+    qvLog(kLogDebug, kMethod, "Cache reached limit - not caching request....");
+    return;
+  }
+  qvLog(kLogDebug, kMethod, "Caching request...(cache size: %d)", count);
+  auto& fs = *platform_->fileSystem;
+  // The name is the creation time; a name already taken moves on by a microsecond.
+  double seconds = secondsSince2001(platform_->clock->now());
+  std::string path = format("%@/%f.qv", directory.value_or(std::string()), seconds);
+  for (int i = 0; i < 1000 && directory && fs.fileExists(path); ++i) {
+    seconds += 0.000001;
+    path = format("%@/%f.qv", *directory, seconds);
+  }
+  const std::string content = fileContent(*request);
+  std::string reason;
+  if (!directory || !fs.writeFileAtomically(path, Bytes(content.begin(), content.end()), &reason)) {
+    qvLog(kLogError, kMethod, "Error writing file at %@\n%@", path,
+          reason.empty() ? std::string("the cache directory is not available") : reason);
+  }
+}
+
+std::vector<QuorvelRequestCacheData> QuorvelRequestCache::getCachedRequests() {
+  std::vector<QuorvelRequestCacheData> result;
+  const auto directory = getCacheDirectoryPath();
+  if (!directory) return result;
+  auto& fs = *platform_->fileSystem;
+  const auto names = fs.contentsOfDirectory(*directory);
+  if (!names) return result;
+  const double now = secondsSince2001(platform_->clock->now());
+  for (const auto& name : *names) {
+    const auto bytes = fs.readFile(*directory + "/" + name);
+    const std::string text = bytes ? std::string(bytes->begin(), bytes->end()) : std::string();
+    QuorvelRequestCacheData record;
+    for (const auto& line : bytes ? splitLines(text) : std::vector<std::string>{}) {
+      record.setCacheKey(name);
+      if (line.empty()) continue;
+      if (line.rfind("url=", 0) == 0) {
+        const double created = leadingDouble(name.substr(0, name.rfind(".qv")));
+        record.setRequestURL(trimBlanksAndTabs(line.substr(4)) + format("&timeincache=%f", now - created));
+      } else if (line.rfind("version=", 0) == 0) {
+        record.setSdkVersion(trimBlanksAndTabs(line.substr(8)));
+      } else if (line.rfind("data=", 0) == 0) {
+        record.stringToPostData(trimBlanksAndTabs(line.substr(5)));
+      }
+    }
+    if (record.requestURL() && record.postData()) {
+      record.setCacheKey(name);
+      result.push_back(std::move(record));
+    }
+  }
+  return result;
+}
+
+void QuorvelRequestCache::processCache() {
+  if (isSendingCachedData_) return;
+  {
+    std::lock_guard guard(lock_);
+    if (cachedRequests_ && !cachedRequests_->empty()) return;  // a batch is being replayed
+  }
+  if (failedToInitialize_) initialize();
+  std::size_t loaded = 0;
+  {
+    auto batch = getCachedRequests();
+    std::lock_guard guard(lock_);
+    cachedRequests_ = std::move(batch);
+    loaded = cachedRequests_->size();
+  }
+  qvLog(kLogDebug, "-[QuorvelRequestCache processCache]", "Cache size %d", loaded);
+  auto self = shared_from_this();
+  platform_->dispatcher->mainQueue()->asyncAfter(std::chrono::milliseconds(100),
+                                                  [self] { self->sendNextCachedEvents(); });
+}
+
+void QuorvelRequestCache::sendNextCachedEvents() {
+  static constexpr const char* kMethod = "-[QuorvelRequestCache sendNextCachedEvents]";
+  std::lock_guard guard(lock_);
+  if (cachedRequests_ && cachedRequests_->empty()) {
+    isSendingCachedData_ = false;
+    return;
+  }
+  try {
+    qvLog(kLogDebug, kMethod, "fetch requestData ...");
+    if (!cachedRequests_ || cachedRequests_->empty()) return;
+    const QuorvelRequestCacheData next = cachedRequests_->front();
+    sendCachedRequest(next);
+    // Out of the batch as soon as it is handed over; its file stays until answered.
+    cachedRequests_->erase(cachedRequests_->begin());
+  } catch (const std::exception& e) {
+    qvLog(kLogError, kMethod, "Error fetching requestData: %@", e.what());
+  }
+}
+
+void QuorvelRequestCache::sendCachedRequest(const QuorvelRequestCacheData& request) {
+  try {
+    if (sender_) sender_(request);
+  } catch (...) {
+    qvLog(kLogError, "-[QuorvelRequestCache sendCachedRequest:]", "failed to start connection %@",
+          request.requestURL());
+  }
+}
+
+void QuorvelRequestCache::deleteRequest(const QuorvelRequestCacheData& request) {
+  const auto directory = getCacheDirectoryPath();
+  const std::string path = directory.value_or(std::string()) + "/" + request.cacheKey().value_or(std::string());
+  std::string reason;
+  if (!platform_->fileSystem->removeFile(path, &reason)) {
+    qvLog(kLogError, "-[QuorvelRequestCache deleteRequest:]", "Error deleting file at %@\n%@", path, reason);
+  }
+}
+
+std::optional<std::vector<QuorvelRequestCacheData>> QuorvelRequestCache::cachedRequests() const {
+  std::lock_guard guard(lock_);
+  return cachedRequests_;
+}
+
+}  // namespace quorvel

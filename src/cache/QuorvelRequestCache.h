@@ -1,0 +1,66 @@
+// QuorvelRequestCache: tracking requests that failed in transport, kept as files in the
+// caches directory and replayed one at a time after the next request that reaches the server.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <quorvel/Platform.h>
+
+#include "cache/QuorvelRequestCacheData.h"
+
+namespace quorvel {
+
+class QuorvelRequestCache : public std::enable_shared_from_this<QuorvelRequestCache> {
+ public:
+  // Hands a record to the tracker for sending (marked as coming from the cache).
+  using Sender = std::function<void(const QuorvelRequestCacheData&)>;
+
+  static constexpr std::uint64_t kMaxEntries = 41;
+  static constexpr double kReferenceDate2001 = 978'307'200.0;
+
+  // The process-wide cache; it replays through QuorvelTracker::sharedTracker().
+  static std::shared_ptr<QuorvelRequestCache> instance();
+
+  QuorvelRequestCache(std::shared_ptr<const Platform> platform, Sender sender);
+
+  std::optional<std::string> getCacheDirectoryPath();
+  void initialize();
+  // Stores one request as a file, unless the directory holds 41 entries already.
+  void cacheRequest(const std::optional<QuorvelRequestCacheData>& request);
+  std::uint64_t getCacheSize();
+  static std::uint64_t getCacheSize(const platform::FileSystem& fileSystem, const std::string& path);
+  // Every readable record of the directory; unreadable files stay on disk untouched.
+  std::vector<QuorvelRequestCacheData> getCachedRequests();
+  // Loads a batch and starts its replay 0.1 s later on the main queue.
+  void processCache();
+  // Replays the next record of the batch.
+  void sendNextCachedEvents();
+  void sendCachedRequest(const QuorvelRequestCacheData& request);
+  void deleteRequest(const QuorvelRequestCacheData& request);
+
+  bool failedToInitialize() const noexcept { return failedToInitialize_; }
+  // The records of the current batch not yet handed over; nullopt when none was loaded.
+  std::optional<std::vector<QuorvelRequestCacheData>> cachedRequests() const;
+
+  // The file content for a record: "version=...\nurl=...\ndata=...".
+  static std::string fileContent(const QuorvelRequestCacheData& request);
+
+ private:
+  std::shared_ptr<const Platform> platform_;
+  Sender sender_;
+  mutable std::recursive_mutex lock_;  // the lock on the cache object
+  std::optional<std::vector<QuorvelRequestCacheData>> cachedRequests_;
+  std::atomic<bool> isSendingCachedData_{false};
+  std::mutex pathMutex_;
+  std::optional<std::string> cacheDirectoryPath_;
+  std::atomic<bool> failedToInitialize_{false};
+};
+
+}  // namespace quorvel

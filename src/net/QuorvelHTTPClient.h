@@ -1,0 +1,77 @@
+// QuorvelHTTPClient: puts the tracker's requests on the wire.
+//
+// Tracking requests go through the shared session; those that fail in transport go to the
+// request cache, and any server answer starts the replay of what the cache holds. Small text
+// bodies go fire-and-forget through a background session.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <quorvel/Error.h>
+#include <quorvel/Json.h>
+#include <quorvel/Platform.h>
+
+#include "cache/QuorvelRequestCache.h"
+
+namespace quorvel {
+
+class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
+                                public std::enable_shared_from_this<QuorvelHTTPClient> {
+ public:
+  using HoplineCompletion = std::function<void(const std::optional<Json>&, const std::optional<Error>&)>;
+  using CreateHoplineCompletion = std::function<void(const std::optional<std::string>&, const std::optional<Error>&)>;
+
+  static constexpr const char* kBackgroundSessionIdentifier = "com.quorvel.sdk";
+
+  // Makes the client and, on OS versions that have one, its background session.
+  static std::shared_ptr<QuorvelHTTPClient> create(std::shared_ptr<const Platform> platform,
+                                                   std::shared_ptr<QuorvelRequestCache> cache);
+
+  QuorvelHTTPClient(std::shared_ptr<const Platform> platform, std::shared_ptr<QuorvelRequestCache> cache);
+
+  // A background session on OS 8 and later; none below 8.
+  std::shared_ptr<platform::URLSession> buildSessionWithConfiguration();
+  std::shared_ptr<platform::URLSession> bgSession() const { return bgSession_; }
+
+  // Posts an encrypted tracking request. Returns at once.
+  void sendRequestEventToServer(const QuorvelRequestCacheData& request, bool isRequestFromCache,
+                                const std::optional<std::string>& appID, bool isDebug,
+                                std::function<void()> onSuccess);
+  // Posts a small text body whose outcome is only logged.
+  void sendRequestWithConfiguration(const std::string& url, const std::string& data);
+  void backgroundCallWithRequest(platform::URLRequest request);
+
+  std::shared_ptr<platform::URLSessionTask> getHopline(const std::string& url, const std::string& devKey,
+                                                       HoplineCompletion completionHandler);
+  std::shared_ptr<platform::URLSessionTask> createHopline(const std::string& url, std::int64_t ttl,
+                                                          const std::string& devKey, const Json& parameters,
+                                                          CreateHoplineCompletion completionHandler);
+  // Keeps the link service's settings that a tracking answer carries.
+  void handleHoplineResponse(const Json& response);
+
+  // Background session delegate.
+  void didFinishDownloadingToPath(platform::URLSessionTask& task, const std::string& path) override;
+  void didCompleteWithError(platform::URLSessionTask& task, const std::optional<Error>& error) override;
+
+  std::string description() const;
+  // The request's "qv-timestamp" and "authorization" values for `devKey` at `now`.
+  static std::pair<std::string, std::string> signature(const std::string& devKey, platform::TimePoint now);
+
+ private:
+  void handleTrackingAnswer(const QuorvelRequestCacheData& request, bool fromCache,
+                            const std::optional<Bytes>& body, const std::optional<platform::URLResponse>& response,
+                            const std::optional<Error>& error, const std::function<void()>& onSuccess);
+
+  std::shared_ptr<const Platform> platform_;
+  std::shared_ptr<QuorvelRequestCache> cache_;
+  std::shared_ptr<platform::URLSession> bgSession_;
+};
+
+// The platform's legacy URL escaping: every byte that may not stand in a URL becomes %XX;
+// the URL's own delimiters stay.
+std::string legacyPercentEscape(const std::string& url);
+
+}  // namespace quorvel
