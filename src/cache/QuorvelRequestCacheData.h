@@ -27,6 +27,8 @@ class QuorvelRequestCacheData {
   void setRequestURL(std::optional<std::string> v) { requestURL_ = std::move(v); }
   void setCacheKey(std::optional<std::string> v) { cacheKey_ = std::move(v); }
 
+  friend bool operator==(const QuorvelRequestCacheData&, const QuorvelRequestCacheData&) = default;
+
   // Decodes strict Base64; anything else (blanks included) leaves postData unset.
   void stringToPostData(const std::string& text);
 

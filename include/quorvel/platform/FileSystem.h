@@ -27,7 +27,7 @@ class FileSystem {
   virtual bool fileExists(const std::string& path) const = 0;
   // Creates the directory and its missing parents; true when it exists afterwards.
   virtual bool createDirectory(const std::string& path) = 0;
-  // The names (not paths) of the entries of a directory; nullopt when it cannot be read.
+  // The names (not paths) of the entries of a directory, sorted; nullopt when it cannot be read.
   virtual std::optional<std::vector<std::string>> contentsOfDirectory(
       const std::string& path) const = 0;
   virtual std::optional<Bytes> readFile(const std::string& path) const = 0;

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -81,6 +82,8 @@ std::optional<std::vector<std::string>> PosixFileSystem::contentsOfDirectory(
     if (name != "." && name != "..") names.push_back(name);
   }
   ::closedir(dir);
+  // A stable order: the directory's own order depends on the file system.
+  std::sort(names.begin(), names.end());
   return names;
 }
 

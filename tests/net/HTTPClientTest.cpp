@@ -1,0 +1,302 @@
+#include <gtest/gtest.h>
+
+#include <quorvel/QuorvelTracker.h>
+
+#include "cache/QuorvelRequestCache.h"
+#include "log/QuorvelProxyManager.h"
+#include "net/QuorvelHTTPClient.h"
+#include "support/TestPlatform.h"
+#include "tracker/PreferenceKeys.h"
+#include "util/QuorvelUtils.h"
+
+namespace quorvel {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr const char* kDir = "/app/Library/Caches/QuorvelCache";
+const Error kRefused{platform::kURLErrorDomain, -1004, "Could not connect to the server."};
+
+class HTTPClientTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fakes.install();
+    QVSetShowDebugLogs(true);
+    cache = std::make_shared<QuorvelRequestCache>(fakes.shared(), [this](const QuorvelRequestCacheData& r) {
+      client->sendRequestEventToServer(r, true, std::nullopt, false, nullptr);
+    });
+    client = QuorvelHTTPClient::create(fakes.shared(), cache);
+  }
+  test::FakeURLSession& session() { return *fakes.urlSessions->shared(); }
+  std::vector<std::string> files() {
+    return fakes.fileSystem->contentsOfDirectory(kDir).value_or(std::vector<std::string>{});
+  }
+  void putFile(const std::string& name, const std::string& version, const std::string& url) {
+    fakes.fileSystem->createDirectory(kDir);
+    const std::string content = "version=" + version + "\nurl=" + url + "\ndata=AQI=";
+    fakes.fileSystem->writeFileAtomically(std::string(kDir) + "/" + name, Bytes(content.begin(), content.end()));
+  }
+  QuorvelRequestCacheData fresh(const std::string& url = "https://t.example/api/v4.8/iosevent?app_id=1&buildnumber=4.8.0") {
+    return QuorvelRequestCacheData(url, Bytes{9, 9}, "4.8.0");
+  }
+
+  test::TestPlatform fakes;
+  std::shared_ptr<QuorvelRequestCache> cache;
+  std::shared_ptr<QuorvelHTTPClient> client;
+};
+
+TEST_F(HTTPClientTest, RequestShapeAndLegacyEscaping) {
+  client->sendRequestEventToServer(fresh("https://t.example/p?a=b c&d=\xc3\xa9|x%y"), false, std::nullopt, false, nullptr);
+  const auto started = session().started();
+  ASSERT_EQ(started.size(), 1U);
+  const auto& r = started[0].task->originalRequest();
+  EXPECT_EQ(r.url, "https://t.example/p?a=b%20c&d=%C3%A9%7Cx%25y");
+  EXPECT_EQ(r.method, "POST");
+  EXPECT_EQ(r.headers, (platform::HeaderList{{"Content-Type", "application/octet-stream"}}));
+  EXPECT_EQ(r.body, (Bytes{9, 9}));
+  EXPECT_FALSE(r.timeout);
+  EXPECT_EQ(fakes.systemLog->count("[INFO]  Quorvel: -[QuorvelHTTPClient sendRequestEventToServer:isRequestFromCache:appID:isDebug:onSuccess:] sending request to server "), 1U);
+}
+
+TEST_F(HTTPClientTest, FreshTransportFailureIsCachedAndNoCallback) {
+  bool called = false;
+  client->sendRequestEventToServer(fresh(), false, std::nullopt, false, [&] { called = true; });
+  session().fail(0, kRefused);
+  fakes.dispatcher->runUntilIdle();
+  EXPECT_FALSE(called);
+  ASSERT_EQ(files().size(), 1U);
+  EXPECT_EQ(fakes.systemLog->count("Quorvel Connection failed! Error - Could not connect to the server. "), 1U);
+}
+
+TEST_F(HTTPClientTest, FreshAnswerReplaysTheCacheOneByOneWithTheSuffix) {
+  putFile("699999990.000000.qv", "4.8.0", "https://t.example/a?buildnumber=4.8.0");
+  putFile("699999991.000000.qv", "4.8.0", "https://t.example/b?buildnumber=4.8.0");
+  bool called = false;
+  client->sendRequestEventToServer(fresh(), false, std::nullopt, false, [&] { called = true; });
+  session().respond(0, 403, "{}");
+  fakes.dispatcher->runUntilIdle();
+  EXPECT_TRUE(called);  // any HTTP answer counts as delivered
+  fakes.dispatcher->advance(100ms);
+  auto started = session().started();
+  ASSERT_EQ(started.size(), 2U);
+  const std::string& url = started[1].task->originalRequest().url;
+  EXPECT_NE(url.find("https://t.example/a?buildnumber=4.8.0&timeincache="), std::string::npos);
+  EXPECT_EQ(url.substr(url.size() - 21), "&isCachedRequest=true");
+  // A replayed answer (even a 500) deletes the file and sends the next record.
+  session().respond(1, 500, "oops", "text/html");
+  fakes.dispatcher->runUntilIdle();
+  EXPECT_EQ(files(), std::vector<std::string>{"699999991.000000.qv"});
+  started = session().started();
+  ASSERT_EQ(started.size(), 3U);
+  session().respond(2, 200, "{}");
+  fakes.dispatcher->runUntilIdle();
+  EXPECT_TRUE(files().empty());
+  EXPECT_EQ(session().started().size(), 3U);
+}
+
+TEST_F(HTTPClientTest, ReplayedTransportFailureKeepsOnlyCurrentVersionRecords) {
+  putFile("699999990.000000.qv", "4.7.1", "https://t.example/old?x=1");
+  putFile("699999991.000000.qv", "4.8.0", "https://t.example/current?x=1");
+  client->sendRequestEventToServer(fresh(), false, std::nullopt, false, nullptr);
+  session().respond(0, 200, "{}");
+  fakes.dispatcher->advance(100ms);
+  session().fail(1, kRefused);  // the 4.7.1 record: deleted after this try
+  fakes.dispatcher->runUntilIdle();
+  session().fail(2, kRefused);  // the 4.8.0 record: stays for a later launch
+  fakes.dispatcher->runUntilIdle();
+  EXPECT_EQ(files(), std::vector<std::string>{"699999991.000000.qv"});
+  EXPECT_EQ(session().started().size(), 3U);
+}
+
+TEST_F(HTTPClientTest, MonitorValueSwitchesRemoteDebugging) {
+  auto& proxy = QuorvelProxyManager::sharedManager();
+  struct Case {
+    std::string body;
+    bool enabled;
+  };
+  const Case cases[] = {{R"({"monitor":1})", true}, {R"({"monitor":0})", false}, {R"({"monitor":1})", true},
+                        {"{}", false},              {R"({"monitor":"1"})", true}, {"not json", false},
+                        {R"({"monitor":1})", true}, {"[1,2]", false}};
+  std::size_t index = 0;
+  for (const auto& c : cases) {
+    client->sendRequestEventToServer(fresh(), false, std::nullopt, false, nullptr);
+    proxy.addEventWithString("line before the answer");
+    session().respond(index++, 200, c.body);
+    fakes.dispatcher->runUntilIdle();
+    EXPECT_EQ(proxy.proxyEnabledFromServer(), c.enabled) << c.body;
+    EXPECT_EQ(proxy.isRemoteDebugging(), c.enabled) << c.body;
+    if (!c.enabled) {
+      // The pre-launch lines are dropped. A body that is not JSON drops first and stops
+      // after, so only the stop marker remains.
+      const auto events = proxy.events();
+      EXPECT_EQ(events.size(), c.body == "not json" ? 1U : 0U) << c.body;
+      for (const auto& e : events) EXPECT_NE(e.find("Turning OFF RD"), std::string::npos);
+    }
+  }
+}
+
+TEST_F(HTTPClientTest, LinkSettingsFromTrackingAnswers) {
+  client->handleHoplineResponse(Json{{"hl_domain", "go.example"}, {"hl_ver", "2"}, {"hl_scheme", "   "}});
+  EXPECT_EQ(fakes.preferences->stringForKey(keys::kHoplineDomain), "go.example");
+  EXPECT_EQ(fakes.preferences->stringForKey(keys::kHoplineVersion), "2");
+  EXPECT_FALSE(fakes.preferences->objectForKey(keys::kHoplineScheme));
+  client->handleHoplineResponse(Json{{"hl_scheme", "myapp"}});
+  EXPECT_EQ(fakes.preferences->stringForKey(keys::kHoplineScheme), "myapp");
+  const int syncs = fakes.preferences->synchronizeCount();
+  client->handleHoplineResponse(Json::array());
+  EXPECT_EQ(fakes.preferences->synchronizeCount(), syncs + 1);
+}
+
+TEST_F(HTTPClientTest, FireAndForgetPathDependsOnTheOSVersion) {
+  struct Case {
+    std::string version;
+    std::string path;
+  };
+  const Case cases[] = {{"10.0", "session"}, {"8.4", "session"}, {"12", "session"}, {"9.3", "task"}, {"7.1", "dropped"}};
+  for (const auto& c : cases) {
+    test::TestPlatform local;
+    local.install();
+    QVSetShowDebugLogs(true);
+    QVSetShowDebugLogsTrace(true);
+    local.device->systemVersionValue = c.version;
+    auto localCache = std::make_shared<QuorvelRequestCache>(local.shared(), nullptr);
+    auto http = QuorvelHTTPClient::create(local.shared(), localCache);
+    EXPECT_EQ(http->bgSession() != nullptr, c.path == "session") << c.version;
+    http->sendRequestWithConfiguration("https://monitorsdk.example/remote-debug?app_id=1", "{\"data\":[]}");
+    local.dispatcher->runUntilIdle();
+    if (c.path == "session") {
+      const auto started = local.urlSessions->lastBackground()->started();
+      ASSERT_EQ(started.size(), 1U);
+      const auto& r = started[0].task->originalRequest();
+      EXPECT_EQ(r.headers, (platform::HeaderList{{"Content-Type", "application/text"}}));
+      EXPECT_EQ(std::string(r.body.begin(), r.body.end()), "{\"data\":[]}");
+      local.urlSessions->lastBackground()->fail(0, kRefused);
+      local.dispatcher->runUntilIdle();
+      EXPECT_EQ(local.systemLog->count("completed with error: Could not connect to the server."), 1U);
+    } else if (c.path == "task") {
+      ASSERT_EQ(local.urlSessions->shared()->started().size(), 1U);
+      EXPECT_EQ(local.application->begun.size(), 1U);
+      EXPECT_TRUE(local.application->ended.empty());
+      local.urlSessions->shared()->respond(0, 200, "");
+      local.dispatcher->runUntilIdle();
+      EXPECT_EQ(local.application->ended, local.application->begun);
+      EXPECT_EQ(local.systemLog->count("dispatched background task 1"), 1U);
+      EXPECT_EQ(local.systemLog->count("ending background task 1"), 1U);
+    } else {
+      EXPECT_EQ(local.systemLog->count("WARN: bgSession is nil"), 1U);
+    }
+  }
+}
+
+TEST_F(HTTPClientTest, ShortLinkRequestsAreSigned) {
+  fakes.clock->set(platform::TimePoint(std::chrono::milliseconds(1'510'000'000'400LL)));
+  const auto [ts, auth] = QuorvelHTTPClient::signature("K", fakes.clock->now());
+  EXPECT_EQ(ts, "1510000000");
+  EXPECT_EQ(auth, QuorvelUtils::sha1("K1510000000"));
+  client->getHopline("https://hopline.example/shortlink-sdk/v1/abc?id=xyz", "DEVKEY", nullptr);
+  const auto& r = session().started().at(0).task->originalRequest();
+  EXPECT_EQ(r.method, "GET");
+  EXPECT_EQ(r.headers, (platform::HeaderList{{"Content-Type", "application/json"}, {"qv-timestamp", "1510000000"},
+                                             {"authorization", QuorvelUtils::sha1("DEVKEY1510000000")}}));
+}
+
+TEST_F(HTTPClientTest, ResolveAnswers) {
+  struct Case {
+    std::function<void(test::FakeURLSession&, std::size_t)> answer;
+    std::optional<Json> result;
+    std::optional<std::int64_t> errorCode;
+  };
+  const std::vector<Case> cases = {
+      {[](auto& s, auto i) { s.respond(i, 200, R"({"pid":"x"})"); }, Json{{"pid", "x"}}, std::nullopt},
+      {[](auto& s, auto i) { s.respond(i, 200, R"({"pid":"x"})", "text/html"); }, std::nullopt, std::nullopt},
+      {[](auto& s, auto i) { s.respond(i, 404, R"({"pid":"x"})"); }, std::nullopt, std::nullopt},
+      {[](auto& s, auto i) { s.respond(i, 200, "{broken"); }, std::nullopt, 3840},
+      {[](auto& s, auto i) { s.fail(i, kRefused); }, std::nullopt, -1004},
+  };
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    int calls = 0;
+    std::optional<Json> result;
+    std::optional<Error> error;
+    client->getHopline("https://hopline.example/x", "K", [&](const auto& r, const auto& e) {
+      ++calls;
+      result = r;
+      error = e;
+    });
+    cases[i].answer(session(), i);
+    fakes.dispatcher->runUntilIdle();
+    EXPECT_EQ(calls, 1) << i;
+    EXPECT_EQ(result, cases[i].result) << i;
+    EXPECT_EQ(error ? std::optional<std::int64_t>(error->code) : std::nullopt, cases[i].errorCode) << i;
+  }
+}
+
+TEST_F(HTTPClientTest, CreateBodyAndAnswers) {
+  std::vector<std::pair<std::optional<std::string>, bool>> results;
+  auto record = [&](const auto& link, const auto& error) { results.emplace_back(link, error.has_value()); };
+  client->createHopline("https://hopline.example/shortlink-sdk/v1/tmpl", 30, "K", Json{{"pid", "me"}}, record);
+  client->createHopline("https://hopline.example/shortlink-sdk/v1/tmpl", 7, "K",
+                        Json{{"bad", std::numeric_limits<double>::infinity()}}, record);
+  const auto started = session().started();
+  const auto body0 = started[0].task->originalRequest().body;
+  const auto body1 = started[1].task->originalRequest().body;
+  EXPECT_EQ(std::string(body0.begin(), body0.end()), R"({"ttl":"30","data":{"pid":"me"}})");
+  EXPECT_EQ(std::string(body1.begin(), body1.end()), R"({"ttl":"7","data":{}})");
+  EXPECT_EQ(started[0].task->originalRequest().method, "POST");
+  session().respond(0, 200, "https://go.example/tmpl/abc", "text/plain");
+  session().respond(1, 404, "https://go.example/tmpl/abc");
+  fakes.dispatcher->runUntilIdle();
+  ASSERT_EQ(results.size(), 2U);
+  EXPECT_EQ(results[0], std::make_pair(std::optional<std::string>("https://go.example/tmpl/abc"), false));
+  EXPECT_EQ(results[1], std::make_pair(std::optional<std::string>(), false));
+  EXPECT_EQ(fakes.systemLog->count("CreateHopline ttl: 30"), 1U);
+}
+
+TEST_F(HTTPClientTest, RemoteDebuggingUploadGathersTheStaticBlockOnce) {
+  auto tracker = std::make_unique<QuorvelTracker>(fakes.shared(), cache);
+  tracker->setQuorvelDevKey(std::string("DEVKEY-0123"));
+  tracker->setAppleAppID(std::string("123"));
+  tracker->setHost(std::string("svc.example"));
+  fakes.preferences->setInteger(keys::kCounter, 3);
+  auto& proxy = QuorvelProxyManager::sharedManager();
+  proxy.startRemoteDebugging();
+  proxy.addEventWithString("hello");
+  proxy.sendRemoteDebuggingData(*tracker);
+  EXPECT_TRUE(proxy.events().empty());
+  fakes.dispatcher->runUntilIdle();
+  auto started = fakes.urlSessions->lastBackground()->started();
+  ASSERT_EQ(started.size(), 1U);
+  EXPECT_EQ(started[0].task->originalRequest().url,
+            "https://monitorsdk.svc.example/remote-debug?app_id=123&device_tracking_disabled=false");
+  const auto& body = started[0].task->originalRequest().body;
+  const Json document = Json::parse(body.begin(), body.end());
+  const std::string uid = tracker->getQuorvelUID();
+  EXPECT_EQ(document["brand"], "Apple");
+  EXPECT_EQ(document["platform"], "iOS");
+  EXPECT_EQ(document["model"], "iPhone");
+  EXPECT_EQ(document["platform_version"], "12.1");
+  EXPECT_EQ(document["sdk_version"], "version: 4.8.0 (build 597)");
+  EXPECT_EQ(document["devkey"], "DEVKEY-0123");
+  EXPECT_EQ(document["uid"], uid);
+  EXPECT_EQ(document["originalQuorvelId"], uid);
+  EXPECT_EQ(document["launch_counter"], 3);
+  EXPECT_EQ(document["app_id"], "123");
+  EXPECT_EQ(document["app_version"], "7");
+  ASSERT_EQ(document["data"].size(), 2U);  // the marker of the start and the line
+  EXPECT_NE(document["data"][1].get<std::string>().find("hello"), std::string::npos);
+  EXPECT_TRUE(fakes.preferences->objectForKey("remote_debug_static_data"));
+
+  // The second upload reuses the stored block and refreshes only the launch counter.
+  fakes.preferences->setInteger(keys::kCounter, 4);
+  tracker->setQuorvelDevKey(std::string("OTHER-KEY-99"));
+  proxy.sendRemoteDebuggingData(*tracker);
+  fakes.dispatcher->runUntilIdle();
+  started = fakes.urlSessions->lastBackground()->started();
+  const auto& body2 = started.at(1).task->originalRequest().body;
+  const Json second = Json::parse(body2.begin(), body2.end());
+  EXPECT_EQ(second["launch_counter"], 4);
+  EXPECT_EQ(second["devkey"], "DEVKEY-0123");
+  EXPECT_TRUE(second["data"].empty());
+}
+
+}  // namespace
+}  // namespace quorvel
