@@ -9,7 +9,7 @@ std::string ReceivedRequest::header(const std::string& name) const {
   return it == headers.end() ? std::string() : it->second;
 }
 
-TlsTestServer::TlsTestServer(std::vector<std::string> hosts) {
+TlsTestServer::TlsTestServer(std::vector<std::string> hosts, int port) {
   hosts.emplace_back("localhost");
   hosts.emplace_back("127.0.0.1");
   certificates_ = makeTestCertificates(dir_.path(), hosts);
@@ -33,7 +33,12 @@ TlsTestServer::TlsTestServer(std::vector<std::string> hosts) {
   };
   server_->Get(".*", handle);
   server_->Post(".*", handle);
-  port_ = server_->bind_to_any_port("127.0.0.1");
+  if (port > 0) {
+    if (!server_->bind_to_port("127.0.0.1", port)) throw std::runtime_error("test server: cannot bind");
+    port_ = port;
+  } else {
+    port_ = server_->bind_to_any_port("127.0.0.1");
+  }
   if (port_ <= 0) throw std::runtime_error("test server: cannot bind");
   thread_ = std::thread([this] { server_->listen_after_bind(); });
 }

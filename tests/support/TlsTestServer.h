@@ -29,7 +29,8 @@ struct ReceivedRequest {
 class TlsTestServer {
  public:
   // Certificates name every host in `hosts` (plus localhost and 127.0.0.1).
-  explicit TlsTestServer(std::vector<std::string> hosts = {});
+  // `port` 0 takes any free port.
+  explicit TlsTestServer(std::vector<std::string> hosts = {}, int port = 0);
   ~TlsTestServer();
 
   int port() const { return port_; }
