@@ -37,14 +37,18 @@ bool eventually(const std::function<bool()>& done, std::chrono::milliseconds bou
 
 class NetworkingTest : public ::testing::Test {
  protected:
-  void SetUp() override { server = std::make_unique<test::TlsTestServer>(kHosts); }
+  void SetUp() override {
+    certificates = test::makeTestCertificates(certDir.path(), {"t.localhost", "events.localhost", "hopline.localhost",
+                                                                "localhost", "127.0.0.1"});
+    server = std::make_unique<test::TlsTestServer>(kHosts, 0, certificates);
+  }
 
   void makeTracker(std::chrono::milliseconds timeout = 10s, std::size_t maxBytes = 1 << 20) {
     PosixPlatformOptions options;
     options.bundleIdentifier = "com.quorvel.nettest";
     options.dataDirectory = root / "data";
     options.keychainDirectory = root / "keychain";
-    options.extraCAFile = server->caFile();
+    options.extraCAFile = certificates.caFile;
     options.requestTimeout = timeout;
     options.maxResponseBytes = maxBytes;
     platform = std::make_shared<const Platform>(makePosixPlatform(options));
@@ -67,6 +71,8 @@ class NetworkingTest : public ::testing::Test {
   }
 
   test::TempDir root;
+  test::TempDir certDir;
+  test::TestCertificates certificates;
   std::unique_ptr<test::TlsTestServer> server;
   std::shared_ptr<const Platform> platform;
   std::unique_ptr<QuorvelTracker> tracker;
@@ -84,7 +90,7 @@ TEST_F(NetworkingTest, OfflineRequestsAreCachedThenReplayedInOrderWhenTheServerI
     // One at a time, so that the files' names (their times) keep the order.
     ASSERT_TRUE(eventually([&] { return cacheFiles().size() == static_cast<std::size_t>(i + 1); }));
   }
-  server = std::make_unique<test::TlsTestServer>(kHosts, port);
+  server = std::make_unique<test::TlsTestServer>(kHosts, port, certificates);
   ASSERT_TRUE(send(url("/api/v4.8/iosevent?n=fresh")));
   ASSERT_TRUE(server->waitForRequests(4));
   ASSERT_TRUE(eventually([&] { return cacheFiles().empty(); }));

@@ -9,10 +9,10 @@ std::string ReceivedRequest::header(const std::string& name) const {
   return it == headers.end() ? std::string() : it->second;
 }
 
-TlsTestServer::TlsTestServer(std::vector<std::string> hosts, int port) {
+TlsTestServer::TlsTestServer(std::vector<std::string> hosts, int port, std::optional<TestCertificates> certificates) {
   hosts.emplace_back("localhost");
   hosts.emplace_back("127.0.0.1");
-  certificates_ = makeTestCertificates(dir_.path(), hosts);
+  certificates_ = certificates ? *certificates : makeTestCertificates(dir_.path(), hosts);
   server_ = std::make_unique<httplib::SSLServer>(certificates_.certFile.c_str(), certificates_.keyFile.c_str());
   if (!server_->is_valid()) throw std::runtime_error("test server: invalid TLS setup");
   handler_ = [](const httplib::Request&, httplib::Response& res) { res.set_content("{}", "application/json"); };
@@ -41,6 +41,8 @@ TlsTestServer::TlsTestServer(std::vector<std::string> hosts, int port) {
   }
   if (port_ <= 0) throw std::runtime_error("test server: cannot bind");
   thread_ = std::thread([this] { server_->listen_after_bind(); });
+  // stop() only takes effect once the accept loop runs: wait for it, within a bound.
+  for (int i = 0; i < 100000 && !server_->is_running(); ++i) std::this_thread::yield();
 }
 
 TlsTestServer::~TlsTestServer() {

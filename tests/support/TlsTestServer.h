@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -29,8 +30,11 @@ struct ReceivedRequest {
 class TlsTestServer {
  public:
   // Certificates name every host in `hosts` (plus localhost and 127.0.0.1).
-  // `port` 0 takes any free port.
-  explicit TlsTestServer(std::vector<std::string> hosts = {}, int port = 0);
+  // `port` 0 takes any free port. `certificates` reuses those of an earlier server, so
+  // that a client keeps trusting a server that comes back.
+  explicit TlsTestServer(std::vector<std::string> hosts = {}, int port = 0,
+                         std::optional<TestCertificates> certificates = std::nullopt);
+  const TestCertificates& certificates() const { return certificates_; }
   ~TlsTestServer();
 
   int port() const { return port_; }
