@@ -31,6 +31,7 @@ class QVSDKiAdClient;
 class QuorvelHTTPClient;
 class QuorvelRequestCache;
 class QuorvelRequestCacheData;
+class QuorvelDictionary;
 
 // Receiver of attribution callbacks. Each callback is optional: an empty function means the
 // delegate does not respond to it. The tracker holds the delegate weakly.
@@ -74,8 +75,12 @@ class QuorvelTracker {
   // A nil dictionary is ignored: custom data, once set, can be replaced but not cleared.
   void setAdditionalData(std::optional<Json> customData);
 
-  // Stores the user's e-mails and how the payload hashes them.
-  void setUserEmails(std::vector<std::string> emails, int cryptType);
+  // Stores the user's e-mails and how the payload hashes them: 0 plain, 1 SHA-1, 2 MD5,
+  // 3 SHA-256 (any other value: SHA-1).
+  void setUserEmails(const std::vector<std::string>& emails, int cryptType);
+  // The same from decoded values; entries that are not strings are skipped with a warning
+  // when the payload is built.
+  void setUserEmails(const Json& emails, int cryptType);
 
   std::optional<std::string> currencyCode() const;
   void setCurrencyCode(std::optional<std::string> code);
@@ -168,6 +173,20 @@ class QuorvelTracker {
   // True when "en0" has a non-loopback IPv4 address.
   bool isWifiAvailable() const;
 
+  // --- The payload of launches and events (not for hosts) -----------------------------
+  // Builds the flat description of install, device, app and moment that every launch and
+  // event request carries; on launches it also consumes the pending deep link and push
+  // payload.
+  QuorvelDictionary getEventParameters(bool isLaunch);
+  // Adds the invite link template and the link service version.
+  void addHopline(QuorvelDictionary& parameters);
+  bool permitAggregateiAdData() const { return permitAggregateiAdData_; }
+  void setPermitAggregateiAdData(bool permit) { permitAggregateiAdData_ = permit; }
+  void setDeeplink(std::optional<std::string> url);
+  void setSourceApplication(std::optional<std::string> application);
+  std::optional<Json> pushPayload() const;
+  void setPushPayload(std::optional<Json> payload);
+
   // Uploads a remote-debugging document to the service's debugging endpoint.
   void remoteDebuggingCallWithData(const std::string& data);
 
@@ -196,6 +215,11 @@ class QuorvelTracker {
     field = std::forward<V>(value);
   }
   void subscribeToLifecycleNotifications();
+  void deepLinkStep(QuorvelDictionary& parameters);
+  void pushPayloadStep(QuorvelDictionary& parameters);
+  void advertisingIdentifierStep(QuorvelDictionary& parameters);
+  void emailStep(QuorvelDictionary& parameters);
+  void deliverAppOpenAttribution(const Json& attribution);
 
   std::shared_ptr<const Platform> platform_;
 
@@ -213,7 +237,7 @@ class QuorvelTracker {
   // The tracker's monitor: custom data and e-mails are read and written under it.
   mutable std::mutex monitor_;
   std::optional<Json> customData_;
-  std::optional<std::vector<std::string>> userEmails_;
+  std::optional<std::vector<Json>> userEmails_;
   int emailCryptType_ = 0;
 
   // Reference fields. The lock is held only to copy a value in or out, never across a

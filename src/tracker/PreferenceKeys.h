@@ -27,3 +27,11 @@ inline constexpr const char* kKeychainIdItem = "KCQuorvelId";
 inline constexpr const char* kKeychainReinstallCounterItem = "KCQuorvelRICounter";
 
 }  // namespace quorvel::keys
+
+namespace quorvel::keys {
+
+inline constexpr const char* kInstallTimestamp = "QuorvelInstallTimestamp";
+inline constexpr const char* kSearchAdsAttribution = "QuorvelSearchAdsAttribution";
+inline constexpr const char* kConversionData = "QuorvelConversiondataKey";
+
+}  // namespace quorvel::keys

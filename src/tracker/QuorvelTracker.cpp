@@ -116,9 +116,15 @@ void QuorvelTracker::setAdditionalData(std::optional<Json> customData) {
   customData_ = std::move(customData);
 }
 
-void QuorvelTracker::setUserEmails(std::vector<std::string> emails, int cryptType) {
+void QuorvelTracker::setUserEmails(const std::vector<std::string>& emails, int cryptType) {
+  setUserEmails(Json(emails), cryptType);
+}
+
+void QuorvelTracker::setUserEmails(const Json& emails, int cryptType) {
+  std::vector<Json> list;
+  if (emails.is_array()) list.assign(emails.begin(), emails.end());
   std::lock_guard lock(monitor_);
-  userEmails_ = std::move(emails);
+  userEmails_ = emails.is_array() ? std::optional<std::vector<Json>>(std::move(list)) : std::nullopt;
   emailCryptType_ = cryptType;
 }
 

@@ -44,6 +44,7 @@ class MemorySecureStore final : public platform::SecureStore {
 struct FakeDevice final : platform::Device {
   std::string nameValue = "Test Device";
   std::string modelValue = "iPhone";
+  std::string localizedModelValue = "iPhone";
   std::string systemNameValue = "iOS";
   std::string systemVersionValue = "12.1";
   std::string osVersionString = "Version 12.1 (Build 16B92)";
@@ -52,6 +53,7 @@ struct FakeDevice final : platform::Device {
 
   std::string name() const override { return nameValue; }
   std::string model() const override { return modelValue; }
+  std::string localizedModel() const override { return localizedModelValue; }
   std::string systemName() const override { return systemNameValue; }
   std::string systemVersion() const override { return systemVersionValue; }
   std::string operatingSystemVersionString() const override { return osVersionString; }
@@ -128,6 +130,12 @@ struct FakeApplication final : platform::Application {
   void endBackgroundTask(platform::BackgroundTaskIdentifier id) override {
     std::lock_guard l(mutex);
     ended.push_back(id);
+  }
+  std::map<std::string, std::string> pasteboards;
+  std::optional<std::string> namedPasteboardText(const std::string& name) override {
+    std::lock_guard l(mutex);
+    const auto it = pasteboards.find(name);
+    return it == pasteboards.end() ? std::nullopt : std::optional<std::string>(it->second);
   }
 };
 

@@ -4,6 +4,8 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
+#include <string>
 
 namespace quorvel::platform {
 
@@ -20,6 +22,9 @@ class Application {
   // Begins a background task; `expiration` runs if the system cuts it short.
   virtual BackgroundTaskIdentifier beginBackgroundTask(std::function<void()> expiration) = 0;
   virtual void endBackgroundTask(BackgroundTaskIdentifier identifier) = 0;
+  // The text of an existing named pasteboard; nullopt when it does not exist (it is never
+  // created by asking).
+  virtual std::optional<std::string> namedPasteboardText(const std::string& name) = 0;
 };
 
 }  // namespace quorvel::platform

@@ -52,6 +52,7 @@ class PosixDevice final : public Device {
               bool multitasking);
   std::string name() const override;
   std::string model() const override { return "PC"; }
+  std::string localizedModel() const override { return "PC"; }
   std::string systemName() const override;
   std::string systemVersion() const override;
   std::string operatingSystemVersionString() const override;
@@ -159,6 +160,8 @@ class PosixApplication final : public Application {
  public:
   BackgroundTaskIdentifier beginBackgroundTask(std::function<void()> expiration) override;
   void endBackgroundTask(BackgroundTaskIdentifier identifier) override;
+  // A desktop has no named pasteboards that apps share.
+  std::optional<std::string> namedPasteboardText(const std::string&) override { return std::nullopt; }
 };
 
 // Fills every empty service of `platform` with its POSIX default.

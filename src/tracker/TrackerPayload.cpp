@@ -1,0 +1,303 @@
+// The payload that every launch and event request carries.
+#include <quorvel/QuorvelTracker.h>
+#include <quorvel/Version.h>
+#include <quorvel/platform/AdSupport.h>
+
+#include <cstdlib>
+
+#include "device/QVSystemInfo.h"
+#include "log/Log.h"
+#include "net/QuorvelHTTPClient.h"
+#include "platform/Url.h"
+#include "tracker/PreferenceKeys.h"
+#include "util/QuorvelDictionary.h"
+#include "util/QuorvelUtils.h"
+
+namespace quorvel {
+namespace {
+
+constexpr const char* kMethod = "-[QuorvelTracker getEventParameters:]";
+
+// The advertising-identifier manager's class name, put together at run time so that no
+// literal of it is linked in.
+std::string advertisingManagerClassName() {
+  return format("%@%c%@%c%c%c%c%c%@%c%c%c%c%c%c%c%c%c%c", "A", 83, "I", 100, 101, 110, 116, 105, "f", 105, 101,
+                114, 77, 97, 110, 97, 103, 101, 114);
+}
+
+std::optional<std::string> stringValue(const std::optional<Json>& v) {
+  if (!v || !v->is_string()) return std::nullopt;
+  return v->get<std::string>();
+}
+
+}  // namespace
+
+void QuorvelTracker::setDeeplink(std::optional<std::string> url) { write(deeplink_, std::move(url)); }
+void QuorvelTracker::setSourceApplication(std::optional<std::string> application) {
+  write(sourceApplication_, std::move(application));
+}
+std::optional<Json> QuorvelTracker::pushPayload() const { return read(pushPayload_); }
+void QuorvelTracker::setPushPayload(std::optional<Json> payload) { write(pushPayload_, std::move(payload)); }
+
+QuorvelDictionary QuorvelTracker::getEventParameters(bool isLaunch) {
+  const Platform& p = *platform_;
+  auto& prefs = *p.preferences;
+
+  // 1. The install time, stamped once and kept out of the payload.
+  if (!prefs.objectForKey(keys::kInstallTimestamp)) {
+    prefs.setString(keys::kInstallTimestamp, format("%f", platform::secondsSince1970(p.clock->now())));
+  }
+
+  // 2. Keys 1 to 15.
+  QuorvelDictionary d;
+  d.setParameter(Json(getQuorvelUID()), "uid");
+  d.setParameter(Json(kQuorvelAPIVersion), "serverApiVersion");
+  if (shouldCollectDeviceName()) d.setParameter(Json(p.device->name()), "name");
+  d.setParameter(Json(p.device->systemName()), "systemname");
+  d.setParameter(Json(p.device->systemVersion()), "systemversion");
+  d.setParameter(Json(p.device->model()), "model");
+  d.setParameter(Json(p.device->localizedModel()), "localizedmodel");
+  const auto machine = QVSystemInfo::machineModel(*p.sysctl);
+  d.setParameter(machine ? Json(*machine) : Json(), "platform");
+  d.setParameter(Json(platfromDevName()), "platformextension");
+  d.setParameter(Json(format("%d", getCounter(isLaunch))), "counter");
+  d.setParameter(Json(format("%d", getRealLaunchCounter())), "sessioncounter");
+  d.setParameter(Json(format("%d", getInAppCounter(!isLaunch))), "iaecounter");
+  const auto devKey = quorvelDevKey();
+  d.setParameter(devKey ? Json(*devKey) : Json(), "dev_key");
+  d.setParameter(QVSystemInfo::getSystemInfo(p), "deviceData");
+  d.setParameter(Json("1"), "qv_events_api");
+
+  // 3. Launches only: time since the last launch, the pending deep link and push payload.
+  if (isLaunch) {
+    d.setParameter(Json(format("%f", getTimePassedSinceLastLaunch())), "timepassedsincelastlaunch");
+    deepLinkStep(d);
+    pushPayloadStep(d);
+  }
+
+  // 4-6.
+  if (deviceTrackingDisabled()) d.setParameter(Json("true"), "deviceTrackingDisabled");
+  qvTrace(kMethod, "disableAppleAdSupportTracking: %@", disableAppleAdSupportTracking() ? "true" : "false");
+  advertisingIdentifierStep(d);
+
+  // 7. Keys 22 to 24.
+  const auto bundleIdentifier = p.bundle->bundleIdentifier();
+  d.setParameter(bundleIdentifier ? Json(*bundleIdentifier) : Json(), "bundleIdentifier");
+  if (const auto vendor = p.device->identifierForVendor()) d.setParameter(Json(*vendor), "vendorId");
+  if (const auto currency = currencyCode()) {
+    if (currency->size() != 3) {
+      qvLog(kLogWarning, kMethod,
+            "Quorvel WARNING: currency code should be 3 characters!!! '%@' is not a legal value.", *currency);
+    }
+    d.setParameter(Json(*currency), "currency");
+  }
+
+  // 8. Keys 25 to 27.
+  const auto bundleVersion = p.bundle->objectForInfoDictionaryKey("CFBundleVersion");
+  d.setParameter(bundleVersion, "bundleversion");
+  d.setParameter(getValueFromBundle("CFBundleDisplayName"), "bundlename");
+  d.setParameter(getValueFromBundle("CFBundleShortVersionString"), "shortbundleversion");
+
+  // 9. Dates.
+  const auto formatter = QuorvelUtils::getDateFormatter(p.clock);
+  const auto date1 = getInstallDate(formatter);
+  const auto tmpModified = p.fileSystem->modificationDate(p.fileSystem->temporaryDirectory());
+  const std::optional<std::string> date2 =
+      tmpModified ? std::optional<std::string>(formatter.stringFromDate(*tmpModified)) : std::nullopt;
+  qvLog(kLogDebug, kMethod, "Looking for previous version date.");
+  const auto date3 = getVersionUpdateDate(stringValue(bundleVersion), date2);
+  qvLog(kLogDebug, kMethod, "date1= %@", date1);
+  qvLog(kLogDebug, kMethod, "date2= %@", date2);
+  qvLog(kLogDebug, kMethod, "date3= %@", date3);
+  const std::string firstLaunch = getFirstLanuchDate(formatter);
+  d.setParameter(date1 ? Json(*date1) : Json(), "date1");
+  d.setParameter(date2 ? Json(*date2) : Json(), "date2");
+  d.setParameter(date3 ? Json(*date3) : Json(), "date3");
+  d.setParameter(Json(firstLaunch), "firstLaunchDate");
+
+  // 10. Pasteboard attribution, only on systems older than 7.0.
+  if (std::strtod(p.device->systemVersion().c_str(), nullptr) < 7.0 && p.application) {
+    if (const auto text = p.application->namedPasteboardText("fb_app_attribution")) {
+      d.setParameter(Json(*text), "fb");
+    }
+  }
+
+  // 11. Keys 33 to 37.
+  const auto languages = p.locale->preferredLanguages();
+  d.setParameter(languages.empty() ? Json() : Json(languages.front()), "currentLanguage");
+  const auto language = p.locale->languageCode();
+  d.setParameter(language ? Json(*language) : Json(), "lang_code");
+  const auto country = p.locale->countryCode();
+  d.setParameter(country ? Json(*country) : Json(), "currentCountrycode");
+  d.setParameter(Json(format("%f", platform::secondsSince1970(p.clock->now()))), "timestamp");
+  if (const auto customer = customerUserID()) d.setParameter(Json(*customer), "appUID");
+
+  // 12. Custom data, under the tracker's lock.
+  {
+    std::lock_guard lock(monitor_);
+    if (customData_) {
+      if (customData_->is_object() && QuorvelUtils::isValidJSONObject(*customData_)) {
+        d.setParameter(Json(stringify(*customData_)), "customData");
+      } else {
+        qvLog(kLogWarning, kMethod, "customData is not valid json data");
+      }
+    }
+  }
+
+  // 13. Keys 39 to 42.
+  d.setParameter(Json(isWifiAvailable()), "wifi");
+  if (const auto attribution = prefs.objectForKey(keys::kConversionData)) d.setParameter(*attribution, "installAttribution");
+  if (const auto reinstalls = prefs.integerForKey(keys::kReInstallCounter); reinstalls >= 1) {
+    d.setParameter(Json(format("%ld", reinstalls)), "reinstallCounter");
+  }
+  if (const auto original = prefs.stringForKey(keys::kOriginalUserId)) d.setParameter(Json(*original), "originalQuorvelId");
+
+  // 14. E-mails, under the tracker's lock.
+  emailStep(d);
+
+  // 15. Keys 44 and 45.
+  d.setParameter(Json(QuorvelUtils::isJailBreakon()), "JBDevice");
+  if (const auto searchAds = prefs.objectForKey(keys::kSearchAdsAttribution)) {
+    d.setParameter(*searchAds, "qv_iad_data");
+  } else {
+    qvLog(kLogDebug, kMethod, "iAD: iSearchAdsDict is nil");
+  }
+
+  // 16-17.
+  addHopline(d);
+  if (isLaunch) {
+    permitAggregateiAdData_ = true;
+    qvLog(kLogDebug, kMethod, "iAD:  permitAggregateiAdData = YES");
+  }
+  return d;
+}
+
+void QuorvelTracker::deepLinkStep(QuorvelDictionary& d) {
+  const auto link = deeplink();
+  if (!link) return;
+  d.setParameter(Json(*link), "qv_deeplink");
+  if (const auto source = sourceApplication()) d.setParameter(Json(*source), "deeplink_sourceapplication");
+
+  Json params;
+  if (link->find("qv_deeplink") == std::string::npos) {
+    qvLog(kLogDebug, kMethod, "Opened from Link = %@", *link);
+    params = Json{{"link", *link}};
+  } else {
+    qvLog(kLogDebug, kMethod, "Quorvel deepLinkParameters = %@", *link);
+    const auto url = Url::parse(*link);
+    params = url ? QuorvelUtils::URLQueryParameters(*url) : Json::object();
+  }
+  const auto path = QuorvelUtils::getHoplinePath(params.contains("link") ? params["link"] : Json());
+  if (!path) {
+    qvLog(kLogDebug, kMethod, "Hopline not found.");
+    deliverAppOpenAttribution(params);
+    setDeeplink(std::nullopt);
+    setSourceApplication(std::nullopt);
+    return;
+  }
+  qvLog(kLogDebug, kMethod, "Hopline found. Executing request..");
+  const std::string url = format("https://hopline.%@%@", host(), *path);
+  // The fields stay set until the resolution completes; the answer never enters this payload.
+  auto self = self_;
+  httpClient_->getHopline(url, quorvelDevKey().value_or(std::string()),
+                          [self, params](const std::optional<Json>& response, const std::optional<Error>& error) {
+                            static constexpr const char* kBlock = "-[QuorvelTracker getEventParameters:]_block_invoke";
+                            QuorvelTracker* tracker = self->load();
+                            if (tracker == nullptr) return;
+                            if (response) {
+                              Json merged = params;
+                              for (const auto& [k, v] : response->items()) merged[k] = v;
+                              tracker->deliverAppOpenAttribution(merged);
+                            } else if (error) {
+                              qvLog(kLogDebug, kBlock, "Error occured. %@", *error);
+                            } else {
+                              qvTrace(kBlock, "`responceDict` && `err` are nil. Response did not pass validation");
+                            }
+                            tracker->setDeeplink(std::nullopt);
+                            tracker->setSourceApplication(std::nullopt);
+                          });
+}
+
+void QuorvelTracker::deliverAppOpenAttribution(const Json& attribution) {
+  const auto current = delegate();
+  if (!current || !current->onAppOpenAttribution) return;
+  // Held weakly across the hop: a delegate that goes away meanwhile is not called.
+  std::weak_ptr<QuorvelTrackerDelegate> weak = current;
+  platform_->dispatcher->mainQueue()->async([weak, attribution] {
+    if (const auto d = weak.lock(); d && d->onAppOpenAttribution) d->onAppOpenAttribution(attribution);
+  });
+}
+
+void QuorvelTracker::pushPayloadStep(QuorvelDictionary& d) {
+  const auto payload = pushPayload();
+  if (!payload) return;
+  if (payload->is_object() && QuorvelUtils::isValidJSONObject(*payload)) {
+    // Deliberately the same key as the deep link: the push payload replaces it.
+    d.setParameter(Json(payload->dump()), "qv_deeplink");
+  } else {
+    qvLog(kLogError, kMethod, "pushPayload is not valid json data");
+  }
+  setPushPayload(std::nullopt);
+}
+
+void QuorvelTracker::advertisingIdentifierStep(QuorvelDictionary& d) {
+  bool enabled = false;
+  std::string identifier;
+  const auto entry = platform_->classRegistry->classNamed(advertisingManagerClassName());
+  const auto managerClass = std::dynamic_pointer_cast<platform::AdvertisingIdentifierManagerClass>(entry);
+  const auto manager = managerClass ? managerClass->sharedManager() : nullptr;
+  if (manager && !disableAppleAdSupportTracking()) {
+    identifier = format("%@", manager->advertisingIdentifier());
+    enabled = manager->isAdvertisingTrackingEnabled();
+    qvLog(kLogDebug, kMethod, "has advertiserId");
+  } else {
+    qvLog(kLogDebug, kMethod, "has not advertiserId");
+  }
+  setAdvertiserId(identifier);
+  d.setParameter(Json(advertiserId()), "advertiserId");
+  d.setParameter(Json(enabled), "advertiserIdEnabled");
+}
+
+void QuorvelTracker::emailStep(QuorvelDictionary& d) {
+  std::lock_guard lock(monitor_);
+  if (!userEmails_ || userEmails_->empty()) return;
+  std::string label = "plain_el_arr";
+  Json list = Json::array();
+  for (const auto& entry : *userEmails_) {
+    if (!entry.is_string()) {
+      qvLog(kLogWarning, kMethod, "Warning: email provided are not in the right format.");
+      continue;
+    }
+    const std::string address = entry.get<std::string>();
+    switch (emailCryptType_) {
+      case 0:
+        list.push_back(address);
+        label = "plain_el_arr";
+        break;
+      case 2:
+        list.push_back(QuorvelUtils::md5(address));
+        label = "md5_el_arr";
+        break;
+      case 3:
+        list.push_back(QuorvelUtils::sha256(address));
+        label = "sha256_el_arr";
+        break;
+      default:
+        list.push_back(QuorvelUtils::sha1(address));
+        label = "sha1_el_arr";
+        break;
+    }
+  }
+  d.setParameter(Json(stringify(Json{{label, list}})), "user_emails");
+}
+
+void QuorvelTracker::addHopline(QuorvelDictionary& d) {
+  if (const auto id = appInviteHoplineID()) {
+    d.setParameter(Json(*id), "hopline_id");
+    if (const auto version = platform_->preferences->stringForKey(keys::kHoplineVersion)) {
+      d.setParameter(Json(*version), "hopline_ver");
+    }
+  }
+}
+
+}  // namespace quorvel
