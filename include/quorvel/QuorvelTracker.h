@@ -21,6 +21,7 @@
 #include <quorvel/Error.h>
 #include <quorvel/Json.h>
 #include <quorvel/Platform.h>
+#include <quorvel/platform/URLSession.h>
 
 namespace quorvel {
 
@@ -187,6 +188,23 @@ class QuorvelTracker {
   std::optional<Json> pushPayload() const;
   void setPushPayload(std::optional<Json> payload);
 
+  // --- Conversion data ------------------------------------------------------------------
+  // Sets the delegate, then fetches the install's conversion data for it.
+  void loadConversionDataWithDelegate(std::weak_ptr<QuorvelTrackerDelegate> delegate);
+  // Delivers the conversion data to the delegate: from the stored copy (on the main queue)
+  // or fetched from the service. Returns at once.
+  void getConversionData();
+
+  // --- Dispatch (not for hosts) -------------------------------------------------------
+  void callServerWithEventName(const std::string& name);
+  void callServerWithEventName(const std::string& name, const std::optional<std::string>& value,
+                               bool isInAppEvent, bool isIAd);
+  // `dictionary` is accepted and ignored: event values travel in `value`.
+  void callServerWithEventName(const std::string& name, const std::optional<std::string>& value,
+                               const std::optional<Json>& dictionary, bool isEvent, bool isIAd);
+  void validateAppID() const;
+  Bytes encryptData(const QuorvelDictionary& parameters) const;
+
   // Uploads a remote-debugging document to the service's debugging endpoint.
   void remoteDebuggingCallWithData(const std::string& data);
 
@@ -220,6 +238,8 @@ class QuorvelTracker {
   void advertisingIdentifierStep(QuorvelDictionary& parameters);
   void emailStep(QuorvelDictionary& parameters);
   void deliverAppOpenAttribution(const Json& attribution);
+  void handleConversionDataAnswer(const std::optional<Bytes>& body, const std::optional<platform::URLResponse>& response,
+                                  const std::optional<Error>& error, platform::TimePoint start);
 
   std::shared_ptr<const Platform> platform_;
 
@@ -267,6 +287,11 @@ class QuorvelTracker {
   // Cleared when the tracker goes, so that a late replay of its own cache finds no tracker.
   std::shared_ptr<std::atomic<QuorvelTracker*>> self_;
 };
+
+// The stored conversion data's lifetime, in seconds (60 days).
+extern const std::int64_t k60Days;
+// Rejected conversion-data requests after which no more are made.
+extern const std::int64_t kNumberOfConversionDataRequestsTreshhold;
 
 // The default service domain of every endpoint.
 inline constexpr const char* kQuorvelDefaultHost = "quorvel.io";

@@ -35,3 +35,10 @@ inline constexpr const char* kSearchAdsAttribution = "QuorvelSearchAdsAttributio
 inline constexpr const char* kConversionData = "QuorvelConversiondataKey";
 
 }  // namespace quorvel::keys
+
+namespace quorvel::keys {
+
+inline constexpr const char* kConversionDataCacheExpiration = "QuorvelConversionDataCacheExpiration";
+inline constexpr const char* kGetConversionDataTiming = "QuorvelGetConversionDataTiming";
+
+}  // namespace quorvel::keys

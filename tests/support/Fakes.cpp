@@ -304,9 +304,6 @@ void FakeURLSession::fail(std::size_t index, const Error& error) {
 }
 
 std::shared_ptr<platform::URLSession> FakeURLSessionFactory::sharedSession() {
-  if (!shared_) {
-    shared_ = std::make_shared<FakeURLSession>(dispatcher_->makeSerialQueue("session.callbacks"));
-  }
   return shared_;
 }
 

@@ -218,7 +218,8 @@ class FakeURLSession final : public platform::URLSession {
 class FakeURLSessionFactory final : public platform::URLSessionFactory {
  public:
   explicit FakeURLSessionFactory(std::shared_ptr<platform::Dispatcher> dispatcher)
-      : dispatcher_(std::move(dispatcher)) {}
+      : dispatcher_(std::move(dispatcher)),
+        shared_(std::make_shared<FakeURLSession>(dispatcher_->makeSerialQueue("session.callbacks"))) {}
   std::shared_ptr<platform::URLSession> sharedSession() override;
   std::shared_ptr<platform::URLSession> backgroundSession(
       const platform::BackgroundSessionConfiguration& configuration,

@@ -3,33 +3,14 @@
 #include <gtest/gtest.h>
 
 #include "log/QuorvelProxyManager.h"
+#include "support/Decrypt.h"
 #include "support/TestPlatform.h"
 #include "util/QuorvelAES128Crypto.h"
 
 namespace quorvel {
 namespace {
 
-// The receiving side, written independently of the library: split the layout, derive the
-// key from the developer key and the trailing salt, decrypt.
-std::optional<Bytes> decryptIndependently(const std::string& devKey, const Bytes& sealed) {
-  if (sealed.size() < 24 + 16) return std::nullopt;
-  const std::size_t n = sealed.size() - 24;
-  const Bytes iv(sealed.begin() + n, sealed.begin() + n + 16);
-  const Bytes salt(sealed.begin() + n + 16, sealed.end());
-  unsigned char key[16];
-  PKCS5_PBKDF2_HMAC(devKey.data(), static_cast<int>(devKey.size()), salt.data(), 8, 10000, EVP_sha1(), 16, key);
-  EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
-  Bytes out(n + 16);
-  int len = 0;
-  int fin = 0;
-  const bool ok = EVP_DecryptInit_ex(ctx, EVP_aes_128_cbc(), nullptr, key, iv.data()) == 1 &&
-                  EVP_DecryptUpdate(ctx, out.data(), &len, sealed.data(), static_cast<int>(n)) == 1 &&
-                  EVP_DecryptFinal_ex(ctx, out.data() + len, &fin) == 1;
-  EVP_CIPHER_CTX_free(ctx);
-  if (!ok) return std::nullopt;
-  out.resize(static_cast<std::size_t>(len + fin));
-  return out;
-}
+using test::decryptIndependently;
 
 class CryptoTest : public ::testing::Test {
  protected:

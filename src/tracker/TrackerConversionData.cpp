@@ -1,0 +1,141 @@
+// The install's conversion data: fetched once, stored, served from the stored copy.
+#include <quorvel/QuorvelTracker.h>
+
+#include "log/Log.h"
+#include "tracker/PreferenceKeys.h"
+#include "util/QuorvelUtils.h"
+
+namespace quorvel {
+
+const std::int64_t k60Days = 5184000;
+const std::int64_t kNumberOfConversionDataRequestsTreshhold = 5;
+
+namespace {
+
+constexpr const char* kErrorDomain = "com.quorvel.ErrorDomain";
+constexpr const char* kGet = "-[QuorvelTracker getConversionData]";
+constexpr const char* kAnswer = "-[QuorvelTracker getConversionData]_block_invoke";
+
+bool listensForFailures(const std::shared_ptr<QuorvelTrackerDelegate>& d) {
+  return d && d->onConversionDataRequestFailure;
+}
+
+}  // namespace
+
+void QuorvelTracker::loadConversionDataWithDelegate(std::weak_ptr<QuorvelTrackerDelegate> delegate) {
+  setDelegate(std::move(delegate));
+  getConversionData();
+}
+
+void QuorvelTracker::getConversionData() {
+  const auto d = delegate();
+  if (!d || !d->onConversionDataReceived) return;
+  const Platform& p = *platform_;
+  auto& prefs = *p.preferences;
+  auto cached = prefs.objectForKey(keys::kConversionData);
+  const double expiration = prefs.doubleForKey(keys::kConversionDataCacheExpiration);
+  const double now = platform::secondsSince1970(p.clock->now());
+  if (expiration != 0 && now - expiration > static_cast<double>(k60Days)) {
+    // Expired: asked again once; the stored copy stays for the case that this fails.
+    prefs.setDouble(keys::kConversionDataCacheExpiration, 0);
+    cached.reset();
+  }
+  if (cached) {
+    std::weak_ptr<QuorvelTrackerDelegate> weak = d;
+    p.dispatcher->mainQueue()->asyncAfter(std::chrono::milliseconds(1), [weak, data = *cached] {
+      qvLog(kLogDebug, "-[QuorvelTracker getConversionData]_block_invoke", "conversion data description:\n %@", data);
+      if (const auto current = weak.lock(); current && current->onConversionDataReceived) {
+        current->onConversionDataReceived(data);
+      }
+    });
+    return;
+  }
+  try {
+    const auto start = p.clock->now();
+    if (prefs.integerForKey(keys::kConversionDataRequestRetries) >= kNumberOfConversionDataRequestsTreshhold) return;
+    const std::string url = format("https://sdk.%@/install_data/v3/id%@?devkey=%@&device_id=%@", host(), appleAppID(),
+                                   quorvelDevKey(), getQuorvelUID());
+    qvLog(kLogDebug, kGet, "calling URL (conversion data): %@", url);
+    platform::URLRequest request;
+    request.url = url;
+    auto self = self_;
+    p.urlSessions->sharedSession()
+        ->dataTask(std::move(request),
+                   [self, start](const auto& body, const auto& response, const auto& error) {
+                     if (QuorvelTracker* tracker = self->load()) {
+                       tracker->handleConversionDataAnswer(body, response, error, start);
+                     }
+                   })
+        ->resume();
+  } catch (const std::exception&) {
+    if (const auto current = delegate(); listensForFailures(current)) {
+      current->onConversionDataRequestFailure(Error{kErrorDomain, 0, "Quorvel server data error."});
+    }
+  }
+}
+
+void QuorvelTracker::handleConversionDataAnswer(const std::optional<Bytes>& body,
+                                                const std::optional<platform::URLResponse>& response,
+                                                const std::optional<Error>& error, platform::TimePoint start) {
+  const Platform& p = *platform_;
+  auto& prefs = *p.preferences;
+  const auto d = delegate();
+  if (error) {
+    if (listensForFailures(d)) {
+      std::weak_ptr<QuorvelTrackerDelegate> weak = d;
+      p.dispatcher->mainQueue()->asyncAfter(std::chrono::milliseconds(1), [weak, e = *error] {
+        if (const auto current = weak.lock(); current && current->onConversionDataRequestFailure) {
+          current->onConversionDataRequestFailure(e);
+        }
+      });
+    }
+    return;
+  }
+  if (!d || !d->onConversionDataReceived || !response) return;
+  qvLog(kLogDebug, kAnswer, "Conversion data response code: %ld", response->statusCode);
+  const long status = response->statusCode;
+  if (status != 200) {
+    // Counted only for delegates that listen for failures; 5xx answers are never counted.
+    if (listensForFailures(d)) {
+      if (status >= 400 && status <= 499) {
+        prefs.setInteger(keys::kConversionDataRequestRetries, prefs.integerForKey(keys::kConversionDataRequestRetries) + 1);
+        prefs.synchronize();
+      }
+      d->onConversionDataRequestFailure(
+          Error{kErrorDomain, status, "Quorvel error response from server. Check your Quorvel key and Apple app ID."});
+    }
+    return;
+  }
+  prefs.setDouble(keys::kGetConversionDataTiming, std::chrono::duration<double>(p.clock->now() - start).count());
+  prefs.removeObjectForKey(keys::kConversionDataRequestRetries);
+  prefs.synchronize();
+
+  const std::string text = body ? std::string(body->begin(), body->end()) : std::string();
+  Json parsed = Json::parse(text, nullptr, false);
+  std::optional<Error> failure;
+  if (parsed.is_discarded()) {
+    failure = Error{"NSCocoaErrorDomain", 3840, "The data couldn't be read because it isn't in the correct format."};
+  } else if (!parsed.is_object()) {
+    failure = Error{kErrorDomain, 0, "Quorvel bad JSON response."};
+  } else {
+    QuorvelUtils::recursivelyRemoveNulls(parsed);
+    if (const auto it = parsed.find("iscache"); it != parsed.end()) {
+      const bool fresh = (it->is_boolean() && !it->get<bool>()) || (it->is_number() && it->get<double>() == 0);
+      parsed.erase("iscache");
+      if (fresh) prefs.setDouble(keys::kConversionDataCacheExpiration, platform::secondsSince1970(p.clock->now()));
+    }
+    prefs.setObject(keys::kConversionData, parsed);
+    prefs.synchronize();
+    qvLog(kLogDebug, kAnswer, "Caching conversion data ...");
+    qvLog(kLogDebug, kAnswer, "conversion data description:\n %@", parsed);
+    d->onConversionDataReceived(parsed);
+    return;
+  }
+  if (listensForFailures(d)) {
+    qvLog(kLogWarning, kAnswer, "%lu", text.size());
+    d->onConversionDataRequestFailure(text.empty() ? Error{kErrorDomain, 1, "Quorvel Empty response from server."}
+                                                   : *failure);
+  }
+}
+
+}  // namespace quorvel

@@ -1,0 +1,116 @@
+// Every tracking request goes through callServerWithEventName: checked, built, encrypted,
+// sent to its endpoint.
+#include <quorvel/QuorvelTracker.h>
+#include <quorvel/Version.h>
+
+#include <regex>
+
+#include "cache/QuorvelRequestCacheData.h"
+#include "log/Log.h"
+#include "net/QuorvelHTTPClient.h"
+#include "tracker/PreferenceKeys.h"
+#include "util/QuorvelAES128Crypto.h"
+#include "util/QuorvelDictionary.h"
+#include "util/QuorvelUtils.h"
+
+namespace quorvel {
+namespace {
+constexpr const char* kMethod = "-[QuorvelTracker callServerWithEventName:value:withDictionary:isEvent:isIAd:]";
+constexpr const char* kLaunchEventName = "Launched";
+}  // namespace
+
+void QuorvelTracker::callServerWithEventName(const std::string& name) {
+  callServerWithEventName(name, std::nullopt, false, false);
+}
+
+void QuorvelTracker::callServerWithEventName(const std::string& name, const std::optional<std::string>& value,
+                                             bool isInAppEvent, bool isIAd) {
+  callServerWithEventName(name, value, std::nullopt, isInAppEvent, isIAd);
+}
+
+void QuorvelTracker::callServerWithEventName(const std::string& name, const std::optional<std::string>& value,
+                                             const std::optional<Json>& /*dictionary*/, bool isEvent, bool isIAd) {
+  const Platform& p = *platform_;
+  auto& prefs = *p.preferences;
+  qvLog(kLogDebug, kMethod, "(%@): entered callServerWithEventName. ", kQuorvelSDKVersion);
+  const auto devKey = quorvelDevKey();
+  qvLog(kLogDebug, kMethod, "dev key: %@", devKey && !devKey->empty() ? *devKey : std::string("missing!!!"));
+  if (!devKey) {
+    qvLog(kLogError, kMethod, "Quorvel dev key is missing");
+    return;
+  }
+  validateAppID();
+
+  const auto installTimestamp = prefs.objectForKey(keys::kInstallTimestamp);
+  qvLog(kLogDebug, kMethod, "First time = %d %@ %@", installTimestamp ? 0 : 1, installTimestamp, keys::kInstallTimestamp);
+  const bool isLaunch = name == kLaunchEventName;
+  if (isLaunch) write(lastLaunchTime_, p.clock->now());
+  std::optional<Json> receipt;
+  if (isLaunch && !installTimestamp) {
+    qvLog(kLogDebug, kMethod, "Get install receipt");
+    receipt = QuorvelUtils::getStoreReceipt(p);
+  }
+  if (!installTimestamp) {
+    prefs.setString(keys::kInstallTimestamp, format("%f", platform::secondsSince1970(p.clock->now())));
+  }
+
+  QuorvelDictionary parameters = getEventParameters(isLaunch);
+  parameters.setParameter(Json(name), "event");
+  parameters.setParameter(Json(value.value_or(std::string())), "eventvalue");
+  if (receipt) {
+    qvLog(kLogDebug, kMethod, "install Receipt: %@", QuorvelUtils::getJsonStringFromDictionary(*receipt));
+    const auto data = receipt->find("data");
+    if (data != receipt->end() && !data->is_string()) {
+      qvLog(kLogDebug, kMethod, "Found install Receipt Data");
+      parameters.setParameter(QuorvelUtils::getJsonStringFromDictionary(*receipt), "installReceiptData");
+    }
+  } else {
+    qvLog(kLogDebug, kMethod, "Install Receipt Data has no data");
+  }
+
+  const char* prefix = isEvent ? "events" : (isIAd ? "attr" : "t");
+  const std::string url = format("https://%@.%@/api/v%@/ios%@?app_id=%@&buildnumber=%@", prefix, host(),
+                                 kQuorvelAPIVersion, "event", appleAppID(), kQuorvelSDKVersion);
+  const Bytes body = encryptData(parameters);
+  QuorvelUtils::logRequestContent(isLaunch ? kRequestLaunch : kRequestEvent, url,
+                                  QuorvelUtils::getJsonStringFromDictionary(parameters.dict()).value_or(std::string()));
+  const QuorvelRequestCacheData record(url, body, kQuorvelSDKVersion);
+  auto self = self_;
+  httpClient_->sendRequestEventToServer(record, false, appleAppID(), isDebug(), [self, isLaunch] {
+    QuorvelTracker* tracker = self->load();
+    if (tracker == nullptr || !isLaunch) return;
+    const auto d = tracker->delegate();
+    if (d && d->onConversionDataReceived) {
+      qvLog(kLogDebug, "-[QuorvelTracker callServerWithEventName:value:withDictionary:isEvent:isIAd:]_block_invoke",
+            "Quorvel: loading attribution data");
+      tracker->getConversionData();
+    }
+  });
+}
+
+void QuorvelTracker::validateAppID() const {
+  static constexpr const char* kValidate = "-[QuorvelTracker validateAppID]";
+  const auto appID = appleAppID();
+  if (!appID) {
+    qvLog(kLogError, kValidate, "Quorvel Error: appleAppID is missing!");
+    return;
+  }
+  static const std::regex digits("[0-9]+");
+  if (!std::regex_match(*appID, digits)) {
+    qvLog(kLogError, kValidate, "Quorvel Error: appleAppID should be a number!");
+    qvLog(kLogError, kValidate, "appleAppID: '%@'", *appID);
+  }
+}
+
+Bytes QuorvelTracker::encryptData(const QuorvelDictionary& parameters) const {
+  const auto json = QuorvelUtils::getJsonDataFromDictionary(parameters.dict());
+  const auto cipher = crypto();
+  if (json && cipher) {
+    if (auto sealed = cipher->encrypt(*json)) return *sealed;
+    return {};
+  }
+  qvLog(kLogWarning, "-[QuorvelTracker encryptData:]", "Cannot encrypt `nil`");
+  return Bytes{0xFF};
+}
+
+}  // namespace quorvel

@@ -1,0 +1,171 @@
+#include <quorvel/QuorvelTracker.h>
+
+#include <gtest/gtest.h>
+
+#include "log/QuorvelProxyManager.h"
+#include "support/TestPlatform.h"
+#include "tracker/PreferenceKeys.h"
+
+namespace quorvel {
+namespace {
+
+using namespace std::chrono_literals;
+
+class ConversionDataTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fakes.install();
+    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
+    QVSetShowDebugLogs(true);
+    tracker = std::make_unique<QuorvelTracker>(fakes.shared());
+    tracker->setQuorvelDevKey(std::string("KEY"));
+    tracker->setAppleAppID(std::string("123"));
+    tracker->setHost(std::string("svc.example"));
+    delegate = std::make_shared<QuorvelTrackerDelegate>();
+    delegate->onConversionDataReceived = [this](const Json& d) {
+      received.push_back(d);
+      queues.push_back(onMain() ? "main" : "callback");
+    };
+    delegate->onConversionDataRequestFailure = [this](const Error& e) {
+      failures.push_back(e);
+      queues.push_back(onMain() ? "main" : "callback");
+    };
+    tracker->setDelegate(delegate);
+  }
+  bool onMain() { return fakes.dispatcher->mainQueue()->isCurrent(); }
+  test::FakeURLSession& session() { return *fakes.urlSessions->shared(); }
+  void answer(long status, const std::string& body) {
+    session().respond(session().started().size() - 1, status, body);
+    fakes.dispatcher->runUntilIdle();
+  }
+
+  test::TestPlatform fakes;
+  std::unique_ptr<QuorvelTracker> tracker;
+  std::shared_ptr<QuorvelTrackerDelegate> delegate;
+  std::vector<Json> received;
+  std::vector<Error> failures;
+  std::vector<std::string> queues;
+};
+
+TEST_F(ConversionDataTest, FreshAnswerIsCleanedStoredAndDelivered) {
+  tracker->getConversionData();
+  ASSERT_EQ(session().started().size(), 1U);
+  const std::string uid = tracker->getQuorvelUID();
+  EXPECT_EQ(session().started()[0].task->originalRequest().url,
+            "https://sdk.svc.example/install_data/v3/id123?devkey=KEY&device_id=" + uid);
+  EXPECT_EQ(session().started()[0].task->originalRequest().method, "GET");
+  fakes.clock->advance(250ms);
+  answer(200, R"({"af_status":"Non-organic","media_source":null,"nested":{"x":null,"y":[null,1]},"iscache":false})");
+  const Json want = Json::parse(R"({"af_status":"Non-organic","nested":{"y":[1]}})");
+  EXPECT_EQ(received, std::vector<Json>{want});
+  EXPECT_EQ(queues, std::vector<std::string>{"callback"});
+  EXPECT_EQ(fakes.preferences->objectForKey(keys::kConversionData), want);
+  EXPECT_DOUBLE_EQ(fakes.preferences->doubleForKey(keys::kConversionDataCacheExpiration),
+                   platform::secondsSince1970(fakes.clock->now()));
+  EXPECT_DOUBLE_EQ(fakes.preferences->doubleForKey(keys::kGetConversionDataTiming), 0.25);
+
+  // Later calls are served from the stored copy on the main queue, after 1 ms.
+  tracker->getConversionData();
+  EXPECT_EQ(session().started().size(), 1U);
+  fakes.dispatcher->runUntilIdle();
+  EXPECT_EQ(received.size(), 1U);
+  fakes.dispatcher->advance(1ms);
+  EXPECT_EQ(received.size(), 2U);
+  EXPECT_EQ(queues.back(), "main");
+}
+
+TEST_F(ConversionDataTest, ServiceCachedAnswerKeepsTheExpiration) {
+  tracker->getConversionData();
+  answer(200, R"({"af_status":"Organic","iscache":true})");
+  EXPECT_EQ(received.at(0), (Json{{"af_status", "Organic"}}));
+  EXPECT_FALSE(fakes.preferences->objectForKey(keys::kConversionDataCacheExpiration));
+}
+
+TEST_F(ConversionDataTest, SixtyDaysLaterItAsksOnceAgain) {
+  fakes.preferences->setObject(keys::kConversionData, Json{{"old", 1}});
+  fakes.preferences->setDouble(keys::kConversionDataCacheExpiration,
+                               platform::secondsSince1970(fakes.clock->now()) - 5184001);
+  tracker->getConversionData();
+  EXPECT_EQ(session().started().size(), 1U);
+  EXPECT_EQ(fakes.preferences->doubleForKey(keys::kConversionDataCacheExpiration), 0);
+  session().fail(0, Error{platform::kURLErrorDomain, -1009, "offline"});
+  fakes.dispatcher->advance(1ms);
+  ASSERT_EQ(failures.size(), 1U);
+  EXPECT_EQ(failures[0].code, -1009);
+  EXPECT_EQ(queues.back(), "main");
+  // The old copy is served again, now without expiry.
+  tracker->getConversionData();
+  fakes.dispatcher->advance(1ms);
+  EXPECT_EQ(received, (std::vector<Json>{Json{{"old", 1}}}));
+}
+
+TEST_F(ConversionDataTest, RejectionsAreCountedUpToTheLimit) {
+  for (int i = 0; i < 5; ++i) {
+    tracker->getConversionData();
+    answer(403, "forbidden");
+  }
+  ASSERT_EQ(failures.size(), 5U);
+  EXPECT_EQ(failures[0].code, 403);
+  EXPECT_EQ(failures[0].domain, "com.quorvel.ErrorDomain");
+  EXPECT_EQ(failures[0].localizedDescription,
+            "Quorvel error response from server. Check your Quorvel key and Apple app ID.");
+  EXPECT_EQ(fakes.preferences->integerForKey(keys::kConversionDataRequestRetries), 5);
+  tracker->getConversionData();
+  fakes.dispatcher->advance(1s);
+  EXPECT_EQ(session().started().size(), 5U);
+  EXPECT_EQ(failures.size(), 5U);
+}
+
+TEST_F(ConversionDataTest, ServerErrorsAndNonListenersAreNotCounted) {
+  tracker->getConversionData();
+  answer(503, "");
+  EXPECT_EQ(failures.at(0).code, 503);
+  EXPECT_FALSE(fakes.preferences->objectForKey(keys::kConversionDataRequestRetries));
+  delegate->onConversionDataRequestFailure = nullptr;
+  tracker->getConversionData();
+  answer(404, "");
+  EXPECT_FALSE(fakes.preferences->objectForKey(keys::kConversionDataRequestRetries));
+}
+
+TEST_F(ConversionDataTest, BadBodies) {
+  const std::tuple<std::string, std::int64_t, std::string> cases[] = {
+      {"", 1, "Quorvel Empty response from server."},
+      {"[1,2]", 0, "Quorvel bad JSON response."},
+      {"<html>", 3840, "The data couldn't be read because it isn't in the correct format."},
+  };
+  for (const auto& [body, code, text] : cases) {
+    failures.clear();
+    tracker->getConversionData();
+    answer(200, body);
+    ASSERT_EQ(failures.size(), 1U) << body;
+    EXPECT_EQ(failures[0].code, code) << body;
+    EXPECT_EQ(failures[0].localizedDescription, text) << body;
+  }
+  EXPECT_TRUE(received.empty());
+}
+
+TEST_F(ConversionDataTest, NoInterestedDelegateNoRequest) {
+  delegate->onConversionDataReceived = nullptr;
+  tracker->getConversionData();
+  EXPECT_TRUE(session().started().empty());
+  // A delegate that goes away mid-flight is never called.
+  delegate->onConversionDataReceived = [this](const Json& d) { received.push_back(d); };
+  tracker->getConversionData();
+  delegate.reset();
+  answer(200, R"({"a":1})");
+  EXPECT_TRUE(received.empty());
+  EXPECT_FALSE(fakes.preferences->objectForKey(keys::kConversionData));
+}
+
+TEST_F(ConversionDataTest, LoadWithDelegateSetsItFirst) {
+  auto other = std::make_shared<QuorvelTrackerDelegate>();
+  other->onConversionDataReceived = [](const Json&) {};
+  tracker->loadConversionDataWithDelegate(other);
+  EXPECT_EQ(tracker->delegate(), other);
+  EXPECT_EQ(session().started().size(), 1U);
+  EXPECT_EQ(k60Days, 5184000);
+  EXPECT_EQ(kNumberOfConversionDataRequestsTreshhold, 5);
+}
+
+}  // namespace
+}  // namespace quorvel

@@ -1,0 +1,133 @@
+#include <quorvel/QuorvelTracker.h>
+
+#include <gtest/gtest.h>
+
+#include "log/QuorvelProxyManager.h"
+#include "support/Decrypt.h"
+#include "support/TestPlatform.h"
+#include "tracker/PreferenceKeys.h"
+#include "util/QuorvelDictionary.h"
+
+namespace quorvel {
+namespace {
+
+constexpr const char* kKey = "DEVKEY-DISPATCH";
+
+class DispatchTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fakes.install();
+    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
+    QVSetShowDebugLogs(true);
+    tracker = std::make_unique<QuorvelTracker>(fakes.shared());
+    tracker->setQuorvelDevKey(std::string(kKey));
+    tracker->setAppleAppID(std::string("123"));
+    tracker->setHost(std::string("svc.example"));
+  }
+  test::FakeURLSession& session() { return *fakes.urlSessions->shared(); }
+  const platform::URLRequest& request(std::size_t i) { return session().started().at(i).task->originalRequest(); }
+  Json payload(std::size_t i) { return test::decryptPayload(kKey, request(i).body); }
+
+  test::TestPlatform fakes;
+  std::unique_ptr<QuorvelTracker> tracker;
+};
+
+TEST_F(DispatchTest, EndpointsByKind) {
+  struct Case {
+    bool isEvent, isIAd;
+    std::string prefix;
+  };
+  const Case cases[] = {{false, false, "t"}, {true, false, "events"}, {false, true, "attr"}, {true, true, "events"}};
+  std::size_t i = 0;
+  for (const auto& c : cases) {
+    tracker->callServerWithEventName("purchase", std::string("9.99"), c.isEvent, c.isIAd);
+    EXPECT_EQ(request(i++).url, "https://" + c.prefix + ".svc.example/api/v4.8/iosevent?app_id=123&buildnumber=4.8.0");
+  }
+}
+
+TEST_F(DispatchTest, FirstLaunchCarriesTheReceiptAndLaterOnesDoNot) {
+  fakes.bundle->receiptPath = "/app/receipt";
+  fakes.fileSystem->writeFileAtomically("/app/receipt", Bytes{'r', 'c', 'p', 't'});
+  tracker->callServerWithEventName("Launched");
+  tracker->callServerWithEventName("Launched");
+  const Json first = payload(0);
+  ASSERT_FALSE(first.is_discarded());
+  EXPECT_EQ(first["event"], "Launched");
+  EXPECT_EQ(first["eventvalue"], "");
+  EXPECT_EQ(first["counter"], "1");
+  EXPECT_EQ(first["installReceiptData"], R"({"data":{"receipt-data":"cmNwdA=="}})");
+  EXPECT_FALSE(payload(1).contains("installReceiptData"));
+  EXPECT_EQ(payload(1)["counter"], "2");
+  EXPECT_EQ(tracker->lastLaunchTime(), fakes.clock->now());
+  EXPECT_EQ(fakes.systemLog->count("Install Receipt Data has no data"), 1U);
+}
+
+TEST_F(DispatchTest, AnUnreadableReceiptAddsNothingAndAnEarlyEventTakesTheFirstTime) {
+  tracker->callServerWithEventName("Launched");  // no receipt file: "-1" under "data"
+  EXPECT_FALSE(payload(0).contains("installReceiptData"));
+  EXPECT_EQ(fakes.systemLog->count("Found install Receipt Data"), 0U);
+
+  test::TestPlatform other;
+  other.install();
+  other.bundle->receiptPath = "/app/receipt";
+  other.fileSystem->writeFileAtomically("/app/receipt", Bytes{'r'});
+  QuorvelTracker t(other.shared());
+  t.setQuorvelDevKey(std::string(kKey));
+  t.callServerWithEventName("af_purchase", std::nullopt, true, false);
+  EXPECT_TRUE(other.preferences->objectForKey(keys::kInstallTimestamp));
+  t.callServerWithEventName("Launched");
+  const auto& body = other.urlSessions->shared()->started().at(1).task->originalRequest().body;
+  EXPECT_FALSE(test::decryptPayload(kKey, body).contains("installReceiptData"));
+}
+
+TEST_F(DispatchTest, ConfigurationChecks) {
+  tracker->setQuorvelDevKey(std::nullopt);
+  tracker->callServerWithEventName("Launched");
+  EXPECT_TRUE(session().started().empty());
+  EXPECT_EQ(fakes.systemLog->count("Quorvel dev key is missing"), 1U);
+  EXPECT_EQ(fakes.systemLog->count("dev key: missing!!!"), 1U);
+
+  tracker->setQuorvelDevKey(std::string(""));  // empty passes
+  tracker->setAppleAppID(std::string("12a"));
+  tracker->callServerWithEventName("Launched");
+  EXPECT_EQ(session().started().size(), 1U);
+  EXPECT_EQ(fakes.systemLog->count("dev key: missing!!!"), 2U);
+  EXPECT_EQ(fakes.systemLog->count("Quorvel Error: appleAppID should be a number!"), 1U);
+  EXPECT_EQ(fakes.systemLog->count("appleAppID: '12a'"), 1U);
+  tracker->setAppleAppID(std::nullopt);
+  tracker->validateAppID();
+  EXPECT_EQ(fakes.systemLog->count("Quorvel Error: appleAppID is missing!"), 1U);
+  tracker->setAppleAppID(std::string(""));
+  tracker->validateAppID();
+  EXPECT_EQ(fakes.systemLog->count("Quorvel Error: appleAppID should be a number!"), 2U);
+}
+
+TEST_F(DispatchTest, UnserialisablePayloadSendsOneByte) {
+  QuorvelDictionary d;
+  d.setParameter(Json(std::numeric_limits<double>::infinity()), "x");
+  EXPECT_EQ(tracker->encryptData(d), Bytes{0xFF});
+  EXPECT_EQ(fakes.systemLog->count("Cannot encrypt `nil`"), 1U);
+}
+
+TEST_F(DispatchTest, ADeliveredLaunchFetchesConversionDataForAnInterestedDelegate) {
+  auto delegate = std::make_shared<QuorvelTrackerDelegate>();
+  std::vector<Json> received;
+  delegate->onConversionDataReceived = [&](const Json& d) { received.push_back(d); };
+  tracker->setDelegate(delegate);
+  tracker->callServerWithEventName("af_event", std::string("v"), true, false);
+  session().respond(0, 200, "{}");
+  fakes.dispatcher->runUntilIdle();
+  EXPECT_EQ(session().started().size(), 1U);  // events never fetch
+  tracker->callServerWithEventName("Launched");
+  session().fail(1, Error{platform::kURLErrorDomain, -1004, "refused"});
+  fakes.dispatcher->runUntilIdle();
+  EXPECT_EQ(session().started().size(), 2U);  // undelivered: no fetch
+  tracker->callServerWithEventName("Launched");
+  session().respond(2, 500, "{}");
+  fakes.dispatcher->runUntilIdle();
+  ASSERT_EQ(session().started().size(), 4U);
+  EXPECT_EQ(request(3).url.rfind("https://sdk.svc.example/install_data/v3/id123?devkey=DEVKEY-DISPATCH&device_id=", 0), 0U);
+}
+
+}  // namespace
+}  // namespace quorvel
