@@ -134,12 +134,31 @@ class QuorvelTracker {
   // The host framework the application is built with ("iOS_Native", ...).
   std::string platfromDevName() const;
 
+  // --- Launches and events --------------------------------------------------------------
+  // Reports that the application became active. Call it on every activation; the launch is
+  // sent 250 ms later unless one was sent within minTimeBetweenSessions seconds.
+  void trackAppLaunch();
+  // Reports a named event with one value; a value of digits, "-" and "." counts as revenue.
+  void trackEvent(const std::string& eventName, const std::optional<std::string>& value);
+  void trackEventWithValue(const std::string& eventName, const std::optional<std::string>& value) {
+    trackEvent(eventName, value);
+  }
+  // Reports a named event with a dictionary of values (nullopt sends "null").
+  void trackEventWithValues(const std::string& eventName, const std::optional<Json>& values);
+  // Reports the device's location as the event "qv_location_coordinates". Longitude first.
+  void trackLocation(double longitude, double latitude);
+
   // --- Lifecycle -------------------------------------------------------------------------
   // Unsubscribes the tracker from the application notifications (will-terminate).
   void removeNotificationObserver(const platform::Notification& notification);
   // Reads the launch options of the did-finish-launching notification: the source
   // application and the URL the app was opened with.
   void handleDidFinishLaunch(const platform::Notification& notification);
+  // The app went to the background: counts the session, sends the statistics request.
+  void handleEnteredBackground();
+  void backgroundstatCall();
+  // Sends the launch unless the previous one of this process is too recent (serial queue).
+  void sendLaunchToServer();
 
   // The tracker's own answers to conversion data; they only log.
   void onConversionDataReceived(const Json& installData);

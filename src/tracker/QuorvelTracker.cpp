@@ -75,6 +75,8 @@ QuorvelTracker::~QuorvelTracker() {
 
 void QuorvelTracker::subscribeToLifecycleNotifications() {
   auto& center = *platform_->notificationCenter;
+  center.addObserver(this, platform::kApplicationDidEnterBackgroundNotification,
+                     [this](const platform::Notification&) { handleEnteredBackground(); });
   center.addObserver(this, platform::kApplicationDidFinishLaunchingNotification,
                      [this](const platform::Notification& n) { handleDidFinishLaunch(n); });
   center.addObserver(this, platform::kApplicationWillTerminateNotification,

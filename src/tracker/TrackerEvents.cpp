@@ -1,0 +1,65 @@
+// In-app events: the public calls only schedule; the dispatch builds and sends.
+#include <quorvel/QuorvelTracker.h>
+
+#include "log/Log.h"
+#include "net/QuorvelHTTPClient.h"
+#include "util/QuorvelUtils.h"
+
+namespace quorvel {
+namespace {
+
+bool looksLikeRevenue(const std::optional<std::string>& value) {
+  return value && !value->empty() && value->find_first_not_of("0123456789-.") == std::string::npos;
+}
+
+std::string replaceCommas(const std::string& text) {
+  std::string out;
+  out.reserve(text.size());
+  for (const char c : text) {
+    if (c == ',') {
+      out += "%2C";
+    } else {
+      out.push_back(c);
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
+void QuorvelTracker::trackEvent(const std::string& eventName, const std::optional<std::string>& value) {
+  if (looksLikeRevenue(value)) {
+    qvLog(kLogDebug, "-[QuorvelTracker trackEvent:withValue:]",
+          "Quorvel: numeric value '%@' for event '%@' will be categorized as a revenue event.", *value, eventName);
+  }
+  auto self = self_;
+  platform_->dispatcher->mainQueue()->asyncAfter(std::chrono::milliseconds(1), [self, eventName, value] {
+    if (QuorvelTracker* tracker = self->load()) tracker->callServerWithEventName(eventName, value, true, false);
+  });
+}
+
+void QuorvelTracker::trackEventWithValues(const std::string& eventName, const std::optional<Json>& values) {
+  auto self = self_;
+  mBackgroundQueue_->asyncAfter(std::chrono::milliseconds(100), [self, eventName, values] {
+    QuorvelTracker* tracker = self->load();
+    if (tracker == nullptr) return;
+    std::string text = "null";
+    if (values && !values->is_null()) {
+      const auto json = QuorvelUtils::isValidJSONObject(*values) ? QuorvelUtils::getJsonStringFromDictionary(*values)
+                                                                  : std::nullopt;
+      if (!json) {
+        // Values that cannot be written are lost; the event still goes, without a value.
+        tracker->callServerWithEventName(eventName, std::nullopt, std::nullopt, true, false);
+        return;
+      }
+      text = *json;
+    }
+    tracker->callServerWithEventName(eventName, replaceCommas(legacyPercentEscape(text)), std::nullopt, true, false);
+  });
+}
+
+void QuorvelTracker::trackLocation(double longitude, double latitude) {
+  trackEventWithValues("qv_location_coordinates", Json{{"qv_long", longitude}, {"qv_lat", latitude}});
+}
+
+}  // namespace quorvel

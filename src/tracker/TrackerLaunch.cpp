@@ -1,0 +1,116 @@
+// Launches, sessions and the move to the background.
+#include <quorvel/QuorvelTracker.h>
+
+#include "device/QVSDKiAdClient.h"
+#include "log/Log.h"
+#include "net/QuorvelHTTPClient.h"
+#include "tracker/PreferenceKeys.h"
+#include "util/QuorvelUtils.h"
+#include "util/VersionCompare.h"
+
+namespace quorvel {
+namespace {
+constexpr const char* kLaunchEventName = "Launched";
+constexpr std::chrono::milliseconds kLaunchDelay{250};
+}  // namespace
+
+void QuorvelTracker::trackAppLaunch() {
+  static constexpr const char* kMethod = "-[QuorvelTracker trackAppLaunch]";
+  qvLog(kLogInfo, kMethod, "Launch");
+  auto& proxy = QuorvelProxyManager::sharedManager();
+  if (proxy.proxyEnabledFromServer()) proxy.sendRemoteDebuggingData(*this);
+  iAdClient_->printLinkDependances();
+
+  auto& prefs = *platform_->preferences;
+  const bool stored = prefs.objectForKey(keys::kSearchAdsAttribution).has_value();
+  qvTrace(kMethod, "iAD: has iSearchAdsDict stored?  %@", stored ? "Yes" : "No");
+  qvTrace(kMethod, "iAD: disableIAdTracking ON?      %@", disableIAdTracking() ? "Yes" : "No");
+  if (!stored && !disableIAdTracking()) {
+    auto self = self_;
+    iAdClient_->requestAttributionDetails([self](const Json& details) {
+      static constexpr const char* kBlock = "-[QuorvelTracker trackAppLaunch]_block_invoke";
+      QuorvelTracker* tracker = self->load();
+      if (tracker == nullptr) return;
+      auto& store = *tracker->platform_->preferences;
+      store.setObject(keys::kSearchAdsAttribution, details);
+      store.synchronize();
+      qvLog(kLogDebug, kBlock, "iAD. Attribution Details: %@", details);
+      qvTrace(kBlock, "iAD. permitAggregateiAdData: %@", tracker->permitAggregateiAdData() ? "YES" : "NO");
+      if (tracker->permitAggregateiAdData()) {
+        tracker->callServerWithEventName(kLaunchEventName, std::nullopt, false, true);
+        tracker->setPermitAggregateiAdData(false);
+      }
+    });
+  }
+  // Nothing of the launch is built on the caller's thread.
+  auto self = self_;
+  mBackgroundQueue_->asyncAfter(kLaunchDelay, [self] {
+    if (QuorvelTracker* tracker = self->load()) tracker->sendLaunchToServer();
+  });
+}
+
+void QuorvelTracker::sendLaunchToServer() {
+  static constexpr const char* kMethod = "-[QuorvelTracker sendLaunchToServer]";
+  if (const auto last = lastLaunchTime()) {
+    const double elapsed = std::chrono::duration<double>(platform_->clock->now() - *last).count();
+    qvLog(kLogDebug, kMethod, "Time from last launch %f", elapsed);
+    if (!(elapsed > static_cast<double>(minTimeBetweenSessions()))) {
+      qvLog(kLogDebug, kMethod, "Skip launch");
+      return;
+    }
+    qvLog(kLogDebug, kMethod, "Call launch request ...");
+  } else {
+    qvLog(kLogDebug, kMethod, "Call launch request 1st time");
+  }
+  callServerWithEventName(kLaunchEventName);
+}
+
+void QuorvelTracker::handleEnteredBackground() {
+  if (compareNumeric(platform_->device->systemVersion(), "7") < 0) return;
+  incrementRealLaunchCounter();
+  backgroundstatCall();
+  auto& proxy = QuorvelProxyManager::sharedManager();
+  if (proxy.proxyEnabledFromServer()) {
+    proxy.stopRemoteDebugging();
+    proxy.sendRemoteDebuggingData(*this);
+  }
+}
+
+void QuorvelTracker::backgroundstatCall() {
+  static constexpr const char* kMethod = "-[QuorvelTracker backgroundstatCall]";
+  const auto last = lastLaunchTime();
+  const double elapsed = last ? std::chrono::duration<double>(platform_->clock->now() - *last).count() : 0.0;
+  auto& prefs = *platform_->preferences;
+  const double timing = prefs.doubleForKey(keys::kGetConversionDataTiming);
+  const auto storedOriginal = prefs.stringForKey(keys::kOriginalUserId);
+  const std::string original = storedOriginal ? *storedOriginal : getQuorvelUID();
+  qvLog(kLogDebug, kMethod, "entered background %f", elapsed);
+  try {
+    // A missing app id or developer key abandons the request, as inserting nil would.
+    const auto appID = appleAppID();
+    const auto devKey = quorvelDevKey();
+    if (!appID) throw std::invalid_argument("*** -[__NSDictionaryM setObject:forKey:]: object cannot be nil (key: app_id)");
+    if (!devKey) throw std::invalid_argument("*** -[__NSDictionaryM setObject:forKey:]: object cannot be nil (key: devkey)");
+    Json body = Json::object();
+    body["app_id"] = *appID;
+    body["devkey"] = *devKey;
+    body["uid"] = getQuorvelUID();
+    body["time_in_app"] = elapsed;
+    body["statType"] = "user_closed_app";
+    body["launch_counter"] = getCounter(false);
+    body["platform"] = "iOS";
+    body["gcd_conversion_data_timing"] = timing;
+    body["advertiserId"] = advertiserId();
+    body["originalQuorvelId"] = original;
+    if (deviceTrackingDisabled()) body["deviceTrackingDisabled"] = "true";
+    const std::string text = QuorvelUtils::getJsonStringFromDictionary(body).value_or(std::string());
+    const std::string url = format("https://stats.%@/stats?app_id=%@", host(), *appID);
+    qvLog(kLogDebug, kMethod, "calling URL (move to background): %@", url);
+    QuorvelUtils::logRequestContent(kRequestStats, url, text);
+    httpClient_->sendRequestWithConfiguration(url, text);
+  } catch (const std::exception& e) {
+    qvLog(kLogDebug, kMethod, "could not track move to background: %@", e.what());
+  }
+}
+
+}  // namespace quorvel

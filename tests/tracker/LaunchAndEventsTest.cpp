@@ -1,0 +1,207 @@
+#include <quorvel/QuorvelTracker.h>
+#include <quorvel/platform/SearchAds.h>
+
+#include <gtest/gtest.h>
+
+#include "log/QuorvelProxyManager.h"
+#include "support/Decrypt.h"
+#include "support/TestPlatform.h"
+#include "tracker/PreferenceKeys.h"
+
+namespace quorvel {
+namespace {
+
+using namespace std::chrono_literals;
+constexpr const char* kKey = "DEVKEY-LAUNCH";
+
+struct AnsweringAdClient final : platform::SearchAdsClient, platform::SearchAdsClientClass {
+  Json details = Json{{"Version3.1", Json{{"iad-attribution", "true"}}}};
+  int requests = 0;
+  void requestAttributionDetailsWithBlock(platform::AttributionDetailsHandler handler) override {
+    ++requests;
+    handler(details, std::nullopt);
+  }
+  std::shared_ptr<platform::SearchAdsClient> sharedClient() override { return self.lock(); }
+  std::weak_ptr<AnsweringAdClient> self;
+};
+
+class LaunchAndEventsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fakes.install();
+    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
+    QVSetShowDebugLogs(true);
+    tracker = std::make_unique<QuorvelTracker>(fakes.shared());
+    tracker->setQuorvelDevKey(std::string(kKey));
+    tracker->setAppleAppID(std::string("123"));
+    tracker->setHost(std::string("svc.example"));
+  }
+  std::vector<platform::URLRequest> sent() {
+    std::vector<platform::URLRequest> out;
+    for (const auto& s : fakes.urlSessions->shared()->started()) out.push_back(s.task->originalRequest());
+    return out;
+  }
+  Json payload(std::size_t i) { return test::decryptPayload(kKey, sent().at(i).body); }
+
+  test::TestPlatform fakes;
+  std::unique_ptr<QuorvelTracker> tracker;
+};
+
+TEST_F(LaunchAndEventsTest, LaunchLeavesAfter250msOnTheSerialQueue) {
+  tracker->trackAppLaunch();
+  EXPECT_TRUE(sent().empty());
+  fakes.dispatcher->advance(249ms);
+  EXPECT_TRUE(sent().empty());
+  fakes.dispatcher->advance(1ms);
+  ASSERT_EQ(sent().size(), 1U);
+  EXPECT_EQ(fakes.dispatcher->ranOn().back(), "com.quorvel.serial");
+  EXPECT_EQ(payload(0)["event"], "Launched");
+  EXPECT_EQ(fakes.systemLog->count("Call launch request 1st time"), 1U);
+}
+
+TEST_F(LaunchAndEventsTest, SessionIntervalIsStrictlyGreater) {
+  struct Case {
+    std::uint64_t minimum;
+    std::chrono::milliseconds gap;
+    bool sent;
+  };
+  const Case cases[] = {{5, 2s, false}, {5, 5s, false}, {5, 5001ms, true}, {0, 0ms, false}, {0, 1ms, true}};
+  for (const auto& c : cases) {
+    test::TestPlatform local;
+    local.install();
+    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
+    QuorvelTracker t(local.shared());
+    t.setQuorvelDevKey(std::string(kKey));
+    t.setMinTimeBetweenSessions(c.minimum);
+    // The decision itself, as the serial queue runs it.
+    t.sendLaunchToServer();
+    local.clock->advance(c.gap);
+    t.sendLaunchToServer();
+    EXPECT_EQ(local.urlSessions->shared()->started().size(), c.sent ? 2U : 1U) << c.minimum << " " << c.gap.count();
+  }
+}
+
+TEST_F(LaunchAndEventsTest, SearchAdsAnswerAfterTheLaunchSendsOneFollowUp) {
+  auto ads = std::make_shared<AnsweringAdClient>();
+  ads->self = ads;
+  fakes.classRegistry->registerClass("ADClient", ads);
+  tracker->trackAppLaunch();
+  fakes.dispatcher->advance(250ms);  // the launch payload raises the flag
+  EXPECT_TRUE(tracker->permitAggregateiAdData());
+  fakes.dispatcher->advance(2s);  // the Search Ads answer
+  ASSERT_EQ(sent().size(), 2U);
+  EXPECT_EQ(sent()[1].url, "https://attr.svc.example/api/v4.8/iosevent?app_id=123&buildnumber=4.8.0");
+  EXPECT_EQ(payload(1)["qv_iad_data"], ads->details);
+  EXPECT_FALSE(tracker->permitAggregateiAdData());
+  EXPECT_EQ(fakes.preferences->objectForKey(keys::kSearchAdsAttribution), ads->details);
+  // Stored: never asked again.
+  fakes.clock->advance(10s);
+  tracker->trackAppLaunch();
+  fakes.dispatcher->advance(5s);
+  EXPECT_EQ(ads->requests, 1);
+  EXPECT_EQ(sent().size(), 3U);
+}
+
+TEST_F(LaunchAndEventsTest, SearchAdsLookupCanBeSwitchedOff) {
+  auto ads = std::make_shared<AnsweringAdClient>();
+  ads->self = ads;
+  fakes.classRegistry->registerClass("ADClient", ads);
+  tracker->setDisableIAdTracking(true);
+  tracker->trackAppLaunch();
+  fakes.dispatcher->advance(5s);
+  EXPECT_EQ(ads->requests, 0);
+}
+
+TEST_F(LaunchAndEventsTest, BackgroundCountsTheSessionAndSendsStatistics) {
+  tracker->trackAppLaunch();
+  fakes.dispatcher->advance(250ms);
+  fakes.clock->advance(42s);
+  fakes.preferences->setDouble(keys::kGetConversionDataTiming, 0.5);
+  fakes.notifications->post({platform::kApplicationDidEnterBackgroundNotification, Json()});
+  fakes.dispatcher->runUntilIdle();
+  EXPECT_EQ(fakes.preferences->integerForKey(keys::kRealLaunchCounter), 1);
+  const auto started = fakes.urlSessions->lastBackground()->started();
+  ASSERT_EQ(started.size(), 1U);
+  const auto& r = started[0].task->originalRequest();
+  EXPECT_EQ(r.url, "https://stats.svc.example/stats?app_id=123");
+  const Json body = Json::parse(r.body.begin(), r.body.end());
+  const std::string uid = tracker->getQuorvelUID();
+  const Json want = {{"app_id", "123"}, {"devkey", kKey}, {"uid", uid}, {"time_in_app", 42.0},
+                     {"statType", "user_closed_app"}, {"launch_counter", 1}, {"platform", "iOS"},
+                     {"gcd_conversion_data_timing", 0.5}, {"advertiserId", ""}, {"originalQuorvelId", uid}};
+  EXPECT_EQ(body, want);
+}
+
+TEST_F(LaunchAndEventsTest, BackgroundEdgeCases) {
+  tracker->setDeviceTrackingDisabled(true);
+  tracker->backgroundstatCall();  // no launch in this process
+  const auto& r = fakes.urlSessions->lastBackground()->started().at(0).task->originalRequest();
+  const Json body = Json::parse(r.body.begin(), r.body.end());
+  EXPECT_EQ(body["time_in_app"], 0.0);
+  EXPECT_EQ(body["deviceTrackingDisabled"], "true");
+  tracker->setAppleAppID(std::nullopt);
+  tracker->backgroundstatCall();
+  EXPECT_EQ(fakes.systemLog->count("could not track move to background: "), 1U);
+  EXPECT_EQ(fakes.urlSessions->lastBackground()->started().size(), 1U);
+
+  fakes.device->systemVersionValue = "6.1";
+  tracker->handleEnteredBackground();
+  EXPECT_FALSE(fakes.preferences->objectForKey(keys::kRealLaunchCounter));
+}
+
+TEST_F(LaunchAndEventsTest, ValueEventsGoAfter1msOnTheMainQueue) {
+  const std::pair<std::optional<std::string>, bool> cases[] = {
+      {"12.50", true}, {"-", true}, {"12,50", false}, {"USD 5", false}, {"", false}, {std::nullopt, false}};
+  for (const auto& [value, revenue] : cases) {
+    fakes.systemLog->clear();
+    tracker->trackEvent("af_purchase", value);
+    EXPECT_EQ(fakes.systemLog->count("will be categorized as a revenue event."), revenue ? 1U : 0U) << value.value_or("nil");
+  }
+  EXPECT_TRUE(sent().empty());
+  fakes.dispatcher->advance(1ms);
+  ASSERT_EQ(sent().size(), std::size(cases));
+  const auto ran = fakes.dispatcher->ranOn();
+  EXPECT_EQ(std::count(ran.begin(), ran.end(), "main"), static_cast<long>(std::size(cases)));
+  EXPECT_EQ(sent()[0].url, "https://events.svc.example/api/v4.8/iosevent?app_id=123&buildnumber=4.8.0");
+  EXPECT_EQ(payload(0)["eventvalue"], "12.50");
+  EXPECT_EQ(payload(5)["eventvalue"], "");
+  EXPECT_EQ(payload(0)["iaecounter"], "1");
+}
+
+TEST_F(LaunchAndEventsTest, DictionaryEventsGoAfter100msOnTheSerialQueue) {
+  tracker->trackEventWithValues("af_level", Json{{"name", "a, b"}, {"n", 3}, {"u", "\xc3\xa9 x"}});
+  tracker->trackEventWithValues("af_nothing", std::nullopt);
+  tracker->trackEventWithValues("af_bad", Json{{"x", Json::binary({1})}});
+  tracker->trackLocation(13.4, 52.5);
+  fakes.dispatcher->advance(99ms);
+  EXPECT_TRUE(sent().empty());
+  fakes.dispatcher->advance(1ms);
+  ASSERT_EQ(sent().size(), 4U);
+  const auto ran = fakes.dispatcher->ranOn();
+  EXPECT_EQ(std::count(ran.begin(), ran.end(), "main"), 0);
+  EXPECT_EQ(payload(0)["eventvalue"], "%7B%22name%22:%22a%2C%20b%22%2C%22n%22:3%2C%22u%22:%22%C3%A9%20x%22%7D");
+  EXPECT_EQ(payload(1)["eventvalue"], "null");
+  EXPECT_EQ(payload(2)["eventvalue"], "");
+  EXPECT_EQ(payload(3)["event"], "qv_location_coordinates");
+  EXPECT_EQ(payload(3)["eventvalue"], "%7B%22qv_long%22:13.4%2C%22qv_lat%22:52.5%7D");
+}
+
+TEST_F(LaunchAndEventsTest, PublicCallsOnlySchedule) {
+  tracker->trackAppLaunch();
+  tracker->trackEvent("e", std::string("1"));
+  tracker->trackEventWithValues("v", Json::object());
+  EXPECT_TRUE(sent().empty());
+  EXPECT_TRUE(fakes.preferences->snapshot().empty() ||
+              !fakes.preferences->objectForKey(keys::kCounter));  // nothing counted yet
+}
+
+TEST_F(LaunchAndEventsTest, ADestroyedTrackerLeavesNothingBehindToRun) {
+  tracker->trackAppLaunch();
+  tracker->trackEvent("e", std::string("1"));
+  tracker.reset();
+  EXPECT_NO_THROW(fakes.dispatcher->advance(1s));
+  EXPECT_TRUE(sent().empty());
+}
+
+}  // namespace
+}  // namespace quorvel
