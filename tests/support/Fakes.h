@@ -130,6 +130,7 @@ struct FakeApplication final : platform::Application {
   void endBackgroundTask(platform::BackgroundTaskIdentifier id) override {
     std::lock_guard l(mutex);
     ended.push_back(id);
+    expirations.erase(id);  // as a platform does: an ended task's handler is released
   }
   std::map<std::string, std::string> pasteboards;
   std::optional<std::string> namedPasteboardText(const std::string& name) override {

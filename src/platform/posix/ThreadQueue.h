@@ -3,10 +3,7 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
-#include <cstdint>
-#include <mutex>
-#include <queue>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,7 +16,9 @@ class ThreadQueue final : public DispatchQueue {
  public:
   // Threads are named `threadName` (the label when empty), cut to 15 characters.
   ThreadQueue(std::string label, unsigned threadCount, std::string threadName = {});
-  // Stops the threads; items not yet started are dropped.
+  // Stops the threads; items not yet started are dropped. May run on one of the queue's own
+  // threads (when an item lets go of the last reference): that thread finishes its item and
+  // ends by itself.
   ~ThreadQueue() override;
 
   const std::string& label() const noexcept override { return label_; }
@@ -27,28 +26,12 @@ class ThreadQueue final : public DispatchQueue {
   void asyncAfter(std::chrono::nanoseconds delay, Work work) noexcept override;
   bool isCurrent() const noexcept override;
 
+  struct State;
+
  private:
-  using SteadyTime = std::chrono::steady_clock::time_point;
-  struct Item {
-    SteadyTime due;
-    std::uint64_t sequence;
-    Work work;
-  };
-  struct Later {
-    bool operator()(const Item& a, const Item& b) const {
-      return a.due != b.due ? a.due > b.due : a.sequence > b.sequence;
-    }
-  };
-
-  void run();
-  void enqueue(SteadyTime due, Work work) noexcept;
-
   std::string label_;
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  std::priority_queue<Item, std::vector<Item>, Later> items_;
-  std::uint64_t nextSequence_ = 0;
-  bool stopping_ = false;
+  // Shared with the threads, so that it outlives a queue destroyed by one of them.
+  std::shared_ptr<State> state_;
   std::vector<std::thread> threads_;
 };
 
