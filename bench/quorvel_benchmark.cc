@@ -7,6 +7,9 @@
 #include "log/Log.h"
 #include "log/QuorvelProxyManager.h"
 #include "util/QuorvelAES128Crypto.h"
+#include "util/QuorvelDictionary.h"
+
+#include <quorvel/QuorvelTracker.h>
 
 namespace {
 
@@ -56,5 +59,78 @@ void BM_Encrypt2KB(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_Encrypt2KB)->Unit(benchmark::kMicrosecond);
+
+}  // namespace
+
+namespace {
+
+// A tracker whose queues never run: measures what the host's thread pays for a call.
+class ParkedQueue final : public quorvel::platform::DispatchQueue {
+ public:
+  const std::string& label() const noexcept override { return label_; }
+  void async(quorvel::platform::Work work) noexcept override { keep(std::move(work)); }
+  void asyncAfter(std::chrono::nanoseconds, quorvel::platform::Work work) noexcept override { keep(std::move(work)); }
+  bool isCurrent() const noexcept override { return false; }
+
+ private:
+  void keep(quorvel::platform::Work work) {
+    // Dropped at once: only the scheduling is measured.
+    benchmark::DoNotOptimize(&work);
+  }
+  std::string label_ = "parked";
+};
+
+class ParkedDispatcher final : public quorvel::platform::Dispatcher {
+ public:
+  std::shared_ptr<quorvel::platform::DispatchQueue> makeSerialQueue(std::string) override { return queue_; }
+  std::shared_ptr<quorvel::platform::DispatchQueue> mainQueue() override { return queue_; }
+  std::shared_ptr<quorvel::platform::DispatchQueue> globalQueue() override { return queue_; }
+
+ private:
+  std::shared_ptr<ParkedQueue> queue_ = std::make_shared<ParkedQueue>();
+};
+
+std::shared_ptr<const quorvel::Platform> benchPlatform(bool parked) {
+  quorvel::PosixPlatformOptions options;
+  options.bundleIdentifier = "com.quorvel.bench";
+  options.dataDirectory = "/tmp/quorvel-bench/data";
+  options.keychainDirectory = "/tmp/quorvel-bench/keychain";
+  quorvel::Platform p = quorvel::makePosixPlatform(options);
+  p.systemLog = std::make_shared<NullSystemLog>();
+  if (parked) p.dispatcher = std::make_shared<ParkedDispatcher>();
+  quorvel::installPlatform(p);
+  quorvel::QuorvelProxyManager::sharedManager().stopRemoteDebugging();
+  return std::make_shared<const quorvel::Platform>(p);
+}
+
+void BM_TrackEventHostThread(benchmark::State& state) {
+  quorvel::QuorvelTracker tracker(benchPlatform(true));
+  tracker.setQuorvelDevKey(std::string("0123456789ABCDEF"));
+  const std::optional<std::string> value("9.99");
+  for (auto _ : state) tracker.trackEvent("af_purchase", value);
+}
+BENCHMARK(BM_TrackEventHostThread);
+
+void BM_TrackAppLaunchHostThread(benchmark::State& state) {
+  quorvel::QuorvelTracker tracker(benchPlatform(true));
+  tracker.setQuorvelDevKey(std::string("0123456789ABCDEF"));
+  // Search Ads details stored, as on every launch after the first.
+  tracker.platform().preferences->setObject("QuorvelSearchAdsAttribution", quorvel::Json::object());
+  for (auto _ : state) tracker.trackAppLaunch();
+}
+BENCHMARK(BM_TrackAppLaunchHostThread);
+
+// The whole cost of a launch request before it reaches the network: the payload, its JSON
+// text and the encryption (key derivation included).
+void BM_LaunchPayloadBuildSerialiseEncrypt(benchmark::State& state) {
+  quorvel::QuorvelTracker tracker(benchPlatform(true));
+  tracker.setQuorvelDevKey(std::string("0123456789ABCDEF"));
+  tracker.setAppleAppID(std::string("123456789"));
+  for (auto _ : state) {
+    const quorvel::QuorvelDictionary payload = tracker.getEventParameters(true);
+    benchmark::DoNotOptimize(tracker.encryptData(payload));
+  }
+}
+BENCHMARK(BM_LaunchPayloadBuildSerialiseEncrypt)->Unit(benchmark::kMicrosecond);
 
 }  // namespace

@@ -1,14 +1,29 @@
 #!/usr/bin/env bash
-# Installs what is needed, builds, and runs the demo host: it creates the tracker, applies
-# the configuration and shows the library's log. Extra arguments go to quorvel-demo.
+# Installs what is needed, builds, and runs the demo host through a short session: a first
+# launch, in-app events, the move to the background, a request for conversion data; then a
+# second process with the next launch. Extra arguments replace the session's steps.
+#
+# No collection service runs on this machine, so the demo points the library at a local
+# port where nothing listens: every tracking request fails in transport and is kept in the
+# request cache, whose files the script lists at the end.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 bash scripts/build.sh dev
 state="${QUORVEL_DEMO_STATE:-$PWD/build/demo-state}"
+rm -rf "$state"
 mkdir -p "$state"
-args=("$@")
-if [ "${#args[@]}" -eq 0 ]; then
-  args=(--verbose --dev-key DEMO-DEV-KEY-0001 --app-id 123456789 --customer-id demo-user "wait 0.2")
+demo=(./build/dev/tools/demo/quorvel-demo --data-dir "$state/app" --keychain-dir "$state/keychain"
+      --dev-key DEMO-DEV-KEY-0001 --app-id 123456789 --customer-id demo-user --currency EUR
+      --host "${QUORVEL_DEMO_HOST:-localhost:9}" --verbose)
+if [ "$#" -gt 0 ]; then
+  exec "${demo[@]}" "$@"
 fi
-exec ./build/dev/tools/demo/quorvel-demo --data-dir "$state/app" --keychain-dir "$state/keychain" "${args[@]}"
+echo "=== first process"
+"${demo[@]}" launch "event af_purchase 9.99" 'event-values af_level {"level": 3, "name": "castle"}' \
+  "location 13.4 52.5" "emails 3 user@example.com" background conversion-data
+echo "=== second process"
+"${demo[@]}" launch
+echo "=== requests kept for replay (the service was unreachable)"
+ls -l "$state/app/Library/Caches/QuorvelCache"
+head -c 300 "$(ls -d "$state"/app/Library/Caches/QuorvelCache/* | head -1)"; echo

@@ -10,6 +10,7 @@ std::optional<int> parseDemoOptions(int argc, char** argv, DemoOptions& o) {
       "options, prints the library's version and effective configuration, then runs each STEP\n"
       "in order. The app's data directory persists between runs."};
   app.add_option("--host", o.host, "service domain of every endpoint (e.g. localhost:8443)");
+  app.add_option("--ca-file", o.caFile, "extra CA certificate (PEM) to trust")->check(CLI::ExistingFile);
   app.add_option("--dev-key", o.devKey, "developer key");
   app.add_option("--app-id", o.appId, "store application identifier (digits)");
   app.add_option("--bundle-id", o.bundleId, "bundle identifier")->capture_default_str();
@@ -27,8 +28,14 @@ std::optional<int> parseDemoOptions(int argc, char** argv, DemoOptions& o) {
   app.add_option("steps", o.steps, "steps to run, in order");
   app.footer(
       "Steps (each positional argument is one step; words separated by blanks):\n"
-      "  wait SECONDS      let the library work for a while\n"
-      "More steps arrive as the library grows.");
+      "  launch                      the app becomes active (did-finish-launching first)\n"
+      "  event NAME [VALUE]          an in-app event with one value\n"
+      "  event-values NAME JSON      an in-app event with a dictionary of values\n"
+      "  location LON LAT            the device's location\n"
+      "  emails TYPE ADDRESS...      the user's e-mails (0 plain, 1 SHA-1, 2 MD5, 3 SHA-256)\n"
+      "  background                  the app goes to the background\n"
+      "  conversion-data             ask for the install's conversion data\n"
+      "  wait SECONDS                let the library work for a while");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {

@@ -9,6 +9,7 @@ namespace quorvel::demo {
 
 struct DemoOptions {
   std::optional<std::string> host;
+  std::optional<std::string> caFile;
   std::optional<std::string> devKey;
   std::optional<std::string> appId;
   std::string bundleId = "com.quorvel.demo";

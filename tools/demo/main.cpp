@@ -1,14 +1,17 @@
 // quorvel-demo: a host application in miniature.
-#include <quorvel/Logger.h>
-#include <quorvel/Platform.h>
-#include <quorvel/QuorvelTracker.h>
+#include <pthread.h>
 
 #include <chrono>
 #include <fstream>
 #include <future>
 #include <iostream>
+#include <mutex>
 #include <sstream>
 #include <thread>
+
+#include <quorvel/Logger.h>
+#include <quorvel/Platform.h>
+#include <quorvel/QuorvelTracker.h>
 
 #include "DemoOptions.h"
 #include "device/QVSystemInfo.h"
@@ -16,7 +19,21 @@
 
 namespace {
 
+using quorvel::Json;
 using quorvel::demo::DemoOptions;
+
+std::mutex gOutput;
+
+void say(const std::string& line) {
+  std::lock_guard lock(gOutput);
+  std::cout << line << std::endl;
+}
+
+std::string threadName() {
+  char name[32] = {};
+  pthread_getname_np(pthread_self(), name, sizeof name);
+  return name;
+}
 
 std::string show(const std::optional<std::string>& v) { return v ? "\"" + *v + "\"" : "(not set)"; }
 
@@ -56,65 +73,135 @@ void printInstallation(quorvel::QuorvelTracker& t, const quorvel::Platform& p) {
   const std::string uid = t.getQuorvelUID();
   const auto original = p.preferences->stringForKey("QuorvelOriginalUserId");
   const double previousLaunch = p.preferences->doubleForKey("QuorvelTimePassedSincePrevLaunch");
-  const auto version = p.bundle->objectForInfoDictionaryKey("CFBundleVersion");
-  const auto tmpModified = p.fileSystem->modificationDate(p.fileSystem->temporaryDirectory());
-  const auto date3 = t.getVersionUpdateDate(
-      version && version->is_string() ? std::optional<std::string>(version->get<std::string>()) : std::nullopt,
-      tmpModified ? std::optional<std::string>(formatter.stringFromDate(*tmpModified)) : std::nullopt);
   const auto reinstalls = p.preferences->objectForKey("QuorvelReInstallCounter");
   std::cout << "Installation\n"
             << "  identifier              " << uid << "\n"
             << "  original identifier     " << original.value_or("(none: first install)") << "\n"
             << "  reinstall counter       " << (reinstalls ? reinstalls->dump() : "(none)") << "\n"
-            << "  launches so far         " << t.getCounter(false) << "\n"
-            << "  in-app events so far    " << t.getInAppCounter(false) << "\n"
-            << "  session counter         " << t.getRealLaunchCounter() << "\n"
+            << "  launches so far         " << p.preferences->integerForKey("QuorvelCounter") << "\n"
+            << "  in-app events so far    " << p.preferences->integerForKey("QuorvelInAppCounter") << "\n"
+            << "  sessions so far         " << p.preferences->integerForKey("QuorvelRealLaunchCounter") << "\n"
             << "  install date            " << t.getInstallDate(formatter).value_or("(unknown)") << "\n"
-            << "  first launch date       " << t.getFirstLanuchDate(formatter) << "\n"
-            << "  version update date     " << date3.value_or("(unknown)") << "\n"
             << "  previous launch         "
             << (previousLaunch > 0 ? std::to_string(static_cast<long long>(previousLaunch)) + " (Unix s)" : "(none)")
             << "\n"
             << "  wifi                    " << (t.isWifiAvailable() ? "true" : "false") << "\n"
             << "Device\n";
-  const quorvel::Json systemInfo = quorvel::QVSystemInfo::getSystemInfo(p);
+  const Json systemInfo = quorvel::QVSystemInfo::getSystemInfo(p);
   for (const auto& [key, value] : systemInfo.items()) {
-    std::cout << "  " << key << std::string(key.size() < 24 ? 24 - key.size() : 1, ' ')
-              << value.get<std::string>() << "\n";
+    std::cout << "  " << key << std::string(key.size() < 24 ? 24 - key.size() : 1, ' ') << value.get<std::string>()
+              << "\n";
   }
+  std::cout << std::flush;
 }
 
-std::vector<std::string> words(const std::string& step) {
-  std::istringstream in(step);
-  std::vector<std::string> out;
-  for (std::string w; in >> w;) out.push_back(w);
-  return out;
+std::shared_ptr<quorvel::QuorvelTrackerDelegate> makeDelegate() {
+  auto d = std::make_shared<quorvel::QuorvelTrackerDelegate>();
+  d->onConversionDataReceived = [](const Json& data) {
+    say("< onConversionDataReceived [thread " + threadName() + "] " + data.dump());
+  };
+  d->onConversionDataRequestFailure = [](const quorvel::Error& e) {
+    say("< onConversionDataRequestFailure [thread " + threadName() + "] " + e.description());
+  };
+  d->onAppOpenAttribution = [](const Json& data) {
+    say("< onAppOpenAttribution [thread " + threadName() + "] " + data.dump());
+  };
+  return d;
 }
 
-// Runs one step; false when it is not understood.
-bool runStep(const std::string& step) {
-  const auto w = words(step);
-  if (w.empty()) return true;
-  if (w[0] == "wait" && w.size() == 2) {
+// The rest of a step after its first `n` words.
+std::string restAfterWords(const std::string& step, std::size_t n) {
+  std::size_t i = 0;
+  for (std::size_t w = 0; w < n; ++w) {
+    i = step.find_first_not_of(' ', i);
+    if (i == std::string::npos) return {};
+    i = step.find(' ', i);
+    if (i == std::string::npos) return {};
+  }
+  const auto start = step.find_first_not_of(' ', i);
+  return start == std::string::npos ? std::string() : step.substr(start);
+}
+
+class Host {
+ public:
+  Host(quorvel::QuorvelTracker& tracker) : tracker_(tracker) {}
+
+  // Runs one step; false when it is not understood.
+  bool run(const std::string& step) {
+    std::istringstream in(step);
+    std::vector<std::string> w;
+    for (std::string word; in >> word;) w.push_back(word);
+    if (w.empty()) return true;
+    const std::string& verb = w[0];
+    say("> " + step);
     try {
-      const double seconds = std::stod(w[1]);
-      if (seconds < 0 || seconds > 3600) return false;
-      std::cout << "> wait " << seconds << " s\n";
-      std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
-      return true;
-    } catch (...) {
+      if (verb == "launch" && w.size() == 1) return launch();
+      if (verb == "event" && (w.size() == 2 || w.size() == 3)) {
+        tracker_.trackEvent(w[1], w.size() == 3 ? std::optional<std::string>(w[2]) : std::nullopt);
+        return true;
+      }
+      if (verb == "event-values" && w.size() >= 3) {
+        const Json values = Json::parse(restAfterWords(step, 2), nullptr, false);
+        if (values.is_discarded()) return false;
+        tracker_.trackEventWithValues(w[1], values);
+        return true;
+      }
+      if (verb == "location" && w.size() == 3) {
+        tracker_.trackLocation(std::stod(w[1]), std::stod(w[2]));
+        return true;
+      }
+      if (verb == "emails" && w.size() >= 3) {
+        tracker_.setUserEmails(std::vector<std::string>(w.begin() + 2, w.end()), std::stoi(w[1]));
+        return true;
+      }
+      if (verb == "background" && w.size() == 1) {
+        tracker_.platform().notificationCenter->post(
+            {quorvel::platform::kApplicationDidEnterBackgroundNotification, Json()});
+        return true;
+      }
+      if (verb == "conversion-data" && w.size() == 1) {
+        tracker_.getConversionData();
+        return true;
+      }
+      if (verb == "wait" && w.size() == 2) {
+        const double seconds = std::stod(w[1]);
+        if (seconds < 0 || seconds > 3600) return false;
+        std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+        return true;
+      }
+    } catch (const std::exception&) {
       return false;
     }
+    return false;
   }
-  return false;
-}
 
-// Waits, with a bound, until the work the library queued so far has run.
+ private:
+  bool launch() {
+    if (!launched_) {
+      // A real host's first activation comes with did-finish-launching and its options.
+      tracker_.platform().notificationCenter->post(
+          {quorvel::platform::kApplicationDidFinishLaunchingNotification, Json::object()});
+      launched_ = true;
+    }
+    tracker_.trackAppLaunch();
+    return true;
+  }
+
+  quorvel::QuorvelTracker& tracker_;
+  bool launched_ = false;
+};
+
+// Waits, with a bound, until the work the library queued so far has run and the requests it
+// started have been answered.
 void waitForLibrary(quorvel::QuorvelTracker& tracker) {
-  auto done = std::make_shared<std::promise<void>>();
-  tracker.backgroundQueue()->async([done] { done->set_value(); });
-  if (done->get_future().wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
-    std::cerr << "quorvel-demo: the library's queue did not finish within 10 s\n";
+  for (int round = 0; round < 3; ++round) {
+    // Launches wait 250 ms and replays 100 ms before they start: let them start, then drain.
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    auto done = std::make_shared<std::promise<void>>();
+    tracker.backgroundQueue()->async([done] { done->set_value(); });
+    if (done->get_future().wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+      std::cerr << "quorvel-demo: the library's queue did not finish within 10 s\n";
+    }
   }
   tracker.platform().preferences->synchronize();
 }
@@ -140,15 +227,19 @@ int main(int argc, char** argv) {
   platformOptions.dataDirectory = options.dataDir;
   platformOptions.keychainDirectory = options.keychainDir;
   platformOptions.receiptPath = options.receipt;
+  platformOptions.extraCAFile = options.caFile;
   quorvel::installPlatform(quorvel::makePosixPlatform(platformOptions));
 
   auto& tracker = quorvel::QuorvelTracker::sharedTracker();
   configure(tracker, options);
+  const auto delegate = makeDelegate();
+  tracker.setDelegate(delegate);
   printConfiguration(tracker, tracker.platform());
   printInstallation(tracker, tracker.platform());
 
+  Host host(tracker);
   for (const auto& step : steps) {
-    if (!runStep(step)) {
+    if (!host.run(step)) {
       std::cerr << "quorvel-demo: cannot run step \"" << step << "\" (see --help)\n";
       return 2;
     }
