@@ -69,7 +69,9 @@ class ParkedQueue final : public quorvel::platform::DispatchQueue {
  public:
   const std::string& label() const noexcept override { return label_; }
   void async(quorvel::platform::Work work) noexcept override { keep(std::move(work)); }
-  void asyncAfter(std::chrono::nanoseconds, quorvel::platform::Work work) noexcept override { keep(std::move(work)); }
+  void asyncAfter(std::chrono::nanoseconds, quorvel::platform::Work work) noexcept override {
+    keep(std::move(work));
+  }
   bool isCurrent() const noexcept override { return false; }
 
  private:
@@ -82,7 +84,9 @@ class ParkedQueue final : public quorvel::platform::DispatchQueue {
 
 class ParkedDispatcher final : public quorvel::platform::Dispatcher {
  public:
-  std::shared_ptr<quorvel::platform::DispatchQueue> makeSerialQueue(std::string) override { return queue_; }
+  std::shared_ptr<quorvel::platform::DispatchQueue> makeSerialQueue(std::string) override {
+    return queue_;
+  }
   std::shared_ptr<quorvel::platform::DispatchQueue> mainQueue() override { return queue_; }
   std::shared_ptr<quorvel::platform::DispatchQueue> globalQueue() override { return queue_; }
 
@@ -97,7 +101,8 @@ std::shared_ptr<const quorvel::Platform> benchPlatform(bool parked) {
   options.keychainDirectory = "/tmp/quorvel-bench/keychain";
   quorvel::Platform p = quorvel::makePosixPlatform(options);
   p.systemLog = std::make_shared<NullSystemLog>();
-  if (parked) p.dispatcher = std::make_shared<ParkedDispatcher>();
+  if (parked)
+    p.dispatcher = std::make_shared<ParkedDispatcher>();
   quorvel::installPlatform(p);
   quorvel::QuorvelProxyManager::sharedManager().stopRemoteDebugging();
   return std::make_shared<const quorvel::Platform>(p);
@@ -107,7 +112,8 @@ void BM_TrackEventHostThread(benchmark::State& state) {
   quorvel::QuorvelTracker tracker(benchPlatform(true));
   tracker.setQuorvelDevKey(std::string("0123456789ABCDEF"));
   const std::optional<std::string> value("9.99");
-  for (auto _ : state) tracker.trackEvent("af_purchase", value);
+  for (auto _ : state)
+    tracker.trackEvent("af_purchase", value);
 }
 BENCHMARK(BM_TrackEventHostThread);
 
@@ -116,7 +122,8 @@ void BM_TrackAppLaunchHostThread(benchmark::State& state) {
   tracker.setQuorvelDevKey(std::string("0123456789ABCDEF"));
   // Search Ads details stored, as on every launch after the first.
   tracker.platform().preferences->setObject("QuorvelSearchAdsAttribution", quorvel::Json::object());
-  for (auto _ : state) tracker.trackAppLaunch();
+  for (auto _ : state)
+    tracker.trackAppLaunch();
 }
 BENCHMARK(BM_TrackAppLaunchHostThread);
 

@@ -32,11 +32,10 @@ class FormatArg {
   FormatArg(std::nullptr_t) : value_(Nil{}) {}
   FormatArg(bool b) : value_(b) {}
   template <std::signed_integral T>
-    requires(!std::same_as<T, bool> && !std::same_as<T, char>)
-  FormatArg(T v) : value_(static_cast<std::int64_t>(v)) {}
+  requires(!std::same_as<T, bool> && !std::same_as<T, char>) FormatArg(T v)
+      : value_(static_cast<std::int64_t>(v)) {}
   template <std::unsigned_integral T>
-    requires(!std::same_as<T, bool>)
-  FormatArg(T v) : value_(static_cast<std::uint64_t>(v)) {}
+  requires(!std::same_as<T, bool>) FormatArg(T v) : value_(static_cast<std::uint64_t>(v)) {}
   FormatArg(char c) : value_(static_cast<std::int64_t>(c)) {}
   FormatArg(double v) : value_(v) {}
   FormatArg(float v) : value_(static_cast<double>(v)) {}

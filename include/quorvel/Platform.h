@@ -54,14 +54,14 @@ struct Platform {
 // ~/.local/share/...), the keychain to $XDG_STATE_HOME/quorvel/keychain.
 struct PosixPlatformOptions {
   std::string bundleIdentifier = "com.example.app";
-  std::string bundleVersion = "1";               // CFBundleVersion
-  std::string bundleShortVersion = "1.0";        // CFBundleShortVersionString
-  Json extraInfo = Json::object();               // merged into the info dictionary
-  std::optional<std::string> receiptPath;        // the store receipt file
-  std::string dataDirectory;                     // the app's own data (Library, tmp)
-  std::string keychainDirectory;                 // outlives the app's data
-  std::optional<std::string> deviceName;         // default: host name
-  std::optional<std::string> systemVersion;      // default: os-release VERSION_ID
+  std::string bundleVersion = "1";           // CFBundleVersion
+  std::string bundleShortVersion = "1.0";    // CFBundleShortVersionString
+  Json extraInfo = Json::object();           // merged into the info dictionary
+  std::optional<std::string> receiptPath;    // the store receipt file
+  std::string dataDirectory;                 // the app's own data (Library, tmp)
+  std::string keychainDirectory;             // outlives the app's data
+  std::optional<std::string> deviceName;     // default: host name
+  std::optional<std::string> systemVersion;  // default: os-release VERSION_ID
   bool multitaskingSupported = true;
   // Extra CA certificates (PEM) trusted besides the system's, for a local service.
   std::optional<std::string> extraCAFile;

@@ -180,8 +180,9 @@ class QuorvelTracker {
   std::optional<std::string> getInstallDate(const QVDateFormatter& formatter);
   // The creation date of the application's Library directory, read afresh.
   std::optional<std::chrono::system_clock::time_point> installDate() const;
-  std::optional<std::string> getVersionUpdateDate(const std::optional<std::string>& version,
-                                                  const std::optional<std::string>& currentUpdateDate);
+  std::optional<std::string> getVersionUpdateDate(
+      const std::optional<std::string>& version,
+      const std::optional<std::string>& currentUpdateDate);
   // Seconds since the previous launch payload, or -1; records now for the next one.
   double getTimePassedSinceLastLaunch();
   std::string generateQuorvelId() const;
@@ -257,7 +258,8 @@ class QuorvelTracker {
   void advertisingIdentifierStep(QuorvelDictionary& parameters);
   void emailStep(QuorvelDictionary& parameters);
   void deliverAppOpenAttribution(const Json& attribution);
-  void handleConversionDataAnswer(const std::optional<Bytes>& body, const std::optional<platform::URLResponse>& response,
+  void handleConversionDataAnswer(const std::optional<Bytes>& body,
+                                  const std::optional<platform::URLResponse>& response,
                                   const std::optional<Error>& error, platform::TimePoint start);
 
   std::shared_ptr<const Platform> platform_;

@@ -20,10 +20,13 @@ std::vector<std::string> splitLines(const std::string& text) {
     std::size_t skip = 0;
     if (c == '\n' || c == '\r' || c == '\v' || c == '\f') {
       skip = 1;
-    } else if (c == 0xC2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) == 0x85) {
+    } else if (c == 0xC2 && i + 1 < text.size() &&
+               static_cast<unsigned char>(text[i + 1]) == 0x85) {
       skip = 2;
-    } else if (c == 0xE2 && i + 2 < text.size() && static_cast<unsigned char>(text[i + 1]) == 0x80 &&
-               (static_cast<unsigned char>(text[i + 2]) == 0xA8 || static_cast<unsigned char>(text[i + 2]) == 0xA9)) {
+    } else if (c == 0xE2 && i + 2 < text.size() &&
+               static_cast<unsigned char>(text[i + 1]) == 0x80 &&
+               (static_cast<unsigned char>(text[i + 2]) == 0xA8 ||
+                static_cast<unsigned char>(text[i + 2]) == 0xA9)) {
       skip = 3;
     }
     if (skip > 0) {
@@ -40,7 +43,8 @@ std::vector<std::string> splitLines(const std::string& text) {
 
 std::string trimBlanksAndTabs(const std::string& s) {
   const auto first = s.find_first_not_of(" \t");
-  if (first == std::string::npos) return {};
+  if (first == std::string::npos)
+    return {};
   const auto last = s.find_last_not_of(" \t");
   return s.substr(first, last - first + 1);
 }
@@ -48,13 +52,17 @@ std::string trimBlanksAndTabs(const std::string& s) {
 // The leading decimal number of a text, as the platform's doubleValue reads it; 0 if none.
 double leadingDouble(const std::string& s) {
   std::size_t i = s.find_first_not_of(" \t");
-  if (i == std::string::npos) return 0;
+  if (i == std::string::npos)
+    return 0;
   const std::size_t start = i;
-  if (s[i] == '+' || s[i] == '-') ++i;
-  while (i < s.size() && std::isdigit(static_cast<unsigned char>(s[i]))) ++i;
+  if (s[i] == '+' || s[i] == '-')
+    ++i;
+  while (i < s.size() && std::isdigit(static_cast<unsigned char>(s[i])))
+    ++i;
   if (i < s.size() && s[i] == '.') {
     ++i;
-    while (i < s.size() && std::isdigit(static_cast<unsigned char>(s[i]))) ++i;
+    while (i < s.size() && std::isdigit(static_cast<unsigned char>(s[i])))
+      ++i;
   }
   try {
     return std::stod(s.substr(start, i - start));
@@ -70,9 +78,11 @@ double secondsSince2001(platform::TimePoint t) {
 }  // namespace
 
 std::shared_ptr<QuorvelRequestCache> QuorvelRequestCache::instance() {
-  static NoDestructor<std::shared_ptr<QuorvelRequestCache>> cache(std::make_shared<QuorvelRequestCache>(
-      currentPlatform(),
-      [](const QuorvelRequestCacheData& record) { QuorvelTracker::sharedTracker().sendRequestFromCache(record); }));
+  static NoDestructor<std::shared_ptr<QuorvelRequestCache>> cache(
+      std::make_shared<QuorvelRequestCache>(
+          currentPlatform(), [](const QuorvelRequestCacheData& record) {
+            QuorvelTracker::sharedTracker().sendRequestFromCache(record);
+          }));
   return cache.get();
 }
 
@@ -84,7 +94,8 @@ std::optional<std::string> QuorvelRequestCache::getCacheDirectoryPath() {
   std::string path;
   {
     std::lock_guard guard(pathMutex_);
-    if (cacheDirectoryPath_) return cacheDirectoryPath_;
+    if (cacheDirectoryPath_)
+      return cacheDirectoryPath_;
     const std::string caches = platform_->fileSystem->cachesDirectory();
     if (caches.empty()) {
       qvLog(kLogWarning, kMethod, "warn: QuorvelCache paths size is 0");
@@ -96,7 +107,8 @@ std::optional<std::string> QuorvelRequestCache::getCacheDirectoryPath() {
   }
   auto& fs = *platform_->fileSystem;
   if (!fs.fileExists(path) && !fs.createDirectory(path)) {
-    qvLog(kLogError, kMethod, "[QuorvelCache Directory] %@", "could not create the directory " + path);
+    qvLog(kLogError, kMethod, "[QuorvelCache Directory] %@",
+          "could not create the directory " + path);
     return std::nullopt;
   }
   qvLog(kLogDebug, kMethod, "cache dir: %@", path);
@@ -115,7 +127,8 @@ void QuorvelRequestCache::initialize() {
   cachedRequests_.reset();
 }
 
-std::uint64_t QuorvelRequestCache::getCacheSize(const platform::FileSystem& fileSystem, const std::string& path) {
+std::uint64_t QuorvelRequestCache::getCacheSize(const platform::FileSystem& fileSystem,
+                                                const std::string& path) {
   const auto names = fileSystem.contentsOfDirectory(path);
   return names ? names->size() : 0;
 }
@@ -126,12 +139,14 @@ std::uint64_t QuorvelRequestCache::getCacheSize() {
 }
 
 std::string QuorvelRequestCache::fileContent(const QuorvelRequestCacheData& r) {
-  return format("version=%@\nurl=%@\ndata=%@", r.sdkVersion(), r.requestURL(), r.postDataAsString());
+  return format("version=%@\nurl=%@\ndata=%@", r.sdkVersion(), r.requestURL(),
+                r.postDataAsString());
 }
 
 void QuorvelRequestCache::cacheRequest(const std::optional<QuorvelRequestCacheData>& request) {
   static constexpr const char* kMethod = "-[QuorvelRequestCache cacheRequest:]";
-  if (!request) return;
+  if (!request)
+    return;
   const auto directory = getCacheDirectoryPath();
   const std::uint64_t count = directory ? getCacheSize(*platform_->fileSystem, *directory) : 0;
   if (count >= kMaxEntries) {
@@ -158,10 +173,12 @@ void QuorvelRequestCache::cacheRequest(const std::optional<QuorvelRequestCacheDa
 std::vector<QuorvelRequestCacheData> QuorvelRequestCache::getCachedRequests() {
   std::vector<QuorvelRequestCacheData> result;
   const auto directory = getCacheDirectoryPath();
-  if (!directory) return result;
+  if (!directory)
+    return result;
   auto& fs = *platform_->fileSystem;
   const auto names = fs.contentsOfDirectory(*directory);
-  if (!names) return result;
+  if (!names)
+    return result;
   const double now = secondsSince2001(platform_->clock->now());
   for (const auto& name : *names) {
     const auto bytes = fs.readFile(*directory + "/" + name);
@@ -169,10 +186,12 @@ std::vector<QuorvelRequestCacheData> QuorvelRequestCache::getCachedRequests() {
     QuorvelRequestCacheData record;
     for (const auto& line : bytes ? splitLines(text) : std::vector<std::string>{}) {
       record.setCacheKey(name);
-      if (line.empty()) continue;
+      if (line.empty())
+        continue;
       if (line.rfind("url=", 0) == 0) {
         const double created = leadingDouble(name.substr(0, name.rfind(".qv")));
-        record.setRequestURL(trimBlanksAndTabs(line.substr(4)) + format("&timeincache=%f", now - created));
+        record.setRequestURL(trimBlanksAndTabs(line.substr(4)) +
+                             format("&timeincache=%f", now - created));
       } else if (line.rfind("version=", 0) == 0) {
         record.setSdkVersion(trimBlanksAndTabs(line.substr(8)));
       } else if (line.rfind("data=", 0) == 0) {
@@ -188,12 +207,15 @@ std::vector<QuorvelRequestCacheData> QuorvelRequestCache::getCachedRequests() {
 }
 
 void QuorvelRequestCache::processCache() {
-  if (isSendingCachedData_) return;
+  if (isSendingCachedData_)
+    return;
   {
     std::lock_guard guard(lock_);
-    if (cachedRequests_ && !cachedRequests_->empty()) return;  // a batch is being replayed
+    if (cachedRequests_ && !cachedRequests_->empty())
+      return;  // a batch is being replayed
   }
-  if (failedToInitialize_) initialize();
+  if (failedToInitialize_)
+    initialize();
   std::size_t loaded = 0;
   {
     auto batch = getCachedRequests();
@@ -204,7 +226,7 @@ void QuorvelRequestCache::processCache() {
   qvLog(kLogDebug, "-[QuorvelRequestCache processCache]", "Cache size %d", loaded);
   auto self = shared_from_this();
   platform_->dispatcher->mainQueue()->asyncAfter(std::chrono::milliseconds(100),
-                                                  [self] { self->sendNextCachedEvents(); });
+                                                 [self] { self->sendNextCachedEvents(); });
 }
 
 void QuorvelRequestCache::sendNextCachedEvents() {
@@ -216,7 +238,8 @@ void QuorvelRequestCache::sendNextCachedEvents() {
   }
   try {
     qvLog(kLogDebug, kMethod, "fetch requestData ...");
-    if (!cachedRequests_ || cachedRequests_->empty()) return;
+    if (!cachedRequests_ || cachedRequests_->empty())
+      return;
     const QuorvelRequestCacheData next = cachedRequests_->front();
     sendCachedRequest(next);
     // Out of the batch as soon as it is handed over; its file stays until answered.
@@ -228,7 +251,8 @@ void QuorvelRequestCache::sendNextCachedEvents() {
 
 void QuorvelRequestCache::sendCachedRequest(const QuorvelRequestCacheData& request) {
   try {
-    if (sender_) sender_(request);
+    if (sender_)
+      sender_(request);
   } catch (...) {
     qvLog(kLogError, "-[QuorvelRequestCache sendCachedRequest:]", "failed to start connection %@",
           request.requestURL());
@@ -237,10 +261,12 @@ void QuorvelRequestCache::sendCachedRequest(const QuorvelRequestCacheData& reque
 
 void QuorvelRequestCache::deleteRequest(const QuorvelRequestCacheData& request) {
   const auto directory = getCacheDirectoryPath();
-  const std::string path = directory.value_or(std::string()) + "/" + request.cacheKey().value_or(std::string());
+  const std::string path =
+      directory.value_or(std::string()) + "/" + request.cacheKey().value_or(std::string());
   std::string reason;
   if (!platform_->fileSystem->removeFile(path, &reason)) {
-    qvLog(kLogError, "-[QuorvelRequestCache deleteRequest:]", "Error deleting file at %@\n%@", path, reason);
+    qvLog(kLogError, "-[QuorvelRequestCache deleteRequest:]", "Error deleting file at %@\n%@", path,
+          reason);
   }
 }
 

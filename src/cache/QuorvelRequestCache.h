@@ -35,7 +35,8 @@ class QuorvelRequestCache : public std::enable_shared_from_this<QuorvelRequestCa
   // Stores one request as a file, unless the directory holds 41 entries already.
   void cacheRequest(const std::optional<QuorvelRequestCacheData>& request);
   std::uint64_t getCacheSize();
-  static std::uint64_t getCacheSize(const platform::FileSystem& fileSystem, const std::string& path);
+  static std::uint64_t getCacheSize(const platform::FileSystem& fileSystem,
+                                    const std::string& path);
   // Every readable record of the directory; unreadable files stay on disk untouched.
   std::vector<QuorvelRequestCacheData> getCachedRequests();
   // Loads a batch and starts its replay 0.1 s later on the main queue.

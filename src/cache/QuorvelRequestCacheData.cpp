@@ -9,17 +9,22 @@ QuorvelRequestCacheData::QuorvelRequestCacheData(std::string url, Bytes post, st
   postDataAsString_ = base64Encode(*postData_);
 }
 
-void QuorvelRequestCacheData::stringToPostData(const std::string& text) { postData_ = base64DecodeStrict(text); }
+void QuorvelRequestCacheData::stringToPostData(const std::string& text) {
+  postData_ = base64DecodeStrict(text);
+}
 
 std::optional<Bytes> base64DecodeStrict(const std::string& text) {
-  if (text.size() % 4 != 0) return std::nullopt;
+  if (text.size() % 4 != 0)
+    return std::nullopt;
   std::size_t padding = 0;
-  while (padding < 2 && padding < text.size() && text[text.size() - 1 - padding] == '=') ++padding;
+  while (padding < 2 && padding < text.size() && text[text.size() - 1 - padding] == '=')
+    ++padding;
   for (std::size_t i = 0; i < text.size() - padding; ++i) {
     const char c = text[i];
-    const bool alphabet = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
-                          c == '+' || c == '/';
-    if (!alphabet) return std::nullopt;
+    const bool alphabet = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
+                          (c >= '0' && c <= '9') || c == '+' || c == '/';
+    if (!alphabet)
+      return std::nullopt;
   }
   return base64DecodeLenient(text);
 }

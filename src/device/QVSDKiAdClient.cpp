@@ -10,10 +10,13 @@ constexpr const char* kADClient = "ADClient";
 constexpr const char* kASIdentifierManager = "ASIdentifierManager";
 constexpr const char* kPrefix = "[QVSDK.iAD]: ";
 
-Json errorResult(const std::string& text) { return Json{{"error", text}}; }
+Json errorResult(const std::string& text) {
+  return Json{{"error", text}};
+}
 }  // namespace
 
-QVSDKiAdClient::QVSDKiAdClient(std::shared_ptr<const Platform> platform) : platform_(std::move(platform)) {}
+QVSDKiAdClient::QVSDKiAdClient(std::shared_ptr<const Platform> platform)
+    : platform_(std::move(platform)) {}
 
 void QVSDKiAdClient::printLinkDependances() const {
   static constexpr const char* kMethod = "-[QVSDKiAdClient printLinkDependances]";
@@ -35,7 +38,8 @@ void QVSDKiAdClient::printLinkDependances() const {
 
 void QVSDKiAdClient::requestAttributionDetails(Completion completion) const {
   executeAttributionRequest(kAttempts, [completion = std::move(completion)](const Json& result) {
-    if (completion) completion(result);
+    if (completion)
+      completion(result);
   });
 }
 
@@ -46,7 +50,8 @@ void QVSDKiAdClient::executeAttributionRequest(int attemptsLeft, Completion comp
 void QVSDKiAdClient::schedule(const std::shared_ptr<const Platform>& platform, int attemptsLeft,
                               Completion completion) {
   if (attemptsLeft <= 0) {
-    if (completion) completion(errorResult("ADClientErrorUnknown"));
+    if (completion)
+      completion(errorResult("ADClientErrorUnknown"));
     return;
   }
   // The work holds the platform, not the client: the client may go before its answer.
@@ -74,7 +79,8 @@ void QVSDKiAdClient::attempt(const std::shared_ptr<const Platform>& platform, in
                                            const std::optional<Error>& error) {
         if (!error) {
           // No error and no details: the request ends without an answer.
-          if (details && !details->is_null()) completion(*details);
+          if (details && !details->is_null())
+            completion(*details);
           return;
         }
         if (error->code != 0) {

@@ -13,7 +13,8 @@ namespace {
 // another width are read at their own width, as the kernel copies what fits.
 template <typename T>
 std::optional<T> readInteger(const std::optional<Bytes>& answer) {
-  if (!answer || answer->empty()) return std::nullopt;
+  if (!answer || answer->empty())
+    return std::nullopt;
   if (answer->size() == sizeof(T)) {
     T v{};
     std::memcpy(&v, answer->data(), sizeof(T));
@@ -33,11 +34,13 @@ std::optional<T> readInteger(const std::optional<Bytes>& answer) {
 }
 
 std::optional<std::string> readText(const std::optional<Bytes>& answer, std::size_t capacity) {
-  if (!answer) return std::nullopt;
+  if (!answer)
+    return std::nullopt;
   std::size_t length = std::min(answer->size(), capacity);
   const auto* begin = reinterpret_cast<const char*>(answer->data());
   const auto* zero = static_cast<const char*>(std::memchr(begin, 0, length));
-  if (zero != nullptr) length = static_cast<std::size_t>(zero - begin);
+  if (zero != nullptr)
+    length = static_cast<std::size_t>(zero - begin);
   return std::string(begin, length);
 }
 
@@ -48,18 +51,30 @@ constexpr std::int32_t kTypePowerPC = 18;
 
 std::optional<std::string> familyName(std::uint32_t family) {
   switch (family) {
-    case 0x78EA4FBC: return "Intel Core 2 Duo (Penryn)";
-    case 0x6B5A4CD2: return "Intel (Nehalem)";
-    case 0x573B5EEC: return "Intel (Westmere)";
-    case 0x5490B78C: return "Intel Core i5/i7 (Sandy Bridge)";
-    case 0x1F65E835: return "Intel (Ivy Bridge)";
-    case 0x10B282DC: return "Intel Core i5/i7 (Haswell)";
-    case 0x582ED09C: return "Intel Core M/i5/i7 (Haswell)";  // kept as shipped: a second Haswell label
-    case 0x37FC219F: return "Intel Core M/i5/i7 (Skylake)";
-    case 0xCEE41549: return "PowerPC G3";
-    case 0x77C184AE: return "PowerPC G4";
-    case 0xED76D8AA: return "PowerPC G5";
-    default: return std::nullopt;
+    case 0x78EA4FBC:
+      return "Intel Core 2 Duo (Penryn)";
+    case 0x6B5A4CD2:
+      return "Intel (Nehalem)";
+    case 0x573B5EEC:
+      return "Intel (Westmere)";
+    case 0x5490B78C:
+      return "Intel Core i5/i7 (Sandy Bridge)";
+    case 0x1F65E835:
+      return "Intel (Ivy Bridge)";
+    case 0x10B282DC:
+      return "Intel Core i5/i7 (Haswell)";
+    case 0x582ED09C:
+      return "Intel Core M/i5/i7 (Haswell)";  // kept as shipped: a second Haswell label
+    case 0x37FC219F:
+      return "Intel Core M/i5/i7 (Skylake)";
+    case 0xCEE41549:
+      return "PowerPC G3";
+    case 0x77C184AE:
+      return "PowerPC G4";
+    case 0xED76D8AA:
+      return "PowerPC G5";
+    default:
+      return std::nullopt;
   }
 }
 
@@ -67,7 +82,8 @@ std::optional<std::string> familyName(std::uint32_t family) {
 
 std::string QVSystemInfo::osVersion(const platform::Device& device) {
   std::string text = device.operatingSystemVersionString();
-  if (text.rfind("Version ", 0) == 0) text.erase(0, 8);
+  if (text.rfind("Version ", 0) == 0)
+    text.erase(0, 8);
   return text;
 }
 
@@ -91,53 +107,66 @@ std::int32_t QVSystemInfo::cpuCount(const platform::Sysctl& sysctl) {
 
 bool QVSystemInfo::is64bit(const platform::Sysctl& sysctl) {
   for (const char* name : {"hw.cpu64bit_capable", "hw.optional.x86_64", "hw.optional.64bitops"}) {
-    if (const auto v = readInteger<std::int32_t>(sysctl.byName(name))) return *v == 1;
+    if (const auto v = readInteger<std::int32_t>(sysctl.byName(name)))
+      return *v == 1;
   }
   return false;
 }
 
 std::optional<std::string> QVSystemInfo::cpuType(const platform::Sysctl& sysctl) {
   const auto type = readInteger<std::int32_t>(sysctl.byName("hw.cputype"));
-  if (!type) return std::nullopt;
+  if (!type)
+    return std::nullopt;
   if (*type == kTypeARM64) {
     const auto sub = readInteger<std::int32_t>(sysctl.byName("hw.cpusubtype"));
     return (sub && *sub == 1) ? "ARM64_V8" : "ARM64";
   }
   if (*type == kTypeARM) {
     const auto sub = readInteger<std::int32_t>(sysctl.byName("hw.cpusubtype"));
-    if (sub && *sub == 11) return "ARMV7S";
-    if (sub && *sub == 9) return "ARMV7";
+    if (sub && *sub == 11)
+      return "ARMV7S";
+    if (sub && *sub == 9)
+      return "ARMV7";
     return "ARM";
   }
   if (*type == kTypeX86) {
     const auto brand = readText(sysctl.byName("machdep.cpu.brand_string"), 256);
-    if (brand && !brand->empty() && isValidUtf8(*brand)) return brand;
+    if (brand && !brand->empty() && isValidUtf8(*brand))
+      return brand;
   }
   if (const auto family = readInteger<std::uint32_t>(sysctl.byName("hw.cpufamily"))) {
     return familyName(*family);
   }
   const auto sub = readInteger<std::int32_t>(sysctl.byName("hw.cpusubtype"));
-  if (!sub) return std::nullopt;
+  if (!sub)
+    return std::nullopt;
   if (*type == kTypePowerPC) {
-    if (*sub == 10 || *sub == 11) return "PowerPC G4";
-    if (*sub == 100) return "PowerPC G5";
-    if (*sub == 9) return "PowerPC G3";
+    if (*sub == 10 || *sub == 11)
+      return "PowerPC G4";
+    if (*sub == 100)
+      return "PowerPC G5";
+    if (*sub == 9)
+      return "PowerPC G3";
     return std::nullopt;
   }
-  if (*type == kTypeX86) return "Intel";
+  if (*type == kTypeX86)
+    return "Intel";
   return std::nullopt;
 }
 
 std::optional<std::string> QVSystemInfo::architecture(const platform::Sysctl& sysctl) {
   const auto type = readInteger<std::int32_t>(sysctl.byName("hw.cputype"));
-  if (type && *type == kTypePowerPC) return "PPC";
-  if (type && *type == kTypeX86) return "Intel";
+  if (type && *type == kTypePowerPC)
+    return "PPC";
+  if (type && *type == kTypeX86)
+    return "Intel";
   return std::nullopt;
 }
 
 std::optional<std::string> QVSystemInfo::language(const platform::Locale& locale) {
   const auto languages = locale.preferredLanguages();
-  if (languages.empty()) return std::nullopt;
+  if (languages.empty())
+    return std::nullopt;
   return languages.front();
 }
 

@@ -19,7 +19,9 @@ std::string twoDigitsAtLeast(std::int64_t value, bool padded) {
 
 }  // namespace
 
-void QVSetShowDebugLogs(bool on) noexcept { kQVLoggerShowLogs.store(on, std::memory_order_relaxed); }
+void QVSetShowDebugLogs(bool on) noexcept {
+  kQVLoggerShowLogs.store(on, std::memory_order_relaxed);
+}
 
 void QVSetShowDebugLogsTrace(bool on) noexcept {
   kQVLoggerShowLogsTrace.store(on, std::memory_order_relaxed);
@@ -42,12 +44,18 @@ std::optional<std::chrono::system_clock::time_point> QVSessionStartDate() noexce
 
 std::string levelToString(int level) {
   switch (level) {
-    case 1: return "[ERROR]";
-    case 2: return "[WARN] ";
-    case 3: return "[INFO] ";
-    case 4: return "[DEBUG]";
-    case 5: return "[TRACE]";
-    default: return "[-----]";
+    case 1:
+      return "[ERROR]";
+    case 2:
+      return "[WARN] ";
+    case 3:
+      return "[INFO] ";
+    case 4:
+      return "[DEBUG]";
+    case 5:
+      return "[TRACE]";
+    default:
+      return "[-----]";
   }
 }
 
@@ -62,8 +70,10 @@ std::string timeToStringForMilliseconds(std::int64_t ms) {
   out += ":" + twoDigitsAtLeast(inHour / 60000, inHour < 600000);
   out += ":" + twoDigitsAtLeast(inMinute / 1000, inMinute < 10000);
   out += ":";
-  if (millis < 100) out += "0";
-  if (millis < 10) out += "0";
+  if (millis < 100)
+    out += "0";
+  if (millis < 10)
+    out += "0";
   out += std::to_string(millis);
   return out;
 }

@@ -55,7 +55,9 @@ void QuorvelProxyManager::clearData() {
   requestSize_.store(0, std::memory_order_relaxed);
 }
 
-void QuorvelProxyManager::dropPreLaunchData() { clearData(); }
+void QuorvelProxyManager::dropPreLaunchData() {
+  clearData();
+}
 
 std::vector<std::string> QuorvelProxyManager::events() const {
   std::lock_guard guard(lock_);
@@ -65,7 +67,8 @@ std::vector<std::string> QuorvelProxyManager::events() const {
 namespace {
 // A value the platform dictionary could not hold is left out.
 void putIfPresent(Json& dict, const char* key, const std::optional<std::string>& value) {
-  if (value) dict[key] = *value;
+  if (value)
+    dict[key] = *value;
 }
 }  // namespace
 
@@ -90,7 +93,8 @@ void QuorvelProxyManager::setSDKDataWithVersion(const std::optional<std::string>
   putIfPresent(proxyRdDict_, QVRemoteDebuggingSdkDataDevKey, devKey);
   putIfPresent(proxyRdDict_, QVRemoteDebuggingSdkDataOriginalQVUID, originalQVUID);
   putIfPresent(proxyRdDict_, QVRemoteDebuggingSdkDataQVUID, qvuid);
-  if (launchCounter) proxyRdDict_[QVRemoteDebuggingSdkDataLaunchCounter] = *launchCounter;
+  if (launchCounter)
+    proxyRdDict_[QVRemoteDebuggingSdkDataLaunchCounter] = *launchCounter;
 }
 
 void QuorvelProxyManager::setAppDataWithAppId(const std::optional<std::string>& appId,
@@ -112,7 +116,8 @@ void QuorvelProxyManager::loadStaticData(QuorvelTracker& tracker) {
   const auto counter = prefs.objectForKey(keys::kCounter);
   if (stored && stored->is_object()) {
     std::lock_guard guard(lock_);
-    for (const auto& [k, v] : stored->items()) proxyRdDict_[k] = v;
+    for (const auto& [k, v] : stored->items())
+      proxyRdDict_[k] = v;
     if (counter) {
       proxyRdDict_[QVRemoteDebuggingSdkDataLaunchCounter] = *counter;
     } else {
@@ -123,11 +128,13 @@ void QuorvelProxyManager::loadStaticData(QuorvelTracker& tracker) {
   const auto original = prefs.stringForKey(keys::kOriginalUserId);
   const std::string uid = tracker.getQuorvelUID();
   setDeviceDataWithModel(p.device->model(), p.device->systemVersion(), tracker.advertiserId());
-  setSDKDataWithVersion(tracker.getSDKVersion(), tracker.quorvelDevKey(), original ? *original : uid, uid, counter);
+  setSDKDataWithVersion(tracker.getSDKVersion(), tracker.quorvelDevKey(),
+                        original ? *original : uid, uid, counter);
   const auto version = p.bundle->objectForInfoDictionaryKey("CFBundleVersion");
-  setAppDataWithAppId(tracker.appleAppID(), version && version->is_string()
-                                                ? std::optional<std::string>(version->get<std::string>())
-                                                : std::nullopt);
+  setAppDataWithAppId(tracker.appleAppID(),
+                      version && version->is_string()
+                          ? std::optional<std::string>(version->get<std::string>())
+                          : std::nullopt);
   prefs.setObject(QVRemoteDebuggingStaticDataKey, proxyRdDict());
 }
 
@@ -149,7 +156,9 @@ void QuorvelProxyManager::sendRemoteDebuggingData(QuorvelTracker& tracker) {
   clearData();
 }
 
-void QuorvelProxyManager::sendRemoteDebuggingData() { sendRemoteDebuggingData(QuorvelTracker::sharedTracker()); }
+void QuorvelProxyManager::sendRemoteDebuggingData() {
+  sendRemoteDebuggingData(QuorvelTracker::sharedTracker());
+}
 
 namespace detail {
 

@@ -61,12 +61,16 @@ class QuorvelProxyManager {
   void sendRemoteDebuggingData(QuorvelTracker& tracker);
   void sendRemoteDebuggingData();
 
-  void setDeviceDataWithModel(const std::optional<std::string>& model, const std::optional<std::string>& osVersion,
+  void setDeviceDataWithModel(const std::optional<std::string>& model,
+                              const std::optional<std::string>& osVersion,
                               const std::optional<std::string>& advId);
-  void setSDKDataWithVersion(const std::optional<std::string>& version, const std::optional<std::string>& devKey,
-                             const std::optional<std::string>& originalQVUID, const std::optional<std::string>& qvuid,
+  void setSDKDataWithVersion(const std::optional<std::string>& version,
+                             const std::optional<std::string>& devKey,
+                             const std::optional<std::string>& originalQVUID,
+                             const std::optional<std::string>& qvuid,
                              const std::optional<Json>& launchCounter);
-  void setAppDataWithAppId(const std::optional<std::string>& appId, const std::optional<std::string>& appVersion);
+  void setAppDataWithAppId(const std::optional<std::string>& appId,
+                           const std::optional<std::string>& appVersion);
   Json proxyRdDict() const;
 
   // A copy of the collected lines, oldest first.

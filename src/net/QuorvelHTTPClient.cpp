@@ -13,24 +13,48 @@
 namespace quorvel {
 namespace {
 
-
 bool isLegalInUrl(unsigned char c) {
-  if (std::isalnum(c) != 0) return true;
+  if (std::isalnum(c) != 0)
+    return true;
   switch (c) {
-    case '-': case '.': case '_': case '~': case '!': case '$': case '&': case '\'': case '(':
-    case ')': case '*': case '+': case ',': case '/': case ':': case ';': case '=': case '?':
-    case '@': case '#': case '[': case ']':
+    case '-':
+    case '.':
+    case '_':
+    case '~':
+    case '!':
+    case '$':
+    case '&':
+    case '\'':
+    case '(':
+    case ')':
+    case '*':
+    case '+':
+    case ',':
+    case '/':
+    case ':':
+    case ';':
+    case '=':
+    case '?':
+    case '@':
+    case '#':
+    case '[':
+    case ']':
       return true;
     default:
       return false;
   }
 }
 
-bool versionBelow8(const std::string& version) { return compareNumeric(version, "8") < 0; }
-bool isVersion9(const std::string& version) { return version.rfind('9', 0) == 0; }
+bool versionBelow8(const std::string& version) {
+  return compareNumeric(version, "8") < 0;
+}
+bool isVersion9(const std::string& version) {
+  return version.rfind('9', 0) == 0;
+}
 
 Error parserError() {
-  return Error{"NSCocoaErrorDomain", 3840, "The data couldn't be read because it isn't in the correct format."};
+  return Error{"NSCocoaErrorDomain", 3840,
+               "The data couldn't be read because it isn't in the correct format."};
 }
 
 }  // namespace
@@ -52,8 +76,8 @@ std::string legacyPercentEscape(const std::string& url) {
   return out;
 }
 
-std::shared_ptr<QuorvelHTTPClient> QuorvelHTTPClient::create(std::shared_ptr<const Platform> platform,
-                                                             std::shared_ptr<QuorvelRequestCache> cache) {
+std::shared_ptr<QuorvelHTTPClient> QuorvelHTTPClient::create(
+    std::shared_ptr<const Platform> platform, std::shared_ptr<QuorvelRequestCache> cache) {
   auto client = std::make_shared<QuorvelHTTPClient>(std::move(platform), std::move(cache));
   const std::string version = client->platform_->device->systemVersion();
   // Version 9 delivers fire-and-forget bodies inside a background task instead.
@@ -68,7 +92,8 @@ QuorvelHTTPClient::QuorvelHTTPClient(std::shared_ptr<const Platform> platform,
     : platform_(std::move(platform)), cache_(std::move(cache)) {}
 
 std::shared_ptr<platform::URLSession> QuorvelHTTPClient::buildSessionWithConfiguration() {
-  if (versionBelow8(platform_->device->systemVersion()) || !platform_->urlSessions) return nullptr;
+  if (versionBelow8(platform_->device->systemVersion()) || !platform_->urlSessions)
+    return nullptr;
   platform::BackgroundSessionConfiguration configuration;
   configuration.identifier = kBackgroundSessionIdentifier;
   configuration.allowsCellularAccess = true;
@@ -82,14 +107,17 @@ std::string QuorvelHTTPClient::description() const {
   return text;
 }
 
-void QuorvelHTTPClient::sendRequestEventToServer(const QuorvelRequestCacheData& request, bool isRequestFromCache,
-                                                 const std::optional<std::string>& /*appID*/, bool /*isDebug*/,
+void QuorvelHTTPClient::sendRequestEventToServer(const QuorvelRequestCacheData& request,
+                                                 bool isRequestFromCache,
+                                                 const std::optional<std::string>& /*appID*/,
+                                                 bool /*isDebug*/,
                                                  std::function<void()> onSuccess) {
   static constexpr const char* kMethod =
       "-[QuorvelHTTPClient sendRequestEventToServer:isRequestFromCache:appID:isDebug:onSuccess:]";
   std::string url = request.requestURL().value_or(std::string());
   // The suffix goes on before escaping.
-  if (isRequestFromCache) url += "&isCachedRequest=true";
+  if (isRequestFromCache)
+    url += "&isCachedRequest=true";
   platform::URLRequest http;
   http.url = legacyPercentEscape(url);
   http.method = "POST";
@@ -111,12 +139,15 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
                                              const std::optional<Error>& error,
                                              const std::function<void()>& onSuccess) {
   static constexpr const char* kMethod =
-      "-[QuorvelHTTPClient sendRequestEventToServer:isRequestFromCache:appID:isDebug:onSuccess:]_block_invoke";
+      "-[QuorvelHTTPClient "
+      "sendRequestEventToServer:isRequestFromCache:appID:isDebug:onSuccess:]_block_invoke";
   if (error) {
-    qvLog(kLogDebug, kMethod, "Quorvel Connection failed! Error - %@ ", error->localizedDescription);
+    qvLog(kLogDebug, kMethod, "Quorvel Connection failed! Error - %@ ",
+          error->localizedDescription);
     if (fromCache) {
       // A record of another library version gets one more try only.
-      if (request.sdkVersion() != std::optional<std::string>(kQuorvelSDKVersion)) cache_->deleteRequest(request);
+      if (request.sdkVersion() != std::optional<std::string>(kQuorvelSDKVersion))
+        cache_->deleteRequest(request);
       cache_->sendNextCachedEvents();
     } else {
       cache_->cacheRequest(request);
@@ -124,7 +155,8 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
     return;
   }
   // Any HTTP answer counts as delivered, whatever its status.
-  qvLog(kLogDebug, kMethod, "sent information to server, status = %ld", response ? response->statusCode : 0L);
+  qvLog(kLogDebug, kMethod, "sent information to server, status = %ld",
+        response ? response->statusCode : 0L);
   const std::string text = body ? std::string(body->begin(), body->end()) : std::string();
   const Json parsed = Json::parse(text, nullptr, false);
   auto& proxy = QuorvelProxyManager::sharedManager();
@@ -138,7 +170,8 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
     if (parsed.is_object()) {
       const auto it = parsed.find("monitor");
       if (it != parsed.end() && (it->is_number() || it->is_boolean())) {
-        monitor = it->is_number_float() ? static_cast<std::int64_t>(it->get<double>()) : it->get<std::int64_t>();
+        monitor = it->is_number_float() ? static_cast<std::int64_t>(it->get<double>())
+                                        : it->get<std::int64_t>();
       } else if (it != parsed.end() && it->is_string()) {
         monitor = leadingInteger(it->get<std::string>());
       }
@@ -157,10 +190,12 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
   } else {
     cache_->processCache();
   }
-  if (onSuccess) onSuccess();
+  if (onSuccess)
+    onSuccess();
 }
 
-void QuorvelHTTPClient::sendRequestWithConfiguration(const std::string& url, const std::string& data) {
+void QuorvelHTTPClient::sendRequestWithConfiguration(const std::string& url,
+                                                     const std::string& data) {
   platform::URLRequest request;
   request.url = url;
   request.method = "POST";
@@ -177,54 +212,68 @@ void QuorvelHTTPClient::sendRequestWithConfiguration(const std::string& url, con
 
 void QuorvelHTTPClient::backgroundCallWithRequest(platform::URLRequest request) {
   static constexpr const char* kMethod = "-[QuorvelHTTPClient backgroundCallWithRequest:]";
-  auto cell = std::make_shared<std::atomic<platform::BackgroundTaskIdentifier>>(platform::kInvalidBackgroundTask);
+  auto cell = std::make_shared<std::atomic<platform::BackgroundTaskIdentifier>>(
+      platform::kInvalidBackgroundTask);
   auto application = platform_->application;
   const std::string me = description();
   // Whichever of expiration and completion comes first ends the task.
   auto endTask = [application, cell] {
     const auto id = cell->exchange(platform::kInvalidBackgroundTask);
-    if (id != platform::kInvalidBackgroundTask) application->endBackgroundTask(id);
+    if (id != platform::kInvalidBackgroundTask)
+      application->endBackgroundTask(id);
   };
   cell->store(application->beginBackgroundTask([me, cell, endTask] {
-    qvTrace("-[QuorvelHTTPClient backgroundCallWithRequest:]_block_invoke", "%@ background task %lu cut short", me,
-            cell->load());
+    qvTrace("-[QuorvelHTTPClient backgroundCallWithRequest:]_block_invoke",
+            "%@ background task %lu cut short", me, cell->load());
     endTask();
   }));
   auto session = platform_->urlSessions->sharedSession();
-  platform_->dispatcher->globalQueue()->async([me, cell, endTask, session, request = std::move(request)]() mutable {
-    static constexpr const char* kBlock = "-[QuorvelHTTPClient backgroundCallWithRequest:]_block_invoke_2";
-    qvTrace(kBlock, "%@ starting background task %lu", me, cell->load());
-    session->dataTask(std::move(request), [me, cell, endTask](const auto&, const auto&, const auto& error) {
-      static constexpr const char* kDone = "-[QuorvelHTTPClient backgroundCallWithRequest:]_block_invoke_3";
-      if (!error) qvTrace(kDone, "Response 200 ok.");
-      qvTrace(kDone, "%@ ending background task %lu", me, cell->load());
-      endTask();
-    })->resume();
-  });
+  platform_->dispatcher->globalQueue()->async(
+      [me, cell, endTask, session, request = std::move(request)]() mutable {
+        static constexpr const char* kBlock =
+            "-[QuorvelHTTPClient backgroundCallWithRequest:]_block_invoke_2";
+        qvTrace(kBlock, "%@ starting background task %lu", me, cell->load());
+        session
+            ->dataTask(std::move(request),
+                       [me, cell, endTask](const auto&, const auto&, const auto& error) {
+                         static constexpr const char* kDone =
+                             "-[QuorvelHTTPClient backgroundCallWithRequest:]_block_invoke_3";
+                         if (!error)
+                           qvTrace(kDone, "Response 200 ok.");
+                         qvTrace(kDone, "%@ ending background task %lu", me, cell->load());
+                         endTask();
+                       })
+            ->resume();
+      });
   qvLog(kLogDebug, kMethod, "%@ dispatched background task %lu", me, cell->load());
 }
 
-std::pair<std::string, std::string> QuorvelHTTPClient::signature(const std::string& devKey, platform::TimePoint now) {
+std::pair<std::string, std::string> QuorvelHTTPClient::signature(const std::string& devKey,
+                                                                 platform::TimePoint now) {
   const std::string timestamp = format("%.f", platform::secondsSince1970(now));
   return {timestamp, QuorvelUtils::sha1(format("%@%@", devKey, timestamp))};
 }
 
-std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::getHopline(const std::string& url,
-                                                                        const std::string& devKey,
-                                                                        HoplineCompletion completionHandler) {
+std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::getHopline(
+    const std::string& url, const std::string& devKey, HoplineCompletion completionHandler) {
   const auto [timestamp, authorization] = signature(devKey, platform_->clock->now());
   platform::URLRequest request;
   request.url = url;
   request.method = "GET";
-  request.headers = {{"Content-Type", "application/json"}, {"qv-timestamp", timestamp}, {"authorization", authorization}};
+  request.headers = {{"Content-Type", "application/json"},
+                     {"qv-timestamp", timestamp},
+                     {"authorization", authorization}};
   auto task = platform_->urlSessions->sharedSession()->dataTask(
-      std::move(request), [completionHandler](const auto& body, const auto& response, const auto& error) {
-        if (!completionHandler) return;
+      std::move(request),
+      [completionHandler](const auto& body, const auto& response, const auto& error) {
+        if (!completionHandler)
+          return;
         if (error) {
           completionHandler(std::nullopt, error);
           return;
         }
-        if (body && response && response->mimeType == "application/json" && response->statusCode == 200) {
+        if (body && response && response->mimeType == "application/json" &&
+            response->statusCode == 200) {
           const Json parsed = Json::parse(body->begin(), body->end(), nullptr, false);
           if (parsed.is_discarded()) {
             completionHandler(std::nullopt, parserError());
@@ -241,14 +290,16 @@ std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::getHopline(const st
   return task;
 }
 
-std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::createHopline(const std::string& url, std::int64_t ttl,
-                                                                           const std::string& devKey,
-                                                                           const Json& parameters,
-                                                                           CreateHoplineCompletion completionHandler) {
-  static constexpr const char* kMethod = "-[QuorvelHTTPClient createHopline:ttl:devKey:parameters:completionHandler:]";
+std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::createHopline(
+    const std::string& url, std::int64_t ttl, const std::string& devKey, const Json& parameters,
+    CreateHoplineCompletion completionHandler) {
+  static constexpr const char* kMethod =
+      "-[QuorvelHTTPClient createHopline:ttl:devKey:parameters:completionHandler:]";
   Json body = Json::object();
   body["ttl"] = format("%ld", ttl);
-  body["data"] = parameters.is_object() && QuorvelUtils::isValidJSONObject(parameters) ? parameters : Json::object();
+  body["data"] = parameters.is_object() && QuorvelUtils::isValidJSONObject(parameters)
+                     ? parameters
+                     : Json::object();
   qvLog(kLogDebug, kMethod, "CreateHopline ttl: %ld", ttl);
   // The integer conversion for a dictionary is how this line has always read.
   qvLog(kLogDebug, kMethod, "CreateHopline parameters: %ld", body);
@@ -256,12 +307,16 @@ std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::createHopline(const
   platform::URLRequest request;
   request.url = url;
   request.method = "POST";
-  request.headers = {{"Content-Type", "application/json"}, {"qv-timestamp", timestamp}, {"authorization", authorization}};
+  request.headers = {{"Content-Type", "application/json"},
+                     {"qv-timestamp", timestamp},
+                     {"authorization", authorization}};
   const std::string text = body.dump(-1, ' ', false, Json::error_handler_t::replace);
   request.body = Bytes(text.begin(), text.end());
   auto task = platform_->urlSessions->sharedSession()->dataTask(
-      std::move(request), [completionHandler](const auto& answer, const auto& response, const auto& error) {
-        if (!completionHandler) return;
+      std::move(request),
+      [completionHandler](const auto& answer, const auto& response, const auto& error) {
+        if (!completionHandler)
+          return;
         if (error) {
           completionHandler(std::nullopt, error);
           return;
@@ -285,11 +340,14 @@ void QuorvelHTTPClient::handleHoplineResponse(const Json& response) {
     if (response.is_object()) {
       const auto text = [&](const char* key) -> std::optional<std::string> {
         const auto it = response.find(key);
-        if (it == response.end() || it->is_null()) return std::nullopt;
+        if (it == response.end() || it->is_null())
+          return std::nullopt;
         return it->is_string() ? it->get<std::string>() : it->dump();
       };
-      if (auto domain = text("hl_domain")) prefs.setString(keys::kHoplineDomain, *domain);
-      if (auto version = text("hl_ver")) prefs.setString(keys::kHoplineVersion, *version);
+      if (auto domain = text("hl_domain"))
+        prefs.setString(keys::kHoplineDomain, *domain);
+      if (auto version = text("hl_ver"))
+        prefs.setString(keys::kHoplineVersion, *version);
       if (auto scheme = text("hl_scheme"); QuorvelUtils::isValidDeeplink(scheme)) {
         prefs.setString(keys::kHoplineScheme, *scheme);
       }
@@ -300,19 +358,23 @@ void QuorvelHTTPClient::handleHoplineResponse(const Json& response) {
   prefs.synchronize();
 }
 
-void QuorvelHTTPClient::didFinishDownloadingToPath(platform::URLSessionTask& task, const std::string& /*path*/) {
-  static constexpr const char* kMethod = "-[QuorvelHTTPClient URLSession:downloadTask:didFinishDownloadingToURL:]";
-  if (QuorvelProxyManager::sharedManager().isRemoteDebugging() && !task.originalRequest().url.empty()) {
+void QuorvelHTTPClient::didFinishDownloadingToPath(platform::URLSessionTask& task,
+                                                   const std::string& /*path*/) {
+  static constexpr const char* kMethod =
+      "-[QuorvelHTTPClient URLSession:downloadTask:didFinishDownloadingToURL:]";
+  if (QuorvelProxyManager::sharedManager().isRemoteDebugging() &&
+      !task.originalRequest().url.empty()) {
     qvLog(kLogDebug, kMethod, "Response 200 ok on URL: %@", task.originalRequest().url);
   } else {
     qvLog(kLogDebug, kMethod, "Response 200 ok.");
   }
 }
 
-void QuorvelHTTPClient::didCompleteWithError(platform::URLSessionTask& task, const std::optional<Error>& error) {
+void QuorvelHTTPClient::didCompleteWithError(platform::URLSessionTask& task,
+                                             const std::optional<Error>& error) {
   if (error) {
-    qvLog(kLogError, "-[QuorvelHTTPClient URLSession:task:didCompleteWithError:]", "task %@ completed with error: %@",
-          task.description(), error->localizedDescription);
+    qvLog(kLogError, "-[QuorvelHTTPClient URLSession:task:didCompleteWithError:]",
+          "task %@ completed with error: %@", task.description(), error->localizedDescription);
   }
 }
 

@@ -21,8 +21,10 @@ namespace quorvel {
 class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
                                 public std::enable_shared_from_this<QuorvelHTTPClient> {
  public:
-  using HoplineCompletion = std::function<void(const std::optional<Json>&, const std::optional<Error>&)>;
-  using CreateHoplineCompletion = std::function<void(const std::optional<std::string>&, const std::optional<Error>&)>;
+  using HoplineCompletion =
+      std::function<void(const std::optional<Json>&, const std::optional<Error>&)>;
+  using CreateHoplineCompletion =
+      std::function<void(const std::optional<std::string>&, const std::optional<Error>&)>;
 
   static constexpr const char* kBackgroundSessionIdentifier = "com.quorvel.sdk";
 
@@ -30,7 +32,8 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
   static std::shared_ptr<QuorvelHTTPClient> create(std::shared_ptr<const Platform> platform,
                                                    std::shared_ptr<QuorvelRequestCache> cache);
 
-  QuorvelHTTPClient(std::shared_ptr<const Platform> platform, std::shared_ptr<QuorvelRequestCache> cache);
+  QuorvelHTTPClient(std::shared_ptr<const Platform> platform,
+                    std::shared_ptr<QuorvelRequestCache> cache);
 
   // A background session on OS 8 and later; none below 8.
   std::shared_ptr<platform::URLSession> buildSessionWithConfiguration();
@@ -44,26 +47,31 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
   void sendRequestWithConfiguration(const std::string& url, const std::string& data);
   void backgroundCallWithRequest(platform::URLRequest request);
 
-  std::shared_ptr<platform::URLSessionTask> getHopline(const std::string& url, const std::string& devKey,
+  std::shared_ptr<platform::URLSessionTask> getHopline(const std::string& url,
+                                                       const std::string& devKey,
                                                        HoplineCompletion completionHandler);
-  std::shared_ptr<platform::URLSessionTask> createHopline(const std::string& url, std::int64_t ttl,
-                                                          const std::string& devKey, const Json& parameters,
-                                                          CreateHoplineCompletion completionHandler);
+  std::shared_ptr<platform::URLSessionTask> createHopline(
+      const std::string& url, std::int64_t ttl, const std::string& devKey, const Json& parameters,
+      CreateHoplineCompletion completionHandler);
   // Keeps the link service's settings that a tracking answer carries.
   void handleHoplineResponse(const Json& response);
 
   // Background session delegate.
   void didFinishDownloadingToPath(platform::URLSessionTask& task, const std::string& path) override;
-  void didCompleteWithError(platform::URLSessionTask& task, const std::optional<Error>& error) override;
+  void didCompleteWithError(platform::URLSessionTask& task,
+                            const std::optional<Error>& error) override;
 
   std::string description() const;
   // The request's "qv-timestamp" and "authorization" values for `devKey` at `now`.
-  static std::pair<std::string, std::string> signature(const std::string& devKey, platform::TimePoint now);
+  static std::pair<std::string, std::string> signature(const std::string& devKey,
+                                                       platform::TimePoint now);
 
  private:
   void handleTrackingAnswer(const QuorvelRequestCacheData& request, bool fromCache,
-                            const std::optional<Bytes>& body, const std::optional<platform::URLResponse>& response,
-                            const std::optional<Error>& error, const std::function<void()>& onSuccess);
+                            const std::optional<Bytes>& body,
+                            const std::optional<platform::URLResponse>& response,
+                            const std::optional<Error>& error,
+                            const std::function<void()>& onSuccess);
 
   std::shared_ptr<const Platform> platform_;
   std::shared_ptr<QuorvelRequestCache> cache_;

@@ -13,8 +13,10 @@ namespace {
 
 std::string parentOf(const std::string& path) {
   const auto slash = path.find_last_of('/');
-  if (slash == std::string::npos) return ".";
-  if (slash == 0) return "/";
+  if (slash == std::string::npos)
+    return ".";
+  if (slash == 0)
+    return "/";
   return path.substr(0, slash);
 }
 
@@ -23,7 +25,8 @@ bool writeAll(int fd, const Bytes& content) {
   while (done < content.size()) {
     const ssize_t n = ::write(fd, content.data() + done, content.size() - done);
     if (n < 0) {
-      if (errno == EINTR) continue;
+      if (errno == EINTR)
+        continue;
       return false;
     }
     done += static_cast<std::size_t>(n);
@@ -44,7 +47,8 @@ void syncDirectory(const std::string& dir) {
 AtomicWriteResult writeFileAtomically(const std::string& path, const Bytes& content,
                                       const AtomicWriteOptions& options, std::string* errorText) {
   auto fail = [&](const char* what, int err) {
-    if (errorText) *errorText = std::string(what) + " " + path + ": " + std::strerror(err);
+    if (errorText)
+      *errorText = std::string(what) + " " + path + ": " + std::strerror(err);
     return AtomicWriteResult::failed;
   };
   const std::string dir = parentOf(path);
@@ -52,7 +56,8 @@ AtomicWriteResult writeFileAtomically(const std::string& path, const Bytes& cont
   std::vector<char> name(tmpl.begin(), tmpl.end());
   name.push_back('\0');
   const int fd = ::mkostemp(name.data(), O_CLOEXEC);
-  if (fd < 0) return fail("cannot create a temporary file for", errno);
+  if (fd < 0)
+    return fail("cannot create a temporary file for", errno);
   const std::string tmp(name.data());
   ::fchmod(fd, static_cast<mode_t>(options.mode));
   if (!writeAll(fd, content) || ::fsync(fd) != 0) {
@@ -66,7 +71,8 @@ AtomicWriteResult writeFileAtomically(const std::string& path, const Bytes& cont
     ::unlink(tmp.c_str());
     return fail("cannot close", err);
   }
-  if (options.beforeRename) options.beforeRename();
+  if (options.beforeRename)
+    options.beforeRename();
   if (options.replaceExisting) {
     if (::rename(tmp.c_str(), path.c_str()) != 0) {
       const int err = errno;
@@ -79,7 +85,8 @@ AtomicWriteResult writeFileAtomically(const std::string& path, const Bytes& cont
     const int err = errno;
     ::unlink(tmp.c_str());
     if (rc != 0) {
-      if (err == EEXIST) return AtomicWriteResult::alreadyExists;
+      if (err == EEXIST)
+        return AtomicWriteResult::alreadyExists;
       return fail("cannot link into", err);
     }
   }
@@ -88,12 +95,14 @@ AtomicWriteResult writeFileAtomically(const std::string& path, const Bytes& cont
 }
 
 bool makeDirectories(const std::string& path, unsigned mode) {
-  if (path.empty()) return false;
+  if (path.empty())
+    return false;
   std::size_t pos = 0;
   while (pos != std::string::npos) {
     pos = path.find('/', pos + 1);
     const std::string part = path.substr(0, pos);
-    if (part.empty()) continue;
+    if (part.empty())
+      continue;
     if (::mkdir(part.c_str(), static_cast<mode_t>(mode)) != 0 && errno != EEXIST) {
       return false;
     }

@@ -25,7 +25,8 @@ Registry& registry() {
 }
 
 std::string homeBased(const char* xdgVariable, const char* fallbackUnderHome) {
-  if (const char* xdg = std::getenv(xdgVariable); xdg != nullptr && *xdg == '/') return xdg;
+  if (const char* xdg = std::getenv(xdgVariable); xdg != nullptr && *xdg == '/')
+    return xdg;
   if (const char* home = std::getenv("HOME"); home != nullptr && *home == '/') {
     return std::string(home) + "/" + fallbackUnderHome;
   }
@@ -36,7 +37,9 @@ std::string homeBased(const char* xdgVariable, const char* fallbackUnderHome) {
 
 namespace platform {
 
-PosixPlatformOptions defaultPosixOptions() { return PosixPlatformOptions{}; }
+PosixPlatformOptions defaultPosixOptions() {
+  return PosixPlatformOptions{};
+}
 
 void fillWithPosixDefaults(Platform& p, const PosixPlatformOptions& options) {
   const std::string dataDirectory =
@@ -48,15 +51,20 @@ void fillWithPosixDefaults(Platform& p, const PosixPlatformOptions& options) {
           ? options.keychainDirectory
           : homeBased("XDG_STATE_HOME", ".local/state") + "/quorvel/keychain";
 
-  if (!p.clock) p.clock = std::make_shared<PosixClock>();
-  if (!p.dispatcher) p.dispatcher = std::make_shared<PosixDispatcher>();
-  if (!p.fileSystem) p.fileSystem = std::make_shared<PosixFileSystem>(dataDirectory);
+  if (!p.clock)
+    p.clock = std::make_shared<PosixClock>();
+  if (!p.dispatcher)
+    p.dispatcher = std::make_shared<PosixDispatcher>();
+  if (!p.fileSystem)
+    p.fileSystem = std::make_shared<PosixFileSystem>(dataDirectory);
   if (!p.preferences) {
     p.preferences = std::make_shared<JsonFilePreferencesStore>(
         dataDirectory + "/Library/Preferences/" + options.bundleIdentifier + ".json");
   }
-  if (!p.secureStore) p.secureStore = std::make_shared<FileSecureStore>(keychainDirectory);
-  if (!p.notificationCenter) p.notificationCenter = std::make_shared<InProcessNotificationCenter>();
+  if (!p.secureStore)
+    p.secureStore = std::make_shared<FileSecureStore>(keychainDirectory);
+  if (!p.notificationCenter)
+    p.notificationCenter = std::make_shared<InProcessNotificationCenter>();
   if (!p.device) {
     p.device = std::make_shared<PosixDevice>(options.deviceName, options.systemVersion,
                                              options.multitaskingSupported);
@@ -67,18 +75,26 @@ void fillWithPosixDefaults(Platform& p, const PosixPlatformOptions& options) {
     info["CFBundleVersion"] = options.bundleVersion;
     info["CFBundleShortVersionString"] = options.bundleShortVersion;
     if (options.extraInfo.is_object()) {
-      for (const auto& [k, v] : options.extraInfo.items()) info[k] = v;
+      for (const auto& [k, v] : options.extraInfo.items())
+        info[k] = v;
     }
     p.bundle = std::make_shared<StaticBundle>(options.bundleIdentifier, std::move(info),
                                               options.receiptPath);
   }
-  if (!p.locale) p.locale = std::make_shared<PosixLocale>();
-  if (!p.sysctl) p.sysctl = std::make_shared<LinuxSysctl>();
-  if (!p.networkInterfaces) p.networkInterfaces = std::make_shared<PosixNetworkInterfaces>();
-  if (!p.classRegistry) p.classRegistry = std::make_shared<InMemoryClassRegistry>();
-  if (!p.systemLog) p.systemLog = std::make_shared<StderrSystemLog>();
-  if (!p.random) p.random = std::make_shared<OpenSslRandom>();
-  if (!p.application) p.application = std::make_shared<PosixApplication>();
+  if (!p.locale)
+    p.locale = std::make_shared<PosixLocale>();
+  if (!p.sysctl)
+    p.sysctl = std::make_shared<LinuxSysctl>();
+  if (!p.networkInterfaces)
+    p.networkInterfaces = std::make_shared<PosixNetworkInterfaces>();
+  if (!p.classRegistry)
+    p.classRegistry = std::make_shared<InMemoryClassRegistry>();
+  if (!p.systemLog)
+    p.systemLog = std::make_shared<StderrSystemLog>();
+  if (!p.random)
+    p.random = std::make_shared<OpenSslRandom>();
+  if (!p.application)
+    p.application = std::make_shared<PosixApplication>();
   if (!p.urlSessions) {
     CurlSessionOptions curl;
     curl.extraCAFile = options.extraCAFile;
@@ -113,7 +129,8 @@ void installPlatform(const Platform& installed) {
   // Services not given keep the ones in use; the rest come from the POSIX defaults.
   if (previous) {
     auto keep = [](auto& field, const auto& old) {
-      if (!field) field = old;
+      if (!field)
+        field = old;
     };
     keep(next->clock, previous->clock);
     keep(next->dispatcher, previous->dispatcher);
@@ -141,12 +158,14 @@ std::shared_ptr<const Platform> currentPlatform() {
   auto& r = registry();
   {
     std::lock_guard lock(r.mutex);
-    if (r.current) return r.current;
+    if (r.current)
+      return r.current;
   }
   // Built outside the lock: the defaults may log, and logging asks for the platform.
   auto built = std::make_shared<Platform>(makePosixPlatform(platform::defaultPosixOptions()));
   std::lock_guard lock(r.mutex);
-  if (!r.current) r.current = std::move(built);
+  if (!r.current)
+    r.current = std::move(built);
   return r.current;
 }
 

@@ -11,7 +11,8 @@ std::optional<double> leadingNumber(const std::string& text) {
   const char* begin = text.c_str();
   char* end = nullptr;
   const double v = std::strtod(begin, &end);
-  if (end == begin || !std::isfinite(v)) return std::nullopt;
+  if (end == begin || !std::isfinite(v))
+    return std::nullopt;
   return v;
 }
 }  // namespace
@@ -26,7 +27,8 @@ std::optional<TimePoint> PreferencesStore::asDate(const Json& value) {
     return std::nullopt;
   }
   const double seconds = value[kDateTag].get<double>();
-  if (!std::isfinite(seconds) || std::fabs(seconds) > 1e15) return std::nullopt;
+  if (!std::isfinite(seconds) || std::fabs(seconds) > 1e15)
+    return std::nullopt;
   // Stored as double seconds: round to the microsecond that was written.
   return TimePoint(std::chrono::duration_cast<TimePoint::duration>(
       std::chrono::round<std::chrono::microseconds>(std::chrono::duration<double>(seconds))));
@@ -34,20 +36,29 @@ std::optional<TimePoint> PreferencesStore::asDate(const Json& value) {
 
 std::optional<std::string> PreferencesStore::stringForKey(std::string_view key) const {
   const auto v = objectForKey(key);
-  if (!v) return std::nullopt;
-  if (v->is_string()) return v->get<std::string>();
-  if (v->is_number_integer()) return std::to_string(v->get<std::int64_t>());
-  if (v->is_number_unsigned()) return std::to_string(v->get<std::uint64_t>());
-  if (v->is_number_float()) return v->dump();
-  if (v->is_boolean()) return std::string(v->get<bool>() ? "1" : "0");
+  if (!v)
+    return std::nullopt;
+  if (v->is_string())
+    return v->get<std::string>();
+  if (v->is_number_integer())
+    return std::to_string(v->get<std::int64_t>());
+  if (v->is_number_unsigned())
+    return std::to_string(v->get<std::uint64_t>());
+  if (v->is_number_float())
+    return v->dump();
+  if (v->is_boolean())
+    return std::string(v->get<bool>() ? "1" : "0");
   return std::nullopt;
 }
 
 std::int64_t PreferencesStore::integerForKey(std::string_view key) const {
   const auto v = objectForKey(key);
-  if (!v) return 0;
-  if (v->is_boolean()) return v->get<bool>() ? 1 : 0;
-  if (v->is_number_integer()) return v->get<std::int64_t>();
+  if (!v)
+    return 0;
+  if (v->is_boolean())
+    return v->get<bool>() ? 1 : 0;
+  if (v->is_number_integer())
+    return v->get<std::int64_t>();
   if (v->is_number()) {
     const double d = v->get<double>();
     return (std::isfinite(d) && std::fabs(d) < 9.2e18) ? static_cast<std::int64_t>(d) : 0;
@@ -61,14 +72,20 @@ std::int64_t PreferencesStore::integerForKey(std::string_view key) const {
 
 double PreferencesStore::doubleForKey(std::string_view key) const {
   const auto v = objectForKey(key);
-  if (!v) return 0;
-  if (v->is_boolean()) return v->get<bool>() ? 1 : 0;
-  if (v->is_number()) return v->get<double>();
-  if (v->is_string()) return leadingNumber(v->get<std::string>()).value_or(0.0);
+  if (!v)
+    return 0;
+  if (v->is_boolean())
+    return v->get<bool>() ? 1 : 0;
+  if (v->is_number())
+    return v->get<double>();
+  if (v->is_string())
+    return leadingNumber(v->get<std::string>()).value_or(0.0);
   return 0;
 }
 
-bool PreferencesStore::boolForKey(std::string_view key) const { return integerForKey(key) != 0; }
+bool PreferencesStore::boolForKey(std::string_view key) const {
+  return integerForKey(key) != 0;
+}
 
 std::optional<TimePoint> PreferencesStore::dateForKey(std::string_view key) const {
   const auto v = objectForKey(key);

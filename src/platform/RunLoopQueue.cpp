@@ -21,12 +21,17 @@ RunLoopQueue::RunLoopQueue(std::string label, std::function<void()> wakeUp)
 
 RunLoopQueue::~RunLoopQueue() = default;
 
-const std::string& RunLoopQueue::label() const noexcept { return label_; }
+const std::string& RunLoopQueue::label() const noexcept {
+  return label_;
+}
 
-void RunLoopQueue::async(platform::Work work) noexcept { asyncAfter(std::chrono::nanoseconds(0), std::move(work)); }
+void RunLoopQueue::async(platform::Work work) noexcept {
+  asyncAfter(std::chrono::nanoseconds(0), std::move(work));
+}
 
 void RunLoopQueue::asyncAfter(std::chrono::nanoseconds delay, platform::Work work) noexcept {
-  if (!work) return;
+  if (!work)
+    return;
   try {
     const auto due = std::chrono::steady_clock::now() +
                      std::chrono::duration_cast<std::chrono::steady_clock::duration>(
@@ -35,12 +40,15 @@ void RunLoopQueue::asyncAfter(std::chrono::nanoseconds delay, platform::Work wor
       std::lock_guard lock(state_->mutex);
       state_->items.emplace(std::make_pair(due, state_->sequence++), std::move(work));
     }
-    if (wakeUp_) wakeUp_();
+    if (wakeUp_)
+      wakeUp_();
   } catch (...) {
   }
 }
 
-bool RunLoopQueue::isCurrent() const noexcept { return tDraining == this; }
+bool RunLoopQueue::isCurrent() const noexcept {
+  return tDraining == this;
+}
 
 std::size_t RunLoopQueue::drain() {
   std::size_t ran = 0;
@@ -50,7 +58,8 @@ std::size_t RunLoopQueue::drain() {
     platform::Work work;
     {
       std::lock_guard lock(state_->mutex);
-      if (state_->items.empty() || state_->items.begin()->first.first > std::chrono::steady_clock::now()) {
+      if (state_->items.empty() ||
+          state_->items.begin()->first.first > std::chrono::steady_clock::now()) {
         break;
       }
       work = std::move(state_->items.begin()->second);
@@ -68,7 +77,8 @@ std::size_t RunLoopQueue::drain() {
 
 std::optional<std::chrono::nanoseconds> RunLoopQueue::timeUntilNextItem() const {
   std::lock_guard lock(state_->mutex);
-  if (state_->items.empty()) return std::nullopt;
+  if (state_->items.empty())
+    return std::nullopt;
   const auto wait = state_->items.begin()->first.first - std::chrono::steady_clock::now();
   return std::max(std::chrono::nanoseconds(0),
                   std::chrono::duration_cast<std::chrono::nanoseconds>(wait));

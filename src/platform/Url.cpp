@@ -23,16 +23,20 @@ std::optional<std::string> part(CURLU* h, CURLUPart which) {
 }
 
 int hexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  if (c >= '0' && c <= '9')
+    return c - '0';
+  if (c >= 'a' && c <= 'f')
+    return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F')
+    return c - 'A' + 10;
   return -1;
 }
 
 // True when the text after "scheme:" has an authority that is followed by a path.
 bool hasExplicitPath(const std::string& text) {
   const std::size_t colon = text.find(':');
-  if (colon == std::string::npos) return false;
+  if (colon == std::string::npos)
+    return false;
   std::size_t rest = colon + 1;
   if (text.compare(rest, 2, "//") == 0) {
     const std::size_t end = text.find_first_of("/?#", rest + 2);

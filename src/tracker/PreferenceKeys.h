@@ -38,7 +38,8 @@ inline constexpr const char* kConversionData = "QuorvelConversiondataKey";
 
 namespace quorvel::keys {
 
-inline constexpr const char* kConversionDataCacheExpiration = "QuorvelConversionDataCacheExpiration";
+inline constexpr const char* kConversionDataCacheExpiration =
+    "QuorvelConversionDataCacheExpiration";
 inline constexpr const char* kGetConversionDataTiming = "QuorvelGetConversionDataTiming";
 
 }  // namespace quorvel::keys

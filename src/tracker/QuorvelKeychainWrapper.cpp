@@ -31,14 +31,16 @@ KeychainQuery QuorvelKeychainWrapper::prepareForKeychain(const std::string& key)
 
 bool QuorvelKeychainWrapper::setObject(const std::string& key, const Bytes& data) {
   const auto q = prepareForKeychain(key);
-  if (!q.service || !q.account) return false;
+  if (!q.service || !q.account)
+    return false;
   return store_->add(*q.service, *q.account, data) == SecureStatus::success;
 }
 
 std::optional<Bytes> QuorvelKeychainWrapper::getObject(const std::string& key) {
   const auto q = prepareForKeychain(key);
   Bytes out;
-  if (q.service && q.account && store_->copy(*q.service, *q.account, out) == SecureStatus::success) {
+  if (q.service && q.account &&
+      store_->copy(*q.service, *q.account, out) == SecureStatus::success) {
     return out;
   }
   // Items made under "<identifier>.<appId>" by older versions are looked up under the bare
@@ -58,13 +60,15 @@ std::optional<Bytes> QuorvelKeychainWrapper::getObject(const std::string& key) {
 
 bool QuorvelKeychainWrapper::update(const std::string& key, const Bytes& data) {
   const auto q = prepareForKeychain(key);
-  if (!q.service || !q.account) return false;
+  if (!q.service || !q.account)
+    return false;
   return store_->update(*q.service, *q.account, data) == SecureStatus::success;
 }
 
 bool QuorvelKeychainWrapper::remove(const std::string& key) {
   const auto q = prepareForKeychain(key);
-  if (!q.service || !q.account) return false;
+  if (!q.service || !q.account)
+    return false;
   return store_->remove(*q.service, *q.account) == SecureStatus::success;
 }
 

@@ -13,10 +13,10 @@ namespace quorvel {
 // The attributes of a generic-password query for one item key.
 struct KeychainQuery {
   std::string itemClass = "genp";
-  std::optional<std::string> service;    // kSecAttrService
-  std::optional<std::string> account;    // kSecAttrAccount (the key's bytes)
-  std::optional<std::string> generic;    // kSecAttrGeneric (the key's bytes)
-  std::optional<std::string> accessible; // kSecAttrAccessible
+  std::optional<std::string> service;     // kSecAttrService
+  std::optional<std::string> account;     // kSecAttrAccount (the key's bytes)
+  std::optional<std::string> generic;     // kSecAttrGeneric (the key's bytes)
+  std::optional<std::string> accessible;  // kSecAttrAccessible
 };
 
 class QuorvelKeychainWrapper {
@@ -24,8 +24,8 @@ class QuorvelKeychainWrapper {
   // The service name is the bare identifier: the app id argument is never used, because the
   // check that would use it reads the not yet set field. Items of existing installations
   // depend on that name, so it stays.
-  QuorvelKeychainWrapper(std::shared_ptr<platform::SecureStore> store, std::optional<std::string> identifier,
-                         std::optional<std::string> appId);
+  QuorvelKeychainWrapper(std::shared_ptr<platform::SecureStore> store,
+                         std::optional<std::string> identifier, std::optional<std::string> appId);
 
   const std::optional<std::string>& identifier() const noexcept { return identifier_; }
   const std::optional<std::string>& appId() const noexcept { return appId_; }

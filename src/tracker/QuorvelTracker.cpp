@@ -5,8 +5,8 @@
 
 #include "cache/QuorvelRequestCache.h"
 #include "device/QVSDKiAdClient.h"
-#include "net/QuorvelHTTPClient.h"
 #include "log/Log.h"
+#include "net/QuorvelHTTPClient.h"
 #include "util/NoDestructor.h"
 #include "util/QuorvelAES128Crypto.h"
 #include "util/QuorvelUtils.h"
@@ -16,13 +16,16 @@ namespace {
 
 constexpr const char* kSerialQueueLabel = "com.quorvel.serial";
 // Launch-option keys of the did-finish-launching notification's user info.
-constexpr const char* kLaunchOptionsSourceApplicationKey = "UIApplicationLaunchOptionsSourceApplicationKey";
+constexpr const char* kLaunchOptionsSourceApplicationKey =
+    "UIApplicationLaunchOptionsSourceApplicationKey";
 constexpr const char* kLaunchOptionsURLKey = "UIApplicationLaunchOptionsURLKey";
 
 std::optional<std::string> stringEntry(const Json& dictionary, const char* key) {
-  if (!dictionary.is_object()) return std::nullopt;
+  if (!dictionary.is_object())
+    return std::nullopt;
   const auto it = dictionary.find(key);
-  if (it == dictionary.end() || !it->is_string()) return std::nullopt;
+  if (it == dictionary.end() || !it->is_string())
+    return std::nullopt;
   return it->get<std::string>();
 }
 
@@ -37,9 +40,11 @@ QuorvelTracker::QuorvelTracker(std::shared_ptr<const Platform> platform,
                                std::shared_ptr<QuorvelRequestCache> cache)
     : platform_(std::move(platform)), self_(std::make_shared<std::atomic<QuorvelTracker*>>(this)) {
   if (!cache) {
-    cache = std::make_shared<QuorvelRequestCache>(platform_, [self = self_](const QuorvelRequestCacheData& r) {
-      if (QuorvelTracker* tracker = self->load()) tracker->sendRequestFromCache(r);
-    });
+    cache = std::make_shared<QuorvelRequestCache>(platform_,
+                                                  [self = self_](const QuorvelRequestCacheData& r) {
+                                                    if (QuorvelTracker* tracker = self->load())
+                                                      tracker->sendRequestFromCache(r);
+                                                  });
   }
   requestCache_ = std::move(cache);
   host_ = kQuorvelDefaultHost;
@@ -54,8 +59,8 @@ QuorvelTracker::QuorvelTracker(std::shared_ptr<const Platform> platform,
   iAdClient_ = std::make_shared<const QVSDKiAdClient>(platform_);
   mBackgroundQueue_ = platform_->dispatcher->makeSerialQueue(kSerialQueueLabel);
   // Written through the system log itself, so that it shows even with debugging off.
-  platform_->systemLog->write(
-      format("Quorvel SDK version %@ started build (%@)", kQuorvelSDKVersion, kQuorvelSDKBuildNumber));
+  platform_->systemLog->write(format("Quorvel SDK version %@ started build (%@)",
+                                     kQuorvelSDKVersion, kQuorvelSDKBuildNumber));
   if (platform_->device->isMultitaskingSupported()) {
     subscribeToLifecycleNotifications();
   }
@@ -85,7 +90,9 @@ void QuorvelTracker::subscribeToLifecycleNotifications() {
 
 // --- Configuration ------------------------------------------------------------------------
 
-std::optional<std::string> QuorvelTracker::quorvelDevKey() const { return read(quorvelDevKey_); }
+std::optional<std::string> QuorvelTracker::quorvelDevKey() const {
+  return read(quorvelDevKey_);
+}
 
 void QuorvelTracker::setQuorvelDevKey(std::optional<std::string> key) {
   write(quorvelDevKey_, key);
@@ -94,12 +101,20 @@ void QuorvelTracker::setQuorvelDevKey(std::optional<std::string> key) {
   write(crypto_, std::move(cipher));
 }
 
-std::shared_ptr<const QuorvelAES128Crypto> QuorvelTracker::crypto() const { return read(crypto_); }
+std::shared_ptr<const QuorvelAES128Crypto> QuorvelTracker::crypto() const {
+  return read(crypto_);
+}
 
-std::optional<std::string> QuorvelTracker::appleAppID() const { return read(appleAppID_); }
-void QuorvelTracker::setAppleAppID(std::optional<std::string> appID) { write(appleAppID_, std::move(appID)); }
+std::optional<std::string> QuorvelTracker::appleAppID() const {
+  return read(appleAppID_);
+}
+void QuorvelTracker::setAppleAppID(std::optional<std::string> appID) {
+  write(appleAppID_, std::move(appID));
+}
 
-std::optional<std::string> QuorvelTracker::customerUserID() const { return read(customerUserID_); }
+std::optional<std::string> QuorvelTracker::customerUserID() const {
+  return read(customerUserID_);
+}
 
 void QuorvelTracker::setCustomerUserID(std::optional<std::string> customerUserID) {
   qvLog(kLogDebug, "-[QuorvelTracker setCustomerUserID:]", "SetCustomerId = %@", customerUserID);
@@ -113,7 +128,8 @@ std::optional<Json> QuorvelTracker::customData() const {
 
 void QuorvelTracker::setAdditionalData(std::optional<Json> customData) {
   std::lock_guard lock(monitor_);
-  if (!customData || customData->is_null()) return;
+  if (!customData || customData->is_null())
+    return;
   qvLog(kLogDebug, "-[QuorvelTracker setAdditionalData:]", "setCustomData = %@", *customData);
   customData_ = std::move(customData);
 }
@@ -124,16 +140,24 @@ void QuorvelTracker::setUserEmails(const std::vector<std::string>& emails, int c
 
 void QuorvelTracker::setUserEmails(const Json& emails, int cryptType) {
   std::vector<Json> list;
-  if (emails.is_array()) list.assign(emails.begin(), emails.end());
+  if (emails.is_array())
+    list.assign(emails.begin(), emails.end());
   std::lock_guard lock(monitor_);
-  userEmails_ = emails.is_array() ? std::optional<std::vector<Json>>(std::move(list)) : std::nullopt;
+  userEmails_ =
+      emails.is_array() ? std::optional<std::vector<Json>>(std::move(list)) : std::nullopt;
   emailCryptType_ = cryptType;
 }
 
-std::optional<std::string> QuorvelTracker::currencyCode() const { return read(currencyCode_); }
-void QuorvelTracker::setCurrencyCode(std::optional<std::string> code) { write(currencyCode_, std::move(code)); }
+std::optional<std::string> QuorvelTracker::currencyCode() const {
+  return read(currencyCode_);
+}
+void QuorvelTracker::setCurrencyCode(std::optional<std::string> code) {
+  write(currencyCode_, std::move(code));
+}
 
-bool QuorvelTracker::isDebug() const { return isDebug_; }
+bool QuorvelTracker::isDebug() const {
+  return isDebug_;
+}
 
 void QuorvelTracker::setIsDebug(bool isDebug) {
   isDebug_ = isDebug;
@@ -145,9 +169,13 @@ void QuorvelTracker::setIsDebug(bool isDebug) {
   }
 }
 
-void QuorvelTracker::setIsTrace(bool isTrace) { QVSetShowDebugLogsTrace(isTrace); }
+void QuorvelTracker::setIsTrace(bool isTrace) {
+  QVSetShowDebugLogsTrace(isTrace);
+}
 
-bool QuorvelTracker::shouldCollectDeviceName() const { return shouldCollectDeviceName_; }
+bool QuorvelTracker::shouldCollectDeviceName() const {
+  return shouldCollectDeviceName_;
+}
 
 void QuorvelTracker::setShouldCollectDeviceName(bool flag) {
   qvLog(kLogDebug, "-[QuorvelTracker setShouldCollectDeviceName:]",
@@ -155,14 +183,28 @@ void QuorvelTracker::setShouldCollectDeviceName(bool flag) {
   shouldCollectDeviceName_ = flag;
 }
 
-bool QuorvelTracker::disableAppleAdSupportTracking() const { return disableAppleAdSupportTracking_; }
-void QuorvelTracker::setDisableAppleAdSupportTracking(bool flag) { disableAppleAdSupportTracking_ = flag; }
-bool QuorvelTracker::deviceTrackingDisabled() const { return deviceTrackingDisabled_; }
-void QuorvelTracker::setDeviceTrackingDisabled(bool flag) { deviceTrackingDisabled_ = flag; }
-bool QuorvelTracker::disableIAdTracking() const { return disableIAdTracking_; }
-void QuorvelTracker::setDisableIAdTracking(bool flag) { disableIAdTracking_ = flag; }
+bool QuorvelTracker::disableAppleAdSupportTracking() const {
+  return disableAppleAdSupportTracking_;
+}
+void QuorvelTracker::setDisableAppleAdSupportTracking(bool flag) {
+  disableAppleAdSupportTracking_ = flag;
+}
+bool QuorvelTracker::deviceTrackingDisabled() const {
+  return deviceTrackingDisabled_;
+}
+void QuorvelTracker::setDeviceTrackingDisabled(bool flag) {
+  deviceTrackingDisabled_ = flag;
+}
+bool QuorvelTracker::disableIAdTracking() const {
+  return disableIAdTracking_;
+}
+void QuorvelTracker::setDisableIAdTracking(bool flag) {
+  disableIAdTracking_ = flag;
+}
 
-bool QuorvelTracker::useReceiptValidationSandbox() const { return useReceiptValidationSandbox_; }
+bool QuorvelTracker::useReceiptValidationSandbox() const {
+  return useReceiptValidationSandbox_;
+}
 
 void QuorvelTracker::setUseReceiptValidationSandbox(bool flag) {
   useReceiptValidationSandbox_ = flag;
@@ -172,25 +214,41 @@ void QuorvelTracker::setUseReceiptValidationSandbox(bool flag) {
         "used in development enviornment!!!! * * *");
 }
 
-bool QuorvelTracker::useUninstallSandbox() const { return useUninstallSandbox_; }
-void QuorvelTracker::setUseUninstallSandbox(bool flag) { useUninstallSandbox_ = flag; }
+bool QuorvelTracker::useUninstallSandbox() const {
+  return useUninstallSandbox_;
+}
+void QuorvelTracker::setUseUninstallSandbox(bool flag) {
+  useUninstallSandbox_ = flag;
+}
 
-std::optional<std::string> QuorvelTracker::appInviteHoplineID() const { return read(appInviteHoplineID_); }
+std::optional<std::string> QuorvelTracker::appInviteHoplineID() const {
+  return read(appInviteHoplineID_);
+}
 void QuorvelTracker::setAppInviteHopline(std::optional<std::string> hoplineID) {
   write(appInviteHoplineID_, std::move(hoplineID));
 }
 
-std::string QuorvelTracker::advertiserId() const { return read(advertiserId_); }
-void QuorvelTracker::setAdvertiserId(std::string advertiserId) { write(advertiserId_, std::move(advertiserId)); }
+std::string QuorvelTracker::advertiserId() const {
+  return read(advertiserId_);
+}
+void QuorvelTracker::setAdvertiserId(std::string advertiserId) {
+  write(advertiserId_, std::move(advertiserId));
+}
 
-std::string QuorvelTracker::host() const { return read(host_); }
+std::string QuorvelTracker::host() const {
+  return read(host_);
+}
 
 void QuorvelTracker::setHost(std::optional<std::string> host) {
   write(host_, host ? std::string(*host) : std::string(kQuorvelDefaultHost));
 }
 
-std::uint64_t QuorvelTracker::minTimeBetweenSessions() const { return minTimeBetweenSessions_; }
-void QuorvelTracker::setMinTimeBetweenSessions(std::uint64_t seconds) { minTimeBetweenSessions_ = seconds; }
+std::uint64_t QuorvelTracker::minTimeBetweenSessions() const {
+  return minTimeBetweenSessions_;
+}
+void QuorvelTracker::setMinTimeBetweenSessions(std::uint64_t seconds) {
+  minTimeBetweenSessions_ = seconds;
+}
 
 std::optional<std::chrono::system_clock::time_point> QuorvelTracker::lastLaunchTime() const {
   return read(lastLaunchTime_);
@@ -205,8 +263,12 @@ void QuorvelTracker::setDelegate(std::weak_ptr<QuorvelTrackerDelegate> delegate)
   write(delegate_, std::move(delegate));
 }
 
-std::optional<std::string> QuorvelTracker::deeplink() const { return read(deeplink_); }
-std::optional<std::string> QuorvelTracker::sourceApplication() const { return read(sourceApplication_); }
+std::optional<std::string> QuorvelTracker::deeplink() const {
+  return read(deeplink_);
+}
+std::optional<std::string> QuorvelTracker::sourceApplication() const {
+  return read(sourceApplication_);
+}
 
 // --- Information ----------------------------------------------------------------------------
 
@@ -219,7 +281,9 @@ Json QuorvelTracker::getValueFromBundle(const std::string& key) const {
   return value ? *value : Json("");
 }
 
-std::string QuorvelTracker::platfromDevName() const { return read(platfromDevName_); }
+std::string QuorvelTracker::platfromDevName() const {
+  return read(platfromDevName_);
+}
 
 // --- Lifecycle ------------------------------------------------------------------------------
 
@@ -234,7 +298,8 @@ void QuorvelTracker::removeNotificationObserver(const platform::Notification& /*
 
 void QuorvelTracker::handleDidFinishLaunch(const platform::Notification& notification) {
   static constexpr const char* kMethod = "-[QuorvelTracker handleDidFinishLaunch:]";
-  if (notification.userInfo.is_null()) return;
+  if (notification.userInfo.is_null())
+    return;
   auto source = stringEntry(notification.userInfo, kLaunchOptionsSourceApplicationKey);
   write(sourceApplication_, source);
   if (source) {
@@ -253,8 +318,9 @@ void QuorvelTracker::sendRequestFromCache(const QuorvelRequestCacheData& request
 
 void QuorvelTracker::remoteDebuggingCallWithData(const std::string& data) {
   try {
-    const std::string url = format("https://monitorsdk.%@/remote-debug?app_id=%@&device_tracking_disabled=%@", host(),
-                                   appleAppID(), deviceTrackingDisabled() ? "true" : "false");
+    const std::string url =
+        format("https://monitorsdk.%@/remote-debug?app_id=%@&device_tracking_disabled=%@", host(),
+               appleAppID(), deviceTrackingDisabled() ? "true" : "false");
     httpClient_->sendRequestWithConfiguration(url, data);
   } catch (const std::exception& e) {
     qvLog(kLogError, "-[QuorvelTracker remoteDebuggingCallWithData:]",
@@ -263,12 +329,13 @@ void QuorvelTracker::remoteDebuggingCallWithData(const std::string& data) {
 }
 
 void QuorvelTracker::onConversionDataReceived(const Json& installData) {
-  qvLog(kLogDebug, "-[QuorvelTracker onConversionDataReceived:]", "Caching attribution. %@", installData);
+  qvLog(kLogDebug, "-[QuorvelTracker onConversionDataReceived:]", "Caching attribution. %@",
+        installData);
 }
 
 void QuorvelTracker::onConversionDataRequestFailure(const Error& error) {
-  qvLog(kLogWarning, "-[QuorvelTracker onConversionDataRequestFailure:]", "did not load install data: %@",
-        error);
+  qvLog(kLogWarning, "-[QuorvelTracker onConversionDataRequestFailure:]",
+        "did not load install data: %@", error);
 }
 
 }  // namespace quorvel

@@ -22,14 +22,16 @@ bool listensForFailures(const std::shared_ptr<QuorvelTrackerDelegate>& d) {
 
 }  // namespace
 
-void QuorvelTracker::loadConversionDataWithDelegate(std::weak_ptr<QuorvelTrackerDelegate> delegate) {
+void QuorvelTracker::loadConversionDataWithDelegate(
+    std::weak_ptr<QuorvelTrackerDelegate> delegate) {
   setDelegate(std::move(delegate));
   getConversionData();
 }
 
 void QuorvelTracker::getConversionData() {
   const auto d = delegate();
-  if (!d || !d->onConversionDataReceived) return;
+  if (!d || !d->onConversionDataReceived)
+    return;
   const Platform& p = *platform_;
   auto& prefs = *p.preferences;
   auto cached = prefs.objectForKey(keys::kConversionData);
@@ -43,7 +45,8 @@ void QuorvelTracker::getConversionData() {
   if (cached) {
     std::weak_ptr<QuorvelTrackerDelegate> weak = d;
     p.dispatcher->mainQueue()->asyncAfter(std::chrono::milliseconds(1), [weak, data = *cached] {
-      qvLog(kLogDebug, "-[QuorvelTracker getConversionData]_block_invoke", "conversion data description:\n %@", data);
+      qvLog(kLogDebug, "-[QuorvelTracker getConversionData]_block_invoke",
+            "conversion data description:\n %@", data);
       if (const auto current = weak.lock(); current && current->onConversionDataReceived) {
         current->onConversionDataReceived(data);
       }
@@ -52,9 +55,11 @@ void QuorvelTracker::getConversionData() {
   }
   try {
     const auto start = p.clock->now();
-    if (prefs.integerForKey(keys::kConversionDataRequestRetries) >= kNumberOfConversionDataRequestsTreshhold) return;
-    const std::string url = format("https://sdk.%@/install_data/v3/id%@?devkey=%@&device_id=%@", host(), appleAppID(),
-                                   quorvelDevKey(), getQuorvelUID());
+    if (prefs.integerForKey(keys::kConversionDataRequestRetries) >=
+        kNumberOfConversionDataRequestsTreshhold)
+      return;
+    const std::string url = format("https://sdk.%@/install_data/v3/id%@?devkey=%@&device_id=%@",
+                                   host(), appleAppID(), quorvelDevKey(), getQuorvelUID());
     qvLog(kLogDebug, kGet, "calling URL (conversion data): %@", url);
     platform::URLRequest request;
     request.url = url;
@@ -74,9 +79,9 @@ void QuorvelTracker::getConversionData() {
   }
 }
 
-void QuorvelTracker::handleConversionDataAnswer(const std::optional<Bytes>& body,
-                                                const std::optional<platform::URLResponse>& response,
-                                                const std::optional<Error>& error, platform::TimePoint start) {
+void QuorvelTracker::handleConversionDataAnswer(
+    const std::optional<Bytes>& body, const std::optional<platform::URLResponse>& response,
+    const std::optional<Error>& error, platform::TimePoint start) {
   const Platform& p = *platform_;
   auto& prefs = *p.preferences;
   const auto d = delegate();
@@ -91,22 +96,26 @@ void QuorvelTracker::handleConversionDataAnswer(const std::optional<Bytes>& body
     }
     return;
   }
-  if (!d || !d->onConversionDataReceived || !response) return;
+  if (!d || !d->onConversionDataReceived || !response)
+    return;
   qvLog(kLogDebug, kAnswer, "Conversion data response code: %ld", response->statusCode);
   const long status = response->statusCode;
   if (status != 200) {
     // Counted only for delegates that listen for failures; 5xx answers are never counted.
     if (listensForFailures(d)) {
       if (status >= 400 && status <= 499) {
-        prefs.setInteger(keys::kConversionDataRequestRetries, prefs.integerForKey(keys::kConversionDataRequestRetries) + 1);
+        prefs.setInteger(keys::kConversionDataRequestRetries,
+                         prefs.integerForKey(keys::kConversionDataRequestRetries) + 1);
         prefs.synchronize();
       }
       d->onConversionDataRequestFailure(
-          Error{kErrorDomain, status, "Quorvel error response from server. Check your Quorvel key and Apple app ID."});
+          Error{kErrorDomain, status,
+                "Quorvel error response from server. Check your Quorvel key and Apple app ID."});
     }
     return;
   }
-  prefs.setDouble(keys::kGetConversionDataTiming, std::chrono::duration<double>(p.clock->now() - start).count());
+  prefs.setDouble(keys::kGetConversionDataTiming,
+                  std::chrono::duration<double>(p.clock->now() - start).count());
   prefs.removeObjectForKey(keys::kConversionDataRequestRetries);
   prefs.synchronize();
 
@@ -114,15 +123,19 @@ void QuorvelTracker::handleConversionDataAnswer(const std::optional<Bytes>& body
   Json parsed = Json::parse(text, nullptr, false);
   std::optional<Error> failure;
   if (parsed.is_discarded()) {
-    failure = Error{"NSCocoaErrorDomain", 3840, "The data couldn't be read because it isn't in the correct format."};
+    failure = Error{"NSCocoaErrorDomain", 3840,
+                    "The data couldn't be read because it isn't in the correct format."};
   } else if (!parsed.is_object()) {
     failure = Error{kErrorDomain, 0, "Quorvel bad JSON response."};
   } else {
     QuorvelUtils::recursivelyRemoveNulls(parsed);
     if (const auto it = parsed.find("iscache"); it != parsed.end()) {
-      const bool fresh = (it->is_boolean() && !it->get<bool>()) || (it->is_number() && it->get<double>() == 0);
+      const bool fresh =
+          (it->is_boolean() && !it->get<bool>()) || (it->is_number() && it->get<double>() == 0);
       parsed.erase("iscache");
-      if (fresh) prefs.setDouble(keys::kConversionDataCacheExpiration, platform::secondsSince1970(p.clock->now()));
+      if (fresh)
+        prefs.setDouble(keys::kConversionDataCacheExpiration,
+                        platform::secondsSince1970(p.clock->now()));
     }
     prefs.setObject(keys::kConversionData, parsed);
     prefs.synchronize();
@@ -133,8 +146,8 @@ void QuorvelTracker::handleConversionDataAnswer(const std::optional<Bytes>& body
   }
   if (listensForFailures(d)) {
     qvLog(kLogWarning, kAnswer, "%lu", text.size());
-    d->onConversionDataRequestFailure(text.empty() ? Error{kErrorDomain, 1, "Quorvel Empty response from server."}
-                                                   : *failure);
+    d->onConversionDataRequestFailure(
+        text.empty() ? Error{kErrorDomain, 1, "Quorvel Empty response from server."} : *failure);
   }
 }
 

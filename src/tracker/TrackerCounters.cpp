@@ -56,7 +56,8 @@ int QuorvelTracker::getInAppCounter(bool increase) {
 
 int QuorvelTracker::getRealLaunchCounter() {
   auto& prefs = *platform_->preferences;
-  if (!prefs.objectForKey(keys::kRealLaunchCounter)) return 1;
+  if (!prefs.objectForKey(keys::kRealLaunchCounter))
+    return 1;
   const int stored = clampToInt(prefs.integerForKey(keys::kRealLaunchCounter));
   qvLog(kLogDebug, "-[QuorvelTracker getRealLaunchCounter]",
         "getRealLaunchCounter real lanunch number %d", stored);
@@ -97,10 +98,12 @@ std::string QuorvelTracker::getFirstLanuchDate(const QVDateFormatter& formatter)
 
 std::optional<std::string> QuorvelTracker::getInstallDate(const QVDateFormatter& formatter) {
   auto& prefs = *platform_->preferences;
-  if (auto stored = prefs.stringForKey(keys::kInstallDate)) return stored;
+  if (auto stored = prefs.stringForKey(keys::kInstallDate))
+    return stored;
   qvLog(kLogDebug, "-[QuorvelTracker getInstallDate:]", "first installDate detected");
   const auto created = installDate();
-  if (!created) return std::nullopt;  // unreadable: nothing usable to store
+  if (!created)
+    return std::nullopt;  // unreadable: nothing usable to store
   std::string text = formatter.stringFromDate(*created);
   prefs.setString(keys::kInstallDate, text);
   return text;
@@ -112,8 +115,10 @@ std::optional<std::chrono::system_clock::time_point> QuorvelTracker::installDate
 }
 
 std::optional<std::string> QuorvelTracker::getVersionUpdateDate(
-    const std::optional<std::string>& version, const std::optional<std::string>& currentUpdateDate) {
-  static constexpr const char* kMethod = "-[QuorvelTracker getVersionUpdateDate:currentUpdateDate:]";
+    const std::optional<std::string>& version,
+    const std::optional<std::string>& currentUpdateDate) {
+  static constexpr const char* kMethod =
+      "-[QuorvelTracker getVersionUpdateDate:currentUpdateDate:]";
   auto& prefs = *platform_->preferences;
   const auto saved = prefs.stringForKey(keys::kLastVersion);
   qvLog(kLogDebug, kMethod, "saved version: %@", saved);
@@ -145,7 +150,8 @@ double QuorvelTracker::getTimePassedSinceLastLaunch() {
 bool QuorvelTracker::isWifiAvailable() const {
   qvLog(kLogDebug, "-[QuorvelTracker isWifiAvailable]", "check network");
   const auto list = platform_->networkInterfaces->addresses();
-  if (!list || list->empty()) return false;
+  if (!list || list->empty())
+    return false;
   for (const auto& a : *list) {
     if (a.family == platform::InterfaceAddress::Family::ipv4 && !a.isLoopback && a.name == "en0") {
       return true;

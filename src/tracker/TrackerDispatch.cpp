@@ -15,7 +15,8 @@
 
 namespace quorvel {
 namespace {
-constexpr const char* kMethod = "-[QuorvelTracker callServerWithEventName:value:withDictionary:isEvent:isIAd:]";
+constexpr const char* kMethod =
+    "-[QuorvelTracker callServerWithEventName:value:withDictionary:isEvent:isIAd:]";
 constexpr const char* kLaunchEventName = "Launched";
 }  // namespace
 
@@ -23,18 +24,22 @@ void QuorvelTracker::callServerWithEventName(const std::string& name) {
   callServerWithEventName(name, std::nullopt, false, false);
 }
 
-void QuorvelTracker::callServerWithEventName(const std::string& name, const std::optional<std::string>& value,
+void QuorvelTracker::callServerWithEventName(const std::string& name,
+                                             const std::optional<std::string>& value,
                                              bool isInAppEvent, bool isIAd) {
   callServerWithEventName(name, value, std::nullopt, isInAppEvent, isIAd);
 }
 
-void QuorvelTracker::callServerWithEventName(const std::string& name, const std::optional<std::string>& value,
-                                             const std::optional<Json>& /*dictionary*/, bool isEvent, bool isIAd) {
+void QuorvelTracker::callServerWithEventName(const std::string& name,
+                                             const std::optional<std::string>& value,
+                                             const std::optional<Json>& /*dictionary*/,
+                                             bool isEvent, bool isIAd) {
   const Platform& p = *platform_;
   auto& prefs = *p.preferences;
   qvLog(kLogDebug, kMethod, "(%@): entered callServerWithEventName. ", kQuorvelSDKVersion);
   const auto devKey = quorvelDevKey();
-  qvLog(kLogDebug, kMethod, "dev key: %@", devKey && !devKey->empty() ? *devKey : std::string("missing!!!"));
+  qvLog(kLogDebug, kMethod, "dev key: %@",
+        devKey && !devKey->empty() ? *devKey : std::string("missing!!!"));
   if (!devKey) {
     qvLog(kLogError, kMethod, "Quorvel dev key is missing");
     return;
@@ -42,46 +47,56 @@ void QuorvelTracker::callServerWithEventName(const std::string& name, const std:
   validateAppID();
 
   const auto installTimestamp = prefs.objectForKey(keys::kInstallTimestamp);
-  qvLog(kLogDebug, kMethod, "First time = %d %@ %@", installTimestamp ? 0 : 1, installTimestamp, keys::kInstallTimestamp);
+  qvLog(kLogDebug, kMethod, "First time = %d %@ %@", installTimestamp ? 0 : 1, installTimestamp,
+        keys::kInstallTimestamp);
   const bool isLaunch = name == kLaunchEventName;
-  if (isLaunch) write(lastLaunchTime_, p.clock->now());
+  if (isLaunch)
+    write(lastLaunchTime_, p.clock->now());
   std::optional<Json> receipt;
   if (isLaunch && !installTimestamp) {
     qvLog(kLogDebug, kMethod, "Get install receipt");
     receipt = QuorvelUtils::getStoreReceipt(p);
   }
   if (!installTimestamp) {
-    prefs.setString(keys::kInstallTimestamp, format("%f", platform::secondsSince1970(p.clock->now())));
+    prefs.setString(keys::kInstallTimestamp,
+                    format("%f", platform::secondsSince1970(p.clock->now())));
   }
 
   QuorvelDictionary parameters = getEventParameters(isLaunch);
   parameters.setParameter(Json(name), "event");
   parameters.setParameter(Json(value.value_or(std::string())), "eventvalue");
   if (receipt) {
-    qvLog(kLogDebug, kMethod, "install Receipt: %@", QuorvelUtils::getJsonStringFromDictionary(*receipt));
+    qvLog(kLogDebug, kMethod, "install Receipt: %@",
+          QuorvelUtils::getJsonStringFromDictionary(*receipt));
     const auto data = receipt->find("data");
     if (data != receipt->end() && !data->is_string()) {
       qvLog(kLogDebug, kMethod, "Found install Receipt Data");
-      parameters.setParameter(QuorvelUtils::getJsonStringFromDictionary(*receipt), "installReceiptData");
+      parameters.setParameter(QuorvelUtils::getJsonStringFromDictionary(*receipt),
+                              "installReceiptData");
     }
   } else {
     qvLog(kLogDebug, kMethod, "Install Receipt Data has no data");
   }
 
   const char* prefix = isEvent ? "events" : (isIAd ? "attr" : "t");
-  const std::string url = format("https://%@.%@/api/v%@/ios%@?app_id=%@&buildnumber=%@", prefix, host(),
-                                 kQuorvelAPIVersion, "event", appleAppID(), kQuorvelSDKVersion);
+  const std::string url =
+      format("https://%@.%@/api/v%@/ios%@?app_id=%@&buildnumber=%@", prefix, host(),
+             kQuorvelAPIVersion, "event", appleAppID(), kQuorvelSDKVersion);
   const Bytes body = encryptData(parameters);
-  QuorvelUtils::logRequestContent(isLaunch ? kRequestLaunch : kRequestEvent, url,
-                                  QuorvelUtils::getJsonStringFromDictionary(parameters.dict()).value_or(std::string()));
+  QuorvelUtils::logRequestContent(
+      isLaunch ? kRequestLaunch : kRequestEvent, url,
+      QuorvelUtils::getJsonStringFromDictionary(parameters.dict()).value_or(std::string()));
   const QuorvelRequestCacheData record(url, body, kQuorvelSDKVersion);
   auto self = self_;
   httpClient_->sendRequestEventToServer(record, false, appleAppID(), isDebug(), [self, isLaunch] {
     QuorvelTracker* tracker = self->load();
-    if (tracker == nullptr || !isLaunch) return;
+    if (tracker == nullptr || !isLaunch)
+      return;
     const auto d = tracker->delegate();
     if (d && d->onConversionDataReceived) {
-      qvLog(kLogDebug, "-[QuorvelTracker callServerWithEventName:value:withDictionary:isEvent:isIAd:]_block_invoke",
+      qvLog(kLogDebug,
+            "-[QuorvelTracker "
+            "callServerWithEventName:value:withDictionary:isEvent:isIAd:]_block_invoke",
             "Quorvel: loading attribution data");
       tracker->getConversionData();
     }
@@ -106,7 +121,8 @@ Bytes QuorvelTracker::encryptData(const QuorvelDictionary& parameters) const {
   const auto json = QuorvelUtils::getJsonDataFromDictionary(parameters.dict());
   const auto cipher = crypto();
   if (json && cipher) {
-    if (auto sealed = cipher->encrypt(*json)) return *sealed;
+    if (auto sealed = cipher->encrypt(*json))
+      return *sealed;
     return {};
   }
   qvLog(kLogWarning, "-[QuorvelTracker encryptData:]", "Cannot encrypt `nil`");

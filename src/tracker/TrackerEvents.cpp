@@ -27,26 +27,33 @@ std::string replaceCommas(const std::string& text) {
 
 }  // namespace
 
-void QuorvelTracker::trackEvent(const std::string& eventName, const std::optional<std::string>& value) {
+void QuorvelTracker::trackEvent(const std::string& eventName,
+                                const std::optional<std::string>& value) {
   if (looksLikeRevenue(value)) {
     qvLog(kLogDebug, "-[QuorvelTracker trackEvent:withValue:]",
-          "Quorvel: numeric value '%@' for event '%@' will be categorized as a revenue event.", *value, eventName);
+          "Quorvel: numeric value '%@' for event '%@' will be categorized as a revenue event.",
+          *value, eventName);
   }
   auto self = self_;
-  platform_->dispatcher->mainQueue()->asyncAfter(std::chrono::milliseconds(1), [self, eventName, value] {
-    if (QuorvelTracker* tracker = self->load()) tracker->callServerWithEventName(eventName, value, true, false);
-  });
+  platform_->dispatcher->mainQueue()->asyncAfter(
+      std::chrono::milliseconds(1), [self, eventName, value] {
+        if (QuorvelTracker* tracker = self->load())
+          tracker->callServerWithEventName(eventName, value, true, false);
+      });
 }
 
-void QuorvelTracker::trackEventWithValues(const std::string& eventName, const std::optional<Json>& values) {
+void QuorvelTracker::trackEventWithValues(const std::string& eventName,
+                                          const std::optional<Json>& values) {
   auto self = self_;
   mBackgroundQueue_->asyncAfter(std::chrono::milliseconds(100), [self, eventName, values] {
     QuorvelTracker* tracker = self->load();
-    if (tracker == nullptr) return;
+    if (tracker == nullptr)
+      return;
     std::string text = "null";
     if (values && !values->is_null()) {
-      const auto json = QuorvelUtils::isValidJSONObject(*values) ? QuorvelUtils::getJsonStringFromDictionary(*values)
-                                                                  : std::nullopt;
+      const auto json = QuorvelUtils::isValidJSONObject(*values)
+                            ? QuorvelUtils::getJsonStringFromDictionary(*values)
+                            : std::nullopt;
       if (!json) {
         // Values that cannot be written are lost; the event still goes, without a value.
         tracker->callServerWithEventName(eventName, std::nullopt, std::nullopt, true, false);
@@ -54,12 +61,14 @@ void QuorvelTracker::trackEventWithValues(const std::string& eventName, const st
       }
       text = *json;
     }
-    tracker->callServerWithEventName(eventName, replaceCommas(legacyPercentEscape(text)), std::nullopt, true, false);
+    tracker->callServerWithEventName(eventName, replaceCommas(legacyPercentEscape(text)),
+                                     std::nullopt, true, false);
   });
 }
 
 void QuorvelTracker::trackLocation(double longitude, double latitude) {
-  trackEventWithValues("qv_location_coordinates", Json{{"qv_long", longitude}, {"qv_lat", latitude}});
+  trackEventWithValues("qv_location_coordinates",
+                       Json{{"qv_long", longitude}, {"qv_lat", latitude}});
 }
 
 }  // namespace quorvel

@@ -14,7 +14,8 @@ std::string QuorvelTracker::generateQuorvelId() const {
   const auto installed = installDate();
   const double installSeconds = installed ? platform::secondsSince1970(*installed) : 0.0;
   const long offset = platform_->clock->secondsFromGMT(platform_->clock->now());
-  const std::string timePart = format("%0.0f", (installSeconds + static_cast<double>(offset)) * 1000.0);
+  const std::string timePart =
+      format("%0.0f", (installSeconds + static_cast<double>(offset)) * 1000.0);
   const auto number = static_cast<int>(platform_->random->uniform(9'999'999)) + 1;
   std::string id = format("%@-%i", timePart, number);
   std::erase(id, '.');
@@ -23,7 +24,8 @@ std::string QuorvelTracker::generateQuorvelId() const {
 
 std::string QuorvelTracker::getQuorvelUID() {
   auto& prefs = *platform_->preferences;
-  if (auto stored = prefs.stringForKey(keys::kUserId); stored && !stored->empty()) return *stored;
+  if (auto stored = prefs.stringForKey(keys::kUserId); stored && !stored->empty())
+    return *stored;
   std::string uid = generateQuorvelId();
   prefs.setString(keys::kUserId, uid);
   prefs.synchronize();
@@ -35,14 +37,15 @@ std::shared_ptr<QuorvelKeychainWrapper> QuorvelTracker::keychain() {
   const auto appId = appleAppID();
   std::lock_guard lock(fieldsMutex_);
   if (!keychain_) {
-    keychain_ = std::make_shared<QuorvelKeychainWrapper>(platform_->secureStore,
-                                                         std::string(keys::kKeychainService), appId);
+    keychain_ = std::make_shared<QuorvelKeychainWrapper>(
+        platform_->secureStore, std::string(keys::kKeychainService), appId);
   }
   return keychain_;
 }
 
 void QuorvelTracker::setOriginalQuorvelIdToKeychainIfNeeded(const std::string& uid) {
-  if (getKeychainData()) return;
+  if (getKeychainData())
+    return;
   auto wrapper = keychain();
   mBackgroundQueue_->async([wrapper, uid] {
     // The result is ignored: a failed write leaves the item for a later attempt.
@@ -51,16 +54,19 @@ void QuorvelTracker::setOriginalQuorvelIdToKeychainIfNeeded(const std::string& u
 }
 
 std::string QuorvelTracker::getOriginalQuorvelId() {
-  if (auto original = platform_->preferences->stringForKey(keys::kOriginalUserId)) return *original;
+  if (auto original = platform_->preferences->stringForKey(keys::kOriginalUserId))
+    return *original;
   return getQuorvelUID();
 }
 
 bool QuorvelTracker::getKeychainData() {
   auto wrapper = keychain();
   const auto idBytes = wrapper->getObject(keys::kKeychainIdItem);
-  if (!idBytes) return false;
+  if (!idBytes)
+    return false;
   const std::string original(idBytes->begin(), idBytes->end());
-  if (!isValidUtf8(original)) return false;
+  if (!isValidUtf8(original))
+    return false;
   auto& prefs = *platform_->preferences;
   prefs.setString(keys::kOriginalUserId, original);
 

@@ -18,7 +18,8 @@ void QuorvelTracker::trackAppLaunch() {
   static constexpr const char* kMethod = "-[QuorvelTracker trackAppLaunch]";
   qvLog(kLogInfo, kMethod, "Launch");
   auto& proxy = QuorvelProxyManager::sharedManager();
-  if (proxy.proxyEnabledFromServer()) proxy.sendRemoteDebuggingData(*this);
+  if (proxy.proxyEnabledFromServer())
+    proxy.sendRemoteDebuggingData(*this);
   iAdClient_->printLinkDependances();
 
   auto& prefs = *platform_->preferences;
@@ -30,12 +31,14 @@ void QuorvelTracker::trackAppLaunch() {
     iAdClient_->requestAttributionDetails([self](const Json& details) {
       static constexpr const char* kBlock = "-[QuorvelTracker trackAppLaunch]_block_invoke";
       QuorvelTracker* tracker = self->load();
-      if (tracker == nullptr) return;
+      if (tracker == nullptr)
+        return;
       auto& store = *tracker->platform_->preferences;
       store.setObject(keys::kSearchAdsAttribution, details);
       store.synchronize();
       qvLog(kLogDebug, kBlock, "iAD. Attribution Details: %@", details);
-      qvTrace(kBlock, "iAD. permitAggregateiAdData: %@", tracker->permitAggregateiAdData() ? "YES" : "NO");
+      qvTrace(kBlock, "iAD. permitAggregateiAdData: %@",
+              tracker->permitAggregateiAdData() ? "YES" : "NO");
       if (tracker->permitAggregateiAdData()) {
         tracker->callServerWithEventName(kLaunchEventName, std::nullopt, false, true);
         tracker->setPermitAggregateiAdData(false);
@@ -45,7 +48,8 @@ void QuorvelTracker::trackAppLaunch() {
   // Nothing of the launch is built on the caller's thread.
   auto self = self_;
   mBackgroundQueue_->asyncAfter(kLaunchDelay, [self] {
-    if (QuorvelTracker* tracker = self->load()) tracker->sendLaunchToServer();
+    if (QuorvelTracker* tracker = self->load())
+      tracker->sendLaunchToServer();
   });
 }
 
@@ -66,7 +70,8 @@ void QuorvelTracker::sendLaunchToServer() {
 }
 
 void QuorvelTracker::handleEnteredBackground() {
-  if (compareNumeric(platform_->device->systemVersion(), "7") < 0) return;
+  if (compareNumeric(platform_->device->systemVersion(), "7") < 0)
+    return;
   incrementRealLaunchCounter();
   backgroundstatCall();
   auto& proxy = QuorvelProxyManager::sharedManager();
@@ -79,7 +84,8 @@ void QuorvelTracker::handleEnteredBackground() {
 void QuorvelTracker::backgroundstatCall() {
   static constexpr const char* kMethod = "-[QuorvelTracker backgroundstatCall]";
   const auto last = lastLaunchTime();
-  const double elapsed = last ? std::chrono::duration<double>(platform_->clock->now() - *last).count() : 0.0;
+  const double elapsed =
+      last ? std::chrono::duration<double>(platform_->clock->now() - *last).count() : 0.0;
   auto& prefs = *platform_->preferences;
   const double timing = prefs.doubleForKey(keys::kGetConversionDataTiming);
   const auto storedOriginal = prefs.stringForKey(keys::kOriginalUserId);
@@ -89,8 +95,12 @@ void QuorvelTracker::backgroundstatCall() {
     // A missing app id or developer key abandons the request, as inserting nil would.
     const auto appID = appleAppID();
     const auto devKey = quorvelDevKey();
-    if (!appID) throw std::invalid_argument("*** -[__NSDictionaryM setObject:forKey:]: object cannot be nil (key: app_id)");
-    if (!devKey) throw std::invalid_argument("*** -[__NSDictionaryM setObject:forKey:]: object cannot be nil (key: devkey)");
+    if (!appID)
+      throw std::invalid_argument(
+          "*** -[__NSDictionaryM setObject:forKey:]: object cannot be nil (key: app_id)");
+    if (!devKey)
+      throw std::invalid_argument(
+          "*** -[__NSDictionaryM setObject:forKey:]: object cannot be nil (key: devkey)");
     Json body = Json::object();
     body["app_id"] = *appID;
     body["devkey"] = *devKey;
@@ -102,8 +112,10 @@ void QuorvelTracker::backgroundstatCall() {
     body["gcd_conversion_data_timing"] = timing;
     body["advertiserId"] = advertiserId();
     body["originalQuorvelId"] = original;
-    if (deviceTrackingDisabled()) body["deviceTrackingDisabled"] = "true";
-    const std::string text = QuorvelUtils::getJsonStringFromDictionary(body).value_or(std::string());
+    if (deviceTrackingDisabled())
+      body["deviceTrackingDisabled"] = "true";
+    const std::string text =
+        QuorvelUtils::getJsonStringFromDictionary(body).value_or(std::string());
     const std::string url = format("https://stats.%@/stats?app_id=%@", host(), *appID);
     qvLog(kLogDebug, kMethod, "calling URL (move to background): %@", url);
     QuorvelUtils::logRequestContent(kRequestStats, url, text);

@@ -21,23 +21,30 @@ constexpr const char* kMethod = "-[QuorvelTracker getEventParameters:]";
 // The advertising-identifier manager's class name, put together at run time so that no
 // literal of it is linked in.
 std::string advertisingManagerClassName() {
-  return format("%@%c%@%c%c%c%c%c%@%c%c%c%c%c%c%c%c%c%c", "A", 83, "I", 100, 101, 110, 116, 105, "f", 105, 101,
-                114, 77, 97, 110, 97, 103, 101, 114);
+  return format("%@%c%@%c%c%c%c%c%@%c%c%c%c%c%c%c%c%c%c", "A", 83, "I", 100, 101, 110, 116, 105,
+                "f", 105, 101, 114, 77, 97, 110, 97, 103, 101, 114);
 }
 
 std::optional<std::string> stringValue(const std::optional<Json>& v) {
-  if (!v || !v->is_string()) return std::nullopt;
+  if (!v || !v->is_string())
+    return std::nullopt;
   return v->get<std::string>();
 }
 
 }  // namespace
 
-void QuorvelTracker::setDeeplink(std::optional<std::string> url) { write(deeplink_, std::move(url)); }
+void QuorvelTracker::setDeeplink(std::optional<std::string> url) {
+  write(deeplink_, std::move(url));
+}
 void QuorvelTracker::setSourceApplication(std::optional<std::string> application) {
   write(sourceApplication_, std::move(application));
 }
-std::optional<Json> QuorvelTracker::pushPayload() const { return read(pushPayload_); }
-void QuorvelTracker::setPushPayload(std::optional<Json> payload) { write(pushPayload_, std::move(payload)); }
+std::optional<Json> QuorvelTracker::pushPayload() const {
+  return read(pushPayload_);
+}
+void QuorvelTracker::setPushPayload(std::optional<Json> payload) {
+  write(pushPayload_, std::move(payload));
+}
 
 QuorvelDictionary QuorvelTracker::getEventParameters(bool isLaunch) {
   const Platform& p = *platform_;
@@ -45,14 +52,16 @@ QuorvelDictionary QuorvelTracker::getEventParameters(bool isLaunch) {
 
   // 1. The install time, stamped once and kept out of the payload.
   if (!prefs.objectForKey(keys::kInstallTimestamp)) {
-    prefs.setString(keys::kInstallTimestamp, format("%f", platform::secondsSince1970(p.clock->now())));
+    prefs.setString(keys::kInstallTimestamp,
+                    format("%f", platform::secondsSince1970(p.clock->now())));
   }
 
   // 2. Keys 1 to 15.
   QuorvelDictionary d;
   d.setParameter(Json(getQuorvelUID()), "uid");
   d.setParameter(Json(kQuorvelAPIVersion), "serverApiVersion");
-  if (shouldCollectDeviceName()) d.setParameter(Json(p.device->name()), "name");
+  if (shouldCollectDeviceName())
+    d.setParameter(Json(p.device->name()), "name");
   d.setParameter(Json(p.device->systemName()), "systemname");
   d.setParameter(Json(p.device->systemVersion()), "systemversion");
   d.setParameter(Json(p.device->model()), "model");
@@ -76,18 +85,22 @@ QuorvelDictionary QuorvelTracker::getEventParameters(bool isLaunch) {
   }
 
   // 4-6.
-  if (deviceTrackingDisabled()) d.setParameter(Json("true"), "deviceTrackingDisabled");
-  qvTrace(kMethod, "disableAppleAdSupportTracking: %@", disableAppleAdSupportTracking() ? "true" : "false");
+  if (deviceTrackingDisabled())
+    d.setParameter(Json("true"), "deviceTrackingDisabled");
+  qvTrace(kMethod, "disableAppleAdSupportTracking: %@",
+          disableAppleAdSupportTracking() ? "true" : "false");
   advertisingIdentifierStep(d);
 
   // 7. Keys 22 to 24.
   const auto bundleIdentifier = p.bundle->bundleIdentifier();
   d.setParameter(bundleIdentifier ? Json(*bundleIdentifier) : Json(), "bundleIdentifier");
-  if (const auto vendor = p.device->identifierForVendor()) d.setParameter(Json(*vendor), "vendorId");
+  if (const auto vendor = p.device->identifierForVendor())
+    d.setParameter(Json(*vendor), "vendorId");
   if (const auto currency = currencyCode()) {
     if (currency->size() != 3) {
       qvLog(kLogWarning, kMethod,
-            "Quorvel WARNING: currency code should be 3 characters!!! '%@' is not a legal value.", *currency);
+            "Quorvel WARNING: currency code should be 3 characters!!! '%@' is not a legal value.",
+            *currency);
     }
     d.setParameter(Json(*currency), "currency");
   }
@@ -103,7 +116,8 @@ QuorvelDictionary QuorvelTracker::getEventParameters(bool isLaunch) {
   const auto date1 = getInstallDate(formatter);
   const auto tmpModified = p.fileSystem->modificationDate(p.fileSystem->temporaryDirectory());
   const std::optional<std::string> date2 =
-      tmpModified ? std::optional<std::string>(formatter.stringFromDate(*tmpModified)) : std::nullopt;
+      tmpModified ? std::optional<std::string>(formatter.stringFromDate(*tmpModified))
+                  : std::nullopt;
   qvLog(kLogDebug, kMethod, "Looking for previous version date.");
   const auto date3 = getVersionUpdateDate(stringValue(bundleVersion), date2);
   qvLog(kLogDebug, kMethod, "date1= %@", date1);
@@ -130,7 +144,8 @@ QuorvelDictionary QuorvelTracker::getEventParameters(bool isLaunch) {
   const auto country = p.locale->countryCode();
   d.setParameter(country ? Json(*country) : Json(), "currentCountrycode");
   d.setParameter(Json(format("%f", platform::secondsSince1970(p.clock->now()))), "timestamp");
-  if (const auto customer = customerUserID()) d.setParameter(Json(*customer), "appUID");
+  if (const auto customer = customerUserID())
+    d.setParameter(Json(*customer), "appUID");
 
   // 12. Custom data, under the tracker's lock.
   {
@@ -146,11 +161,13 @@ QuorvelDictionary QuorvelTracker::getEventParameters(bool isLaunch) {
 
   // 13. Keys 39 to 42.
   d.setParameter(Json(isWifiAvailable()), "wifi");
-  if (const auto attribution = prefs.objectForKey(keys::kConversionData)) d.setParameter(*attribution, "installAttribution");
+  if (const auto attribution = prefs.objectForKey(keys::kConversionData))
+    d.setParameter(*attribution, "installAttribution");
   if (const auto reinstalls = prefs.integerForKey(keys::kReInstallCounter); reinstalls >= 1) {
     d.setParameter(Json(format("%ld", reinstalls)), "reinstallCounter");
   }
-  if (const auto original = prefs.stringForKey(keys::kOriginalUserId)) d.setParameter(Json(*original), "originalQuorvelId");
+  if (const auto original = prefs.stringForKey(keys::kOriginalUserId))
+    d.setParameter(Json(*original), "originalQuorvelId");
 
   // 14. E-mails, under the tracker's lock.
   emailStep(d);
@@ -174,9 +191,11 @@ QuorvelDictionary QuorvelTracker::getEventParameters(bool isLaunch) {
 
 void QuorvelTracker::deepLinkStep(QuorvelDictionary& d) {
   const auto link = deeplink();
-  if (!link) return;
+  if (!link)
+    return;
   d.setParameter(Json(*link), "qv_deeplink");
-  if (const auto source = sourceApplication()) d.setParameter(Json(*source), "deeplink_sourceapplication");
+  if (const auto source = sourceApplication())
+    d.setParameter(Json(*source), "deeplink_sourceapplication");
 
   Json params;
   if (link->find("qv_deeplink") == std::string::npos) {
@@ -199,38 +218,44 @@ void QuorvelTracker::deepLinkStep(QuorvelDictionary& d) {
   const std::string url = format("https://hopline.%@%@", host(), *path);
   // The fields stay set until the resolution completes; the answer never enters this payload.
   auto self = self_;
-  httpClient_->getHopline(url, quorvelDevKey().value_or(std::string()),
-                          [self, params](const std::optional<Json>& response, const std::optional<Error>& error) {
-                            static constexpr const char* kBlock = "-[QuorvelTracker getEventParameters:]_block_invoke";
-                            QuorvelTracker* tracker = self->load();
-                            if (tracker == nullptr) return;
-                            if (response) {
-                              Json merged = params;
-                              for (const auto& [k, v] : response->items()) merged[k] = v;
-                              tracker->deliverAppOpenAttribution(merged);
-                            } else if (error) {
-                              qvLog(kLogDebug, kBlock, "Error occured. %@", *error);
-                            } else {
-                              qvTrace(kBlock, "`responceDict` && `err` are nil. Response did not pass validation");
-                            }
-                            tracker->setDeeplink(std::nullopt);
-                            tracker->setSourceApplication(std::nullopt);
-                          });
+  httpClient_->getHopline(
+      url, quorvelDevKey().value_or(std::string()),
+      [self, params](const std::optional<Json>& response, const std::optional<Error>& error) {
+        static constexpr const char* kBlock = "-[QuorvelTracker getEventParameters:]_block_invoke";
+        QuorvelTracker* tracker = self->load();
+        if (tracker == nullptr)
+          return;
+        if (response) {
+          Json merged = params;
+          for (const auto& [k, v] : response->items())
+            merged[k] = v;
+          tracker->deliverAppOpenAttribution(merged);
+        } else if (error) {
+          qvLog(kLogDebug, kBlock, "Error occured. %@", *error);
+        } else {
+          qvTrace(kBlock, "`responceDict` && `err` are nil. Response did not pass validation");
+        }
+        tracker->setDeeplink(std::nullopt);
+        tracker->setSourceApplication(std::nullopt);
+      });
 }
 
 void QuorvelTracker::deliverAppOpenAttribution(const Json& attribution) {
   const auto current = delegate();
-  if (!current || !current->onAppOpenAttribution) return;
+  if (!current || !current->onAppOpenAttribution)
+    return;
   // Held weakly across the hop: a delegate that goes away meanwhile is not called.
   std::weak_ptr<QuorvelTrackerDelegate> weak = current;
   platform_->dispatcher->mainQueue()->async([weak, attribution] {
-    if (const auto d = weak.lock(); d && d->onAppOpenAttribution) d->onAppOpenAttribution(attribution);
+    if (const auto d = weak.lock(); d && d->onAppOpenAttribution)
+      d->onAppOpenAttribution(attribution);
   });
 }
 
 void QuorvelTracker::pushPayloadStep(QuorvelDictionary& d) {
   const auto payload = pushPayload();
-  if (!payload) return;
+  if (!payload)
+    return;
   if (payload->is_object() && QuorvelUtils::isValidJSONObject(*payload)) {
     // Deliberately the same key as the deep link: the push payload replaces it.
     d.setParameter(Json(payload->dump()), "qv_deeplink");
@@ -244,7 +269,8 @@ void QuorvelTracker::advertisingIdentifierStep(QuorvelDictionary& d) {
   bool enabled = false;
   std::string identifier;
   const auto entry = platform_->classRegistry->classNamed(advertisingManagerClassName());
-  const auto managerClass = std::dynamic_pointer_cast<platform::AdvertisingIdentifierManagerClass>(entry);
+  const auto managerClass =
+      std::dynamic_pointer_cast<platform::AdvertisingIdentifierManagerClass>(entry);
   const auto manager = managerClass ? managerClass->sharedManager() : nullptr;
   if (manager && !disableAppleAdSupportTracking()) {
     identifier = format("%@", manager->advertisingIdentifier());
@@ -260,7 +286,8 @@ void QuorvelTracker::advertisingIdentifierStep(QuorvelDictionary& d) {
 
 void QuorvelTracker::emailStep(QuorvelDictionary& d) {
   std::lock_guard lock(monitor_);
-  if (!userEmails_ || userEmails_->empty()) return;
+  if (!userEmails_ || userEmails_->empty())
+    return;
   std::string label = "plain_el_arr";
   Json list = Json::array();
   for (const auto& entry : *userEmails_) {

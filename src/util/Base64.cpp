@@ -5,11 +5,16 @@ namespace {
 constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 int decodeChar(char c) {
-  if (c >= 'A' && c <= 'Z') return c - 'A';
-  if (c >= 'a' && c <= 'z') return c - 'a' + 26;
-  if (c >= '0' && c <= '9') return c - '0' + 52;
-  if (c == '+') return 62;
-  if (c == '/') return 63;
+  if (c >= 'A' && c <= 'Z')
+    return c - 'A';
+  if (c >= 'a' && c <= 'z')
+    return c - 'a' + 26;
+  if (c >= '0' && c <= '9')
+    return c - '0' + 52;
+  if (c == '+')
+    return 62;
+  if (c == '/')
+    return 63;
   return -1;
 }
 }  // namespace
@@ -26,7 +31,8 @@ std::string base64Encode(const std::uint8_t* data, std::size_t size) {
     out.push_back(kAlphabet[v & 63U]);
   }
   if (i < size) {
-    const unsigned v = (unsigned{data[i]} << 16U) | (i + 1 < size ? unsigned{data[i + 1]} << 8U : 0U);
+    const unsigned v =
+        (unsigned{data[i]} << 16U) | (i + 1 < size ? unsigned{data[i + 1]} << 8U : 0U);
     out.push_back(kAlphabet[(v >> 18U) & 63U]);
     out.push_back(kAlphabet[(v >> 12U) & 63U]);
     out.push_back(i + 1 < size ? kAlphabet[(v >> 6U) & 63U] : '=');
@@ -40,9 +46,11 @@ Bytes base64DecodeLenient(std::string_view text) {
   unsigned acc = 0;
   int bits = 0;
   for (const char c : text) {
-    if (c == '=') break;
+    if (c == '=')
+      break;
     const int v = decodeChar(c);
-    if (v < 0) continue;
+    if (v < 0)
+      continue;
     acc = (acc << 6U) | static_cast<unsigned>(v);
     bits += 6;
     if (bits >= 8) {

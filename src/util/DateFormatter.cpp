@@ -17,7 +17,9 @@ std::string padded(long value, int width) {
 QVDateFormatter::QVDateFormatter(std::string pattern,
                                  std::shared_ptr<const platform::Clock> timeZone,
                                  std::string localeIdentifier)
-    : pattern_(std::move(pattern)), timeZone_(std::move(timeZone)), locale_(std::move(localeIdentifier)) {}
+    : pattern_(std::move(pattern)),
+      timeZone_(std::move(timeZone)),
+      locale_(std::move(localeIdentifier)) {}
 
 std::string QVDateFormatter::stringFromDate(platform::TimePoint date) const {
   const long offset = timeZone_ ? timeZone_->secondsFromGMT(date) : 0;
@@ -52,19 +54,33 @@ std::string QVDateFormatter::stringFromDate(platform::TimePoint date) const {
       case 'y':
         out += run == 2 ? padded((tm.tm_year + 1900) % 100, 2) : padded(tm.tm_year + 1900, width);
         break;
-      case 'M': out += padded(tm.tm_mon + 1, width); break;
-      case 'd': out += padded(tm.tm_mday, width); break;
-      case 'H': out += padded(tm.tm_hour, width); break;
-      case 'm': out += padded(tm.tm_min, width); break;
-      case 's': out += padded(tm.tm_sec, width); break;
-      case 'S': out += padded(millis, 3).substr(0, run); break;
+      case 'M':
+        out += padded(tm.tm_mon + 1, width);
+        break;
+      case 'd':
+        out += padded(tm.tm_mday, width);
+        break;
+      case 'H':
+        out += padded(tm.tm_hour, width);
+        break;
+      case 'm':
+        out += padded(tm.tm_min, width);
+        break;
+      case 's':
+        out += padded(tm.tm_sec, width);
+        break;
+      case 'S':
+        out += padded(millis, 3).substr(0, run);
+        break;
       case 'Z': {
         const long abs = offset < 0 ? -offset : offset;
         out += offset < 0 ? "-" : "+";
         out += padded(abs / 3600, 2) + padded((abs % 3600) / 60, 2);
         break;
       }
-      default: out.append(run, c); break;
+      default:
+        out.append(run, c);
+        break;
     }
     i += run;
   }

@@ -177,8 +177,24 @@ std::string convert(const Spec& spec, const FormatArg& arg) {
 
 bool isConversion(char c) {
   switch (c) {
-    case '@': case 's': case 'd': case 'i': case 'u': case 'x': case 'X': case 'o': case 'c':
-    case 'p': case 'f': case 'F': case 'e': case 'E': case 'g': case 'G': case 'a': case 'A':
+    case '@':
+    case 's':
+    case 'd':
+    case 'i':
+    case 'u':
+    case 'x':
+    case 'X':
+    case 'o':
+    case 'c':
+    case 'p':
+    case 'f':
+    case 'F':
+    case 'e':
+    case 'E':
+    case 'g':
+    case 'G':
+    case 'a':
+    case 'A':
       return true;
     default:
       return false;
@@ -244,7 +260,8 @@ std::string formatArgs(std::string_view format, std::initializer_list<FormatArg>
       continue;
     }
     Spec spec;
-    while (i < format.size() && std::string_view("-+ #0").find(format[i]) != std::string_view::npos) {
+    while (i < format.size() &&
+           std::string_view("-+ #0").find(format[i]) != std::string_view::npos) {
       spec.flags.push_back(format[i++]);
     }
     if (i < format.size() && format[i] == '*') {
@@ -258,7 +275,8 @@ std::string formatArgs(std::string_view format, std::initializer_list<FormatArg>
       int w = -1;
       while (i < format.size() && format[i] >= '0' && format[i] <= '9') {
         w = (w < 0 ? 0 : w) * 10 + (format[i++] - '0');
-        if (w > 4096) w = 4096;
+        if (w > 4096)
+          w = 4096;
       }
       spec.width = w;
     }
@@ -271,12 +289,14 @@ std::string formatArgs(std::string_view format, std::initializer_list<FormatArg>
         int p = 0;
         while (i < format.size() && format[i] >= '0' && format[i] <= '9') {
           p = p * 10 + (format[i++] - '0');
-          if (p > 4096) p = 4096;
+          if (p > 4096)
+            p = 4096;
         }
         spec.precision = p;
       }
     }
-    while (i < format.size() && std::string_view("hlqLzjt").find(format[i]) != std::string_view::npos) {
+    while (i < format.size() &&
+           std::string_view("hlqLzjt").find(format[i]) != std::string_view::npos) {
       ++i;
     }
     if (i >= format.size() || !isConversion(format[i])) {
@@ -293,8 +313,8 @@ std::string formatArgs(std::string_view format, std::initializer_list<FormatArg>
 }
 
 std::string Error::description() const {
-  return "Error Domain=" + domain + " Code=" + std::to_string(code) + " \"" +
-         localizedDescription + "\"";
+  return "Error Domain=" + domain + " Code=" + std::to_string(code) + " \"" + localizedDescription +
+         "\"";
 }
 
 }  // namespace quorvel

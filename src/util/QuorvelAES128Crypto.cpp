@@ -17,7 +17,8 @@ std::size_t characterCount(const std::string& text) {
   std::size_t count = 0;
   for (std::size_t i = 0; i < text.size(); ++i) {
     const auto c = static_cast<unsigned char>(text[i]);
-    if ((c & 0xC0U) != 0x80U) count += (c >= 0xF0U) ? 2 : 1;
+    if ((c & 0xC0U) != 0x80U)
+      count += (c >= 0xF0U) ? 2 : 1;
   }
   return count;
 }
@@ -54,7 +55,7 @@ Bytes QuorvelAES128Crypto::randomDataOfLength(unsigned long length,
 }
 
 Bytes QuorvelAES128Crypto::AESKeyForPassword(const std::optional<std::string>& password,
-                                            const Bytes& salt) {
+                                             const Bytes& salt) {
   Bytes key(kKeySize, 0);
   const std::string& pass = password ? *password : std::string();
   const int ok = PKCS5_PBKDF2_HMAC_SHA1(pass.data(), static_cast<int>(pass.size()), salt.data(),
@@ -84,7 +85,8 @@ std::optional<Bytes> QuorvelAES128Crypto::encrypt(const Bytes& data) const {
   int finalLength = 0;
   const std::unique_ptr<EVP_CIPHER_CTX, CipherContextDeleter> ctx(EVP_CIPHER_CTX_new());
   const bool ok =
-      ctx && EVP_EncryptInit_ex(ctx.get(), EVP_aes_128_cbc(), nullptr, key.data(), iv_.data()) == 1 &&
+      ctx &&
+      EVP_EncryptInit_ex(ctx.get(), EVP_aes_128_cbc(), nullptr, key.data(), iv_.data()) == 1 &&
       EVP_EncryptUpdate(ctx.get(), out.data(), &produced, data.data(),
                         static_cast<int>(data.size())) == 1 &&
       EVP_EncryptFinal_ex(ctx.get(), out.data() + produced, &finalLength) == 1;

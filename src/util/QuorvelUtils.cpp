@@ -42,12 +42,14 @@ bool isRepresentable(const Json& value) {
       return std::isfinite(value.get<double>());
     case Json::value_t::object:
       for (const auto& [k, v] : value.items()) {
-        if (!isRepresentable(v)) return false;
+        if (!isRepresentable(v))
+          return false;
       }
       return true;
     case Json::value_t::array:
       for (const auto& v : value) {
-        if (!isRepresentable(v)) return false;
+        if (!isRepresentable(v))
+          return false;
       }
       return true;
     default:
@@ -68,7 +70,8 @@ std::string serialize(const Json& value) {
 
 std::string trimBlanksAndTabs(const std::string& s) {
   const auto first = s.find_first_not_of(" \t");
-  if (first == std::string::npos) return {};
+  if (first == std::string::npos)
+    return {};
   const auto last = s.find_last_not_of(" \t");
   return s.substr(first, last - first + 1);
 }
@@ -76,35 +79,48 @@ std::string trimBlanksAndTabs(const std::string& s) {
 }  // namespace
 
 void QuorvelUtils::recursivelyRemoveNulls(Json& dictionary) {
-  if (!dictionary.is_object()) return;
+  if (!dictionary.is_object())
+    return;
   std::vector<std::string> nullKeys;
   std::vector<std::string> dictKeys;
   std::vector<std::string> arrayKeys;
   for (const auto& [key, value] : dictionary.items()) {
-    if (value.is_null()) nullKeys.push_back(key);
-    else if (value.is_object()) dictKeys.push_back(key);
-    else if (value.is_array()) arrayKeys.push_back(key);
+    if (value.is_null())
+      nullKeys.push_back(key);
+    else if (value.is_object())
+      dictKeys.push_back(key);
+    else if (value.is_array())
+      arrayKeys.push_back(key);
   }
-  for (const auto& key : nullKeys) dictionary.erase(key);
-  for (const auto& key : arrayKeys) recursivelyRemoveNullsFromArray(dictionary[key]);
-  for (const auto& key : dictKeys) recursivelyRemoveNulls(dictionary[key]);
+  for (const auto& key : nullKeys)
+    dictionary.erase(key);
+  for (const auto& key : arrayKeys)
+    recursivelyRemoveNullsFromArray(dictionary[key]);
+  for (const auto& key : dictKeys)
+    recursivelyRemoveNulls(dictionary[key]);
 }
 
 void QuorvelUtils::recursivelyRemoveNullsFromArray(Json& array) {
-  if (!array.is_array()) return;
+  if (!array.is_array())
+    return;
   Json kept = Json::array();
   for (auto& element : array) {
-    if (!element.is_null()) kept.push_back(std::move(element));
+    if (!element.is_null())
+      kept.push_back(std::move(element));
   }
   array = std::move(kept);
   std::vector<std::size_t> dicts;
   std::vector<std::size_t> arrays;
   for (std::size_t i = 0; i < array.size(); ++i) {
-    if (array[i].is_object()) dicts.push_back(i);
-    else if (array[i].is_array()) arrays.push_back(i);
+    if (array[i].is_object())
+      dicts.push_back(i);
+    else if (array[i].is_array())
+      arrays.push_back(i);
   }
-  for (const auto i : arrays) recursivelyRemoveNullsFromArray(array[i]);
-  for (const auto i : dicts) recursivelyRemoveNulls(array[i]);
+  for (const auto i : arrays)
+    recursivelyRemoveNullsFromArray(array[i]);
+  for (const auto i : dicts)
+    recursivelyRemoveNulls(array[i]);
 }
 
 std::string QuorvelUtils::toHexString(std::uint8_t* bytes, std::uint32_t length) {
@@ -123,7 +139,9 @@ std::uint32_t QuorvelUtils::getUTF8Length(const std::string& text) {
   return static_cast<std::uint32_t>(text.size());
 }
 
-std::string QuorvelUtils::base64forData(const Bytes& data) { return base64Encode(data); }
+std::string QuorvelUtils::base64forData(const Bytes& data) {
+  return base64Encode(data);
+}
 
 Json QuorvelUtils::getStoreReceipt(const Platform& platform) {
   static constexpr const char* kMethod = "+[QuorvelUtils getStoreReceipt]";
@@ -177,12 +195,23 @@ void QuorvelUtils::logRequestContent(std::int64_t kind, const std::string& url,
                                      const std::string& body) {
   const char* banner = "";
   switch (kind) {
-    case kRequestLaunch: banner = "<~+~   SEND Track-App-Launch:   "; break;
-    case kRequestEvent: banner = "<~+~   SEND Track-Event:   "; break;
-    case kRequestRegisterUninstall: banner = "<~+~   SEND Register-Uninstall:   "; break;
-    case kRequestReceiptValidation: banner = "<~+~   SEND Receipt-Validation:   "; break;
-    case kRequestStats: banner = "<~+~   SEND Stats:   "; break;
-    default: break;
+    case kRequestLaunch:
+      banner = "<~+~   SEND Track-App-Launch:   ";
+      break;
+    case kRequestEvent:
+      banner = "<~+~   SEND Track-Event:   ";
+      break;
+    case kRequestRegisterUninstall:
+      banner = "<~+~   SEND Register-Uninstall:   ";
+      break;
+    case kRequestReceiptValidation:
+      banner = "<~+~   SEND Receipt-Validation:   ";
+      break;
+    case kRequestStats:
+      banner = "<~+~   SEND Stats:   ";
+      break;
+    default:
+      break;
   }
   static constexpr const char* kSeparator = "\n<~+~+~+~+~+~+~+~+~+~+~+~+~+~+~+~+~+~+~~+~>\n";
   if (!kQVLoggerShowLogs.load(std::memory_order_relaxed) &&
@@ -204,16 +233,21 @@ Json QuorvelUtils::URLQueryParameters(const Url& url) {
       const std::size_t eq = piece.find('=');
       if (eq != std::string::npos) {
         const std::size_t eq2 = piece.find('=', eq + 1);
-        const std::string value = piece.substr(eq + 1, eq2 == std::string::npos ? std::string::npos : eq2 - eq - 1);
+        const std::string value =
+            piece.substr(eq + 1, eq2 == std::string::npos ? std::string::npos : eq2 - eq - 1);
         params[percentDecode(piece.substr(0, eq))] = percentDecode(value);
       }
-      if (amp == std::string::npos) break;
+      if (amp == std::string::npos)
+        break;
       start = amp + 1;
     }
   }
-  if (url.path() && !url.path()->empty()) params["path"] = *url.path();
-  if (url.scheme()) params["scheme"] = *url.scheme();
-  if (url.host() && !url.host()->empty()) params["host"] = *url.host();
+  if (url.path() && !url.path()->empty())
+    params["path"] = *url.path();
+  if (url.scheme())
+    params["scheme"] = *url.scheme();
+  if (url.host() && !url.host()->empty())
+    params["host"] = *url.host();
   return params;
 }
 
@@ -245,7 +279,8 @@ std::string QuorvelUtils::develomentPlatformName(const platform::ClassRegistry& 
       {"CDVViewController", "iOS_Cordova"},
   };
   for (const auto& [className, name] : kFrameworks) {
-    if (registry.classNamed(className)) return name;
+    if (registry.classNamed(className))
+      return name;
   }
   return "iOS_Native";
 }
@@ -256,7 +291,8 @@ QVDateFormatter QuorvelUtils::getDateFormatter(std::shared_ptr<const platform::C
 
 QVDateFormatter QuorvelUtils::getDateFormatterForRemoteDebug(
     std::shared_ptr<const platform::Clock> clock) {
-  return QVDateFormatter("yyyy-MM-dd HH:mm:ss", clock ? std::move(clock) : currentPlatform()->clock);
+  return QVDateFormatter("yyyy-MM-dd HH:mm:ss",
+                         clock ? std::move(clock) : currentPlatform()->clock);
 }
 
 bool QuorvelUtils::isValidDeeplink(const std::optional<std::string>& link) {
@@ -264,13 +300,17 @@ bool QuorvelUtils::isValidDeeplink(const std::optional<std::string>& link) {
 }
 
 std::optional<std::string> QuorvelUtils::getHoplinePath(const Json& link) {
-  if (!link.is_string()) return std::nullopt;
+  if (!link.is_string())
+    return std::nullopt;
   const auto& text = link.get_ref<const std::string&>();
-  if (text.find(kHoplineSchema) == std::string::npos) return std::nullopt;
+  if (text.find(kHoplineSchema) == std::string::npos)
+    return std::nullopt;
   const auto url = Url::parse(text);
-  if (!url) return std::nullopt;
+  if (!url)
+    return std::nullopt;
   const auto components = url->pathComponents();
-  if (components.size() != 3) return std::nullopt;
+  if (components.size() != 3)
+    return std::nullopt;
   return format("/shortlink-sdk/v1/%@?id=%@", components[1], components[2]);
 }
 

@@ -9,14 +9,21 @@ namespace {
 std::size_t sequenceLength(std::string_view s, std::size_t i) {
   const auto c = static_cast<unsigned char>(s[i]);
   std::size_t n = 0;
-  if (c < 0x80) return 1;
-  if (c >= 0xC2 && c <= 0xDF) n = 2;
-  else if (c >= 0xE0 && c <= 0xEF) n = 3;
-  else if (c >= 0xF0 && c <= 0xF4) n = 4;
-  else return 0;
-  if (i + n > s.size()) return 0;
+  if (c < 0x80)
+    return 1;
+  if (c >= 0xC2 && c <= 0xDF)
+    n = 2;
+  else if (c >= 0xE0 && c <= 0xEF)
+    n = 3;
+  else if (c >= 0xF0 && c <= 0xF4)
+    n = 4;
+  else
+    return 0;
+  if (i + n > s.size())
+    return 0;
   for (std::size_t k = 1; k < n; ++k) {
-    if ((static_cast<unsigned char>(s[i + k]) & 0xC0U) != 0x80U) return 0;
+    if ((static_cast<unsigned char>(s[i + k]) & 0xC0U) != 0x80U)
+      return 0;
   }
   return n;
 }
@@ -26,7 +33,8 @@ std::size_t sequenceLength(std::string_view s, std::size_t i) {
 bool isValidUtf8(std::string_view text) noexcept {
   for (std::size_t i = 0; i < text.size();) {
     const std::size_t n = sequenceLength(text, i);
-    if (n == 0) return false;
+    if (n == 0)
+      return false;
     i += n;
   }
   return true;
@@ -44,13 +52,16 @@ std::size_t utf16Length(std::string_view text) noexcept {
 
 long long leadingInteger(std::string_view text) noexcept {
   std::size_t i = 0;
-  while (i < text.size() && (text[i] == ' ' || text[i] == '\t' || text[i] == '\n')) ++i;
+  while (i < text.size() && (text[i] == ' ' || text[i] == '\t' || text[i] == '\n'))
+    ++i;
   bool negative = false;
-  if (i < text.size() && (text[i] == '-' || text[i] == '+')) negative = text[i++] == '-';
+  if (i < text.size() && (text[i] == '-' || text[i] == '+'))
+    negative = text[i++] == '-';
   long long value = 0;
   for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i) {
     const int digit = text[i] - '0';
-    if (value > (LLONG_MAX - digit) / 10) return negative ? LLONG_MIN : LLONG_MAX;
+    if (value > (LLONG_MAX - digit) / 10)
+      return negative ? LLONG_MIN : LLONG_MAX;
     value = value * 10 + digit;
   }
   return negative ? -value : value;

@@ -11,8 +11,12 @@ using namespace std::chrono_literals;
 
 constexpr const char* kDir = "/app/Library/Caches/QuorvelCache";
 
-std::string text(const std::optional<Bytes>& b) { return b ? std::string(b->begin(), b->end()) : std::string(); }
-Bytes bytes(const std::string& s) { return Bytes(s.begin(), s.end()); }
+std::string text(const std::optional<Bytes>& b) {
+  return b ? std::string(b->begin(), b->end()) : std::string();
+}
+Bytes bytes(const std::string& s) {
+  return Bytes(s.begin(), s.end());
+}
 
 class RequestCacheTest : public ::testing::Test {
  protected:
@@ -21,16 +25,18 @@ class RequestCacheTest : public ::testing::Test {
     QuorvelProxyManager::sharedManager().stopRemoteDebugging();
     QVSetShowDebugLogs(true);
     // 2001-01-01 + 700,000,000.25 s.
-    fakes.clock->set(platform::TimePoint(std::chrono::microseconds(978'307'200'000'000LL + 700'000'000'250'000LL)));
-    cache = std::make_shared<QuorvelRequestCache>(fakes.shared(), [this](const QuorvelRequestCacheData& r) {
-      sent.push_back(r);
-    });
+    fakes.clock->set(platform::TimePoint(
+        std::chrono::microseconds(978'307'200'000'000LL + 700'000'000'250'000LL)));
+    cache = std::make_shared<QuorvelRequestCache>(
+        fakes.shared(), [this](const QuorvelRequestCacheData& r) { sent.push_back(r); });
   }
   void putFile(const std::string& name, const std::string& content) {
     fakes.fileSystem->createDirectory(kDir);
     fakes.fileSystem->writeFileAtomically(std::string(kDir) + "/" + name, bytes(content));
   }
-  std::vector<std::string> files() { return fakes.fileSystem->contentsOfDirectory(kDir).value_or(std::vector<std::string>{}); }
+  std::vector<std::string> files() {
+    return fakes.fileSystem->contentsOfDirectory(kDir).value_or(std::vector<std::string>{});
+  }
 
   test::TestPlatform fakes;
   std::shared_ptr<QuorvelRequestCache> cache;
@@ -38,7 +44,8 @@ class RequestCacheTest : public ::testing::Test {
 };
 
 TEST_F(RequestCacheTest, FileNameAndContentAreByteExact) {
-  cache->cacheRequest(QuorvelRequestCacheData("https://t.example/api?a=1", Bytes{0, 1, 2, 0xff}, "4.8.0"));
+  cache->cacheRequest(
+      QuorvelRequestCacheData("https://t.example/api?a=1", Bytes{0, 1, 2, 0xff}, "4.8.0"));
   ASSERT_EQ(files(), std::vector<std::string>{"700000000.250000.qv"});
   EXPECT_EQ(text(fakes.fileSystem->readFile(std::string(kDir) + "/700000000.250000.qv")),
             "version=4.8.0\nurl=https://t.example/api?a=1\ndata=AAEC/w==");
@@ -51,7 +58,8 @@ TEST_F(RequestCacheTest, FileNameAndContentAreByteExact) {
 }
 
 TEST_F(RequestCacheTest, FortyOneEntriesAtMostCountingEveryEntry) {
-  for (int i = 0; i < 39; ++i) putFile("junk-" + std::to_string(i), "not a request");
+  for (int i = 0; i < 39; ++i)
+    putFile("junk-" + std::to_string(i), "not a request");
   putFile("notes.txt", "");
   cache->cacheRequest(QuorvelRequestCacheData("u?1", Bytes{1}, "4.8.0"));
   EXPECT_EQ(files().size(), 41U);
@@ -70,22 +78,31 @@ TEST_F(RequestCacheTest, ReaderIsTolerantAndLeavesBadFilesAlone) {
     std::optional<std::string> version;
   };
   const std::vector<Case> cases = {
-      {"699999987.750000.qv", "version=4.8.0\nurl=https://x/a?q=1\ndata=AQI=", "https://x/a?q=1&timeincache=12.500000", "4.8.0"},
-      {"699999990.000000.qv", "version=4.7.1\r\nurl= \thttps://x/b?q=1 a\t \r\ndata=AQI=\r\n", "https://x/b?q=1 a&timeincache=10.250000", "4.7.1"},
-      {"699999991.000000.qv", "url=https://old?x\nurl=https://new?x\ndata=AQI=\xe2\x80\xa8version=9", "https://new?x&timeincache=9.250000", "9"},
-      {"699999992.000000.qv", "version=4.8.0\ndata=AQI=", std::nullopt, std::nullopt},         // no url
-      {"699999993.000000.qv", "version=4.8.0\nurl=https://x?y\ndata=AQ I=", std::nullopt, std::nullopt},  // not Base64
-      {"699999994.000000.qv", "url=https://x?y", std::nullopt, std::nullopt},                   // no data
+      {"699999987.750000.qv", "version=4.8.0\nurl=https://x/a?q=1\ndata=AQI=",
+       "https://x/a?q=1&timeincache=12.500000", "4.8.0"},
+      {"699999990.000000.qv", "version=4.7.1\r\nurl= \thttps://x/b?q=1 a\t \r\ndata=AQI=\r\n",
+       "https://x/b?q=1 a&timeincache=10.250000", "4.7.1"},
+      {"699999991.000000.qv",
+       "url=https://old?x\nurl=https://new?x\ndata=AQI=\xe2\x80\xa8version=9",
+       "https://new?x&timeincache=9.250000", "9"},
+      {"699999992.000000.qv", "version=4.8.0\ndata=AQI=", std::nullopt, std::nullopt},  // no url
+      {"699999993.000000.qv", "version=4.8.0\nurl=https://x?y\ndata=AQ I=", std::nullopt,
+       std::nullopt},                                                          // not Base64
+      {"699999994.000000.qv", "url=https://x?y", std::nullopt, std::nullopt},  // no data
       {"garbage", "\xff\xfe\x00\x01", std::nullopt, std::nullopt},
-      {"nonumber.qv", "url=https://z?w\ndata=", "https://z?w&timeincache=700000000.250000", std::nullopt},
+      {"nonumber.qv", "url=https://z?w\ndata=", "https://z?w&timeincache=700000000.250000",
+       std::nullopt},
   };
-  for (const auto& c : cases) putFile(c.name, c.content);
+  for (const auto& c : cases)
+    putFile(c.name, c.content);
   const auto records = cache->getCachedRequests();
   std::size_t kept = 0;
   for (const auto& c : cases) {
-    const auto it = std::find_if(records.begin(), records.end(), [&](const auto& r) { return r.cacheKey() == c.name; });
+    const auto it = std::find_if(records.begin(), records.end(),
+                                 [&](const auto& r) { return r.cacheKey() == c.name; });
     EXPECT_EQ(it != records.end(), c.url.has_value()) << c.name;
-    if (it == records.end()) continue;
+    if (it == records.end())
+      continue;
     ++kept;
     EXPECT_EQ(it->requestURL(), c.url) << c.name;
     EXPECT_EQ(it->sdkVersion(), c.version) << c.name;
@@ -96,9 +113,10 @@ TEST_F(RequestCacheTest, ReaderIsTolerantAndLeavesBadFilesAlone) {
 
 TEST_F(RequestCacheTest, StrictBase64ForPostData) {
   const std::pair<std::string, std::optional<Bytes>> cases[] = {
-      {"", Bytes{}}, {"AQI=", Bytes{1, 2}}, {"AQID", Bytes{1, 2, 3}}, {"AQ==", Bytes{1}},
-      {"AQI", std::nullopt}, {"AQ I=", std::nullopt}, {"A=QI", std::nullopt}, {"AQ\n==", std::nullopt},
-      {"A===", std::nullopt}, {"****", std::nullopt}};
+      {"", Bytes{}},          {"AQI=", Bytes{1, 2}},    {"AQID", Bytes{1, 2, 3}},
+      {"AQ==", Bytes{1}},     {"AQI", std::nullopt},    {"AQ I=", std::nullopt},
+      {"A=QI", std::nullopt}, {"AQ\n==", std::nullopt}, {"A===", std::nullopt},
+      {"****", std::nullopt}};
   for (const auto& [in, want] : cases) {
     QuorvelRequestCacheData r;
     r.stringToPostData(in);
@@ -143,16 +161,21 @@ TEST_F(RequestCacheTest, DeleteAndWriteFailuresAreLogged) {
   QuorvelRequestCacheData r;
   r.setCacheKey("missing.qv");
   cache->deleteRequest(r);
-  EXPECT_EQ(fakes.systemLog->count("Error deleting file at /app/Library/Caches/QuorvelCache/missing.qv\nNo such file"), 1U);
+  EXPECT_EQ(fakes.systemLog->count(
+                "Error deleting file at /app/Library/Caches/QuorvelCache/missing.qv\nNo such file"),
+            1U);
   fakes.fileSystem->failWrites = true;
   cache->cacheRequest(QuorvelRequestCacheData("u?1", Bytes{1}, "4.8.0"));
-  EXPECT_EQ(fakes.systemLog->count("Error writing file at /app/Library/Caches/QuorvelCache/700000000.250000.qv\nNo space left"), 1U);
+  EXPECT_EQ(
+      fakes.systemLog->count("Error writing file at "
+                             "/app/Library/Caches/QuorvelCache/700000000.250000.qv\nNo space left"),
+      1U);
 }
 
 TEST_F(RequestCacheTest, SenderThatThrowsIsLoggedAndTheRecordLeavesTheBatch) {
-  auto throwing = std::make_shared<QuorvelRequestCache>(fakes.shared(), [](const QuorvelRequestCacheData&) {
-    throw std::runtime_error("no tracker");
-  });
+  auto throwing = std::make_shared<QuorvelRequestCache>(
+      fakes.shared(),
+      [](const QuorvelRequestCacheData&) { throw std::runtime_error("no tracker"); });
   putFile("699999990.000000.qv", "version=4.8.0\nurl=https://x?a\ndata=AQI=");
   throwing->processCache();
   fakes.dispatcher->advance(100ms);

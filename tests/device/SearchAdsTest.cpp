@@ -23,8 +23,10 @@ struct ScriptedAdClient final : platform::SearchAdsClient {
   int requests = 0;
   void requestAttributionDetailsWithBlock(platform::AttributionDetailsHandler handler) override {
     ++requests;
-    const Answer a = answers.empty() ? Answer{std::nullopt, Error{"ADClientError", 0, "not yet"}} : answers.front();
-    if (!answers.empty()) answers.pop_front();
+    const Answer a = answers.empty() ? Answer{std::nullopt, Error{"ADClientError", 0, "not yet"}}
+                                     : answers.front();
+    if (!answers.empty())
+      answers.pop_front();
     handler(a.details, a.error);
   }
 };
@@ -79,7 +81,8 @@ TEST_F(SearchAdsTest, ASharedClientThatCannotAnswer) {
   auto results = request();
   fakes.dispatcher->advance(2s);
   EXPECT_EQ(*results,
-            (std::vector<Json>{Json{{"error", "requestAttributionDetailsWithBlock not respondsToSelector"}}}));
+            (std::vector<Json>{
+                Json{{"error", "requestAttributionDetailsWithBlock not respondsToSelector"}}}));
 }
 
 TEST_F(SearchAdsTest, EachKindOfAnswer) {
@@ -93,7 +96,10 @@ TEST_F(SearchAdsTest, EachKindOfAnswer) {
   const std::vector<Case> cases = {
       {{{details, std::nullopt}}, {details}, 1, 2s},
       {{{std::nullopt, std::nullopt}}, {}, 1, 2s},  // no error and no details: silence
-      {{{std::nullopt, Error{"ADClientError", 1, "limited ad tracking"}}}, {Json{{"error", "limited ad tracking"}}}, 1, 2s},
+      {{{std::nullopt, Error{"ADClientError", 1, "limited ad tracking"}}},
+       {Json{{"error", "limited ad tracking"}}},
+       1,
+       2s},
       {{{std::nullopt, Error{"ADClientError", 0, "x"}}, {details, std::nullopt}}, {details}, 2, 4s},
       {{}, {Json{{"error", "ADClientErrorUnknown"}}}, 4, 8s},  // code 0 every time
   };
@@ -135,15 +141,20 @@ TEST_F(SearchAdsTest, LinkDependencyLines) {
   for (const auto& c : cases) {
     fakes.classRegistry->unregisterClass("ASIdentifierManager");
     fakes.classRegistry->unregisterClass("ADClient");
-    if (c.adSupport) fakes.classRegistry->registerClass("ASIdentifierManager", std::make_shared<platform::ClassMarker>());
-    if (c.iAd) registerClient();
+    if (c.adSupport)
+      fakes.classRegistry->registerClass("ASIdentifierManager",
+                                         std::make_shared<platform::ClassMarker>());
+    if (c.iAd)
+      registerClient();
     fakes.systemLog->clear();
     client.printLinkDependances();
     const auto lines = fakes.systemLog->lines();
     ASSERT_EQ(lines.size(), c.want.size());
     for (std::size_t i = 0; i < lines.size(); ++i) {
-      EXPECT_NE(lines[i].find("[DEBUG] Quorvel: -[QVSDKiAdClient printLinkDependances] [QVSDK.iAD]: " + c.want[i]),
-                std::string::npos)
+      EXPECT_NE(
+          lines[i].find("[DEBUG] Quorvel: -[QVSDKiAdClient printLinkDependances] [QVSDK.iAD]: " +
+                        c.want[i]),
+          std::string::npos)
           << lines[i];
     }
   }

@@ -54,10 +54,14 @@ TEST(SystemInfo, CpuTypeTable) {
   };
   for (const auto& c : cases) {
     test::FakeSysctl s;
-    if (c.type) s.byNameAnswers["hw.cputype"] = raw(*c.type);
-    if (c.subtype) s.byNameAnswers["hw.cpusubtype"] = raw(*c.subtype);
-    if (c.family) s.byNameAnswers["hw.cpufamily"] = raw(*c.family);
-    if (c.brand) s.byNameAnswers["machdep.cpu.brand_string"] = text(*c.brand);
+    if (c.type)
+      s.byNameAnswers["hw.cputype"] = raw(*c.type);
+    if (c.subtype)
+      s.byNameAnswers["hw.cpusubtype"] = raw(*c.subtype);
+    if (c.family)
+      s.byNameAnswers["hw.cpufamily"] = raw(*c.family);
+    if (c.brand)
+      s.byNameAnswers["machdep.cpu.brand_string"] = text(*c.brand);
     EXPECT_EQ(QVSystemInfo::cpuType(s), c.want) << c.name;
   }
 }
@@ -84,14 +88,20 @@ TEST(SystemInfo, SixtyFourBitTakesTheFirstQueryThatAnswers) {
     std::optional<std::int32_t> capable, x86_64, ops;
     bool want;
   };
-  const Case cases[] = {{1, 0, 0, true},           {0, 1, 1, false},
-                        {std::nullopt, 1, 0, true}, {std::nullopt, std::nullopt, 1, true},
-                        {std::nullopt, std::nullopt, 2, false}, {std::nullopt, std::nullopt, std::nullopt, false}};
+  const Case cases[] = {{1, 0, 0, true},
+                        {0, 1, 1, false},
+                        {std::nullopt, 1, 0, true},
+                        {std::nullopt, std::nullopt, 1, true},
+                        {std::nullopt, std::nullopt, 2, false},
+                        {std::nullopt, std::nullopt, std::nullopt, false}};
   for (const auto& c : cases) {
     test::FakeSysctl s;
-    if (c.capable) s.byNameAnswers["hw.cpu64bit_capable"] = raw(*c.capable);
-    if (c.x86_64) s.byNameAnswers["hw.optional.x86_64"] = raw(*c.x86_64);
-    if (c.ops) s.byNameAnswers["hw.optional.64bitops"] = raw(*c.ops);
+    if (c.capable)
+      s.byNameAnswers["hw.cpu64bit_capable"] = raw(*c.capable);
+    if (c.x86_64)
+      s.byNameAnswers["hw.optional.x86_64"] = raw(*c.x86_64);
+    if (c.ops)
+      s.byNameAnswers["hw.optional.64bitops"] = raw(*c.ops);
     EXPECT_EQ(QVSystemInfo::is64bit(s), c.want);
   }
 }

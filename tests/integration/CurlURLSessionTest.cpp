@@ -20,7 +20,8 @@ struct Outcome {
 
 class CurlSessionTest : public ::testing::Test {
  protected:
-  std::shared_ptr<URLSession> session(std::chrono::milliseconds timeout = 10s, std::size_t maxBytes = 1 << 20) {
+  std::shared_ptr<URLSession> session(std::chrono::milliseconds timeout = 10s,
+                                      std::size_t maxBytes = 1 << 20) {
     CurlSessionOptions options;
     options.extraCAFile = server.caFile();
     options.requestTimeout = timeout;
@@ -30,9 +31,11 @@ class CurlSessionTest : public ::testing::Test {
   Outcome run(URLSession& s, URLRequest request) {
     auto promise = std::make_shared<std::promise<Outcome>>();
     auto queue = s.delegateQueue();
-    auto task = s.dataTask(std::move(request), [promise, queue](const auto& body, const auto& response, const auto& error) {
-      promise->set_value(Outcome{body, response, error, queue->isCurrent()});
-    });
+    auto task =
+        s.dataTask(std::move(request),
+                   [promise, queue](const auto& body, const auto& response, const auto& error) {
+                     promise->set_value(Outcome{body, response, error, queue->isCurrent()});
+                   });
     task->resume();
     auto future = promise->get_future();
     EXPECT_EQ(future.wait_for(30s), std::future_status::ready);
@@ -64,7 +67,8 @@ TEST_F(CurlSessionTest, PostReachesTheServerAndTheAnswerComesBackOnTheCallbackQu
   EXPECT_EQ(received[0].host, "t." + server.domain());
   EXPECT_EQ(received[0].target, "/api/v4.8/iosevent?app_id=1");
   bool echoed = false;
-  for (const auto& [k, v] : o.response->headers) echoed = echoed || (k == "X-Echo" && v == "application/octet-stream");
+  for (const auto& [k, v] : o.response->headers)
+    echoed = echoed || (k == "X-Echo" && v == "application/octet-stream");
   EXPECT_TRUE(echoed);
 }
 
@@ -73,7 +77,8 @@ TEST_F(CurlSessionTest, TransportFailuresAreErrorsNotResponses) {
   // cases into timeouts.
   auto s = session(30s, 1024);
   server.onRequest([](const httplib::Request& req, httplib::Response& res) {
-    if (req.path == "/slow") std::this_thread::sleep_for(1500ms);  // the server side is slow, not the test
+    if (req.path == "/slow")
+      std::this_thread::sleep_for(1500ms);  // the server side is slow, not the test
     res.set_content(std::string(req.path == "/big" ? 100'000 : 2, 'x'), "text/plain");
   });
   struct Case {
@@ -81,15 +86,17 @@ TEST_F(CurlSessionTest, TransportFailuresAreErrorsNotResponses) {
     long code;
   };
   const Case cases[] = {
-      {"https://localhost:1/", -1004},                        // refused
-      {"https://t." + server.domain() + "/slow", -1001},      // timeout
-      {"https://t." + server.domain() + "/big", -1103},       // over the size cap
-      {"https://other.localhost:" + std::to_string(server.port()) + "/", -1202},  // name not in the certificate
+      {"https://localhost:1/", -1004},                    // refused
+      {"https://t." + server.domain() + "/slow", -1001},  // timeout
+      {"https://t." + server.domain() + "/big", -1103},   // over the size cap
+      {"https://other.localhost:" + std::to_string(server.port()) + "/",
+       -1202},  // name not in the certificate
   };
   for (const auto& c : cases) {
     URLRequest r;
     r.url = c.url;
-    if (c.code == -1001) r.timeout = 300ms;
+    if (c.code == -1001)
+      r.timeout = 300ms;
     const Outcome o = run(*s, r);
     ASSERT_TRUE(o.error) << c.url;
     EXPECT_EQ(o.error->code, c.code) << c.url << ": " << o.error->localizedDescription;
@@ -128,7 +135,8 @@ struct RecordingDelegate final : URLSessionDownloadDelegate {
 };
 
 TEST_F(CurlSessionTest, DownloadTasksReportToTheDelegate) {
-  server.onRequest([](const httplib::Request&, httplib::Response& res) { res.set_content("ok", "text/plain"); });
+  server.onRequest(
+      [](const httplib::Request&, httplib::Response& res) { res.set_content("ok", "text/plain"); });
   CurlSessionOptions options;
   options.extraCAFile = server.caFile();
   auto delegate = std::make_shared<RecordingDelegate>();
@@ -141,7 +149,9 @@ TEST_F(CurlSessionTest, DownloadTasksReportToTheDelegate) {
   task->resume();
   ASSERT_EQ(delegate->done.get_future().wait_for(30s), std::future_status::ready);
   std::lock_guard l(delegate->m);
-  EXPECT_EQ(delegate->events, (std::vector<std::string>{"finished " + std::to_string(task->taskIdentifier()) + " ok", "complete"}));
+  EXPECT_EQ(delegate->events,
+            (std::vector<std::string>{"finished " + std::to_string(task->taskIdentifier()) + " ok",
+                                      "complete"}));
   EXPECT_EQ(server.received().at(0).body, "hi");
 }
 

@@ -29,7 +29,8 @@ const std::vector<std::string> kHosts = {"t.localhost", "events.localhost", "hop
 bool eventually(const std::function<bool()>& done, std::chrono::milliseconds bound = 20s) {
   const auto deadline = std::chrono::steady_clock::now() + bound;
   while (std::chrono::steady_clock::now() < deadline) {
-    if (done()) return true;
+    if (done())
+      return true;
     std::this_thread::sleep_for(5ms);
   }
   return done();
@@ -38,8 +39,9 @@ bool eventually(const std::function<bool()>& done, std::chrono::milliseconds bou
 class NetworkingTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    certificates = test::makeTestCertificates(certDir.path(), {"t.localhost", "events.localhost", "hopline.localhost",
-                                                                "localhost", "127.0.0.1"});
+    certificates = test::makeTestCertificates(
+        certDir.path(),
+        {"t.localhost", "events.localhost", "hopline.localhost", "localhost", "127.0.0.1"});
     server = std::make_unique<test::TlsTestServer>(kHosts, 0, certificates);
   }
 
@@ -56,7 +58,8 @@ class NetworkingTest : public ::testing::Test {
   }
   std::string cacheDir() const { return platform->fileSystem->cachesDirectory() + "/QuorvelCache"; }
   std::vector<std::string> cacheFiles() const {
-    return platform->fileSystem->contentsOfDirectory(cacheDir()).value_or(std::vector<std::string>{});
+    return platform->fileSystem->contentsOfDirectory(cacheDir())
+        .value_or(std::vector<std::string>{});
   }
   std::string url(const std::string& path, int port = 0) const {
     return "https://t.localhost:" + std::to_string(port == 0 ? server->port() : port) + path;
@@ -65,8 +68,9 @@ class NetworkingTest : public ::testing::Test {
   bool send(const std::string& url) {
     auto answered = std::make_shared<std::promise<void>>();
     auto future = answered->get_future();
-    tracker->httpClient()->sendRequestEventToServer(QuorvelRequestCacheData(url, Bytes{'e', 'n', 'c'}, "4.8.0"), false,
-                                                    std::nullopt, false, [answered] { answered->set_value(); });
+    tracker->httpClient()->sendRequestEventToServer(
+        QuorvelRequestCacheData(url, Bytes{'e', 'n', 'c'}, "4.8.0"), false, std::nullopt, false,
+        [answered] { answered->set_value(); });
     return future.wait_for(15s) == std::future_status::ready;
   }
 
@@ -84,8 +88,9 @@ TEST_F(NetworkingTest, OfflineRequestsAreCachedThenReplayedInOrderWhenTheServerI
   makeTracker();
   for (int i = 0; i < 3; ++i) {
     tracker->httpClient()->sendRequestEventToServer(
-        QuorvelRequestCacheData(url("/api/v4.8/iosevent?n=" + std::to_string(i) + "&buildnumber=4.8.0", port),
-                                Bytes{static_cast<std::uint8_t>(i)}, "4.8.0"),
+        QuorvelRequestCacheData(
+            url("/api/v4.8/iosevent?n=" + std::to_string(i) + "&buildnumber=4.8.0", port),
+            Bytes{static_cast<std::uint8_t>(i)}, "4.8.0"),
         false, std::nullopt, false, nullptr);
     // One at a time, so that the files' names (their times) keep the order.
     ASSERT_TRUE(eventually([&] { return cacheFiles().size() == static_cast<std::size_t>(i + 1); }));
@@ -99,7 +104,11 @@ TEST_F(NetworkingTest, OfflineRequestsAreCachedThenReplayedInOrderWhenTheServerI
   for (int i = 0; i < 3; ++i) {
     const auto& r = received[static_cast<std::size_t>(i) + 1];
     EXPECT_EQ(r.path, "/api/v4.8/iosevent");
-    EXPECT_EQ(r.target.rfind("/api/v4.8/iosevent?n=" + std::to_string(i) + "&buildnumber=4.8.0&timeincache=", 0), 0U) << r.target;
+    EXPECT_EQ(
+        r.target.rfind(
+            "/api/v4.8/iosevent?n=" + std::to_string(i) + "&buildnumber=4.8.0&timeincache=", 0),
+        0U)
+        << r.target;
     EXPECT_EQ(r.target.substr(r.target.size() - 21), "&isCachedRequest=true");
     EXPECT_EQ(r.body, std::string(1, static_cast<char>(i)));
     EXPECT_EQ(r.header("Content-Type"), "application/octet-stream");
@@ -113,7 +122,8 @@ TEST_F(NetworkingTest, ReplayedAnswersDeleteAndReplayedFailuresKeepOnlyCurrentVe
   platform->fileSystem->createDirectory(cacheDir());
   auto put = [&](const std::string& name, const std::string& version, const std::string& target) {
     const std::string content = "version=" + version + "\nurl=" + target + "\ndata=AQI=";
-    platform->fileSystem->writeFileAtomically(cacheDir() + "/" + name, Bytes(content.begin(), content.end()));
+    platform->fileSystem->writeFileAtomically(cacheDir() + "/" + name,
+                                              Bytes(content.begin(), content.end()));
   };
   put("700000001.000000.qv", "4.8.0", url("/answered-500?x=1"));
   put("700000002.000000.qv", "4.7.1", url("/refused?x=1", 1));
@@ -123,8 +133,9 @@ TEST_F(NetworkingTest, ReplayedAnswersDeleteAndReplayedFailuresKeepOnlyCurrentVe
     res.set_content(R"({"monitor":0})", "application/json");
   });
   ASSERT_TRUE(send(url("/fresh?x=1")));
-  ASSERT_TRUE(eventually([&] { return cacheFiles() == std::vector<std::string>{"700000003.000000.qv"}; }))
-      << cacheFiles().size();
+  ASSERT_TRUE(eventually([&] {
+    return cacheFiles() == std::vector<std::string>{"700000003.000000.qv"};
+  })) << cacheFiles().size();
 }
 
 TEST_F(NetworkingTest, TimeoutsAndBrokenAnswersAreTransportFailures) {
@@ -134,11 +145,13 @@ TEST_F(NetworkingTest, TimeoutsAndBrokenAnswersAreTransportFailures) {
       std::this_thread::sleep_for(1200ms);  // the server is slow; the client gives up first
       res.set_content("{}", "application/json");
     } else if (req.path == "/cut") {
-      res.set_content_provider(100'000, "application/json", [](std::size_t offset, std::size_t, httplib::DataSink& sink) {
-        if (offset > 0) return false;  // close the connection mid-body
-        sink.write("{\"monitor\":", 11);
-        return true;
-      });
+      res.set_content_provider(100'000, "application/json",
+                               [](std::size_t offset, std::size_t, httplib::DataSink& sink) {
+                                 if (offset > 0)
+                                   return false;  // close the connection mid-body
+                                 sink.write("{\"monitor\":", 11);
+                                 return true;
+                               });
     } else if (req.path == "/huge") {
       res.set_content(std::string(1'000'000, ' '), "application/json");
     } else {
@@ -147,8 +160,8 @@ TEST_F(NetworkingTest, TimeoutsAndBrokenAnswersAreTransportFailures) {
   });
   for (const char* path : {"/slow?a=1", "/cut?a=1", "/huge?a=1"}) {
     const auto before = cacheFiles().size();
-    tracker->httpClient()->sendRequestEventToServer(QuorvelRequestCacheData(url(path), Bytes{1}, "4.8.0"), false,
-                                                    std::nullopt, false, nullptr);
+    tracker->httpClient()->sendRequestEventToServer(
+        QuorvelRequestCacheData(url(path), Bytes{1}, "4.8.0"), false, std::nullopt, false, nullptr);
     EXPECT_TRUE(eventually([&] { return cacheFiles().size() == before + 1; })) << path;
   }
 }
@@ -164,35 +177,43 @@ TEST_F(NetworkingTest, ShortLinkSignatureIsCheckedByTheServer) {
       return;
     }
     if (req.method == "GET") {
-      res.set_content(R"({"pid":"email","c":"spring","id":")" + req.get_param_value("id") + "\"}", "application/json");
+      res.set_content(R"({"pid":"email","c":"spring","id":")" + req.get_param_value("id") + "\"}",
+                      "application/json");
     } else {
       res.set_content("https://go.quorvel.link/tmpl/short1", "text/plain");
     }
   });
-  for (const auto& [key, expectOk] : {std::pair<std::string, bool>{devKey, true}, {"WRONG-KEY", false}}) {
+  for (const auto& [key, expectOk] :
+       {std::pair<std::string, bool>{devKey, true}, {"WRONG-KEY", false}}) {
     std::promise<std::pair<std::optional<Json>, std::optional<Error>>> resolved;
-    tracker->httpClient()->getHopline("https://hopline.localhost:" + std::to_string(server->port()) +
-                                          "/shortlink-sdk/v1/tmpl?id=abc",
-                                      key, [&](const auto& r, const auto& e) { resolved.set_value({r, e}); });
+    tracker->httpClient()->getHopline(
+        "https://hopline.localhost:" + std::to_string(server->port()) +
+            "/shortlink-sdk/v1/tmpl?id=abc",
+        key, [&](const auto& r, const auto& e) {
+          resolved.set_value({r, e});
+        });
     const auto [result, error] = resolved.get_future().get();
     EXPECT_FALSE(error);
     EXPECT_EQ(result.has_value(), expectOk);
-    if (result) EXPECT_EQ((*result)["id"], "abc");
+    if (result)
+      EXPECT_EQ((*result)["id"], "abc");
 
     std::promise<std::optional<std::string>> created;
-    tracker->httpClient()->createHopline("https://hopline.localhost:" + std::to_string(server->port()) +
-                                             "/shortlink-sdk/v1/tmpl",
-                                         30, key, Json{{"pid", "me"}},
-                                         [&](const auto& link, const auto&) { created.set_value(link); });
+    tracker->httpClient()->createHopline(
+        "https://hopline.localhost:" + std::to_string(server->port()) + "/shortlink-sdk/v1/tmpl",
+        30, key, Json{{"pid", "me"}},
+        [&](const auto& link, const auto&) { created.set_value(link); });
     EXPECT_EQ(created.get_future().get(),
-              expectOk ? std::optional<std::string>("https://go.quorvel.link/tmpl/short1") : std::nullopt);
+              expectOk ? std::optional<std::string>("https://go.quorvel.link/tmpl/short1")
+                       : std::nullopt);
   }
 }
 
 TEST_F(NetworkingTest, MonitorOneStartsRemoteDebugging) {
   makeTracker();
   server->onRequest([](const httplib::Request&, httplib::Response& res) {
-    res.set_content(R"({"monitor":1,"hl_domain":"go.example","hl_ver":"3","hl_scheme":"myapp"})", "application/json");
+    res.set_content(R"({"monitor":1,"hl_domain":"go.example","hl_ver":"3","hl_scheme":"myapp"})",
+                    "application/json");
   });
   ASSERT_TRUE(send(url("/api?x=1")));
   EXPECT_TRUE(QuorvelProxyManager::sharedManager().proxyEnabledFromServer());
@@ -202,12 +223,17 @@ TEST_F(NetworkingTest, MonitorOneStartsRemoteDebugging) {
 // A file system that dies between writing the temporary file and renaming it.
 class DyingFileSystem final : public platform::FileSystem {
  public:
-  explicit DyingFileSystem(std::shared_ptr<platform::FileSystem> inner) : inner_(std::move(inner)) {}
+  explicit DyingFileSystem(std::shared_ptr<platform::FileSystem> inner)
+      : inner_(std::move(inner)) {}
   std::string libraryDirectory() const override { return inner_->libraryDirectory(); }
   std::string cachesDirectory() const override { return inner_->cachesDirectory(); }
   std::string temporaryDirectory() const override { return inner_->temporaryDirectory(); }
-  std::optional<platform::TimePoint> creationDate(const std::string& p) const override { return inner_->creationDate(p); }
-  std::optional<platform::TimePoint> modificationDate(const std::string& p) const override { return inner_->modificationDate(p); }
+  std::optional<platform::TimePoint> creationDate(const std::string& p) const override {
+    return inner_->creationDate(p);
+  }
+  std::optional<platform::TimePoint> modificationDate(const std::string& p) const override {
+    return inner_->modificationDate(p);
+  }
   bool fileExists(const std::string& p) const override { return inner_->fileExists(p); }
   bool createDirectory(const std::string& p) override { return inner_->createDirectory(p); }
   std::optional<std::vector<std::string>> contentsOfDirectory(const std::string& p) const override {
@@ -217,9 +243,12 @@ class DyingFileSystem final : public platform::FileSystem {
   bool writeFileAtomically(const std::string& p, const Bytes& c, std::string* reason) override {
     platform::AtomicWriteOptions options;
     options.beforeRename = [] { _exit(9); };
-    return platform::writeFileAtomically(p, c, options, reason) == platform::AtomicWriteResult::written;
+    return platform::writeFileAtomically(p, c, options, reason) ==
+           platform::AtomicWriteResult::written;
   }
-  bool removeFile(const std::string& p, std::string* reason) override { return inner_->removeFile(p, reason); }
+  bool removeFile(const std::string& p, std::string* reason) override {
+    return inner_->removeFile(p, reason);
+  }
   using FileSystem::removeFile;
   using FileSystem::writeFileAtomically;
 
@@ -237,8 +266,10 @@ TEST(RequestCacheDurability, DeathBeforeTheRenameLeavesNoPartialRecord) {
   if (child == 0) {
     Platform p = makePosixPlatform(PosixPlatformOptions{});
     p.fileSystem = std::make_shared<DyingFileSystem>(fs);
-    auto cache = std::make_shared<QuorvelRequestCache>(std::make_shared<const Platform>(p), nullptr);
-    cache->cacheRequest(QuorvelRequestCacheData("https://t.example/a?x=1", Bytes(4096, 7), "4.8.0"));
+    auto cache =
+        std::make_shared<QuorvelRequestCache>(std::make_shared<const Platform>(p), nullptr);
+    cache->cacheRequest(
+        QuorvelRequestCacheData("https://t.example/a?x=1", Bytes(4096, 7), "4.8.0"));
     _exit(0);
   }
   int status = 0;
@@ -252,7 +283,8 @@ TEST(RequestCacheDurability, DeathBeforeTheRenameLeavesNoPartialRecord) {
   Platform p = makePosixPlatform(PosixPlatformOptions{});
   p.fileSystem = fs;
   QuorvelRequestCache reader(std::make_shared<const Platform>(p), nullptr);
-  for (const auto& record : reader.getCachedRequests()) EXPECT_EQ(record.postData(), Bytes(4096, 7));
+  for (const auto& record : reader.getCachedRequests())
+    EXPECT_EQ(record.postData(), Bytes(4096, 7));
 }
 
 TEST_F(NetworkingTest, RequestsCompletingWhileTheHostKeepsCallingTheApi) {
@@ -270,9 +302,11 @@ TEST_F(NetworkingTest, RequestsCompletingWhileTheHostKeepsCallingTheApi) {
       }
     });
   }
-  for (int i = 0; i < 20; ++i) ASSERT_TRUE(send(url("/api?i=" + std::to_string(i))));
+  for (int i = 0; i < 20; ++i)
+    ASSERT_TRUE(send(url("/api?i=" + std::to_string(i))));
   stop = true;
-  for (auto& th : host) th.join();
+  for (auto& th : host)
+    th.join();
   EXPECT_TRUE(server->waitForRequests(20));
 }
 

@@ -39,12 +39,15 @@ class Install {
     tracker_->getQuorvelUID();
     const auto version = platform_->bundle->objectForInfoDictionaryKey("CFBundleVersion");
     const auto formatter = QuorvelUtils::getDateFormatter(platform_->clock);
-    tracker_->getVersionUpdateDate(version ? std::optional<std::string>(version->get<std::string>()) : std::nullopt,
-                                   formatter.stringFromDate(platform_->clock->now()));
+    tracker_->getVersionUpdateDate(
+        version ? std::optional<std::string>(version->get<std::string>()) : std::nullopt,
+        formatter.stringFromDate(platform_->clock->now()));
     drainSerialQueue();
     platform_->preferences->synchronize();
   }
-  std::optional<std::string> pref(const char* key) const { return platform_->preferences->stringForKey(key); }
+  std::optional<std::string> pref(const char* key) const {
+    return platform_->preferences->stringForKey(key);
+  }
 
  private:
   std::shared_ptr<const Platform> platform_;

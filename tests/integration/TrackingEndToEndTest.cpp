@@ -22,7 +22,8 @@ constexpr const char* kKey = "E2E-DEVKEY-0001";
 bool eventually(const std::function<bool()>& done, std::chrono::milliseconds bound = 20s) {
   const auto deadline = std::chrono::steady_clock::now() + bound;
   while (std::chrono::steady_clock::now() < deadline) {
-    if (done()) return true;
+    if (done())
+      return true;
     std::this_thread::sleep_for(5ms);
   }
   return done();
@@ -31,10 +32,12 @@ bool eventually(const std::function<bool()>& done, std::chrono::milliseconds bou
 class TrackingEndToEnd : public ::testing::Test {
  protected:
   void SetUp() override {
-    certificates = test::makeTestCertificates(certDir.path(), {"t.localhost", "events.localhost", "sdk.localhost",
-                                                                "stats.localhost", "localhost", "127.0.0.1"});
+    certificates = test::makeTestCertificates(
+        certDir.path(), {"t.localhost", "events.localhost", "sdk.localhost", "stats.localhost",
+                         "localhost", "127.0.0.1"});
     server = std::make_unique<test::TlsTestServer>(std::vector<std::string>{}, 0, certificates);
-    server->onRequest([this](const httplib::Request& req, httplib::Response& res) { answer(req, res); });
+    server->onRequest(
+        [this](const httplib::Request& req, httplib::Response& res) { answer(req, res); });
     std::ofstream(root / "receipt") << "store-receipt-bytes";
   }
   void answer(const httplib::Request& req, httplib::Response& res) {
@@ -42,8 +45,9 @@ class TrackingEndToEnd : public ::testing::Test {
     if (host.rfind("sdk.", 0) == 0) {
       std::lock_guard l(mutex);
       res.status = conversionStatus;
-      res.set_content(conversionStatus == 200 ? R"({"af_status":"Non-organic","campaign":"spring","iscache":false})"
-                                              : "{}",
+      res.set_content(conversionStatus == 200
+                          ? R"({"af_status":"Non-organic","campaign":"spring","iscache":false})"
+                          : "{}",
                       "application/json");
       return;
     }
@@ -62,7 +66,8 @@ class TrackingEndToEnd : public ::testing::Test {
     tracker->setQuorvelDevKey(std::string(kKey));
     tracker->setAppleAppID(std::string("1234567"));
     tracker->setHost("localhost:" + std::to_string(server->port()));
-    if (delegate) tracker->setDelegate(delegate);
+    if (delegate)
+      tracker->setDelegate(delegate);
   }
   // The decrypted payloads of the tracking requests received so far, with their hosts.
   std::vector<std::pair<std::string, Json>> tracking() {
@@ -77,7 +82,8 @@ class TrackingEndToEnd : public ::testing::Test {
   }
   std::size_t count(const std::string& prefix) {
     std::size_t n = 0;
-    for (const auto& r : server->received()) n += r.host.rfind(prefix, 0) == 0 ? 1 : 0;
+    for (const auto& r : server->received())
+      n += r.host.rfind(prefix, 0) == 0 ? 1 : 0;
     return n;
   }
 
@@ -97,7 +103,8 @@ TEST_F(TrackingEndToEnd, ASessionFromFirstLaunchToTheNextProcess) {
   std::promise<Json> conversion;
   std::atomic<int> conversions{0};
   delegate->onConversionDataReceived = [&](const Json& d) {
-    if (conversions++ == 0) conversion.set_value(d);
+    if (conversions++ == 0)
+      conversion.set_value(d);
   };
   startTracker(delegate);
 
@@ -112,7 +119,8 @@ TEST_F(TrackingEndToEnd, ASessionFromFirstLaunchToTheNextProcess) {
   EXPECT_EQ(t[0].second["counter"], "1");
   EXPECT_EQ(t[0].second["timepassedsincelastlaunch"], "-1.000000");
   EXPECT_FALSE(t[0].second["firstLaunchDate"].get<std::string>().empty());
-  EXPECT_EQ(t[0].second["installReceiptData"], R"({"data":{"receipt-data":"c3RvcmUtcmVjZWlwdC1ieXRlcw=="}})");
+  EXPECT_EQ(t[0].second["installReceiptData"],
+            R"({"data":{"receipt-data":"c3RvcmUtcmVjZWlwdC1ieXRlcw=="}})");
   EXPECT_EQ(platform->preferences->objectForKey(keys::kConversionData),
             (Json{{"af_status", "Non-organic"}, {"campaign", "spring"}}));
 
@@ -126,12 +134,14 @@ TEST_F(TrackingEndToEnd, ASessionFromFirstLaunchToTheNextProcess) {
   EXPECT_EQ(t[1].first, "events");
   EXPECT_EQ(t[2].first, "events");
   std::map<std::string, Json> events;
-  for (std::size_t i = 1; i < 3; ++i) events[t[i].second["event"].get<std::string>()] = t[i].second;
+  for (std::size_t i = 1; i < 3; ++i)
+    events[t[i].second["event"].get<std::string>()] = t[i].second;
   EXPECT_EQ(events["af_purchase"]["eventvalue"], "9.99");
   EXPECT_EQ(events["af_level"]["eventvalue"], "%7B%22level%22:3%7D");
 
   // Background: the session is counted and the statistics leave unencrypted.
-  platform->notificationCenter->post({platform::kApplicationDidEnterBackgroundNotification, Json()});
+  platform->notificationCenter->post(
+      {platform::kApplicationDidEnterBackgroundNotification, Json()});
   ASSERT_TRUE(eventually([&] { return count("stats.") == 1; }));
   for (const auto& r : server->received()) {
     if (r.host.rfind("stats.", 0) == 0) {
@@ -156,7 +166,8 @@ TEST_F(TrackingEndToEnd, ASessionFromFirstLaunchToTheNextProcess) {
   EXPECT_EQ(t[3].second["sessioncounter"], "2");
   EXPECT_FALSE(t[3].second.contains("installReceiptData"));
   EXPECT_NE(t[3].second["timepassedsincelastlaunch"], "-1.000000");
-  EXPECT_EQ(t[3].second["installAttribution"], (Json{{"af_status", "Non-organic"}, {"campaign", "spring"}}));
+  EXPECT_EQ(t[3].second["installAttribution"],
+            (Json{{"af_status", "Non-organic"}, {"campaign", "spring"}}));
   EXPECT_EQ(count("sdk."), 1U);  // fetched once, then served from the stored copy
 }
 
@@ -173,7 +184,8 @@ TEST_F(TrackingEndToEnd, RejectedConversionRequestsStopAtFive) {
   startTracker(delegate);
   for (int i = 0; i < 6; ++i) {
     tracker->getConversionData();
-    if (i < 5) ASSERT_TRUE(eventually([&] { return failures == i + 1; }));
+    if (i < 5)
+      ASSERT_TRUE(eventually([&] { return failures == i + 1; }));
   }
   EXPECT_FALSE(server->waitForRequests(6, 500ms));
   EXPECT_EQ(count("sdk."), 5U);
@@ -189,16 +201,25 @@ TEST_F(TrackingEndToEnd, AnEventBeforeTheFirstLaunchAndAnOfflineLaunchReplayed) 
   server.reset();  // offline
   tracker->trackAppLaunch();
   const std::string cacheDir = platform->fileSystem->cachesDirectory() + "/QuorvelCache";
-  ASSERT_TRUE(eventually([&] { return platform->fileSystem->contentsOfDirectory(cacheDir).value_or(std::vector<std::string>{}).size() == 1; }));
+  ASSERT_TRUE(eventually([&] {
+    return platform->fileSystem->contentsOfDirectory(cacheDir)
+               .value_or(std::vector<std::string>{})
+               .size() == 1;
+  }));
   server = std::make_unique<test::TlsTestServer>(std::vector<std::string>{}, port, certificates);
   tracker->trackEvent("back", std::nullopt);
   ASSERT_TRUE(eventually([&] { return tracking().size() == 2; }));
-  ASSERT_TRUE(eventually([&] { return platform->fileSystem->contentsOfDirectory(cacheDir).value_or(std::vector<std::string>{}).empty(); }));
+  ASSERT_TRUE(eventually([&] {
+    return platform->fileSystem->contentsOfDirectory(cacheDir)
+        .value_or(std::vector<std::string>{})
+        .empty();
+  }));
   const auto t = tracking();
   EXPECT_EQ(t[1].second["event"], "Launched");
   EXPECT_FALSE(t[1].second.contains("installReceiptData"));  // the early event took the first time
   bool replayed = false;
-  for (const auto& r : server->received()) replayed = replayed || r.target.find("&isCachedRequest=true") != std::string::npos;
+  for (const auto& r : server->received())
+    replayed = replayed || r.target.find("&isCachedRequest=true") != std::string::npos;
   EXPECT_TRUE(replayed);
 }
 

@@ -66,11 +66,17 @@ TEST_F(LoggerTest, PlainAndTraceLineFormats) {
 
 TEST_F(LoggerTest, ElapsedTimeText) {
   const std::pair<std::int64_t, const char*> cases[] = {
-      {0, "00:00:00:000"},          {999, "00:00:00:999"},         {59'999, "00:00:59:999"},
-      {600'000, "00:10:00:000"},    {3'723'004, "01:02:03:004"},   {36'000'000, "10:00:00:000"},
-      {360'000'000, "100:00:00:000"}, {-1, "--:--:--:---"},
+      {0, "00:00:00:000"},
+      {999, "00:00:00:999"},
+      {59'999, "00:00:59:999"},
+      {600'000, "00:10:00:000"},
+      {3'723'004, "01:02:03:004"},
+      {36'000'000, "10:00:00:000"},
+      {360'000'000, "100:00:00:000"},
+      {-1, "--:--:--:---"},
   };
-  for (const auto& [ms, text] : cases) EXPECT_EQ(timeToStringForMilliseconds(ms), text) << ms;
+  for (const auto& [ms, text] : cases)
+    EXPECT_EQ(timeToStringForMilliseconds(ms), text) << ms;
 }
 
 TEST_F(LoggerTest, MissingOrFutureStartPrintsDashes) {

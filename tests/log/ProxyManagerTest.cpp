@@ -37,7 +37,7 @@ TEST_F(ProxyManagerTest, MonitorOffDropsAndStopsCollecting) {
 }
 
 TEST_F(ProxyManagerTest, StartAndStopLeaveTheirMarkersOnlyWhileCollecting) {
-  proxy.stopRemoteDebugging();  // collecting: "Turning OFF RD" recorded
+  proxy.stopRemoteDebugging();   // collecting: "Turning OFF RD" recorded
   proxy.startRemoteDebugging();  // not collecting yet: "Turning ON RD" not recorded
   const auto events = proxy.events();
   ASSERT_EQ(events.size(), 1U);

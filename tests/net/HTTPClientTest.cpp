@@ -22,9 +22,10 @@ class HTTPClientTest : public ::testing::Test {
   void SetUp() override {
     fakes.install();
     QVSetShowDebugLogs(true);
-    cache = std::make_shared<QuorvelRequestCache>(fakes.shared(), [this](const QuorvelRequestCacheData& r) {
-      client->sendRequestEventToServer(r, true, std::nullopt, false, nullptr);
-    });
+    cache = std::make_shared<QuorvelRequestCache>(
+        fakes.shared(), [this](const QuorvelRequestCacheData& r) {
+          client->sendRequestEventToServer(r, true, std::nullopt, false, nullptr);
+        });
     client = QuorvelHTTPClient::create(fakes.shared(), cache);
   }
   test::FakeURLSession& session() { return *fakes.urlSessions->shared(); }
@@ -34,9 +35,11 @@ class HTTPClientTest : public ::testing::Test {
   void putFile(const std::string& name, const std::string& version, const std::string& url) {
     fakes.fileSystem->createDirectory(kDir);
     const std::string content = "version=" + version + "\nurl=" + url + "\ndata=AQI=";
-    fakes.fileSystem->writeFileAtomically(std::string(kDir) + "/" + name, Bytes(content.begin(), content.end()));
+    fakes.fileSystem->writeFileAtomically(std::string(kDir) + "/" + name,
+                                          Bytes(content.begin(), content.end()));
   }
-  QuorvelRequestCacheData fresh(const std::string& url = "https://t.example/api/v4.8/iosevent?app_id=1&buildnumber=4.8.0") {
+  QuorvelRequestCacheData fresh(
+      const std::string& url = "https://t.example/api/v4.8/iosevent?app_id=1&buildnumber=4.8.0") {
     return QuorvelRequestCacheData(url, Bytes{9, 9}, "4.8.0");
   }
 
@@ -46,7 +49,8 @@ class HTTPClientTest : public ::testing::Test {
 };
 
 TEST_F(HTTPClientTest, RequestShapeAndLegacyEscaping) {
-  client->sendRequestEventToServer(fresh("https://t.example/p?a=b c&d=\xc3\xa9|x%y"), false, std::nullopt, false, nullptr);
+  client->sendRequestEventToServer(fresh("https://t.example/p?a=b c&d=\xc3\xa9|x%y"), false,
+                                   std::nullopt, false, nullptr);
   const auto started = session().started();
   ASSERT_EQ(started.size(), 1U);
   const auto& r = started[0].task->originalRequest();
@@ -55,7 +59,10 @@ TEST_F(HTTPClientTest, RequestShapeAndLegacyEscaping) {
   EXPECT_EQ(r.headers, (platform::HeaderList{{"Content-Type", "application/octet-stream"}}));
   EXPECT_EQ(r.body, (Bytes{9, 9}));
   EXPECT_FALSE(r.timeout);
-  EXPECT_EQ(fakes.systemLog->count("[INFO]  Quorvel: -[QuorvelHTTPClient sendRequestEventToServer:isRequestFromCache:appID:isDebug:onSuccess:] sending request to server "), 1U);
+  EXPECT_EQ(fakes.systemLog->count("[INFO]  Quorvel: -[QuorvelHTTPClient "
+                                   "sendRequestEventToServer:isRequestFromCache:appID:isDebug:"
+                                   "onSuccess:] sending request to server "),
+            1U);
 }
 
 TEST_F(HTTPClientTest, FreshTransportFailureIsCachedAndNoCallback) {
@@ -65,7 +72,9 @@ TEST_F(HTTPClientTest, FreshTransportFailureIsCachedAndNoCallback) {
   fakes.dispatcher->runUntilIdle();
   EXPECT_FALSE(called);
   ASSERT_EQ(files().size(), 1U);
-  EXPECT_EQ(fakes.systemLog->count("Quorvel Connection failed! Error - Could not connect to the server. "), 1U);
+  EXPECT_EQ(fakes.systemLog->count(
+                "Quorvel Connection failed! Error - Could not connect to the server. "),
+            1U);
 }
 
 TEST_F(HTTPClientTest, FreshAnswerReplaysTheCacheOneByOneWithTheSuffix) {
@@ -114,9 +123,10 @@ TEST_F(HTTPClientTest, MonitorValueSwitchesRemoteDebugging) {
     std::string body;
     bool enabled;
   };
-  const Case cases[] = {{R"({"monitor":1})", true}, {R"({"monitor":0})", false}, {R"({"monitor":1})", true},
-                        {"{}", false},              {R"({"monitor":"1"})", true}, {"not json", false},
-                        {R"({"monitor":1})", true}, {"[1,2]", false}};
+  const Case cases[] = {{R"({"monitor":1})", true},   {R"({"monitor":0})", false},
+                        {R"({"monitor":1})", true},   {"{}", false},
+                        {R"({"monitor":"1"})", true}, {"not json", false},
+                        {R"({"monitor":1})", true},   {"[1,2]", false}};
   std::size_t index = 0;
   for (const auto& c : cases) {
     client->sendRequestEventToServer(fresh(), false, std::nullopt, false, nullptr);
@@ -130,13 +140,15 @@ TEST_F(HTTPClientTest, MonitorValueSwitchesRemoteDebugging) {
       // after, so only the stop marker remains.
       const auto events = proxy.events();
       EXPECT_EQ(events.size(), c.body == "not json" ? 1U : 0U) << c.body;
-      for (const auto& e : events) EXPECT_NE(e.find("Turning OFF RD"), std::string::npos);
+      for (const auto& e : events)
+        EXPECT_NE(e.find("Turning OFF RD"), std::string::npos);
     }
   }
 }
 
 TEST_F(HTTPClientTest, LinkSettingsFromTrackingAnswers) {
-  client->handleHoplineResponse(Json{{"hl_domain", "go.example"}, {"hl_ver", "2"}, {"hl_scheme", "   "}});
+  client->handleHoplineResponse(
+      Json{{"hl_domain", "go.example"}, {"hl_ver", "2"}, {"hl_scheme", "   "}});
   EXPECT_EQ(fakes.preferences->stringForKey(keys::kHoplineDomain), "go.example");
   EXPECT_EQ(fakes.preferences->stringForKey(keys::kHoplineVersion), "2");
   EXPECT_FALSE(fakes.preferences->objectForKey(keys::kHoplineScheme));
@@ -152,7 +164,11 @@ TEST_F(HTTPClientTest, FireAndForgetPathDependsOnTheOSVersion) {
     std::string version;
     std::string path;
   };
-  const Case cases[] = {{"10.0", "session"}, {"8.4", "session"}, {"12", "session"}, {"9.3", "task"}, {"7.1", "dropped"}};
+  const Case cases[] = {{"10.0", "session"},
+                        {"8.4", "session"},
+                        {"12", "session"},
+                        {"9.3", "task"},
+                        {"7.1", "dropped"}};
   for (const auto& c : cases) {
     test::TestPlatform local;
     local.install();
@@ -162,7 +178,8 @@ TEST_F(HTTPClientTest, FireAndForgetPathDependsOnTheOSVersion) {
     auto localCache = std::make_shared<QuorvelRequestCache>(local.shared(), nullptr);
     auto http = QuorvelHTTPClient::create(local.shared(), localCache);
     EXPECT_EQ(http->bgSession() != nullptr, c.path == "session") << c.version;
-    http->sendRequestWithConfiguration("https://monitorsdk.example/remote-debug?app_id=1", "{\"data\":[]}");
+    http->sendRequestWithConfiguration("https://monitorsdk.example/remote-debug?app_id=1",
+                                       "{\"data\":[]}");
     local.dispatcher->runUntilIdle();
     if (c.path == "session") {
       const auto started = local.urlSessions->lastBackground()->started();
@@ -172,7 +189,8 @@ TEST_F(HTTPClientTest, FireAndForgetPathDependsOnTheOSVersion) {
       EXPECT_EQ(std::string(r.body.begin(), r.body.end()), "{\"data\":[]}");
       local.urlSessions->lastBackground()->fail(0, kRefused);
       local.dispatcher->runUntilIdle();
-      EXPECT_EQ(local.systemLog->count("completed with error: Could not connect to the server."), 1U);
+      EXPECT_EQ(local.systemLog->count("completed with error: Could not connect to the server."),
+                1U);
     } else if (c.path == "task") {
       ASSERT_EQ(local.urlSessions->shared()->started().size(), 1U);
       EXPECT_EQ(local.application->begun.size(), 1U);
@@ -196,8 +214,10 @@ TEST_F(HTTPClientTest, ShortLinkRequestsAreSigned) {
   client->getHopline("https://hopline.example/shortlink-sdk/v1/abc?id=xyz", "DEVKEY", nullptr);
   const auto& r = session().started().at(0).task->originalRequest();
   EXPECT_EQ(r.method, "GET");
-  EXPECT_EQ(r.headers, (platform::HeaderList{{"Content-Type", "application/json"}, {"qv-timestamp", "1510000000"},
-                                             {"authorization", QuorvelUtils::sha1("DEVKEY1510000000")}}));
+  EXPECT_EQ(r.headers,
+            (platform::HeaderList{{"Content-Type", "application/json"},
+                                  {"qv-timestamp", "1510000000"},
+                                  {"authorization", QuorvelUtils::sha1("DEVKEY1510000000")}}));
 }
 
 TEST_F(HTTPClientTest, ResolveAnswers) {
@@ -207,8 +227,10 @@ TEST_F(HTTPClientTest, ResolveAnswers) {
     std::optional<std::int64_t> errorCode;
   };
   const std::vector<Case> cases = {
-      {[](auto& s, auto i) { s.respond(i, 200, R"({"pid":"x"})"); }, Json{{"pid", "x"}}, std::nullopt},
-      {[](auto& s, auto i) { s.respond(i, 200, R"({"pid":"x"})", "text/html"); }, std::nullopt, std::nullopt},
+      {[](auto& s, auto i) { s.respond(i, 200, R"({"pid":"x"})"); }, Json{{"pid", "x"}},
+       std::nullopt},
+      {[](auto& s, auto i) { s.respond(i, 200, R"({"pid":"x"})", "text/html"); }, std::nullopt,
+       std::nullopt},
       {[](auto& s, auto i) { s.respond(i, 404, R"({"pid":"x"})"); }, std::nullopt, std::nullopt},
       {[](auto& s, auto i) { s.respond(i, 200, "{broken"); }, std::nullopt, 3840},
       {[](auto& s, auto i) { s.fail(i, kRefused); }, std::nullopt, -1004},
@@ -226,14 +248,18 @@ TEST_F(HTTPClientTest, ResolveAnswers) {
     fakes.dispatcher->runUntilIdle();
     EXPECT_EQ(calls, 1) << i;
     EXPECT_EQ(result, cases[i].result) << i;
-    EXPECT_EQ(error ? std::optional<std::int64_t>(error->code) : std::nullopt, cases[i].errorCode) << i;
+    EXPECT_EQ(error ? std::optional<std::int64_t>(error->code) : std::nullopt, cases[i].errorCode)
+        << i;
   }
 }
 
 TEST_F(HTTPClientTest, CreateBodyAndAnswers) {
   std::vector<std::pair<std::optional<std::string>, bool>> results;
-  auto record = [&](const auto& link, const auto& error) { results.emplace_back(link, error.has_value()); };
-  client->createHopline("https://hopline.example/shortlink-sdk/v1/tmpl", 30, "K", Json{{"pid", "me"}}, record);
+  auto record = [&](const auto& link, const auto& error) {
+    results.emplace_back(link, error.has_value());
+  };
+  client->createHopline("https://hopline.example/shortlink-sdk/v1/tmpl", 30, "K",
+                        Json{{"pid", "me"}}, record);
   client->createHopline("https://hopline.example/shortlink-sdk/v1/tmpl", 7, "K",
                         Json{{"bad", std::numeric_limits<double>::infinity()}}, record);
   const auto started = session().started();
@@ -246,7 +272,8 @@ TEST_F(HTTPClientTest, CreateBodyAndAnswers) {
   session().respond(1, 404, "https://go.example/tmpl/abc");
   fakes.dispatcher->runUntilIdle();
   ASSERT_EQ(results.size(), 2U);
-  EXPECT_EQ(results[0], std::make_pair(std::optional<std::string>("https://go.example/tmpl/abc"), false));
+  EXPECT_EQ(results[0],
+            std::make_pair(std::optional<std::string>("https://go.example/tmpl/abc"), false));
   EXPECT_EQ(results[1], std::make_pair(std::optional<std::string>(), false));
   EXPECT_EQ(fakes.systemLog->count("CreateHopline ttl: 30"), 1U);
 }
@@ -265,8 +292,9 @@ TEST_F(HTTPClientTest, RemoteDebuggingUploadGathersTheStaticBlockOnce) {
   fakes.dispatcher->runUntilIdle();
   auto started = fakes.urlSessions->lastBackground()->started();
   ASSERT_EQ(started.size(), 1U);
-  EXPECT_EQ(started[0].task->originalRequest().url,
-            "https://monitorsdk.svc.example/remote-debug?app_id=123&device_tracking_disabled=false");
+  EXPECT_EQ(
+      started[0].task->originalRequest().url,
+      "https://monitorsdk.svc.example/remote-debug?app_id=123&device_tracking_disabled=false");
   const auto& body = started[0].task->originalRequest().body;
   const Json document = Json::parse(body.begin(), body.end());
   const std::string uid = tracker->getQuorvelUID();

@@ -62,16 +62,19 @@ TEST(ThreadQueue, SerialQueueRunsOneItemAtATimeInOrder) {
   std::promise<void> done;
   for (int i = 0; i < 200; ++i) {
     queue.async([&, i] {
-      if (running.fetch_add(1) != 0) overlapped = true;
+      if (running.fetch_add(1) != 0)
+        overlapped = true;
       seen.push_back(i);
       running.fetch_sub(1);
-      if (i == 199) done.set_value();
+      if (i == 199)
+        done.set_value();
     });
   }
   ASSERT_EQ(done.get_future().wait_for(10s), std::future_status::ready);
   EXPECT_FALSE(overlapped);
   ASSERT_EQ(seen.size(), 200U);
-  for (int i = 0; i < 200; ++i) EXPECT_EQ(seen[static_cast<std::size_t>(i)], i);
+  for (int i = 0; i < 200; ++i)
+    EXPECT_EQ(seen[static_cast<std::size_t>(i)], i);
 }
 
 TEST(ThreadQueue, DelayedItemWaitsBehindLaterImmediateOnes) {
@@ -112,7 +115,8 @@ TEST(RunLoopQueue, HostDrainsOnItsOwnThread) {
   RunLoopQueue queue("main", [&] { ++wakeUps; });
   std::vector<int> order;
   std::thread producer([&] {
-    for (int i = 0; i < 3; ++i) queue.async([&order, i] { order.push_back(i); });
+    for (int i = 0; i < 3; ++i)
+      queue.async([&order, i] { order.push_back(i); });
   });
   producer.join();
   queue.asyncAfter(1h, [&] { order.push_back(99); });

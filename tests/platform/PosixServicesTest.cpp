@@ -38,7 +38,8 @@ TEST(PosixNetworkInterfaces, ListsTheLoopback) {
   ASSERT_TRUE(list);
   bool loopback = false;
   for (const auto& a : *list) {
-    if (a.isLoopback && a.family == InterfaceAddress::Family::ipv4) loopback = a.address == "127.0.0.1";
+    if (a.isLoopback && a.family == InterfaceAddress::Family::ipv4)
+      loopback = a.address == "127.0.0.1";
   }
   EXPECT_TRUE(loopback);
 }

@@ -77,7 +77,8 @@ TEST_F(PreferencesStoreTest, TypedReadsCoerceLikeThePlatform) {
 TEST_F(PreferencesStoreTest, CorruptFileIsLoggedKeptAsideAndReplaced) {
   QVSetShowDebugLogs(true);
   std::filesystem::create_directories(dir / "Library/Preferences");
-  for (const std::string& garbage : {std::string("{\"QuorvelCounter\": 4"), std::string("\0\0\xff", 3), std::string("[1,2]")}) {
+  for (const std::string& garbage :
+       {std::string("{\"QuorvelCounter\": 4"), std::string("\0\0\xff", 3), std::string("[1,2]")}) {
     std::ofstream(file(), std::ios::binary) << garbage;
     fakes.systemLog->clear();
     JsonFilePreferencesStore store(file());
@@ -136,9 +137,11 @@ TEST_F(PreferencesStoreTest, ConcurrentWritersNeverCorruptTheFile) {
       }
     });
   }
-  for (auto& th : threads) th.join();
+  for (auto& th : threads)
+    th.join();
   const Json saved = Json::parse(readText(file()));
-  for (int t = 0; t < 4; ++t) EXPECT_EQ(saved["k" + std::to_string(t)], 49);
+  for (int t = 0; t < 4; ++t)
+    EXPECT_EQ(saved["k" + std::to_string(t)], 49);
 }
 
 }  // namespace

@@ -58,10 +58,12 @@ TEST(FileSecureStore, PermissionsAndConcurrentAddsAreExclusive) {
   std::vector<std::thread> threads;
   for (int t = 0; t < 8; ++t) {
     threads.emplace_back([&] {
-      if (store.add("svc", "acct", {'x'}) == SecureStatus::success) ++successes;
+      if (store.add("svc", "acct", {'x'}) == SecureStatus::success)
+        ++successes;
     });
   }
-  for (auto& th : threads) th.join();
+  for (auto& th : threads)
+    th.join();
   EXPECT_EQ(successes.load(), 1);
   struct stat st {};
   ASSERT_EQ(::stat((dir / "keychain").c_str(), &st), 0);

@@ -10,14 +10,16 @@ namespace quorvel::test {
 std::optional<Json> MemoryPreferencesStore::objectForKey(std::string_view key) const {
   std::lock_guard lock(mutex_);
   const auto it = values_.find(key);
-  if (it == values_.end()) return std::nullopt;
+  if (it == values_.end())
+    return std::nullopt;
   return it->second;
 }
 
 void MemoryPreferencesStore::setObject(std::string_view key, Json value) {
   std::lock_guard lock(mutex_);
   if (value.is_null()) {
-    if (const auto it = values_.find(key); it != values_.end()) values_.erase(it);
+    if (const auto it = values_.find(key); it != values_.end())
+      values_.erase(it);
     return;
   }
   values_[std::string(key)] = std::move(value);
@@ -25,7 +27,8 @@ void MemoryPreferencesStore::setObject(std::string_view key, Json value) {
 
 void MemoryPreferencesStore::removeObjectForKey(std::string_view key) {
   std::lock_guard lock(mutex_);
-  if (const auto it = values_.find(key); it != values_.end()) values_.erase(it);
+  if (const auto it = values_.find(key); it != values_.end())
+    values_.erase(it);
 }
 
 bool MemoryPreferencesStore::synchronize() {
@@ -49,7 +52,8 @@ std::map<std::string, Json> MemoryPreferencesStore::snapshot() const {
 platform::SecureStatus MemorySecureStore::add(std::string_view service, std::string_view account,
                                               const Bytes& data) {
   std::lock_guard lock(mutex_);
-  const auto [it, inserted] = items_.emplace(std::make_pair(std::string(service), std::string(account)), data);
+  const auto [it, inserted] =
+      items_.emplace(std::make_pair(std::string(service), std::string(account)), data);
   return inserted ? platform::SecureStatus::success : platform::SecureStatus::duplicateItem;
 }
 
@@ -57,7 +61,8 @@ platform::SecureStatus MemorySecureStore::copy(std::string_view service, std::st
                                                Bytes& out) const {
   std::lock_guard lock(mutex_);
   const auto it = items_.find({std::string(service), std::string(account)});
-  if (it == items_.end()) return platform::SecureStatus::itemNotFound;
+  if (it == items_.end())
+    return platform::SecureStatus::itemNotFound;
   out = it->second;
   return platform::SecureStatus::success;
 }
@@ -66,12 +71,14 @@ platform::SecureStatus MemorySecureStore::update(std::string_view service, std::
                                                  const Bytes& data) {
   std::lock_guard lock(mutex_);
   const auto it = items_.find({std::string(service), std::string(account)});
-  if (it == items_.end()) return platform::SecureStatus::itemNotFound;
+  if (it == items_.end())
+    return platform::SecureStatus::itemNotFound;
   it->second = data;
   return platform::SecureStatus::success;
 }
 
-platform::SecureStatus MemorySecureStore::remove(std::string_view service, std::string_view account) {
+platform::SecureStatus MemorySecureStore::remove(std::string_view service,
+                                                 std::string_view account) {
   std::lock_guard lock(mutex_);
   return items_.erase({std::string(service), std::string(account)}) > 0
              ? platform::SecureStatus::success
@@ -91,7 +98,8 @@ std::optional<platform::TimePoint> MemoryFileSystem::creationDate(const std::str
   return it == nodes_.end() ? std::nullopt : it->second.created;
 }
 
-std::optional<platform::TimePoint> MemoryFileSystem::modificationDate(const std::string& path) const {
+std::optional<platform::TimePoint> MemoryFileSystem::modificationDate(
+    const std::string& path) const {
   std::lock_guard lock(mutex_);
   const auto it = nodes_.find(path);
   return it == nodes_.end() ? std::nullopt : it->second.modified;
@@ -104,15 +112,18 @@ bool MemoryFileSystem::fileExists(const std::string& path) const {
 
 bool MemoryFileSystem::createDirectory(const std::string& path) {
   std::lock_guard lock(mutex_);
-  if (failWrites) return false;
+  if (failWrites)
+    return false;
   nodes_[path].directory = true;
   return true;
 }
 
-std::optional<std::vector<std::string>> MemoryFileSystem::contentsOfDirectory(const std::string& path) const {
+std::optional<std::vector<std::string>> MemoryFileSystem::contentsOfDirectory(
+    const std::string& path) const {
   std::lock_guard lock(mutex_);
   const auto dir = nodes_.find(path);
-  if (dir == nodes_.end() || !dir->second.directory) return std::nullopt;
+  if (dir == nodes_.end() || !dir->second.directory)
+    return std::nullopt;
   std::vector<std::string> names;
   const std::string prefix = path + "/";
   for (const auto& [p, node] : nodes_) {
@@ -126,7 +137,8 @@ std::optional<std::vector<std::string>> MemoryFileSystem::contentsOfDirectory(co
 std::optional<Bytes> MemoryFileSystem::readFile(const std::string& path) const {
   std::lock_guard lock(mutex_);
   const auto it = nodes_.find(path);
-  if (it == nodes_.end() || it->second.directory) return std::nullopt;
+  if (it == nodes_.end() || it->second.directory)
+    return std::nullopt;
   return it->second.content;
 }
 
@@ -134,7 +146,8 @@ bool MemoryFileSystem::writeFileAtomically(const std::string& path, const Bytes&
                                            std::string* errorReason) {
   std::lock_guard lock(mutex_);
   if (failWrites) {
-    if (errorReason != nullptr) *errorReason = "No space left on device";
+    if (errorReason != nullptr)
+      *errorReason = "No space left on device";
     return false;
   }
   nodes_[path].content = content;
@@ -143,8 +156,10 @@ bool MemoryFileSystem::writeFileAtomically(const std::string& path, const Bytes&
 
 bool MemoryFileSystem::removeFile(const std::string& path, std::string* errorReason) {
   std::lock_guard lock(mutex_);
-  if (nodes_.erase(path) > 0) return true;
-  if (errorReason != nullptr) *errorReason = "No such file or directory";
+  if (nodes_.erase(path) > 0)
+    return true;
+  if (errorReason != nullptr)
+    *errorReason = "No such file or directory";
   return false;
 }
 
@@ -153,7 +168,8 @@ void MemoryFileSystem::setDates(const std::string& path, std::optional<platform:
   std::lock_guard lock(mutex_);
   const bool existed = nodes_.count(path) > 0;
   auto& node = nodes_[path];
-  if (!existed) node.directory = true;
+  if (!existed)
+    node.directory = true;
   node.created = created;
   node.modified = modified;
 }
@@ -162,13 +178,15 @@ void MemoryFileSystem::setDates(const std::string& path, std::optional<platform:
 
 std::optional<Bytes> FakeSysctl::byName(std::string_view name) const {
   const auto it = byNameAnswers.find(name);
-  if (it == byNameAnswers.end()) return std::nullopt;
+  if (it == byNameAnswers.end())
+    return std::nullopt;
   return it->second;
 }
 
 std::optional<Bytes> FakeSysctl::byMib(const std::vector<int>& mib) const {
   const auto it = byMibAnswers.find(mib);
-  if (it == byMibAnswers.end()) return std::nullopt;
+  if (it == byMibAnswers.end())
+    return std::nullopt;
   return it->second;
 }
 
@@ -186,9 +204,9 @@ std::vector<std::string> CapturingSystemLog::lines() const {
 
 std::size_t CapturingSystemLog::count(std::string_view text) const {
   std::lock_guard lock(mutex_);
-  return static_cast<std::size_t>(std::count_if(lines_.begin(), lines_.end(), [&](const std::string& l) {
-    return l.find(text) != std::string::npos;
-  }));
+  return static_cast<std::size_t>(
+      std::count_if(lines_.begin(), lines_.end(),
+                    [&](const std::string& l) { return l.find(text) != std::string::npos; }));
 }
 
 void CapturingSystemLog::clear() {
@@ -200,15 +218,19 @@ void CapturingSystemLog::clear() {
 
 int ScriptedRandom::fill(Bytes& out) noexcept {
   std::lock_guard lock(mutex_);
-  if (failWithError != 0) return failWithError;
-  for (auto& b : out) b = next_++;
+  if (failWithError != 0)
+    return failWithError;
+  for (auto& b : out)
+    b = next_++;
   return 0;
 }
 
 std::uint32_t ScriptedRandom::uniform(std::uint32_t upperBound) noexcept {
   std::lock_guard lock(mutex_);
-  if (upperBound == 0) return 0;
-  if (uniformValues.empty()) return 0;
+  if (upperBound == 0)
+    return 0;
+  if (uniformValues.empty())
+    return 0;
   const std::uint32_t v = uniformValues.front();
   uniformValues.pop_front();
   return v % upperBound;
@@ -222,11 +244,15 @@ class FakeTask final : public platform::URLSessionTask {
  public:
   FakeTask(std::uint64_t id, platform::URLRequest request, FakeURLSession& session,
            platform::DataTaskCompletion completion)
-      : id_(id), request_(std::move(request)), session_(session), completion_(std::move(completion)) {}
+      : id_(id),
+        request_(std::move(request)),
+        session_(session),
+        completion_(std::move(completion)) {}
   std::uint64_t taskIdentifier() const noexcept override { return id_; }
   const platform::URLRequest& originalRequest() const noexcept override { return request_; }
   void resume() noexcept override {
-    if (!resumed_.exchange(true)) session_.markStarted(self_.lock(), completion_);
+    if (!resumed_.exchange(true))
+      session_.markStarted(self_.lock(), completion_);
   }
   void cancel() noexcept override {}
   std::string description() const override {
@@ -244,8 +270,8 @@ class FakeTask final : public platform::URLSessionTask {
 
 }  // namespace
 
-std::shared_ptr<platform::URLSessionTask> FakeURLSession::dataTask(platform::URLRequest request,
-                                                                   platform::DataTaskCompletion completion) {
+std::shared_ptr<platform::URLSessionTask> FakeURLSession::dataTask(
+    platform::URLRequest request, platform::DataTaskCompletion completion) {
   std::uint64_t id = 0;
   {
     std::lock_guard lock(mutex_);
@@ -256,7 +282,8 @@ std::shared_ptr<platform::URLSessionTask> FakeURLSession::dataTask(platform::URL
   return task;
 }
 
-std::shared_ptr<platform::URLSessionTask> FakeURLSession::downloadTask(platform::URLRequest request) {
+std::shared_ptr<platform::URLSessionTask> FakeURLSession::downloadTask(
+    platform::URLRequest request) {
   return dataTask(std::move(request), {});
 }
 

@@ -30,9 +30,12 @@ class MemoryPreferencesStore final : public platform::PreferencesStore {
 
 class MemorySecureStore final : public platform::SecureStore {
  public:
-  platform::SecureStatus add(std::string_view service, std::string_view account, const Bytes& data) override;
-  platform::SecureStatus copy(std::string_view service, std::string_view account, Bytes& out) const override;
-  platform::SecureStatus update(std::string_view service, std::string_view account, const Bytes& data) override;
+  platform::SecureStatus add(std::string_view service, std::string_view account,
+                             const Bytes& data) override;
+  platform::SecureStatus copy(std::string_view service, std::string_view account,
+                              Bytes& out) const override;
+  platform::SecureStatus update(std::string_view service, std::string_view account,
+                                const Bytes& data) override;
   platform::SecureStatus remove(std::string_view service, std::string_view account) override;
   std::size_t size() const;
 
@@ -63,7 +66,8 @@ struct FakeDevice final : platform::Device {
 
 struct FakeBundle final : platform::Bundle {
   std::optional<std::string> identifier = "com.example.test";
-  Json info = Json{{"CFBundleIdentifier", "com.example.test"}, {"CFBundleVersion", "7"},
+  Json info = Json{{"CFBundleIdentifier", "com.example.test"},
+                   {"CFBundleVersion", "7"},
                    {"CFBundleShortVersionString", "1.7"}};
   std::optional<std::string> receiptPath;
 
@@ -93,9 +97,11 @@ class MemoryFileSystem final : public platform::FileSystem {
   std::optional<platform::TimePoint> modificationDate(const std::string& path) const override;
   bool fileExists(const std::string& path) const override;
   bool createDirectory(const std::string& path) override;
-  std::optional<std::vector<std::string>> contentsOfDirectory(const std::string& path) const override;
+  std::optional<std::vector<std::string>> contentsOfDirectory(
+      const std::string& path) const override;
   std::optional<Bytes> readFile(const std::string& path) const override;
-  bool writeFileAtomically(const std::string& path, const Bytes& content, std::string* errorReason) override;
+  bool writeFileAtomically(const std::string& path, const Bytes& content,
+                           std::string* errorReason) override;
   bool removeFile(const std::string& path, std::string* errorReason) override;
   using FileSystem::removeFile;
   using FileSystem::writeFileAtomically;
@@ -120,7 +126,8 @@ struct FakeApplication final : platform::Application {
   std::vector<platform::BackgroundTaskIdentifier> begun;
   std::vector<platform::BackgroundTaskIdentifier> ended;
   std::map<platform::BackgroundTaskIdentifier, std::function<void()>> expirations;
-  platform::BackgroundTaskIdentifier beginBackgroundTask(std::function<void()> expiration) override {
+  platform::BackgroundTaskIdentifier beginBackgroundTask(
+      std::function<void()> expiration) override {
     std::lock_guard l(mutex);
     const auto id = static_cast<platform::BackgroundTaskIdentifier>(begun.size() + 1);
     begun.push_back(id);
@@ -148,7 +155,8 @@ struct FakeSysctl final : platform::Sysctl {
 };
 
 struct FakeNetworkInterfaces final : platform::NetworkInterfaces {
-  std::optional<std::vector<platform::InterfaceAddress>> list = std::vector<platform::InterfaceAddress>{};
+  std::optional<std::vector<platform::InterfaceAddress>> list =
+      std::vector<platform::InterfaceAddress>{};
   std::optional<std::vector<platform::InterfaceAddress>> addresses() const override { return list; }
 };
 
@@ -193,8 +201,8 @@ class FakeURLSession final : public platform::URLSession {
                  std::weak_ptr<platform::URLSessionDownloadDelegate> delegate = {})
       : queue_(std::move(delegateQueue)), delegate_(std::move(delegate)) {}
 
-  std::shared_ptr<platform::URLSessionTask> dataTask(platform::URLRequest request,
-                                                     platform::DataTaskCompletion completion) override;
+  std::shared_ptr<platform::URLSessionTask> dataTask(
+      platform::URLRequest request, platform::DataTaskCompletion completion) override;
   std::shared_ptr<platform::URLSessionTask> downloadTask(platform::URLRequest request) override;
   std::shared_ptr<platform::DispatchQueue> delegateQueue() override { return queue_; }
 
@@ -220,7 +228,8 @@ class FakeURLSessionFactory final : public platform::URLSessionFactory {
  public:
   explicit FakeURLSessionFactory(std::shared_ptr<platform::Dispatcher> dispatcher)
       : dispatcher_(std::move(dispatcher)),
-        shared_(std::make_shared<FakeURLSession>(dispatcher_->makeSerialQueue("session.callbacks"))) {}
+        shared_(
+            std::make_shared<FakeURLSession>(dispatcher_->makeSerialQueue("session.callbacks"))) {}
   std::shared_ptr<platform::URLSession> sharedSession() override;
   std::shared_ptr<platform::URLSession> backgroundSession(
       const platform::BackgroundSessionConfiguration& configuration,

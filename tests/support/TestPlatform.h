@@ -17,7 +17,8 @@ struct TestPlatform {
   std::shared_ptr<VirtualDispatcher> dispatcher = std::make_shared<VirtualDispatcher>(clock);
   std::shared_ptr<MemoryPreferencesStore> preferences = std::make_shared<MemoryPreferencesStore>();
   std::shared_ptr<MemorySecureStore> secureStore = std::make_shared<MemorySecureStore>();
-  std::shared_ptr<FakeURLSessionFactory> urlSessions = std::make_shared<FakeURLSessionFactory>(dispatcher);
+  std::shared_ptr<FakeURLSessionFactory> urlSessions =
+      std::make_shared<FakeURLSessionFactory>(dispatcher);
   std::shared_ptr<platform::InProcessNotificationCenter> notifications =
       std::make_shared<platform::InProcessNotificationCenter>();
   std::shared_ptr<FakeDevice> device = std::make_shared<FakeDevice>();
@@ -25,7 +26,8 @@ struct TestPlatform {
   std::shared_ptr<FakeLocale> locale = std::make_shared<FakeLocale>();
   std::shared_ptr<MemoryFileSystem> fileSystem = std::make_shared<MemoryFileSystem>();
   std::shared_ptr<FakeSysctl> sysctl = std::make_shared<FakeSysctl>();
-  std::shared_ptr<FakeNetworkInterfaces> networkInterfaces = std::make_shared<FakeNetworkInterfaces>();
+  std::shared_ptr<FakeNetworkInterfaces> networkInterfaces =
+      std::make_shared<FakeNetworkInterfaces>();
   std::shared_ptr<platform::InMemoryClassRegistry> classRegistry =
       std::make_shared<platform::InMemoryClassRegistry>();
   std::shared_ptr<CapturingSystemLog> systemLog = std::make_shared<CapturingSystemLog>();
@@ -52,7 +54,9 @@ struct TestPlatform {
     p.application = application;
     return p;
   }
-  std::shared_ptr<const Platform> shared() const { return std::make_shared<const Platform>(platform()); }
+  std::shared_ptr<const Platform> shared() const {
+    return std::make_shared<const Platform>(platform());
+  }
   // Makes these fakes the process's platform and resets the logger's switches.
   void install() const {
     installPlatform(platform());

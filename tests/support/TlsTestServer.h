@@ -46,7 +46,8 @@ class TlsTestServer {
   void onRequest(std::function<void(const httplib::Request&, httplib::Response&)> handler);
   std::vector<ReceivedRequest> received() const;
   // Waits (bounded) until at least `count` requests have arrived.
-  bool waitForRequests(std::size_t count, std::chrono::milliseconds bound = std::chrono::seconds(20)) const;
+  bool waitForRequests(std::size_t count,
+                       std::chrono::milliseconds bound = std::chrono::seconds(20)) const;
 
   httplib::SSLServer& server() { return *server_; }
 

@@ -7,7 +7,8 @@ thread_local const void* tRunningQueue = nullptr;
 
 class VirtualQueue final : public platform::DispatchQueue {
  public:
-  VirtualQueue(VirtualDispatcher& owner, std::string label) : owner_(owner), label_(std::move(label)) {}
+  VirtualQueue(VirtualDispatcher& owner, std::string label)
+      : owner_(owner), label_(std::move(label)) {}
   const std::string& label() const noexcept override { return label_; }
   void async(platform::Work work) noexcept override {
     owner_.schedule(label_, this, std::chrono::nanoseconds(0), std::move(work));
@@ -35,24 +36,29 @@ std::shared_ptr<platform::DispatchQueue> VirtualDispatcher::makeSerialQueue(std:
 
 void VirtualDispatcher::schedule(const std::string& label, const void* queue,
                                  std::chrono::nanoseconds delay, platform::Work work) {
-  if (!work) return;
+  if (!work)
+    return;
   const auto due = clock_->now() + std::chrono::duration_cast<platform::TimePoint::duration>(
                                        delay.count() < 0 ? std::chrono::nanoseconds(0) : delay);
   std::lock_guard lock(mutex_);
   items_.emplace(std::make_pair(due, sequence_++), Item{label, queue, std::move(work)});
 }
 
-bool VirtualDispatcher::isRunning(const void* queue) const { return tRunningQueue == queue; }
+bool VirtualDispatcher::isRunning(const void* queue) const {
+  return tRunningQueue == queue;
+}
 
 bool VirtualDispatcher::runOneDueAt(platform::TimePoint limit) {
   Item item;
   {
     std::lock_guard lock(mutex_);
-    if (items_.empty() || items_.begin()->first.first > limit) return false;
+    if (items_.empty() || items_.begin()->first.first > limit)
+      return false;
     const auto due = items_.begin()->first.first;
     item = std::move(items_.begin()->second);
     items_.erase(items_.begin());
-    if (due > clock_->now()) clock_->set(due);
+    if (due > clock_->now())
+      clock_->set(due);
     ranOn_.push_back(item.label);
   }
   const void* previous = tRunningQueue;
@@ -64,14 +70,16 @@ bool VirtualDispatcher::runOneDueAt(platform::TimePoint limit) {
 
 std::size_t VirtualDispatcher::runUntilIdle() {
   std::size_t ran = 0;
-  while (runOneDueAt(clock_->now())) ++ran;
+  while (runOneDueAt(clock_->now()))
+    ++ran;
   return ran;
 }
 
 std::size_t VirtualDispatcher::advance(std::chrono::nanoseconds d) {
   const auto target = clock_->now() + std::chrono::duration_cast<platform::TimePoint::duration>(d);
   std::size_t ran = 0;
-  while (runOneDueAt(target)) ++ran;
+  while (runOneDueAt(target))
+    ++ran;
   clock_->set(target);
   return ran;
 }

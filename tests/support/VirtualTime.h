@@ -18,8 +18,9 @@ namespace quorvel::test {
 
 class VirtualClock final : public platform::Clock {
  public:
-  explicit VirtualClock(platform::TimePoint start = platform::TimePoint(std::chrono::seconds(1'700'000'000)),
-                        long gmtOffsetSeconds = 0)
+  explicit VirtualClock(
+      platform::TimePoint start = platform::TimePoint(std::chrono::seconds(1'700'000'000)),
+      long gmtOffsetSeconds = 0)
       : now_(start), offset_(gmtOffsetSeconds) {}
 
   platform::TimePoint now() const noexcept override {

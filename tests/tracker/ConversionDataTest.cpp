@@ -55,7 +55,9 @@ TEST_F(ConversionDataTest, FreshAnswerIsCleanedStoredAndDelivered) {
             "https://sdk.svc.example/install_data/v3/id123?devkey=KEY&device_id=" + uid);
   EXPECT_EQ(session().started()[0].task->originalRequest().method, "GET");
   fakes.clock->advance(250ms);
-  answer(200, R"({"af_status":"Non-organic","media_source":null,"nested":{"x":null,"y":[null,1]},"iscache":false})");
+  answer(
+      200,
+      R"({"af_status":"Non-organic","media_source":null,"nested":{"x":null,"y":[null,1]},"iscache":false})");
   const Json want = Json::parse(R"({"af_status":"Non-organic","nested":{"y":[1]}})");
   EXPECT_EQ(received, std::vector<Json>{want});
   EXPECT_EQ(queues, std::vector<std::string>{"callback"});

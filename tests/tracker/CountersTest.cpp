@@ -60,7 +60,8 @@ TEST_F(CountersTest, CountersGrowOnlyWhenAsked) {
 }
 
 TEST_F(CountersTest, SessionCounterCountsMovesToTheBackground) {
-  for (int i = 0; i < 3; ++i) tracker->incrementRealLaunchCounter();
+  for (int i = 0; i < 3; ++i)
+    tracker->incrementRealLaunchCounter();
   EXPECT_EQ(tracker->getRealLaunchCounter(), 4);
   EXPECT_EQ(fakes.systemLog->count("real lanunch counter after increment = 3"), 1U);
   EXPECT_EQ(fakes.systemLog->count("getRealLaunchCounter real lanunch number 3"), 1U);

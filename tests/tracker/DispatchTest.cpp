@@ -25,7 +25,9 @@ class DispatchTest : public ::testing::Test {
     tracker->setHost(std::string("svc.example"));
   }
   test::FakeURLSession& session() { return *fakes.urlSessions->shared(); }
-  const platform::URLRequest& request(std::size_t i) { return session().started().at(i).task->originalRequest(); }
+  const platform::URLRequest& request(std::size_t i) {
+    return session().started().at(i).task->originalRequest();
+  }
   Json payload(std::size_t i) { return test::decryptPayload(kKey, request(i).body); }
 
   test::TestPlatform fakes;
@@ -37,11 +39,13 @@ TEST_F(DispatchTest, EndpointsByKind) {
     bool isEvent, isIAd;
     std::string prefix;
   };
-  const Case cases[] = {{false, false, "t"}, {true, false, "events"}, {false, true, "attr"}, {true, true, "events"}};
+  const Case cases[] = {
+      {false, false, "t"}, {true, false, "events"}, {false, true, "attr"}, {true, true, "events"}};
   std::size_t i = 0;
   for (const auto& c : cases) {
     tracker->callServerWithEventName("purchase", std::string("9.99"), c.isEvent, c.isIAd);
-    EXPECT_EQ(request(i++).url, "https://" + c.prefix + ".svc.example/api/v4.8/iosevent?app_id=123&buildnumber=4.8.0");
+    EXPECT_EQ(request(i++).url, "https://" + c.prefix +
+                                    ".svc.example/api/v4.8/iosevent?app_id=123&buildnumber=4.8.0");
   }
 }
 
@@ -126,7 +130,10 @@ TEST_F(DispatchTest, ADeliveredLaunchFetchesConversionDataForAnInterestedDelegat
   session().respond(2, 500, "{}");
   fakes.dispatcher->runUntilIdle();
   ASSERT_EQ(session().started().size(), 4U);
-  EXPECT_EQ(request(3).url.rfind("https://sdk.svc.example/install_data/v3/id123?devkey=DEVKEY-DISPATCH&device_id=", 0), 0U);
+  EXPECT_EQ(
+      request(3).url.rfind(
+          "https://sdk.svc.example/install_data/v3/id123?devkey=DEVKEY-DISPATCH&device_id=", 0),
+      0U);
 }
 
 }  // namespace

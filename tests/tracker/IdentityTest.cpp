@@ -14,7 +14,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-Bytes bytes(const std::string& s) { return Bytes(s.begin(), s.end()); }
+Bytes bytes(const std::string& s) {
+  return Bytes(s.begin(), s.end());
+}
 
 class IdentityTest : public ::testing::Test {
  protected:
@@ -22,13 +24,15 @@ class IdentityTest : public ::testing::Test {
     fakes.install();
     QuorvelProxyManager::sharedManager().stopRemoteDebugging();
     // Installed at 1,700,000,000.5 s; the device is 2 hours east of GMT.
-    fakes.fileSystem->setDates("/app/Library", platform::TimePoint(1'700'000'000'500ms), std::nullopt);
+    fakes.fileSystem->setDates("/app/Library", platform::TimePoint(1'700'000'000'500ms),
+                               std::nullopt);
     fakes.clock->setGMTOffset(7200);
     tracker = std::make_unique<QuorvelTracker>(fakes.shared());
   }
   std::optional<std::string> keychainItem(const char* account) {
     Bytes out;
-    if (fakes.secureStore->copy(keys::kKeychainService, account, out) != platform::SecureStatus::success) {
+    if (fakes.secureStore->copy(keys::kKeychainService, account, out) !=
+        platform::SecureStatus::success) {
       return std::nullopt;
     }
     return std::string(out.begin(), out.end());
@@ -90,7 +94,8 @@ TEST_F(IdentityTest, KeychainCopyRaisesTheReinstallCounter) {
     local.install();
     local.secureStore->add(keys::kKeychainService, keys::kKeychainIdItem, bytes("1600000000000-5"));
     if (c.storedCounter) {
-      local.secureStore->add(keys::kKeychainService, keys::kKeychainReinstallCounterItem, bytes(*c.storedCounter));
+      local.secureStore->add(keys::kKeychainService, keys::kKeychainReinstallCounterItem,
+                             bytes(*c.storedCounter));
     }
     QuorvelTracker t(local.shared());
     EXPECT_TRUE(t.getKeychainData());
@@ -111,7 +116,8 @@ TEST_F(IdentityTest, NoOrUnreadableKeychainCopyMeansNone) {
 }
 
 TEST_F(IdentityTest, WrapperUsesTheBareServiceNameWhateverTheAppId) {
-  const QuorvelKeychainWrapper wrapper(fakes.secureStore, std::string("com.quorvel.sdk"), std::string("123456"));
+  const QuorvelKeychainWrapper wrapper(fakes.secureStore, std::string("com.quorvel.sdk"),
+                                       std::string("123456"));
   EXPECT_EQ(wrapper.identifier(), "com.quorvel.sdk");
   EXPECT_FALSE(wrapper.appId());
   const auto q = wrapper.prepareForKeychain("KCQuorvelId");

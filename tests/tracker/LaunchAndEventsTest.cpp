@@ -38,7 +38,8 @@ class LaunchAndEventsTest : public ::testing::Test {
   }
   std::vector<platform::URLRequest> sent() {
     std::vector<platform::URLRequest> out;
-    for (const auto& s : fakes.urlSessions->shared()->started()) out.push_back(s.task->originalRequest());
+    for (const auto& s : fakes.urlSessions->shared()->started())
+      out.push_back(s.task->originalRequest());
     return out;
   }
   Json payload(std::size_t i) { return test::decryptPayload(kKey, sent().at(i).body); }
@@ -65,7 +66,8 @@ TEST_F(LaunchAndEventsTest, SessionIntervalIsStrictlyGreater) {
     std::chrono::milliseconds gap;
     bool sent;
   };
-  const Case cases[] = {{5, 2s, false}, {5, 5s, false}, {5, 5001ms, true}, {0, 0ms, false}, {0, 1ms, true}};
+  const Case cases[] = {
+      {5, 2s, false}, {5, 5s, false}, {5, 5001ms, true}, {0, 0ms, false}, {0, 1ms, true}};
   for (const auto& c : cases) {
     test::TestPlatform local;
     local.install();
@@ -77,7 +79,8 @@ TEST_F(LaunchAndEventsTest, SessionIntervalIsStrictlyGreater) {
     t.sendLaunchToServer();
     local.clock->advance(c.gap);
     t.sendLaunchToServer();
-    EXPECT_EQ(local.urlSessions->shared()->started().size(), c.sent ? 2U : 1U) << c.minimum << " " << c.gap.count();
+    EXPECT_EQ(local.urlSessions->shared()->started().size(), c.sent ? 2U : 1U)
+        << c.minimum << " " << c.gap.count();
   }
 }
 
@@ -90,7 +93,8 @@ TEST_F(LaunchAndEventsTest, SearchAdsAnswerAfterTheLaunchSendsOneFollowUp) {
   EXPECT_TRUE(tracker->permitAggregateiAdData());
   fakes.dispatcher->advance(2s);  // the Search Ads answer
   ASSERT_EQ(sent().size(), 2U);
-  EXPECT_EQ(sent()[1].url, "https://attr.svc.example/api/v4.8/iosevent?app_id=123&buildnumber=4.8.0");
+  EXPECT_EQ(sent()[1].url,
+            "https://attr.svc.example/api/v4.8/iosevent?app_id=123&buildnumber=4.8.0");
   EXPECT_EQ(payload(1)["qv_iad_data"], ads->details);
   EXPECT_FALSE(tracker->permitAggregateiAdData());
   EXPECT_EQ(fakes.preferences->objectForKey(keys::kSearchAdsAttribution), ads->details);
@@ -126,9 +130,16 @@ TEST_F(LaunchAndEventsTest, BackgroundCountsTheSessionAndSendsStatistics) {
   EXPECT_EQ(r.url, "https://stats.svc.example/stats?app_id=123");
   const Json body = Json::parse(r.body.begin(), r.body.end());
   const std::string uid = tracker->getQuorvelUID();
-  const Json want = {{"app_id", "123"}, {"devkey", kKey}, {"uid", uid}, {"time_in_app", 42.0},
-                     {"statType", "user_closed_app"}, {"launch_counter", 1}, {"platform", "iOS"},
-                     {"gcd_conversion_data_timing", 0.5}, {"advertiserId", ""}, {"originalQuorvelId", uid}};
+  const Json want = {{"app_id", "123"},
+                     {"devkey", kKey},
+                     {"uid", uid},
+                     {"time_in_app", 42.0},
+                     {"statType", "user_closed_app"},
+                     {"launch_counter", 1},
+                     {"platform", "iOS"},
+                     {"gcd_conversion_data_timing", 0.5},
+                     {"advertiserId", ""},
+                     {"originalQuorvelId", uid}};
   EXPECT_EQ(body, want);
 }
 
@@ -151,18 +162,21 @@ TEST_F(LaunchAndEventsTest, BackgroundEdgeCases) {
 
 TEST_F(LaunchAndEventsTest, ValueEventsGoAfter1msOnTheMainQueue) {
   const std::pair<std::optional<std::string>, bool> cases[] = {
-      {"12.50", true}, {"-", true}, {"12,50", false}, {"USD 5", false}, {"", false}, {std::nullopt, false}};
+      {"12.50", true},  {"-", true}, {"12,50", false},
+      {"USD 5", false}, {"", false}, {std::nullopt, false}};
   for (const auto& [value, revenue] : cases) {
     fakes.systemLog->clear();
     tracker->trackEvent("af_purchase", value);
-    EXPECT_EQ(fakes.systemLog->count("will be categorized as a revenue event."), revenue ? 1U : 0U) << value.value_or("nil");
+    EXPECT_EQ(fakes.systemLog->count("will be categorized as a revenue event."), revenue ? 1U : 0U)
+        << value.value_or("nil");
   }
   EXPECT_TRUE(sent().empty());
   fakes.dispatcher->advance(1ms);
   ASSERT_EQ(sent().size(), std::size(cases));
   const auto ran = fakes.dispatcher->ranOn();
   EXPECT_EQ(std::count(ran.begin(), ran.end(), "main"), static_cast<long>(std::size(cases)));
-  EXPECT_EQ(sent()[0].url, "https://events.svc.example/api/v4.8/iosevent?app_id=123&buildnumber=4.8.0");
+  EXPECT_EQ(sent()[0].url,
+            "https://events.svc.example/api/v4.8/iosevent?app_id=123&buildnumber=4.8.0");
   EXPECT_EQ(payload(0)["eventvalue"], "12.50");
   EXPECT_EQ(payload(5)["eventvalue"], "");
   EXPECT_EQ(payload(0)["iaecounter"], "1");
@@ -179,7 +193,8 @@ TEST_F(LaunchAndEventsTest, DictionaryEventsGoAfter100msOnTheSerialQueue) {
   ASSERT_EQ(sent().size(), 4U);
   const auto ran = fakes.dispatcher->ranOn();
   EXPECT_EQ(std::count(ran.begin(), ran.end(), "main"), 0);
-  EXPECT_EQ(payload(0)["eventvalue"], "%7B%22name%22:%22a%2C%20b%22%2C%22n%22:3%2C%22u%22:%22%C3%A9%20x%22%7D");
+  EXPECT_EQ(payload(0)["eventvalue"],
+            "%7B%22name%22:%22a%2C%20b%22%2C%22n%22:3%2C%22u%22:%22%C3%A9%20x%22%7D");
   EXPECT_EQ(payload(1)["eventvalue"], "null");
   EXPECT_EQ(payload(2)["eventvalue"], "");
   EXPECT_EQ(payload(3)["event"], "qv_location_coordinates");

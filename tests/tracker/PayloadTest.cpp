@@ -16,14 +16,20 @@ using namespace std::chrono_literals;
 
 std::vector<std::string> keysOf(const Json& d) {
   std::vector<std::string> out;
-  for (const auto& [k, v] : d.items()) out.push_back(k);
+  for (const auto& [k, v] : d.items())
+    out.push_back(k);
   return out;
 }
 
-struct FakeAdManager final : platform::AdvertisingIdentifierManager, platform::AdvertisingIdentifierManagerClass {
-  std::optional<std::string> advertisingIdentifier() override { return "6D92078A-8246-4BA4-AE5B-76104861E7DC"; }
+struct FakeAdManager final : platform::AdvertisingIdentifierManager,
+                             platform::AdvertisingIdentifierManagerClass {
+  std::optional<std::string> advertisingIdentifier() override {
+    return "6D92078A-8246-4BA4-AE5B-76104861E7DC";
+  }
   bool isAdvertisingTrackingEnabled() override { return true; }
-  std::shared_ptr<platform::AdvertisingIdentifierManager> sharedManager() override { return self.lock(); }
+  std::shared_ptr<platform::AdvertisingIdentifierManager> sharedManager() override {
+    return self.lock();
+  }
   std::weak_ptr<FakeAdManager> self;
 };
 
@@ -35,7 +41,8 @@ class PayloadTest : public ::testing::Test {
     QVSetShowDebugLogs(true);
     fakes.fileSystem->setDates("/app/Library", fakes.clock->now() - 48h, std::nullopt);
     fakes.fileSystem->setDates("/app/tmp", std::nullopt, fakes.clock->now() - 24h);
-    fakes.sysctl->byNameAnswers["hw.machine"] = Bytes{'i', 'P', 'h', 'o', 'n', 'e', '1', '0', ',', '3', 0};
+    fakes.sysctl->byNameAnswers["hw.machine"] =
+        Bytes{'i', 'P', 'h', 'o', 'n', 'e', '1', '0', ',', '3', 0};
     tracker = std::make_unique<QuorvelTracker>(fakes.shared());
     tracker->setQuorvelDevKey(std::string("DEVKEY-0123"));
     delegate = std::make_shared<QuorvelTrackerDelegate>();
@@ -50,12 +57,39 @@ class PayloadTest : public ::testing::Test {
 
 TEST_F(PayloadTest, FirstLaunchKeysInOrder) {
   const Json d = tracker->getEventParameters(true).dict();
-  const std::vector<std::string> want = {
-      "uid", "serverApiVersion", "name", "systemname", "systemversion", "model", "localizedmodel", "platform",
-      "platformextension", "counter", "sessioncounter", "iaecounter", "dev_key", "deviceData", "qv_events_api",
-      "timepassedsincelastlaunch", "advertiserId", "advertiserIdEnabled", "bundleIdentifier", "vendorId",
-      "bundleversion", "bundlename", "shortbundleversion", "date1", "date2", "date3", "firstLaunchDate",
-      "currentLanguage", "lang_code", "currentCountrycode", "timestamp", "wifi", "JBDevice"};
+  const std::vector<std::string> want = {"uid",
+                                         "serverApiVersion",
+                                         "name",
+                                         "systemname",
+                                         "systemversion",
+                                         "model",
+                                         "localizedmodel",
+                                         "platform",
+                                         "platformextension",
+                                         "counter",
+                                         "sessioncounter",
+                                         "iaecounter",
+                                         "dev_key",
+                                         "deviceData",
+                                         "qv_events_api",
+                                         "timepassedsincelastlaunch",
+                                         "advertiserId",
+                                         "advertiserIdEnabled",
+                                         "bundleIdentifier",
+                                         "vendorId",
+                                         "bundleversion",
+                                         "bundlename",
+                                         "shortbundleversion",
+                                         "date1",
+                                         "date2",
+                                         "date3",
+                                         "firstLaunchDate",
+                                         "currentLanguage",
+                                         "lang_code",
+                                         "currentCountrycode",
+                                         "timestamp",
+                                         "wifi",
+                                         "JBDevice"};
   EXPECT_EQ(keysOf(d), want);
   EXPECT_EQ(d["serverApiVersion"], "4.8");
   EXPECT_EQ(d["platform"], "iPhone10,3");
@@ -100,7 +134,9 @@ TEST_F(PayloadTest, OptionalKeysAppearWithTheirConditions) {
   EXPECT_FALSE(d.contains("timepassedsincelastlaunch"));
   EXPECT_EQ(d["deviceTrackingDisabled"], "true");
   EXPECT_EQ(d["currency"], "EU");
-  EXPECT_EQ(fakes.systemLog->count("currency code should be 3 characters!!! 'EU' is not a legal value."), 1U);
+  EXPECT_EQ(
+      fakes.systemLog->count("currency code should be 3 characters!!! 'EU' is not a legal value."),
+      1U);
   EXPECT_EQ(d["appUID"], "cust-7");
   EXPECT_EQ(d["customData"], R"({"tier":"gold"})");
   EXPECT_EQ(d["installAttribution"], (Json{{"af_status", "Organic"}}));
@@ -117,11 +153,15 @@ TEST_F(PayloadTest, OptionalKeysAppearWithTheirConditions) {
 }
 
 TEST_F(PayloadTest, EmailLabelsByCryptType) {
-  const std::pair<int, std::string> cases[] = {{0, "plain_el_arr"}, {1, "sha1_el_arr"}, {2, "md5_el_arr"},
-                                               {3, "sha256_el_arr"}, {7, "sha1_el_arr"}};
+  const std::pair<int, std::string> cases[] = {{0, "plain_el_arr"},
+                                               {1, "sha1_el_arr"},
+                                               {2, "md5_el_arr"},
+                                               {3, "sha256_el_arr"},
+                                               {7, "sha1_el_arr"}};
   for (const auto& [type, label] : cases) {
     tracker->setUserEmails(std::vector<std::string>{"x@example.com"}, type);
-    const Json emails = Json::parse(tracker->getEventParameters(false).dict()["user_emails"].get<std::string>());
+    const Json emails =
+        Json::parse(tracker->getEventParameters(false).dict()["user_emails"].get<std::string>());
     EXPECT_TRUE(emails.contains(label)) << type;
   }
   tracker->setUserEmails(Json::array({1, 2}), 3);
@@ -187,7 +227,8 @@ TEST_F(PayloadTest, OwnShortLinksAreResolvedAndMerged) {
   EXPECT_EQ(tracker->deeplink(), link);
   auto session = fakes.urlSessions->shared();
   ASSERT_EQ(session->started().size(), 1U);
-  EXPECT_EQ(session->started()[0].task->originalRequest().url, "https://hopline.svc.example/shortlink-sdk/v1/tmpl?id=abc");
+  EXPECT_EQ(session->started()[0].task->originalRequest().url,
+            "https://hopline.svc.example/shortlink-sdk/v1/tmpl?id=abc");
   session->respond(0, 200, R"({"pid":"sms","link":"overridden"})");
   fakes.dispatcher->runUntilIdle();
   ASSERT_EQ(opened.size(), 1U);

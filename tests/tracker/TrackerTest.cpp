@@ -19,7 +19,8 @@ class TrackerTest : public ::testing::Test {
     QuorvelProxyManager::sharedManager().stopRemoteDebugging();
   }
   QuorvelTracker& tracker() {
-    if (!tracker_) tracker_ = std::make_unique<QuorvelTracker>(fakes.shared());
+    if (!tracker_)
+      tracker_ = std::make_unique<QuorvelTracker>(fakes.shared());
     return *tracker_;
   }
   test::TestPlatform fakes;
@@ -33,7 +34,8 @@ TEST_F(TrackerTest, FreshTrackerHasTheDefaults) {
   EXPECT_EQ(t.advertiserId(), "");
   EXPECT_EQ(t.host(), kQuorvelDefaultHost);
   EXPECT_FALSE(t.isDebug() || t.disableAppleAdSupportTracking() || t.deviceTrackingDisabled() ||
-               t.disableIAdTracking() || t.useReceiptValidationSandbox() || t.useUninstallSandbox());
+               t.disableIAdTracking() || t.useReceiptValidationSandbox() ||
+               t.useUninstallSandbox());
   EXPECT_FALSE(t.quorvelDevKey() || t.appleAppID() || t.customerUserID() || t.customData() ||
                t.currencyCode() || t.appInviteHoplineID() || t.lastLaunchTime() || t.delegate() ||
                t.crypto());
@@ -52,10 +54,11 @@ TEST_F(TrackerTest, SettersLogWhatTheyShould) {
   EXPECT_EQ(fakes.systemLog->count("set to debug mode"), 0U);
   EXPECT_FALSE(kQVLoggerShowLogs.load());
   t.setIsDebug(true);
-  EXPECT_EQ(fakes.systemLog->count(
-                "[DEBUG] Quorvel: -[QuorvelTracker setIsDebug:] * * * Quorvel is set to debug mode. "
-                "This should only be used in development enviornment!!!! * * *"),
-            1U);
+  EXPECT_EQ(
+      fakes.systemLog->count(
+          "[DEBUG] Quorvel: -[QuorvelTracker setIsDebug:] * * * Quorvel is set to debug mode. "
+          "This should only be used in development enviornment!!!! * * *"),
+      1U);
   t.setUseReceiptValidationSandbox(false);
   t.setUseReceiptValidationSandbox(true);
   EXPECT_EQ(fakes.systemLog->count("verify in app purchases on Apple sandbox"), 2U);
@@ -113,13 +116,17 @@ TEST_F(TrackerTest, LaunchOptionsAreCapturedFromDidFinishLaunching) {
   QVSetShowDebugLogs(true);
   fakes.notifications->post({platform::kApplicationDidFinishLaunchingNotification, Json()});
   EXPECT_FALSE(t.sourceApplication() || t.deeplink());
-  fakes.notifications->post({platform::kApplicationDidFinishLaunchingNotification,
-                             Json{{"UIApplicationLaunchOptionsSourceApplicationKey", "com.other.app"},
-                                  {"UIApplicationLaunchOptionsURLKey", "myapp://open?x=1"}}});
+  fakes.notifications->post(
+      {platform::kApplicationDidFinishLaunchingNotification,
+       Json{{"UIApplicationLaunchOptionsSourceApplicationKey", "com.other.app"},
+            {"UIApplicationLaunchOptionsURLKey", "myapp://open?x=1"}}});
   EXPECT_EQ(t.sourceApplication(), "com.other.app");
   EXPECT_EQ(t.deeplink(), "myapp://open?x=1");
-  EXPECT_EQ(fakes.systemLog->count("didFinishLaunchingWithOptions. Source application: com.other.app"), 1U);
-  EXPECT_EQ(fakes.systemLog->count("didFinishLaunchingWithOptions. Deeplink URL: myapp://open?x=1"), 1U);
+  EXPECT_EQ(
+      fakes.systemLog->count("didFinishLaunchingWithOptions. Source application: com.other.app"),
+      1U);
+  EXPECT_EQ(fakes.systemLog->count("didFinishLaunchingWithOptions. Deeplink URL: myapp://open?x=1"),
+            1U);
   // Options without a source replace it with nothing.
   fakes.notifications->post({platform::kApplicationDidFinishLaunchingNotification, Json::object()});
   EXPECT_FALSE(t.sourceApplication() || t.deeplink());
@@ -156,8 +163,10 @@ TEST_F(TrackerTest, SharedTrackerIsCreatedOnceUnderConcurrentFirstCalls) {
   for (std::size_t i = 0; i < seen.size(); ++i) {
     threads.emplace_back([&seen, i] { seen[i] = &QuorvelTracker::sharedTracker(); });
   }
-  for (auto& th : threads) th.join();
-  for (auto* p : seen) EXPECT_EQ(p, seen[0]);
+  for (auto& th : threads)
+    th.join();
+  for (auto* p : seen)
+    EXPECT_EQ(p, seen[0]);
   EXPECT_EQ(&QuorvelTracker::sharedTracker(), seen[0]);
   EXPECT_EQ(fakes.systemLog->count("Quorvel SDK version 4.8.0 started build (597)"), 1U);
 }

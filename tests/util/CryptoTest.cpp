@@ -23,7 +23,8 @@ class CryptoTest : public ::testing::Test {
 
 TEST_F(CryptoTest, SealedLengthIsPaddedCiphertextPlusIvPlusSalt) {
   const QuorvelAES128Crypto crypto(std::string("abcdefghijklmnop"), fakes.random);
-  const std::pair<std::size_t, std::size_t> cases[] = {{0, 40}, {1, 40}, {15, 40}, {16, 56}, {17, 56}, {2048, 2088}};
+  const std::pair<std::size_t, std::size_t> cases[] = {{0, 40},  {1, 40},  {15, 40},
+                                                       {16, 56}, {17, 56}, {2048, 2088}};
   for (const auto& [in, out] : cases) {
     const auto sealed = crypto.encrypt(Bytes(in, 'x'));
     ASSERT_TRUE(sealed);
@@ -54,7 +55,10 @@ TEST_F(CryptoTest, SaltComesFromLongKeysOnly) {
   EXPECT_EQ(ten.salt(), defaultSalt);
   const QuorvelAES128Crypto none(std::nullopt, fakes.random);
   EXPECT_EQ(none.salt(), defaultSalt);
-  EXPECT_EQ(fakes.systemLog->count("[ERROR] Quorvel: -[QuorvelAES128Crypto initWithPassword:] Wrong Quorvel DevKey length"), 2U);
+  EXPECT_EQ(
+      fakes.systemLog->count(
+          "[ERROR] Quorvel: -[QuorvelAES128Crypto initWithPassword:] Wrong Quorvel DevKey length"),
+      2U);
 }
 
 TEST_F(CryptoTest, OneObjectUsesOneIvForEveryMessage) {
@@ -83,7 +87,8 @@ TEST_F(CryptoTest, DerivedKeyMatchesPbkdf2Sha1) {
   const Bytes salt = {'s', 'a', 'l', 't', 's', 'a', 'l', 't'};
   unsigned char want[16];
   PKCS5_PBKDF2_HMAC("password", 8, salt.data(), 8, 10000, EVP_sha1(), 16, want);
-  EXPECT_EQ(QuorvelAES128Crypto::AESKeyForPassword(std::string("password"), salt), Bytes(want, want + 16));
+  EXPECT_EQ(QuorvelAES128Crypto::AESKeyForPassword(std::string("password"), salt),
+            Bytes(want, want + 16));
 }
 
 }  // namespace

@@ -32,7 +32,8 @@ TEST(Format, ObjectConversionDescribesEachKindOfValue) {
       {format("%@", Json::binary({1, 0xab})), "{length = 2, bytes = 0x01ab}"},
       {format("%@", true), "1"},
   };
-  for (const auto& c : cases) EXPECT_EQ(c.got, c.want);
+  for (const auto& c : cases)
+    EXPECT_EQ(c.got, c.want);
 }
 
 TEST(Format, PrintfConversionsBehaveAsPrintf) {

@@ -29,14 +29,16 @@ TEST_F(UtilsTest, HashesKeepTheirByteQuirks) {
   EXPECT_EQ(QuorvelUtils::md5(std::string("ab\0cd", 5)), QuorvelUtils::md5("ab"));
   EXPECT_EQ(QuorvelUtils::md5(""), "d41d8cd98f00b204e9800998ecf8427e");
   // sha256 takes every byte.
-  EXPECT_EQ(QuorvelUtils::sha256(""), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+  EXPECT_EQ(QuorvelUtils::sha256(""),
+            "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
   EXPECT_NE(QuorvelUtils::sha256("\xc3\xa9"), QuorvelUtils::sha256("\xc3"));
 }
 
 TEST_F(UtilsTest, ToHexStringZeroesItsInput) {
   std::uint8_t digest[] = {0x00, 0x7f, 0xff, 0x10};
   EXPECT_EQ(QuorvelUtils::toHexString(digest, 4), "007fff10");
-  for (const auto b : digest) EXPECT_EQ(b, 0);
+  for (const auto b : digest)
+    EXPECT_EQ(b, 0);
 }
 
 TEST_F(UtilsTest, QueryParametersFollowTheUrlsRealParts) {
@@ -68,7 +70,8 @@ TEST_F(UtilsTest, HoplinePathNeedsOwnDomainAndTwoSegments) {
       {Json(12), std::nullopt},
       {Json(), std::nullopt},
   };
-  for (const auto& [link, want] : cases) EXPECT_EQ(QuorvelUtils::getHoplinePath(link), want) << link;
+  for (const auto& [link, want] : cases)
+    EXPECT_EQ(QuorvelUtils::getHoplinePath(link), want) << link;
 }
 
 TEST_F(UtilsTest, ValidDeeplinkIsNonBlank) {
@@ -80,7 +83,8 @@ TEST_F(UtilsTest, ValidDeeplinkIsNonBlank) {
 }
 
 TEST_F(UtilsTest, NullsAreRemovedRecursively) {
-  Json d = Json::parse(R"({"a": null, "b": [null, {"c": null, "d": 1}, [null, 2]], "e": {"f": null}})");
+  Json d =
+      Json::parse(R"({"a": null, "b": [null, {"c": null, "d": 1}, [null, 2]], "e": {"f": null}})");
   QuorvelUtils::recursivelyRemoveNulls(d);
   EXPECT_EQ(d, Json::parse(R"({"b": [{"d": 1}, [2]], "e": {}})"));
 }
@@ -88,7 +92,8 @@ TEST_F(UtilsTest, NullsAreRemovedRecursively) {
 TEST_F(UtilsTest, JsonSerialisationRefusesWhatItCannotWrite) {
   fakes.systemLog->clear();
   QVSetShowDebugLogs(true);
-  EXPECT_EQ(QuorvelUtils::getJsonStringFromDictionary(Json{{"a", 1}, {"b", "x"}}), R"({"a":1,"b":"x"})");
+  EXPECT_EQ(QuorvelUtils::getJsonStringFromDictionary(Json{{"a", 1}, {"b", "x"}}),
+            R"({"a":1,"b":"x"})");
   const Json unwritable[] = {
       Json{{"n", std::numeric_limits<double>::quiet_NaN()}},
       Json{{"bytes", Json::binary({1, 2})}},
@@ -111,7 +116,7 @@ TEST_F(UtilsTest, JsonSerialisationRefusesWhatItCannotWrite) {
 TEST_F(UtilsTest, RequestContentBannerByKind) {
   QVSetShowDebugLogs(true);
   const std::pair<std::int64_t, const char*> cases[] = {
-      {0, "SEND Track-App-Launch:"}, {1, "SEND Track-Event:"},      {2, "SEND Register-Uninstall:"},
+      {0, "SEND Track-App-Launch:"},   {1, "SEND Track-Event:"}, {2, "SEND Register-Uninstall:"},
       {3, "SEND Receipt-Validation:"}, {4, "SEND Stats:"},
   };
   for (const auto& [kind, banner] : cases) {
@@ -126,7 +131,8 @@ TEST_F(UtilsTest, RequestContentBannerByKind) {
     ASSERT_EQ(lines.size(), 1U);
     EXPECT_EQ(lines[0].find("SEND"), std::string::npos);
     const std::string sep = "\n<~+~+~+~+~+~+~+~+~+~+~+~+~+~+~+~+~+~+~~+~>\n";
-    EXPECT_NE(lines[0].find("\n" + sep + "https://t.example/x" + sep + "\nbody\n" + sep), std::string::npos);
+    EXPECT_NE(lines[0].find("\n" + sep + "https://t.example/x" + sep + "\nbody\n" + sep),
+              std::string::npos);
   }
 }
 
@@ -140,21 +146,27 @@ TEST_F(UtilsTest, ParameterDictionaryStoresEmptyForMissing) {
 
 TEST_F(UtilsTest, DevelopmentPlatformFirstMatchWins) {
   EXPECT_EQ(QuorvelUtils::develomentPlatformName(*fakes.classRegistry), "iOS_Native");
-  fakes.classRegistry->registerClass("CDVViewController", std::make_shared<platform::ClassMarker>());
+  fakes.classRegistry->registerClass("CDVViewController",
+                                     std::make_shared<platform::ClassMarker>());
   EXPECT_EQ(QuorvelUtils::develomentPlatformName(*fakes.classRegistry), "iOS_Cordova");
   fakes.classRegistry->registerClass("RCTView", std::make_shared<platform::ClassMarker>());
   EXPECT_EQ(QuorvelUtils::develomentPlatformName(*fakes.classRegistry), "iOS_ReactNative");
-  fakes.classRegistry->registerClass("UnityAppController", std::make_shared<platform::ClassMarker>());
+  fakes.classRegistry->registerClass("UnityAppController",
+                                     std::make_shared<platform::ClassMarker>());
   EXPECT_EQ(QuorvelUtils::develomentPlatformName(*fakes.classRegistry), "iOS_Unity");
 }
 
 TEST_F(UtilsTest, DateFormattersUseTheDeviceZone) {
-  const auto t = std::chrono::system_clock::time_point(std::chrono::seconds(1'493'890'215));  // 09:30:15Z
+  const auto t =
+      std::chrono::system_clock::time_point(std::chrono::seconds(1'493'890'215));  // 09:30:15Z
   fakes.clock->setGMTOffset(3 * 3600);
-  EXPECT_EQ(QuorvelUtils::getDateFormatter(fakes.clock).stringFromDate(t), "2017-05-04_123015+0300");
-  EXPECT_EQ(QuorvelUtils::getDateFormatterForRemoteDebug(fakes.clock).stringFromDate(t), "2017-05-04 12:30:15");
+  EXPECT_EQ(QuorvelUtils::getDateFormatter(fakes.clock).stringFromDate(t),
+            "2017-05-04_123015+0300");
+  EXPECT_EQ(QuorvelUtils::getDateFormatterForRemoteDebug(fakes.clock).stringFromDate(t),
+            "2017-05-04 12:30:15");
   fakes.clock->setGMTOffset(-(9 * 3600 + 30 * 60));
-  EXPECT_EQ(QuorvelUtils::getDateFormatter(fakes.clock).stringFromDate(t), "2017-05-04_000015-0930");
+  EXPECT_EQ(QuorvelUtils::getDateFormatter(fakes.clock).stringFromDate(t),
+            "2017-05-04_000015-0930");
   EXPECT_EQ(QuorvelUtils::getDateFormatter(fakes.clock).localeIdentifier(), "en_US");
 }
 
@@ -165,7 +177,8 @@ TEST_F(UtilsTest, StoreReceiptReadsTheBundlesFile) {
   fakes.bundle->receiptPath = "/app/receipt";
   EXPECT_EQ(QuorvelUtils::getStoreReceipt(p)["data"], "-1");
   fakes.fileSystem->writeFileAtomically("/app/receipt", Bytes{'a', 'b', 'c', 'd'});
-  EXPECT_EQ(QuorvelUtils::getStoreReceipt(p), Json::parse(R"({"data": {"receipt-data": "YWJjZA=="}})"));
+  EXPECT_EQ(QuorvelUtils::getStoreReceipt(p),
+            Json::parse(R"({"data": {"receipt-data": "YWJjZA=="}})"));
 }
 
 TEST(Base64, StandardAlphabetAndLenientDecoding) {

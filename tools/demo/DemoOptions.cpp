@@ -10,13 +10,17 @@ std::optional<int> parseDemoOptions(int argc, char** argv, DemoOptions& o) {
       "options, prints the library's version and effective configuration, then runs each STEP\n"
       "in order. The app's data directory persists between runs."};
   app.add_option("--host", o.host, "service domain of every endpoint (e.g. localhost:8443)");
-  app.add_option("--ca-file", o.caFile, "extra CA certificate (PEM) to trust")->check(CLI::ExistingFile);
+  app.add_option("--ca-file", o.caFile, "extra CA certificate (PEM) to trust")
+      ->check(CLI::ExistingFile);
   app.add_option("--dev-key", o.devKey, "developer key");
   app.add_option("--app-id", o.appId, "store application identifier (digits)");
   app.add_option("--bundle-id", o.bundleId, "bundle identifier")->capture_default_str();
-  app.add_option("--bundle-version", o.bundleVersion, "bundle version (CFBundleVersion)")->capture_default_str();
-  app.add_option("--data-dir", o.dataDir, "app data directory (default: $XDG_DATA_HOME/quorvel/<bundle id>)");
-  app.add_option("--keychain-dir", o.keychainDir, "secure store directory (default: $XDG_STATE_HOME/quorvel/keychain)");
+  app.add_option("--bundle-version", o.bundleVersion, "bundle version (CFBundleVersion)")
+      ->capture_default_str();
+  app.add_option("--data-dir", o.dataDir,
+                 "app data directory (default: $XDG_DATA_HOME/quorvel/<bundle id>)");
+  app.add_option("--keychain-dir", o.keychainDir,
+                 "secure store directory (default: $XDG_STATE_HOME/quorvel/keychain)");
   app.add_option("--customer-id", o.customerId, "customer user id");
   app.add_option("--currency", o.currency, "currency code");
   app.add_option("--min-session", o.minSession, "minimum seconds between launches");
@@ -24,7 +28,8 @@ std::optional<int> parseDemoOptions(int argc, char** argv, DemoOptions& o) {
   app.add_option("--invite-template", o.inviteTemplate, "invite short-link template id");
   app.add_flag("--verbose", o.verbose, "show the library's log");
   app.add_flag("--trace", o.trace, "show the library's log with elapsed times and trace lines");
-  app.add_option("--script", o.script, "read steps from FILE, one per line")->check(CLI::ExistingFile);
+  app.add_option("--script", o.script, "read steps from FILE, one per line")
+      ->check(CLI::ExistingFile);
   app.add_option("steps", o.steps, "steps to run, in order");
   app.footer(
       "Steps (each positional argument is one step; words separated by blanks):\n"

@@ -35,18 +35,29 @@ std::string threadName() {
   return name;
 }
 
-std::string show(const std::optional<std::string>& v) { return v ? "\"" + *v + "\"" : "(not set)"; }
+std::string show(const std::optional<std::string>& v) {
+  return v ? "\"" + *v + "\"" : "(not set)";
+}
 
 void configure(quorvel::QuorvelTracker& tracker, const DemoOptions& o) {
-  if (o.trace) tracker.setIsTrace(true);
-  if (o.verbose || o.trace) tracker.setIsDebug(true);
-  if (o.host) tracker.setHost(o.host);
-  if (o.devKey) tracker.setQuorvelDevKey(o.devKey);
-  if (o.appId) tracker.setAppleAppID(o.appId);
-  if (o.customerId) tracker.setCustomerUserID(o.customerId);
-  if (o.currency) tracker.setCurrencyCode(o.currency);
-  if (o.minSession) tracker.setMinTimeBetweenSessions(*o.minSession);
-  if (o.inviteTemplate) tracker.setAppInviteHopline(o.inviteTemplate);
+  if (o.trace)
+    tracker.setIsTrace(true);
+  if (o.verbose || o.trace)
+    tracker.setIsDebug(true);
+  if (o.host)
+    tracker.setHost(o.host);
+  if (o.devKey)
+    tracker.setQuorvelDevKey(o.devKey);
+  if (o.appId)
+    tracker.setAppleAppID(o.appId);
+  if (o.customerId)
+    tracker.setCustomerUserID(o.customerId);
+  if (o.currency)
+    tracker.setCurrencyCode(o.currency);
+  if (o.minSession)
+    tracker.setMinTimeBetweenSessions(*o.minSession);
+  if (o.inviteTemplate)
+    tracker.setAppInviteHopline(o.inviteTemplate);
 }
 
 void printConfiguration(const quorvel::QuorvelTracker& t, const quorvel::Platform& p) {
@@ -54,8 +65,8 @@ void printConfiguration(const quorvel::QuorvelTracker& t, const quorvel::Platfor
             << "  host                    " << t.host() << "\n"
             << "  developer key           " << show(t.quorvelDevKey()) << "\n"
             << "  app id                  " << show(t.appleAppID()) << "\n"
-            << "  bundle                  " << p.bundle->bundleIdentifier().value_or("?") << " version "
-            << t.getValueFromBundle("CFBundleVersion").get<std::string>() << "\n"
+            << "  bundle                  " << p.bundle->bundleIdentifier().value_or("?")
+            << " version " << t.getValueFromBundle("CFBundleVersion").get<std::string>() << "\n"
             << "  customer user id        " << show(t.customerUserID()) << "\n"
             << "  currency code           " << show(t.currencyCode()) << "\n"
             << "  min time between launches " << t.minTimeBetweenSessions() << " s\n"
@@ -63,7 +74,8 @@ void printConfiguration(const quorvel::QuorvelTracker& t, const quorvel::Platfor
             << "  development platform    " << t.platfromDevName() << "\n"
             << "  debug log               " << (t.isDebug() ? "on" : "off") << "\n"
             << "  app data directory      " << p.fileSystem->libraryDirectory() << "\n"
-            << "  store receipt           " << p.bundle->appStoreReceiptPath().value_or("(none)") << "\n";
+            << "  store receipt           " << p.bundle->appStoreReceiptPath().value_or("(none)")
+            << "\n";
 }
 
 // What the next request would say about this installation and device.
@@ -78,19 +90,25 @@ void printInstallation(quorvel::QuorvelTracker& t, const quorvel::Platform& p) {
             << "  identifier              " << uid << "\n"
             << "  original identifier     " << original.value_or("(none: first install)") << "\n"
             << "  reinstall counter       " << (reinstalls ? reinstalls->dump() : "(none)") << "\n"
-            << "  launches so far         " << p.preferences->integerForKey("QuorvelCounter") << "\n"
-            << "  in-app events so far    " << p.preferences->integerForKey("QuorvelInAppCounter") << "\n"
-            << "  sessions so far         " << p.preferences->integerForKey("QuorvelRealLaunchCounter") << "\n"
-            << "  install date            " << t.getInstallDate(formatter).value_or("(unknown)") << "\n"
+            << "  launches so far         " << p.preferences->integerForKey("QuorvelCounter")
+            << "\n"
+            << "  in-app events so far    " << p.preferences->integerForKey("QuorvelInAppCounter")
+            << "\n"
+            << "  sessions so far         "
+            << p.preferences->integerForKey("QuorvelRealLaunchCounter") << "\n"
+            << "  install date            " << t.getInstallDate(formatter).value_or("(unknown)")
+            << "\n"
             << "  previous launch         "
-            << (previousLaunch > 0 ? std::to_string(static_cast<long long>(previousLaunch)) + " (Unix s)" : "(none)")
+            << (previousLaunch > 0
+                    ? std::to_string(static_cast<long long>(previousLaunch)) + " (Unix s)"
+                    : "(none)")
             << "\n"
             << "  wifi                    " << (t.isWifiAvailable() ? "true" : "false") << "\n"
             << "Device\n";
   const Json systemInfo = quorvel::QVSystemInfo::getSystemInfo(p);
   for (const auto& [key, value] : systemInfo.items()) {
-    std::cout << "  " << key << std::string(key.size() < 24 ? 24 - key.size() : 1, ' ') << value.get<std::string>()
-              << "\n";
+    std::cout << "  " << key << std::string(key.size() < 24 ? 24 - key.size() : 1, ' ')
+              << value.get<std::string>() << "\n";
   }
   std::cout << std::flush;
 }
@@ -114,9 +132,11 @@ std::string restAfterWords(const std::string& step, std::size_t n) {
   std::size_t i = 0;
   for (std::size_t w = 0; w < n; ++w) {
     i = step.find_first_not_of(' ', i);
-    if (i == std::string::npos) return {};
+    if (i == std::string::npos)
+      return {};
     i = step.find(' ', i);
-    if (i == std::string::npos) return {};
+    if (i == std::string::npos)
+      return {};
   }
   const auto start = step.find_first_not_of(' ', i);
   return start == std::string::npos ? std::string() : step.substr(start);
@@ -130,19 +150,23 @@ class Host {
   bool run(const std::string& step) {
     std::istringstream in(step);
     std::vector<std::string> w;
-    for (std::string word; in >> word;) w.push_back(word);
-    if (w.empty()) return true;
+    for (std::string word; in >> word;)
+      w.push_back(word);
+    if (w.empty())
+      return true;
     const std::string& verb = w[0];
     say("> " + step);
     try {
-      if (verb == "launch" && w.size() == 1) return launch();
+      if (verb == "launch" && w.size() == 1)
+        return launch();
       if (verb == "event" && (w.size() == 2 || w.size() == 3)) {
         tracker_.trackEvent(w[1], w.size() == 3 ? std::optional<std::string>(w[2]) : std::nullopt);
         return true;
       }
       if (verb == "event-values" && w.size() >= 3) {
         const Json values = Json::parse(restAfterWords(step, 2), nullptr, false);
-        if (values.is_discarded()) return false;
+        if (values.is_discarded())
+          return false;
         tracker_.trackEventWithValues(w[1], values);
         return true;
       }
@@ -165,7 +189,8 @@ class Host {
       }
       if (verb == "wait" && w.size() == 2) {
         const double seconds = std::stod(w[1]);
-        if (seconds < 0 || seconds > 3600) return false;
+        if (seconds < 0 || seconds > 3600)
+          return false;
         std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
         return true;
       }
@@ -210,13 +235,15 @@ void waitForLibrary(quorvel::QuorvelTracker& tracker) {
 
 int main(int argc, char** argv) {
   DemoOptions options;
-  if (auto code = quorvel::demo::parseDemoOptions(argc, argv, options)) return *code;
+  if (auto code = quorvel::demo::parseDemoOptions(argc, argv, options))
+    return *code;
 
   std::vector<std::string> steps;
   if (options.script) {
     std::ifstream in(*options.script);
     for (std::string line; std::getline(in, line);) {
-      if (!line.empty() && line[0] != '#') steps.push_back(line);
+      if (!line.empty() && line[0] != '#')
+        steps.push_back(line);
     }
   }
   steps.insert(steps.end(), options.steps.begin(), options.steps.end());

@@ -14,7 +14,7 @@ class Locale {
   Locale& operator=(const Locale&) = delete;
   virtual ~Locale() = default;
 
-  virtual std::string localeIdentifier() const = 0;  // "en_US"
+  virtual std::string localeIdentifier() const = 0;             // "en_US"
   virtual std::optional<std::string> languageCode() const = 0;  // "en"
   virtual std::optional<std::string> countryCode() const = 0;   // "US"
   // The user's preferred languages, most preferred first ("en-US").

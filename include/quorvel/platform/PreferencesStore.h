@@ -39,7 +39,9 @@ class PreferencesStore {
   void setInteger(std::string_view key, std::int64_t value) { setObject(key, Json(value)); }
   void setDouble(std::string_view key, double value) { setObject(key, Json(value)); }
   void setBool(std::string_view key, bool value) { setObject(key, Json(value)); }
-  void setString(std::string_view key, std::string value) { setObject(key, Json(std::move(value))); }
+  void setString(std::string_view key, std::string value) {
+    setObject(key, Json(std::move(value)));
+  }
   void setDate(std::string_view key, TimePoint value) { setObject(key, dateValue(value)); }
 
   // The Json form of a date: {"$date": seconds since 1970}.

@@ -20,11 +20,14 @@ class SecureStore {
   virtual ~SecureStore() = default;
 
   // Adds an item; duplicateItem when one exists already. Any thread.
-  virtual SecureStatus add(std::string_view service, std::string_view account, const Bytes& data) = 0;
+  virtual SecureStatus add(std::string_view service, std::string_view account,
+                           const Bytes& data) = 0;
   // Copies an item's data; itemNotFound when there is none.
-  virtual SecureStatus copy(std::string_view service, std::string_view account, Bytes& out) const = 0;
+  virtual SecureStatus copy(std::string_view service, std::string_view account,
+                            Bytes& out) const = 0;
   // Replaces an existing item's data; itemNotFound when there is none.
-  virtual SecureStatus update(std::string_view service, std::string_view account, const Bytes& data) = 0;
+  virtual SecureStatus update(std::string_view service, std::string_view account,
+                              const Bytes& data) = 0;
   virtual SecureStatus remove(std::string_view service, std::string_view account) = 0;
 };
 

@@ -55,9 +55,9 @@ class URLSessionTask {
 };
 
 // Exactly one of (body and response) or error is set when a data task completes.
-using DataTaskCompletion = std::function<void(const std::optional<Bytes>& body,
-                                              const std::optional<URLResponse>& response,
-                                              const std::optional<Error>& error)>;
+using DataTaskCompletion =
+    std::function<void(const std::optional<Bytes>& body, const std::optional<URLResponse>& response,
+                       const std::optional<Error>& error)>;
 
 // Receives the outcome of background download tasks, on the session's delegate queue.
 class URLSessionDownloadDelegate {

@@ -37,23 +37,42 @@ std::string readWholeFile(const std::string& path) {
 Error transportError(CURLcode code, const std::string& detail) {
   long urlCode = -1;  // unknown
   switch (code) {
-    case CURLE_OPERATION_TIMEDOUT: urlCode = -1001; break;
+    case CURLE_OPERATION_TIMEDOUT:
+      urlCode = -1001;
+      break;
     case CURLE_COULDNT_RESOLVE_HOST:
-    case CURLE_COULDNT_RESOLVE_PROXY: urlCode = -1003; break;
-    case CURLE_COULDNT_CONNECT: urlCode = -1004; break;
+    case CURLE_COULDNT_RESOLVE_PROXY:
+      urlCode = -1003;
+      break;
+    case CURLE_COULDNT_CONNECT:
+      urlCode = -1004;
+      break;
     case CURLE_SEND_ERROR:
     case CURLE_RECV_ERROR:
     case CURLE_PARTIAL_FILE:
-    case CURLE_GOT_NOTHING: urlCode = -1005; break;
+    case CURLE_GOT_NOTHING:
+      urlCode = -1005;
+      break;
     case CURLE_URL_MALFORMAT:
-    case CURLE_UNSUPPORTED_PROTOCOL: urlCode = -1000; break;
-    case CURLE_SSL_CONNECT_ERROR: urlCode = -1200; break;
+    case CURLE_UNSUPPORTED_PROTOCOL:
+      urlCode = -1000;
+      break;
+    case CURLE_SSL_CONNECT_ERROR:
+      urlCode = -1200;
+      break;
     case CURLE_PEER_FAILED_VERIFICATION:
-    case CURLE_SSL_CACERT_BADFILE: urlCode = -1202; break;
+    case CURLE_SSL_CACERT_BADFILE:
+      urlCode = -1202;
+      break;
     case CURLE_WRITE_ERROR:
-    case CURLE_FILESIZE_EXCEEDED: urlCode = -1103; break;  // resource exceeds maximum size
-    case CURLE_ABORTED_BY_CALLBACK: urlCode = -999; break;  // cancelled
-    default: break;
+    case CURLE_FILESIZE_EXCEEDED:
+      urlCode = -1103;
+      break;  // resource exceeds maximum size
+    case CURLE_ABORTED_BY_CALLBACK:
+      urlCode = -999;
+      break;  // cancelled
+    default:
+      break;
   }
   std::string text = detail.empty() ? std::string(curl_easy_strerror(code)) : detail;
   return Error{kURLErrorDomain, urlCode, std::move(text)};
@@ -94,7 +113,8 @@ class CurlTask final : public URLSessionTask, public std::enable_shared_from_thi
 }  // namespace
 
 // One session: a worker thread, a multi handle, a callback queue.
-class CurlURLSession final : public URLSession, public std::enable_shared_from_this<CurlURLSession> {
+class CurlURLSession final : public URLSession,
+                             public std::enable_shared_from_this<CurlURLSession> {
  public:
   CurlURLSession(CurlSessionOptions options, std::string label,
                  std::weak_ptr<URLSessionDownloadDelegate> delegate)
@@ -126,12 +146,15 @@ class CurlURLSession final : public URLSession, public std::enable_shared_from_t
     }
   }
 
-  std::shared_ptr<URLSessionTask> dataTask(URLRequest request, DataTaskCompletion completion) override {
-    return std::make_shared<CurlTask>(nextId_++, std::move(request), weak_from_this(), std::move(completion), false);
+  std::shared_ptr<URLSessionTask> dataTask(URLRequest request,
+                                           DataTaskCompletion completion) override {
+    return std::make_shared<CurlTask>(nextId_++, std::move(request), weak_from_this(),
+                                      std::move(completion), false);
   }
 
   std::shared_ptr<URLSessionTask> downloadTask(URLRequest request) override {
-    return std::make_shared<CurlTask>(nextId_++, std::move(request), weak_from_this(), DataTaskCompletion{}, true);
+    return std::make_shared<CurlTask>(nextId_++, std::move(request), weak_from_this(),
+                                      DataTaskCompletion{}, true);
   }
 
   std::shared_ptr<DispatchQueue> delegateQueue() override { return callbacks_; }
@@ -139,7 +162,8 @@ class CurlURLSession final : public URLSession, public std::enable_shared_from_t
   void start(std::shared_ptr<CurlTask> task) {
     {
       std::lock_guard lock(mutex_);
-      if (stopping_) return;
+      if (stopping_)
+        return;
       pending_.push_back(std::move(task));
     }
     wake();
@@ -189,7 +213,8 @@ class CurlURLSession final : public URLSession, public std::enable_shared_from_t
 
   void wake() {
     cv_.notify_all();
-    if (multi_ != nullptr) curl_multi_wakeup(multi_);
+    if (multi_ != nullptr)
+      curl_multi_wakeup(multi_);
   }
 
   void addTransfer(const std::shared_ptr<CurlTask>& task) {
@@ -214,7 +239,8 @@ class CurlURLSession final : public URLSession, public std::enable_shared_from_t
     }
     const auto timeout = r.timeout.value_or(options_.requestTimeout);
     curl_easy_setopt(e, CURLOPT_TIMEOUT_MS, static_cast<long>(timeout.count()));
-    curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(std::min<long long>(timeout.count(), 30'000)));
+    curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS,
+                     static_cast<long>(std::min<long long>(timeout.count(), 30'000)));
     curl_easy_setopt(e, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(e, CURLOPT_MAXREDIRS, 5L);
     curl_easy_setopt(e, CURLOPT_ACCEPT_ENCODING, "");
@@ -229,8 +255,10 @@ class CurlURLSession final : public URLSession, public std::enable_shared_from_t
     } else {
       curl_easy_setopt(e, CURLOPT_POST, 1L);
       curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(r.body.size()));
-      curl_easy_setopt(e, CURLOPT_POSTFIELDS, r.body.empty() ? "" : reinterpret_cast<const char*>(r.body.data()));
-      if (r.method != "POST") curl_easy_setopt(e, CURLOPT_CUSTOMREQUEST, r.method.c_str());
+      curl_easy_setopt(e, CURLOPT_POSTFIELDS,
+                       r.body.empty() ? "" : reinterpret_cast<const char*>(r.body.data()));
+      if (r.method != "POST")
+        curl_easy_setopt(e, CURLOPT_CUSTOMREQUEST, r.method.c_str());
     }
     // No "Expect: 100-continue" round trip for our small bodies.
     t->headers = curl_slist_append(t->headers, "Expect:");
@@ -259,12 +287,14 @@ class CurlURLSession final : public URLSession, public std::enable_shared_from_t
 
   void finish(CURL* easy, CURLcode code) {
     const auto it = active_.find(easy);
-    if (it == active_.end()) return;
+    if (it == active_.end())
+      return;
     std::unique_ptr<Transfer> t = std::move(it->second);
     active_.erase(it);
     if (code != CURLE_OK) {
-      const std::string detail = t->tooLarge ? "the response exceeds " + std::to_string(t->limit) + " bytes"
-                                             : std::string(t->errorBuffer);
+      const std::string detail = t->tooLarge
+                                     ? "the response exceeds " + std::to_string(t->limit) + " bytes"
+                                     : std::string(t->errorBuffer);
       deliver(*t, transportError(t->tooLarge ? CURLE_FILESIZE_EXCEEDED : code, detail));
     } else {
       URLResponse response;
@@ -277,11 +307,13 @@ class CurlURLSession final : public URLSession, public std::enable_shared_from_t
       response.headers = t->responseHeaders;
       for (const auto& [name, value] : response.headers) {
         std::string lower = name;
-        std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
+        std::transform(lower.begin(), lower.end(), lower.begin(),
+                       [](unsigned char c) { return std::tolower(c); });
         if (lower == "content-type") {
           std::string mime = value.substr(0, value.find(';'));
           mime.erase(mime.find_last_not_of(" \t") + 1);
-          std::transform(mime.begin(), mime.end(), mime.begin(), [](unsigned char c) { return std::tolower(c); });
+          std::transform(mime.begin(), mime.end(), mime.begin(),
+                         [](unsigned char c) { return std::tolower(c); });
           response.mimeType = mime;
         }
       }
@@ -292,14 +324,16 @@ class CurlURLSession final : public URLSession, public std::enable_shared_from_t
 
   // Hands the outcome to the callback queue. Cancelled tasks are told nothing.
   void deliver(Transfer& t, const std::variant<URLResponse, Error>& outcome) {
-    if (t.task->cancelled) return;
+    if (t.task->cancelled)
+      return;
     auto task = t.task;
     Bytes body(t.body.begin(), t.body.end());
     auto delegate = delegate_;
     const std::string downloadDir = options_.downloadDirectory;
     callbacks_->async([task, outcome, body = std::move(body), delegate, downloadDir]() mutable {
       if (!task->isDownload()) {
-        if (!task->completion()) return;
+        if (!task->completion())
+          return;
         if (const auto* response = std::get_if<URLResponse>(&outcome)) {
           task->completion()(body, *response, std::nullopt);
         } else {
@@ -308,10 +342,11 @@ class CurlURLSession final : public URLSession, public std::enable_shared_from_t
         return;
       }
       const auto d = delegate.lock();
-      if (!d) return;
+      if (!d)
+        return;
       if (std::holds_alternative<URLResponse>(outcome)) {
-        const std::string path = downloadDir + "/quorvel-download-" + std::to_string(getpid()) + "-" +
-                                 std::to_string(task->taskIdentifier());
+        const std::string path = downloadDir + "/quorvel-download-" + std::to_string(getpid()) +
+                                 "-" + std::to_string(task->taskIdentifier());
         writeFileAtomically(path, body, {}, nullptr);
         d->didFinishDownloadingToPath(*task, path);
         ::unlink(path.c_str());  // the file is only valid during the call, as on the platform
@@ -329,25 +364,29 @@ class CurlURLSession final : public URLSession, public std::enable_shared_from_t
         std::unique_lock lock(mutex_);
         // Idle: sleep until a task arrives; nothing polls.
         cv_.wait(lock, [&] { return stopping_ || !pending_.empty() || !active_.empty(); });
-        if (stopping_) break;
+        if (stopping_)
+          break;
         incoming.assign(pending_.begin(), pending_.end());
         pending_.clear();
       }
       for (const auto& task : incoming) {
-        if (!task->cancelled) addTransfer(task);
+        if (!task->cancelled)
+          addTransfer(task);
       }
       int running = 0;
       curl_multi_perform(multi_, &running);
       int queued = 0;
       while (CURLMsg* msg = curl_multi_info_read(multi_, &queued)) {
-        if (msg->msg == CURLMSG_DONE) finish(msg->easy_handle, msg->data.result);
+        if (msg->msg == CURLMSG_DONE)
+          finish(msg->easy_handle, msg->data.result);
       }
       cancelRequested();
       if (!active_.empty()) {
         curl_multi_poll(multi_, nullptr, 0, 1000, nullptr);
       }
     }
-    for (auto& [easy, t] : active_) release(*t);
+    for (auto& [easy, t] : active_)
+      release(*t);
     active_.clear();
     curl_multi_cleanup(multi_);
     multi_ = nullptr;
@@ -381,7 +420,8 @@ class CurlURLSession final : public URLSession, public std::enable_shared_from_t
 namespace {
 
 void CurlTask::resume() noexcept {
-  if (resumed_.exchange(true)) return;
+  if (resumed_.exchange(true))
+    return;
   if (auto session = session_.lock()) {
     try {
       session->start(shared_from_this());
@@ -401,16 +441,19 @@ void CurlTask::cancel() noexcept {
 
 namespace quorvel::platform {
 
-CurlURLSessionFactory::CurlURLSessionFactory(CurlSessionOptions options) : options_(std::move(options)) {}
+CurlURLSessionFactory::CurlURLSessionFactory(CurlSessionOptions options)
+    : options_(std::move(options)) {}
 
 std::shared_ptr<URLSession> CurlURLSessionFactory::sharedSession() {
   std::lock_guard lock(mutex_);
-  if (!shared_) shared_ = makeCurlURLSession(options_, "com.quorvel.session.shared");
+  if (!shared_)
+    shared_ = makeCurlURLSession(options_, "com.quorvel.session.shared");
   return shared_;
 }
 
 std::shared_ptr<URLSession> CurlURLSessionFactory::backgroundSession(
-    const BackgroundSessionConfiguration& configuration, std::weak_ptr<URLSessionDownloadDelegate> delegate) {
+    const BackgroundSessionConfiguration& configuration,
+    std::weak_ptr<URLSessionDownloadDelegate> delegate) {
   return makeCurlURLSession(options_, configuration.identifier, std::move(delegate));
 }
 

@@ -25,8 +25,9 @@ class CurlURLSessionFactory final : public URLSessionFactory {
  public:
   explicit CurlURLSessionFactory(CurlSessionOptions options);
   std::shared_ptr<URLSession> sharedSession() override;
-  std::shared_ptr<URLSession> backgroundSession(const BackgroundSessionConfiguration& configuration,
-                                                std::weak_ptr<URLSessionDownloadDelegate> delegate) override;
+  std::shared_ptr<URLSession> backgroundSession(
+      const BackgroundSessionConfiguration& configuration,
+      std::weak_ptr<URLSessionDownloadDelegate> delegate) override;
 
  private:
   CurlSessionOptions options_;
@@ -35,7 +36,8 @@ class CurlURLSessionFactory final : public URLSessionFactory {
 };
 
 // Makes a session directly (tests; the factory makes the process's sessions).
-std::shared_ptr<URLSession> makeCurlURLSession(const CurlSessionOptions& options, std::string label,
-                                               std::weak_ptr<URLSessionDownloadDelegate> delegate = {});
+std::shared_ptr<URLSession> makeCurlURLSession(
+    const CurlSessionOptions& options, std::string label,
+    std::weak_ptr<URLSessionDownloadDelegate> delegate = {});
 
 }  // namespace quorvel::platform

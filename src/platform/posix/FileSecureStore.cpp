@@ -38,21 +38,26 @@ std::string FileSecureStore::itemPath(std::string_view service, std::string_view
 }
 
 bool FileSecureStore::ensureDirectory() {
-  if (!makeDirectories(directory_, 0700)) return false;
+  if (!makeDirectories(directory_, 0700))
+    return false;
   ::chmod(directory_.c_str(), 0700);
   return true;
 }
 
 SecureStatus FileSecureStore::add(std::string_view service, std::string_view account,
                                   const Bytes& data) {
-  if (!ensureDirectory()) return SecureStatus::failure;
+  if (!ensureDirectory())
+    return SecureStatus::failure;
   std::string error;
   AtomicWriteOptions options;
   options.replaceExisting = false;
   switch (writeFileAtomically(itemPath(service, account), data, options, &error)) {
-    case AtomicWriteResult::written: return SecureStatus::success;
-    case AtomicWriteResult::alreadyExists: return SecureStatus::duplicateItem;
-    case AtomicWriteResult::failed: break;
+    case AtomicWriteResult::written:
+      return SecureStatus::success;
+    case AtomicWriteResult::alreadyExists:
+      return SecureStatus::duplicateItem;
+    case AtomicWriteResult::failed:
+      break;
   }
   qvLog(kLogError, kMethod, "secure store write failed: %@", error);
   return SecureStatus::failure;
@@ -61,7 +66,8 @@ SecureStatus FileSecureStore::add(std::string_view service, std::string_view acc
 SecureStatus FileSecureStore::copy(std::string_view service, std::string_view account,
                                    Bytes& out) const {
   std::ifstream in(itemPath(service, account), std::ios::binary);
-  if (!in) return errno == ENOENT ? SecureStatus::itemNotFound : SecureStatus::failure;
+  if (!in)
+    return errno == ENOENT ? SecureStatus::itemNotFound : SecureStatus::failure;
   out.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
   return in.bad() ? SecureStatus::failure : SecureStatus::success;
 }
@@ -70,7 +76,8 @@ SecureStatus FileSecureStore::update(std::string_view service, std::string_view 
                                      const Bytes& data) {
   const std::string path = itemPath(service, account);
   struct stat st {};
-  if (::stat(path.c_str(), &st) != 0) return SecureStatus::itemNotFound;
+  if (::stat(path.c_str(), &st) != 0)
+    return SecureStatus::itemNotFound;
   std::string error;
   if (writeFileAtomically(path, data, {}, &error) != AtomicWriteResult::written) {
     qvLog(kLogError, kMethod, "secure store write failed: %@", error);
@@ -80,7 +87,8 @@ SecureStatus FileSecureStore::update(std::string_view service, std::string_view 
 }
 
 SecureStatus FileSecureStore::remove(std::string_view service, std::string_view account) {
-  if (::unlink(itemPath(service, account).c_str()) == 0) return SecureStatus::success;
+  if (::unlink(itemPath(service, account).c_str()) == 0)
+    return SecureStatus::success;
   return errno == ENOENT ? SecureStatus::itemNotFound : SecureStatus::failure;
 }
 

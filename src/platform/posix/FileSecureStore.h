@@ -14,7 +14,8 @@ class FileSecureStore final : public SecureStore {
 
   SecureStatus add(std::string_view service, std::string_view account, const Bytes& data) override;
   SecureStatus copy(std::string_view service, std::string_view account, Bytes& out) const override;
-  SecureStatus update(std::string_view service, std::string_view account, const Bytes& data) override;
+  SecureStatus update(std::string_view service, std::string_view account,
+                      const Bytes& data) override;
   SecureStatus remove(std::string_view service, std::string_view account) override;
 
   const std::string& directory() const noexcept { return directory_; }

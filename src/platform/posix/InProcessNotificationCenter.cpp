@@ -6,7 +6,8 @@ namespace quorvel::platform {
 
 void InProcessNotificationCenter::addObserver(const void* observer, std::string name,
                                               NotificationHandler handler) {
-  if (!handler) return;
+  if (!handler)
+    return;
   std::lock_guard lock(mutex_);
   entries_.push_back(
       Entry{observer, std::move(name), std::make_shared<NotificationHandler>(std::move(handler))});
@@ -23,7 +24,8 @@ void InProcessNotificationCenter::post(const Notification& notification) {
   {
     std::lock_guard lock(mutex_);
     for (const auto& e : entries_) {
-      if (e.name == notification.name) handlers.push_back(e.handler);
+      if (e.name == notification.name)
+        handlers.push_back(e.handler);
     }
   }
   for (const auto& h : handlers) {

@@ -16,15 +16,18 @@ constexpr const char* kMethod = "-[QuorvelPreferences synchronize]";
 
 // Bytes are written as {"$data": base64}; dates are already {"$date": seconds}.
 Json toFile(const Json& v) {
-  if (v.is_binary()) return Json{{kDataTag, base64Encode(v.get_binary())}};
+  if (v.is_binary())
+    return Json{{kDataTag, base64Encode(v.get_binary())}};
   if (v.is_object()) {
     Json out = Json::object();
-    for (const auto& [k, e] : v.items()) out[k] = toFile(e);
+    for (const auto& [k, e] : v.items())
+      out[k] = toFile(e);
     return out;
   }
   if (v.is_array()) {
     Json out = Json::array();
-    for (const auto& e : v) out.push_back(toFile(e));
+    for (const auto& e : v)
+      out.push_back(toFile(e));
     return out;
   }
   return v;
@@ -36,12 +39,14 @@ Json fromFile(const Json& v) {
   }
   if (v.is_object()) {
     Json out = Json::object();
-    for (const auto& [k, e] : v.items()) out[k] = fromFile(e);
+    for (const auto& [k, e] : v.items())
+      out[k] = fromFile(e);
     return out;
   }
   if (v.is_array()) {
     Json out = Json::array();
-    for (const auto& e : v) out.push_back(fromFile(e));
+    for (const auto& e : v)
+      out.push_back(fromFile(e));
     return out;
   }
   return v;
@@ -61,10 +66,12 @@ JsonFilePreferencesStore::~JsonFilePreferencesStore() {
 }
 
 void JsonFilePreferencesStore::loadLocked() const {
-  if (loaded_) return;
+  if (loaded_)
+    return;
   loaded_ = true;
   std::ifstream in(path_, std::ios::binary);
-  if (!in) return;
+  if (!in)
+    return;
   std::stringstream buffer;
   buffer << in.rdbuf();
   const std::string text = buffer.str();
@@ -83,7 +90,8 @@ std::optional<Json> JsonFilePreferencesStore::objectForKey(std::string_view key)
   std::lock_guard lock(mutex_);
   loadLocked();
   const auto it = values_.find(std::string(key));
-  if (it == values_.end()) return std::nullopt;
+  if (it == values_.end())
+    return std::nullopt;
   return *it;
 }
 
@@ -101,7 +109,8 @@ void JsonFilePreferencesStore::setObject(std::string_view key, Json value) {
 void JsonFilePreferencesStore::removeObjectForKey(std::string_view key) {
   std::lock_guard lock(mutex_);
   loadLocked();
-  if (values_.erase(std::string(key)) > 0) dirty_ = true;
+  if (values_.erase(std::string(key)) > 0)
+    dirty_ = true;
 }
 
 bool JsonFilePreferencesStore::synchronize() {
@@ -110,12 +119,14 @@ bool JsonFilePreferencesStore::synchronize() {
   std::string text;
   {
     std::lock_guard lock(mutex_);
-    if (!dirty_) return true;
+    if (!dirty_)
+      return true;
     text = toFile(values_).dump(1, '\t', false, Json::error_handler_t::replace);
     dirty_ = false;
   }
   const auto slash = path_.find_last_of('/');
-  if (slash != std::string::npos && slash > 0) makeDirectories(path_.substr(0, slash), 0700);
+  if (slash != std::string::npos && slash > 0)
+    makeDirectories(path_.substr(0, slash), 0700);
   std::string error;
   const Bytes content(text.begin(), text.end());
   if (writeFileAtomically(path_, content, {}, &error) != AtomicWriteResult::written) {

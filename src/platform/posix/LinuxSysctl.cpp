@@ -31,11 +31,14 @@ std::optional<std::string> cpuInfoField(const std::string& field) {
   std::ifstream in("/proc/cpuinfo");
   std::string line;
   while (std::getline(in, line)) {
-    if (line.rfind(field, 0) != 0) continue;
+    if (line.rfind(field, 0) != 0)
+      continue;
     const auto colon = line.find(':');
-    if (colon == std::string::npos) continue;
+    if (colon == std::string::npos)
+      continue;
     const auto start = line.find_first_not_of(" \t", colon + 1);
-    if (start == std::string::npos) return std::nullopt;
+    if (start == std::string::npos)
+      return std::nullopt;
     return line.substr(start);
   }
   return std::nullopt;
@@ -49,7 +52,8 @@ bool isX86(const std::string& m) {
 std::optional<std::uint64_t> cpuFrequencyHz() {
   std::ifstream in("/sys/devices/system/cpu/cpu0/cpufreq/cpuinfo_max_freq");
   std::uint64_t khz = 0;
-  if (in >> khz && khz > 0) return khz * 1000;
+  if (in >> khz && khz > 0)
+    return khz * 1000;
   if (auto mhz = cpuInfoField("cpu MHz")) {
     try {
       return static_cast<std::uint64_t>(std::stod(*mhz) * 1e6);
@@ -64,46 +68,58 @@ std::optional<std::uint64_t> cpuFrequencyHz() {
 std::optional<Bytes> LinuxSysctl::byName(std::string_view name) const {
   const std::string m = machine();
   if (name == "hw.machine") {
-    if (m.empty()) return std::nullopt;
+    if (m.empty())
+      return std::nullopt;
     return textOf(m);
   }
   if (name == "hw.memsize") {
     const long pages = sysconf(_SC_PHYS_PAGES);
     const long pageSize = sysconf(_SC_PAGE_SIZE);
-    if (pages <= 0 || pageSize <= 0) return std::nullopt;
-    return bytesOf<std::uint64_t>(static_cast<std::uint64_t>(pages) * static_cast<std::uint64_t>(pageSize));
+    if (pages <= 0 || pageSize <= 0)
+      return std::nullopt;
+    return bytesOf<std::uint64_t>(static_cast<std::uint64_t>(pages) *
+                                  static_cast<std::uint64_t>(pageSize));
   }
   if (name == "hw.ncpu") {
     const long n = sysconf(_SC_NPROCESSORS_ONLN);
-    if (n <= 0) return std::nullopt;
+    if (n <= 0)
+      return std::nullopt;
     return bytesOf<std::int32_t>(static_cast<std::int32_t>(n));
   }
   if (name == "hw.cpufrequency") {
-    if (auto hz = cpuFrequencyHz()) return bytesOf<std::uint64_t>(*hz);
+    if (auto hz = cpuFrequencyHz())
+      return bytesOf<std::uint64_t>(*hz);
     return std::nullopt;
   }
   if (name == "machdep.cpu.brand_string") {
     // x86 names it "model name"; some ARM kernels "Model" or "Hardware".
     for (const char* field : {"model name", "Model", "Hardware"}) {
-      if (auto brand = cpuInfoField(field)) return textOf(*brand);
+      if (auto brand = cpuInfoField(field))
+        return textOf(*brand);
     }
     return std::nullopt;
   }
   if (name == "hw.cputype") {
     // The kernel's processor type numbers: x86 7, ARM 12, 64-bit ARM 0x0100000C, PowerPC 18.
-    if (isX86(m)) return bytesOf<std::int32_t>(7);
-    if (m == "aarch64" || m == "arm64") return bytesOf<std::int32_t>(0x0100000C);
-    if (m.rfind("arm", 0) == 0) return bytesOf<std::int32_t>(12);
-    if (m.rfind("ppc", 0) == 0) return bytesOf<std::int32_t>(18);
+    if (isX86(m))
+      return bytesOf<std::int32_t>(7);
+    if (m == "aarch64" || m == "arm64")
+      return bytesOf<std::int32_t>(0x0100000C);
+    if (m.rfind("arm", 0) == 0)
+      return bytesOf<std::int32_t>(12);
+    if (m.rfind("ppc", 0) == 0)
+      return bytesOf<std::int32_t>(18);
     return std::nullopt;
   }
   if (name == "hw.cpu64bit_capable") {
-    if (m.empty()) return std::nullopt;
+    if (m.empty())
+      return std::nullopt;
     const bool is64 = m.find("64") != std::string::npos;
     return bytesOf<std::int32_t>(is64 ? 1 : 0);
   }
   if (name == "hw.optional.x86_64") {
-    if (!isX86(m)) return std::nullopt;
+    if (!isX86(m))
+      return std::nullopt;
     return bytesOf<std::int32_t>(m == "x86_64" ? 1 : 0);
   }
   // hw.cpusubtype, hw.cpufamily, hw.model and the rest have no Linux equivalent.
@@ -113,7 +129,8 @@ std::optional<Bytes> LinuxSysctl::byName(std::string_view name) const {
 std::optional<Bytes> LinuxSysctl::byMib(const std::vector<int>& mib) const {
   // {CTL_HW, HW_CPU_FREQ}: the processor frequency in Hz, 64 bits wide.
   if (mib == std::vector<int>{6, 15}) {
-    if (auto hz = cpuFrequencyHz()) return bytesOf<std::uint64_t>(*hz);
+    if (auto hz = cpuFrequencyHz())
+      return bytesOf<std::uint64_t>(*hz);
   }
   return std::nullopt;
 }

@@ -9,8 +9,10 @@
 namespace quorvel::platform {
 
 int OpenSslRandom::fill(Bytes& out) noexcept {
-  if (out.empty()) return 0;
-  if (out.size() > static_cast<std::size_t>(INT_MAX)) return EINVAL;
+  if (out.empty())
+    return 0;
+  if (out.size() > static_cast<std::size_t>(INT_MAX))
+    return EINVAL;
   Bytes fresh(out.size());
   if (RAND_bytes(fresh.data(), static_cast<int>(fresh.size())) != 1) {
     ERR_clear_error();
@@ -21,7 +23,8 @@ int OpenSslRandom::fill(Bytes& out) noexcept {
 }
 
 std::uint32_t OpenSslRandom::uniform(std::uint32_t upperBound) noexcept {
-  if (upperBound < 2) return 0;
+  if (upperBound < 2)
+    return 0;
   // Rejection sampling: values in the incomplete last block would bias the result.
   const std::uint32_t limit = UINT32_MAX - (UINT32_MAX % upperBound);
   for (;;) {
@@ -30,7 +33,8 @@ std::uint32_t OpenSslRandom::uniform(std::uint32_t upperBound) noexcept {
       ERR_clear_error();
       return 0;
     }
-    if (value < limit) return value % upperBound;
+    if (value < limit)
+      return value % upperBound;
   }
 }
 

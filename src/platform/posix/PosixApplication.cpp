@@ -5,7 +5,8 @@
 namespace quorvel::platform {
 
 // A desktop process is never suspended: background tasks only get an identifier.
-BackgroundTaskIdentifier PosixApplication::beginBackgroundTask(std::function<void()> /*expiration*/) {
+BackgroundTaskIdentifier PosixApplication::beginBackgroundTask(
+    std::function<void()> /*expiration*/) {
   static std::atomic<BackgroundTaskIdentifier> next{1};
   return next++;
 }

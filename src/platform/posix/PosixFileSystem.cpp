@@ -23,16 +23,20 @@ TimePoint fromTimespec(std::int64_t sec, std::int64_t nsec) {
 
 std::optional<TimePoint> birthTime(const std::string& path) {
   struct statx sx {};
-  if (::statx(AT_FDCWD, path.c_str(), 0, STATX_BTIME, &sx) != 0) return std::nullopt;
-  if ((sx.stx_mask & STATX_BTIME) == 0U) return std::nullopt;
+  if (::statx(AT_FDCWD, path.c_str(), 0, STATX_BTIME, &sx) != 0)
+    return std::nullopt;
+  if ((sx.stx_mask & STATX_BTIME) == 0U)
+    return std::nullopt;
   return fromTimespec(sx.stx_btime.tv_sec, sx.stx_btime.tv_nsec);
 }
 
 std::optional<TimePoint> markerTime(const std::string& directory) {
   std::ifstream in(directory + "/" + PosixFileSystem::kCreationMarker);
   long long micros = 0;
-  if (!(in >> micros)) return std::nullopt;
-  return TimePoint(std::chrono::duration_cast<TimePoint::duration>(std::chrono::microseconds(micros)));
+  if (!(in >> micros))
+    return std::nullopt;
+  return TimePoint(
+      std::chrono::duration_cast<TimePoint::duration>(std::chrono::microseconds(micros)));
 }
 
 }  // namespace
@@ -54,14 +58,17 @@ PosixFileSystem::PosixFileSystem(std::string dataDirectory) : data_(std::move(da
 }
 
 std::optional<TimePoint> PosixFileSystem::creationDate(const std::string& path) const {
-  if (auto born = birthTime(path)) return born;
-  if (auto marked = markerTime(path)) return marked;
+  if (auto born = birthTime(path))
+    return born;
+  if (auto marked = markerTime(path))
+    return marked;
   return modificationDate(path);
 }
 
 std::optional<TimePoint> PosixFileSystem::modificationDate(const std::string& path) const {
   struct stat st {};
-  if (::stat(path.c_str(), &st) != 0) return std::nullopt;
+  if (::stat(path.c_str(), &st) != 0)
+    return std::nullopt;
   return fromTimespec(st.st_mtim.tv_sec, st.st_mtim.tv_nsec);
 }
 
@@ -70,16 +77,20 @@ bool PosixFileSystem::fileExists(const std::string& path) const {
   return ::stat(path.c_str(), &st) == 0;
 }
 
-bool PosixFileSystem::createDirectory(const std::string& path) { return makeDirectories(path, 0700); }
+bool PosixFileSystem::createDirectory(const std::string& path) {
+  return makeDirectories(path, 0700);
+}
 
 std::optional<std::vector<std::string>> PosixFileSystem::contentsOfDirectory(
     const std::string& path) const {
   DIR* dir = ::opendir(path.c_str());
-  if (dir == nullptr) return std::nullopt;
+  if (dir == nullptr)
+    return std::nullopt;
   std::vector<std::string> names;
   while (const dirent* entry = ::readdir(dir)) {
     const std::string name(entry->d_name);
-    if (name != "." && name != "..") names.push_back(name);
+    if (name != "." && name != "..")
+      names.push_back(name);
   }
   ::closedir(dir);
   // A stable order: the directory's own order depends on the file system.
@@ -89,20 +100,25 @@ std::optional<std::vector<std::string>> PosixFileSystem::contentsOfDirectory(
 
 std::optional<Bytes> PosixFileSystem::readFile(const std::string& path) const {
   std::ifstream in(path, std::ios::binary);
-  if (!in) return std::nullopt;
+  if (!in)
+    return std::nullopt;
   Bytes content((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  if (in.bad()) return std::nullopt;
+  if (in.bad())
+    return std::nullopt;
   return content;
 }
 
 bool PosixFileSystem::writeFileAtomically(const std::string& path, const Bytes& content,
                                           std::string* errorReason) {
-  return platform::writeFileAtomically(path, content, {}, errorReason) == AtomicWriteResult::written;
+  return platform::writeFileAtomically(path, content, {}, errorReason) ==
+         AtomicWriteResult::written;
 }
 
 bool PosixFileSystem::removeFile(const std::string& path, std::string* errorReason) {
-  if (::unlink(path.c_str()) == 0) return true;
-  if (errorReason != nullptr) *errorReason = std::strerror(errno);
+  if (::unlink(path.c_str()) == 0)
+    return true;
+  if (errorReason != nullptr)
+    *errorReason = std::strerror(errno);
   return false;
 }
 

@@ -9,7 +9,8 @@ namespace quorvel::platform {
 
 std::optional<std::vector<InterfaceAddress>> PosixNetworkInterfaces::addresses() const {
   ifaddrs* list = nullptr;
-  if (getifaddrs(&list) != 0) return std::nullopt;
+  if (getifaddrs(&list) != 0)
+    return std::nullopt;
   std::vector<InterfaceAddress> out;
   for (const ifaddrs* a = list; a != nullptr; a = a->ifa_next) {
     InterfaceAddress entry;
@@ -20,11 +21,13 @@ std::optional<std::vector<InterfaceAddress>> PosixNetworkInterfaces::addresses()
     if (a->ifa_addr != nullptr && a->ifa_addr->sa_family == AF_INET) {
       entry.family = InterfaceAddress::Family::ipv4;
       const auto* in = reinterpret_cast<const sockaddr_in*>(a->ifa_addr);
-      if (inet_ntop(AF_INET, &in->sin_addr, text, sizeof text) != nullptr) entry.address = text;
+      if (inet_ntop(AF_INET, &in->sin_addr, text, sizeof text) != nullptr)
+        entry.address = text;
     } else if (a->ifa_addr != nullptr && a->ifa_addr->sa_family == AF_INET6) {
       entry.family = InterfaceAddress::Family::ipv6;
       const auto* in6 = reinterpret_cast<const sockaddr_in6*>(a->ifa_addr);
-      if (inet_ntop(AF_INET6, &in6->sin6_addr, text, sizeof text) != nullptr) entry.address = text;
+      if (inet_ntop(AF_INET6, &in6->sin6_addr, text, sizeof text) != nullptr)
+        entry.address = text;
     }
     out.push_back(std::move(entry));
   }

@@ -108,9 +108,11 @@ class PosixFileSystem final : public FileSystem {
   std::optional<TimePoint> modificationDate(const std::string& path) const override;
   bool fileExists(const std::string& path) const override;
   bool createDirectory(const std::string& path) override;
-  std::optional<std::vector<std::string>> contentsOfDirectory(const std::string& path) const override;
+  std::optional<std::vector<std::string>> contentsOfDirectory(
+      const std::string& path) const override;
   std::optional<Bytes> readFile(const std::string& path) const override;
-  bool writeFileAtomically(const std::string& path, const Bytes& content, std::string* errorReason) override;
+  bool writeFileAtomically(const std::string& path, const Bytes& content,
+                           std::string* errorReason) override;
   bool removeFile(const std::string& path, std::string* errorReason) override;
   using FileSystem::removeFile;
   using FileSystem::writeFileAtomically;
@@ -161,7 +163,9 @@ class PosixApplication final : public Application {
   BackgroundTaskIdentifier beginBackgroundTask(std::function<void()> expiration) override;
   void endBackgroundTask(BackgroundTaskIdentifier identifier) override;
   // A desktop has no named pasteboards that apps share.
-  std::optional<std::string> namedPasteboardText(const std::string&) override { return std::nullopt; }
+  std::optional<std::string> namedPasteboardText(const std::string&) override {
+    return std::nullopt;
+  }
 };
 
 // Fills every empty service of `platform` with its POSIX default.

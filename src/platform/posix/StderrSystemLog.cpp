@@ -16,7 +16,8 @@ void StderrSystemLog::write(std::string_view line) noexcept {
     const auto now = std::chrono::system_clock::now();
     const std::time_t t = std::chrono::system_clock::to_time_t(now);
     const auto millis =
-        std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
+        std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() %
+        1000;
     std::tm local{};
     localtime_r(&t, &local);
     char prefix[128];
@@ -32,8 +33,10 @@ void StderrSystemLog::write(std::string_view line) noexcept {
     std::size_t done = 0;
     while (done < text.size()) {
       const ssize_t w = ::write(STDERR_FILENO, text.data() + done, text.size() - done);
-      if (w < 0 && errno == EINTR) continue;
-      if (w <= 0) break;
+      if (w < 0 && errno == EINTR)
+        continue;
+      if (w <= 0)
+        break;
       done += static_cast<std::size_t>(w);
     }
   } catch (...) {

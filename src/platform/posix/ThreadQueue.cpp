@@ -29,11 +29,13 @@ struct ThreadQueue::State {
   bool stopping = false;
 
   void enqueue(SteadyTime due, Work work) noexcept {
-    if (!work) return;
+    if (!work)
+      return;
     try {
       {
         std::lock_guard lock(mutex);
-        if (stopping) return;
+        if (stopping)
+          return;
         items.push(Item{due, nextSequence++, std::move(work)});
       }
       wake.notify_one();
@@ -100,7 +102,9 @@ ThreadQueue::~ThreadQueue() {
   }
 }
 
-void ThreadQueue::async(Work work) noexcept { state_->enqueue(std::chrono::steady_clock::now(), std::move(work)); }
+void ThreadQueue::async(Work work) noexcept {
+  state_->enqueue(std::chrono::steady_clock::now(), std::move(work));
+}
 
 void ThreadQueue::asyncAfter(std::chrono::nanoseconds delay, Work work) noexcept {
   const auto clamped = delay.count() < 0 ? std::chrono::nanoseconds(0) : delay;
@@ -109,6 +113,8 @@ void ThreadQueue::asyncAfter(std::chrono::nanoseconds delay, Work work) noexcept
                   std::move(work));
 }
 
-bool ThreadQueue::isCurrent() const noexcept { return tCurrentQueue == state_.get(); }
+bool ThreadQueue::isCurrent() const noexcept {
+  return tCurrentQueue == state_.get();
+}
 
 }  // namespace quorvel::platform
