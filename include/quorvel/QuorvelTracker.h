@@ -34,6 +34,24 @@ class QuorvelRequestCache;
 class QuorvelRequestCacheData;
 class QuorvelDictionary;
 
+// What a host knows of an open-URL request (the platform's open-URL options).
+struct QuorvelOpenURLOptions {
+  std::optional<std::string> sourceApplication;  // the bundle id of the opening application
+};
+
+// A user activity the application continues (a universal link is a web-browsing activity).
+struct QuorvelUserActivity {
+  std::string activityType;                 // kQuorvelUserActivityTypeBrowsingWeb for links
+  std::optional<std::string> webpageURL;    // the page's URL for web-browsing activities
+  std::string description() const;
+};
+inline constexpr const char* kQuorvelUserActivityTypeBrowsingWeb = "NSUserActivityTypeBrowsingWeb";
+
+// Outcome callbacks of validateAndTrackInAppPurchase. `response` of a failure is the service's
+// parsed answer, its raw bytes (a binary value), a message text, or null.
+using QuorvelPurchaseSuccess = std::function<void(const Json& response)>;
+using QuorvelPurchaseFailure = std::function<void(const std::optional<Error>& error, const Json& response)>;
+
 // Receiver of attribution callbacks. Each callback is optional: an empty function means the
 // delegate does not respond to it. The tracker holds the delegate weakly.
 struct QuorvelTrackerDelegate {
@@ -147,6 +165,50 @@ class QuorvelTracker {
   void trackEventWithValues(const std::string& eventName, const std::optional<Json>& values);
   // Reports the device's location as the event "qv_location_coordinates". Longitude first.
   void trackLocation(double longitude, double latitude);
+
+  // --- Deep links and push payloads ----------------------------------------------------
+  // The app was opened with a URL. The first link of a launch wins over later ones.
+  void handleOpenURL(const std::string& url, const std::optional<std::string>& sourceApplication,
+                     const std::optional<Json>& withAnnotation);
+  void handleOpenURL(const std::string& url, const std::optional<std::string>& sourceApplication);
+  // The newer entry point: always replaces the link; the source application only when
+  // options are given.
+  void handleOpenUrl(const std::string& url, const std::optional<QuorvelOpenURLOptions>& options);
+  // A universal link: web-browsing activities set the link. The restoration handler is never
+  // called. Always true.
+  bool continueUserActivity(const QuorvelUserActivity& userActivity,
+                            const std::function<void(const Json&)>& restorationHandler);
+  void didUpdateUserActivity(const QuorvelUserActivity& userActivity);
+  // Keeps the notification's "qv" entry for the next launch (a payload without it clears).
+  void handlePushNotification(const Json& pushPayload);
+
+  // --- Purchases ---------------------------------------------------------------------------
+  // Reports a store purchase (to the validation endpoint) and has its receipt verified by the
+  // service. `success` gets the verdict when it holds a "transaction_id"; `failure` gets every
+  // other outcome. Both run on the network callback queue, never on the caller's thread.
+  // Product identifier and transaction id are required; `additionalParameters` is ignored.
+  // Without a developer key or an app id the purchase event is still sent (and dropped by
+  // the dispatch's own checks), and `failure` receives an error of the domain
+  // "com.quorvel.ErrorDomain" instead of a validation request being made.
+  void validateAndTrackInAppPurchase(const std::optional<std::string>& productIdentifier,
+                                     const std::optional<std::string>& price,
+                                     const std::optional<std::string>& currency,
+                                     const std::optional<std::string>& transactionId,
+                                     const std::optional<Json>& additionalParameters,
+                                     QuorvelPurchaseSuccess success, QuorvelPurchaseFailure failure);
+  void validatePurchaseEvent(const std::optional<std::string>& productIdentifier,
+                             const std::optional<std::string>& price, const std::optional<std::string>& currency,
+                             const std::optional<std::string>& transactionId, const Json& receiptData);
+  std::shared_ptr<platform::URLSessionTask> validateRequest() const;
+
+  // --- Uninstall measurement ---------------------------------------------------------------
+  // Registers the push token once per distinct token (3.5 s later, on the serial queue).
+  void registerUninstall(const Bytes& deviceToken);
+  void backgroundRegisterUninstall(const std::string& deviceToken);
+  // "<0a1b2c3d 4e5f6071>": lower-case hex, a blank after every four bytes.
+  static std::string deviceTokenText(const Bytes& deviceToken);
+  // For sessions that name the tracker as their download delegate: logs the outcome.
+  void didFinishDownloadingToPath(platform::URLSessionTask& task, const std::string& path);
 
   // --- Lifecycle -------------------------------------------------------------------------
   // Unsubscribes the tracker from the application notifications (will-terminate).
@@ -298,6 +360,7 @@ class QuorvelTracker {
   std::optional<std::string> currencyCode_;
   std::optional<std::string> appInviteHoplineID_;
   std::optional<std::chrono::system_clock::time_point> lastLaunchTime_;
+  std::shared_ptr<platform::URLSessionTask> validateRequest_;
 
   std::shared_ptr<QuorvelKeychainWrapper> keychain_;
 

@@ -53,6 +53,12 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
   std::shared_ptr<platform::URLSessionTask> createHopline(
       const std::string& url, std::int64_t ttl, const std::string& devKey, const Json& parameters,
       CreateHoplineCompletion completionHandler);
+  using ValidateCompletion = std::function<void(const std::optional<Error>&, const std::optional<Bytes>&)>;
+  // Posts a purchase receipt for validation; nullptr (and no completion ever) when the
+  // request dictionary has no "data".
+  std::shared_ptr<platform::URLSessionTask> sendValidateRequest(const Json& request,
+                                                                ValidateCompletion complitionBlock);
+
   // Keeps the link service's settings that a tracking answer carries.
   void handleHoplineResponse(const Json& response);
 

@@ -43,3 +43,9 @@ inline constexpr const char* kConversionDataCacheExpiration =
 inline constexpr const char* kGetConversionDataTiming = "QuorvelGetConversionDataTiming";
 
 }  // namespace quorvel::keys
+
+namespace quorvel::keys {
+
+inline constexpr const char* kDeviceToken = "QuorvelDeviceToken";
+
+}  // namespace quorvel::keys
