@@ -339,6 +339,8 @@ std::shared_ptr<platform::URLSession> FakeURLSessionFactory::backgroundSession(
     std::weak_ptr<platform::URLSessionDownloadDelegate> delegate) {
   background_ = std::make_shared<FakeURLSession>(
       dispatcher_->makeSerialQueue("background." + configuration.identifier), std::move(delegate));
+  std::lock_guard lock(mutex_);
+  backgrounds_.push_back(background_);
   return background_;
 }
 

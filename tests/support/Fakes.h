@@ -215,6 +215,11 @@ class FakeURLSession final : public platform::URLSession {
 
   void markStarted(const std::shared_ptr<platform::URLSessionTask>& task,
                    const platform::DataTaskCompletion& completion);
+  // Forgets every task: completions hold their callers, which hold the session.
+  void reset() {
+    std::lock_guard lock(mutex_);
+    started_.clear();
+  }
 
  private:
   std::shared_ptr<platform::DispatchQueue> queue_;
@@ -236,12 +241,19 @@ class FakeURLSessionFactory final : public platform::URLSessionFactory {
       std::weak_ptr<platform::URLSessionDownloadDelegate> delegate) override;
 
   std::shared_ptr<FakeURLSession> shared() { return shared_; }
+  void resetAll() {
+    std::lock_guard lock(mutex_);
+    if (shared_) shared_->reset();
+    for (const auto& b : backgrounds_) b->reset();
+  }
   std::shared_ptr<FakeURLSession> lastBackground() { return background_; }
 
  private:
   std::shared_ptr<platform::Dispatcher> dispatcher_;
   std::shared_ptr<FakeURLSession> shared_;
   std::shared_ptr<FakeURLSession> background_;
+  std::mutex mutex_;
+  std::vector<std::shared_ptr<FakeURLSession>> backgrounds_;
 };
 
 }  // namespace quorvel::test

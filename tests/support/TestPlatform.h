@@ -13,6 +13,12 @@
 namespace quorvel::test {
 
 struct TestPlatform {
+  TestPlatform() = default;
+  TestPlatform(const TestPlatform&) = delete;
+  TestPlatform& operator=(const TestPlatform&) = delete;
+  // Unanswered requests hold their callers; let go of them with the platform.
+  ~TestPlatform() { urlSessions->resetAll(); }
+
   std::shared_ptr<VirtualClock> clock = std::make_shared<VirtualClock>();
   std::shared_ptr<VirtualDispatcher> dispatcher = std::make_shared<VirtualDispatcher>(clock);
   std::shared_ptr<MemoryPreferencesStore> preferences = std::make_shared<MemoryPreferencesStore>();
