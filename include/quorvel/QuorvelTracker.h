@@ -41,8 +41,8 @@ struct QuorvelOpenURLOptions {
 
 // A user activity the application continues (a universal link is a web-browsing activity).
 struct QuorvelUserActivity {
-  std::string activityType;                 // kQuorvelUserActivityTypeBrowsingWeb for links
-  std::optional<std::string> webpageURL;    // the page's URL for web-browsing activities
+  std::string activityType;               // kQuorvelUserActivityTypeBrowsingWeb for links
+  std::optional<std::string> webpageURL;  // the page's URL for web-browsing activities
   std::string description() const;
 };
 inline constexpr const char* kQuorvelUserActivityTypeBrowsingWeb = "NSUserActivityTypeBrowsingWeb";
@@ -50,7 +50,8 @@ inline constexpr const char* kQuorvelUserActivityTypeBrowsingWeb = "NSUserActivi
 // Outcome callbacks of validateAndTrackInAppPurchase. `response` of a failure is the service's
 // parsed answer, its raw bytes (a binary value), a message text, or null.
 using QuorvelPurchaseSuccess = std::function<void(const Json& response)>;
-using QuorvelPurchaseFailure = std::function<void(const std::optional<Error>& error, const Json& response)>;
+using QuorvelPurchaseFailure =
+    std::function<void(const std::optional<Error>& error, const Json& response)>;
 
 // Receiver of attribution callbacks. Each callback is optional: an empty function means the
 // delegate does not respond to it. The tracker holds the delegate weakly.
@@ -195,10 +196,13 @@ class QuorvelTracker {
                                      const std::optional<std::string>& currency,
                                      const std::optional<std::string>& transactionId,
                                      const std::optional<Json>& additionalParameters,
-                                     QuorvelPurchaseSuccess success, QuorvelPurchaseFailure failure);
+                                     QuorvelPurchaseSuccess success,
+                                     QuorvelPurchaseFailure failure);
   void validatePurchaseEvent(const std::optional<std::string>& productIdentifier,
-                             const std::optional<std::string>& price, const std::optional<std::string>& currency,
-                             const std::optional<std::string>& transactionId, const Json& receiptData);
+                             const std::optional<std::string>& price,
+                             const std::optional<std::string>& currency,
+                             const std::optional<std::string>& transactionId,
+                             const Json& receiptData);
   std::shared_ptr<platform::URLSessionTask> validateRequest() const;
 
   // --- Uninstall measurement ---------------------------------------------------------------

@@ -334,15 +334,19 @@ std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::createHopline(
   return task;
 }
 
-std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::sendValidateRequest(const Json& request,
-                                                                                 ValidateCompletion complitionBlock) {
-  static constexpr const char* kMethod = "-[QuorvelHTTPClient sendValidateRequest:complitionBlock:]";
-  if (!request.is_object() || !request.contains("data")) return nullptr;
-  const auto text = [&](const char* key) { return request.contains(key) ? FormatArg(request[key]) : FormatArg(); };
-  const std::string url =
-      format("%@?app_id=%@&quorvel_id=%@&dev_key=%@&sandbox=%@&tran_id=%@&advertisingId=%@&JBDevice=%@",
-             text("url"), text("appId"), text("quorvelId"), text("appDevKey"), text("sandbox"), text("transactionId"),
-             text("advertisingId"), text("JBDevice"));
+std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::sendValidateRequest(
+    const Json& request, ValidateCompletion complitionBlock) {
+  static constexpr const char* kMethod =
+      "-[QuorvelHTTPClient sendValidateRequest:complitionBlock:]";
+  if (!request.is_object() || !request.contains("data"))
+    return nullptr;
+  const auto text = [&](const char* key) {
+    return request.contains(key) ? FormatArg(request[key]) : FormatArg();
+  };
+  const std::string url = format(
+      "%@?app_id=%@&quorvel_id=%@&dev_key=%@&sandbox=%@&tran_id=%@&advertisingId=%@&JBDevice=%@",
+      text("url"), text("appId"), text("quorvelId"), text("appDevKey"), text("sandbox"),
+      text("transactionId"), text("advertisingId"), text("JBDevice"));
   const std::string body = request["data"].dump(-1, ' ', false, Json::error_handler_t::replace);
   QuorvelUtils::logRequestContent(kRequestReceiptValidation, url, body);
   platform::URLRequest http;
@@ -357,7 +361,8 @@ std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::sendValidateRequest
           qvLog(kLogDebug, "-[QuorvelHTTPClient sendValidateRequest:complitionBlock:]_block_invoke",
                 "Quorvel Connection failed! Error - %@", error->localizedDescription);
         }
-        if (complitionBlock) complitionBlock(error, answer);
+        if (complitionBlock)
+          complitionBlock(error, answer);
       });
   task->resume();
   return task;

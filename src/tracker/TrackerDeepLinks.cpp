@@ -6,32 +6,41 @@
 namespace quorvel {
 
 std::string QuorvelUserActivity::description() const {
-  return "<NSUserActivity activityType=" + activityType + " webpageURL=" + webpageURL.value_or("(null)") + ">";
+  return "<NSUserActivity activityType=" + activityType +
+         " webpageURL=" + webpageURL.value_or("(null)") + ">";
 }
 
-void QuorvelTracker::handleOpenURL(const std::string& url, const std::optional<std::string>& sourceApplication,
+void QuorvelTracker::handleOpenURL(const std::string& url,
+                                   const std::optional<std::string>& sourceApplication,
                                    const std::optional<Json>& /*withAnnotation*/) {
   {
     // The first link of a launch wins.
     std::lock_guard lock(fieldsMutex_);
-    if (!deeplink_) deeplink_ = url;
-    if (!sourceApplication_) sourceApplication_ = sourceApplication;
+    if (!deeplink_)
+      deeplink_ = url;
+    if (!sourceApplication_)
+      sourceApplication_ = sourceApplication;
   }
-  qvLog(kLogDebug, "-[QuorvelTracker handleOpenURL:sourceApplication:withAnnotation:]", "HandleOpenUrl: %@", deeplink());
+  qvLog(kLogDebug, "-[QuorvelTracker handleOpenURL:sourceApplication:withAnnotation:]",
+        "HandleOpenUrl: %@", deeplink());
 }
 
-void QuorvelTracker::handleOpenURL(const std::string& url, const std::optional<std::string>& sourceApplication) {
+void QuorvelTracker::handleOpenURL(const std::string& url,
+                                   const std::optional<std::string>& sourceApplication) {
   handleOpenURL(url, sourceApplication, std::nullopt);
 }
 
-void QuorvelTracker::handleOpenUrl(const std::string& url, const std::optional<QuorvelOpenURLOptions>& options) {
+void QuorvelTracker::handleOpenUrl(const std::string& url,
+                                   const std::optional<QuorvelOpenURLOptions>& options) {
   qvLog(kLogDebug, "-[QuorvelTracker handleOpenUrl:options:]", "handleOpenUrl: %@", url);
   setDeeplink(url);
-  if (options) setSourceApplication(options->sourceApplication);
+  if (options)
+    setSourceApplication(options->sourceApplication);
 }
 
-bool QuorvelTracker::continueUserActivity(const QuorvelUserActivity& userActivity,
-                                          const std::function<void(const Json&)>& restorationHandler) {
+bool QuorvelTracker::continueUserActivity(
+    const QuorvelUserActivity& userActivity,
+    const std::function<void(const Json&)>& restorationHandler) {
   qvLog(kLogDebug, "-[QuorvelTracker continueUserActivity:restorationHandler:]",
         "User Activity: %@, restoration Handler: %@", userActivity.description(),
         restorationHandler ? "<__NSMallocBlock__>" : "(null)");
@@ -42,16 +51,19 @@ bool QuorvelTracker::continueUserActivity(const QuorvelUserActivity& userActivit
 }
 
 void QuorvelTracker::didUpdateUserActivity(const QuorvelUserActivity& userActivity) {
-  qvLog(kLogDebug, "-[QuorvelTracker didUpdateUserActivity:]", "didUpdateUserActivity = %@", userActivity.description());
+  qvLog(kLogDebug, "-[QuorvelTracker didUpdateUserActivity:]", "didUpdateUserActivity = %@",
+        userActivity.description());
 }
 
 void QuorvelTracker::handlePushNotification(const Json& pushPayload) {
   std::optional<Json> entry;
   if (pushPayload.is_object()) {
-    if (const auto it = pushPayload.find("qv"); it != pushPayload.end() && !it->is_null()) entry = *it;
+    if (const auto it = pushPayload.find("qv"); it != pushPayload.end() && !it->is_null())
+      entry = *it;
   }
   setPushPayload(entry);
-  qvLog(kLogDebug, "-[QuorvelTracker handlePushNotification:]", "Push Notification received qv payload = %@", entry);
+  qvLog(kLogDebug, "-[QuorvelTracker handlePushNotification:]",
+        "Push Notification received qv payload = %@", entry);
 }
 
 }  // namespace quorvel

@@ -12,26 +12,35 @@
 namespace quorvel {
 namespace {
 constexpr const char* kMethod =
-    "-[QuorvelTracker validateAndTrackInAppPurchase:price:currency:transactionId:additionalParameters:success:failure:]";
+    "-[QuorvelTracker "
+    "validateAndTrackInAppPurchase:price:currency:transactionId:additionalParameters:success:"
+    "failure:]";
 constexpr const char* kErrorDomain = "com.quorvel.ErrorDomain";
 
-Json stringOrEmpty(const std::optional<std::string>& v) { return Json(v.value_or(std::string())); }
+Json stringOrEmpty(const std::optional<std::string>& v) {
+  return Json(v.value_or(std::string()));
+}
 }  // namespace
 
-std::shared_ptr<platform::URLSessionTask> QuorvelTracker::validateRequest() const { return read(validateRequest_); }
+std::shared_ptr<platform::URLSessionTask> QuorvelTracker::validateRequest() const {
+  return read(validateRequest_);
+}
 
-void QuorvelTracker::validateAndTrackInAppPurchase(const std::optional<std::string>& productIdentifier,
-                                                   const std::optional<std::string>& price,
-                                                   const std::optional<std::string>& currency,
-                                                   const std::optional<std::string>& transactionId,
-                                                   const std::optional<Json>& /*additionalParameters*/,
-                                                   QuorvelPurchaseSuccess success, QuorvelPurchaseFailure failure) {
+void QuorvelTracker::validateAndTrackInAppPurchase(
+    const std::optional<std::string>& productIdentifier, const std::optional<std::string>& price,
+    const std::optional<std::string>& currency, const std::optional<std::string>& transactionId,
+    const std::optional<Json>& /*additionalParameters*/, QuorvelPurchaseSuccess success,
+    QuorvelPurchaseFailure failure) {
   const auto fail = [&failure](const std::optional<Error>& error, const Json& response) {
-    if (failure) failure(error, response);
+    if (failure)
+      failure(error, response);
   };
-  if (compareNumeric(platform_->device->systemVersion(), "7") < 0) return;
+  if (compareNumeric(platform_->device->systemVersion(), "7") < 0)
+    return;
   if (!productIdentifier || !transactionId) {
-    qvLog(kLogDebug, kMethod, "Quorvel Error: validateInAppPurchase Parameters cannot be nil. Track event is not sent.");
+    qvLog(
+        kLogDebug, kMethod,
+        "Quorvel Error: validateInAppPurchase Parameters cannot be nil. Track event is not sent.");
     fail(std::nullopt, Json("Quorvel Error: validateInAppPurchase Parameters cannot be nil"));
     return;
   }
@@ -39,8 +48,11 @@ void QuorvelTracker::validateAndTrackInAppPurchase(const std::optional<std::stri
   const auto data = receipt.find("data");
   if (data == receipt.end() || data->is_string()) {
     qvLog(kLogError, kMethod,
-          "Quorvel Error: Could not get application receipt data, please check the paramters. Track event is not sent.");
-    fail(std::nullopt, Json("Quorvel Error: Could not get application receipt data, please check the paramters."));
+          "Quorvel Error: Could not get application receipt data, please check the paramters. "
+          "Track event is not sent.");
+    fail(
+        std::nullopt,
+        Json("Quorvel Error: Could not get application receipt data, please check the paramters."));
     return;
   }
   validatePurchaseEvent(productIdentifier, price, currency, transactionId, receipt);
@@ -49,7 +61,9 @@ void QuorvelTracker::validateAndTrackInAppPurchase(const std::optional<std::stri
   const auto appID = appleAppID();
   if (!devKey || !appID) {
     // The validation needs both; the host hears about it instead of the process failing.
-    fail(Error{kErrorDomain, 0, "Quorvel Error: validateInAppPurchase needs the developer key and the app id"}, Json());
+    fail(Error{kErrorDomain, 0,
+               "Quorvel Error: validateInAppPurchase needs the developer key and the app id"},
+         Json());
     return;
   }
   Json request = receipt;
@@ -61,45 +75,54 @@ void QuorvelTracker::validateAndTrackInAppPurchase(const std::optional<std::stri
   request["transactionId"] = *transactionId;
   request["advertisingId"] = advertiserId();
   request["JBDevice"] = QuorvelUtils::isJailBreakon() ? "true" : "false";
-  if (deviceTrackingDisabled()) request["deviceTrackingDisabled"] = "true";
-  if (qvTraceWanted()) qvTrace(kMethod, "parameters = %@", request);
+  if (deviceTrackingDisabled())
+    request["deviceTrackingDisabled"] = "true";
+  if (qvTraceWanted())
+    qvTrace(kMethod, "parameters = %@", request);
 
   auto self = self_;
-  auto task = httpClient_->sendValidateRequest(
-      request, [self, success = std::move(success), failure = std::move(failure)](const std::optional<Error>& error,
-                                                                                   const std::optional<Bytes>& bytes) {
-        static constexpr const char* kBlock =
-            "-[QuorvelTracker validateAndTrackInAppPurchase:price:currency:transactionId:additionalParameters:success:"
-            "failure:]_block_invoke";
-        if (error) {
-          qvLog(kLogError, kBlock, "Failed validating receipt = %@", error->description());
-          if (failure) failure(error, bytes ? Json::binary(*bytes) : Json());
-        } else {
-          const std::string text = bytes ? std::string(bytes->begin(), bytes->end()) : std::string();
-          const Json parsed = Json::parse(text, nullptr, false);
-          if (parsed.is_discarded()) {
-            if (failure) {
-              failure(Error{"NSCocoaErrorDomain", 3840,
-                            "The data couldn't be read because it isn't in the correct format."},
-                      Json());
-            }
-          } else if (parsed.is_object() && parsed.contains("transaction_id")) {
-            qvLog(kLogInfo, kBlock, "Succeeded validating receipt");
-            if (success) success(parsed);
-          } else {
-            qvLog(kLogWarning, kBlock, "Failed validating receipt = %@", parsed);
-            if (failure) failure(std::nullopt, parsed);
-          }
+  auto task = httpClient_->sendValidateRequest(request, [self, success = std::move(success),
+                                                         failure = std::move(failure)](
+                                                            const std::optional<Error>& error,
+                                                            const std::optional<Bytes>& bytes) {
+    static constexpr const char* kBlock =
+        "-[QuorvelTracker "
+        "validateAndTrackInAppPurchase:price:currency:transactionId:additionalParameters:success:"
+        "failure:]_block_invoke";
+    if (error) {
+      qvLog(kLogError, kBlock, "Failed validating receipt = %@", error->description());
+      if (failure)
+        failure(error, bytes ? Json::binary(*bytes) : Json());
+    } else {
+      const std::string text = bytes ? std::string(bytes->begin(), bytes->end()) : std::string();
+      const Json parsed = Json::parse(text, nullptr, false);
+      if (parsed.is_discarded()) {
+        if (failure) {
+          failure(Error{"NSCocoaErrorDomain", 3840,
+                        "The data couldn't be read because it isn't in the correct format."},
+                  Json());
         }
-        if (QuorvelTracker* tracker = self->load()) tracker->write(tracker->validateRequest_, nullptr);
-      });
+      } else if (parsed.is_object() && parsed.contains("transaction_id")) {
+        qvLog(kLogInfo, kBlock, "Succeeded validating receipt");
+        if (success)
+          success(parsed);
+      } else {
+        qvLog(kLogWarning, kBlock, "Failed validating receipt = %@", parsed);
+        if (failure)
+          failure(std::nullopt, parsed);
+      }
+    }
+    if (QuorvelTracker* tracker = self->load())
+      tracker->write(tracker->validateRequest_, nullptr);
+  });
   write(validateRequest_, task);
 }
 
 void QuorvelTracker::validatePurchaseEvent(const std::optional<std::string>& productIdentifier,
                                            const std::optional<std::string>& price,
                                            const std::optional<std::string>& currency,
-                                           const std::optional<std::string>& transactionId, const Json& receiptData) {
+                                           const std::optional<std::string>& transactionId,
+                                           const Json& receiptData) {
   QuorvelDictionary parameters = getEventParameters(false);
   parameters.setParameter(stringOrEmpty(transactionId), "apple_tran_id");
   parameters.setParameter(stringOrEmpty(currency), "currency");
@@ -109,12 +132,14 @@ void QuorvelTracker::validatePurchaseEvent(const std::optional<std::string>& pro
   parameters.setParameter(stringOrEmpty(price), "price");
   parameters.setParameter(receiptData, "receipt_data");
   const Bytes body = encryptData(parameters);
-  const std::string url = format("https://validate.%@/api/v%@/ios%@?app_id=%@&buildnumber=%@", host(),
-                                 kQuorvelAPIVersion, "event", appleAppID(), kQuorvelSDKVersion);
-  QuorvelUtils::logRequestContent(kRequestEvent, url,
-                                  QuorvelUtils::getJsonStringFromDictionary(parameters.dict()).value_or(std::string()));
-  httpClient_->sendRequestEventToServer(QuorvelRequestCacheData(url, body, kQuorvelSDKVersion), false, appleAppID(),
-                                        isDebug(), nullptr);
+  const std::string url =
+      format("https://validate.%@/api/v%@/ios%@?app_id=%@&buildnumber=%@", host(),
+             kQuorvelAPIVersion, "event", appleAppID(), kQuorvelSDKVersion);
+  QuorvelUtils::logRequestContent(
+      kRequestEvent, url,
+      QuorvelUtils::getJsonStringFromDictionary(parameters.dict()).value_or(std::string()));
+  httpClient_->sendRequestEventToServer(QuorvelRequestCacheData(url, body, kQuorvelSDKVersion),
+                                        false, appleAppID(), isDebug(), nullptr);
 }
 
 }  // namespace quorvel

@@ -27,7 +27,9 @@ class HostEventsTest : public ::testing::Test {
     fakes.fileSystem->writeFileAtomically("/app/receipt", Bytes{'r', 'c', 'p'});
   }
   test::FakeURLSession& session() { return *fakes.urlSessions->shared(); }
-  const platform::URLRequest& request(std::size_t i) { return session().started().at(i).task->originalRequest(); }
+  const platform::URLRequest& request(std::size_t i) {
+    return session().started().at(i).task->originalRequest();
+  }
 
   test::TestPlatform fakes;
   std::unique_ptr<QuorvelTracker> tracker;
@@ -43,13 +45,16 @@ TEST_F(HostEventsTest, OpenURLEntryPoints) {
   tracker->handleOpenUrl("myapp://third", std::nullopt);  // no options: the source stays
   EXPECT_EQ(tracker->deeplink(), "myapp://third");
   EXPECT_EQ(tracker->sourceApplication(), "com.a");
-  tracker->handleOpenUrl("myapp://fourth", QuorvelOpenURLOptions{});  // options without a source clear it
+  tracker->handleOpenUrl("myapp://fourth",
+                         QuorvelOpenURLOptions{});  // options without a source clear it
   EXPECT_EQ(tracker->deeplink(), "myapp://fourth");
   EXPECT_FALSE(tracker->sourceApplication());
 
-  EXPECT_TRUE(tracker->continueUserActivity({"com.example.custom", "https://x.example/a"}, nullptr));
+  EXPECT_TRUE(
+      tracker->continueUserActivity({"com.example.custom", "https://x.example/a"}, nullptr));
   EXPECT_EQ(tracker->deeplink(), "myapp://fourth");
-  EXPECT_TRUE(tracker->continueUserActivity({kQuorvelUserActivityTypeBrowsingWeb, "https://x.example/a"}, nullptr));
+  EXPECT_TRUE(tracker->continueUserActivity(
+      {kQuorvelUserActivityTypeBrowsingWeb, "https://x.example/a"}, nullptr));
   EXPECT_EQ(tracker->deeplink(), "https://x.example/a");
   tracker->didUpdateUserActivity({kQuorvelUserActivityTypeBrowsingWeb, std::nullopt});
   EXPECT_EQ(fakes.systemLog->count("didUpdateUserActivity = "), 1U);
@@ -67,11 +72,12 @@ TEST_F(HostEventsTest, PushPayloadsKeepTheirOwnEntry) {
 TEST_F(HostEventsTest, PurchaseEventThenValidation) {
   tracker->setCurrencyCode(std::string("USD"));
   std::vector<Json> successes;
-  tracker->validateAndTrackInAppPurchase(std::string("com.game.gems"), std::nullopt, std::string("EUR"),
-                                         std::string("tx-1"), Json{{"ignored", true}},
-                                         [&](const Json& r) { successes.push_back(r); }, nullptr);
+  tracker->validateAndTrackInAppPurchase(
+      std::string("com.game.gems"), std::nullopt, std::string("EUR"), std::string("tx-1"),
+      Json{{"ignored", true}}, [&](const Json& r) { successes.push_back(r); }, nullptr);
   ASSERT_EQ(session().started().size(), 2U);
-  EXPECT_EQ(request(0).url, "https://validate.svc.example/api/v4.8/iosevent?app_id=123&buildnumber=4.8.0");
+  EXPECT_EQ(request(0).url,
+            "https://validate.svc.example/api/v4.8/iosevent?app_id=123&buildnumber=4.8.0");
   const Json event = test::decryptPayload(kKey, request(0).body);
   EXPECT_EQ(event["event"], "qv_purchase");
   EXPECT_EQ(event["currency"], "EUR");
@@ -82,9 +88,12 @@ TEST_F(HostEventsTest, PurchaseEventThenValidation) {
   EXPECT_EQ(event["receipt_data"], (Json{{"data", Json{{"receipt-data", "cmNw"}}}}));
 
   const auto& v = request(1);
-  EXPECT_EQ(v.url, "https://sdk-services.svc.example/validate-ios-receipt-server?app_id=123&quorvel_id=" +
-                       tracker->getQuorvelUID() + "&dev_key=" + kKey + "&sandbox=false&tran_id=tx-1&advertisingId=&JBDevice=false");
-  EXPECT_EQ(v.headers, (platform::HeaderList{{"Accept", "application/json"}, {"Content-Type", "application/json"}}));
+  EXPECT_EQ(v.url,
+            "https://sdk-services.svc.example/validate-ios-receipt-server?app_id=123&quorvel_id=" +
+                tracker->getQuorvelUID() + "&dev_key=" + kKey +
+                "&sandbox=false&tran_id=tx-1&advertisingId=&JBDevice=false");
+  EXPECT_EQ(v.headers, (platform::HeaderList{{"Accept", "application/json"},
+                                             {"Content-Type", "application/json"}}));
   EXPECT_EQ(std::string(v.body.begin(), v.body.end()), R"({"receipt-data":"cmNw"})");
   EXPECT_TRUE(tracker->validateRequest());
   session().respond(1, 200, R"({"status":0,"transaction_id":"tx-1"})");
@@ -102,13 +111,14 @@ TEST_F(HostEventsTest, PurchaseFailures) {
   };
   auto attempt = [&](std::optional<std::string> product, std::optional<std::string> tx) {
     auto out = std::make_shared<Outcome>();
-    tracker->validateAndTrackInAppPurchase(product, std::string("1.99"), std::string("USD"), tx, std::nullopt,
-                                           [out](const Json&) { ++out->calls; },
-                                           [out](const std::optional<Error>& e, const Json& r) {
-                                             ++out->calls;
-                                             out->error = e;
-                                             out->response = r;
-                                           });
+    tracker->validateAndTrackInAppPurchase(
+        product, std::string("1.99"), std::string("USD"), tx, std::nullopt,
+        [out](const Json&) { ++out->calls; },
+        [out](const std::optional<Error>& e, const Json& r) {
+          ++out->calls;
+          out->error = e;
+          out->response = r;
+        });
     return out;
   };
   auto missing = attempt(std::nullopt, std::string("tx"));
@@ -131,11 +141,14 @@ TEST_F(HostEventsTest, PurchaseFailures) {
   session().fail(5, Error{platform::kURLErrorDomain, -1009, "offline"});
   fakes.dispatcher->runUntilIdle();
   EXPECT_EQ(offline->error->code, -1009);
-  EXPECT_EQ(fakes.systemLog->count("Failed validating receipt = Error Domain=NSURLErrorDomain Code=-1009"), 1U);
+  EXPECT_EQ(fakes.systemLog->count(
+                "Failed validating receipt = Error Domain=NSURLErrorDomain Code=-1009"),
+            1U);
 
   fakes.fileSystem->removeFile("/app/receipt");
   auto noReceipt = attempt(std::string("p"), std::string("tx"));
-  EXPECT_EQ(noReceipt->response, "Quorvel Error: Could not get application receipt data, please check the paramters.");
+  EXPECT_EQ(noReceipt->response,
+            "Quorvel Error: Could not get application receipt data, please check the paramters.");
 
   fakes.fileSystem->writeFileAtomically("/app/receipt", Bytes{'r'});
   tracker->setAppleAppID(std::nullopt);
@@ -165,12 +178,27 @@ TEST_F(HostEventsTest, UninstallRegistrationOncePerToken) {
   const auto& r = background->started()[0].task->originalRequest();
   EXPECT_EQ(r.url, "https://register.svc.example/api/v4.8/iosevent?buildnumber=4.8.0&app_id=123");
   const Json body = Json::parse(r.body.begin(), r.body.end());
-  const std::vector<std::string> keys = {"devkey", "uid", "devicetoken", "launch_counter", "topic", "install_date",
-                                         "advertiserId", "OriginalQuorvelId", "reInstallCounter", "sdk_version",
-                                         "useDevelopment", "bundleversion", "bundlename", "shortbundleversion",
-                                         "vendorId", "wifi", "deviceData", "appUID"};
+  const std::vector<std::string> keys = {"devkey",
+                                         "uid",
+                                         "devicetoken",
+                                         "launch_counter",
+                                         "topic",
+                                         "install_date",
+                                         "advertiserId",
+                                         "OriginalQuorvelId",
+                                         "reInstallCounter",
+                                         "sdk_version",
+                                         "useDevelopment",
+                                         "bundleversion",
+                                         "bundlename",
+                                         "shortbundleversion",
+                                         "vendorId",
+                                         "wifi",
+                                         "deviceData",
+                                         "appUID"};
   std::vector<std::string> got;
-  for (const auto& [k, v] : body.items()) got.push_back(k);
+  for (const auto& [k, v] : body.items())
+    got.push_back(k);
   EXPECT_EQ(got, keys);
   EXPECT_EQ(body["devicetoken"], "0a1b2c3d4e5f6071");
   EXPECT_EQ(body["launch_counter"], "0");

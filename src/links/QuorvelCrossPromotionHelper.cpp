@@ -1,0 +1,80 @@
+#include <quorvel/QuorvelCrossPromotionHelper.h>
+#include <quorvel/QuorvelTracker.h>
+
+#include "log/Log.h"
+
+namespace quorvel {
+
+QuorvelLinkGenerator QuorvelCrossPromotionHelper::createLinkGenerator(
+    const std::string& appID, const std::optional<std::string>& campaign,
+    const std::optional<Json>& parameters, const std::string& baseURL) {
+  QuorvelTracker& tracker = QuorvelTracker::sharedTracker();
+  QuorvelLinkGenerator generator("qv_cross_promotion", tracker);
+  generator.setBaseURL(baseURL);
+  generator.setAppleAppID(appID);
+  const auto ownID = tracker.appleAppID();
+  generator.addParameterValue(ownID ? Json(*ownID) : Json(), "qv_siteid");
+  generator.setCampaign(campaign);
+  if (parameters)
+    generator.addParameters(*parameters);
+  if (const std::string advertiser = tracker.advertiserId(); !advertiser.empty()) {
+    generator.addParameterValue(Json(advertiser), "advertising_id");
+  }
+  return generator;
+}
+
+void QuorvelCrossPromotionHelper::trackAndOpenStore(
+    const std::string& appID, const std::optional<std::string>& campaign,
+    const std::optional<Json>& paramters,
+    const std::function<void(std::shared_ptr<platform::URLSession> session,
+                             const std::string& url)>& openStore) {
+  QuorvelTracker& tracker = QuorvelTracker::sharedTracker();
+  const QuorvelLinkGenerator generator =
+      createLinkGenerator(appID, campaign, paramters, quorvelDefaultLinkOrigin(tracker.host()));
+  // The click is on record before the host opens anything.
+  trackCrossPromotionEvent(campaign, paramters);
+  const std::string url = generator.generateLink();
+  if (openStore)
+    openStore(tracker.platform().urlSessions->sharedSession(), url);
+}
+
+void QuorvelCrossPromotionHelper::trackCrossPromotionEvent(
+    const std::optional<std::string>& campaign, const std::optional<Json>& paramters) {
+  Json values = Json::object();
+  if (paramters && paramters->is_object()) {
+    for (const auto& [k, v] : paramters->items()) {
+      if (!v.is_null())
+        values[k] = v;
+    }
+  }
+  if (campaign) {
+    values["qv_campaign"] = *campaign;
+  } else {
+    values.erase("qv_campaign");
+  }
+  QuorvelTracker::sharedTracker().trackEventWithValues("qv_cross_promotion_clicked", values);
+}
+
+void QuorvelCrossPromotionHelper::trackCrossPromoteImpression(
+    const std::string& appID, const std::optional<std::string>& campaign) {
+  QuorvelTracker& tracker = QuorvelTracker::sharedTracker();
+  const QuorvelLinkGenerator generator =
+      createLinkGenerator(appID, campaign, std::nullopt, quorvelImpressionOrigin(tracker.host()));
+  platform::URLRequest request;
+  request.url = generator.generateLink();
+  tracker.platform()
+      .urlSessions->sharedSession()
+      ->dataTask(std::move(request),
+                 [](const auto&, const auto&, const std::optional<Error>& error) {
+                   if (error) {
+                     qvLog(kLogError,
+                           "+[QuorvelCrossPromotionHelper "
+                           "trackCrossPromoteImpression:campaign:]_block_invoke",
+                           "Quorvel crossPromotionViewed Connection failed! Error - %@",
+                           error->localizedDescription);
+                   }
+                 })
+      ->resume();
+}
+
+}  // namespace quorvel

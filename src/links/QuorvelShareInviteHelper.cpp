@@ -1,0 +1,69 @@
+#include <quorvel/QuorvelShareInviteHelper.h>
+#include <quorvel/QuorvelTracker.h>
+
+#include "log/Log.h"
+#include "tracker/PreferenceKeys.h"
+#include "util/QuorvelUtils.h"
+
+namespace quorvel {
+
+void QuorvelShareInviteHelper::generateInviteUrlWithLinkGenerator(
+    const std::function<QuorvelLinkGenerator(QuorvelLinkGenerator)>& linkGenerator,
+    std::function<void(const std::string& url)> completionHandler) {
+  QuorvelLinkGenerator generator = createLink("qv_app_invites");
+  if (linkGenerator)
+    generator = linkGenerator(std::move(generator));
+  generator.generateHoplineWithCompletionHandler(std::move(completionHandler));
+}
+
+QuorvelLinkGenerator QuorvelShareInviteHelper::createLink(const std::string& mediaSource) {
+  QuorvelTracker& tracker = QuorvelTracker::sharedTracker();
+  QuorvelLinkGenerator generator(mediaSource, tracker);
+  generator.setReferrerUID(tracker.getQuorvelUID());
+  generator.setReferrerCustomerId(tracker.customerUserID());
+  const auto appID = tracker.appleAppID();
+  generator.addParameterValue(appID ? Json(*appID) : Json(), "qv_siteid");
+  auto& prefs = *tracker.platform().preferences;
+  if (const auto templateID = tracker.appInviteHoplineID()) {
+    const auto stored = prefs.stringForKey(keys::kHoplineDomain);
+    const std::string domain = stored && stored->size() > 3 ? *stored : std::string(kHoplineSchema);
+    generator.setBaseURL(buildHoplineWithID(*templateID, domain));
+  } else {
+    generator.setAppleAppID(appID);
+  }
+  if (const auto scheme = prefs.stringForKey(keys::kHoplineScheme); scheme && scheme->size() >= 4) {
+    generator.setBaseDeeplink(scheme);
+  }
+  qvLog(kLogDebug, "+[QuorvelShareInviteHelper createLink:]", "return linkGenerator ...");
+  return generator;
+}
+
+std::string QuorvelShareInviteHelper::buildHoplineWithID(const std::string& identifier,
+                                                         const std::string& domain) {
+  return format("https://%@/%@", domain, identifier);
+}
+
+void QuorvelShareInviteHelper::trackInvite(const std::optional<std::string>& channel,
+                                           const std::optional<Json>& parameters) {
+  trackLinkedSent("qv_invite", channel, parameters);
+}
+
+void QuorvelShareInviteHelper::trackLinkedSent(const std::string& eventName,
+                                               const std::optional<std::string>& channel,
+                                               const std::optional<Json>& parameters) {
+  Json values = Json::object();
+  if (parameters && parameters->is_object()) {
+    for (const auto& [k, v] : parameters->items()) {
+      if (v.is_null()) {
+        values.erase(k);
+      } else {
+        values[k] = v;
+      }
+    }
+  }
+  if (channel)
+    values["qv_channel"] = *channel;
+  QuorvelTracker::sharedTracker().trackEventWithValues(eventName, values);
+}
+
+}  // namespace quorvel

@@ -1,0 +1,264 @@
+#include <quorvel/QuorvelCrossPromotionHelper.h>
+#include <quorvel/QuorvelLinkGenerator.h>
+#include <quorvel/QuorvelShareInviteHelper.h>
+#include <quorvel/QuorvelTracker.h>
+
+#include <gtest/gtest.h>
+
+#include "log/QuorvelProxyManager.h"
+#include "platform/Url.h"
+#include "support/Decrypt.h"
+#include "support/TestPlatform.h"
+#include "tracker/PreferenceKeys.h"
+#include "util/QuorvelUtils.h"
+
+namespace quorvel {
+namespace {
+
+using namespace std::chrono_literals;
+
+class LinkGeneratorTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fakes.install();
+    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
+    QVSetShowDebugLogs(true);
+    tracker = std::make_unique<QuorvelTracker>(fakes.shared());
+    tracker->setHost(std::string("svc.example"));
+  }
+  test::TestPlatform fakes;
+  std::unique_ptr<QuorvelTracker> tracker;
+};
+
+TEST_F(LinkGeneratorTest, LongLinkRules) {
+  struct Case {
+    std::string name;
+    std::function<void(QuorvelLinkGenerator&)> setup;
+    std::string want;
+  };
+  const std::vector<Case> cases = {
+      {"media source only", [](auto&) {}, "https://app.svc.example?pid=m"},
+      {"escaping", [](auto& g) { g.addParameterValue(Json("a b&c"), "k/ey"); },
+       "https://app.svc.example?pid=m&k%2Fey=a%20b%26c"},
+      {"reserved set", [](auto& g) { g.setCampaign(std::string("!*'\"();:@&=+$,/?%#[]")); },
+       "https://"
+       "app.svc.example?pid=m&c=%21%2A%27%22%28%29%3B%3A%40%26%3D%2B%24%2C%2F%3F%25%23%5B%5D"},
+      {"non-string dropped, separator kept",
+       [](auto& g) {
+         g.addParameterValue(Json(5), "n");
+         g.addParameterValue(Json("v"), "s");
+       },
+       "https://app.svc.example?pid=m&&s=v"},
+      {"pid replaced through parameters",
+       [](auto& g) {
+         g.addParameters(Json{{"pid", "other"}});
+       },
+       "https://app.svc.example?pid=other"},
+      {"null removes",
+       [](auto& g) {
+         g.addParameterValue(Json("x"), "k");
+         g.addParameters(Json{{"k", nullptr}});
+       },
+       "https://app.svc.example?pid=m"},
+      {"app id path", [](auto& g) { g.setAppleAppID(std::string("123")); },
+       "https://app.svc.example/id123?pid=m"},
+      {"deep link base only", [](auto& g) { g.setBaseDeeplink(std::string("myapp://")); },
+       "https://app.svc.example?pid=m&qv_dp=myapp%3A%2F%2F"},
+      {"deep link with path",
+       [](auto& g) {
+         g.setDeeplinkPath(std::string("shop/1"));
+         g.setBaseDeeplink(std::string("myapp://"));
+       },
+       "https://app.svc.example?pid=m&qv_dp=myapp%3A%2F%2Fshop%2F1"},
+      {"named attributes",
+       [](auto& g) {
+         g.setChannel(std::string("sms"));
+         g.setReferrerUID(std::string("u1"));
+         g.setReferrerCustomerId(std::string("c1"));
+         g.setReferrerName(std::string("Ann"));
+         g.setReferrerImageURL(std::string("https://i/x.png"));
+         g.setBaseURL(std::string("https://go.example/t"));
+       },
+       "https://go.example/"
+       "t?pid=m&qv_channel=sms&referrer_qv_id=u1&qv_referrer_customer_id=c1&qv_referrer_name=Ann"
+       "&qv_referrer_image_url=https%3A%2F%2Fi%2Fx.png"},
+      {"unicode", [](auto& g) { g.setCampaign(std::string("\xc3\xa9t\xc3\xa9")); },
+       "https://app.svc.example?pid=m&c=%C3%A9t%C3%A9"},
+  };
+  for (const auto& c : cases) {
+    QuorvelLinkGenerator g(std::string("m"), *tracker);
+    c.setup(g);
+    EXPECT_EQ(g.generateLink(), c.want) << c.name;
+    EXPECT_TRUE(Url::parse(g.generateLink())) << c.name;
+  }
+  EXPECT_EQ(fakes.systemLog->count("Key `n` ignored. Unsupported format."),
+            2U);  // generated twice above
+}
+
+TEST_F(LinkGeneratorTest, SettersIgnoreMissingValuesAndLogPaddedLines) {
+  QuorvelLinkGenerator g(std::string("m"), *tracker);
+  g.setChannel(std::string("a"));
+  g.setChannel(std::nullopt);
+  EXPECT_EQ(g.channel(), "a");
+  EXPECT_EQ(fakes.systemLog->count("channel:           a"), 1U);
+  g.setCampaign(std::string("c"));
+  EXPECT_EQ(fakes.systemLog->count("campaign:           c"), 1U);
+  EXPECT_EQ(QuorvelLinkGenerator::encodeValue("a b/c:d"), "a%20b%2Fc:d");
+  const std::string huge(100'000, 'x');
+  g.setCampaign(huge);
+  EXPECT_TRUE(Url::parse(g.generateLink()));
+}
+
+TEST_F(LinkGeneratorTest, ShortLinkFallsBackToTheLongLinkOnEveryFailure) {
+  tracker->setQuorvelDevKey(std::string("KEY"));
+  QuorvelLinkGenerator g(std::string("m"), *tracker);
+  const std::string longLink = g.generateLink();
+  std::vector<std::string> urls;
+  const auto record = [&](const std::string& u) { urls.push_back(u); };
+
+  g.generateHoplineWithCompletionHandler(record);  // no template id: at once
+  ASSERT_EQ(urls, std::vector<std::string>{longLink});
+
+  tracker->setAppInviteHopline(std::string("tmpl"));
+  auto session = fakes.urlSessions->shared();
+  struct Answer {
+    std::function<void(test::FakeURLSession&, std::size_t)> respond;
+    std::string want;
+  };
+  const std::vector<Answer> answers = {
+      {[](auto& s, auto i) { s.respond(i, 200, "https://go.quorvel.link/tmpl/abc", "text/plain"); },
+       "https://go.quorvel.link/tmpl/abc"},
+      {[](auto& s, auto i) { s.respond(i, 200, "not a url", "text/plain"); }, longLink},
+      {[](auto& s, auto i) { s.respond(i, 200, "/path/only", "text/plain"); }, longLink},
+      {[](auto& s, auto i) { s.respond(i, 500, "https://x.example/a"); }, longLink},
+      {[](auto& s, auto i) {
+         s.fail(i, Error{platform::kURLErrorDomain, -1004, "refused"});
+       },
+       longLink},
+  };
+  for (std::size_t i = 0; i < answers.size(); ++i) {
+    urls.clear();
+    g.generateHoplineWithTTL(30, record);
+    EXPECT_TRUE(urls.empty());
+    const auto& r = session->started().at(i).task->originalRequest();
+    EXPECT_EQ(r.url, "https://hopline.svc.example/shortlink-sdk/v1/tmpl");
+    answers[i].respond(*session, i);
+    fakes.dispatcher->runUntilIdle();
+    EXPECT_EQ(urls, std::vector<std::string>{answers[i].want}) << i;
+  }
+  const auto& body = session->started().at(0).task->originalRequest().body;
+  EXPECT_EQ(Json::parse(body.begin(), body.end()),
+            (Json{{"ttl", "30"}, {"data", Json{{"pid", "m"}}}}));
+  tracker->setQuorvelDevKey(std::nullopt);
+  urls.clear();
+  g.generateHoplineWithCompletionHandler(record);
+  EXPECT_EQ(urls, std::vector<std::string>{longLink});
+}
+
+// The helpers work on the shared tracker: these tests install their fakes first.
+class HelpersTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fakes.install();
+    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
+    tracker().setHost(std::string("svc.example"));
+    tracker().setQuorvelDevKey(std::string("HELPERKEY"));
+    tracker().setAppleAppID(std::string("555"));
+  }
+  static QuorvelTracker& tracker() { return QuorvelTracker::sharedTracker(); }
+  Json lastEvent() {
+    const auto started = fakes.urlSessions->shared()->started();
+    return test::decryptPayload("HELPERKEY", started.back().task->originalRequest().body);
+  }
+  test::TestPlatform fakes;
+};
+
+TEST_F(HelpersTest, InviteLinkWithoutATemplateCarriesTheAppId) {
+  const QuorvelLinkGenerator g = QuorvelShareInviteHelper::createLink("qv_app_invites");
+  EXPECT_EQ(g.referrerUID(), tracker().getQuorvelUID());
+  EXPECT_EQ(g.generateLink(), "https://app.svc.example/id555?pid=qv_app_invites&referrer_qv_id=" +
+                                  tracker().getQuorvelUID() + "&qv_siteid=555");
+  std::vector<std::string> urls;
+  QuorvelShareInviteHelper::generateInviteUrlWithLinkGenerator(
+      [](QuorvelLinkGenerator gen) {
+        gen.setChannel(std::string("email"));
+        return gen;
+      },
+      [&](const std::string& u) { urls.push_back(u); });
+  ASSERT_EQ(urls.size(), 1U);
+  EXPECT_NE(urls[0].find("qv_channel=email"), std::string::npos);
+}
+
+TEST_F(HelpersTest, InviteLinkSettingsFromTheService) {
+  tracker().setAppInviteHopline(std::string("tmpl"));
+  struct Case {
+    std::optional<std::string> domain, scheme;
+    std::string base;
+    bool deeplink;
+  };
+  const Case cases[] = {
+      {std::string("abc"), std::string("app"), std::string("https://") + kHoplineSchema + "/tmpl",
+       false},
+      {std::string("abcd"), std::string("app1"), "https://abcd/tmpl", true},
+  };
+  for (const auto& c : cases) {
+    fakes.preferences->setString(keys::kHoplineDomain, *c.domain);
+    fakes.preferences->setString(keys::kHoplineScheme, *c.scheme);
+    const QuorvelLinkGenerator g = QuorvelShareInviteHelper::createLink("qv_app_invites");
+    EXPECT_EQ(g.baseURL(), c.base);
+    EXPECT_EQ(g.baseDeeplink().has_value(), c.deeplink);
+    EXPECT_FALSE(g.appleAppID());
+  }
+  EXPECT_EQ(QuorvelShareInviteHelper::buildHoplineWithID("id", "d.example"),
+            "https://d.example/id");
+}
+
+TEST_F(HelpersTest, InviteAndCrossPromotionEventsReachThePipeline) {
+  QuorvelShareInviteHelper::trackInvite(std::string("sms"), Json{{"k", "v"}, {"gone", nullptr}});
+  fakes.dispatcher->advance(100ms);
+  Json event = lastEvent();
+  EXPECT_EQ(event["event"], "qv_invite");
+  EXPECT_EQ(event["eventvalue"], "%7B%22k%22:%22v%22%2C%22qv_channel%22:%22sms%22%7D");
+
+  QuorvelShareInviteHelper::trackLinkedSent("custom", std::nullopt, Json{{"a", "b"}});
+  fakes.dispatcher->advance(100ms);
+  EXPECT_EQ(lastEvent()["eventvalue"], "%7B%22a%22:%22b%22%7D");
+
+  std::vector<std::string> opened;
+  std::size_t eventsBefore = 0;
+  QuorvelCrossPromotionHelper::trackAndOpenStore(
+      "999", std::string("spring"), Json{{"x", "1"}},
+      [&](std::shared_ptr<platform::URLSession> session, const std::string& url) {
+        EXPECT_TRUE(session);
+        opened.push_back(url);
+        eventsBefore = fakes.dispatcher->pendingCount();
+      });
+  ASSERT_EQ(opened.size(), 1U);
+  EXPECT_EQ(opened[0],
+            "https://app.svc.example/id999?pid=qv_cross_promotion&c=spring&qv_siteid=555&x=1");
+  EXPECT_GE(eventsBefore, 1U);  // the click was queued before the callback
+  fakes.dispatcher->advance(100ms);
+  event = lastEvent();
+  EXPECT_EQ(event["event"], "qv_cross_promotion_clicked");
+  EXPECT_EQ(event["eventvalue"], "%7B%22x%22:%221%22%2C%22qv_campaign%22:%22spring%22%7D");
+}
+
+TEST_F(HelpersTest, ImpressionIsAGetAndFailuresAreOnlyLogged) {
+  QVSetShowDebugLogs(true);
+  tracker().setAdvertiserId("AD-ID");
+  QuorvelCrossPromotionHelper::trackCrossPromoteImpression("999", std::string("spring"));
+  auto session = fakes.urlSessions->shared();
+  const auto& r = session->started().back().task->originalRequest();
+  EXPECT_EQ(r.method, "GET");
+  EXPECT_EQ(r.url,
+            "https://impressions.svc.example/"
+            "id999?pid=qv_cross_promotion&c=spring&qv_siteid=555&advertising_id=AD-ID");
+  session->fail(session->started().size() - 1, Error{platform::kURLErrorDomain, -1004, "refused"});
+  fakes.dispatcher->runUntilIdle();
+  EXPECT_EQ(
+      fakes.systemLog->count("Quorvel crossPromotionViewed Connection failed! Error - refused"),
+      1U);
+}
+
+}  // namespace
+}  // namespace quorvel
