@@ -39,6 +39,14 @@ std::optional<int> parseDemoOptions(int argc, char** argv, DemoOptions& o) {
       "  location LON LAT            the device's location\n"
       "  emails TYPE ADDRESS...      the user's e-mails (0 plain, 1 SHA-1, 2 MD5, 3 SHA-256)\n"
       "  background                  the app goes to the background\n"
+      "  open-url URL [SOURCE_APP]   the app is opened with a URL\n"
+      "  universal-link URL          the app is opened through a web link\n"
+      "  push JSON                   a push notification's payload arrives\n"
+      "  purchase PRODUCT PRICE CURRENCY TXID   a store purchase to report and validate\n"
+      "  register-token HEX          the push token, for uninstall measurement\n"
+      "  invite [CHANNEL]            make an invite link and record the invite\n"
+      "  cross-promo APP_ID CAMPAIGN record a cross-promotion click and show its link\n"
+      "  impression APP_ID CAMPAIGN  report a cross-promotion impression\n"
       "  conversion-data             ask for the install's conversion data\n"
       "  wait SECONDS                let the library work for a while");
   try {

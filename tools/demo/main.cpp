@@ -11,6 +11,8 @@
 
 #include <quorvel/Logger.h>
 #include <quorvel/Platform.h>
+#include <quorvel/QuorvelCrossPromotionHelper.h>
+#include <quorvel/QuorvelShareInviteHelper.h>
 #include <quorvel/QuorvelTracker.h>
 
 #include "DemoOptions.h"
@@ -183,6 +185,60 @@ class Host {
             {quorvel::platform::kApplicationDidEnterBackgroundNotification, Json()});
         return true;
       }
+      if (verb == "open-url" && (w.size() == 2 || w.size() == 3)) {
+        tracker_.handleOpenURL(w[1], w.size() == 3 ? std::optional<std::string>(w[2]) : std::nullopt);
+        return true;
+      }
+      if (verb == "universal-link" && w.size() == 2) {
+        tracker_.continueUserActivity({quorvel::kQuorvelUserActivityTypeBrowsingWeb, w[1]}, nullptr);
+        return true;
+      }
+      if (verb == "push" && w.size() >= 2) {
+        const Json payload = Json::parse(restAfterWords(step, 1), nullptr, false);
+        if (payload.is_discarded()) return false;
+        tracker_.handlePushNotification(payload);
+        return true;
+      }
+      if (verb == "purchase" && w.size() == 5) {
+        tracker_.validateAndTrackInAppPurchase(
+            w[1], w[2], w[3], w[4], std::nullopt,
+            [](const Json& r) { say("< purchase validated [thread " + threadName() + "] " + r.dump()); },
+            [](const std::optional<quorvel::Error>& e, const Json& r) {
+              say("< purchase not validated [thread " + threadName() + "] " + (e ? e->description() : "") + " " +
+                  r.dump(-1, ' ', false, Json::error_handler_t::replace));
+            });
+        return true;
+      }
+      if (verb == "register-token" && w.size() == 2) {
+        quorvel::Bytes token;
+        const std::string& hex = w[1];
+        if (hex.size() % 2 != 0 || hex.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) return false;
+        for (std::size_t i = 0; i < hex.size(); i += 2) {
+          token.push_back(static_cast<std::uint8_t>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+        }
+        tracker_.registerUninstall(token);
+        return true;
+      }
+      if (verb == "invite" && w.size() <= 2) {
+        const std::optional<std::string> channel = w.size() == 2 ? std::optional<std::string>(w[1]) : std::nullopt;
+        quorvel::QuorvelShareInviteHelper::generateInviteUrlWithLinkGenerator(
+            [channel](quorvel::QuorvelLinkGenerator generator) {
+              generator.setChannel(channel);
+              return generator;
+            },
+            [](const std::string& url) { say("< invite link [thread " + threadName() + "] " + url); });
+        quorvel::QuorvelShareInviteHelper::trackInvite(channel, std::nullopt);
+        return true;
+      }
+      if (verb == "cross-promo" && w.size() == 3) {
+        quorvel::QuorvelCrossPromotionHelper::trackAndOpenStore(
+            w[1], w[2], std::nullopt, [](const auto&, const std::string& url) { say("< promotion link " + url); });
+        return true;
+      }
+      if (verb == "impression" && w.size() == 3) {
+        quorvel::QuorvelCrossPromotionHelper::trackCrossPromoteImpression(w[1], w[2]);
+        return true;
+      }
       if (verb == "conversion-data" && w.size() == 1) {
         tracker_.getConversionData();
         return true;
@@ -202,18 +258,11 @@ class Host {
 
  private:
   bool launch() {
-    if (!launched_) {
-      // A real host's first activation comes with did-finish-launching and its options.
-      tracker_.platform().notificationCenter->post(
-          {quorvel::platform::kApplicationDidFinishLaunchingNotification, Json::object()});
-      launched_ = true;
-    }
     tracker_.trackAppLaunch();
     return true;
   }
 
   quorvel::QuorvelTracker& tracker_;
-  bool launched_ = false;
 };
 
 // Waits, with a bound, until the work the library queued so far has run and the requests it
@@ -264,6 +313,9 @@ int main(int argc, char** argv) {
   printConfiguration(tracker, tracker.platform());
   printInstallation(tracker, tracker.platform());
 
+  // The process starts as an app's does: did-finish-launching, with no launch options.
+  tracker.platform().notificationCenter->post(
+      {quorvel::platform::kApplicationDidFinishLaunchingNotification, Json::object()});
   Host host(tracker);
   for (const auto& step : steps) {
     if (!host.run(step)) {
