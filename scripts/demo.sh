@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Installs what is needed, builds, and runs the demo host through a short session: a first
-# launch, in-app events, the move to the background, a request for conversion data; then a
-# second process with the next launch. Extra arguments replace the session's steps.
+# Installs what is needed, builds, and runs the demo host through a short session: an
+# opening link, a first launch, in-app events, a purchase, a push token, an invite and a
+# cross-promotion, the move to the background, a request for conversion data; then a second
+# process with the next launch. Extra arguments replace the session's steps.
 #
 # No collection service runs on this machine, so the demo points the library at a local
 # port where nothing listens: every tracking request fails in transport and is kept in the
@@ -20,8 +21,11 @@ if [ "$#" -gt 0 ]; then
   exec "${demo[@]}" "$@"
 fi
 echo "=== first process"
-"${demo[@]}" launch "event af_purchase 9.99" 'event-values af_level {"level": 3, "name": "castle"}' \
-  "location 13.4 52.5" "emails 3 user@example.com" background conversion-data
+printf 'store receipt' > "$state/receipt"
+"${demo[@]}" --receipt "$state/receipt" "open-url demoapp://open?qv_deeplink=true&pid=email&c=spring" launch \
+  "event af_purchase 9.99" 'event-values af_level {"level": 3, "name": "castle"}' "location 13.4 52.5" \
+  "emails 3 user@example.com" "purchase gems 0.99 USD tx-1" "register-token 0a1b2c3d4e5f6071" "invite sms" \
+  "cross-promo 987654321 spring" background conversion-data
 echo "=== second process"
 "${demo[@]}" launch
 echo "=== requests kept for replay (the service was unreachable)"
