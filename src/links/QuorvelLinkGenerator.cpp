@@ -4,62 +4,12 @@
 #include "log/Log.h"
 #include "net/QuorvelHTTPClient.h"
 #include "platform/Url.h"
+#include "util/PercentEscape.h"
 
 namespace quorvel {
 namespace {
 
 constexpr const char* kGenerateLink = "-[QuorvelLinkGenerator generateLink]";
-
-std::string percentEscape(const std::string& text, bool (*keep)(unsigned char)) {
-  static constexpr char kHex[] = "0123456789ABCDEF";
-  std::string out;
-  out.reserve(text.size());
-  for (const char ch : text) {
-    const auto c = static_cast<unsigned char>(ch);
-    if (keep(c)) {
-      out.push_back(ch);
-    } else {
-      out.push_back('%');
-      out.push_back(kHex[c >> 4U]);
-      out.push_back(kHex[c & 0xFU]);
-    }
-  }
-  return out;
-}
-
-// Query parts keep only the unreserved characters: the reserved set !*'"();:@&=+$,/?%#[]
-// and the blank are escaped together with everything that may never stand in a URL.
-bool keepInQuery(unsigned char c) {
-  return std::isalnum(c) != 0 || c == '-' || c == '.' || c == '_' || c == '~';
-}
-
-bool keepInHost(unsigned char c) {
-  if (std::isalnum(c) != 0)
-    return true;
-  switch (c) {
-    case '!':
-    case '$':
-    case '&':
-    case '\'':
-    case '(':
-    case ')':
-    case '*':
-    case '+':
-    case ',':
-    case '-':
-    case '.':
-    case ':':
-    case ';':
-    case '=':
-    case '[':
-    case ']':
-    case '_':
-    case '~':
-      return true;
-    default:
-      return false;
-  }
-}
 
 void logSetter(const char* method, const char* line, const std::string& value) {
   qvLog(kLogDebug, method, line, value);
@@ -119,7 +69,7 @@ void QuorvelLinkGenerator::addParameters(const Json& parameters) {
 }
 
 std::string QuorvelLinkGenerator::encodeValue(const std::string& value) {
-  return percentEscape(value, keepInHost);
+  return percentEscape(value, isAllowedInUrlHost);
 }
 
 Json QuorvelLinkGenerator::namedPairs() const {
@@ -152,8 +102,8 @@ std::string QuorvelLinkGenerator::generateLink() const {
     query = query.value_or(std::string()) + (first ? "?" : "&");
     first = false;
     if (value.is_string()) {
-      *query += format("%@=%@", percentEscape(key, keepInQuery),
-                       percentEscape(value.get<std::string>(), keepInQuery));
+      *query += format("%@=%@", percentEscape(key, isUnreservedInUrl),
+                       percentEscape(value.get<std::string>(), isUnreservedInUrl));
     } else {
       qvLog(kLogDebug, kGenerateLink, "Key `%@` ignored. Unsupported format.", key);
     }

@@ -6,44 +6,13 @@
 
 #include "log/Log.h"
 #include "tracker/PreferenceKeys.h"
+#include "util/PercentEscape.h"
 #include "util/QuorvelUtils.h"
 #include "util/Utf8.h"
 #include "util/VersionCompare.h"
 
 namespace quorvel {
 namespace {
-
-bool isLegalInUrl(unsigned char c) {
-  if (std::isalnum(c) != 0)
-    return true;
-  switch (c) {
-    case '-':
-    case '.':
-    case '_':
-    case '~':
-    case '!':
-    case '$':
-    case '&':
-    case '\'':
-    case '(':
-    case ')':
-    case '*':
-    case '+':
-    case ',':
-    case '/':
-    case ':':
-    case ';':
-    case '=':
-    case '?':
-    case '@':
-    case '#':
-    case '[':
-    case ']':
-      return true;
-    default:
-      return false;
-  }
-}
 
 bool versionBelow8(const std::string& version) {
   return compareNumeric(version, "8") < 0;
@@ -52,29 +21,7 @@ bool isVersion9(const std::string& version) {
   return version.rfind('9', 0) == 0;
 }
 
-Error parserError() {
-  return Error{"NSCocoaErrorDomain", 3840,
-               "The data couldn't be read because it isn't in the correct format."};
-}
-
 }  // namespace
-
-std::string legacyPercentEscape(const std::string& url) {
-  static constexpr char kHex[] = "0123456789ABCDEF";
-  std::string out;
-  out.reserve(url.size());
-  for (const char ch : url) {
-    const auto c = static_cast<unsigned char>(ch);
-    if (isLegalInUrl(c)) {
-      out.push_back(ch);
-    } else {
-      out.push_back('%');
-      out.push_back(kHex[c >> 4U]);
-      out.push_back(kHex[c & 0xFU]);
-    }
-  }
-  return out;
-}
 
 std::shared_ptr<QuorvelHTTPClient> QuorvelHTTPClient::create(
     std::shared_ptr<const Platform> platform, std::shared_ptr<QuorvelRequestCache> cache) {
@@ -276,7 +223,7 @@ std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::getHopline(
             response->statusCode == 200) {
           const Json parsed = Json::parse(body->begin(), body->end(), nullptr, false);
           if (parsed.is_discarded()) {
-            completionHandler(std::nullopt, parserError());
+            completionHandler(std::nullopt, jsonParserError());
             return;
           }
           if (parsed.is_object()) {

@@ -15,6 +15,7 @@
 #include <quorvel/Platform.h>
 
 #include "cache/QuorvelRequestCache.h"
+#include "util/PercentEscape.h"
 
 namespace quorvel {
 
@@ -84,8 +85,5 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
   std::shared_ptr<platform::URLSession> bgSession_;
 };
 
-// The platform's legacy URL escaping: every byte that may not stand in a URL becomes %XX;
-// the URL's own delimiters stay.
-std::string legacyPercentEscape(const std::string& url);
 
 }  // namespace quorvel

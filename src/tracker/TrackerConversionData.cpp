@@ -3,6 +3,7 @@
 
 #include "log/Log.h"
 #include "tracker/PreferenceKeys.h"
+#include "util/PercentEscape.h"
 #include "util/QuorvelUtils.h"
 
 namespace quorvel {
@@ -123,8 +124,7 @@ void QuorvelTracker::handleConversionDataAnswer(
   Json parsed = Json::parse(text, nullptr, false);
   std::optional<Error> failure;
   if (parsed.is_discarded()) {
-    failure = Error{"NSCocoaErrorDomain", 3840,
-                    "The data couldn't be read because it isn't in the correct format."};
+    failure = jsonParserError();
   } else if (!parsed.is_object()) {
     failure = Error{kErrorDomain, 0, "Quorvel bad JSON response."};
   } else {

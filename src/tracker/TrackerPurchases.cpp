@@ -5,6 +5,7 @@
 #include "cache/QuorvelRequestCacheData.h"
 #include "log/Log.h"
 #include "net/QuorvelHTTPClient.h"
+#include "util/PercentEscape.h"
 #include "util/QuorvelDictionary.h"
 #include "util/QuorvelUtils.h"
 #include "util/VersionCompare.h"
@@ -98,9 +99,7 @@ void QuorvelTracker::validateAndTrackInAppPurchase(
       const Json parsed = Json::parse(text, nullptr, false);
       if (parsed.is_discarded()) {
         if (failure) {
-          failure(Error{"NSCocoaErrorDomain", 3840,
-                        "The data couldn't be read because it isn't in the correct format."},
-                  Json());
+          failure(jsonParserError(), Json());
         }
       } else if (parsed.is_object() && parsed.contains("transaction_id")) {
         qvLog(kLogInfo, kBlock, "Succeeded validating receipt");

@@ -8,6 +8,7 @@
 
 #include "log/QuorvelProxyManager.h"
 #include "support/Decrypt.h"
+#include "support/Eventually.h"
 #include "support/TempDir.h"
 #include "support/TlsTestServer.h"
 #include "util/QuorvelUtils.h"
@@ -18,28 +19,23 @@ namespace {
 using namespace std::chrono_literals;
 constexpr const char* kKey = "HOST-FEATURES-KEY";
 
-bool eventually(const std::function<bool()>& done, std::chrono::milliseconds bound = 20s) {
-  const auto deadline = std::chrono::steady_clock::now() + bound;
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (done()) return true;
-    std::this_thread::sleep_for(5ms);
-  }
-  return done();
-}
+using test::eventually;
 
 class HostFeaturesOverHttps : public ::testing::Test {
  protected:
   void SetUp() override {
     QuorvelProxyManager::sharedManager().stopRemoteDebugging();
-    server = std::make_unique<test::TlsTestServer>(std::vector<std::string>{
-        "t.localhost", "validate.localhost", "sdk-services.localhost", "register.localhost", "hopline.localhost"});
+    server = std::make_unique<test::TlsTestServer>(
+        std::vector<std::string>{"t.localhost", "validate.localhost", "sdk-services.localhost",
+                                 "register.localhost", "hopline.localhost"});
     server->onRequest([](const httplib::Request& req, httplib::Response& res) {
       const std::string host = req.get_header_value("Host");
       if (host.rfind("sdk-services.", 0) == 0) {
         const Json body = Json::parse(req.body, nullptr, false);
         const bool wellFormed = body.is_object() && body.contains("receipt-data") &&
                                 body["receipt-data"] == "Z29vZC1yZWNlaXB0";  // "good-receipt"
-        res.set_content(wellFormed ? R"({"status":0,"transaction_id":")" + req.get_param_value("tran_id") + "\"}"
+        res.set_content(wellFormed ? R"({"status":0,"transaction_id":")" +
+                                         req.get_param_value("tran_id") + "\"}"
                                    : R"({"status":21002})",
                         "application/json");
       } else if (host.rfind("hopline.", 0) == 0) {
@@ -75,7 +71,8 @@ class HostFeaturesOverHttps : public ::testing::Test {
   std::vector<test::ReceivedRequest> from(const std::string& prefix) {
     std::vector<test::ReceivedRequest> out;
     for (const auto& r : server->received()) {
-      if (r.host.rfind(prefix, 0) == 0) out.push_back(r);
+      if (r.host.rfind(prefix, 0) == 0)
+        out.push_back(r);
     }
     return out;
   }
@@ -87,18 +84,25 @@ class HostFeaturesOverHttps : public ::testing::Test {
 };
 
 TEST_F(HostFeaturesOverHttps, ReceiptValidatedAndRejected) {
-  for (const auto& [receipt, valid] : {std::pair<std::string, bool>{"good-receipt", true}, {"bad", false}}) {
+  for (const auto& [receipt, valid] :
+       {std::pair<std::string, bool>{"good-receipt", true}, {"bad", false}}) {
     startTracker(receipt);
     std::promise<std::pair<bool, Json>> outcome;
     tracker->validateAndTrackInAppPurchase(
-        std::string("gems"), std::string("0.99"), std::string("USD"), std::string("tx-" + receipt), std::nullopt,
-        [&](const Json& r) { outcome.set_value({true, r}); },
-        [&](const std::optional<Error>&, const Json& r) { outcome.set_value({false, r}); });
+        std::string("gems"), std::string("0.99"), std::string("USD"), std::string("tx-" + receipt),
+        std::nullopt,
+        [&](const Json& r) {
+          outcome.set_value({true, r});
+        },
+        [&](const std::optional<Error>&, const Json& r) {
+          outcome.set_value({false, r});
+        });
     auto future = outcome.get_future();
     ASSERT_EQ(future.wait_for(20s), std::future_status::ready);
     const auto [ok, response] = future.get();
     EXPECT_EQ(ok, valid) << receipt;
-    if (valid) EXPECT_EQ(response["transaction_id"], "tx-" + receipt);
+    if (valid)
+      EXPECT_EQ(response["transaction_id"], "tx-" + receipt);
     ASSERT_TRUE(eventually([&] { return from("validate.").size() == (valid ? 1U : 2U); }));
     const std::string sealed = from("validate.").back().body;
     const auto event = test::decryptPayload(kKey, Bytes(sealed.begin(), sealed.end()));
@@ -149,12 +153,15 @@ TEST_F(HostFeaturesOverHttps, ShortLinksResolvedAndMadeByTheService) {
   tracker->setAppInviteHopline(std::string("tmpl"));
   QuorvelLinkGenerator generator(std::string("qv_app_invites"), *tracker);
   std::promise<std::string> made;
-  generator.generateHoplineWithCompletionHandler([&](const std::string& url) { made.set_value(url); });
+  generator.generateHoplineWithCompletionHandler(
+      [&](const std::string& url) { made.set_value(url); });
   EXPECT_EQ(made.get_future().get(), "https://go.quorvel.link/tmpl/made1");
 
-  tracker->setQuorvelDevKey(std::string("WRONG-KEY-0000"));  // refused by the service: the long link
+  tracker->setQuorvelDevKey(
+      std::string("WRONG-KEY-0000"));  // refused by the service: the long link
   std::promise<std::string> fallback;
-  generator.generateHoplineWithCompletionHandler([&](const std::string& url) { fallback.set_value(url); });
+  generator.generateHoplineWithCompletionHandler(
+      [&](const std::string& url) { fallback.set_value(url); });
   EXPECT_EQ(fallback.get_future().get(), generator.generateLink());
 }
 

@@ -14,6 +14,7 @@
 #include "net/QuorvelHTTPClient.h"
 #include "platform/AtomicFile.h"
 #include "platform/posix/PosixServices.h"
+#include "support/Eventually.h"
 #include "support/TempDir.h"
 #include "support/TlsTestServer.h"
 #include "util/QuorvelUtils.h"
@@ -25,16 +26,7 @@ using namespace std::chrono_literals;
 
 const std::vector<std::string> kHosts = {"t.localhost", "events.localhost", "hopline.localhost"};
 
-// Waits for real I/O to settle: checks `done` until it holds, within a bound.
-bool eventually(const std::function<bool()>& done, std::chrono::milliseconds bound = 20s) {
-  const auto deadline = std::chrono::steady_clock::now() + bound;
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (done())
-      return true;
-    std::this_thread::sleep_for(5ms);
-  }
-  return done();
-}
+using test::eventually;
 
 class NetworkingTest : public ::testing::Test {
  protected:

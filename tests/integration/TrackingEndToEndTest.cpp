@@ -8,6 +8,7 @@
 
 #include "log/QuorvelProxyManager.h"
 #include "support/Decrypt.h"
+#include "support/Eventually.h"
 #include "support/TempDir.h"
 #include "support/TlsTestServer.h"
 #include "tracker/PreferenceKeys.h"
@@ -19,15 +20,7 @@ using namespace std::chrono_literals;
 
 constexpr const char* kKey = "E2E-DEVKEY-0001";
 
-bool eventually(const std::function<bool()>& done, std::chrono::milliseconds bound = 20s) {
-  const auto deadline = std::chrono::steady_clock::now() + bound;
-  while (std::chrono::steady_clock::now() < deadline) {
-    if (done())
-      return true;
-    std::this_thread::sleep_for(5ms);
-  }
-  return done();
-}
+using test::eventually;
 
 class TrackingEndToEnd : public ::testing::Test {
  protected:

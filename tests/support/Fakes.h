@@ -243,8 +243,10 @@ class FakeURLSessionFactory final : public platform::URLSessionFactory {
   std::shared_ptr<FakeURLSession> shared() { return shared_; }
   void resetAll() {
     std::lock_guard lock(mutex_);
-    if (shared_) shared_->reset();
-    for (const auto& b : backgrounds_) b->reset();
+    if (shared_)
+      shared_->reset();
+    for (const auto& b : backgrounds_)
+      b->reset();
   }
   std::shared_ptr<FakeURLSession> lastBackground() { return background_; }
 
