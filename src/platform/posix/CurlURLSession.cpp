@@ -224,6 +224,7 @@ class CurlURLSession final : public URLSession,
     CURL* e = curl_easy_init();
     if (e == nullptr) {
       deliver(*t, transportError(CURLE_OUT_OF_MEMORY, ""));
+      release(*t);
       return;
     }
     t->easy = e;
@@ -283,6 +284,14 @@ class CurlURLSession final : public URLSession,
     }
     curl_slist_free_all(t.headers);
     t.headers = nullptr;
+    dispose(std::move(t.task));
+  }
+
+  // Lets go of a task on the callback queue, never on the worker: the last reference to a
+  // task can own (through its completion) the very session this worker serves.
+  void dispose(std::shared_ptr<CurlTask> task) {
+    if (task)
+      callbacks_->async([task = std::move(task)]() mutable { task.reset(); });
   }
 
   void finish(CURL* easy, CURLcode code) {
@@ -369,9 +378,10 @@ class CurlURLSession final : public URLSession,
         incoming.assign(pending_.begin(), pending_.end());
         pending_.clear();
       }
-      for (const auto& task : incoming) {
+      for (auto& task : incoming) {
         if (!task->cancelled)
           addTransfer(task);
+        dispose(std::move(task));
       }
       int running = 0;
       curl_multi_perform(multi_, &running);
