@@ -140,10 +140,11 @@ class CurlURLSession final : public URLSession,
     if (worker_.joinable()) {
       if (worker_.get_id() == std::this_thread::get_id()) {
         worker_.detach();
-      } else {
-        worker_.join();
+        return;  // the worker still runs on this stack: leave the handle to the process
       }
+      worker_.join();
     }
+    if (multi_ != nullptr) curl_multi_cleanup(multi_);
   }
 
   std::shared_ptr<URLSessionTask> dataTask(URLRequest request,
@@ -398,8 +399,8 @@ class CurlURLSession final : public URLSession,
     for (auto& [easy, t] : active_)
       release(*t);
     active_.clear();
-    curl_multi_cleanup(multi_);
-    multi_ = nullptr;
+    // The multi handle is cleaned up by the destructor once this thread has ended: a wake-up
+    // from the destructor may still be writing to it.
   }
 
   void cancelRequested() {
