@@ -33,6 +33,7 @@ class QuorvelHTTPClient;
 class QuorvelRequestCache;
 class QuorvelRequestCacheData;
 class QuorvelDictionary;
+class TrackerLifetime;
 
 // What a host knows of an open-URL request (the platform's open-URL options).
 struct QuorvelOpenURLOptions {
@@ -372,8 +373,8 @@ class QuorvelTracker {
   std::shared_ptr<const QVSDKiAdClient> iAdClient_;
   std::shared_ptr<QuorvelRequestCache> requestCache_;
   std::shared_ptr<QuorvelHTTPClient> httpClient_;
-  // Cleared when the tracker goes, so that a late replay of its own cache finds no tracker.
-  std::shared_ptr<std::atomic<QuorvelTracker*>> self_;
+  // What queued work and completions hold instead of the tracker (see TrackerLifetime).
+  std::shared_ptr<TrackerLifetime> self_;
 };
 
 // The stored conversion data's lifetime, in seconds (60 days).

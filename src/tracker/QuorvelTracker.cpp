@@ -7,6 +7,7 @@
 #include "device/QVSDKiAdClient.h"
 #include "log/Log.h"
 #include "net/QuorvelHTTPClient.h"
+#include "tracker/TrackerLifetime.h"
 #include "util/NoDestructor.h"
 #include "util/QuorvelAES128Crypto.h"
 #include "util/QuorvelUtils.h"
@@ -38,11 +39,11 @@ QuorvelTracker& QuorvelTracker::sharedTracker() {
 
 QuorvelTracker::QuorvelTracker(std::shared_ptr<const Platform> platform,
                                std::shared_ptr<QuorvelRequestCache> cache)
-    : platform_(std::move(platform)), self_(std::make_shared<std::atomic<QuorvelTracker*>>(this)) {
+    : platform_(std::move(platform)), self_(std::make_shared<TrackerLifetime>(this)) {
   if (!cache) {
     cache = std::make_shared<QuorvelRequestCache>(platform_,
                                                   [self = self_](const QuorvelRequestCacheData& r) {
-                                                    if (QuorvelTracker* tracker = self->load())
+                                                    if (const auto tracker = self->pin())
                                                       tracker->sendRequestFromCache(r);
                                                   });
   }
@@ -67,7 +68,7 @@ QuorvelTracker::QuorvelTracker(std::shared_ptr<const Platform> platform,
 }
 
 QuorvelTracker::~QuorvelTracker() {
-  self_->store(nullptr);
+  self_->end();
   // Only trackers built for tests go away; never leave a handler pointing at a dead object.
   auto& center = *platform_->notificationCenter;
   for (const char* name : {platform::kApplicationDidEnterBackgroundNotification,

@@ -3,6 +3,7 @@
 
 #include "log/Log.h"
 #include "tracker/PreferenceKeys.h"
+#include "tracker/TrackerLifetime.h"
 #include "util/PercentEscape.h"
 #include "util/QuorvelUtils.h"
 
@@ -68,7 +69,7 @@ void QuorvelTracker::getConversionData() {
     p.urlSessions->sharedSession()
         ->dataTask(std::move(request),
                    [self, start](const auto& body, const auto& response, const auto& error) {
-                     if (QuorvelTracker* tracker = self->load()) {
+                     if (const auto tracker = self->pin()) {
                        tracker->handleConversionDataAnswer(body, response, error, start);
                      }
                    })

@@ -9,6 +9,7 @@
 #include "log/Log.h"
 #include "net/QuorvelHTTPClient.h"
 #include "tracker/PreferenceKeys.h"
+#include "tracker/TrackerLifetime.h"
 #include "util/QuorvelAES128Crypto.h"
 #include "util/QuorvelDictionary.h"
 #include "util/QuorvelUtils.h"
@@ -89,8 +90,8 @@ void QuorvelTracker::callServerWithEventName(const std::string& name,
   const QuorvelRequestCacheData record(url, body, kQuorvelSDKVersion);
   auto self = self_;
   httpClient_->sendRequestEventToServer(record, false, appleAppID(), isDebug(), [self, isLaunch] {
-    QuorvelTracker* tracker = self->load();
-    if (tracker == nullptr || !isLaunch)
+    const auto tracker = self->pin();
+    if (!tracker || !isLaunch)
       return;
     const auto d = tracker->delegate();
     if (d && d->onConversionDataReceived) {

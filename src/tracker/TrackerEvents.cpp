@@ -3,6 +3,7 @@
 
 #include "log/Log.h"
 #include "net/QuorvelHTTPClient.h"
+#include "tracker/TrackerLifetime.h"
 #include "util/QuorvelUtils.h"
 
 namespace quorvel {
@@ -37,7 +38,7 @@ void QuorvelTracker::trackEvent(const std::string& eventName,
   auto self = self_;
   platform_->dispatcher->mainQueue()->asyncAfter(
       std::chrono::milliseconds(1), [self, eventName, value] {
-        if (QuorvelTracker* tracker = self->load())
+        if (const auto tracker = self->pin())
           tracker->callServerWithEventName(eventName, value, true, false);
       });
 }
@@ -46,8 +47,8 @@ void QuorvelTracker::trackEventWithValues(const std::string& eventName,
                                           const std::optional<Json>& values) {
   auto self = self_;
   mBackgroundQueue_->asyncAfter(std::chrono::milliseconds(100), [self, eventName, values] {
-    QuorvelTracker* tracker = self->load();
-    if (tracker == nullptr)
+    const auto tracker = self->pin();
+    if (!tracker)
       return;
     std::string text = "null";
     if (values && !values->is_null()) {

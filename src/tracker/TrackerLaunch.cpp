@@ -5,6 +5,7 @@
 #include "log/Log.h"
 #include "net/QuorvelHTTPClient.h"
 #include "tracker/PreferenceKeys.h"
+#include "tracker/TrackerLifetime.h"
 #include "util/QuorvelUtils.h"
 #include "util/VersionCompare.h"
 
@@ -30,8 +31,8 @@ void QuorvelTracker::trackAppLaunch() {
     auto self = self_;
     iAdClient_->requestAttributionDetails([self](const Json& details) {
       static constexpr const char* kBlock = "-[QuorvelTracker trackAppLaunch]_block_invoke";
-      QuorvelTracker* tracker = self->load();
-      if (tracker == nullptr)
+      const auto tracker = self->pin();
+      if (!tracker)
         return;
       auto& store = *tracker->platform_->preferences;
       store.setObject(keys::kSearchAdsAttribution, details);
@@ -48,7 +49,7 @@ void QuorvelTracker::trackAppLaunch() {
   // Nothing of the launch is built on the caller's thread.
   auto self = self_;
   mBackgroundQueue_->asyncAfter(kLaunchDelay, [self] {
-    if (QuorvelTracker* tracker = self->load())
+    if (const auto tracker = self->pin())
       tracker->sendLaunchToServer();
   });
 }

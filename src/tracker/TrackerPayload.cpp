@@ -10,6 +10,7 @@
 #include "net/QuorvelHTTPClient.h"
 #include "platform/Url.h"
 #include "tracker/PreferenceKeys.h"
+#include "tracker/TrackerLifetime.h"
 #include "util/QuorvelDictionary.h"
 #include "util/QuorvelUtils.h"
 
@@ -222,8 +223,8 @@ void QuorvelTracker::deepLinkStep(QuorvelDictionary& d) {
       url, quorvelDevKey().value_or(std::string()),
       [self, params](const std::optional<Json>& response, const std::optional<Error>& error) {
         static constexpr const char* kBlock = "-[QuorvelTracker getEventParameters:]_block_invoke";
-        QuorvelTracker* tracker = self->load();
-        if (tracker == nullptr)
+        const auto tracker = self->pin();
+        if (!tracker)
           return;
         if (response) {
           Json merged = params;

@@ -5,6 +5,7 @@
 #include "cache/QuorvelRequestCacheData.h"
 #include "log/Log.h"
 #include "net/QuorvelHTTPClient.h"
+#include "tracker/TrackerLifetime.h"
 #include "util/PercentEscape.h"
 #include "util/QuorvelDictionary.h"
 #include "util/QuorvelUtils.h"
@@ -111,7 +112,7 @@ void QuorvelTracker::validateAndTrackInAppPurchase(
           failure(std::nullopt, parsed);
       }
     }
-    if (QuorvelTracker* tracker = self->load())
+    if (const auto tracker = self->pin())
       tracker->write(tracker->validateRequest_, nullptr);
   });
   write(validateRequest_, task);

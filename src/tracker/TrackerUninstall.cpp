@@ -6,6 +6,7 @@
 #include "log/Log.h"
 #include "net/QuorvelHTTPClient.h"
 #include "tracker/PreferenceKeys.h"
+#include "tracker/TrackerLifetime.h"
 #include "util/QuorvelUtils.h"
 
 namespace quorvel {
@@ -38,7 +39,7 @@ void QuorvelTracker::registerUninstall(const Bytes& deviceToken) {
   }
   auto self = self_;
   mBackgroundQueue_->asyncAfter(std::chrono::milliseconds(3500), [self, bare] {
-    if (QuorvelTracker* tracker = self->load())
+    if (const auto tracker = self->pin())
       tracker->backgroundRegisterUninstall(bare);
   });
 }
