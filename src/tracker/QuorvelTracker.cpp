@@ -16,10 +16,6 @@ namespace quorvel {
 namespace {
 
 constexpr const char* kSerialQueueLabel = "com.quorvel.serial";
-// Launch-option keys of the did-finish-launching notification's user info.
-constexpr const char* kLaunchOptionsSourceApplicationKey =
-    "UIApplicationLaunchOptionsSourceApplicationKey";
-constexpr const char* kLaunchOptionsURLKey = "UIApplicationLaunchOptionsURLKey";
 
 std::optional<std::string> stringEntry(const Json& dictionary, const char* key) {
   if (!dictionary.is_object())
@@ -301,12 +297,12 @@ void QuorvelTracker::handleDidFinishLaunch(const platform::Notification& notific
   static constexpr const char* kMethod = "-[QuorvelTracker handleDidFinishLaunch:]";
   if (notification.userInfo.is_null())
     return;
-  auto source = stringEntry(notification.userInfo, kLaunchOptionsSourceApplicationKey);
+  auto source = stringEntry(notification.userInfo, platform::kLaunchOptionsSourceApplicationKey);
   write(sourceApplication_, source);
   if (source) {
     qvLog(kLogDebug, kMethod, "didFinishLaunchingWithOptions. Source application: %@", *source);
   }
-  auto url = stringEntry(notification.userInfo, kLaunchOptionsURLKey);
+  auto url = stringEntry(notification.userInfo, platform::kLaunchOptionsURLKey);
   write(deeplink_, url);
   if (url) {
     qvLog(kLogDebug, kMethod, "didFinishLaunchingWithOptions. Deeplink URL: %@", *url);

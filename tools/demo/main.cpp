@@ -3,7 +3,6 @@
 
 #include <chrono>
 #include <fstream>
-#include <future>
 #include <iostream>
 #include <mutex>
 #include <sstream>
@@ -16,6 +15,7 @@
 #include <quorvel/QuorvelTracker.h>
 
 #include "DemoOptions.h"
+#include "PendingWork.h"
 #include "device/QVSystemInfo.h"
 #include "util/QuorvelUtils.h"
 
@@ -186,25 +186,31 @@ class Host {
         return true;
       }
       if (verb == "open-url" && (w.size() == 2 || w.size() == 3)) {
-        tracker_.handleOpenURL(w[1], w.size() == 3 ? std::optional<std::string>(w[2]) : std::nullopt);
+        tracker_.handleOpenURL(w[1],
+                               w.size() == 3 ? std::optional<std::string>(w[2]) : std::nullopt);
         return true;
       }
       if (verb == "universal-link" && w.size() == 2) {
-        tracker_.continueUserActivity({quorvel::kQuorvelUserActivityTypeBrowsingWeb, w[1]}, nullptr);
+        tracker_.continueUserActivity({quorvel::kQuorvelUserActivityTypeBrowsingWeb, w[1]},
+                                      nullptr);
         return true;
       }
       if (verb == "push" && w.size() >= 2) {
         const Json payload = Json::parse(restAfterWords(step, 1), nullptr, false);
-        if (payload.is_discarded()) return false;
+        if (payload.is_discarded())
+          return false;
         tracker_.handlePushNotification(payload);
         return true;
       }
       if (verb == "purchase" && w.size() == 5) {
         tracker_.validateAndTrackInAppPurchase(
             w[1], w[2], w[3], w[4], std::nullopt,
-            [](const Json& r) { say("< purchase validated [thread " + threadName() + "] " + r.dump()); },
+            [](const Json& r) {
+              say("< purchase validated [thread " + threadName() + "] " + r.dump());
+            },
             [](const std::optional<quorvel::Error>& e, const Json& r) {
-              say("< purchase not validated [thread " + threadName() + "] " + (e ? e->description() : "") + " " +
+              say("< purchase not validated [thread " + threadName() + "] " +
+                  (e ? e->description() : "") + " " +
                   r.dump(-1, ' ', false, Json::error_handler_t::replace));
             });
         return true;
@@ -212,7 +218,9 @@ class Host {
       if (verb == "register-token" && w.size() == 2) {
         quorvel::Bytes token;
         const std::string& hex = w[1];
-        if (hex.size() % 2 != 0 || hex.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) return false;
+        if (hex.size() % 2 != 0 ||
+            hex.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
+          return false;
         for (std::size_t i = 0; i < hex.size(); i += 2) {
           token.push_back(static_cast<std::uint8_t>(std::stoi(hex.substr(i, 2), nullptr, 16)));
         }
@@ -220,19 +228,23 @@ class Host {
         return true;
       }
       if (verb == "invite" && w.size() <= 2) {
-        const std::optional<std::string> channel = w.size() == 2 ? std::optional<std::string>(w[1]) : std::nullopt;
+        const std::optional<std::string> channel =
+            w.size() == 2 ? std::optional<std::string>(w[1]) : std::nullopt;
         quorvel::QuorvelShareInviteHelper::generateInviteUrlWithLinkGenerator(
             [channel](quorvel::QuorvelLinkGenerator generator) {
               generator.setChannel(channel);
               return generator;
             },
-            [](const std::string& url) { say("< invite link [thread " + threadName() + "] " + url); });
+            [](const std::string& url) {
+              say("< invite link [thread " + threadName() + "] " + url);
+            });
         quorvel::QuorvelShareInviteHelper::trackInvite(channel, std::nullopt);
         return true;
       }
       if (verb == "cross-promo" && w.size() == 3) {
         quorvel::QuorvelCrossPromotionHelper::trackAndOpenStore(
-            w[1], w[2], std::nullopt, [](const auto&, const std::string& url) { say("< promotion link " + url); });
+            w[1], w[2], std::nullopt,
+            [](const auto&, const std::string& url) { say("< promotion link " + url); });
         return true;
       }
       if (verb == "impression" && w.size() == 3) {
@@ -265,17 +277,33 @@ class Host {
   quorvel::QuorvelTracker& tracker_;
 };
 
-// Waits, with a bound, until the work the library queued so far has run and the requests it
-// started have been answered.
-void waitForLibrary(quorvel::QuorvelTracker& tracker) {
-  for (int round = 0; round < 3; ++round) {
-    // Launches wait 250 ms and replays 100 ms before they start: let them start, then drain.
-    std::this_thread::sleep_for(std::chrono::milliseconds(400));
-    auto done = std::make_shared<std::promise<void>>();
-    tracker.backgroundQueue()->async([done] { done->set_value(); });
-    if (done->get_future().wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
-      std::cerr << "quorvel-demo: the library's queue did not finish within 10 s\n";
-    }
+// The launch options a real host receives: an app started by a URL (the first step is
+// "open-url URL [SOURCE_APP]") finds that URL and its source in them.
+Json launchOptions(const std::vector<std::string>& steps) {
+  Json options = Json::object();
+  if (steps.empty())
+    return options;
+  std::istringstream in(steps.front());
+  std::string verb;
+  std::string url;
+  std::string source;
+  in >> verb >> url >> source;
+  if (verb != "open-url" || url.empty())
+    return options;
+  options[quorvel::platform::kLaunchOptionsURLKey] = url;
+  if (!source.empty())
+    options[quorvel::platform::kLaunchOptionsSourceApplicationKey] = source;
+  return options;
+}
+
+// Waits, with a bound, until the blocks the library queued have run and the requests it
+// started have been answered (delayed ones included, such as the uninstall registration).
+void waitForLibrary(quorvel::QuorvelTracker& tracker, quorvel::demo::PendingWork& pending) {
+  constexpr auto kBound = std::chrono::seconds(30);
+  if (!pending.waitUntilIdle(kBound)) {
+    std::cerr << "quorvel-demo: " << pending.pending()
+              << " blocks or requests of the library still pending after " << kBound.count()
+              << " s; exiting anyway\n";
   }
   tracker.platform().preferences->synchronize();
 }
@@ -304,7 +332,9 @@ int main(int argc, char** argv) {
   platformOptions.keychainDirectory = options.keychainDir;
   platformOptions.receiptPath = options.receipt;
   platformOptions.extraCAFile = options.caFile;
-  quorvel::installPlatform(quorvel::makePosixPlatform(platformOptions));
+  const auto pending = std::make_shared<quorvel::demo::PendingWork>();
+  quorvel::installPlatform(
+      quorvel::demo::countingPendingWork(quorvel::makePosixPlatform(platformOptions), pending));
 
   auto& tracker = quorvel::QuorvelTracker::sharedTracker();
   configure(tracker, options);
@@ -313,9 +343,9 @@ int main(int argc, char** argv) {
   printConfiguration(tracker, tracker.platform());
   printInstallation(tracker, tracker.platform());
 
-  // The process starts as an app's does: did-finish-launching, with no launch options.
+  // The process starts as an app's does: did-finish-launching, with its launch options.
   tracker.platform().notificationCenter->post(
-      {quorvel::platform::kApplicationDidFinishLaunchingNotification, Json::object()});
+      {quorvel::platform::kApplicationDidFinishLaunchingNotification, launchOptions(steps)});
   Host host(tracker);
   for (const auto& step : steps) {
     if (!host.run(step)) {
@@ -323,6 +353,6 @@ int main(int argc, char** argv) {
       return 2;
     }
   }
-  waitForLibrary(tracker);
+  waitForLibrary(tracker, *pending);
   return 0;
 }

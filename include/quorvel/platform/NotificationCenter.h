@@ -18,6 +18,11 @@ inline constexpr const char* kApplicationWillResignActiveNotification =
     "UIApplicationWillResignActiveNotification";
 inline constexpr const char* kApplicationWillTerminateNotification =
     "UIApplicationWillTerminateNotification";
+// Launch-option keys of the did-finish-launching notification's user info: the URL that
+// opened the app and the application that asked for it.
+inline constexpr const char* kLaunchOptionsURLKey = "UIApplicationLaunchOptionsURLKey";
+inline constexpr const char* kLaunchOptionsSourceApplicationKey =
+    "UIApplicationLaunchOptionsSourceApplicationKey";
 
 struct Notification {
   std::string name;

@@ -1,0 +1,49 @@
+// Plain HTTP on loopback for switching faults and settings while the emulator runs. It has
+// to stay reachable while the HTTPS side is offline, so it is a server of its own.
+//
+//   GET  /faults                          the current faults and settings
+//   POST /faults/offline[?seconds=N]      refuse connections (for N seconds)
+//   POST /faults/online
+//   POST /faults/status?service=S&code=N  answer N on service S ("*": all; 0 removes)
+//   POST /faults/delay?service=S&ms=N     answer S after N ms (0 removes)
+//   POST /faults/clear
+//   POST /monitor?value=N                 the "monitor" value of tracking answers
+#pragma once
+
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "Emulator.h"
+#include "Faults.h"
+
+namespace httplib {
+class Server;
+}
+
+namespace quorvel::devserver {
+
+class AdminServer {
+ public:
+  AdminServer(Emulator& emulator, Faults& faults, Emulator::LogSink log);
+  ~AdminServer();
+  AdminServer(const AdminServer&) = delete;
+  AdminServer& operator=(const AdminServer&) = delete;
+
+  // Binds 127.0.0.1:port (0: any); throws std::runtime_error when it cannot.
+  void start(int port);
+  void stop();
+  int port() const { return port_; }
+
+ private:
+  Json state() const;
+
+  Emulator& emulator_;
+  Faults& faults_;
+  Emulator::LogSink log_;
+  std::unique_ptr<httplib::Server> server_;
+  std::thread thread_;
+  int port_ = 0;
+};
+
+}  // namespace quorvel::devserver

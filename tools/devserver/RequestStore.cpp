@@ -1,0 +1,165 @@
+#include "RequestStore.h"
+
+#include <stdexcept>
+
+namespace quorvel::devserver {
+
+namespace {
+
+struct StatementDeleter {
+  void operator()(sqlite3_stmt* s) const { sqlite3_finalize(s); }
+};
+using Statement = std::unique_ptr<sqlite3_stmt, StatementDeleter>;
+
+Statement prepare(sqlite3* db, const char* sql) {
+  sqlite3_stmt* raw = nullptr;
+  if (sqlite3_prepare_v2(db, sql, -1, &raw, nullptr) != SQLITE_OK)
+    throw std::runtime_error(std::string("request store: ") + sqlite3_errmsg(db));
+  return Statement(raw);
+}
+
+void bindText(sqlite3_stmt* s, int index, const std::string& text) {
+  sqlite3_bind_text(s, index, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
+}
+
+std::string columnText(sqlite3_stmt* s, int index) {
+  const auto* text = sqlite3_column_blob(s, index);
+  const int size = sqlite3_column_bytes(s, index);
+  return text == nullptr ? std::string() : std::string(static_cast<const char*>(text), size);
+}
+
+void step(sqlite3* db, sqlite3_stmt* s) {
+  if (const int rc = sqlite3_step(s); rc != SQLITE_DONE && rc != SQLITE_ROW)
+    throw std::runtime_error(std::string("request store: ") + sqlite3_errmsg(db));
+}
+
+}  // namespace
+
+RequestStore::RequestStore(const std::string& path) {
+  sqlite3* raw = nullptr;
+  const int rc =
+      sqlite3_open_v2(path.c_str(), &raw,
+                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX, nullptr);
+  db_.reset(raw);
+  if (rc != SQLITE_OK)
+    throw std::runtime_error("request store: cannot open " + path + ": " +
+                             (raw != nullptr ? sqlite3_errmsg(raw) : "out of memory"));
+  sqlite3_busy_timeout(db_.get(), 5000);
+  // WAL lets `requests` read while the server writes.
+  exec("PRAGMA journal_mode=WAL");
+  exec(
+      "CREATE TABLE IF NOT EXISTS requests (id INTEGER PRIMARY KEY AUTOINCREMENT, time REAL, "
+      "method TEXT, host TEXT, service TEXT, path TEXT, query TEXT, headers TEXT, body BLOB, "
+      "decrypted TEXT, status INTEGER, note TEXT)");
+  exec(
+      "CREATE TABLE IF NOT EXISTS conversion_data_served (app TEXT, device TEXT, "
+      "PRIMARY KEY (app, device))");
+  exec(
+      "CREATE TABLE IF NOT EXISTS short_links (template TEXT, id TEXT, app TEXT, ttl TEXT, "
+      "data TEXT, PRIMARY KEY (template, id))");
+}
+
+RequestStore::~RequestStore() = default;
+
+void RequestStore::exec(const char* sql) const {
+  char* error = nullptr;
+  if (sqlite3_exec(db_.get(), sql, nullptr, nullptr, &error) != SQLITE_OK) {
+    const std::string message = error != nullptr ? error : "unknown error";
+    sqlite3_free(error);
+    throw std::runtime_error("request store: " + message);
+  }
+}
+
+std::int64_t RequestStore::add(const StoredRequest& r) {
+  const std::lock_guard lock(mutex_);
+  const Statement s = prepare(db_.get(),
+                              "INSERT INTO requests (time, method, host, service, path, query, "
+                              "headers, body, decrypted, status, note) "
+                              "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+  sqlite3_bind_double(s.get(), 1, r.time);
+  bindText(s.get(), 2, r.method);
+  bindText(s.get(), 3, r.host);
+  bindText(s.get(), 4, r.service);
+  bindText(s.get(), 5, r.path);
+  bindText(s.get(), 6, r.query);
+  bindText(s.get(), 7, r.headers.dump(-1, ' ', false, Json::error_handler_t::replace));
+  sqlite3_bind_blob(s.get(), 8, r.body.data(), static_cast<int>(r.body.size()), SQLITE_TRANSIENT);
+  if (r.decrypted)
+    bindText(s.get(), 9, r.decrypted->dump(-1, ' ', false, Json::error_handler_t::replace));
+  else
+    sqlite3_bind_null(s.get(), 9);
+  sqlite3_bind_int(s.get(), 10, r.status);
+  bindText(s.get(), 11, r.note);
+  step(db_.get(), s.get());
+  return sqlite3_last_insert_rowid(db_.get());
+}
+
+std::vector<StoredRequest> RequestStore::all() const {
+  const std::lock_guard lock(mutex_);
+  const Statement s = prepare(db_.get(),
+                              "SELECT id, time, method, host, service, path, query, headers, body, "
+                              "decrypted, status, note FROM requests ORDER BY id");
+  std::vector<StoredRequest> out;
+  while (sqlite3_step(s.get()) == SQLITE_ROW) {
+    StoredRequest r;
+    r.id = sqlite3_column_int64(s.get(), 0);
+    r.time = sqlite3_column_double(s.get(), 1);
+    r.method = columnText(s.get(), 2);
+    r.host = columnText(s.get(), 3);
+    r.service = columnText(s.get(), 4);
+    r.path = columnText(s.get(), 5);
+    r.query = columnText(s.get(), 6);
+    r.headers = Json::parse(columnText(s.get(), 7), nullptr, false);
+    r.body = columnText(s.get(), 8);
+    if (sqlite3_column_type(s.get(), 9) != SQLITE_NULL) {
+      Json decrypted = Json::parse(columnText(s.get(), 9), nullptr, false);
+      if (!decrypted.is_discarded())
+        r.decrypted = std::move(decrypted);
+    }
+    r.status = sqlite3_column_int(s.get(), 10);
+    r.note = columnText(s.get(), 11);
+    out.push_back(std::move(r));
+  }
+  return out;
+}
+
+bool RequestStore::markConversionDataServed(const std::string& appId, const std::string& deviceId) {
+  const std::lock_guard lock(mutex_);
+  const Statement s = prepare(
+      db_.get(), "INSERT OR IGNORE INTO conversion_data_served (app, device) VALUES (?, ?)");
+  bindText(s.get(), 1, appId);
+  bindText(s.get(), 2, deviceId);
+  step(db_.get(), s.get());
+  return sqlite3_changes(db_.get()) == 0;
+}
+
+void RequestStore::addShortLink(const ShortLink& link) {
+  const std::lock_guard lock(mutex_);
+  const Statement s = prepare(
+      db_.get(),
+      "INSERT OR REPLACE INTO short_links (template, id, app, ttl, data) VALUES (?, ?, ?, ?, ?)");
+  bindText(s.get(), 1, link.templateId);
+  bindText(s.get(), 2, link.id);
+  bindText(s.get(), 3, link.appId);
+  bindText(s.get(), 4, link.ttl);
+  bindText(s.get(), 5, link.data.dump(-1, ' ', false, Json::error_handler_t::replace));
+  step(db_.get(), s.get());
+}
+
+std::optional<ShortLink> RequestStore::shortLink(const std::string& templateId,
+                                                 const std::string& id) const {
+  const std::lock_guard lock(mutex_);
+  const Statement s =
+      prepare(db_.get(), "SELECT app, ttl, data FROM short_links WHERE template = ? AND id = ?");
+  bindText(s.get(), 1, templateId);
+  bindText(s.get(), 2, id);
+  if (sqlite3_step(s.get()) != SQLITE_ROW)
+    return std::nullopt;
+  ShortLink link{templateId, id, columnText(s.get(), 0), columnText(s.get(), 1),
+                 Json::parse(columnText(s.get(), 2), nullptr, false)};
+  if (link.data.is_discarded())
+    link.data = Json::object();
+  return link;
+}
+
+}  // namespace quorvel::devserver

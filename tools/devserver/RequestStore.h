@@ -1,0 +1,71 @@
+// Everything the emulator received and the state it keeps between requests, in one SQLite
+// file that a person or a script can read while the server runs.
+#pragma once
+
+#include <sqlite3.h>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace quorvel::devserver {
+
+using Json = nlohmann::ordered_json;
+
+struct StoredRequest {
+  std::int64_t id = 0;
+  double time = 0;  // seconds since 1970
+  std::string method;
+  std::string host;
+  std::string service;  // "t", "events", "sdk", ... or "" when the host is not one of ours
+  std::string path;
+  std::string query;
+  Json headers = Json::object();
+  std::string body;
+  std::optional<Json> decrypted;  // the clear payload, where there is one
+  int status = 0;
+  std::string note;
+};
+
+struct ShortLink {
+  std::string templateId;
+  std::string id;
+  std::string appId;
+  std::string ttl;
+  Json data;
+};
+
+class RequestStore {
+ public:
+  // Opens (creating when needed) the database at `path`; ":memory:" keeps it in memory.
+  // Throws std::runtime_error when it cannot be opened.
+  explicit RequestStore(const std::string& path);
+  ~RequestStore();
+  RequestStore(const RequestStore&) = delete;
+  RequestStore& operator=(const RequestStore&) = delete;
+
+  std::int64_t add(const StoredRequest& request);
+  std::vector<StoredRequest> all() const;
+
+  // True when this device of this app was given conversion data before; marks it as given.
+  bool markConversionDataServed(const std::string& appId, const std::string& deviceId);
+
+  void addShortLink(const ShortLink& link);
+  std::optional<ShortLink> shortLink(const std::string& templateId, const std::string& id) const;
+
+ private:
+  void exec(const char* sql) const;
+
+  struct Closer {
+    void operator()(sqlite3* db) const { sqlite3_close(db); }
+  };
+  std::unique_ptr<sqlite3, Closer> db_;
+  mutable std::mutex mutex_;
+};
+
+}  // namespace quorvel::devserver

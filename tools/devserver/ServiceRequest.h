@@ -1,0 +1,39 @@
+// A request as the emulator sees it and the answer it gives, free of any HTTP library, so
+// that the request handling can be exercised without sockets.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace quorvel::devserver {
+
+struct ServiceRequest {
+  std::string method;
+  std::string host;   // the Host header, port included
+  std::string path;   // decoded path
+  std::string query;  // raw query, without "?"
+  std::multimap<std::string, std::string> headers;
+  std::string body;
+
+  // Header value by case-insensitive name.
+  std::optional<std::string> header(const std::string& name) const;
+  // Query parameter, percent-decoded; "+" stays "+" (the library never sends forms).
+  std::optional<std::string> param(const std::string& name) const;
+};
+
+struct ServiceResponse {
+  int status = 200;
+  std::string contentType = "application/json";
+  std::string body;
+  // What the emulator made of the request, for its record and log.
+  std::string note;
+};
+
+// Splits "a=1&b=x%20y" into decoded pairs, in order.
+std::vector<std::pair<std::string, std::string>> parseQuery(const std::string& query);
+std::string percentDecode(const std::string& text);
+
+}  // namespace quorvel::devserver
