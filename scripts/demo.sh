@@ -1,33 +1,81 @@
 #!/usr/bin/env bash
-# Installs what is needed, builds, and runs the demo host through a short session: an
-# opening link, a first launch, in-app events, a purchase, a push token, an invite and a
-# cross-promotion, the move to the background, a request for conversion data; then a second
-# process with the next launch. Extra arguments replace the session's steps.
-#
-# No collection service runs on this machine, so the demo points the library at a local
-# port where nothing listens: every tracking request fails in transport and is kept in the
-# request cache, whose files the script lists at the end.
+# The main job: installs what is needed, builds, starts quorvel-devserver (the collection
+# services on loopback) and runs the demo host against it through a whole session:
+#   1. a first launch opened by a deep link, with conversion data, in-app events, a purchase
+#      validation, an uninstall registration, an invite link, a cross-promotion and an
+#      impression, and the move to the background (background statistics);
+#   2. a second launch opened through the invite's short link;
+#   3. the service goes offline: events fail in transport and are kept as files;
+#   4. it comes back: the next launch succeeds and the kept requests are replayed.
+# Then it prints what the emulator received, decrypted, and stops it.
+# Extra arguments replace the session: they are passed to quorvel-demo as its steps.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 bash scripts/build.sh dev
+
+bin=./build/dev/tools
 state="${QUORVEL_DEMO_STATE:-$PWD/build/demo-state}"
 rm -rf "$state"
 mkdir -p "$state"
-demo=(./build/dev/tools/demo/quorvel-demo --data-dir "$state/app" --keychain-dir "$state/keychain"
-      --dev-key DEMO-DEV-KEY-0001 --app-id 123456789 --customer-id demo-user --currency EUR
-      --host "${QUORVEL_DEMO_HOST:-localhost:9}" --verbose)
+server_dir="$state/devserver"
+app_id=123456789
+dev_key=DEMO-DEV-KEY-0001
+
+"$bin/devserver/quorvel-devserver" --port 0 --data-dir "$server_dir" --app "$app_id=$dev_key" \
+  --conversion-data tools/devserver/examples/conversion-data.json >"$state/devserver.out" \
+  2>"$state/devserver.log" &
+server_pid=$!
+trap 'kill "$server_pid" 2>/dev/null || true; wait "$server_pid" 2>/dev/null || true' EXIT
+for _ in $(seq 1 100); do
+  [ -s "$server_dir/server.json" ] && break
+  kill -0 "$server_pid" 2>/dev/null || { cat "$state/devserver.log"; exit 1; }
+  sleep 0.1
+done
+[ -s "$server_dir/server.json" ] || { echo "quorvel-devserver did not start"; exit 1; }
+cat "$state/devserver.out"
+json_field() { sed -n "s/^ *\"$1\": \"\{0,1\}\([^\",]*\)\"\{0,1\},\{0,1\}$/\1/p" "$server_dir/server.json"; }
+domain=$(json_field service_domain)
+ca_file=$(json_field ca_file)
+fault() { "$bin/devserver/quorvel-devserver" fault --data-dir "$server_dir" "$@" >/dev/null; }
+
+printf 'store receipt of the demo app' >"$state/receipt"
+demo=("$bin/demo/quorvel-demo" --host "$domain" --ca-file "$ca_file" --dev-key "$dev_key"
+      --app-id "$app_id" --data-dir "$state/app" --keychain-dir "$state/keychain"
+      --customer-id demo-user --currency EUR --min-session 0 --receipt "$state/receipt"
+      --invite-template inv1)
+cache="$state/app/Library/Caches/QuorvelCache"
+
 if [ "$#" -gt 0 ]; then
-  exec "${demo[@]}" "$@"
+  "${demo[@]}" "$@"
+else
+  echo
+  echo "=== 1. first launch, opened by a deep link"
+  "${demo[@]}" "open-url demoapp://open?qv_deeplink=true&pid=email&c=spring mail.app" launch \
+    "event af_purchase 9.99" 'event-values level_achieved {"level": 3, "name": "castle"}' \
+    "location 13.4 52.5" "emails 3 user@example.com" "purchase gems 0.99 USD tx-1001" \
+    "register-token 0a1b2c3d4e5f6071" "invite sms" "cross-promo 987654321 spring" \
+    "impression 987654321 spring" background | tee "$state/first.out" | grep -v '^  '
+  invite=$(sed -n 's/^< invite link \[[^]]*\] //p' "$state/first.out" | head -1)
+
+  echo
+  echo "=== 2. second launch, opened through the invite's short link"
+  "${demo[@]}" "universal-link $invite" launch conversion-data | grep -v '^  '
+
+  echo
+  echo "=== 3. the service goes offline: events are kept as files"
+  fault offline
+  "${demo[@]}" "event tutorial_completion 1" "event level_achieved 4" | grep -v '^  '
+  echo "kept for replay:"
+  ls -1 "$cache"
+
+  echo
+  echo "=== 4. the service is back: the next launch succeeds and the kept events are replayed"
+  fault online
+  "${demo[@]}" launch | grep -v '^  '
+  echo "left in the cache: $(ls -1 "$cache" | wc -l) files"
 fi
-echo "=== first process"
-printf 'store receipt' > "$state/receipt"
-"${demo[@]}" --receipt "$state/receipt" "open-url demoapp://open?qv_deeplink=true&pid=email&c=spring" launch \
-  "event af_purchase 9.99" 'event-values af_level {"level": 3, "name": "castle"}' "location 13.4 52.5" \
-  "emails 3 user@example.com" "purchase gems 0.99 USD tx-1" "register-token 0a1b2c3d4e5f6071" "invite sms" \
-  "cross-promo 987654321 spring" background conversion-data
-echo "=== second process"
-"${demo[@]}" launch
-echo "=== requests kept for replay (the service was unreachable)"
-ls -l "$state/app/Library/Caches/QuorvelCache"
-head -c 300 "$(ls -d "$state"/app/Library/Caches/QuorvelCache/* | head -1)"; echo
+
+echo
+echo "=== what quorvel-devserver received (decrypted)"
+"$bin/devserver/quorvel-devserver" requests --data-dir "$server_dir"

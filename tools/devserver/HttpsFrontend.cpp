@@ -81,6 +81,10 @@ std::unique_ptr<httplib::SSLServer> HttpsFrontend::makeServer() {
     throw std::runtime_error("cannot load the server certificate " + certificates_.certFile);
   SSL_CTX_set_info_callback(server->ssl_context(), logTlsEvents);
   server->set_payload_max_length(8 * 1024 * 1024);
+  // The library keeps a connection per service host open; each open connection holds a
+  // worker, so there are enough workers for every host and idle ones are let go soon.
+  server->new_task_queue = [] { return new httplib::ThreadPool(32); };
+  server->set_keep_alive_timeout(2);
   server->set_read_timeout(10, 0);
   server->set_write_timeout(10, 0);
   // Every method and path reaches the emulator, which answers wrong ones itself. (A
