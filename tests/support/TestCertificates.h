@@ -1,20 +1,18 @@
-// A certificate authority and a server certificate made for one test run.
+// A certificate authority and a server certificate made for one test run: the emulator's.
 #pragma once
 
 #include <string>
 #include <vector>
 
+#include "Certificates.h"
+
 namespace quorvel::test {
 
-struct TestCertificates {
-  std::string caFile;    // PEM of the CA, to trust
-  std::string certFile;  // PEM of the server certificate
-  std::string keyFile;   // PEM of the server's private key
-};
+using TestCertificates = devserver::CertificateFiles;
 
-// Writes the three files into `directory`; the server certificate names `hosts` (DNS names
-// or IP addresses). Throws std::runtime_error when OpenSSL fails.
-TestCertificates makeTestCertificates(const std::string& directory,
-                                      const std::vector<std::string>& hosts);
+inline TestCertificates makeTestCertificates(const std::string& directory,
+                                             const std::vector<std::string>& hosts) {
+  return devserver::makeCertificates(directory, hosts);
+}
 
 }  // namespace quorvel::test
