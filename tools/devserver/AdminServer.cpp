@@ -38,8 +38,8 @@ Json AdminServer::state() const {
 }
 
 void AdminServer::start(int port) {
-  server_ = std::make_unique<httplib::Server>();
-  auto& s = *server_;
+  auto server = std::make_unique<httplib::Server>();
+  auto& s = *server;
   s.Get("/faults",
         [this](const httplib::Request&, httplib::Response& res) { answer(res, 200, state()); });
   s.Post("/faults/offline", [this](const httplib::Request& req, httplib::Response& res) {
@@ -89,14 +89,11 @@ void AdminServer::start(int port) {
       port == 0 ? s.bind_to_any_port("127.0.0.1") : (s.bind_to_port("127.0.0.1", port) ? port : -1);
   if (port_ <= 0)
     throw std::runtime_error("cannot bind the admin port " + std::to_string(port));
-  thread_ = std::thread([this] { server_->listen_after_bind(); });
+  listener_.start(std::move(server));
 }
 
 void AdminServer::stop() {
-  if (server_)
-    server_->stop();
-  if (thread_.joinable())
-    thread_.join();
+  listener_.stop();
 }
 
 }  // namespace quorvel::devserver

@@ -16,10 +16,7 @@
 
 #include "Emulator.h"
 #include "Faults.h"
-
-namespace httplib {
-class Server;
-}
+#include "ListenerThread.h"
 
 namespace quorvel::devserver {
 
@@ -41,8 +38,7 @@ class AdminServer {
   Emulator& emulator_;
   Faults& faults_;
   Emulator::LogSink log_;
-  std::unique_ptr<httplib::Server> server_;
-  std::thread thread_;
+  ListenerThread listener_;
   int port_ = 0;
 };
 

@@ -127,9 +127,7 @@ void HttpsFrontend::start(int port) {
   }
   {
     const std::lock_guard lock(mutex_);
-    server_ = std::move(server);
-    httplib::SSLServer* raw = server_.get();
-    listener_ = std::thread([raw] { raw->listen_after_bind(); });
+    listener_.start(std::move(server));
   }
   supervisor_ = std::thread([this] { supervise(); });
 }
@@ -139,24 +137,13 @@ bool HttpsFrontend::goOnline() {
   if (!server->bind_to_port(address_, port_))
     return false;
   const std::lock_guard lock(mutex_);
-  server_ = std::move(server);
-  httplib::SSLServer* raw = server_.get();
-  listener_ = std::thread([raw] { raw->listen_after_bind(); });
+  listener_.start(std::move(server));
   return true;
 }
 
 void HttpsFrontend::goOffline() {
-  std::unique_ptr<httplib::SSLServer> server;
-  std::thread listener;
-  {
-    const std::lock_guard lock(mutex_);
-    server = std::move(server_);
-    listener = std::move(listener_);
-  }
-  if (server)
-    server->stop();
-  if (listener.joinable())
-    listener.join();
+  const std::lock_guard lock(mutex_);
+  listener_.stop();
 }
 
 void HttpsFrontend::supervise() {

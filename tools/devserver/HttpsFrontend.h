@@ -13,10 +13,7 @@
 #include "Certificates.h"
 #include "Emulator.h"
 #include "Faults.h"
-
-namespace httplib {
-class SSLServer;
-}
+#include "ListenerThread.h"
 
 namespace quorvel::devserver {
 
@@ -48,8 +45,7 @@ class HttpsFrontend {
   int port_ = 0;
 
   std::mutex mutex_;
-  std::unique_ptr<httplib::SSLServer> server_;
-  std::thread listener_;
+  ListenerThread listener_;
   std::atomic<bool> stopping_{false};
   std::thread supervisor_;
 };

@@ -1,0 +1,134 @@
+// The emulator on a real socket: malformed traffic gets an error answer or a closed
+// connection and the server keeps serving; offline means connections are refused.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+#include <httplib.h>
+
+#include "Certificates.h"
+#include "HttpsFrontend.h"
+#include "support/Eventually.h"
+#include "support/TempDir.h"
+
+namespace quorvel::devserver {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Connects to loopback `port` and writes `bytes`; true when the connection was accepted.
+bool sendRaw(int port, const std::string& bytes) {
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  const timeval timeout{5, 0};
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const bool connected =
+      ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  if (connected) {
+    (void)::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    ::shutdown(fd, SHUT_WR);
+    char buffer[256];
+    (void)::recv(fd, buffer, sizeof buffer, 0);
+  }
+  ::close(fd);
+  return connected;
+}
+
+class HttpsFrontendTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    config.apps = {{"1", "KEY"}};
+    emulator = std::make_unique<Emulator>(config, store, faults, [this](const std::string& line) {
+      const std::lock_guard lock(mutex);
+      log.push_back(line);
+    });
+    frontend = std::make_unique<HttpsFrontend>(
+        *emulator, faults, makeCertificates(dir.path(), certificateHosts("localhost")), "127.0.0.1",
+        [this](const std::string& line) {
+          const std::lock_guard lock(mutex);
+          log.push_back(line);
+        });
+    frontend->start(0);
+    emulator->setPort(frontend->port());
+  }
+
+  httplib::Result get(const std::string& host, const std::string& path,
+                      httplib::Headers headers = {}) {
+    httplib::SSLClient client("127.0.0.1", frontend->port());
+    client.set_ca_cert_path((dir / "ca.pem").c_str());
+    client.enable_server_certificate_verification(false);
+    client.set_connection_timeout(5, 0);
+    client.set_read_timeout(10, 0);
+    headers.emplace("Host", host + ":" + std::to_string(frontend->port()));
+    return client.Get(path.c_str(), headers);
+  }
+
+  bool logged(const std::string& text) {
+    const std::lock_guard lock(mutex);
+    for (const auto& line : log) {
+      if (line.find(text) != std::string::npos)
+        return true;
+    }
+    return false;
+  }
+
+  test::TempDir dir;
+  EmulatorConfig config;
+  RequestStore store{":memory:"};
+  Faults faults;
+  std::mutex mutex;
+  std::vector<std::string> log;
+  std::unique_ptr<Emulator> emulator;
+  std::unique_ptr<HttpsFrontend> frontend;
+};
+
+TEST_F(HttpsFrontendTest, MalformedTrafficIsAnsweredOrDroppedAndServingGoesOn) {
+  // Not TLS at all.
+  EXPECT_TRUE(sendRaw(frontend->port(), "GET / HTTP/1.1\r\nHost: t.localhost\r\n\r\n"));
+  EXPECT_TRUE(sendRaw(frontend->port(), std::string(4096, '\x16')));
+  // A TLS record holding a client hello too short to be one.
+  EXPECT_TRUE(
+      sendRaw(frontend->port(), std::string("\x16\x03\x01\x00\x05\x01\x00\x00\x01\x00", 10)));
+  // TLS, then headers far beyond any limit.
+  const auto huge = get("t.localhost", "/", {{"X-Big", std::string(64 * 1024, 'a')}});
+  EXPECT_TRUE(!huge || huge->status >= 400);
+  // TLS, a method the tracking hosts do not take.
+  const auto wrongMethod = get("t.localhost", "/api/v4.8/iosevent?app_id=1");
+  ASSERT_TRUE(wrongMethod);
+  EXPECT_EQ(wrongMethod->status, 405);
+
+  const auto fine = get("localhost", "/");
+  ASSERT_TRUE(fine);
+  EXPECT_EQ(fine->status, 200);
+  EXPECT_TRUE(logged("TLS handshake refused"));
+}
+
+TEST_F(HttpsFrontendTest, OfflineRefusesConnectionsUntilOnlineAgainOnTheSamePort) {
+  const int port = frontend->port();
+  faults.goOffline(std::nullopt);
+  ASSERT_TRUE(test::eventually([&] { return !sendRaw(port, ""); }));
+  EXPECT_TRUE(test::eventually([&] { return logged("offline: refusing connections"); }));
+  faults.goOnline();
+  ASSERT_TRUE(test::eventually([&] { return sendRaw(port, ""); }));
+  const auto answer = get("localhost", "/");
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->status, 200);
+}
+
+TEST_F(HttpsFrontendTest, AStatusFaultAppliesToItsServiceOnly) {
+  faults.failService("sdk", 502);
+  const auto failed = get("sdk.localhost", "/install_data/v3/id1");
+  ASSERT_TRUE(failed);
+  EXPECT_EQ(failed->status, 502);
+  const auto other = get("localhost", "/");
+  ASSERT_TRUE(other);
+  EXPECT_EQ(other->status, 200);
+}
+
+}  // namespace
+}  // namespace quorvel::devserver

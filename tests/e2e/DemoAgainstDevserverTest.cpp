@@ -1,0 +1,196 @@
+// The demo host and the emulator as separate processes, as a developer runs them: what the
+// library sent arrives decrypted, key by key, and what failed in transport while the
+// service was away arrives once it is back.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include <gtest/gtest.h>
+
+#include <quorvel/Json.h>
+
+#include "support/Eventually.h"
+#include "support/Subprocess.h"
+#include "support/TempDir.h"
+
+namespace quorvel {
+namespace {
+
+using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+
+constexpr const char* kApp = "123456789";
+constexpr const char* kKey = "E2E-DEV-KEY";
+
+bool acceptsConnections(int port) {
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const bool connected =
+      ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  ::close(fd);
+  return connected;
+}
+
+class DemoAgainstDevserver : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fs::create_directories(dir / "scratch");
+    std::ofstream(dir / "receipt") << "store receipt";
+    server = std::make_unique<test::BackgroundProcess>(
+        std::vector<std::string>{QUORVEL_DEVSERVER_BIN, "--port", "0", "--data-dir", serverDir(),
+                                 "--app", std::string(kApp) + "=" + kKey},
+        dir / "server.out", dir / "server.err");
+    ASSERT_TRUE(test::eventually([&] { return fs::exists(serverDir() + "/server.json"); }, 30s))
+        << "the emulator did not start";
+    std::ifstream in(serverDir() + "/server.json");
+    state = Json::parse(in);
+  }
+
+  std::string serverDir() const { return dir / "server"; }
+  std::string cacheDir() const { return dir / "app/Library/Caches/QuorvelCache"; }
+  std::size_t cachedFiles() const {
+    return fs::exists(cacheDir())
+               ? static_cast<std::size_t>(std::distance(fs::directory_iterator(cacheDir()), {}))
+               : 0;
+  }
+
+  test::ProcessResult demo(std::vector<std::string> steps) {
+    std::vector<std::string> argv = {QUORVEL_DEMO_BIN,
+                                     "--host",
+                                     state["service_domain"].get<std::string>(),
+                                     "--ca-file",
+                                     state["ca_file"].get<std::string>(),
+                                     "--dev-key",
+                                     kKey,
+                                     "--app-id",
+                                     kApp,
+                                     "--data-dir",
+                                     dir / "app",
+                                     "--keychain-dir",
+                                     dir / "keychain",
+                                     "--receipt",
+                                     dir / "receipt",
+                                     "--invite-template",
+                                     "inv1",
+                                     "--customer-id",
+                                     "e2e-user"};
+    argv.insert(argv.end(), steps.begin(), steps.end());
+    auto result = test::runProcess(argv, dir / "scratch", 90s);
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    return result;
+  }
+
+  void fault(const std::string& action) {
+    const auto r = test::runProcess(
+        {QUORVEL_DEVSERVER_BIN, "fault", "--data-dir", serverDir(), action}, dir / "scratch", 20s);
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    const bool wantOnline = action == "online";
+    ASSERT_TRUE(test::eventually([&] {
+      return acceptsConnections(state["port"].get<int>()) == wantOnline;
+    })) << action;
+  }
+
+  Json received() {
+    const auto r =
+        test::runProcess({QUORVEL_DEVSERVER_BIN, "requests", "--data-dir", serverDir(), "--json"},
+                         dir / "scratch", 20s);
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    return Json::parse(r.out, nullptr, false);
+  }
+
+  // The requests to `service`, optionally only those whose clear payload has this event.
+  static std::vector<Json> find(const Json& requests, const std::string& service,
+                                const std::string& event = "") {
+    std::vector<Json> found;
+    for (const auto& r : requests) {
+      if (r["service"] != service)
+        continue;
+      if (!event.empty() && !(r["decrypted"].is_object() && r["decrypted"]["event"] == event))
+        continue;
+      found.push_back(r);
+    }
+    return found;
+  }
+
+  test::TempDir dir;
+  std::unique_ptr<test::BackgroundProcess> server;
+  Json state;
+};
+
+TEST_F(DemoAgainstDevserver, AWholeSessionArrivesDecryptedKeyByKey) {
+  const auto run = demo({"open-url demoapp://open?pid=email&c=spring mail.app", "launch",
+                         "event af_purchase 9.99", "purchase gems 0.99 USD tx-7",
+                         "register-token 0a1b2c3d", "invite sms", "background"});
+  EXPECT_NE(run.out.find("< purchase validated"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("< invite link [thread quorvel.http.cb] https://quorvel.link.localhost:"),
+            std::string::npos)
+      << run.out;
+
+  const Json requests = received();
+  ASSERT_TRUE(requests.is_array());
+  for (const auto& r : requests)
+    EXPECT_EQ(r["status"], 200) << r.dump();
+
+  const auto launches = find(requests, "t", "Launched");
+  ASSERT_EQ(launches.size(), 1U);
+  const Json& launch = launches[0]["decrypted"];
+  EXPECT_EQ(launch["dev_key"], kKey);
+  EXPECT_EQ(launch["counter"], "1");
+  EXPECT_EQ(launch["appUID"], "e2e-user");
+  EXPECT_EQ(launch["bundleIdentifier"], "com.quorvel.demo");
+  EXPECT_EQ(launch["qv_deeplink"], "demoapp://open?pid=email&c=spring");
+  EXPECT_EQ(launch["deeplink_sourceapplication"], "mail.app");
+  const std::string uid = launch["uid"];
+
+  const auto purchases = find(requests, "events", "af_purchase");
+  ASSERT_EQ(purchases.size(), 1U);
+  EXPECT_EQ(purchases[0]["decrypted"]["eventvalue"], "9.99");
+  EXPECT_EQ(purchases[0]["decrypted"]["uid"], uid);
+
+  ASSERT_EQ(find(requests, "validate", "qv_purchase").size(), 1U);
+  const auto receipts = find(requests, "sdk-services");
+  ASSERT_EQ(receipts.size(), 1U);
+  EXPECT_NE(receipts[0]["query"].get<std::string>().find("tran_id=tx-7"), std::string::npos);
+  EXPECT_EQ(Json::parse(receipts[0]["body"].get<std::string>())["receipt-data"],
+            "c3RvcmUgcmVjZWlwdA==");
+
+  const auto registrations = find(requests, "register");
+  ASSERT_EQ(registrations.size(), 1U);
+  const Json registration = Json::parse(registrations[0]["body"].get<std::string>());
+  EXPECT_EQ(registration["devkey"], kKey);
+  EXPECT_EQ(registration["uid"], uid);
+
+  const auto links = find(requests, "hopline");
+  ASSERT_EQ(links.size(), 1U);
+  EXPECT_EQ(links[0]["decrypted"]["data"]["qv_channel"], "sms");
+  ASSERT_EQ(find(requests, "events", "qv_invite").size(), 1U);
+  ASSERT_EQ(find(requests, "stats").size(), 1U);
+  EXPECT_EQ(server->stop(), 0);
+}
+
+TEST_F(DemoAgainstDevserver, EventsSentWhileTheServiceIsAwayArriveOnceItIsBack) {
+  demo({"launch"});
+  fault("offline");
+  demo({"event offline_event 7", "event offline_event 8"});
+  EXPECT_EQ(cachedFiles(), 2U);
+  EXPECT_TRUE(find(received(), "events", "offline_event").empty());
+
+  fault("online");
+  demo({"launch"});
+  const auto replayed = find(received(), "events", "offline_event");
+  ASSERT_EQ(replayed.size(), 2U);
+  EXPECT_EQ(replayed[0]["decrypted"]["eventvalue"], "7");
+  EXPECT_EQ(replayed[1]["decrypted"]["eventvalue"], "8");
+  EXPECT_EQ(cachedFiles(), 0U);
+  EXPECT_EQ(find(received(), "t", "Launched").size(), 2U);
+}
+
+}  // namespace
+}  // namespace quorvel
