@@ -37,7 +37,16 @@ cat "$state/devserver.out"
 json_field() { sed -n "s/^ *\"$1\": \"\{0,1\}\([^\",]*\)\"\{0,1\},\{0,1\}$/\1/p" "$server_dir/server.json"; }
 domain=$(json_field service_domain)
 ca_file=$(json_field ca_file)
-fault() { "$bin/devserver/quorvel-devserver" fault --data-dir "$server_dir" "$@" >/dev/null; }
+port=$(json_field port)
+accepting() { (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; }
+# Switches a fault and waits (at most 10 s) until the port is in the state it asked for.
+fault() {
+  "$bin/devserver/quorvel-devserver" fault --data-dir "$server_dir" "$@" >/dev/null
+  for _ in $(seq 1 100); do
+    if [ "$1" = offline ]; then accepting || return 0; else accepting && return 0; fi
+    sleep 0.1
+  done
+}
 
 printf 'store receipt of the demo app' >"$state/receipt"
 demo=("$bin/demo/quorvel-demo" --host "$domain" --ca-file "$ca_file" --dev-key "$dev_key"
