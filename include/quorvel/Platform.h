@@ -68,7 +68,7 @@ struct PosixPlatformOptions {
   // Requests without a timeout of their own give up after this long.
   std::chrono::milliseconds requestTimeout{60'000};
   // Larger responses are cut off and reported as transport failures.
-  std::size_t maxResponseBytes = 4 * 1024 * 1024;
+  std::size_t maxResponseBytes = std::size_t{4} * 1024 * 1024;
 };
 
 // Builds the POSIX default of every service.

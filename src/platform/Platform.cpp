@@ -8,6 +8,7 @@
 #include "platform/posix/CurlURLSession.h"
 #include "platform/posix/FileSecureStore.h"
 #include "platform/posix/JsonFilePreferencesStore.h"
+#include "platform/posix/OpenSslLifetime.h"
 #include "platform/posix/PosixServices.h"
 #include "util/NoDestructor.h"
 
@@ -108,6 +109,7 @@ void fillWithPosixDefaults(Platform& p, const PosixPlatformOptions& options) {
 }  // namespace platform
 
 Platform makePosixPlatform(const PosixPlatformOptions& options) {
+  platform::keepOpenSslUntilExit();
   Platform p;
   platform::fillWithPosixDefaults(p, options);
   return p;

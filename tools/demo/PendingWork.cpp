@@ -166,7 +166,7 @@ bool PendingWork::waitUntilIdle(std::chrono::milliseconds bound) {
   return idle_.wait_for(lock, bound, [this] { return count_ == 0; });
 }
 
-Platform countingPendingWork(Platform platform, std::shared_ptr<PendingWork> pending) {
+Platform countingPendingWork(Platform platform, const std::shared_ptr<PendingWork>& pending) {
   platform.dispatcher = std::make_shared<CountingDispatcher>(platform.dispatcher, pending);
   platform.urlSessions = std::make_shared<CountingSessionFactory>(platform.urlSessions, pending);
   return platform;

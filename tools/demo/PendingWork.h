@@ -28,6 +28,6 @@ class PendingWork {
 };
 
 // The same platform with its dispatcher and URL sessions counting into `pending`.
-Platform countingPendingWork(Platform platform, std::shared_ptr<PendingWork> pending);
+Platform countingPendingWork(Platform platform, const std::shared_ptr<PendingWork>& pending);
 
 }  // namespace quorvel::demo

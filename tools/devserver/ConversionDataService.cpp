@@ -13,7 +13,9 @@ Json organicAnswer() {
 }
 
 Json answerTemplate(const Json& configured, const std::string& appId, const std::string& deviceId) {
-  for (const std::string& key : {appId + "/" + deviceId, appId, std::string("*")}) {
+  std::string perDevice = appId;
+  perDevice.append("/").append(deviceId);
+  for (const std::string& key : {perDevice, appId, std::string("*")}) {
     if (const auto it = configured.find(key); it != configured.end() && it->is_object())
       return *it;
   }

@@ -60,11 +60,11 @@ std::string Emulator::serviceDomain() const {
 std::vector<std::string> certificateHosts(const std::string& domain) {
   std::vector<std::string> hosts;
   for (const auto& prefix : servicePrefixes())
-    hosts.push_back(prefix + "." + domain);
+    hosts.emplace_back(prefix).append(".").append(domain);
   hosts.push_back(domain);
   if (domain != "localhost")
-    hosts.push_back("localhost");
-  hosts.push_back("127.0.0.1");
+    hosts.emplace_back("localhost");
+  hosts.emplace_back("127.0.0.1");
   return hosts;
 }
 
@@ -74,7 +74,7 @@ std::string Emulator::serviceOf(const std::string& host) const {
   if (name.size() <= suffix.size() ||
       name.compare(name.size() - suffix.size(), suffix.size(), suffix) != 0)
     return {};
-  const std::string prefix = name.substr(0, name.size() - suffix.size());
+  std::string prefix = name.substr(0, name.size() - suffix.size());
   for (const auto& known : servicePrefixes()) {
     if (known == prefix)
       return prefix;

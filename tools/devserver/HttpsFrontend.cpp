@@ -80,10 +80,13 @@ std::unique_ptr<httplib::SSLServer> HttpsFrontend::makeServer() {
   if (!server->is_valid())
     throw std::runtime_error("cannot load the server certificate " + certificates_.certFile);
   SSL_CTX_set_info_callback(server->ssl_context(), logTlsEvents);
-  server->set_payload_max_length(8 * 1024 * 1024);
+  server->set_payload_max_length(std::size_t{8} * 1024 * 1024);
   // The library keeps a connection per service host open; each open connection holds a
   // worker, so there are enough workers for every host and idle ones are let go soon.
-  server->new_task_queue = [] { return new httplib::ThreadPool(32); };
+  // httplib takes the queue as a raw pointer and deletes it itself.
+  server->new_task_queue = [] {
+    return new httplib::ThreadPool(32);
+  };  // NOLINT(cppcoreguidelines-owning-memory)
   server->set_keep_alive_timeout(2);
   server->set_read_timeout(10, 0);
   server->set_write_timeout(10, 0);
@@ -96,7 +99,7 @@ std::unique_ptr<httplib::SSLServer> HttpsFrontend::makeServer() {
     const ServiceResponse answer = emulator_.handle(request);
     res.status = answer.status;
     res.set_header(kAnsweredHeader, "1");
-    res.set_content(answer.body, answer.contentType.c_str());
+    res.set_content(answer.body, answer.contentType);
   };
   const std::string everything = ".*";
   server->Get(everything, handler);

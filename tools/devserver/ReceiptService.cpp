@@ -9,8 +9,7 @@ bool isBase64(const std::string& text) {
   if (text.empty() || text.size() % 4 != 0)
     return false;
   std::size_t padding = 0;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const char c = text[i];
+  for (const char c : text) {
     if (c == '=') {
       ++padding;
       continue;

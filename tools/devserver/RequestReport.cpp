@@ -2,6 +2,7 @@
 
 #include <openssl/evp.h>
 
+#include <array>
 #include <ctime>
 #include <iomanip>
 #include <map>
@@ -52,12 +53,12 @@ std::string clockTime(double seconds) {
   const auto whole = static_cast<std::time_t>(seconds);
   std::tm tm{};
   localtime_r(&whole, &tm);
-  char text[16];
-  std::strftime(text, sizeof text, "%H:%M:%S", &tm);
+  std::array<char, 16> text{};
+  std::strftime(text.data(), text.size(), "%H:%M:%S", &tm);
   const int ms = static_cast<int>((seconds - static_cast<double>(whole)) * 1000);
-  char out[24];
-  std::snprintf(out, sizeof out, "%s.%03d", text, ms);
-  return out;
+  std::array<char, 24> out{};
+  std::snprintf(out.data(), out.size(), "%s.%03d", text.data(), ms);
+  return out.data();
 }
 
 std::string shortened(std::string text, std::size_t limit) {

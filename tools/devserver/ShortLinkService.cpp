@@ -1,5 +1,6 @@
 // The "hopline." host: short links made and resolved for signed requests.
 #include <regex>
+#include <string_view>
 
 #include "Emulator.h"
 #include "PayloadCipher.h"
@@ -20,11 +21,11 @@ std::optional<std::string> Emulator::signerOf(const ServiceRequest& request) con
 }
 
 std::string Emulator::newLinkId() {
-  static constexpr char kAlphabet[] = "abcdefghijkmnopqrstuvwxyz23456789";
+  static constexpr std::string_view kAlphabet = "abcdefghijkmnopqrstuvwxyz23456789";
   const std::lock_guard lock(randomMutex_);
   std::string id;
   for (int i = 0; i < 8; ++i)
-    id.push_back(kAlphabet[random_() % (sizeof kAlphabet - 1)]);
+    id.push_back(kAlphabet[random_() % kAlphabet.size()]);
   return id;
 }
 

@@ -27,7 +27,7 @@ std::string describePayload(const Json& payload) {
   return note;
 }
 
-ServiceResponse jsonOk(Json body, std::string note) {
+ServiceResponse jsonOk(const Json& body, std::string note) {
   ServiceResponse r;
   r.body = body.dump();
   r.note = std::move(note);

@@ -1,4 +1,5 @@
 #include "platform/posix/CurlURLSession.h"
+#include "platform/posix/OpenSslLifetime.h"
 
 #include <curl/curl.h>
 #include <pthread.h>
@@ -8,24 +9,65 @@
 #include <atomic>
 #include <cctype>
 #include <condition_variable>
+#include <cstdlib>
 #include <deque>
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <mutex>
 #include <thread>
 #include <variant>
 
 #include "platform/AtomicFile.h"
 #include "platform/posix/ThreadQueue.h"
+#include "util/NoDestructor.h"
 
 namespace quorvel::platform {
 namespace {
 
 constexpr const char* kSystemCABundle = "/etc/ssl/certs/ca-certificates.crt";
 
+// Sessions being torn down when the process exits. A session released from a completion
+// is torn down on its callback thread, and that teardown frees TLS state; OpenSSL may free
+// its own global state from an exit handler (when something else in the process set that
+// up first). The exit handler below, registered after OpenSSL's and so run before it,
+// lets teardowns in progress finish first, within a bound.
+class Teardowns {
+ public:
+  void begin() {
+    const std::lock_guard lock(mutex_);
+    ++count_;
+  }
+  void end() {
+    const std::lock_guard lock(mutex_);
+    if (--count_ == 0)
+      done_.notify_all();
+  }
+  void waitAtExit() {
+    std::unique_lock lock(mutex_);
+    done_.wait_for(lock, std::chrono::seconds(2), [this] { return count_ == 0; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable done_;
+  int count_ = 0;
+};
+
+Teardowns& teardowns() {
+  // Never destroyed: it is used from exit handlers and from threads that outlive main.
+  static NoDestructor<Teardowns> instance;
+  return instance.get();
+}
+
 void initCurlOnce() {
   static std::once_flag once;
-  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+  std::call_once(once, [] {
+    keepOpenSslUntilExit();
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    teardowns();
+    std::atexit([] { teardowns().waitAtExit(); });
+  });
 }
 
 std::string readWholeFile(const std::string& path) {
@@ -132,6 +174,9 @@ class CurlURLSession final : public URLSession,
   }
 
   ~CurlURLSession() override {
+    teardowns().begin();
+    const std::unique_ptr<Teardowns, void (*)(Teardowns*)> ended(&teardowns(),
+                                                                 [](Teardowns* t) { t->end(); });
     {
       std::lock_guard lock(mutex_);
       stopping_ = true;
@@ -144,7 +189,8 @@ class CurlURLSession final : public URLSession,
       }
       worker_.join();
     }
-    if (multi_ != nullptr) curl_multi_cleanup(multi_);
+    if (multi_ != nullptr)
+      curl_multi_cleanup(multi_);
   }
 
   std::shared_ptr<URLSessionTask> dataTask(URLRequest request,
