@@ -3,7 +3,8 @@
 # services on loopback) and runs the demo host against it through a whole session:
 #   1. a first launch opened by a deep link, with conversion data, in-app events, a purchase
 #      validation, an uninstall registration, an invite link, a cross-promotion and an
-#      impression, and the move to the background (background statistics);
+#      impression, and the move to the background (background statistics and the upload
+#      of the library's own log, which the emulator asks for);
 #   2. a second launch opened through the invite's short link;
 #   3. the service goes offline: events fail in transport and are kept as files;
 #   4. it comes back: the next launch succeeds and the kept requests are replayed.
@@ -22,7 +23,9 @@ server_dir="$state/devserver"
 app_id=123456789
 dev_key=DEMO-DEV-KEY-0001
 
-"$bin/devserver/quorvel-devserver" --port 0 --data-dir "$server_dir" --app "$app_id=$dev_key" \
+# --monitor 1: the service asks the library to ship its own log, which it does on the move
+# to the background (the "monitorsdk." request in the summary).
+"$bin/devserver/quorvel-devserver" --port 0 --data-dir "$server_dir" --app "$app_id=$dev_key" --monitor 1 \
   --conversion-data tools/devserver/examples/conversion-data.json >"$state/devserver.out" \
   2>"$state/devserver.log" &
 server_pid=$!
@@ -64,7 +67,7 @@ else
     "event af_purchase 9.99" 'event-values level_achieved {"level": 3, "name": "castle"}' \
     "location 13.4 52.5" "emails 3 user@example.com" "purchase gems 0.99 USD tx-1001" \
     "register-token 0a1b2c3d4e5f6071" "invite sms" "cross-promo 987654321 spring" \
-    "impression 987654321 spring" background | tee "$state/first.out" | grep -v '^  '
+    "impression 987654321 spring" "wait 1" background | tee "$state/first.out" | grep -v '^  '
   invite=$(sed -n 's/^< invite link \[[^]]*\] //p' "$state/first.out" | head -1)
 
   echo

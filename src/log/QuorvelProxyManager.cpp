@@ -9,6 +9,7 @@
 #include "util/DateFormatter.h"
 #include "util/NoDestructor.h"
 #include "util/QuorvelUtils.h"
+#include "util/Utf8.h"
 
 namespace quorvel {
 
@@ -31,7 +32,7 @@ void QuorvelProxyManager::addEventWithString(const std::string& line) {
   }
   const auto clk = clock();
   const QVDateFormatter formatter = QuorvelUtils::getDateFormatterForRemoteDebug(clk);
-  std::string stored = format("%18@ %@", formatter.stringFromDate(clk->now()), line);
+  std::string stored = format("%18@ %@", formatter.stringFromDate(clk->now()), toValidUtf8(line));
   requestSize_.fetch_add(static_cast<std::int32_t>(stored.size()), std::memory_order_relaxed);
   std::lock_guard guard(lock_);
   events_.push_back(std::move(stored));

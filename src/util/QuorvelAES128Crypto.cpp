@@ -8,6 +8,7 @@
 
 #include "log/Log.h"
 #include "util/Base64.h"
+#include "util/Utf8.h"
 
 namespace quorvel {
 namespace {
@@ -74,7 +75,8 @@ std::optional<Bytes> QuorvelAES128Crypto::encrypt(const Bytes& data) const {
   static constexpr const char* kMethod = "-[QuorvelAES128Crypto encrypt:]";
   const Bytes key = AESKeyForPassword(password_, salt_);
   if (qvTraceWanted()) {
-    qvTrace(kMethod, "key: %@", std::string(key.begin(), key.end()));
+    qvTrace(kMethod, "key: %@",
+            bytesAsText(std::string_view(reinterpret_cast<const char*>(key.data()), key.size())));
   }
   if (data.size() > static_cast<std::size_t>(INT32_MAX - 32)) {
     qvLog(kLogError, kMethod, "Unable to encrypt data");

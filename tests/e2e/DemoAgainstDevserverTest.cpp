@@ -45,7 +45,7 @@ class DemoAgainstDevserver : public ::testing::Test {
     std::ofstream(dir / "receipt") << "store receipt";
     server = std::make_unique<test::BackgroundProcess>(
         std::vector<std::string>{QUORVEL_DEVSERVER_BIN, "--port", "0", "--data-dir", serverDir(),
-                                 "--app", std::string(kApp) + "=" + kKey},
+                                 "--app", std::string(kApp) + "=" + kKey, "--monitor", "1"},
         dir / "server.out", dir / "server.err");
     ASSERT_TRUE(test::eventually([&] { return fs::exists(serverDir() + "/server.json"); }, 30s))
         << "the emulator did not start";
@@ -127,7 +127,7 @@ class DemoAgainstDevserver : public ::testing::Test {
 TEST_F(DemoAgainstDevserver, AWholeSessionArrivesDecryptedKeyByKey) {
   const auto run = demo({"open-url demoapp://open?pid=email&c=spring mail.app", "launch",
                          "event af_purchase 9.99", "purchase gems 0.99 USD tx-7",
-                         "register-token 0a1b2c3d", "invite sms", "background"});
+                         "register-token 0a1b2c3d", "invite sms", "wait 1", "background"});
   EXPECT_NE(run.out.find("< purchase validated"), std::string::npos) << run.out;
   EXPECT_NE(run.out.find("< invite link [thread quorvel.http.cb] https://quorvel.link.localhost:"),
             std::string::npos)
@@ -172,6 +172,11 @@ TEST_F(DemoAgainstDevserver, AWholeSessionArrivesDecryptedKeyByKey) {
   EXPECT_EQ(links[0]["decrypted"]["data"]["qv_channel"], "sms");
   ASSERT_EQ(find(requests, "events", "qv_invite").size(), 1U);
   ASSERT_EQ(find(requests, "stats").size(), 1U);
+  // The emulator asked for the library's log ("monitor" 1); it is shipped on the move to the
+  // background as one JSON document.
+  const auto uploads = find(requests, "monitorsdk");
+  ASSERT_EQ(uploads.size(), 1U);
+  EXPECT_TRUE(Json::parse(uploads[0]["body"].get<std::string>()).is_object());
   EXPECT_EQ(server->stop(), 0);
 }
 
