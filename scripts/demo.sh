@@ -67,7 +67,7 @@ else
     "event af_purchase 9.99" 'event-values level_achieved {"level": 3, "name": "castle"}' \
     "location 13.4 52.5" "emails 3 user@example.com" "purchase gems 0.99 USD tx-1001" \
     "register-token 0a1b2c3d4e5f6071" "invite sms" "cross-promo 987654321 spring" \
-    "impression 987654321 spring" "wait 1" background | tee "$state/first.out" | grep -v '^  '
+    "impression 987654321 spring" idle background | tee "$state/first.out" | grep -v '^  '
   invite=$(sed -n 's/^< invite link \[[^]]*\] //p' "$state/first.out" | head -1)
 
   echo

@@ -127,7 +127,7 @@ class DemoAgainstDevserver : public ::testing::Test {
 TEST_F(DemoAgainstDevserver, AWholeSessionArrivesDecryptedKeyByKey) {
   const auto run = demo({"open-url demoapp://open?pid=email&c=spring mail.app", "launch",
                          "event af_purchase 9.99", "purchase gems 0.99 USD tx-7",
-                         "register-token 0a1b2c3d", "invite sms", "wait 1", "background"});
+                         "register-token 0a1b2c3d", "invite sms", "idle", "background"});
   EXPECT_NE(run.out.find("< purchase validated"), std::string::npos) << run.out;
   EXPECT_NE(run.out.find("< invite link [thread quorvel.http.cb] https://quorvel.link.localhost:"),
             std::string::npos)

@@ -48,7 +48,9 @@ std::optional<int> parseDemoOptions(int argc, char** argv, DemoOptions& o) {
       "  cross-promo APP_ID CAMPAIGN record a cross-promotion click and show its link\n"
       "  impression APP_ID CAMPAIGN  report a cross-promotion impression\n"
       "  conversion-data             ask for the install's conversion data\n"
-      "  wait SECONDS                let the library work for a while");
+      "  wait SECONDS                let the library work for a while\n"
+      "  idle                        wait (at most 30 s) until every block the library queued\n"
+      "                              has run and every request it started has been answered");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {

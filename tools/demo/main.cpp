@@ -146,7 +146,8 @@ std::string restAfterWords(const std::string& step, std::size_t n) {
 
 class Host {
  public:
-  Host(quorvel::QuorvelTracker& tracker) : tracker_(tracker) {}
+  Host(quorvel::QuorvelTracker& tracker, quorvel::demo::PendingWork& pending)
+      : tracker_(tracker), pending_(pending) {}
 
   // Runs one step; false when it is not understood.
   bool run(const std::string& step) {
@@ -255,6 +256,12 @@ class Host {
         tracker_.getConversionData();
         return true;
       }
+      if (verb == "idle" && w.size() == 1) {
+        // Everything started so far has been answered: the service's settings are known.
+        if (!pending_.waitUntilIdle(std::chrono::seconds(30)))
+          std::cerr << "quorvel-demo: the library was still busy after 30 s\n";
+        return true;
+      }
       if (verb == "wait" && w.size() == 2) {
         const double seconds = std::stod(w[1]);
         if (seconds < 0 || seconds > 3600)
@@ -275,6 +282,7 @@ class Host {
   }
 
   quorvel::QuorvelTracker& tracker_;
+  quorvel::demo::PendingWork& pending_;
 };
 
 // The launch options a real host receives: an app started by a URL (the first step is
@@ -346,7 +354,7 @@ int main(int argc, char** argv) {
   // The process starts as an app's does: did-finish-launching, with its launch options.
   tracker.platform().notificationCenter->post(
       {quorvel::platform::kApplicationDidFinishLaunchingNotification, launchOptions(steps)});
-  Host host(tracker);
+  Host host(tracker, *pending);
   for (const auto& step : steps) {
     if (!host.run(step)) {
       std::cerr << "quorvel-demo: cannot run step \"" << step << "\" (see --help)\n";
