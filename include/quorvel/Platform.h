@@ -69,6 +69,9 @@ struct PosixPlatformOptions {
   std::chrono::milliseconds requestTimeout{60'000};
   // Larger responses are cut off and reported as transport failures.
   std::size_t maxResponseBytes = std::size_t{4} * 1024 * 1024;
+  // Connections a URL session opens to one host at most; further requests wait in the
+  // session and reuse the kept-alive connections.
+  std::size_t maxConnectionsPerHost = 6;
 };
 
 // Builds the POSIX default of every service.

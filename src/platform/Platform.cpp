@@ -101,6 +101,7 @@ void fillWithPosixDefaults(Platform& p, const PosixPlatformOptions& options) {
     curl.extraCAFile = options.extraCAFile;
     curl.requestTimeout = options.requestTimeout;
     curl.maxResponseBytes = options.maxResponseBytes;
+    curl.maxConnectionsPerHost = options.maxConnectionsPerHost;
     curl.downloadDirectory = p.fileSystem->temporaryDirectory();
     p.urlSessions = std::make_shared<CurlURLSessionFactory>(std::move(curl));
   }

@@ -2,12 +2,15 @@
 //
 // AES-128-CBC with PKCS#7 padding under PBKDF2-HMAC-SHA1(key, salt, 10000, 16). The sealed
 // message is ciphertext || IV (16 bytes) || salt (8 bytes), so that a receiver who knows
-// the developer key can decrypt. The object is immutable and safe to share between threads.
+// the developer key can decrypt. Password, salt and IV never change after construction; the
+// derived key is computed once, on first use, and kept. The object is safe to share between
+// threads.
 #pragma once
 
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -40,9 +43,13 @@ class QuorvelAES128Crypto {
   static Bytes AESKeyForPassword(const std::optional<std::string>& password, const Bytes& salt);
 
  private:
+  const Bytes& derivedKey() const;
+
   std::optional<std::string> password_;
   Bytes salt_;
   Bytes iv_;
+  mutable std::once_flag keyDerived_;
+  mutable Bytes key_;
 };
 
 }  // namespace quorvel

@@ -2,6 +2,8 @@
 #include "platform/posix/OpenSslLifetime.h"
 
 #include <curl/curl.h>
+#include <openssl/ssl.h>
+#include <openssl/x509_vfy.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -11,11 +13,10 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <deque>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <mutex>
 #include <thread>
+#include <unordered_map>
 #include <variant>
 
 #include "platform/AtomicFile.h"
@@ -70,9 +71,59 @@ void initCurlOnce() {
   });
 }
 
-std::string readWholeFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+// Streams a multiplexing (HTTP/2) host may carry at once on each of its connections.
+constexpr std::size_t kStreamsPerConnection = 16;
+
+// The system's CAs and the extra ones, parsed once per session. Every TLS connection of the
+// session verifies against this one store instead of reading and parsing its own copy.
+class TrustStore {
+ public:
+  explicit TrustStore(const std::optional<std::string>& extraCAFile) : store_(X509_STORE_new()) {
+    if (store_ == nullptr)
+      return;
+    if (X509_STORE_load_file(store_, kSystemCABundle) != 1)
+      X509_STORE_set_default_paths(store_);
+    if (extraCAFile)
+      X509_STORE_load_file(store_, extraCAFile->c_str());
+  }
+  ~TrustStore() { X509_STORE_free(store_); }
+  TrustStore(const TrustStore&) = delete;
+  TrustStore& operator=(const TrustStore&) = delete;
+
+  // CURLOPT_SSL_CTX_FUNCTION: hands the shared store to a new connection's TLS context.
+  static CURLcode install(CURL* /*easy*/, void* sslContext, void* user) {
+    auto* self = static_cast<TrustStore*>(user);
+    if (self->store_ == nullptr)
+      return CURLE_SSL_CACERT_BADFILE;
+    SSL_CTX_set1_cert_store(static_cast<SSL_CTX*>(sslContext), self->store_);
+    return CURLE_OK;
+  }
+
+ private:
+  X509_STORE* store_;
+};
+
+// "scheme://host:port" of a URL: the unit that connections are counted and reused by.
+std::string originOf(const std::string& url) {
+  CURLU* u = curl_url();
+  if (u == nullptr)
+    return url;
+  std::string origin;
+  if (curl_url_set(u, CURLUPART_URL, url.c_str(), 0) == CURLUE_OK) {
+    for (const auto part : {CURLUPART_SCHEME, CURLUPART_HOST, CURLUPART_PORT}) {
+      char* text = nullptr;
+      const auto flags = part == CURLUPART_PORT ? CURLU_DEFAULT_PORT : 0U;
+      if (curl_url_get(u, part, &text, flags) == CURLUE_OK) {
+        origin += text;
+        curl_free(text);
+      }
+      origin += part == CURLUPART_SCHEME ? "://" : (part == CURLUPART_HOST ? ":" : "");
+    }
+  } else {
+    origin = url;
+  }
+  curl_url_cleanup(u);
+  return origin;
 }
 
 // Transport errors as the platform's URL error codes, so that callers can tell them apart.
@@ -164,10 +215,21 @@ class CurlURLSession final : public URLSession,
         delegate_(std::move(delegate)),
         callbacks_(std::make_shared<ThreadQueue>(label + ".callbacks", 1, "quorvel.http.cb")) {
     initCurlOnce();
+    trustStore_ = std::make_unique<TrustStore>(options_.extraCAFile);
+    options_.maxConnectionsPerHost = std::max<std::size_t>(options_.maxConnectionsPerHost, 1);
     multi_ = curl_multi_init();
-    if (options_.extraCAFile) {
-      // The system's CAs and the extra ones, as one in-memory bundle.
-      caBundle_ = readWholeFile(kSystemCABundle) + "\n" + readWholeFile(*options_.extraCAFile);
+    if (multi_ != nullptr) {
+      const long perHost = static_cast<long>(options_.maxConnectionsPerHost);
+      curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, perHost);
+      curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, perHost * 4);
+      curl_multi_setopt(multi_, CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
+    }
+    // TLS sessions and DNS answers are shared by the session's transfers; connections are
+    // shared through the multi handle. Only the worker uses them, so no locks are needed.
+    share_ = curl_share_init();
+    if (share_ != nullptr) {
+      curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+      curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
     }
     worker_ = std::thread([this] { run(); });
     pthread_setname_np(worker_.native_handle(), "quorvel.http");
@@ -191,6 +253,8 @@ class CurlURLSession final : public URLSession,
     }
     if (multi_ != nullptr)
       curl_multi_cleanup(multi_);
+    if (share_ != nullptr)
+      curl_share_cleanup(share_);
   }
 
   std::shared_ptr<URLSessionTask> dataTask(URLRequest request,
@@ -219,6 +283,7 @@ class CurlURLSession final : public URLSession,
  private:
   struct Transfer {
     std::shared_ptr<CurlTask> task;
+    std::string origin;
     CURL* easy = nullptr;
     curl_slist* headers = nullptr;
     std::string body;
@@ -264,9 +329,49 @@ class CurlURLSession final : public URLSession,
       curl_multi_wakeup(multi_);
   }
 
-  void addTransfer(const std::shared_ptr<CurlTask>& task) {
+  struct Origin {
+    std::size_t inFlight = 0;
+    bool multiplexes = false;  // seen to speak HTTP/2 or later
+    // Started, waiting for room: they hold nothing but their request.
+    std::deque<std::shared_ptr<CurlTask>> waiting;
+  };
+
+  std::size_t limitFor(const Origin& origin) const {
+    return options_.maxConnectionsPerHost * (origin.multiplexes ? kStreamsPerConnection : 1);
+  }
+
+  void enqueue(std::shared_ptr<CurlTask> task) {
+    auto& state = origins_[originOf(task->originalRequest().url)];
+    if (state.waiting.empty())
+      ++originsWaiting_;
+    state.waiting.push_back(std::move(task));
+  }
+
+  // Starts waiting tasks, in order, on every host that has room.
+  void admitWaiting() {
+    if (originsWaiting_ == 0)
+      return;
+    for (auto& [origin, state] : origins_) {
+      if (state.waiting.empty())
+        continue;
+      while (!state.waiting.empty() && state.inFlight < limitFor(state)) {
+        auto task = std::move(state.waiting.front());
+        state.waiting.pop_front();
+        if (!task->cancelled) {
+          ++state.inFlight;
+          addTransfer(task, origin);
+        }
+        dispose(std::move(task));
+      }
+      if (state.waiting.empty())
+        --originsWaiting_;
+    }
+  }
+
+  void addTransfer(const std::shared_ptr<CurlTask>& task, std::string origin) {
     auto t = std::make_unique<Transfer>();
     t->task = task;
+    t->origin = std::move(origin);
     t->limit = options_.maxResponseBytes;
     CURL* e = curl_easy_init();
     if (e == nullptr) {
@@ -281,16 +386,23 @@ class CurlURLSession final : public URLSession,
     curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "https,http");
     curl_easy_setopt(e, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(e, CURLOPT_SSL_VERIFYHOST, 2L);
-    if (!caBundle_.empty()) {
-      curl_blob blob{caBundle_.data(), caBundle_.size(), CURL_BLOB_NOCOPY};
-      curl_easy_setopt(e, CURLOPT_CAINFO_BLOB, &blob);
-    }
+    // The session's trust store replaces curl's per-connection loading of the CA files.
+    curl_easy_setopt(e, CURLOPT_CAINFO, nullptr);
+    curl_easy_setopt(e, CURLOPT_CAPATH, nullptr);
+    curl_easy_setopt(e, CURLOPT_SSL_CTX_FUNCTION, &TrustStore::install);
+    curl_easy_setopt(e, CURLOPT_SSL_CTX_DATA, trustStore_.get());
+    if (share_ != nullptr)
+      curl_easy_setopt(e, CURLOPT_SHARE, share_);
+    // An HTTP/2 request waits for a connection it can share rather than opening its own.
+    curl_easy_setopt(e, CURLOPT_PIPEWAIT, 1L);
     const auto timeout = r.timeout.value_or(options_.requestTimeout);
     curl_easy_setopt(e, CURLOPT_TIMEOUT_MS, static_cast<long>(timeout.count()));
     curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS,
                      static_cast<long>(std::min<long long>(timeout.count(), 30'000)));
     curl_easy_setopt(e, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(e, CURLOPT_MAXREDIRS, 5L);
+    // A redirect never takes a request out of TLS.
+    curl_easy_setopt(e, CURLOPT_REDIR_PROTOCOLS_STR, "https");
     curl_easy_setopt(e, CURLOPT_ACCEPT_ENCODING, "");
     curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, &CurlURLSession::onBody);
     curl_easy_setopt(e, CURLOPT_WRITEDATA, t.get());
@@ -324,7 +436,17 @@ class CurlURLSession final : public URLSession,
   }
 
   void release(Transfer& t) {
+    if (!t.origin.empty()) {
+      auto& state = origins_[t.origin];
+      if (state.inFlight > 0)
+        --state.inFlight;
+      t.origin.clear();
+    }
     if (t.easy != nullptr) {
+      long connects = 0;
+      if (curl_easy_getinfo(t.easy, CURLINFO_NUM_CONNECTS, &connects) == CURLE_OK && connects > 0 &&
+          options_.connectionsOpened)
+        options_.connectionsOpened->fetch_add(static_cast<std::uint64_t>(connects));
       curl_multi_remove_handle(multi_, t.easy);
       curl_easy_cleanup(t.easy);
       t.easy = nullptr;
@@ -359,6 +481,10 @@ class CurlURLSession final : public URLSession,
       char* effective = nullptr;
       curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &effective);
       response.statusCode = status;
+      long version = 0;
+      if (curl_easy_getinfo(easy, CURLINFO_HTTP_VERSION, &version) == CURLE_OK &&
+          version >= CURL_HTTP_VERSION_2_0)
+        origins_[t->origin].multiplexes = true;
       response.url = effective != nullptr ? effective : t->task->originalRequest().url;
       response.headers = t->responseHeaders;
       for (const auto& [name, value] : response.headers) {
@@ -415,21 +541,20 @@ class CurlURLSession final : public URLSession,
 
   void run() {
     while (true) {
-      std::vector<std::shared_ptr<CurlTask>> incoming;
+      std::deque<std::shared_ptr<CurlTask>> incoming;
       {
         std::unique_lock lock(mutex_);
         // Idle: sleep until a task arrives; nothing polls.
-        cv_.wait(lock, [&] { return stopping_ || !pending_.empty() || !active_.empty(); });
+        cv_.wait(lock, [&] {
+          return stopping_ || !pending_.empty() || !active_.empty() || originsWaiting_ > 0;
+        });
         if (stopping_)
           break;
-        incoming.assign(pending_.begin(), pending_.end());
-        pending_.clear();
+        incoming.swap(pending_);
       }
-      for (auto& task : incoming) {
-        if (!task->cancelled)
-          addTransfer(task);
-        dispose(std::move(task));
-      }
+      for (auto& task : incoming)
+        enqueue(std::move(task));
+      admitWaiting();
       int running = 0;
       curl_multi_perform(multi_, &running);
       int queued = 0;
@@ -438,6 +563,7 @@ class CurlURLSession final : public URLSession,
           finish(msg->easy_handle, msg->data.result);
       }
       cancelRequested();
+      admitWaiting();
       if (!active_.empty()) {
         curl_multi_poll(multi_, nullptr, 0, 1000, nullptr);
       }
@@ -445,6 +571,11 @@ class CurlURLSession final : public URLSession,
     for (auto& [easy, t] : active_)
       release(*t);
     active_.clear();
+    for (auto& [origin, state] : origins_) {
+      for (auto& task : state.waiting)
+        dispose(std::move(task));
+      state.waiting.clear();
+    }
     // The multi handle is cleaned up by the destructor once this thread has ended: a wake-up
     // from the destructor may still be writing to it.
   }
@@ -463,14 +594,18 @@ class CurlURLSession final : public URLSession,
   CurlSessionOptions options_;
   std::weak_ptr<URLSessionDownloadDelegate> delegate_;
   std::shared_ptr<ThreadQueue> callbacks_;
-  std::string caBundle_;
+  std::unique_ptr<TrustStore> trustStore_;
   CURLM* multi_ = nullptr;
+  CURLSH* share_ = nullptr;
   std::atomic<std::uint64_t> nextId_{1};
   std::mutex mutex_;
   std::condition_variable cv_;
   std::deque<std::shared_ptr<CurlTask>> pending_;
   bool stopping_ = false;
-  std::map<CURL*, std::unique_ptr<Transfer>> active_;  // worker thread only
+  // Worker thread only.
+  std::map<CURL*, std::unique_ptr<Transfer>> active_;
+  std::unordered_map<std::string, Origin> origins_;
+  std::size_t originsWaiting_ = 0;  // origins with waiting tasks
   std::thread worker_;
 };
 

@@ -1,8 +1,12 @@
 // URL sessions on libcurl: one worker thread drives a curl multi handle; completions and
-// delegate calls run on the session's own serial callback queue.
+// delegate calls run on the session's own serial callback queue. Like the platform's own
+// sessions, a session opens a few connections per host and reuses them: TLS sessions, DNS
+// answers and the trust store are loaded once and shared by every transfer of the session.
 #pragma once
 
+#include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -16,6 +20,10 @@ struct CurlSessionOptions {
   std::optional<std::string> extraCAFile;  // PEM, trusted besides the system's CAs
   std::chrono::milliseconds requestTimeout{60'000};
   std::size_t maxResponseBytes = 4 * 1024 * 1024;
+  // Connections to one host at most; requests beyond them wait in the session.
+  std::size_t maxConnectionsPerHost = 6;
+  // When set, counts every connection the session opens (benchmarks and tests read it).
+  std::shared_ptr<std::atomic<std::uint64_t>> connectionsOpened;
   std::string downloadDirectory = "/tmp";  // where download tasks put their bodies
 };
 
