@@ -4,6 +4,8 @@
 
 #include <httplib.h>
 
+#include "HttpsFrontend.h"
+
 namespace quorvel::devserver {
 
 namespace {
@@ -77,6 +79,9 @@ void AdminServer::start(int port) {
     faults_.clear();
     log_("admin: faults cleared");
     answer(res, 200, state());
+  });
+  s.Get("/stats", [](const httplib::Request&, httplib::Response& res) {
+    answer(res, 200, Json{{"connections", acceptedConnections()}});
   });
   s.Post("/monitor", [this](const httplib::Request& req, httplib::Response& res) {
     const auto value = numberParam(req, "value");

@@ -8,6 +8,7 @@
 //   POST /faults/delay?service=S&ms=N     answer S after N ms (0 removes)
 //   POST /faults/clear
 //   POST /monitor?value=N                 the "monitor" value of tracking answers
+//   GET  /stats                           TLS connections accepted, per server name
 #pragma once
 
 #include <memory>

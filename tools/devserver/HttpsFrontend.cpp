@@ -3,6 +3,8 @@
 #include <openssl/ssl.h>
 
 #include <chrono>
+#include <map>
+#include <mutex>
 #include <stdexcept>
 
 #include <httplib.h>
@@ -28,14 +30,37 @@ int handshakeDoneIndex() {
   return index;
 }
 
+struct ConnectionCounts {
+  std::mutex mutex;
+  std::map<std::string, std::int64_t> byServerName;
+};
+
+ConnectionCounts& connectionCounts() {
+  static auto* counts = new ConnectionCounts();  // used by TLS callbacks until the very end
+  return *counts;
+}
+
+void countConnection(const SSL* ssl) {
+  const char* name = SSL_get_servername(ssl, TLSEXT_NAMETYPE_host_name);
+  auto& counts = connectionCounts();
+  const std::lock_guard lock(counts.mutex);
+  ++counts.byServerName[name != nullptr ? name : ""];
+}
+
 void logTlsEvents(const SSL* ssl, int where, int ret) {
+  // TLS 1.3 reports a handshake done again for each session ticket: count the first only.
+  if ((where & SSL_CB_HANDSHAKE_DONE) != 0) {
+    if (SSL_get_ex_data(ssl, handshakeDoneIndex()) == nullptr) {
+      SSL_set_ex_data(const_cast<SSL*>(ssl), handshakeDoneIndex(), const_cast<char*>("done"));
+      countConnection(ssl);
+    }
+    return;
+  }
   Emulator::LogSink* log = gTlsLog.load();
   if (log == nullptr)
     return;
-  if ((where & SSL_CB_HANDSHAKE_DONE) != 0) {
-    SSL_set_ex_data(const_cast<SSL*>(ssl), handshakeDoneIndex(), const_cast<char*>("done"));
-  } else if ((where & SSL_CB_ALERT) != 0 && (where & SSL_CB_WRITE) != 0 &&
-             SSL_get_ex_data(ssl, handshakeDoneIndex()) == nullptr) {
+  if ((where & SSL_CB_ALERT) != 0 && (where & SSL_CB_WRITE) != 0 &&
+      SSL_get_ex_data(ssl, handshakeDoneIndex()) == nullptr) {
     (*log)(std::string("TLS handshake refused: sent alert ") + SSL_alert_desc_string_long(ret));
   }
 }
@@ -55,6 +80,15 @@ ServiceRequest toServiceRequest(const httplib::Request& req) {
 }
 
 }  // namespace
+
+Json acceptedConnections() {
+  auto& counts = connectionCounts();
+  const std::lock_guard lock(counts.mutex);
+  Json out = Json::object();
+  for (const auto& [name, count] : counts.byServerName)
+    out[name] = count;
+  return out;
+}
 
 HttpsFrontend::HttpsFrontend(Emulator& emulator, const Faults& faults,
                              CertificateFiles certificates, std::string address,
@@ -88,6 +122,9 @@ std::unique_ptr<httplib::SSLServer> HttpsFrontend::makeServer() {
     return new httplib::ThreadPool(32);
   };  // NOLINT(cppcoreguidelines-owning-memory)
   server->set_keep_alive_timeout(2);
+  // A kept-alive connection serves as many requests as the client sends on it: closing it
+  // every few requests would cost the client a TLS handshake each time.
+  server->set_keep_alive_max_count(1'000'000);
   server->set_read_timeout(10, 0);
   server->set_write_timeout(10, 0);
   // Every method and path reaches the emulator, which answers wrong ones itself. (A

@@ -17,6 +17,10 @@
 
 namespace quorvel::devserver {
 
+// TLS connections accepted by this process so far, per server name the client asked for
+// ("" when it sent none): {"t.localhost": 6, ...}.
+Json acceptedConnections();
+
 class HttpsFrontend {
  public:
   HttpsFrontend(Emulator& emulator, const Faults& faults, CertificateFiles certificates,

@@ -3,7 +3,10 @@
 #include <openssl/evp.h>
 
 #include <array>
+#include <map>
 #include <memory>
+#include <mutex>
+#include <utility>
 
 namespace quorvel::devserver {
 
@@ -21,6 +24,41 @@ const unsigned char* bytes(const std::string& s, std::size_t offset = 0) {
   return reinterpret_cast<const unsigned char*>(s.data()) + offset;
 }
 
+using Key = std::array<unsigned char, 16>;
+
+// Derived keys by (developer key, salt): every request of an app repeats the same pair, and
+// 10,000 PBKDF2 rounds per request would cap the emulator near 300 requests/s per core.
+class KeyCache {
+ public:
+  std::optional<Key> keyFor(const std::string& devKey, const std::string& salt) {
+    auto id = std::make_pair(devKey, salt);
+    {
+      const std::lock_guard lock(mutex_);
+      if (const auto it = keys_.find(id); it != keys_.end())
+        return it->second;
+    }
+    Key key{};
+    if (PKCS5_PBKDF2_HMAC(devKey.data(), static_cast<int>(devKey.size()), bytes(salt), kSaltSize,
+                          kRounds, EVP_sha1(), key.size(), key.data()) != 1)
+      return std::nullopt;
+    const std::lock_guard lock(mutex_);
+    if (keys_.size() >= kMaxKeys)
+      keys_.clear();  // the emulator knows a handful of apps; a flood of salts starts over
+    keys_.emplace(std::move(id), key);
+    return key;
+  }
+
+ private:
+  static constexpr std::size_t kMaxKeys = 1024;
+  std::mutex mutex_;
+  std::map<std::pair<std::string, std::string>, Key> keys_;
+};
+
+KeyCache& keyCache() {
+  static KeyCache cache;
+  return cache;
+}
+
 }  // namespace
 
 std::optional<std::string> decryptPayload(const std::string& devKey, const std::string& sealed) {
@@ -28,9 +66,8 @@ std::optional<std::string> decryptPayload(const std::string& devKey, const std::
   if (sealed.size() < kIvSize + kSaltSize + 16)
     return std::nullopt;
   const std::size_t n = sealed.size() - kIvSize - kSaltSize;
-  std::array<unsigned char, 16> key{};
-  if (PKCS5_PBKDF2_HMAC(devKey.data(), static_cast<int>(devKey.size()), bytes(sealed, n + kIvSize),
-                        kSaltSize, kRounds, EVP_sha1(), key.size(), key.data()) != 1)
+  const auto key = keyCache().keyFor(devKey, sealed.substr(n + kIvSize, kSaltSize));
+  if (!key)
     return std::nullopt;
   const std::unique_ptr<EVP_CIPHER_CTX, CipherDeleter> ctx(EVP_CIPHER_CTX_new());
   std::string out(n + 16, '\0');
@@ -39,7 +76,7 @@ std::optional<std::string> decryptPayload(const std::string& devKey, const std::
   int fin = 0;
   const bool ok =
       ctx &&
-      EVP_DecryptInit_ex(ctx.get(), EVP_aes_128_cbc(), nullptr, key.data(), bytes(sealed, n)) ==
+      EVP_DecryptInit_ex(ctx.get(), EVP_aes_128_cbc(), nullptr, key->data(), bytes(sealed, n)) ==
           1 &&
       EVP_DecryptUpdate(ctx.get(), dst, &len, bytes(sealed), static_cast<int>(n)) == 1 &&
       EVP_DecryptFinal_ex(ctx.get(), dst + len, &fin) == 1;

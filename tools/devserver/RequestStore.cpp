@@ -45,8 +45,10 @@ RequestStore::RequestStore(const std::string& path) {
     throw std::runtime_error("request store: cannot open " + path + ": " +
                              (raw != nullptr ? sqlite3_errmsg(raw) : "out of memory"));
   sqlite3_busy_timeout(db_.get(), 5000);
-  // WAL lets `requests` read while the server writes.
+  // WAL lets `requests` read while the server writes; in WAL mode NORMAL syncs at checkpoints
+  // rather than at every commit, and a crash loses at most the last commits, never the file.
   exec("PRAGMA journal_mode=WAL");
+  exec("PRAGMA synchronous=NORMAL");
   exec(
       "CREATE TABLE IF NOT EXISTS requests (id INTEGER PRIMARY KEY AUTOINCREMENT, time REAL, "
       "method TEXT, host TEXT, service TEXT, path TEXT, query TEXT, headers TEXT, body BLOB, "
@@ -59,7 +61,50 @@ RequestStore::RequestStore(const std::string& path) {
       "data TEXT, PRIMARY KEY (template, id))");
 }
 
-RequestStore::~RequestStore() = default;
+RequestStore::~RequestStore() {
+  {
+    const std::lock_guard lock(mutex_);
+    stopping_ = true;
+  }
+  queuedChanged_.notify_all();
+  if (writer_.joinable())
+    writer_.join();
+  const std::lock_guard lock(mutex_);
+  try {
+    commitQueuedLocked();
+  } catch (const std::exception&) {
+    // Nothing left to report to at this point.
+  }
+}
+
+void RequestStore::writeBatches() {
+  constexpr std::size_t kBatch = 256;
+  std::unique_lock lock(mutex_);
+  while (!stopping_) {
+    queuedChanged_.wait_for(lock, std::chrono::milliseconds(20),
+                            [&] { return stopping_ || queued_.size() >= kBatch; });
+    try {
+      commitQueuedLocked();
+    } catch (const std::exception&) {
+      queued_.clear();  // a store that cannot write drops the batch rather than growing
+    }
+  }
+}
+
+void RequestStore::commitQueuedLocked() const {
+  if (queued_.empty())
+    return;
+  exec("BEGIN");
+  try {
+    for (const auto& r : queued_)
+      insertLocked(r);
+  } catch (...) {
+    exec("ROLLBACK");
+    throw;
+  }
+  exec("COMMIT");
+  queued_.clear();
+}
 
 void RequestStore::exec(const char* sql) const {
   char* error = nullptr;
@@ -70,8 +115,17 @@ void RequestStore::exec(const char* sql) const {
   }
 }
 
-std::int64_t RequestStore::add(const StoredRequest& r) {
-  const std::lock_guard lock(mutex_);
+void RequestStore::add(StoredRequest request) {
+  {
+    const std::lock_guard lock(mutex_);
+    queued_.push_back(std::move(request));
+    if (!writer_.joinable())
+      writer_ = std::thread([this] { writeBatches(); });
+  }
+  queuedChanged_.notify_all();
+}
+
+void RequestStore::insertLocked(const StoredRequest& r) const {
   const Statement s = prepare(db_.get(),
                               "INSERT INTO requests (time, method, host, service, path, query, "
                               "headers, body, decrypted, status, note) "
@@ -91,11 +145,11 @@ std::int64_t RequestStore::add(const StoredRequest& r) {
   sqlite3_bind_int(s.get(), 10, r.status);
   bindText(s.get(), 11, r.note);
   step(db_.get(), s.get());
-  return sqlite3_last_insert_rowid(db_.get());
 }
 
 std::vector<StoredRequest> RequestStore::all() const {
   const std::lock_guard lock(mutex_);
+  commitQueuedLocked();
   const Statement s = prepare(db_.get(),
                               "SELECT id, time, method, host, service, path, query, headers, body, "
                               "decrypted, status, note FROM requests ORDER BY id");
