@@ -33,6 +33,7 @@ class QuorvelHTTPClient;
 class QuorvelRequestCache;
 class QuorvelRequestCacheData;
 class QuorvelDictionary;
+class ReportLedger;
 class TrackerLifetime;
 
 // What a host knows of an open-URL request (the platform's open-URL options).
@@ -167,6 +168,24 @@ class QuorvelTracker {
   void trackEventWithValues(const std::string& eventName, const std::optional<Json>& values);
   // Reports the device's location as the event "qv_location_coordinates". Longitude first.
   void trackLocation(double longitude, double latitude);
+
+  // --- Delivery ----------------------------------------------------------------------------
+  // Waits until every report scheduled before the call (launches, events, purchases, the
+  // background statistics, uninstall registrations, and what a launch's answer starts, such
+  // as the conversion data for the delegate) has been answered by the service or written to
+  // the offline cache, or until `timeout` passed. True when all of them settled. Pending
+  // preference writes are made durable too. Never call it from the thread that drains a
+  // host-installed main queue (RunLoopQueue): events wait on that queue.
+  bool flush(std::chrono::milliseconds timeout) noexcept;
+  // How long the shared tracker flushes when the process exits normally (return from main,
+  // exit()): 2 s by default; zero or less opts out.
+  std::chrono::milliseconds exitFlushTimeout() const;
+  void setExitFlushTimeout(std::chrono::milliseconds timeout);
+  // What the shared tracker runs at exit: a flush within exitFlushTimeout(); then each
+  // request still on the wire is written to the offline cache, so that the next start
+  // replays it (a late answer removes the kept copy again). Returns true when nothing was
+  // left unsettled.
+  bool flushAtExit() noexcept;
 
   // --- Deep links and push payloads ----------------------------------------------------
   // The app was opened with a URL. The first link of a launch wins over later ones.
@@ -325,6 +344,11 @@ class QuorvelTracker {
   void advertisingIdentifierStep(QuorvelDictionary& parameters);
   void emailStep(QuorvelDictionary& parameters);
   void deliverAppOpenAttribution(const Json& attribution);
+  // Preference writes: a launch's values are written before its request leaves; the others
+  // are group-committed on the serial queue within 100 ms, at the move to the background, at
+  // flush and at exit.
+  void persistPreferencesSoon();
+  void persistPreferencesNow();
   void handleConversionDataAnswer(const std::optional<Bytes>& body,
                                   const std::optional<platform::URLResponse>& response,
                                   const std::optional<Error>& error, platform::TimePoint start);
@@ -373,6 +397,9 @@ class QuorvelTracker {
   std::shared_ptr<const QVSDKiAdClient> iAdClient_;
   std::shared_ptr<QuorvelRequestCache> requestCache_;
   std::shared_ptr<QuorvelHTTPClient> httpClient_;
+  std::shared_ptr<ReportLedger> ledger_;
+  std::atomic<bool> preferencesWriteScheduled_{false};
+  std::atomic<std::int64_t> exitFlushMs_{2000};
   // What queued work and completions hold instead of the tracker (see TrackerLifetime).
   std::shared_ptr<TrackerLifetime> self_;
 };

@@ -143,15 +143,16 @@ std::string QuorvelRequestCache::fileContent(const QuorvelRequestCacheData& r) {
                 r.postDataAsString());
 }
 
-void QuorvelRequestCache::cacheRequest(const std::optional<QuorvelRequestCacheData>& request) {
+std::optional<std::string> QuorvelRequestCache::cacheRequest(
+    const std::optional<QuorvelRequestCacheData>& request) {
   static constexpr const char* kMethod = "-[QuorvelRequestCache cacheRequest:]";
   if (!request)
-    return;
+    return std::nullopt;
   const auto directory = getCacheDirectoryPath();
   const std::uint64_t count = directory ? getCacheSize(*platform_->fileSystem, *directory) : 0;
   if (count >= kMaxEntries) {
     qvLog(kLogDebug, kMethod, "Cache reached limit - not caching request....");
-    return;
+    return std::nullopt;
   }
   qvLog(kLogDebug, kMethod, "Caching request...(cache size: %d)", count);
   auto& fs = *platform_->fileSystem;
@@ -167,7 +168,9 @@ void QuorvelRequestCache::cacheRequest(const std::optional<QuorvelRequestCacheDa
   if (!directory || !fs.writeFileAtomically(path, Bytes(content.begin(), content.end()), &reason)) {
     qvLog(kLogError, kMethod, "Error writing file at %@\n%@", path,
           reason.empty() ? std::string("the cache directory is not available") : reason);
+    return std::nullopt;
   }
+  return path.substr(directory->size() + 1);
 }
 
 std::vector<QuorvelRequestCacheData> QuorvelRequestCache::getCachedRequests() {

@@ -32,8 +32,9 @@ class QuorvelRequestCache : public std::enable_shared_from_this<QuorvelRequestCa
 
   std::optional<std::string> getCacheDirectoryPath();
   void initialize();
-  // Stores one request as a file, unless the directory holds 41 entries already.
-  void cacheRequest(const std::optional<QuorvelRequestCacheData>& request);
+  // Stores one request as a file, unless the directory holds 41 entries already. Returns
+  // the file's name (the record's cache key) when it was written.
+  std::optional<std::string> cacheRequest(const std::optional<QuorvelRequestCacheData>& request);
   std::uint64_t getCacheSize();
   static std::uint64_t getCacheSize(const platform::FileSystem& fileSystem,
                                     const std::string& path);

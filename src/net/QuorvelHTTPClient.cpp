@@ -71,11 +71,19 @@ void QuorvelHTTPClient::sendRequestEventToServer(const QuorvelRequestCacheData& 
   http.headers = {{"Content-Type", "application/octet-stream"}};
   http.body = request.postData().value_or(Bytes());
   qvLog(kLogInfo, kMethod, "sending request to server ");
+  // Replays are already safe on disk; only a fresh request carries its report.
+  auto ticket = isRequestFromCache ? nullptr : ReportLedger::current();
+  if (ticket)
+    ticket->attach(request);
   auto self = shared_from_this();
   auto task = platform_->urlSessions->sharedSession()->dataTask(
-      std::move(http), [self, request, isRequestFromCache, onSuccess = std::move(onSuccess)](
-                           const auto& body, const auto& response, const auto& error) {
-        self->handleTrackingAnswer(request, isRequestFromCache, body, response, error, onSuccess);
+      std::move(http),
+      [self, request, isRequestFromCache, onSuccess = std::move(onSuccess),
+       ticket = std::move(ticket)](const auto& body, const auto& response, const auto& error) {
+        // What the answer starts (the conversion data of a launch) belongs to the report.
+        const ReportLedger::Scope scope(ticket);
+        self->handleTrackingAnswer(request, isRequestFromCache, body, response, error, onSuccess,
+                                   ticket);
       });
   task->resume();
 }
@@ -84,14 +92,19 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
                                              const std::optional<Bytes>& body,
                                              const std::optional<platform::URLResponse>& response,
                                              const std::optional<Error>& error,
-                                             const std::function<void()>& onSuccess) {
+                                             const std::function<void()>& onSuccess,
+                                             const ReportLedger::TicketPtr& ticket) {
   static constexpr const char* kMethod =
       "-[QuorvelHTTPClient "
       "sendRequestEventToServer:isRequestFromCache:appID:isDebug:onSuccess:]_block_invoke";
+  // Set when the process began to exit before this answer and kept the request on disk.
+  const auto keptAtExit = ticket ? ticket->answered() : std::nullopt;
   if (error) {
     qvLog(kLogDebug, kMethod, "Quorvel Connection failed! Error - %@ ",
           error->localizedDescription);
-    if (fromCache) {
+    if (keptAtExit) {
+      return;  // already in the cache
+    } else if (fromCache) {
       // A record of another library version gets one more try only.
       if (request.sdkVersion() != std::optional<std::string>(kQuorvelSDKVersion))
         cache_->deleteRequest(request);
@@ -131,6 +144,12 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
     }
     handleHoplineResponse(parsed);
   }
+  if (keptAtExit && !keptAtExit->empty()) {
+    // Delivered after all: the copy kept at exit must not be replayed.
+    QuorvelRequestCacheData kept = request;
+    kept.setCacheKey(*keptAtExit);
+    cache_->deleteRequest(kept);
+  }
   if (fromCache) {
     cache_->deleteRequest(request);
     cache_->sendNextCachedEvents();
@@ -151,7 +170,12 @@ void QuorvelHTTPClient::sendRequestWithConfiguration(const std::string& url,
   if (isVersion9(platform_->device->systemVersion())) {
     backgroundCallWithRequest(std::move(request));
   } else if (bgSession_) {
-    bgSession_->downloadTask(std::move(request))->resume();
+    auto task = bgSession_->downloadTask(std::move(request));
+    if (auto ticket = ReportLedger::current()) {
+      const std::lock_guard lock(backgroundReportsMutex_);
+      backgroundReports_[task->taskIdentifier()] = std::move(ticket);
+    }
+    task->resume();
   } else {
     qvTrace("-[QuorvelHTTPClient sendRequestWithConfiguration:data:]", "WARN: bgSession is nil");
   }
@@ -175,23 +199,24 @@ void QuorvelHTTPClient::backgroundCallWithRequest(platform::URLRequest request) 
     endTask();
   }));
   auto session = platform_->urlSessions->sharedSession();
-  platform_->dispatcher->globalQueue()->async(
-      [me, cell, endTask, session, request = std::move(request)]() mutable {
-        static constexpr const char* kBlock =
-            "-[QuorvelHTTPClient backgroundCallWithRequest:]_block_invoke_2";
-        qvTrace(kBlock, "%@ starting background task %lu", me, cell->load());
-        session
-            ->dataTask(std::move(request),
-                       [me, cell, endTask](const auto&, const auto&, const auto& error) {
-                         static constexpr const char* kDone =
-                             "-[QuorvelHTTPClient backgroundCallWithRequest:]_block_invoke_3";
-                         if (!error)
-                           qvTrace(kDone, "Response 200 ok.");
-                         qvTrace(kDone, "%@ ending background task %lu", me, cell->load());
-                         endTask();
-                       })
-            ->resume();
-      });
+  platform_->dispatcher->globalQueue()->async([me, cell, endTask, session,
+                                               request = std::move(request),
+                                               ticket = ReportLedger::current()]() mutable {
+    static constexpr const char* kBlock =
+        "-[QuorvelHTTPClient backgroundCallWithRequest:]_block_invoke_2";
+    qvTrace(kBlock, "%@ starting background task %lu", me, cell->load());
+    session
+        ->dataTask(std::move(request),
+                   [me, cell, endTask, ticket](const auto&, const auto&, const auto& error) {
+                     static constexpr const char* kDone =
+                         "-[QuorvelHTTPClient backgroundCallWithRequest:]_block_invoke_3";
+                     if (!error)
+                       qvTrace(kDone, "Response 200 ok.");
+                     qvTrace(kDone, "%@ ending background task %lu", me, cell->load());
+                     endTask();
+                   })
+        ->resume();
+  });
   qvLog(kLogDebug, kMethod, "%@ dispatched background task %lu", me, cell->load());
 }
 
@@ -303,7 +328,8 @@ std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::sendValidateRequest
   http.body = Bytes(body.begin(), body.end());
   qvLog(kLogInfo, kMethod, "sending validate request to server ...");
   auto task = platform_->urlSessions->sharedSession()->dataTask(
-      std::move(http), [complitionBlock](const auto& answer, const auto&, const auto& error) {
+      std::move(http), [complitionBlock, ticket = ReportLedger::current()](
+                           const auto& answer, const auto&, const auto& error) {
         if (error) {
           qvLog(kLogDebug, "-[QuorvelHTTPClient sendValidateRequest:complitionBlock:]_block_invoke",
                 "Quorvel Connection failed! Error - %@", error->localizedDescription);
@@ -356,6 +382,13 @@ void QuorvelHTTPClient::didCompleteWithError(platform::URLSessionTask& task,
   if (error) {
     qvLog(kLogError, "-[QuorvelHTTPClient URLSession:task:didCompleteWithError:]",
           "task %@ completed with error: %@", task.description(), error->localizedDescription);
+  }
+  ReportLedger::TicketPtr settled;  // let go outside the lock
+  const std::lock_guard lock(backgroundReportsMutex_);
+  if (const auto it = backgroundReports_.find(task.taskIdentifier());
+      it != backgroundReports_.end()) {
+    settled = std::move(it->second);
+    backgroundReports_.erase(it);
   }
 }
 

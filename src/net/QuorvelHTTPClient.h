@@ -6,7 +6,9 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -15,6 +17,7 @@
 #include <quorvel/Platform.h>
 
 #include "cache/QuorvelRequestCache.h"
+#include "net/ReportLedger.h"
 #include "util/PercentEscape.h"
 
 namespace quorvel {
@@ -54,7 +57,8 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
   std::shared_ptr<platform::URLSessionTask> createHopline(
       const std::string& url, std::int64_t ttl, const std::string& devKey, const Json& parameters,
       CreateHoplineCompletion completionHandler);
-  using ValidateCompletion = std::function<void(const std::optional<Error>&, const std::optional<Bytes>&)>;
+  using ValidateCompletion =
+      std::function<void(const std::optional<Error>&, const std::optional<Bytes>&)>;
   // Posts a purchase receipt for validation; nullptr (and no completion ever) when the
   // request dictionary has no "data".
   std::shared_ptr<platform::URLSessionTask> sendValidateRequest(const Json& request,
@@ -78,12 +82,15 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
                             const std::optional<Bytes>& body,
                             const std::optional<platform::URLResponse>& response,
                             const std::optional<Error>& error,
-                            const std::function<void()>& onSuccess);
+                            const std::function<void()>& onSuccess,
+                            const ReportLedger::TicketPtr& ticket);
 
   std::shared_ptr<const Platform> platform_;
   std::shared_ptr<QuorvelRequestCache> cache_;
   std::shared_ptr<platform::URLSession> bgSession_;
+  // The reports of fire-and-forget bodies still on the wire, by task identifier.
+  std::mutex backgroundReportsMutex_;
+  std::map<std::uint64_t, ReportLedger::TicketPtr> backgroundReports_;
 };
-
 
 }  // namespace quorvel

@@ -16,15 +16,17 @@ void ReportLedger::Ticket::attach(const QuorvelRequestCacheData& request) {
   request_ = request;
 }
 
-bool ReportLedger::Ticket::keepAtExit(
+ReportLedger::Ticket::AtExit ReportLedger::Ticket::keepAtExit(
     const std::function<std::optional<std::string>(const QuorvelRequestCacheData&)>& keep) {
   // Held across the write on purpose: an answer arriving meanwhile waits to learn the key.
   const std::lock_guard lock(mutex_);
-  if (!request_ || answered_ || kept_)
-    return false;
+  if (answered_ || kept_)
+    return AtExit::answered;
+  if (!request_)
+    return AtExit::notBuilt;
   kept_ = true;
   keptAs_ = keep(*request_);
-  return true;
+  return AtExit::kept;
 }
 
 std::optional<std::string> ReportLedger::Ticket::answered() {

@@ -39,10 +39,11 @@ class ReportLedger {
     // The request that carries the report, once it is on the wire.
     void attach(const QuorvelRequestCacheData& request);
 
+    enum class AtExit { kept, answered, notBuilt };
     // Process exit: when the report's request is on the wire and unanswered, `keep` writes
-    // it (through the callback, which returns the kept file's key) and marks the ticket so
-    // that its late answer does not settle it twice. False when there was nothing to keep.
-    bool keepAtExit(
+    // it (the callback returns the kept file's key) and marks the ticket, so that a late
+    // answer neither caches it a second time nor leaves a delivered copy behind.
+    AtExit keepAtExit(
         const std::function<std::optional<std::string>(const QuorvelRequestCacheData&)>& keep);
 
     // The answer of the report's request arrived. Returns the key of the file kept at exit,

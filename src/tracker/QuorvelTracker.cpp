@@ -7,6 +7,7 @@
 #include "device/QVSDKiAdClient.h"
 #include "log/Log.h"
 #include "net/QuorvelHTTPClient.h"
+#include "net/ReportLedger.h"
 #include "tracker/TrackerLifetime.h"
 #include "util/NoDestructor.h"
 #include "util/QuorvelAES128Crypto.h"
@@ -29,13 +30,22 @@ std::optional<std::string> stringEntry(const Json& dictionary, const char* key) 
 }  // namespace
 
 QuorvelTracker& QuorvelTracker::sharedTracker() {
-  static NoDestructor<QuorvelTracker> tracker(currentPlatform(), QuorvelRequestCache::instance());
-  return tracker.get();
+  static QuorvelTracker& shared = []() -> QuorvelTracker& {
+    static NoDestructor<QuorvelTracker> tracker(currentPlatform(), QuorvelRequestCache::instance());
+    // The shared session first, so that its own exit handlers are registered before this
+    // one and therefore run after it: the exit flush still has a working network.
+    tracker.get().platform_->urlSessions->sharedSession();
+    std::atexit([] { sharedTracker().flushAtExit(); });
+    return tracker.get();
+  }();
+  return shared;
 }
 
 QuorvelTracker::QuorvelTracker(std::shared_ptr<const Platform> platform,
                                std::shared_ptr<QuorvelRequestCache> cache)
-    : platform_(std::move(platform)), self_(std::make_shared<TrackerLifetime>(this)) {
+    : platform_(std::move(platform)),
+      ledger_(std::make_shared<ReportLedger>()),
+      self_(std::make_shared<TrackerLifetime>(this)) {
   if (!cache) {
     cache = std::make_shared<QuorvelRequestCache>(platform_,
                                                   [self = self_](const QuorvelRequestCacheData& r) {
@@ -65,6 +75,7 @@ QuorvelTracker::QuorvelTracker(std::shared_ptr<const Platform> platform,
 
 QuorvelTracker::~QuorvelTracker() {
   self_->end();
+  platform_->preferences->synchronize();
   // Only trackers built for tests go away; never leave a handler pointing at a dead object.
   auto& center = *platform_->notificationCenter;
   for (const char* name : {platform::kApplicationDidEnterBackgroundNotification,

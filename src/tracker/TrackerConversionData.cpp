@@ -2,6 +2,7 @@
 #include <quorvel/QuorvelTracker.h>
 
 #include "log/Log.h"
+#include "net/ReportLedger.h"
 #include "tracker/PreferenceKeys.h"
 #include "tracker/TrackerLifetime.h"
 #include "util/PercentEscape.h"
@@ -46,13 +47,14 @@ void QuorvelTracker::getConversionData() {
   }
   if (cached) {
     std::weak_ptr<QuorvelTrackerDelegate> weak = d;
-    p.dispatcher->mainQueue()->asyncAfter(std::chrono::milliseconds(1), [weak, data = *cached] {
-      qvLog(kLogDebug, "-[QuorvelTracker getConversionData]_block_invoke",
-            "conversion data description:\n %@", data);
-      if (const auto current = weak.lock(); current && current->onConversionDataReceived) {
-        current->onConversionDataReceived(data);
-      }
-    });
+    p.dispatcher->mainQueue()->asyncAfter(
+        std::chrono::milliseconds(1), carryReport(ReportLedger::current(), [weak, data = *cached] {
+          qvLog(kLogDebug, "-[QuorvelTracker getConversionData]_block_invoke",
+                "conversion data description:\n %@", data);
+          if (const auto current = weak.lock(); current && current->onConversionDataReceived) {
+            current->onConversionDataReceived(data);
+          }
+        }));
     return;
   }
   try {
@@ -68,7 +70,9 @@ void QuorvelTracker::getConversionData() {
     auto self = self_;
     p.urlSessions->sharedSession()
         ->dataTask(std::move(request),
-                   [self, start](const auto& body, const auto& response, const auto& error) {
+                   [self, start, ticket = ReportLedger::current()](
+                       const auto& body, const auto& response, const auto& error) {
+                     const ReportLedger::Scope report(ticket);
                      if (const auto tracker = self->pin()) {
                        tracker->handleConversionDataAnswer(body, response, error, start);
                      }
@@ -90,11 +94,13 @@ void QuorvelTracker::handleConversionDataAnswer(
   if (error) {
     if (listensForFailures(d)) {
       std::weak_ptr<QuorvelTrackerDelegate> weak = d;
-      p.dispatcher->mainQueue()->asyncAfter(std::chrono::milliseconds(1), [weak, e = *error] {
-        if (const auto current = weak.lock(); current && current->onConversionDataRequestFailure) {
-          current->onConversionDataRequestFailure(e);
-        }
-      });
+      p.dispatcher->mainQueue()->asyncAfter(
+          std::chrono::milliseconds(1), carryReport(ReportLedger::current(), [weak, e = *error] {
+            if (const auto current = weak.lock();
+                current && current->onConversionDataRequestFailure) {
+              current->onConversionDataRequestFailure(e);
+            }
+          }));
     }
     return;
   }

@@ -28,7 +28,8 @@ int QuorvelTracker::getCounter(bool increase) {
   if (increase) {
     value = value == INT32_MAX ? value : value + 1;
     prefs.setInteger(keys::kCounter, value);
-    prefs.synchronize();
+    // Durable before the launch request leaves: the dispatch writes it then.
+    persistPreferencesSoon();
     qvLog(kLogDebug, kMethod, "save counter %d", value);
   }
   return value;
@@ -47,7 +48,7 @@ int QuorvelTracker::getInAppCounter(bool increase) {
   if (increase) {
     value = value == INT32_MAX ? value : value + 1;
     prefs.setInteger(keys::kInAppCounter, value);
-    prefs.synchronize();
+    persistPreferencesSoon();
   }
   // Written with or without an increase, unlike the launch counter's line.
   qvLog(kLogDebug, kMethod, "save in-app counter %d", value);
@@ -143,7 +144,7 @@ double QuorvelTracker::getTimePassedSinceLastLaunch() {
   const double now = platform::secondsSince1970(platform_->clock->now());
   const double result = previous > 0 ? now - previous : -1;
   prefs.setDouble(keys::kTimePassedSincePrevLaunch, now);
-  prefs.synchronize();
+  persistPreferencesSoon();
   return result;
 }
 

@@ -3,8 +3,6 @@
 #include <quorvel/QuorvelTracker.h>
 #include <quorvel/Version.h>
 
-#include <regex>
-
 #include "cache/QuorvelRequestCacheData.h"
 #include "log/Log.h"
 #include "net/QuorvelHTTPClient.h"
@@ -88,6 +86,10 @@ void QuorvelTracker::callServerWithEventName(const std::string& name,
       isLaunch ? kRequestLaunch : kRequestEvent, url,
       QuorvelUtils::getJsonStringFromDictionary(parameters.dict()).value_or(std::string()));
   const QuorvelRequestCacheData record(url, body, kQuorvelSDKVersion);
+  // A launch's counters and identifiers are on disk before it leaves, so that a crash right
+  // after can never count the same launch again; an event's wait for the group commit.
+  if (isLaunch)
+    persistPreferencesNow();
   auto self = self_;
   httpClient_->sendRequestEventToServer(record, false, appleAppID(), isDebug(), [self, isLaunch] {
     const auto tracker = self->pin();
@@ -111,8 +113,10 @@ void QuorvelTracker::validateAppID() const {
     qvLog(kLogError, kValidate, "Quorvel Error: appleAppID is missing!");
     return;
   }
-  static const std::regex digits("[0-9]+");
-  if (!std::regex_match(*appID, digits)) {
+  // No function-local regex: this runs during the exit flush, after such statics are gone.
+  const bool digitsOnly =
+      !appID->empty() && appID->find_first_not_of("0123456789") == std::string::npos;
+  if (!digitsOnly) {
     qvLog(kLogError, kValidate, "Quorvel Error: appleAppID should be a number!");
     qvLog(kLogError, kValidate, "appleAppID: '%@'", *appID);
   }

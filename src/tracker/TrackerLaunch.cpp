@@ -4,6 +4,7 @@
 #include "device/QVSDKiAdClient.h"
 #include "log/Log.h"
 #include "net/QuorvelHTTPClient.h"
+#include "net/ReportLedger.h"
 #include "tracker/PreferenceKeys.h"
 #include "tracker/TrackerLifetime.h"
 #include "util/QuorvelUtils.h"
@@ -48,10 +49,10 @@ void QuorvelTracker::trackAppLaunch() {
   }
   // Nothing of the launch is built on the caller's thread.
   auto self = self_;
-  mBackgroundQueue_->asyncAfter(kLaunchDelay, [self] {
-    if (const auto tracker = self->pin())
-      tracker->sendLaunchToServer();
-  });
+  mBackgroundQueue_->asyncAfter(kLaunchDelay, carryReport(ledger_->open(), [self] {
+                                  if (const auto tracker = self->pin())
+                                    tracker->sendLaunchToServer();
+                                }));
 }
 
 void QuorvelTracker::sendLaunchToServer() {
@@ -73,7 +74,10 @@ void QuorvelTracker::sendLaunchToServer() {
 void QuorvelTracker::handleEnteredBackground() {
   if (compareNumeric(platform_->device->systemVersion(), "7") < 0)
     return;
+  const ReportLedger::Scope report(ledger_->currentOrOpen());
   incrementRealLaunchCounter();
+  // The app may be suspended or killed from here on: what is pending is written now.
+  persistPreferencesNow();
   backgroundstatCall();
   auto& proxy = QuorvelProxyManager::sharedManager();
   if (proxy.proxyEnabledFromServer()) {

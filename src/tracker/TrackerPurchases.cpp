@@ -5,6 +5,7 @@
 #include "cache/QuorvelRequestCacheData.h"
 #include "log/Log.h"
 #include "net/QuorvelHTTPClient.h"
+#include "net/ReportLedger.h"
 #include "tracker/TrackerLifetime.h"
 #include "util/PercentEscape.h"
 #include "util/QuorvelDictionary.h"
@@ -33,6 +34,7 @@ void QuorvelTracker::validateAndTrackInAppPurchase(
     const std::optional<std::string>& currency, const std::optional<std::string>& transactionId,
     const std::optional<Json>& /*additionalParameters*/, QuorvelPurchaseSuccess success,
     QuorvelPurchaseFailure failure) {
+  const ReportLedger::Scope report(ledger_->currentOrOpen());
   const auto fail = [&failure](const std::optional<Error>& error, const Json& response) {
     if (failure)
       failure(error, response);

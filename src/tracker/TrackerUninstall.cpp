@@ -5,6 +5,7 @@
 #include "device/QVSystemInfo.h"
 #include "log/Log.h"
 #include "net/QuorvelHTTPClient.h"
+#include "net/ReportLedger.h"
 #include "tracker/PreferenceKeys.h"
 #include "tracker/TrackerLifetime.h"
 #include "util/QuorvelUtils.h"
@@ -38,10 +39,11 @@ void QuorvelTracker::registerUninstall(const Bytes& deviceToken) {
       bare.push_back(c);
   }
   auto self = self_;
-  mBackgroundQueue_->asyncAfter(std::chrono::milliseconds(3500), [self, bare] {
-    if (const auto tracker = self->pin())
-      tracker->backgroundRegisterUninstall(bare);
-  });
+  mBackgroundQueue_->asyncAfter(std::chrono::milliseconds(3500),
+                                carryReport(ledger_->open(), [self, bare] {
+                                  if (const auto tracker = self->pin())
+                                    tracker->backgroundRegisterUninstall(bare);
+                                }));
 }
 
 void QuorvelTracker::backgroundRegisterUninstall(const std::string& deviceToken) {

@@ -1,0 +1,78 @@
+// Flush, the exit flush and the group commit of preference writes.
+#include <quorvel/QuorvelTracker.h>
+
+#include "cache/QuorvelRequestCache.h"
+#include "log/Log.h"
+#include "net/ReportLedger.h"
+#include "tracker/TrackerLifetime.h"
+
+namespace quorvel {
+namespace {
+constexpr std::chrono::milliseconds kGroupCommitDelay{100};
+}  // namespace
+
+bool QuorvelTracker::flush(std::chrono::milliseconds timeout) noexcept {
+  try {
+    const bool settled = ledger_->waitSettled(ledger_->newest(), timeout);
+    persistPreferencesNow();
+    return settled;
+  } catch (const std::exception& e) {
+    qvLog(kLogError, "-[QuorvelTracker flush:]", "flush failed: %@", e.what());
+    return false;
+  }
+}
+
+std::chrono::milliseconds QuorvelTracker::exitFlushTimeout() const {
+  return std::chrono::milliseconds(exitFlushMs_.load());
+}
+
+void QuorvelTracker::setExitFlushTimeout(std::chrono::milliseconds timeout) {
+  exitFlushMs_ = timeout.count();
+}
+
+bool QuorvelTracker::flushAtExit() noexcept {
+  static constexpr const char* kMethod = "-[QuorvelTracker flushAtExit]";
+  const auto timeout = exitFlushTimeout();
+  if (timeout <= std::chrono::milliseconds::zero())
+    return true;
+  try {
+    if (flush(timeout))
+      return true;
+    // What is still on the wire goes to the offline cache for the next start; reports whose
+    // request was not built yet cannot be kept.
+    int kept = 0;
+    int lost = 0;
+    for (const auto& ticket : ledger_->unsettled()) {
+      const auto outcome = ticket->keepAtExit(
+          [this](const QuorvelRequestCacheData& r) { return requestCache_->cacheRequest(r); });
+      kept += outcome == ReportLedger::Ticket::AtExit::kept ? 1 : 0;
+      lost += outcome == ReportLedger::Ticket::AtExit::notBuilt ? 1 : 0;
+    }
+    persistPreferencesNow();
+    qvLog(kLogWarning, kMethod,
+          "exit: %d requests still unanswered after %lld ms were kept for the next start, "
+          "%d reports were not built yet",
+          kept, static_cast<long long>(timeout.count()), lost);
+    return false;
+  } catch (const std::exception& e) {
+    qvLog(kLogError, kMethod, "exit flush failed: %@", e.what());
+    return false;
+  }
+}
+
+void QuorvelTracker::persistPreferencesSoon() {
+  if (preferencesWriteScheduled_.exchange(true))
+    return;  // a write is on its way and will take this change along
+  auto self = self_;
+  mBackgroundQueue_->asyncAfter(kGroupCommitDelay, [self] {
+    if (const auto tracker = self->pin())
+      tracker->persistPreferencesNow();
+  });
+}
+
+void QuorvelTracker::persistPreferencesNow() {
+  preferencesWriteScheduled_ = false;
+  platform_->preferences->synchronize();
+}
+
+}  // namespace quorvel
