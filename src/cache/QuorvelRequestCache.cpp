@@ -5,6 +5,7 @@
 
 #include "log/Log.h"
 #include "util/NoDestructor.h"
+#include "util/WorkContext.h"
 
 namespace quorvel {
 namespace {
@@ -228,8 +229,9 @@ void QuorvelRequestCache::processCache() {
   }
   qvLog(kLogDebug, "-[QuorvelRequestCache processCache]", "Cache size %d", loaded);
   auto self = shared_from_this();
-  platform_->dispatcher->mainQueue()->asyncAfter(std::chrono::milliseconds(100),
-                                                 [self] { self->sendNextCachedEvents(); });
+  // The replay belongs to the work that started it, so that a flush waits for it too.
+  platform_->dispatcher->mainQueue()->asyncAfter(
+      std::chrono::milliseconds(100), inCurrentWorkContext([self] { self->sendNextCachedEvents(); }));
 }
 
 void QuorvelRequestCache::sendNextCachedEvents() {

@@ -71,9 +71,10 @@ void QuorvelHTTPClient::sendRequestEventToServer(const QuorvelRequestCacheData& 
   http.headers = {{"Content-Type", "application/octet-stream"}};
   http.body = request.postData().value_or(Bytes());
   qvLog(kLogInfo, kMethod, "sending request to server ");
-  // Replays are already safe on disk; only a fresh request carries its report.
-  auto ticket = isRequestFromCache ? nullptr : ReportLedger::current();
-  if (ticket)
+  // A replay is already safe on disk: it carries the report that started the replay along,
+  // but only a fresh request is the report's own, to be kept at exit.
+  auto ticket = ReportLedger::current();
+  if (ticket && !isRequestFromCache)
     ticket->attach(request);
   auto self = shared_from_this();
   auto task = platform_->urlSessions->sharedSession()->dataTask(
@@ -98,7 +99,7 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
       "-[QuorvelHTTPClient "
       "sendRequestEventToServer:isRequestFromCache:appID:isDebug:onSuccess:]_block_invoke";
   // Set when the process began to exit before this answer and kept the request on disk.
-  const auto keptAtExit = ticket ? ticket->answered() : std::nullopt;
+  const auto keptAtExit = ticket && !fromCache ? ticket->answered() : std::nullopt;
   if (error) {
     qvLog(kLogDebug, kMethod, "Quorvel Connection failed! Error - %@ ",
           error->localizedDescription);

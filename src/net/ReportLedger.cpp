@@ -3,10 +3,6 @@
 #include <algorithm>
 
 namespace quorvel {
-namespace {
-thread_local ReportLedger::TicketPtr tCurrent;
-}  // namespace
-
 ReportLedger::Ticket::~Ticket() {
   state_->settle(id_);
 }
@@ -37,14 +33,6 @@ std::optional<std::string> ReportLedger::Ticket::answered() {
   return keptAs_ ? keptAs_ : std::optional<std::string>(std::string());
 }
 
-ReportLedger::Scope::Scope(TicketPtr ticket) : previous_(std::move(tCurrent)) {
-  tCurrent = std::move(ticket);
-}
-
-ReportLedger::Scope::~Scope() {
-  tCurrent = std::move(previous_);
-}
-
 ReportLedger::ReportLedger() : state_(std::make_shared<State>()) {}
 
 ReportLedger::TicketPtr ReportLedger::open() {
@@ -61,7 +49,8 @@ ReportLedger::TicketPtr ReportLedger::open() {
 }
 
 ReportLedger::TicketPtr ReportLedger::current() {
-  return tCurrent;
+  // Only tickets are ever set as work contexts.
+  return std::static_pointer_cast<Ticket>(currentWorkContext());
 }
 
 ReportLedger::TicketPtr ReportLedger::currentOrOpen() {

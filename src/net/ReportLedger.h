@@ -3,8 +3,9 @@
 // service, written to the offline cache, or dropped with a log line.
 //
 // A report is a Ticket. The public call opens it; every piece of work done for the report
-// runs inside a Scope of its ticket, so that work it schedules in turn (a queued block, a
-// request's completion) can carry the same ticket on with `current()`. The report settles
+// runs with the ticket as its work context, so that work it schedules in turn (a queued
+// block, a request's completion, the replay of the cache that an answer starts) carries the
+// same ticket on. The report settles
 // when the last holder lets its ticket go. `waitSettled` is what `flush` waits on.
 #pragma once
 
@@ -20,6 +21,7 @@
 #include <vector>
 
 #include "cache/QuorvelRequestCacheData.h"
+#include "util/WorkContext.h"
 
 namespace quorvel {
 
@@ -63,16 +65,7 @@ class ReportLedger {
   using TicketPtr = std::shared_ptr<Ticket>;
 
   // Makes `ticket` the current one of this thread for its lifetime.
-  class Scope {
-   public:
-    explicit Scope(TicketPtr ticket);
-    ~Scope();
-    Scope(const Scope&) = delete;
-    Scope& operator=(const Scope&) = delete;
-
-   private:
-    TicketPtr previous_;
-  };
+  using Scope = WorkContextScope;
 
   ReportLedger();
 
@@ -105,10 +98,7 @@ class ReportLedger {
 // Wraps queued work so that it runs inside the scope of `ticket`.
 template <typename Work>
 auto carryReport(ReportLedger::TicketPtr ticket, Work work) {
-  return [ticket = std::move(ticket), work = std::move(work)]() mutable {
-    const ReportLedger::Scope scope(ticket);
-    work();
-  };
+  return withWorkContext(std::move(ticket), std::move(work));
 }
 
 }  // namespace quorvel
