@@ -317,6 +317,8 @@ class QuorvelTracker {
   // --- Internal collaborators (not for hosts) -----------------------------------------
   std::shared_ptr<QuorvelHTTPClient> httpClient() const { return httpClient_; }
   std::shared_ptr<QuorvelRequestCache> requestCache() const { return requestCache_; }
+  // Follows the reports that flush() waits for.
+  std::shared_ptr<ReportLedger> reportLedger() const { return ledger_; }
   // Hands a cached request to the HTTP client unchanged, marked as coming from the cache.
   void sendRequestFromCache(const QuorvelRequestCacheData& request);
   std::shared_ptr<QuorvelKeychainWrapper> keychain();

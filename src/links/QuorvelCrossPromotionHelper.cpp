@@ -2,6 +2,7 @@
 #include <quorvel/QuorvelTracker.h>
 
 #include "log/Log.h"
+#include "net/ReportLedger.h"
 
 namespace quorvel {
 
@@ -65,7 +66,8 @@ void QuorvelCrossPromotionHelper::trackCrossPromoteImpression(
   tracker.platform()
       .urlSessions->sharedSession()
       ->dataTask(std::move(request),
-                 [](const auto&, const auto&, const std::optional<Error>& error) {
+                 [report = tracker.reportLedger()->currentOrOpen()](
+                     const auto&, const auto&, const std::optional<Error>& error) {
                    if (error) {
                      qvLog(kLogError,
                            "+[QuorvelCrossPromotionHelper "

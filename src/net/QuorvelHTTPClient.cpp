@@ -24,8 +24,10 @@ bool isVersion9(const std::string& version) {
 }  // namespace
 
 std::shared_ptr<QuorvelHTTPClient> QuorvelHTTPClient::create(
-    std::shared_ptr<const Platform> platform, std::shared_ptr<QuorvelRequestCache> cache) {
-  auto client = std::make_shared<QuorvelHTTPClient>(std::move(platform), std::move(cache));
+    std::shared_ptr<const Platform> platform, std::shared_ptr<QuorvelRequestCache> cache,
+    std::shared_ptr<ReportLedger> ledger) {
+  auto client =
+      std::make_shared<QuorvelHTTPClient>(std::move(platform), std::move(cache), std::move(ledger));
   const std::string version = client->platform_->device->systemVersion();
   // Version 9 delivers fire-and-forget bodies inside a background task instead.
   if (!versionBelow8(version) && !isVersion9(version)) {
@@ -35,8 +37,13 @@ std::shared_ptr<QuorvelHTTPClient> QuorvelHTTPClient::create(
 }
 
 QuorvelHTTPClient::QuorvelHTTPClient(std::shared_ptr<const Platform> platform,
-                                     std::shared_ptr<QuorvelRequestCache> cache)
-    : platform_(std::move(platform)), cache_(std::move(cache)) {}
+                                     std::shared_ptr<QuorvelRequestCache> cache,
+                                     std::shared_ptr<ReportLedger> ledger)
+    : platform_(std::move(platform)), cache_(std::move(cache)), ledger_(std::move(ledger)) {}
+
+ReportLedger::TicketPtr QuorvelHTTPClient::reportOfNewRequest() const {
+  return ledger_ ? ledger_->currentOrOpen() : ReportLedger::current();
+}
 
 std::shared_ptr<platform::URLSession> QuorvelHTTPClient::buildSessionWithConfiguration() {
   if (versionBelow8(platform_->device->systemVersion()) || !platform_->urlSessions)
@@ -73,7 +80,7 @@ void QuorvelHTTPClient::sendRequestEventToServer(const QuorvelRequestCacheData& 
   qvLog(kLogInfo, kMethod, "sending request to server ");
   // A replay is already safe on disk: it carries the report that started the replay along,
   // but only a fresh request is the report's own, to be kept at exit.
-  auto ticket = ReportLedger::current();
+  auto ticket = isRequestFromCache ? ReportLedger::current() : reportOfNewRequest();
   if (ticket && !isRequestFromCache)
     ticket->attach(request);
   auto self = shared_from_this();
@@ -172,7 +179,7 @@ void QuorvelHTTPClient::sendRequestWithConfiguration(const std::string& url,
     backgroundCallWithRequest(std::move(request));
   } else if (bgSession_) {
     auto task = bgSession_->downloadTask(std::move(request));
-    if (auto ticket = ReportLedger::current()) {
+    if (auto ticket = reportOfNewRequest()) {
       const std::lock_guard lock(backgroundReportsMutex_);
       backgroundReports_[task->taskIdentifier()] = std::move(ticket);
     }
@@ -202,7 +209,7 @@ void QuorvelHTTPClient::backgroundCallWithRequest(platform::URLRequest request) 
   auto session = platform_->urlSessions->sharedSession();
   platform_->dispatcher->globalQueue()->async([me, cell, endTask, session,
                                                request = std::move(request),
-                                               ticket = ReportLedger::current()]() mutable {
+                                               ticket = reportOfNewRequest()]() mutable {
     static constexpr const char* kBlock =
         "-[QuorvelHTTPClient backgroundCallWithRequest:]_block_invoke_2";
     qvTrace(kBlock, "%@ starting background task %lu", me, cell->load());
@@ -237,8 +244,8 @@ std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::getHopline(
                      {"qv-timestamp", timestamp},
                      {"authorization", authorization}};
   auto task = platform_->urlSessions->sharedSession()->dataTask(
-      std::move(request),
-      [completionHandler](const auto& body, const auto& response, const auto& error) {
+      std::move(request), [completionHandler, ticket = reportOfNewRequest()](
+                              const auto& body, const auto& response, const auto& error) {
         if (!completionHandler)
           return;
         if (error) {
@@ -286,8 +293,8 @@ std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::createHopline(
   const std::string text = body.dump(-1, ' ', false, Json::error_handler_t::replace);
   request.body = Bytes(text.begin(), text.end());
   auto task = platform_->urlSessions->sharedSession()->dataTask(
-      std::move(request),
-      [completionHandler](const auto& answer, const auto& response, const auto& error) {
+      std::move(request), [completionHandler, ticket = reportOfNewRequest()](
+                              const auto& answer, const auto& response, const auto& error) {
         if (!completionHandler)
           return;
         if (error) {
@@ -329,7 +336,7 @@ std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::sendValidateRequest
   http.body = Bytes(body.begin(), body.end());
   qvLog(kLogInfo, kMethod, "sending validate request to server ...");
   auto task = platform_->urlSessions->sharedSession()->dataTask(
-      std::move(http), [complitionBlock, ticket = ReportLedger::current()](
+      std::move(http), [complitionBlock, ticket = reportOfNewRequest()](
                            const auto& answer, const auto&, const auto& error) {
         if (error) {
           qvLog(kLogDebug, "-[QuorvelHTTPClient sendValidateRequest:complitionBlock:]_block_invoke",

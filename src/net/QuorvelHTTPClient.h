@@ -32,12 +32,16 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
 
   static constexpr const char* kBackgroundSessionIdentifier = "com.quorvel.sdk";
 
-  // Makes the client and, on OS versions that have one, its background session.
+  // Makes the client and, on OS versions that have one, its background session. With a
+  // ledger, every request the client makes belongs to a report (the current one, or one of
+  // its own), so that a flush waits for it.
   static std::shared_ptr<QuorvelHTTPClient> create(std::shared_ptr<const Platform> platform,
-                                                   std::shared_ptr<QuorvelRequestCache> cache);
+                                                   std::shared_ptr<QuorvelRequestCache> cache,
+                                                   std::shared_ptr<ReportLedger> ledger = nullptr);
 
   QuorvelHTTPClient(std::shared_ptr<const Platform> platform,
-                    std::shared_ptr<QuorvelRequestCache> cache);
+                    std::shared_ptr<QuorvelRequestCache> cache,
+                    std::shared_ptr<ReportLedger> ledger = nullptr);
 
   // A background session on OS 8 and later; none below 8.
   std::shared_ptr<platform::URLSession> buildSessionWithConfiguration();
@@ -85,8 +89,11 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
                             const std::function<void()>& onSuccess,
                             const ReportLedger::TicketPtr& ticket);
 
+  ReportLedger::TicketPtr reportOfNewRequest() const;
+
   std::shared_ptr<const Platform> platform_;
   std::shared_ptr<QuorvelRequestCache> cache_;
+  std::shared_ptr<ReportLedger> ledger_;
   std::shared_ptr<platform::URLSession> bgSession_;
   // The reports of fire-and-forget bodies still on the wire, by task identifier.
   std::mutex backgroundReportsMutex_;

@@ -62,7 +62,7 @@ QuorvelTracker::QuorvelTracker(std::shared_ptr<const Platform> platform,
   shouldCollectDeviceName_ = true;
   platfromDevName_ = QuorvelUtils::develomentPlatformName(*platform_->classRegistry);
   advertiserId_ = "";
-  httpClient_ = QuorvelHTTPClient::create(platform_, requestCache_);
+  httpClient_ = QuorvelHTTPClient::create(platform_, requestCache_, ledger_);
   iAdClient_ = std::make_shared<const QVSDKiAdClient>(platform_);
   mBackgroundQueue_ = platform_->dispatcher->makeSerialQueue(kSerialQueueLabel);
   // Written through the system log itself, so that it shows even with debugging off.

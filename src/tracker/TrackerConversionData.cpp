@@ -35,6 +35,8 @@ void QuorvelTracker::getConversionData() {
   const auto d = delegate();
   if (!d || !d->onConversionDataReceived)
     return;
+  // Called by a host, the delivery to its delegate is a report of its own.
+  const ReportLedger::Scope report(ledger_->currentOrOpen());
   const Platform& p = *platform_;
   auto& prefs = *p.preferences;
   auto cached = prefs.objectForKey(keys::kConversionData);

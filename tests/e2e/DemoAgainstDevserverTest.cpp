@@ -38,6 +38,29 @@ bool acceptsConnections(int port) {
   return connected;
 }
 
+// Takes connections on a loopback port and never answers: requests to it stay on the wire.
+class BlackHole {
+ public:
+  explicit BlackHole(int port) : fd_(::socket(AF_INET, SOCK_STREAM, 0)) {
+    const int yes = 1;
+    ::setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bound_ = ::bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+             ::listen(fd_, 16) == 0;
+  }
+  ~BlackHole() { ::close(fd_); }
+  BlackHole(const BlackHole&) = delete;
+  BlackHole& operator=(const BlackHole&) = delete;
+  bool bound() const { return bound_; }
+
+ private:
+  int fd_;
+  bool bound_ = false;
+};
+
 class DemoAgainstDevserver : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -195,6 +218,33 @@ TEST_F(DemoAgainstDevserver, EventsSentWhileTheServiceIsAwayArriveOnceItIsBack) 
   EXPECT_EQ(replayed[1]["decrypted"]["eventvalue"], "8");
   EXPECT_EQ(cachedFiles(), 0U);
   EXPECT_EQ(find(received(), "t", "Launched").size(), 2U);
+}
+
+// A host that returns from main right after tracking: the exit flush delivers within its
+// bound, and keeps what is still unanswered then for the next start. Either way each event
+// arrives exactly once.
+TEST_F(DemoAgainstDevserver, EventsTrackedJustBeforeMainReturnsArriveExactlyOnce) {
+  demo({"--final-flush", "0", "event delivered_at_exit"});
+  EXPECT_EQ(find(received(), "events", "delivered_at_exit").size(), 1U);
+  EXPECT_EQ(cachedFiles(), 0U);
+
+  fault("offline");
+  {
+    // The service's port takes the request and never answers it.
+    const BlackHole hole(state["port"].get<int>());
+    ASSERT_TRUE(hole.bound());
+    const auto kept =
+        demo({"--final-flush", "0", "--exit-flush", "0.3", "--verbose", "event kept_at_exit"});
+    EXPECT_NE(kept.err.find("1 requests still unanswered"), std::string::npos) << kept.err;
+    EXPECT_EQ(cachedFiles(), 1U);
+  }
+  fault("online");
+  demo({"launch"});
+  const auto replayed = find(received(), "events", "kept_at_exit");
+  ASSERT_EQ(replayed.size(), 1U);
+  EXPECT_NE(replayed[0]["query"].get<std::string>().find("isCachedRequest=true"),
+            std::string::npos);
+  EXPECT_EQ(cachedFiles(), 0U);
 }
 
 }  // namespace

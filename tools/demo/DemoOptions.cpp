@@ -26,6 +26,14 @@ std::optional<int> parseDemoOptions(int argc, char** argv, DemoOptions& o) {
   app.add_option("--min-session", o.minSession, "minimum seconds between launches");
   app.add_option("--receipt", o.receipt, "the app's store receipt file");
   app.add_option("--invite-template", o.inviteTemplate, "invite short-link template id");
+  app.add_option("--final-flush", o.finalFlushSeconds,
+                 "after the last step, wait at most SECONDS for what the library started "
+                 "(0: return from main at once and leave it to the exit flush)")
+      ->capture_default_str()
+      ->check(CLI::Range(0.0, 3600.0));
+  app.add_option("--exit-flush", o.exitFlushSeconds,
+                 "the library's flush bound at process exit in SECONDS (default 2; 0: none)")
+      ->check(CLI::Range(0.0, 3600.0));
   app.add_flag("--verbose", o.verbose, "show the library's log");
   app.add_flag("--trace", o.trace, "show the library's log with elapsed times and trace lines");
   app.add_option("--script", o.script, "read steps from FILE, one per line")

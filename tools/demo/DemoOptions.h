@@ -21,6 +21,8 @@ struct DemoOptions {
   std::optional<unsigned long long> minSession;
   std::optional<std::string> receipt;
   std::optional<std::string> inviteTemplate;
+  double finalFlushSeconds = 30;  // 0: return from main without flushing
+  std::optional<double> exitFlushSeconds;
   bool verbose = false;
   bool trace = false;
   std::optional<std::string> script;

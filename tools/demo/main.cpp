@@ -15,7 +15,6 @@
 #include <quorvel/QuorvelTracker.h>
 
 #include "DemoOptions.h"
-#include "PendingWork.h"
 #include "device/QVSystemInfo.h"
 #include "util/QuorvelUtils.h"
 
@@ -146,8 +145,7 @@ std::string restAfterWords(const std::string& step, std::size_t n) {
 
 class Host {
  public:
-  Host(quorvel::QuorvelTracker& tracker, quorvel::demo::PendingWork& pending)
-      : tracker_(tracker), pending_(pending) {}
+  explicit Host(quorvel::QuorvelTracker& tracker) : tracker_(tracker) {}
 
   // Runs one step; false when it is not understood.
   bool run(const std::string& step) {
@@ -258,7 +256,7 @@ class Host {
       }
       if (verb == "idle" && w.size() == 1) {
         // Everything started so far has been answered: the service's settings are known.
-        if (!pending_.waitUntilIdle(std::chrono::seconds(30)))
+        if (!tracker_.flush(std::chrono::seconds(30)))
           std::cerr << "quorvel-demo: the library was still busy after 30 s\n";
         return true;
       }
@@ -282,7 +280,6 @@ class Host {
   }
 
   quorvel::QuorvelTracker& tracker_;
-  quorvel::demo::PendingWork& pending_;
 };
 
 // The launch options a real host receives: an app started by a URL (the first step is
@@ -302,18 +299,6 @@ Json launchOptions(const std::vector<std::string>& steps) {
   if (!source.empty())
     options[quorvel::platform::kLaunchOptionsSourceApplicationKey] = source;
   return options;
-}
-
-// Waits, with a bound, until the blocks the library queued have run and the requests it
-// started have been answered (delayed ones included, such as the uninstall registration).
-void waitForLibrary(quorvel::QuorvelTracker& tracker, quorvel::demo::PendingWork& pending) {
-  constexpr auto kBound = std::chrono::seconds(30);
-  if (!pending.waitUntilIdle(kBound)) {
-    std::cerr << "quorvel-demo: " << pending.pending()
-              << " blocks or requests of the library still pending after " << kBound.count()
-              << " s; exiting anyway\n";
-  }
-  tracker.platform().preferences->synchronize();
 }
 
 }  // namespace
@@ -340,12 +325,14 @@ int main(int argc, char** argv) {
   platformOptions.keychainDirectory = options.keychainDir;
   platformOptions.receiptPath = options.receipt;
   platformOptions.extraCAFile = options.caFile;
-  const auto pending = std::make_shared<quorvel::demo::PendingWork>();
-  quorvel::installPlatform(
-      quorvel::demo::countingPendingWork(quorvel::makePosixPlatform(platformOptions), pending));
+  quorvel::installPlatform(quorvel::makePosixPlatform(platformOptions));
 
   auto& tracker = quorvel::QuorvelTracker::sharedTracker();
   configure(tracker, options);
+  if (options.exitFlushSeconds) {
+    tracker.setExitFlushTimeout(
+        std::chrono::milliseconds(static_cast<std::int64_t>(*options.exitFlushSeconds * 1000)));
+  }
   const auto delegate = makeDelegate();
   tracker.setDelegate(delegate);
   printConfiguration(tracker, tracker.platform());
@@ -354,13 +341,22 @@ int main(int argc, char** argv) {
   // The process starts as an app's does: did-finish-launching, with its launch options.
   tracker.platform().notificationCenter->post(
       {quorvel::platform::kApplicationDidFinishLaunchingNotification, launchOptions(steps)});
-  Host host(tracker, *pending);
+  Host host(tracker);
   for (const auto& step : steps) {
     if (!host.run(step)) {
       std::cerr << "quorvel-demo: cannot run step \"" << step << "\" (see --help)\n";
       return 2;
     }
   }
-  waitForLibrary(tracker, *pending);
+  // What the steps started (delayed ones too, such as the uninstall registration) is
+  // answered while the delegate is still there to print it.
+  if (options.finalFlushSeconds > 0) {
+    const auto bound =
+        std::chrono::milliseconds(static_cast<std::int64_t>(options.finalFlushSeconds * 1000));
+    if (!tracker.flush(bound)) {
+      std::cerr << "quorvel-demo: the library was still busy after " << options.finalFlushSeconds
+                << " s; the exit flush keeps what is unanswered for the next run\n";
+    }
+  }
   return 0;
 }
