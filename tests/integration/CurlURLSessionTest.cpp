@@ -1,5 +1,7 @@
 // The libcurl session against a real HTTPS server on loopback.
 #include <future>
+#include <map>
+#include <set>
 
 #include <gtest/gtest.h>
 
@@ -70,6 +72,35 @@ TEST_F(CurlSessionTest, PostReachesTheServerAndTheAnswerComesBackOnTheCallbackQu
   for (const auto& [k, v] : o.response->headers)
     echoed = echoed || (k == "X-Echo" && v == "application/octet-stream");
   EXPECT_TRUE(echoed);
+}
+
+TEST_F(CurlSessionTest, ABurstSharesAFewKeptAliveConnectionsPerHost) {
+  server.onRequest([](const httplib::Request&, httplib::Response& res) {
+    std::this_thread::sleep_for(5ms);  // the server is busy, so that requests pile up
+    res.set_content("{}", "application/json");
+  });
+  CurlSessionOptions options;
+  options.extraCAFile = server.caFile();
+  options.maxConnectionsPerHost = 3;
+  auto s = makeCurlURLSession(options, "burst");
+  constexpr int kPerHost = 40;
+  std::atomic<int> ok{0};
+  auto all = std::make_shared<std::promise<void>>();
+  for (int i = 0; i < 2 * kPerHost; ++i) {
+    URLRequest r;
+    r.url = "https://" + std::string(i % 2 == 0 ? "t." : "events.") + server.domain() + "/";
+    s->dataTask(r, [&ok, all](const auto&, const auto& response, const auto&) {
+       if (response && response->statusCode == 200 && ++ok == 2 * kPerHost)
+         all->set_value();
+     })->resume();
+  }
+  ASSERT_EQ(all->get_future().wait_for(60s), std::future_status::ready) << ok;
+  std::map<std::string, std::set<int>> connections;
+  for (const auto& r : server.received())
+    connections[r.host].insert(r.clientPort);
+  ASSERT_EQ(connections.size(), 2U);
+  for (const auto& [host, ports] : connections)
+    EXPECT_LE(ports.size(), 3U) << host;
 }
 
 TEST_F(CurlSessionTest, TransportFailuresAreErrorsNotResponses) {

@@ -22,7 +22,8 @@ TlsTestServer::TlsTestServer(std::vector<std::string> hosts, int port,
     res.set_content("{}", "application/json");
   };
   auto handle = [this](const httplib::Request& req, httplib::Response& res) {
-    ReceivedRequest r{req.method, req.get_header_value("Host"), req.path, req.target, {}, req.body};
+    ReceivedRequest r{req.method, req.get_header_value("Host"), req.path, req.target, {},
+                      req.body,   req.remote_port};
     for (const auto& [k, v] : req.headers)
       r.headers.emplace(k, v);
     std::function<void(const httplib::Request&, httplib::Response&)> handler;
@@ -37,6 +38,8 @@ TlsTestServer::TlsTestServer(std::vector<std::string> hosts, int port,
     }
     arrived_.notify_all();
   };
+  // Connections stay open for as many requests as a client sends on them.
+  server_->set_keep_alive_max_count(100'000);
   server_->Get(".*", handle);
   server_->Post(".*", handle);
   if (port > 0) {

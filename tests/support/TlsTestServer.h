@@ -24,6 +24,7 @@ struct ReceivedRequest {
   std::string target;  // path with query, as sent
   std::multimap<std::string, std::string> headers;
   std::string body;
+  int clientPort = 0;  // tells the client's connections apart
   std::string header(const std::string& name) const;
 };
 
