@@ -229,9 +229,12 @@ void QuorvelRequestCache::processCache() {
   }
   qvLog(kLogDebug, "-[QuorvelRequestCache processCache]", "Cache size %d", loaded);
   auto self = shared_from_this();
-  // The replay belongs to the work that started it, so that a flush waits for it too.
+  // A replay belongs to the work that started it, so that a flush waits for it too; with
+  // nothing to replay, that work is not held up.
+  auto next = [self] { self->sendNextCachedEvents(); };
   platform_->dispatcher->mainQueue()->asyncAfter(
-      std::chrono::milliseconds(100), inCurrentWorkContext([self] { self->sendNextCachedEvents(); }));
+      std::chrono::milliseconds(100),
+      loaded > 0 ? platform::Work(inCurrentWorkContext(std::move(next))) : platform::Work(next));
 }
 
 void QuorvelRequestCache::sendNextCachedEvents() {

@@ -351,6 +351,16 @@ std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::sendValidateRequest
 
 void QuorvelHTTPClient::handleHoplineResponse(const Json& response) {
   auto& prefs = *platform_->preferences;
+  // Every answer repeats the settings: they are written through only when one changed. A
+  // durable write per answer was the largest cost of a burst; the tracker's other pending
+  // changes go with its own group commit.
+  bool changed = false;
+  const auto keep = [&](std::string_view key, const std::string& value) {
+    if (prefs.stringForKey(key) != value) {
+      prefs.setString(key, value);
+      changed = true;
+    }
+  };
   try {
     if (response.is_object()) {
       const auto text = [&](const char* key) -> std::optional<std::string> {
@@ -360,17 +370,19 @@ void QuorvelHTTPClient::handleHoplineResponse(const Json& response) {
         return it->is_string() ? it->get<std::string>() : it->dump();
       };
       if (auto domain = text("hl_domain"))
-        prefs.setString(keys::kHoplineDomain, *domain);
+        keep(keys::kHoplineDomain, *domain);
       if (auto version = text("hl_ver"))
-        prefs.setString(keys::kHoplineVersion, *version);
+        keep(keys::kHoplineVersion, *version);
       if (auto scheme = text("hl_scheme"); QuorvelUtils::isValidDeeplink(scheme)) {
-        prefs.setString(keys::kHoplineScheme, *scheme);
+        keep(keys::kHoplineScheme, *scheme);
       }
     }
   } catch (...) {
-    // Ignored as the platform's exceptions are; the store is synchronised in every case.
+    // Ignored as the platform's exceptions are; what was stored so far is kept.
+    changed = true;
   }
-  prefs.synchronize();
+  if (changed)
+    prefs.synchronize();
 }
 
 void QuorvelHTTPClient::didFinishDownloadingToPath(platform::URLSessionTask& task,

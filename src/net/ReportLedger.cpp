@@ -1,15 +1,22 @@
 #include "net/ReportLedger.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace quorvel {
 ReportLedger::Ticket::~Ticket() {
-  state_->settle(id_);
+  state_->settle(id_, built_);
 }
 
 void ReportLedger::Ticket::attach(const QuorvelRequestCacheData& request) {
-  const std::lock_guard lock(mutex_);
-  request_ = request;
+  bool first = false;
+  {
+    const std::lock_guard lock(mutex_);
+    request_ = request;
+    first = !std::exchange(built_, true);
+  }
+  if (first)
+    state_->built();
 }
 
 ReportLedger::Ticket::AtExit ReportLedger::Ticket::keepAtExit(
@@ -35,16 +42,32 @@ std::optional<std::string> ReportLedger::Ticket::answered() {
 
 ReportLedger::ReportLedger() : state_(std::make_shared<State>()) {}
 
-ReportLedger::TicketPtr ReportLedger::open() {
-  std::uint64_t id = 0;
+ReportLedger::ReportLedger(std::size_t maxBuiltAhead) : ReportLedger() {
+  state_->maxBuiltAhead = std::max<std::size_t>(maxBuiltAhead, 1);
+}
+
+void ReportLedger::buildWhenThereIsRoom(const std::shared_ptr<platform::DispatchQueue>& queue,
+                                        platform::Work build) {
   {
     const std::lock_guard lock(state_->mutex);
-    id = state_->nextId++;
-    state_->open.insert(id);
+    if (!state_->waiting.empty() || state_->builtAhead >= state_->maxBuiltAhead) {
+      state_->waiting.emplace_back(queue, std::move(build));
+      return;
+    }
   }
-  auto ticket = std::make_shared<Ticket>(state_, id);
+  build();
+}
+
+void ReportLedger::State::built() {
+  const std::lock_guard lock(mutex);
+  ++builtAhead;
+}
+
+ReportLedger::TicketPtr ReportLedger::open() {
+  auto ticket = std::make_shared<Ticket>(state_, 0);
   const std::lock_guard lock(state_->mutex);
-  state_->tickets.push_back(ticket);
+  ticket->id_ = state_->firstId + state_->entries.size();
+  state_->entries.push_back(State::Entry{ticket, true});
   return ticket;
 }
 
@@ -61,35 +84,46 @@ ReportLedger::TicketPtr ReportLedger::currentOrOpen() {
 
 std::uint64_t ReportLedger::newest() const {
   const std::lock_guard lock(state_->mutex);
-  return state_->nextId - 1;
+  return state_->firstId + state_->entries.size() - 1;
 }
 
 bool ReportLedger::waitSettled(std::uint64_t mark, std::chrono::milliseconds timeout) const {
   std::unique_lock lock(state_->mutex);
+  // Settled reports leave the front at once, so the front is the oldest open one.
   return state_->settled.wait_for(
-      lock, timeout, [&] { return state_->open.empty() || *state_->open.begin() > mark; });
+      lock, timeout, [&] { return state_->entries.empty() || state_->firstId > mark; });
 }
 
 std::vector<ReportLedger::TicketPtr> ReportLedger::unsettled() const {
   std::vector<TicketPtr> result;
   const std::lock_guard lock(state_->mutex);
-  for (const auto& weak : state_->tickets) {
-    if (auto ticket = weak.lock())
+  for (const auto& entry : state_->entries) {
+    if (auto ticket = entry.open ? entry.ticket.lock() : nullptr)
       result.push_back(std::move(ticket));
   }
-  std::sort(result.begin(), result.end(),
-            [](const TicketPtr& a, const TicketPtr& b) { return a->id() < b->id(); });
   return result;
 }
 
-void ReportLedger::State::settle(std::uint64_t id) {
-  const std::lock_guard lock(mutex);
-  open.erase(id);
-  // Expired entries are dropped in batches, so that the list stays near the open count.
-  if (tickets.size() > 64 && tickets.size() > 2 * open.size()) {
-    std::erase_if(tickets, [](const std::weak_ptr<Ticket>& t) { return t.expired(); });
+void ReportLedger::State::settle(std::uint64_t id, bool built) {
+  std::pair<std::shared_ptr<platform::DispatchQueue>, platform::Work> next;
+  {
+    const std::lock_guard lock(mutex);
+    if (id >= firstId && id - firstId < entries.size())
+      entries[id - firstId].open = false;
+    while (!entries.empty() && !entries.front().open) {
+      entries.pop_front();
+      ++firstId;
+    }
+    if (built && builtAhead > 0)
+      --builtAhead;
+    if (!waiting.empty() && builtAhead < maxBuiltAhead) {
+      next = std::move(waiting.front());
+      waiting.pop_front();
+    }
+    settled.notify_all();
   }
-  settled.notify_all();
+  if (next.first)
+    next.first->async(std::move(next.second));
 }
 
 }  // namespace quorvel

@@ -12,13 +12,15 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
+
+#include <quorvel/platform/DispatchQueue.h>
 
 #include "cache/QuorvelRequestCacheData.h"
 #include "util/WorkContext.h"
@@ -37,6 +39,7 @@ class ReportLedger {
     Ticket& operator=(const Ticket&) = delete;
 
     std::uint64_t id() const noexcept { return id_; }
+    friend class ReportLedger;
 
     // The request that carries the report, once it is on the wire.
     void attach(const QuorvelRequestCacheData& request);
@@ -55,9 +58,10 @@ class ReportLedger {
 
    private:
     std::shared_ptr<State> state_;
-    std::uint64_t id_;
+    std::uint64_t id_;  // set once by open(), before the ticket is shared
     std::mutex mutex_;
     std::optional<QuorvelRequestCacheData> request_;
+    bool built_ = false;
     bool answered_ = false;
     bool kept_ = false;
     std::optional<std::string> keptAs_;
@@ -83,14 +87,33 @@ class ReportLedger {
   // The reports still open, oldest first.
   std::vector<TicketPtr> unsettled() const;
 
+  // Requests built and not yet answered, at most this many by default. Payloads are built
+  // no faster than the network takes them, so that a burst of reports costs memory for what
+  // is on its way, not for all of it: the rest waits as the small closures that build them.
+  static constexpr std::size_t kMaxBuiltAhead = 128;
+  explicit ReportLedger(std::size_t maxBuiltAhead);
+  // Runs `build` at once while fewer than the limit of requests are built and unanswered
+  // and none is waiting; otherwise keeps it, and posts it on `queue`, in order, once an
+  // answer makes room.
+  void buildWhenThereIsRoom(const std::shared_ptr<platform::DispatchQueue>& queue,
+                            platform::Work build);
+
  private:
   struct State {
     mutable std::mutex mutex;
     mutable std::condition_variable settled;
-    std::uint64_t nextId = 1;
-    std::set<std::uint64_t> open;
-    std::vector<std::weak_ptr<Ticket>> tickets;  // pruned as reports settle
-    void settle(std::uint64_t id);
+    // The reports from the oldest open one on, by id: front() has id `firstId`.
+    struct Entry {
+      std::weak_ptr<Ticket> ticket;
+      bool open = true;
+    };
+    std::uint64_t firstId = 1;
+    std::deque<Entry> entries;
+    std::size_t maxBuiltAhead = kMaxBuiltAhead;
+    std::size_t builtAhead = 0;
+    std::deque<std::pair<std::shared_ptr<platform::DispatchQueue>, platform::Work>> waiting;
+    void settle(std::uint64_t id, bool built);
+    void built();
   };
   std::shared_ptr<State> state_;
 };

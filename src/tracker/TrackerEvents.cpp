@@ -37,36 +37,44 @@ void QuorvelTracker::trackEvent(const std::string& eventName,
           *value, eventName);
   }
   auto self = self_;
-  platform_->dispatcher->mainQueue()->asyncAfter(
-      std::chrono::milliseconds(1), carryReport(ledger_->open(), [self, eventName, value] {
-        if (const auto tracker = self->pin())
-          tracker->callServerWithEventName(eventName, value, true, false);
+  scheduleEventBuild(platform_->dispatcher->mainQueue(), std::chrono::milliseconds(1),
+                     [self, eventName, value] {
+                       if (const auto tracker = self->pin())
+                         tracker->callServerWithEventName(eventName, value, true, false);
+                     });
+}
+
+void QuorvelTracker::scheduleEventBuild(const std::shared_ptr<platform::DispatchQueue>& queue,
+                                        std::chrono::nanoseconds delay, platform::Work build) {
+  auto ledger = ledger_;
+  queue->asyncAfter(
+      delay, carryReport(ledger_->open(), [ledger, queue, build = std::move(build)]() mutable {
+        ledger->buildWhenThereIsRoom(queue, inCurrentWorkContext(std::move(build)));
       }));
 }
 
 void QuorvelTracker::trackEventWithValues(const std::string& eventName,
                                           const std::optional<Json>& values) {
   auto self = self_;
-  mBackgroundQueue_->asyncAfter(
-      std::chrono::milliseconds(100), carryReport(ledger_->open(), [self, eventName, values] {
-        const auto tracker = self->pin();
-        if (!tracker)
-          return;
-        std::string text = "null";
-        if (values && !values->is_null()) {
-          const auto json = QuorvelUtils::isValidJSONObject(*values)
-                                ? QuorvelUtils::getJsonStringFromDictionary(*values)
-                                : std::nullopt;
-          if (!json) {
-            // Values that cannot be written are lost; the event still goes, without a value.
-            tracker->callServerWithEventName(eventName, std::nullopt, std::nullopt, true, false);
-            return;
-          }
-          text = *json;
-        }
-        tracker->callServerWithEventName(eventName, replaceCommas(legacyPercentEscape(text)),
-                                         std::nullopt, true, false);
-      }));
+  scheduleEventBuild(mBackgroundQueue_, std::chrono::milliseconds(100), [self, eventName, values] {
+    const auto tracker = self->pin();
+    if (!tracker)
+      return;
+    std::string text = "null";
+    if (values && !values->is_null()) {
+      const auto json = QuorvelUtils::isValidJSONObject(*values)
+                            ? QuorvelUtils::getJsonStringFromDictionary(*values)
+                            : std::nullopt;
+      if (!json) {
+        // Values that cannot be written are lost; the event still goes, without a value.
+        tracker->callServerWithEventName(eventName, std::nullopt, std::nullopt, true, false);
+        return;
+      }
+      text = *json;
+    }
+    tracker->callServerWithEventName(eventName, replaceCommas(legacyPercentEscape(text)),
+                                     std::nullopt, true, false);
+  });
 }
 
 void QuorvelTracker::trackLocation(double longitude, double latitude) {

@@ -154,9 +154,11 @@ TEST_F(HTTPClientTest, LinkSettingsFromTrackingAnswers) {
   EXPECT_FALSE(fakes.preferences->objectForKey(keys::kHoplineScheme));
   client->handleHoplineResponse(Json{{"hl_scheme", "myapp"}});
   EXPECT_EQ(fakes.preferences->stringForKey(keys::kHoplineScheme), "myapp");
+  // Answers that repeat the settings, or carry none, write nothing.
   const int syncs = fakes.preferences->synchronizeCount();
+  client->handleHoplineResponse(Json{{"hl_domain", "go.example"}, {"hl_scheme", "myapp"}});
   client->handleHoplineResponse(Json::array());
-  EXPECT_EQ(fakes.preferences->synchronizeCount(), syncs + 1);
+  EXPECT_EQ(fakes.preferences->synchronizeCount(), syncs);
 }
 
 TEST_F(HTTPClientTest, FireAndForgetPathDependsOnTheOSVersion) {

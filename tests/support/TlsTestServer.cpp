@@ -22,8 +22,9 @@ TlsTestServer::TlsTestServer(std::vector<std::string> hosts, int port,
     res.set_content("{}", "application/json");
   };
   auto handle = [this](const httplib::Request& req, httplib::Response& res) {
-    ReceivedRequest r{req.method, req.get_header_value("Host"), req.path, req.target, {},
-                      req.body,   req.remote_port};
+    ReceivedRequest r{
+        req.method,     req.get_header_value("Host"), req.path, req.target, {}, req.body,
+        req.remote_port};
     for (const auto& [k, v] : req.headers)
       r.headers.emplace(k, v);
     std::function<void(const httplib::Request&, httplib::Response&)> handler;

@@ -1,5 +1,6 @@
 #include "RequestStore.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace quorvel::devserver {
@@ -63,47 +64,12 @@ RequestStore::RequestStore(const std::string& path) {
 
 RequestStore::~RequestStore() {
   {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(queueMutex_);
     stopping_ = true;
   }
-  queuedChanged_.notify_all();
+  queueChanged_.notify_all();
   if (writer_.joinable())
     writer_.join();
-  const std::lock_guard lock(mutex_);
-  try {
-    commitQueuedLocked();
-  } catch (const std::exception&) {
-    // Nothing left to report to at this point.
-  }
-}
-
-void RequestStore::writeBatches() {
-  constexpr std::size_t kBatch = 256;
-  std::unique_lock lock(mutex_);
-  while (!stopping_) {
-    queuedChanged_.wait_for(lock, std::chrono::milliseconds(20),
-                            [&] { return stopping_ || queued_.size() >= kBatch; });
-    try {
-      commitQueuedLocked();
-    } catch (const std::exception&) {
-      queued_.clear();  // a store that cannot write drops the batch rather than growing
-    }
-  }
-}
-
-void RequestStore::commitQueuedLocked() const {
-  if (queued_.empty())
-    return;
-  exec("BEGIN");
-  try {
-    for (const auto& r : queued_)
-      insertLocked(r);
-  } catch (...) {
-    exec("ROLLBACK");
-    throw;
-  }
-  exec("COMMIT");
-  queued_.clear();
 }
 
 void RequestStore::exec(const char* sql) const {
@@ -115,14 +81,57 @@ void RequestStore::exec(const char* sql) const {
   }
 }
 
-void RequestStore::add(StoredRequest request) {
-  {
+void RequestStore::writeGroups() {
+  for (;;) {
+    {
+      std::unique_lock queue(queueMutex_);
+      queueChanged_.wait(queue, [&] { return stopping_ || !queued_.empty(); });
+      if (queued_.empty())
+        return;  // stopping, and everything is committed
+    }
     const std::lock_guard lock(mutex_);
-    queued_.push_back(std::move(request));
-    if (!writer_.joinable())
-      writer_ = std::thread([this] { writeBatches(); });
+    commitQueuedLocked();
   }
-  queuedChanged_.notify_all();
+}
+
+void RequestStore::commitQueuedLocked() const {
+  std::vector<StoredRequest> group;
+  std::uint64_t last = 0;
+  {
+    const std::lock_guard queue(queueMutex_);
+    group.swap(queued_);
+    last = queuedCount_;
+  }
+  if (!group.empty()) {
+    try {
+      exec("BEGIN");
+      try {
+        for (const auto& r : group)
+          insertLocked(r);
+        exec("COMMIT");
+      } catch (...) {
+        exec("ROLLBACK");
+        throw;
+      }
+    } catch (const std::exception&) {
+      // A store that cannot write loses the group; its senders are not kept waiting.
+    }
+  }
+  {
+    const std::lock_guard queue(queueMutex_);
+    committedCount_ = std::max(committedCount_, last);
+  }
+  queueChanged_.notify_all();
+}
+
+void RequestStore::add(StoredRequest request) {
+  std::unique_lock queue(queueMutex_);
+  if (!writer_.joinable())
+    writer_ = std::thread([this] { writeGroups(); });
+  queued_.push_back(std::move(request));
+  const std::uint64_t mine = ++queuedCount_;
+  queueChanged_.notify_all();
+  queueChanged_.wait(queue, [&] { return committedCount_ >= mine; });
 }
 
 void RequestStore::insertLocked(const StoredRequest& r) const {

@@ -51,9 +51,10 @@ class RequestStore {
   RequestStore(const RequestStore&) = delete;
   RequestStore& operator=(const RequestStore&) = delete;
 
-  // Queues the request; a writer commits the queue in batches (within 20 ms), so that a
-  // burst costs one transaction per batch instead of one per request. Reads see every
-  // request added before them.
+  // Records the request and returns once it is committed. Requests that arrive while a
+  // commit runs are committed together in the next one (a group commit), so that a burst
+  // costs a transaction per group instead of one per request, and a client that got its
+  // answer finds its request in the store.
   void add(StoredRequest request);
   std::vector<StoredRequest> all() const;
 
@@ -66,16 +67,20 @@ class RequestStore {
  private:
   void exec(const char* sql) const;
   void insertLocked(const StoredRequest& request) const;
+  // Takes the queue and commits it; the database lock is held.
   void commitQueuedLocked() const;
-  void writeBatches();
+  void writeGroups();
 
   struct Closer {
     void operator()(sqlite3* db) const { sqlite3_close(db); }
   };
   std::unique_ptr<sqlite3, Closer> db_;
-  mutable std::mutex mutex_;  // the database and the queue
+  mutable std::mutex mutex_;       // the database
+  mutable std::mutex queueMutex_;  // the queue; never held while waiting for the database
+  mutable std::condition_variable queueChanged_;
   mutable std::vector<StoredRequest> queued_;
-  std::condition_variable queuedChanged_;
+  mutable std::uint64_t queuedCount_ = 0;
+  mutable std::uint64_t committedCount_ = 0;
   bool stopping_ = false;
   std::thread writer_;
 };

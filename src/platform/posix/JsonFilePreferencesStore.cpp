@@ -102,8 +102,11 @@ void JsonFilePreferencesStore::setObject(std::string_view key, Json value) {
   }
   std::lock_guard lock(mutex_);
   loadLocked();
-  values_[std::string(key)] = std::move(value);
-  dirty_ = true;
+  auto& slot = values_[std::string(key)];
+  if (slot != value) {  // an unchanged value leaves nothing to write
+    slot = std::move(value);
+    dirty_ = true;
+  }
 }
 
 void JsonFilePreferencesStore::removeObjectForKey(std::string_view key) {

@@ -32,13 +32,19 @@ struct ThreadQueue::State {
     if (!work)
       return;
     try {
+      bool earliest = false;
       {
         std::lock_guard lock(mutex);
         if (stopping)
           return;
+        earliest = items.empty() || due < items.top().due;
         items.push(Item{due, nextSequence++, std::move(work)});
       }
-      wake.notify_one();
+      // A thread that waits does so for the earliest item, or for any when there is none:
+      // only a new earliest item changes what it waits for. Waking it for every item made a
+      // burst of host calls pay a system call each.
+      if (earliest)
+        wake.notify_one();
     } catch (...) {
       // Out of memory: the item is lost, the caller is never disturbed.
     }
