@@ -350,10 +350,6 @@ class QuorvelTracker {
   // are group-committed on the serial queue within 100 ms, at the move to the background, at
   // flush and at exit.
   void persistPreferencesSoon();
-  // Queues the build of an event's request as a report of its own; under a burst the build
-  // waits until the network has room for it.
-  void scheduleEventBuild(const std::shared_ptr<platform::DispatchQueue>& queue,
-                          std::chrono::nanoseconds delay, platform::Work build);
   void persistPreferencesNow();
   void handleConversionDataAnswer(const std::optional<Bytes>& body,
                                   const std::optional<platform::URLResponse>& response,

@@ -27,6 +27,20 @@ std::string replaceCommas(const std::string& text) {
   return out;
 }
 
+// Queues the build of an event's request as a report of its own; under a burst the build
+// waits until the network has room for it. One closure, so that the host's thread pays for
+// a single allocation besides the report's ticket.
+template <typename Build>
+void scheduleEventBuild(const std::shared_ptr<ReportLedger>& ledger,
+                        const std::shared_ptr<platform::DispatchQueue>& queue,
+                        std::chrono::nanoseconds delay, Build build) {
+  queue->asyncAfter(delay,
+                    [ticket = ledger->open(), ledger, queue, build = std::move(build)]() mutable {
+                      const ReportLedger::Scope scope(ticket);
+                      ledger->buildWhenThereIsRoom(queue, inCurrentWorkContext(std::move(build)));
+                    });
+}
+
 }  // namespace
 
 void QuorvelTracker::trackEvent(const std::string& eventName,
@@ -37,44 +51,36 @@ void QuorvelTracker::trackEvent(const std::string& eventName,
           *value, eventName);
   }
   auto self = self_;
-  scheduleEventBuild(platform_->dispatcher->mainQueue(), std::chrono::milliseconds(1),
+  scheduleEventBuild(ledger_, platform_->dispatcher->mainQueue(), std::chrono::milliseconds(1),
                      [self, eventName, value] {
                        if (const auto tracker = self->pin())
                          tracker->callServerWithEventName(eventName, value, true, false);
                      });
 }
 
-void QuorvelTracker::scheduleEventBuild(const std::shared_ptr<platform::DispatchQueue>& queue,
-                                        std::chrono::nanoseconds delay, platform::Work build) {
-  auto ledger = ledger_;
-  queue->asyncAfter(
-      delay, carryReport(ledger_->open(), [ledger, queue, build = std::move(build)]() mutable {
-        ledger->buildWhenThereIsRoom(queue, inCurrentWorkContext(std::move(build)));
-      }));
-}
-
 void QuorvelTracker::trackEventWithValues(const std::string& eventName,
                                           const std::optional<Json>& values) {
   auto self = self_;
-  scheduleEventBuild(mBackgroundQueue_, std::chrono::milliseconds(100), [self, eventName, values] {
-    const auto tracker = self->pin();
-    if (!tracker)
-      return;
-    std::string text = "null";
-    if (values && !values->is_null()) {
-      const auto json = QuorvelUtils::isValidJSONObject(*values)
-                            ? QuorvelUtils::getJsonStringFromDictionary(*values)
-                            : std::nullopt;
-      if (!json) {
-        // Values that cannot be written are lost; the event still goes, without a value.
-        tracker->callServerWithEventName(eventName, std::nullopt, std::nullopt, true, false);
-        return;
-      }
-      text = *json;
-    }
-    tracker->callServerWithEventName(eventName, replaceCommas(legacyPercentEscape(text)),
-                                     std::nullopt, true, false);
-  });
+  scheduleEventBuild(
+      ledger_, mBackgroundQueue_, std::chrono::milliseconds(100), [self, eventName, values] {
+        const auto tracker = self->pin();
+        if (!tracker)
+          return;
+        std::string text = "null";
+        if (values && !values->is_null()) {
+          const auto json = QuorvelUtils::isValidJSONObject(*values)
+                                ? QuorvelUtils::getJsonStringFromDictionary(*values)
+                                : std::nullopt;
+          if (!json) {
+            // Values that cannot be written are lost; the event still goes, without a value.
+            tracker->callServerWithEventName(eventName, std::nullopt, std::nullopt, true, false);
+            return;
+          }
+          text = *json;
+        }
+        tracker->callServerWithEventName(eventName, replaceCommas(legacyPercentEscape(text)),
+                                         std::nullopt, true, false);
+      });
 }
 
 void QuorvelTracker::trackLocation(double longitude, double latitude) {
