@@ -65,7 +65,8 @@ void QuorvelTracker::persistPreferencesSoon() {
     return;  // a write is on its way and will take this change along
   auto self = self_;
   mBackgroundQueue_->asyncAfter(kGroupCommitDelay, [self] {
-    if (const auto tracker = self->pin())
+    // Nothing to do when a write made in between took the changes along.
+    if (const auto tracker = self->pin(); tracker && tracker->preferencesWriteScheduled_)
       tracker->persistPreferencesNow();
   });
 }

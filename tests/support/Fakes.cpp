@@ -34,7 +34,13 @@ void MemoryPreferencesStore::removeObjectForKey(std::string_view key) {
 bool MemoryPreferencesStore::synchronize() {
   std::lock_guard lock(mutex_);
   ++synchronizeCount_;
+  durable_ = {values_.begin(), values_.end()};
   return true;
+}
+
+std::map<std::string, Json> MemoryPreferencesStore::durable() const {
+  std::lock_guard lock(mutex_);
+  return durable_;
 }
 
 int MemoryPreferencesStore::synchronizeCount() const {

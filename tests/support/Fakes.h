@@ -21,10 +21,13 @@ class MemoryPreferencesStore final : public platform::PreferencesStore {
 
   int synchronizeCount() const;
   std::map<std::string, Json> snapshot() const;
+  // The values as of the last synchronize: what a crash would leave.
+  std::map<std::string, Json> durable() const;
 
  private:
   mutable std::mutex mutex_;
   std::map<std::string, Json, std::less<>> values_;
+  std::map<std::string, Json> durable_;
   int synchronizeCount_ = 0;
 };
 

@@ -60,6 +60,24 @@ TEST_F(LaunchAndEventsTest, LaunchLeavesAfter250msOnTheSerialQueue) {
   EXPECT_EQ(fakes.systemLog->count("Call launch request 1st time"), 1U);
 }
 
+// Event counters are written in one group within 100 ms, not once per event. (That a
+// launch is durable before it leaves is shown by the crash-safety test.)
+TEST_F(LaunchAndEventsTest, EventCountsAreWrittenInOneGroupWithin100ms) {
+  tracker->trackAppLaunch();
+  fakes.dispatcher->advance(250ms);
+  ASSERT_EQ(sent().size(), 1U);
+
+  const int writes = fakes.preferences->synchronizeCount();
+  for (int i = 0; i < 3; ++i)
+    tracker->trackEvent("level", std::nullopt);
+  fakes.dispatcher->advance(1ms);
+  ASSERT_EQ(sent().size(), 4U);
+  EXPECT_FALSE(fakes.preferences->durable().contains(keys::kInAppCounter));
+  fakes.dispatcher->advance(100ms);
+  EXPECT_EQ(fakes.preferences->durable()[keys::kInAppCounter], 3);
+  EXPECT_EQ(fakes.preferences->synchronizeCount(), writes + 1);
+}
+
 TEST_F(LaunchAndEventsTest, SessionIntervalIsStrictlyGreater) {
   struct Case {
     std::uint64_t minimum;
