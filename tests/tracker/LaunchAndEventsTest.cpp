@@ -219,15 +219,6 @@ TEST_F(LaunchAndEventsTest, DictionaryEventsGoAfter100msOnTheSerialQueue) {
   EXPECT_EQ(payload(3)["eventvalue"], "%7B%22qv_long%22:13.4%2C%22qv_lat%22:52.5%7D");
 }
 
-TEST_F(LaunchAndEventsTest, PublicCallsOnlySchedule) {
-  tracker->trackAppLaunch();
-  tracker->trackEvent("e", std::string("1"));
-  tracker->trackEventWithValues("v", Json::object());
-  EXPECT_TRUE(sent().empty());
-  EXPECT_TRUE(fakes.preferences->snapshot().empty() ||
-              !fakes.preferences->objectForKey(keys::kCounter));  // nothing counted yet
-}
-
 TEST_F(LaunchAndEventsTest, ADestroyedTrackerLeavesNothingBehindToRun) {
   tracker->trackAppLaunch();
   tracker->trackEvent("e", std::string("1"));

@@ -1,0 +1,93 @@
+// The ledger behind flush, the exit flush and the build throttle.
+#include <gtest/gtest.h>
+
+#include "net/ReportLedger.h"
+
+namespace quorvel {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Keeps what is posted; the test runs it.
+class HeldQueue final : public platform::DispatchQueue {
+ public:
+  const std::string& label() const noexcept override { return label_; }
+  void async(platform::Work work) noexcept override { held.push_back(std::move(work)); }
+  void asyncAfter(std::chrono::nanoseconds, platform::Work work) noexcept override {
+    async(std::move(work));
+  }
+  bool isCurrent() const noexcept override { return false; }
+  std::vector<platform::Work> held;
+
+ private:
+  std::string label_ = "held";
+};
+
+const QuorvelRequestCacheData kRequest("https://t.example/api?x=1", Bytes{1, 2}, "4.8.0");
+
+TEST(ReportLedger, FlushWaitsForTheReportsOpenedBeforeItOnly) {
+  ReportLedger ledger;
+  auto first = ledger.open();
+  auto second = ledger.open();
+  const auto mark = ledger.newest();
+  auto later = ledger.open();
+  second.reset();  // settled out of order
+  EXPECT_FALSE(ledger.waitSettled(mark, 0ms));
+  {
+    // Work carried on elsewhere keeps the report open.
+    const ReportLedger::Scope scope(first);
+    auto carried = ReportLedger::current();
+    first.reset();
+    EXPECT_FALSE(ledger.waitSettled(mark, 0ms));
+  }
+  EXPECT_TRUE(ledger.waitSettled(mark, 0ms));
+  EXPECT_FALSE(ledger.waitSettled(ledger.newest(), 0ms));
+  EXPECT_EQ(ledger.unsettled().size(), 1U);
+}
+
+TEST(ReportLedger, BuildsWaitForRoomAndKeepTheirOrder) {
+  ReportLedger ledger(2);
+  auto queue = std::make_shared<HeldQueue>();
+  std::vector<ReportLedger::TicketPtr> built = {ledger.open(), ledger.open()};
+  for (auto& ticket : built)
+    ticket->attach(kRequest);
+  std::vector<int> ran;
+  ledger.buildWhenThereIsRoom(queue, [&] { ran.push_back(1); });
+  ledger.buildWhenThereIsRoom(queue, [&] { ran.push_back(2); });
+  EXPECT_TRUE(ran.empty());
+  EXPECT_TRUE(queue->held.empty());
+
+  built[0].reset();  // an answer makes room for one
+  ASSERT_EQ(queue->held.size(), 1U);
+  queue->held[0]();
+  built[1].reset();
+  ASSERT_EQ(queue->held.size(), 2U);
+  queue->held[1]();
+  EXPECT_EQ(ran, (std::vector<int>{1, 2}));
+}
+
+TEST(ReportLedger, AtExitOnlyAnUnansweredRequestIsKeptAndALateAnswerFindsTheCopy) {
+  ReportLedger ledger;
+  auto onTheWire = ledger.open();
+  onTheWire->attach(kRequest);
+  auto notBuilt = ledger.open();
+  auto answered = ledger.open();
+  answered->attach(kRequest);
+  EXPECT_FALSE(answered->answered());
+
+  int writes = 0;
+  const auto keep = [&](const QuorvelRequestCacheData&) {
+    ++writes;
+    return std::optional<std::string>("kept.qv");
+  };
+  using AtExit = ReportLedger::Ticket::AtExit;
+  EXPECT_EQ(onTheWire->keepAtExit(keep), AtExit::kept);
+  EXPECT_EQ(onTheWire->keepAtExit(keep), AtExit::answered);  // never kept twice
+  EXPECT_EQ(notBuilt->keepAtExit(keep), AtExit::notBuilt);
+  EXPECT_EQ(answered->keepAtExit(keep), AtExit::answered);
+  EXPECT_EQ(writes, 1);
+  EXPECT_EQ(onTheWire->answered(), std::optional<std::string>("kept.qv"));
+}
+
+}  // namespace
+}  // namespace quorvel
