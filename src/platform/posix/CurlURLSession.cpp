@@ -17,6 +17,7 @@
 #include <mutex>
 #include <thread>
 #include <unordered_map>
+#include <utility>
 #include <variant>
 
 #include "platform/AtomicFile.h"
@@ -190,7 +191,9 @@ class CurlTask final : public URLSessionTask, public std::enable_shared_from_thi
            ">{ taskIdentifier: " + std::to_string(id_) + " }";
   }
 
-  const DataTaskCompletion& completion() const { return completion_; }
+  // Called once, on the callback queue: what the completion holds is let go after its call
+  // even while someone keeps the task.
+  DataTaskCompletion takeCompletion() { return std::exchange(completion_, DataTaskCompletion{}); }
   bool isDownload() const { return download_; }
   std::atomic<bool> cancelled{false};
 
@@ -514,12 +517,13 @@ class CurlURLSession final : public URLSession,
     const std::string downloadDir = options_.downloadDirectory;
     callbacks_->async([task, outcome, body = std::move(body), delegate, downloadDir]() mutable {
       if (!task->isDownload()) {
-        if (!task->completion())
+        const auto completion = task->takeCompletion();
+        if (!completion)
           return;
         if (const auto* response = std::get_if<URLResponse>(&outcome)) {
-          task->completion()(body, *response, std::nullopt);
+          completion(body, *response, std::nullopt);
         } else {
-          task->completion()(std::nullopt, std::nullopt, std::get<Error>(outcome));
+          completion(std::nullopt, std::nullopt, std::get<Error>(outcome));
         }
         return;
       }
