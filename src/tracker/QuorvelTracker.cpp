@@ -34,7 +34,8 @@ QuorvelTracker& QuorvelTracker::sharedTracker() {
     static NoDestructor<QuorvelTracker> tracker(currentPlatform(), QuorvelRequestCache::instance());
     // The shared session first, so that its own exit handlers are registered before this
     // one and therefore run after it: the exit flush still has a working network.
-    tracker.get().platform_->urlSessions->sharedSession();
+    if (const auto& sessions = tracker.get().platform_->urlSessions)
+      sessions->sharedSession();
     std::atexit([] { sharedTracker().flushAtExit(); });
     return tracker.get();
   }();
