@@ -19,7 +19,7 @@ namespace quorvel::platform {
 struct CurlSessionOptions {
   std::optional<std::string> extraCAFile;  // PEM, trusted besides the system's CAs
   std::chrono::milliseconds requestTimeout{60'000};
-  std::size_t maxResponseBytes = 4 * 1024 * 1024;
+  std::size_t maxResponseBytes = std::size_t{4} * 1024 * 1024;
   // Connections to one host at most; requests beyond them wait in the session.
   std::size_t maxConnectionsPerHost = 6;
   // When set, counts every connection the session opens (benchmarks and tests read it).
