@@ -54,37 +54,55 @@ Platform platformIn(const test::TempDir& dir) {
   }
 }
 
+// Kills a streaming child after `rounds` rounds and checks what it left. Runs in a process
+// of its own, so that the test's process never forks once it has threads.
+[[noreturn]] void killAndCheck(const test::TempDir& dir, int rounds) {
+  int pipeEnds[2];
+  if (::pipe(pipeEnds) != 0)
+    _exit(10);
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::close(pipeEnds[0]);
+    streamUntilKilled(dir, pipeEnds[1]);
+  }
+  ::close(pipeEnds[1]);
+  char byte = 0;
+  for (int i = 0; i < rounds; ++i) {
+    if (::read(pipeEnds[0], &byte, 1) != 1)
+      _exit(11);
+  }
+  ::kill(child, SIGKILL);  // while the child is in its next round
+  ::waitpid(child, nullptr, 0);
+
+  platform::JsonFilePreferencesStore preferences(dir /
+                                                 "app/Library/Preferences/com.quorvel.crash.json");
+  const std::int64_t counter = preferences.integerForKey(keys::kCounter);
+  if (counter < rounds)
+    _exit(12);  // unreadable, or launches that left were not counted
+  QuorvelRequestCache cache(std::make_shared<const Platform>(platformIn(dir)), nullptr);
+  for (const auto& request : cache.getCachedRequests()) {
+    const auto payload = test::decryptPayload(kKey, request.postData().value_or(Bytes()));
+    if (!payload.is_object())
+      _exit(13);  // a cache file that is not whole
+    if (payload["event"] == "Launched" &&
+        std::stoll(payload["counter"].get<std::string>()) > counter)
+      _exit(14);  // a launch that left would be counted again by the next start
+  }
+  _exit(0);
+}
+
 TEST(CrashSafety, KillAtAnyMomentLeavesFilesWholeAndNeverRecountsALaunch) {
   test::TempDir dir;
   for (const int rounds : {1, 3, 7, 12}) {
-    int pipeEnds[2];
-    ASSERT_EQ(::pipe(pipeEnds), 0);
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-      ::close(pipeEnds[0]);
-      streamUntilKilled(dir, pipeEnds[1]);
-    }
-    ::close(pipeEnds[1]);
-    char byte = 0;
-    for (int i = 0; i < rounds; ++i)
-      ASSERT_EQ(::read(pipeEnds[0], &byte, 1), 1);
-    ::kill(child, SIGKILL);  // while the child is in its next round
+    const pid_t checker = ::fork();
+    ASSERT_GE(checker, 0);
+    if (checker == 0)
+      killAndCheck(dir, rounds);
     int status = 0;
-    ::waitpid(child, &status, 0);
-    ::close(pipeEnds[0]);
-
-    platform::JsonFilePreferencesStore preferences(
-        dir / "app/Library/Preferences/com.quorvel.crash.json");
-    const std::int64_t counter = preferences.integerForKey(keys::kCounter);
-    ASSERT_GE(counter, rounds);
-    QuorvelRequestCache cache(std::make_shared<const Platform>(platformIn(dir)), nullptr);
-    for (const auto& request : cache.getCachedRequests()) {
-      const auto payload = test::decryptPayload(kKey, request.postData().value_or(Bytes()));
-      ASSERT_TRUE(payload.is_object()) << request.cacheKey().value_or("");
-      if (payload["event"] == "Launched")
-        EXPECT_LE(std::stoll(payload["counter"].get<std::string>()), counter);
-    }
+    ::waitpid(checker, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status)) << rounds;
+    // 12: counter not durable; 13: a torn cache file; 14: a launch counted again.
+    EXPECT_EQ(WEXITSTATUS(status), 0) << "after " << rounds << " rounds";
   }
 }
 

@@ -250,7 +250,10 @@ class CurlURLSession final : public URLSession,
     if (worker_.joinable()) {
       if (worker_.get_id() == std::this_thread::get_id()) {
         worker_.detach();
-        return;  // the worker still runs on this stack: leave the handle to the process
+        // The worker still runs on this stack: its handles and trust store stay with the
+        // process.
+        (void)trustStore_.release();  // NOLINT(bugprone-unused-return-value)
+        return;
       }
       worker_.join();
     }
@@ -258,6 +261,9 @@ class CurlURLSession final : public URLSession,
       curl_multi_cleanup(multi_);
     if (share_ != nullptr)
       curl_share_cleanup(share_);
+    // OpenSSL state is freed here, inside the teardown that an exit waits for, not after it
+    // with the members.
+    trustStore_.reset();
   }
 
   std::shared_ptr<URLSessionTask> dataTask(URLRequest request,
