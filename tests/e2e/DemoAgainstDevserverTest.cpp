@@ -234,7 +234,7 @@ TEST_F(DemoAgainstDevserver, EventsTrackedJustBeforeMainReturnsArriveExactlyOnce
     const BlackHole hole(state["port"].get<int>());
     ASSERT_TRUE(hole.bound());
     const auto kept =
-        demo({"--final-flush", "0", "--exit-flush", "0.3", "--verbose", "event kept_at_exit"});
+        demo({"--final-flush", "0", "--exit-flush", "1", "--verbose", "event kept_at_exit"});
     EXPECT_NE(kept.err.find("1 requests still unanswered"), std::string::npos) << kept.err;
     EXPECT_EQ(cachedFiles(), 1U);
   }
