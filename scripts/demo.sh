@@ -13,9 +13,12 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
-bash scripts/build.sh dev
+# Only what the session runs, optimised: the library and the two tools.
+jobs="$(nproc 2>/dev/null || echo 2)"
+cmake --preset release -DQUORVEL_BUILD_TESTS=OFF >/dev/null
+cmake --build --preset release --parallel "$jobs" --target quorvel-demo quorvel-devserver
 
-bin=./build/dev/tools
+bin=./build/release/tools
 state="${QUORVEL_DEMO_STATE:-$PWD/build/demo-state}"
 rm -rf "$state"
 mkdir -p "$state"
