@@ -64,7 +64,7 @@ void ReportLedger::State::built() {
 }
 
 ReportLedger::TicketPtr ReportLedger::open() {
-  auto ticket = std::make_shared<Ticket>(state_, 0);
+  auto ticket = std::make_shared<Ticket>(state_);
   const std::lock_guard lock(state_->mutex);
   ticket->id_ = state_->firstId + state_->entries.size();
   state_->entries.push_back(State::Entry{ticket, true});

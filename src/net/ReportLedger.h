@@ -5,8 +5,8 @@
 // A report is a Ticket. The public call opens it; every piece of work done for the report
 // runs with the ticket as its work context, so that work it schedules in turn (a queued
 // block, a request's completion, the replay of the cache that an answer starts) carries the
-// same ticket on. The report settles
-// when the last holder lets its ticket go. `waitSettled` is what `flush` waits on.
+// same ticket on. The report settles when the last holder lets its ticket go. `waitSettled`
+// is what `flush` waits on.
 #pragma once
 
 #include <chrono>
@@ -33,13 +33,10 @@ class ReportLedger {
  public:
   class Ticket {
    public:
-    Ticket(std::shared_ptr<State> state, std::uint64_t id) : state_(std::move(state)), id_(id) {}
+    explicit Ticket(std::shared_ptr<State> state) : state_(std::move(state)) {}
     ~Ticket();
     Ticket(const Ticket&) = delete;
     Ticket& operator=(const Ticket&) = delete;
-
-    std::uint64_t id() const noexcept { return id_; }
-    friend class ReportLedger;
 
     // The request that carries the report, once it is on the wire.
     void attach(const QuorvelRequestCacheData& request);
@@ -58,7 +55,8 @@ class ReportLedger {
 
    private:
     std::shared_ptr<State> state_;
-    std::uint64_t id_;  // set once by open(), before the ticket is shared
+    friend class ReportLedger;
+    std::uint64_t id_ = 0;  // set once by open(), before the ticket is shared
     std::mutex mutex_;
     std::optional<QuorvelRequestCacheData> request_;
     bool built_ = false;
