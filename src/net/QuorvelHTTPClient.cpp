@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "log/Log.h"
+#include "util/BoundedJson.h"
 #include "tracker/PreferenceKeys.h"
 #include "util/PercentEscape.h"
 #include "util/QuorvelUtils.h"
@@ -126,7 +127,7 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
   qvLog(kLogDebug, kMethod, "sent information to server, status = %ld",
         response ? response->statusCode : 0L);
   const std::string text = body ? std::string(body->begin(), body->end()) : std::string();
-  const Json parsed = Json::parse(text, nullptr, false);
+  const Json parsed = parseBoundedJson(text);
   auto& proxy = QuorvelProxyManager::sharedManager();
   if (parsed.is_discarded()) {
     proxy.dropPreLaunchData();
@@ -254,7 +255,7 @@ std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::getHopline(
         }
         if (body && response && response->mimeType == "application/json" &&
             response->statusCode == 200) {
-          const Json parsed = Json::parse(body->begin(), body->end(), nullptr, false);
+          const Json parsed = parseBoundedJson(std::string(body->begin(), body->end()));
           if (parsed.is_discarded()) {
             completionHandler(std::nullopt, jsonParserError());
             return;

@@ -6,6 +6,7 @@
 #include "cache/QuorvelRequestCache.h"
 #include "device/QVSDKiAdClient.h"
 #include "log/Log.h"
+#include "util/HostInput.h"
 #include "net/QuorvelHTTPClient.h"
 #include "net/ReportLedger.h"
 #include "tracker/TrackerLifetime.h"
@@ -104,6 +105,7 @@ std::optional<std::string> QuorvelTracker::quorvelDevKey() const {
 }
 
 void QuorvelTracker::setQuorvelDevKey(std::optional<std::string> key) {
+  key = hostText(key);
   write(quorvelDevKey_, key);
   // Key derivation is deferred to each encryption; making the cipher only draws the IV.
   auto cipher = std::make_shared<const QuorvelAES128Crypto>(std::move(key), platform_->random);
@@ -118,7 +120,7 @@ std::optional<std::string> QuorvelTracker::appleAppID() const {
   return read(appleAppID_);
 }
 void QuorvelTracker::setAppleAppID(std::optional<std::string> appID) {
-  write(appleAppID_, std::move(appID));
+  write(appleAppID_, hostText(appID));
 }
 
 std::optional<std::string> QuorvelTracker::customerUserID() const {
@@ -127,7 +129,7 @@ std::optional<std::string> QuorvelTracker::customerUserID() const {
 
 void QuorvelTracker::setCustomerUserID(std::optional<std::string> customerUserID) {
   qvLog(kLogDebug, "-[QuorvelTracker setCustomerUserID:]", "SetCustomerId = %@", customerUserID);
-  write(customerUserID_, std::move(customerUserID));
+  write(customerUserID_, hostText(customerUserID));
 }
 
 std::optional<Json> QuorvelTracker::customData() const {
@@ -140,7 +142,7 @@ void QuorvelTracker::setAdditionalData(std::optional<Json> customData) {
   if (!customData || customData->is_null())
     return;
   qvLog(kLogDebug, "-[QuorvelTracker setAdditionalData:]", "setCustomData = %@", *customData);
-  customData_ = std::move(customData);
+  customData_ = hostJson(customData);
 }
 
 void QuorvelTracker::setUserEmails(const std::vector<std::string>& emails, int cryptType) {
@@ -149,8 +151,10 @@ void QuorvelTracker::setUserEmails(const std::vector<std::string>& emails, int c
 
 void QuorvelTracker::setUserEmails(const Json& emails, int cryptType) {
   std::vector<Json> list;
-  if (emails.is_array())
-    list.assign(emails.begin(), emails.end());
+  if (emails.is_array()) {
+    for (const auto& entry : emails)
+      list.push_back(hostJson(entry));
+  }
   std::lock_guard lock(monitor_);
   userEmails_ =
       emails.is_array() ? std::optional<std::vector<Json>>(std::move(list)) : std::nullopt;
@@ -161,7 +165,7 @@ std::optional<std::string> QuorvelTracker::currencyCode() const {
   return read(currencyCode_);
 }
 void QuorvelTracker::setCurrencyCode(std::optional<std::string> code) {
-  write(currencyCode_, std::move(code));
+  write(currencyCode_, hostText(code));
 }
 
 bool QuorvelTracker::isDebug() const {
@@ -234,14 +238,14 @@ std::optional<std::string> QuorvelTracker::appInviteHoplineID() const {
   return read(appInviteHoplineID_);
 }
 void QuorvelTracker::setAppInviteHopline(std::optional<std::string> hoplineID) {
-  write(appInviteHoplineID_, std::move(hoplineID));
+  write(appInviteHoplineID_, hostText(hoplineID));
 }
 
 std::string QuorvelTracker::advertiserId() const {
   return read(advertiserId_);
 }
 void QuorvelTracker::setAdvertiserId(std::string advertiserId) {
-  write(advertiserId_, std::move(advertiserId));
+  write(advertiserId_, hostText(advertiserId));
 }
 
 std::string QuorvelTracker::host() const {
@@ -249,7 +253,7 @@ std::string QuorvelTracker::host() const {
 }
 
 void QuorvelTracker::setHost(std::optional<std::string> host) {
-  write(host_, host ? std::string(*host) : std::string(kQuorvelDefaultHost));
+  write(host_, host ? hostText(*host) : std::string(kQuorvelDefaultHost));
 }
 
 std::uint64_t QuorvelTracker::minTimeBetweenSessions() const {

@@ -2,6 +2,7 @@
 #include <quorvel/QuorvelTracker.h>
 
 #include "log/Log.h"
+#include "util/BoundedJson.h"
 #include "net/ReportLedger.h"
 #include "tracker/PreferenceKeys.h"
 #include "tracker/TrackerLifetime.h"
@@ -130,7 +131,7 @@ void QuorvelTracker::handleConversionDataAnswer(
   prefs.synchronize();
 
   const std::string text = body ? std::string(body->begin(), body->end()) : std::string();
-  Json parsed = Json::parse(text, nullptr, false);
+  Json parsed = parseBoundedJson(text);
   std::optional<Error> failure;
   if (parsed.is_discarded()) {
     failure = jsonParserError();

@@ -2,6 +2,7 @@
 #include <quorvel/QuorvelTracker.h>
 
 #include "log/Log.h"
+#include "util/HostInput.h"
 
 namespace quorvel {
 
@@ -17,9 +18,9 @@ void QuorvelTracker::handleOpenURL(const std::string& url,
     // The first link of a launch wins.
     std::lock_guard lock(fieldsMutex_);
     if (!deeplink_)
-      deeplink_ = url;
+      deeplink_ = hostText(url);
     if (!sourceApplication_)
-      sourceApplication_ = sourceApplication;
+      sourceApplication_ = hostText(sourceApplication);
   }
   qvLog(kLogDebug, "-[QuorvelTracker handleOpenURL:sourceApplication:withAnnotation:]",
         "HandleOpenUrl: %@", deeplink());
@@ -33,9 +34,9 @@ void QuorvelTracker::handleOpenURL(const std::string& url,
 void QuorvelTracker::handleOpenUrl(const std::string& url,
                                    const std::optional<QuorvelOpenURLOptions>& options) {
   qvLog(kLogDebug, "-[QuorvelTracker handleOpenUrl:options:]", "handleOpenUrl: %@", url);
-  setDeeplink(url);
+  setDeeplink(hostText(url));
   if (options)
-    setSourceApplication(options->sourceApplication);
+    setSourceApplication(hostText(options->sourceApplication));
 }
 
 bool QuorvelTracker::continueUserActivity(
@@ -45,7 +46,7 @@ bool QuorvelTracker::continueUserActivity(
         "User Activity: %@, restoration Handler: %@", userActivity.description(),
         restorationHandler ? "<__NSMallocBlock__>" : "(null)");
   if (userActivity.activityType == kQuorvelUserActivityTypeBrowsingWeb && userActivity.webpageURL) {
-    setDeeplink(userActivity.webpageURL);
+    setDeeplink(hostText(userActivity.webpageURL));
   }
   return true;
 }
@@ -59,7 +60,7 @@ void QuorvelTracker::handlePushNotification(const Json& pushPayload) {
   std::optional<Json> entry;
   if (pushPayload.is_object()) {
     if (const auto it = pushPayload.find("qv"); it != pushPayload.end() && !it->is_null())
-      entry = *it;
+      entry = hostJson(*it);
   }
   setPushPayload(entry);
   qvLog(kLogDebug, "-[QuorvelTracker handlePushNotification:]",

@@ -2,6 +2,7 @@
 #include <quorvel/QuorvelTracker.h>
 
 #include "log/Log.h"
+#include "util/HostInput.h"
 #include "net/QuorvelHTTPClient.h"
 #include "net/ReportLedger.h"
 #include "tracker/TrackerLifetime.h"
@@ -54,8 +55,10 @@ void scheduleEventBuild(const std::shared_ptr<TrackerLifetime>& self, ReportLedg
 
 }  // namespace
 
-void QuorvelTracker::trackEvent(const std::string& eventName,
-                                const std::optional<std::string>& value) {
+void QuorvelTracker::trackEvent(const std::string& hostEventName,
+                                const std::optional<std::string>& hostValue) {
+  const std::string eventName = hostText(hostEventName);
+  const auto value = hostText(hostValue);
   if (looksLikeRevenue(value)) {
     qvLog(kLogDebug, "-[QuorvelTracker trackEvent:withValue:]",
           "Quorvel: numeric value '%@' for event '%@' will be categorized as a revenue event.",
@@ -67,8 +70,10 @@ void QuorvelTracker::trackEvent(const std::string& eventName,
                      });
 }
 
-void QuorvelTracker::trackEventWithValues(const std::string& eventName,
-                                          const std::optional<Json>& values) {
+void QuorvelTracker::trackEventWithValues(const std::string& hostEventName,
+                                          const std::optional<Json>& hostValues) {
+  const std::string eventName = hostText(hostEventName);
+  const auto values = hostJson(hostValues);
   scheduleEventBuild(
       self_, *ledger_, *mBackgroundQueue_, false, std::chrono::milliseconds(100),
       [eventName, values](QuorvelTracker& tracker) {

@@ -152,8 +152,11 @@ QuorvelDictionary QuorvelTracker::getEventParameters(bool isLaunch) {
   {
     std::lock_guard lock(monitor_);
     if (customData_) {
-      if (customData_->is_object() && QuorvelUtils::isValidJSONObject(*customData_)) {
-        d.setParameter(Json(stringify(*customData_)), "customData");
+      const auto text = customData_->is_object() && QuorvelUtils::isValidJSONObject(*customData_)
+                            ? QuorvelUtils::getJsonStringFromDictionary(*customData_)
+                            : std::nullopt;
+      if (text) {
+        d.setParameter(Json(*text), "customData");
       } else {
         qvLog(kLogWarning, kMethod, "customData is not valid json data");
       }
@@ -254,16 +257,24 @@ void QuorvelTracker::deliverAppOpenAttribution(const Json& attribution) {
 }
 
 void QuorvelTracker::pushPayloadStep(QuorvelDictionary& d) {
-  const auto payload = pushPayload();
+  // Taken before it is written, so that a payload that cannot be written is not retried
+  // by every later launch.
+  std::optional<Json> payload;
+  {
+    std::lock_guard lock(fieldsMutex_);
+    payload.swap(pushPayload_);
+  }
   if (!payload)
     return;
-  if (payload->is_object() && QuorvelUtils::isValidJSONObject(*payload)) {
+  const auto text = payload->is_object() && QuorvelUtils::isValidJSONObject(*payload)
+                        ? QuorvelUtils::getJsonStringFromDictionary(*payload)
+                        : std::nullopt;
+  if (text) {
     // Deliberately the same key as the deep link: the push payload replaces it.
-    d.setParameter(Json(payload->dump()), "qv_deeplink");
+    d.setParameter(Json(*text), "qv_deeplink");
   } else {
     qvLog(kLogError, kMethod, "pushPayload is not valid json data");
   }
-  setPushPayload(std::nullopt);
 }
 
 void QuorvelTracker::advertisingIdentifierStep(QuorvelDictionary& d) {

@@ -4,6 +4,8 @@
 
 #include "cache/QuorvelRequestCacheData.h"
 #include "log/Log.h"
+#include "util/BoundedJson.h"
+#include "util/HostInput.h"
 #include "net/QuorvelHTTPClient.h"
 #include "net/ReportLedger.h"
 #include "tracker/TrackerLifetime.h"
@@ -99,7 +101,7 @@ void QuorvelTracker::validateAndTrackInAppPurchase(
         failure(error, bytes ? Json::binary(*bytes) : Json());
     } else {
       const std::string text = bytes ? std::string(bytes->begin(), bytes->end()) : std::string();
-      const Json parsed = Json::parse(text, nullptr, false);
+      const Json parsed = parseBoundedJson(text);
       if (parsed.is_discarded()) {
         if (failure) {
           failure(jsonParserError(), Json());
@@ -120,11 +122,15 @@ void QuorvelTracker::validateAndTrackInAppPurchase(
   write(validateRequest_, task);
 }
 
-void QuorvelTracker::validatePurchaseEvent(const std::optional<std::string>& productIdentifier,
-                                           const std::optional<std::string>& price,
-                                           const std::optional<std::string>& currency,
-                                           const std::optional<std::string>& transactionId,
+void QuorvelTracker::validatePurchaseEvent(const std::optional<std::string>& hostProductIdentifier,
+                                           const std::optional<std::string>& hostPrice,
+                                           const std::optional<std::string>& hostCurrency,
+                                           const std::optional<std::string>& hostTransactionId,
                                            const Json& receiptData) {
+  const auto productIdentifier = hostText(hostProductIdentifier);
+  const auto price = hostText(hostPrice);
+  const auto currency = hostText(hostCurrency);
+  const auto transactionId = hostText(hostTransactionId);
   QuorvelDictionary parameters = getEventParameters(false);
   parameters.setParameter(stringOrEmpty(transactionId), "apple_tran_id");
   parameters.setParameter(stringOrEmpty(currency), "currency");

@@ -65,7 +65,9 @@ std::string serialize(const Json& value) {
   if (!isRepresentable(value)) {
     throw std::invalid_argument("Invalid type in JSON write");
   }
-  return value.dump();  // throws on invalid UTF-8
+  // Host text is made valid where it enters; a bad byte from anywhere else (a device name,
+  // say) still must not cost the report, so it is replaced rather than refused.
+  return value.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 std::string trimBlanksAndTabs(const std::string& s) {

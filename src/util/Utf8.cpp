@@ -21,6 +21,16 @@ std::size_t sequenceLength(std::string_view s, std::size_t i) {
     return 0;
   if (i + n > s.size())
     return 0;
+  // The second byte's range excludes overlong forms, surrogates and code points above
+  // U+10FFFF, which a strict JSON writer refuses.
+  const auto second = static_cast<unsigned char>(s[i + 1]);
+  const bool secondInRange = (c == 0xE0)   ? second >= 0xA0
+                             : (c == 0xED) ? second <= 0x9F
+                             : (c == 0xF0) ? second >= 0x90
+                             : (c == 0xF4) ? second <= 0x8F
+                                           : true;
+  if (!secondInRange)
+    return 0;
   for (std::size_t k = 1; k < n; ++k) {
     if ((static_cast<unsigned char>(s[i + k]) & 0xC0U) != 0x80U)
       return 0;

@@ -14,6 +14,7 @@
 #include <quorvel/Json.h>
 
 #include "support/Eventually.h"
+#include "support/LoopbackListener.h"
 #include "support/Subprocess.h"
 #include "support/TempDir.h"
 
@@ -37,29 +38,6 @@ bool acceptsConnections(int port) {
   ::close(fd);
   return connected;
 }
-
-// Takes connections on a loopback port and never answers: requests to it stay on the wire.
-class BlackHole {
- public:
-  explicit BlackHole(int port) : fd_(::socket(AF_INET, SOCK_STREAM, 0)) {
-    const int yes = 1;
-    ::setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bound_ = ::bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
-             ::listen(fd_, 16) == 0;
-  }
-  ~BlackHole() { ::close(fd_); }
-  BlackHole(const BlackHole&) = delete;
-  BlackHole& operator=(const BlackHole&) = delete;
-  bool bound() const { return bound_; }
-
- private:
-  int fd_;
-  bool bound_ = false;
-};
 
 class DemoAgainstDevserver : public ::testing::Test {
  protected:
@@ -231,7 +209,7 @@ TEST_F(DemoAgainstDevserver, EventsTrackedJustBeforeMainReturnsArriveExactlyOnce
   fault("offline");
   {
     // The service's port takes the request and never answers it.
-    const BlackHole hole(state["port"].get<int>());
+    const test::LoopbackListener hole(state["port"].get<int>());
     ASSERT_TRUE(hole.bound());
     const auto kept =
         demo({"--final-flush", "0", "--exit-flush", "1", "--verbose", "event kept_at_exit"});

@@ -119,7 +119,6 @@ TEST_F(CurlSessionTest, TransportFailuresAreErrorsNotResponses) {
   const Case cases[] = {
       {"https://localhost:1/", -1004},                    // refused
       {"https://t." + server.domain() + "/slow", -1001},  // timeout
-      {"https://t." + server.domain() + "/big", -1103},   // over the size cap
       {"https://other.localhost:" + std::to_string(server.port()) + "/",
        -1202},  // name not in the certificate
   };

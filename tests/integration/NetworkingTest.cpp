@@ -15,6 +15,7 @@
 #include "platform/AtomicFile.h"
 #include "platform/posix/PosixServices.h"
 #include "support/Eventually.h"
+#include "support/LoopbackListener.h"
 #include "support/TempDir.h"
 #include "support/TlsTestServer.h"
 #include "util/QuorvelUtils.h"
@@ -144,18 +145,44 @@ TEST_F(NetworkingTest, TimeoutsAndBrokenAnswersAreTransportFailures) {
                                  sink.write("{\"monitor\":", 11);
                                  return true;
                                });
-    } else if (req.path == "/huge") {
-      res.set_content(std::string(1'000'000, ' '), "application/json");
     } else {
       res.set_content("{}", "application/json");
     }
   });
-  for (const char* path : {"/slow?a=1", "/cut?a=1", "/huge?a=1"}) {
+  for (const char* path : {"/slow?a=1", "/cut?a=1"}) {
     const auto before = cacheFiles().size();
     tracker->httpClient()->sendRequestEventToServer(
         QuorvelRequestCacheData(url(path), Bytes{1}, "4.8.0"), false, std::nullopt, false, nullptr);
     EXPECT_TRUE(eventually([&] { return cacheFiles().size() == before + 1; })) << path;
   }
+}
+
+TEST_F(NetworkingTest, HostileAnswersNeitherCrashNorLeaveTlsNorReplay) {
+  makeTracker(10s, 1 << 20);
+  test::LoopbackListener plain;
+  ASSERT_TRUE(plain.bound());
+  const std::string deep = std::string(300'000, '[') + std::string(300'000, ']');
+  server->onRequest([&](const httplib::Request& req, httplib::Response& res) {
+    if (req.path == "/deep") {
+      res.set_content(deep, "application/json");
+    } else if (req.path == "/huge") {
+      res.set_content(std::string(2'000'000, ' '), "application/json");
+    } else if (req.path == "/redirect") {
+      res.status = 307;
+      res.set_header("Location", "http://127.0.0.1:" + std::to_string(plain.port()) + "/x?a=1");
+    }
+  });
+  // Answers that reached the client, however unreadable, are delivered: never cached.
+  for (const char* path : {"/deep?a=1", "/huge?a=1"}) {
+    ASSERT_TRUE(send(url(path))) << path;
+    EXPECT_TRUE(cacheFiles().empty()) << path;
+  }
+  // A redirect out of TLS is not followed: the request is kept for a later try instead.
+  tracker->httpClient()->sendRequestEventToServer(
+      QuorvelRequestCacheData(url("/redirect?a=1"), Bytes{1}, "4.8.0"), false, std::nullopt, false,
+      nullptr);
+  EXPECT_TRUE(eventually([&] { return cacheFiles().size() == 1; }));
+  EXPECT_FALSE(plain.connectionArrived());
 }
 
 TEST_F(NetworkingTest, ShortLinkSignatureIsCheckedByTheServer) {

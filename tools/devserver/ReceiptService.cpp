@@ -43,7 +43,7 @@ ServiceResponse Emulator::receiptValidation(const ServiceRequest& request, Store
     return errorResponse(403, "unknown app id " + appId.value_or("(none)"));
   if (request.param("dev_key") != devKey)
     return errorResponse(403, "developer key does not match app " + *appId);
-  const Json body = Json::parse(request.body, nullptr, false);
+  const Json body = parseRequestJson(request.body);
   if (!body.is_discarded())
     record.decrypted = body;
   if (!body.is_object())

@@ -1,4 +1,5 @@
 #include "RequestReport.h"
+#include "ServiceRequest.h"
 
 #include <openssl/evp.h>
 
@@ -114,7 +115,7 @@ void printRequestsText(std::ostream& out, const std::vector<StoredRequest>& requ
         << "  -> " << r.status << (r.note.empty() ? "" : "  " + r.note) << "\n";
     std::optional<Json> shown = r.decrypted;
     if (!shown && !r.body.empty()) {
-      Json parsed = Json::parse(r.body, nullptr, false);
+      Json parsed = parseRequestJson(r.body);
       if (!parsed.is_discarded())
         shown = std::move(parsed);
     }

@@ -72,4 +72,21 @@ std::optional<std::string> ServiceRequest::param(const std::string& name) const 
   return std::nullopt;
 }
 
+nlohmann::ordered_json parseRequestJson(const std::string& text) {
+  using Json = nlohmann::ordered_json;
+  constexpr int kMaxDepth = 128;
+  struct TooDeep {};
+  // The parser itself is iterative; the callback only sees the depth and stops it early.
+  const Json::parser_callback_t bound = [](int depth, Json::parse_event_t, Json&) {
+    if (depth > kMaxDepth)
+      throw TooDeep{};
+    return true;
+  };
+  try {
+    return Json::parse(text, bound, /*allow_exceptions=*/false);
+  } catch (const TooDeep&) {
+    return Json(Json::value_t::discarded);
+  }
+}
+
 }  // namespace quorvel::devserver

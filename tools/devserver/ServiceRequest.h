@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 namespace quorvel::devserver {
 
 struct ServiceRequest {
@@ -35,5 +37,10 @@ struct ServiceResponse {
 // Splits "a=1&b=x%20y" into decoded pairs, in order.
 std::vector<std::pair<std::string, std::string>> parseQuery(const std::string& query);
 std::string percentDecode(const std::string& text);
+
+// Request text parsed as JSON, or a discarded value when it is not JSON or nests deeper
+// than 128 levels: a client must not be able to make the emulator recurse without bound
+// when it records, prints or answers.
+nlohmann::ordered_json parseRequestJson(const std::string& text);
 
 }  // namespace quorvel::devserver

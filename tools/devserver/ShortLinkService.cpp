@@ -50,7 +50,7 @@ ServiceResponse Emulator::shortLinks(const ServiceRequest& request, StoredReques
     return r;
   }
   if (request.method == "POST") {
-    const Json body = Json::parse(request.body, nullptr, false);
+    const Json body = parseRequestJson(request.body);
     if (!body.is_object() || !body.contains("data") || !body["data"].is_object())
       return errorResponse(400, "short link: body needs a \"data\" object");
     record.decrypted = body;

@@ -48,7 +48,7 @@ ServiceResponse Emulator::tracking(const ServiceRequest& request, StoredRequest&
   const auto clear = decryptPayload(*devKey, request.body);
   if (!clear)
     return errorResponse(400, "body does not decrypt with the developer key of app " + *appId);
-  Json payload = Json::parse(*clear, nullptr, false);
+  Json payload = parseRequestJson(*clear);
   if (payload.is_discarded()) {
     record.decrypted = Json(*clear);
     return errorResponse(400, "decrypted body is not JSON");
@@ -74,7 +74,7 @@ ServiceResponse Emulator::plainJsonPost(const ServiceRequest& request, StoredReq
   const auto devKey = devKeyOf(appId);
   if (!devKey)
     return errorResponse(403, "unknown app id " + appId.value_or("(none)"));
-  const Json body = Json::parse(request.body, nullptr, false);
+  const Json body = parseRequestJson(request.body);
   if (!body.is_object())
     return errorResponse(400, what + ": body is not a JSON object");
   // Statistics and registrations name the developer key; it has to be the app's.

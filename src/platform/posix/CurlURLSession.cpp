@@ -478,12 +478,13 @@ class CurlURLSession final : public URLSession,
       return;
     std::unique_ptr<Transfer> t = std::move(it->second);
     active_.erase(it);
-    if (code != CURLE_OK) {
-      const std::string detail = t->tooLarge
-                                     ? "the response exceeds " + std::to_string(t->limit) + " bytes"
-                                     : std::string(t->errorBuffer);
-      deliver(*t, transportError(t->tooLarge ? CURLE_FILESIZE_EXCEEDED : code, detail));
+    if (code != CURLE_OK && !t->tooLarge) {
+      deliver(*t, transportError(code, std::string(t->errorBuffer)));
     } else {
+      // An answer over the cap did reach us: the service has the request, so it is an answer
+      // whose body cannot be read (empty), never a transport failure that would replay it.
+      if (t->tooLarge)
+        t->body.clear();
       URLResponse response;
       long status = 0;
       curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);

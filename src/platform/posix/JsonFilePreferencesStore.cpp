@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "log/Log.h"
+#include "util/BoundedJson.h"
 #include "platform/AtomicFile.h"
 #include "util/Base64.h"
 
@@ -75,7 +76,7 @@ void JsonFilePreferencesStore::loadLocked() const {
   std::stringstream buffer;
   buffer << in.rdbuf();
   const std::string text = buffer.str();
-  Json parsed = Json::parse(text, nullptr, false);
+  Json parsed = parseBoundedJson(text);
   if (parsed.is_discarded() || !parsed.is_object()) {
     const std::string aside = path_ + ".corrupt";
     std::rename(path_.c_str(), aside.c_str());
