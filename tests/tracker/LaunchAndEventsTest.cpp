@@ -219,6 +219,73 @@ TEST_F(LaunchAndEventsTest, DictionaryEventsGoAfter100msOnTheSerialQueue) {
   EXPECT_EQ(payload(3)["eventvalue"], "%7B%22qv_long%22:13.4%2C%22qv_lat%22:52.5%7D");
 }
 
+TEST_F(LaunchAndEventsTest, BadBytesFromTheHostCostACharacterNeverTheReport) {
+  const std::string bad = "a\xff\xc3";  // a stray byte and a cut sequence
+  const std::string fixed = "a\xEF\xBF\xBD\xEF\xBF\xBD";
+  struct Case {
+    const char* name;
+    std::function<void(QuorvelTracker&)> call;
+    const char* key;  // the payload key that carries the text
+    std::string expected;
+  };
+  const Case cases[] = {
+      {"event name", [&](auto& t) { t.trackEvent(bad, bad); }, "event", fixed},
+      {"event value", [&](auto& t) { t.trackEvent("e", bad); }, "eventvalue", fixed},
+      {"event values", [&](auto& t) { t.trackEventWithValues(bad, Json{{bad, 1}}); }, "event",
+       fixed},
+      {"customer id",
+       [&](auto& t) {
+         t.setCustomerUserID(bad);
+         t.trackEvent("e", std::nullopt);
+       },
+       "appUID", fixed},
+      {"custom data",
+       [&](auto& t) {
+         t.setAdditionalData(Json{{"k", bad}});
+         t.trackEvent("e", std::nullopt);
+       },
+       "customData", "{\"k\":\"" + fixed + "\"}"},
+      {"deep custom data",
+       [&](auto& t) {
+         Json deep = Json::array();
+         for (int i = 0; i < 200; ++i)
+           deep = Json::array({deep});
+         t.setAdditionalData(Json{{"k", deep}});
+         t.trackEvent("e", std::nullopt);
+       },
+       "customData", ""},
+      {"push payload",
+       [&](auto& t) {
+         t.handlePushNotification(Json{{"qv", Json{{"c", bad}}}});
+         t.trackAppLaunch();
+       },
+       "qv_deeplink", "{\"c\":\"" + fixed + "\"}"},
+  };
+  for (const auto& c : cases) {
+    fakes.systemLog->clear();
+    tracker->setAdditionalData(Json::object());
+    tracker->setCustomerUserID(std::nullopt);
+    const auto before = sent().size();
+    c.call(*tracker);
+    fakes.dispatcher->advance(10s);
+    ASSERT_GT(sent().size(), before) << c.name;
+    const Json p = payload(before);  // the report; a launch may add other requests
+    ASSERT_FALSE(p.is_discarded()) << c.name;
+    if (c.expected.empty()) {
+      EXPECT_FALSE(p.contains(c.key)) << c.name;
+      EXPECT_EQ(fakes.systemLog->count("customData is not valid json data"), 1U) << c.name;
+    } else {
+      EXPECT_EQ(p.value(c.key, ""), c.expected) << c.name;
+    }
+  }
+  // The push payload went with one launch only.
+  const auto before = sent().size();
+  tracker->trackAppLaunch();
+  fakes.dispatcher->advance(10s);
+  ASSERT_GT(sent().size(), before);
+  EXPECT_FALSE(payload(before).contains("qv_deeplink"));
+}
+
 TEST_F(LaunchAndEventsTest, ADestroyedTrackerLeavesNothingBehindToRun) {
   tracker->trackAppLaunch();
   tracker->trackEvent("e", std::string("1"));
