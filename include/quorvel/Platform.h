@@ -59,7 +59,8 @@ struct PosixPlatformOptions {
   Json extraInfo = Json::object();           // merged into the info dictionary
   std::optional<std::string> receiptPath;    // the store receipt file
   std::string dataDirectory;                 // the app's own data (Library, tmp)
-  std::string keychainDirectory;             // outlives the app's data
+  // Outlives the app's data; one per app (the default is kept per bundle identifier).
+  std::string keychainDirectory;
   std::optional<std::string> deviceName;     // default: host name
   std::optional<std::string> systemVersion;  // default: os-release VERSION_ID
   bool multitaskingSupported = true;

@@ -34,6 +34,18 @@ std::string homeBased(const char* xdgVariable, const char* fallbackUnderHome) {
   return "/tmp/quorvel-" + std::to_string(getuid());
 }
 
+// A bundle identifier as one directory name: it must not climb out of its parent.
+std::string directoryNameOf(const std::string& bundleIdentifier) {
+  if (bundleIdentifier.empty() || bundleIdentifier == "." || bundleIdentifier == "..")
+    return "_";
+  std::string name = bundleIdentifier;
+  for (char& c : name) {
+    if (c == '/' || c == '\0')
+      c = '_';
+  }
+  return name;
+}
+
 }  // namespace
 
 namespace platform {
@@ -46,11 +58,15 @@ void fillWithPosixDefaults(Platform& p, const PosixPlatformOptions& options) {
   const std::string dataDirectory =
       !options.dataDirectory.empty()
           ? options.dataDirectory
-          : homeBased("XDG_DATA_HOME", ".local/share") + "/quorvel/" + options.bundleIdentifier;
+          : homeBased("XDG_DATA_HOME", ".local/share") + "/quorvel/" +
+                directoryNameOf(options.bundleIdentifier);
+  // One secure store per app: another app of the same user must not read this one's
+  // identifiers and take itself for a reinstall.
   const std::string keychainDirectory =
       !options.keychainDirectory.empty()
           ? options.keychainDirectory
-          : homeBased("XDG_STATE_HOME", ".local/state") + "/quorvel/keychain";
+          : homeBased("XDG_STATE_HOME", ".local/state") + "/quorvel/keychain/" +
+                directoryNameOf(options.bundleIdentifier);
 
   if (!p.clock)
     p.clock = std::make_shared<PosixClock>();

@@ -17,12 +17,15 @@ namespace {
 
 class Install {
  public:
-  Install(const test::TempDir& root, const std::string& version) {
+  // An empty keychain directory takes the platform's default one.
+  Install(const test::TempDir& root, const std::string& version,
+          const std::string& bundle = "com.quorvel.reinstall",
+          const std::string& keychain = "keychain") {
     PosixPlatformOptions options;
-    options.bundleIdentifier = "com.quorvel.reinstall";
+    options.bundleIdentifier = bundle;
     options.bundleVersion = version;
-    options.dataDirectory = root / "app-data";
-    options.keychainDirectory = root / "keychain";
+    options.dataDirectory = root / (bundle + "-data");
+    options.keychainDirectory = keychain.empty() ? std::string() : std::string(root / keychain);
     platform_ = std::make_shared<const Platform>(makePosixPlatform(options));
     tracker_ = std::make_unique<QuorvelTracker>(platform_);
   }
@@ -73,7 +76,7 @@ TEST(Reinstall, OriginalIdentifierAndCounterSurviveRemovalOfTheAppData) {
     EXPECT_FALSE(again.pref(keys::kReInstallCounter));
   }
 
-  std::filesystem::remove_all(root / "app-data");
+  std::filesystem::remove_all(root / "com.quorvel.reinstall-data");
   std::string second;
   {
     Install reinstall(root, "1");
@@ -95,6 +98,24 @@ TEST(Reinstall, OriginalIdentifierAndCounterSurviveRemovalOfTheAppData) {
   Install restarted(root, "2");
   EXPECT_EQ(restarted.platform().preferences->integerForKey(keys::kReInstallCounter), 2);
   EXPECT_EQ(restarted.pref(keys::kUserId), second);
+}
+
+TEST(Reinstall, AnotherAppOfTheSameUserIsAFirstInstall) {
+  QuorvelProxyManager::sharedManager().stopRemoteDebugging();
+  test::TempDir root;
+  ::setenv("XDG_STATE_HOME", (root / "state").c_str(), 1);
+  std::string first;
+  {
+    Install one(root, "1", "com.quorvel.one", "");
+    one.launch();
+    first = one.tracker().getQuorvelUID();
+  }
+  Install other(root, "1", "com.quorvel.other", "");
+  other.launch();
+  ::unsetenv("XDG_STATE_HOME");
+  EXPECT_NE(other.tracker().getQuorvelUID(), first);
+  EXPECT_FALSE(other.pref(keys::kOriginalUserId));
+  EXPECT_FALSE(other.pref(keys::kReInstallCounter));
 }
 
 }  // namespace

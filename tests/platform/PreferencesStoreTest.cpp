@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <functional>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -78,7 +79,8 @@ TEST_F(PreferencesStoreTest, CorruptFileIsLoggedKeptAsideAndReplaced) {
   QVSetShowDebugLogs(true);
   std::filesystem::create_directories(dir / "Library/Preferences");
   for (const std::string& garbage :
-       {std::string("{\"QuorvelCounter\": 4"), std::string("\0\0\xff", 3), std::string("[1,2]")}) {
+       {std::string("{\"QuorvelCounter\": 4"), std::string("\0\0\xff", 3), std::string("[1,2]"),
+        std::string(100'000, '[') + std::string(100'000, ']')}) {
     std::ofstream(file(), std::ios::binary) << garbage;
     fakes.systemLog->clear();
     JsonFilePreferencesStore store(file());
@@ -88,6 +90,46 @@ TEST_F(PreferencesStoreTest, CorruptFileIsLoggedKeptAsideAndReplaced) {
     store.setInteger("QuorvelCounter", 1);
     ASSERT_TRUE(store.synchronize());
     EXPECT_EQ(Json::parse(readText(file()))["QuorvelCounter"], 1);
+  }
+}
+
+TEST_F(PreferencesStoreTest, AFileThatCannotBeReadIsNeverWrittenOver) {
+  QVSetShowDebugLogs(true);
+  std::filesystem::create_directories(dir / "Library/Preferences");
+  struct Case {
+    const char* name;
+    std::function<void()> make;
+    std::function<void()> undo;
+  };
+  const Case cases[] = {
+      {"a directory in its place",
+       [&] { std::filesystem::create_directories(file() + "/inside"); },
+       [&] { std::filesystem::remove_all(file()); }},
+      {"no permission to read",
+       [&] {
+         std::ofstream(file()) << R"({"QuorvelCounter": 7})";
+         std::filesystem::permissions(file(), std::filesystem::perms::none);
+       },
+       [&] { std::filesystem::remove(file()); }},
+  };
+  for (const auto& c : cases) {
+    if (std::string(c.name) == "no permission to read" && ::geteuid() == 0)
+      continue;  // root reads it anyway
+    c.make();
+    fakes.systemLog->clear();
+    {
+      JsonFilePreferencesStore store(file());
+      EXPECT_EQ(store.integerForKey("QuorvelCounter"), 0) << c.name;
+      store.setInteger("QuorvelCounter", 1);
+      EXPECT_EQ(store.integerForKey("QuorvelCounter"), 1) << c.name;  // from memory
+      EXPECT_FALSE(store.synchronize()) << c.name;
+    }
+    EXPECT_EQ(fakes.systemLog->count("cannot be read"), 1U) << c.name;
+    EXPECT_EQ(fakes.systemLog->count("could not save"), 0U) << c.name;
+    EXPECT_FALSE(std::filesystem::is_regular_file(file()) &&
+                 std::filesystem::status(file()).permissions() != std::filesystem::perms::none)
+        << c.name << ": replaced";
+    c.undo();
   }
 }
 

@@ -1,8 +1,11 @@
 #include "platform/posix/JsonFilePreferencesStore.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
-#include <fstream>
-#include <sstream>
+#include <cstring>
 
 #include "log/Log.h"
 #include "util/BoundedJson.h"
@@ -53,6 +56,28 @@ Json fromFile(const Json& v) {
   return v;
 }
 
+// The file's content, or the errno that stopped reading it.
+int readWholeFile(const std::string& path, std::string& out) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0)
+    return errno;
+  char chunk[8192];
+  int error = 0;
+  for (;;) {
+    const ssize_t n = ::read(fd, chunk, sizeof chunk);
+    if (n > 0) {
+      out.append(chunk, static_cast<std::size_t>(n));
+    } else if (n == 0) {
+      break;
+    } else if (errno != EINTR) {
+      error = errno;
+      break;
+    }
+  }
+  ::close(fd);
+  return error;
+}
+
 }  // namespace
 
 JsonFilePreferencesStore::JsonFilePreferencesStore(std::string path) : path_(std::move(path)) {}
@@ -70,12 +95,18 @@ void JsonFilePreferencesStore::loadLocked() const {
   if (loaded_)
     return;
   loaded_ = true;
-  std::ifstream in(path_, std::ios::binary);
-  if (!in)
+  std::string text;
+  if (const int error = readWholeFile(path_, text); error == ENOENT || error == ENOTDIR) {
+    return;  // no file: a first run
+  } else if (error != 0) {
+    // Taking it for empty would replace counters, identifier and attribution at the next
+    // synchronize: this process runs from memory and leaves the file alone.
+    unreadable_ = true;
+    qvLog(kLogError, "-[QuorvelPreferences load]",
+          "preferences file %@ cannot be read (%@); running from memory, the file is left as it is",
+          path_, std::string(std::strerror(error)));
     return;
-  std::stringstream buffer;
-  buffer << in.rdbuf();
-  const std::string text = buffer.str();
+  }
   Json parsed = parseBoundedJson(text);
   if (parsed.is_discarded() || !parsed.is_object()) {
     const std::string aside = path_ + ".corrupt";
@@ -123,6 +154,8 @@ bool JsonFilePreferencesStore::synchronize() {
   std::string text;
   {
     std::lock_guard lock(mutex_);
+    if (unreadable_)
+      return false;
     if (!dirty_)
       return true;
     text = toFile(values_).dump(1, '\t', false, Json::error_handler_t::replace);

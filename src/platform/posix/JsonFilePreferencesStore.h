@@ -11,7 +11,8 @@ namespace quorvel::platform {
 class JsonFilePreferencesStore final : public PreferencesStore {
  public:
   // The file is read on first use; a missing file is an empty store, a corrupt one is
-  // logged, kept aside as "<path>.corrupt" and replaced at the next synchronize().
+  // logged, kept aside as "<path>.corrupt" and replaced at the next synchronize(); one that
+  // exists but cannot be read is logged and never written (the values live in memory).
   explicit JsonFilePreferencesStore(std::string path);
   ~JsonFilePreferencesStore() override;
 
@@ -29,6 +30,7 @@ class JsonFilePreferencesStore final : public PreferencesStore {
   std::mutex writeMutex_;
   mutable std::mutex mutex_;
   mutable bool loaded_ = false;
+  mutable bool unreadable_ = false;  // exists but cannot be read: never written over
   mutable Json values_ = Json::object();
   bool dirty_ = false;
 };
