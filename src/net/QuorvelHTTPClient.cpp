@@ -10,28 +10,16 @@
 #include "util/PercentEscape.h"
 #include "util/QuorvelUtils.h"
 #include "util/Utf8.h"
-#include "util/VersionCompare.h"
 
 namespace quorvel {
-namespace {
-
-bool versionBelow8(const std::string& version) {
-  return compareNumeric(version, "8") < 0;
-}
-bool isVersion9(const std::string& version) {
-  return version.rfind('9', 0) == 0;
-}
-
-}  // namespace
-
 std::shared_ptr<QuorvelHTTPClient> QuorvelHTTPClient::create(
     std::shared_ptr<const Platform> platform, std::shared_ptr<QuorvelRequestCache> cache,
     std::shared_ptr<ReportLedger> ledger) {
   auto client =
       std::make_shared<QuorvelHTTPClient>(std::move(platform), std::move(cache), std::move(ledger));
-  const std::string version = client->platform_->device->systemVersion();
-  // Version 9 delivers fire-and-forget bodies inside a background task instead.
-  if (!versionBelow8(version) && !isVersion9(version)) {
+  const auto capabilities = client->platform_->device->capabilities();
+  // Without a usable background session, fire-and-forget bodies go in a background task.
+  if (capabilities.backgroundSessions && capabilities.fireAndForgetInBackgroundSession) {
     client->bgSession_ = client->buildSessionWithConfiguration();
   }
   return client;
@@ -47,7 +35,7 @@ ReportLedger::TicketPtr QuorvelHTTPClient::reportOfNewRequest() const {
 }
 
 std::shared_ptr<platform::URLSession> QuorvelHTTPClient::buildSessionWithConfiguration() {
-  if (versionBelow8(platform_->device->systemVersion()) || !platform_->urlSessions)
+  if (!platform_->device->capabilities().backgroundSessions || !platform_->urlSessions)
     return nullptr;
   platform::BackgroundSessionConfiguration configuration;
   configuration.identifier = kBackgroundSessionIdentifier;
@@ -176,7 +164,7 @@ void QuorvelHTTPClient::sendRequestWithConfiguration(const std::string& url,
   request.method = "POST";
   request.headers = {{"Content-Type", "application/text"}};
   request.body = Bytes(data.begin(), data.end());
-  if (isVersion9(platform_->device->systemVersion())) {
+  if (!platform_->device->capabilities().fireAndForgetInBackgroundSession) {
     backgroundCallWithRequest(std::move(request));
   } else if (bgSession_) {
     auto task = bgSession_->downloadTask(std::move(request));

@@ -8,7 +8,6 @@
 #include "tracker/PreferenceKeys.h"
 #include "tracker/TrackerLifetime.h"
 #include "util/QuorvelUtils.h"
-#include "util/VersionCompare.h"
 
 namespace quorvel {
 namespace {
@@ -72,7 +71,7 @@ void QuorvelTracker::sendLaunchToServer() {
 }
 
 void QuorvelTracker::handleEnteredBackground() {
-  if (compareNumeric(platform_->device->systemVersion(), "7") < 0)
+  if (!platform_->device->capabilities().backgroundTasks)
     return;
   const ReportLedger::Scope report(ledger_->currentOrOpen());
   incrementRealLaunchCounter();

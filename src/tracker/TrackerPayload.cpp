@@ -130,8 +130,8 @@ QuorvelDictionary QuorvelTracker::getEventParameters(bool isLaunch) {
   d.setParameter(date3 ? Json(*date3) : Json(), "date3");
   d.setParameter(Json(firstLaunch), "firstLaunchDate");
 
-  // 10. Pasteboard attribution, only on systems older than 7.0.
-  if (std::strtod(p.device->systemVersion().c_str(), nullptr) < 7.0 && p.application) {
+  // 10. Pasteboard attribution, only where the system still has it.
+  if (p.device->capabilities().attributionPasteboard && p.application) {
     if (const auto text = p.application->namedPasteboardText("fb_app_attribution")) {
       d.setParameter(Json(*text), "fb");
     }

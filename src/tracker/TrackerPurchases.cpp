@@ -12,7 +12,6 @@
 #include "util/PercentEscape.h"
 #include "util/QuorvelDictionary.h"
 #include "util/QuorvelUtils.h"
-#include "util/VersionCompare.h"
 
 namespace quorvel {
 namespace {
@@ -41,7 +40,7 @@ void QuorvelTracker::validateAndTrackInAppPurchase(
     if (failure)
       failure(error, response);
   };
-  if (compareNumeric(platform_->device->systemVersion(), "7") < 0)
+  if (!platform_->device->capabilities().backgroundTasks)
     return;
   if (!productIdentifier || !transactionId) {
     qvLog(

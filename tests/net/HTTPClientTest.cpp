@@ -161,22 +161,26 @@ TEST_F(HTTPClientTest, LinkSettingsFromTrackingAnswers) {
   EXPECT_EQ(fakes.preferences->synchronizeCount(), syncs);
 }
 
-TEST_F(HTTPClientTest, FireAndForgetPathDependsOnTheOSVersion) {
+TEST_F(HTTPClientTest, FireAndForgetPathFollowsTheSystemsCapabilities) {
   struct Case {
     std::string version;
     std::string path;
+    std::optional<platform::SystemCapabilities> capabilities;  // else those of a phone
   };
   const Case cases[] = {{"10.0", "session"},
                         {"8.4", "session"},
                         {"12", "session"},
                         {"9.3", "task"},
-                        {"7.1", "dropped"}};
+                        {"7.1", "dropped"},
+                        // A desktop system's own version number means nothing here.
+                        {"3.18", "session", platform::SystemCapabilities{}}};
   for (const auto& c : cases) {
     test::TestPlatform local;
     local.install();
     QVSetShowDebugLogs(true);
     QVSetShowDebugLogsTrace(true);
     local.device->systemVersionValue = c.version;
+    local.device->capabilitiesValue = c.capabilities;
     auto localCache = std::make_shared<QuorvelRequestCache>(local.shared(), nullptr);
     auto http = QuorvelHTTPClient::create(local.shared(), localCache);
     EXPECT_EQ(http->bgSession() != nullptr, c.path == "session") << c.version;

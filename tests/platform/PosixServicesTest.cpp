@@ -78,6 +78,11 @@ TEST(PosixLocaleAndDevice, ProbesGiveUsableValues) {
   EXPECT_FALSE(device.systemVersion().empty());
   EXPECT_TRUE(device.isMultitaskingSupported());
   EXPECT_EQ(PosixDevice(std::nullopt, std::string("9.3"), false).systemVersion(), "9.3");
+  // Whatever the distribution's version, the platform has the background capabilities.
+  for (const char* version : {"3.18", "7", "9.3", ""})
+    EXPECT_EQ(PosixDevice(std::nullopt, std::string(version), true).capabilities(),
+              platform::SystemCapabilities{})
+        << version;
 }
 
 TEST(OpenSslRandom, BoundedIntegersStayInRange) {

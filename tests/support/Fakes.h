@@ -65,6 +65,10 @@ struct FakeDevice final : platform::Device {
   std::string operatingSystemVersionString() const override { return osVersionString; }
   std::optional<std::string> identifierForVendor() const override { return vendorId; }
   bool isMultitaskingSupported() const override { return multitasking; }
+  std::optional<platform::SystemCapabilities> capabilitiesValue;  // else by the version
+  platform::SystemCapabilities capabilities() const override {
+    return capabilitiesValue.value_or(platform::phoneCapabilitiesOf(systemVersionValue));
+  }
 };
 
 struct FakeBundle final : platform::Bundle {

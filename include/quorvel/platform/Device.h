@@ -6,6 +6,24 @@
 
 namespace quorvel::platform {
 
+// What the system lets an app do around the foreground. Phone systems gained these one
+// version at a time, so the default reads them from a phone version number; a platform
+// whose version numbers mean something else says what it has instead.
+struct SystemCapabilities {
+  bool backgroundTasks = true;     // work may finish after the app leaves the foreground
+  bool backgroundSessions = true;  // transfers handed to the system outlive the app
+  // False where fire-and-forget bodies go through a background task on the shared session
+  // rather than through a background session (a phone system whose sessions lost them).
+  bool fireAndForgetInBackgroundSession = true;
+  bool attributionPasteboard = false;  // the named attribution pasteboard of older phones
+
+  bool operator==(const SystemCapabilities&) const = default;
+};
+
+// The capabilities of a phone system by its version: background tasks from 7, background
+// sessions from 8, except on 9; the attribution pasteboard below 7.0.
+SystemCapabilities phoneCapabilitiesOf(const std::string& systemVersion);
+
 class Device {
  public:
   Device() = default;
@@ -22,6 +40,7 @@ class Device {
   virtual std::string operatingSystemVersionString() const = 0;
   virtual std::optional<std::string> identifierForVendor() const = 0;
   virtual bool isMultitaskingSupported() const = 0;
+  virtual SystemCapabilities capabilities() const { return phoneCapabilitiesOf(systemVersion()); }
 };
 
 }  // namespace quorvel::platform

@@ -55,6 +55,8 @@ class PosixDevice final : public Device {
   std::string localizedModel() const override { return "PC"; }
   std::string systemName() const override;
   std::string systemVersion() const override;
+  // A distribution's version number says nothing about these: the platform has them all.
+  SystemCapabilities capabilities() const override { return {}; }
   std::string operatingSystemVersionString() const override;
   std::optional<std::string> identifierForVendor() const override;
   bool isMultitaskingSupported() const override { return multitasking_; }
