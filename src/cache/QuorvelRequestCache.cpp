@@ -3,6 +3,8 @@
 #include <quorvel/QuorvelTracker.h>
 #include <quorvel/Version.h>
 
+#include <algorithm>
+
 #include "log/Log.h"
 #include "util/NoDestructor.h"
 #include "util/WorkContext.h"
@@ -72,6 +74,23 @@ double leadingDouble(const std::string& s) {
   }
 }
 
+// Cache entries end in ".qv"; anything else there (the temp file of a write cut short by a
+// crash, "<entry>.qv.tmp-XXXXXX") is neither counted nor replayed.
+bool isCacheEntry(const std::string& name) {
+  return name.size() > 3 && name.compare(name.size() - 3, 3, ".qv") == 0;
+}
+
+void removeStrayTempFiles(platform::FileSystem& fs, const std::string& directory) {
+  const auto names = fs.contentsOfDirectory(directory);
+  for (const auto& name : names.value_or(std::vector<std::string>{})) {
+    if (!isCacheEntry(name) && name.find(".qv.tmp-") != std::string::npos) {
+      fs.removeFile(directory + "/" + name);
+      qvLog(kLogDebug, "-[QuorvelRequestCache getCacheDirectoryPath]",
+            "removed %@, left by a write that did not finish", name);
+    }
+  }
+}
+
 double secondsSince2001(platform::TimePoint t) {
   return platform::secondsSince1970(t) - QuorvelRequestCache::kReferenceDate2001;
 }
@@ -103,6 +122,8 @@ std::optional<std::string> QuorvelRequestCache::getCacheDirectoryPath() {
       return std::nullopt;
     }
     path = caches + "/" + kDirectoryName;
+    // Before the path is handed out, so that no write of this process can be under way.
+    removeStrayTempFiles(*platform_->fileSystem, path);
     // Stored before anything else: later calls return it without trying again.
     cacheDirectoryPath_ = path;
   }
@@ -131,7 +152,8 @@ void QuorvelRequestCache::initialize() {
 std::uint64_t QuorvelRequestCache::getCacheSize(const platform::FileSystem& fileSystem,
                                                 const std::string& path) {
   const auto names = fileSystem.contentsOfDirectory(path);
-  return names ? names->size() : 0;
+  return names ? static_cast<std::uint64_t>(std::count_if(names->begin(), names->end(), isCacheEntry))
+               : 0;
 }
 
 std::uint64_t QuorvelRequestCache::getCacheSize() {
@@ -185,6 +207,8 @@ std::vector<QuorvelRequestCacheData> QuorvelRequestCache::getCachedRequests() {
     return result;
   const double now = secondsSince2001(platform_->clock->now());
   for (const auto& name : *names) {
+    if (!isCacheEntry(name))
+      continue;
     const auto bytes = fs.readFile(*directory + "/" + name);
     const std::string text = bytes ? std::string(bytes->begin(), bytes->end()) : std::string();
     QuorvelRequestCacheData record;

@@ -34,6 +34,8 @@ bool writeAll(int fd, const Bytes& content) {
   return true;
 }
 
+}  // namespace
+
 void syncDirectory(const std::string& dir) {
   const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (fd >= 0) {
@@ -41,8 +43,6 @@ void syncDirectory(const std::string& dir) {
     ::close(fd);
   }
 }
-
-}  // namespace
 
 AtomicWriteResult writeFileAtomically(const std::string& path, const Bytes& content,
                                       const AtomicWriteOptions& options, std::string* errorText) {

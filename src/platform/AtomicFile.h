@@ -24,6 +24,9 @@ enum class AtomicWriteResult { written, alreadyExists, failed };
 AtomicWriteResult writeFileAtomically(const std::string& path, const Bytes& content,
                                       const AtomicWriteOptions& options, std::string* errorText);
 
+// Makes the directory's entries (names created, renamed or removed) durable.
+void syncDirectory(const std::string& dir);
+
 // Creates `path` and its missing parents with `mode`; true when it is a directory afterwards.
 bool makeDirectories(const std::string& path, unsigned mode);
 

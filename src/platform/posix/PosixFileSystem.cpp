@@ -115,8 +115,15 @@ bool PosixFileSystem::writeFileAtomically(const std::string& path, const Bytes& 
 }
 
 bool PosixFileSystem::removeFile(const std::string& path, std::string* errorReason) {
-  if (::unlink(path.c_str()) == 0)
+  if (::unlink(path.c_str()) == 0) {
+    // Durable before anyone lists the directory again: a deleted request that came back
+    // after a crash would be replayed twice.
+    const auto slash = path.find_last_of('/');
+    syncDirectory(slash == std::string::npos ? std::string(".")
+                  : slash == 0               ? std::string("/")
+                                             : path.substr(0, slash));
     return true;
+  }
   if (errorReason != nullptr)
     *errorReason = std::strerror(errno);
   return false;
