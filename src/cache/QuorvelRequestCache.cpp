@@ -74,16 +74,19 @@ double leadingDouble(const std::string& s) {
   }
 }
 
-// Cache entries end in ".qv"; anything else there (the temp file of a write cut short by a
-// crash, "<entry>.qv.tmp-XXXXXX") is neither counted nor replayed.
+// The temp file of a write ("<entry>.qv.tmp-XXXXXX"); one that is left over was cut short by
+// a crash. It is neither counted nor replayed.
+bool isTempFile(const std::string& name) {
+  return name.find(".qv.tmp-") != std::string::npos;
+}
 bool isCacheEntry(const std::string& name) {
-  return name.size() > 3 && name.compare(name.size() - 3, 3, ".qv") == 0;
+  return !isTempFile(name);
 }
 
 void removeStrayTempFiles(platform::FileSystem& fs, const std::string& directory) {
   const auto names = fs.contentsOfDirectory(directory);
   for (const auto& name : names.value_or(std::vector<std::string>{})) {
-    if (!isCacheEntry(name) && name.find(".qv.tmp-") != std::string::npos) {
+    if (isTempFile(name)) {
       fs.removeFile(directory + "/" + name);
       qvLog(kLogDebug, "-[QuorvelRequestCache getCacheDirectoryPath]",
             "removed %@, left by a write that did not finish", name);
