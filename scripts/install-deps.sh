@@ -9,6 +9,7 @@ packages=(
   libsqlite3-dev sqlite3 libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang-format clang-tidy openssl
+  clang libclang-rt-dev
 )
 
 SUDO=""

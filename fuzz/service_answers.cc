@@ -1,0 +1,90 @@
+// Whatever a service answers, the library neither crashes nor leaks: tracking answers,
+// conversion data, short links (read and created) and receipt verdicts, each through the
+// code that reads it in the field. The first byte picks the service and the status, the
+// rest is the body.
+#include <quorvel/QuorvelTracker.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "log/QuorvelProxyManager.h"
+#include "net/QuorvelHTTPClient.h"
+#include "support/TestPlatform.h"
+
+namespace {
+
+using namespace quorvel;
+
+constexpr long kStatuses[] = {200, 200, 404, 500};
+constexpr const char* kMimeTypes[] = {"application/json", "text/plain"};
+
+void answerLast(test::TestPlatform& fakes, long status, const std::string& body,
+                const char* mime) {
+  auto& session = *fakes.urlSessions->shared();
+  const auto started = session.started();
+  if (!started.empty())
+    session.respond(started.size() - 1, status, body, mime);
+  fakes.dispatcher->runUntilIdle();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  if (size == 0)
+    return 0;
+  const unsigned selector = data[0];
+  const std::string body(reinterpret_cast<const char*>(data + 1), size - 1);
+  const long status = kStatuses[(selector >> 3) % 4];
+  const char* mime = kMimeTypes[(selector >> 5) % 2];
+
+  test::TestPlatform fakes;
+  fakes.install();
+  QuorvelProxyManager::sharedManager().stopRemoteDebugging();
+  fakes.bundle->receiptPath = "/app/receipt";
+  fakes.fileSystem->writeFileAtomically("/app/receipt", Bytes{'r', 'c', 'p'});
+  auto tracker = std::make_unique<QuorvelTracker>(fakes.shared());
+  tracker->setQuorvelDevKey(std::string("FUZZ-DEV-KEY"));
+  tracker->setAppleAppID(std::string("123"));
+  tracker->setHost(std::string("svc.example"));
+
+  switch (selector % 5) {
+    case 0:  // a tracking answer
+      tracker->httpClient()->sendRequestEventToServer(
+          QuorvelRequestCacheData("https://t.svc.example/api?a=1", Bytes{1}, "4.8.0"), false,
+          std::nullopt, false, nullptr);
+      break;
+    case 1: {  // conversion data
+      auto delegate = std::make_shared<QuorvelTrackerDelegate>();
+      delegate->onConversionDataReceived = [](const Json& d) { (void)d.dump(); };
+      delegate->onConversionDataRequestFailure = [](const Error&) {};
+      tracker->loadConversionDataWithDelegate(delegate);
+      fakes.dispatcher->runUntilIdle();
+      answerLast(fakes, status, body, mime);
+      tracker.reset();
+      return 0;
+    }
+    case 2:  // a short link read
+      tracker->httpClient()->getHopline("https://onelink.svc.example/shortlink-sdk/v1/x?id=a",
+                                        "FUZZ-DEV-KEY", [](const auto& link, const auto&) {
+                                          if (link)
+                                            (void)link->dump();
+                                        });
+      break;
+    case 3:  // a short link made
+      tracker->httpClient()->createHopline(
+          "https://onelink.svc.example/shortlink-sdk/v1/x", 30, "FUZZ-DEV-KEY",
+          Json{{"pid", "fuzz"}}, [](const auto& link, const auto&) { (void)link; });
+      break;
+    default:  // a receipt verdict
+      tracker->validateAndTrackInAppPurchase(
+          std::string("p"), std::string("1"), std::string("USD"), std::string("t1"), std::nullopt,
+          [](const Json& verdict) { (void)verdict.dump(); },
+          [](const std::optional<Error>&, const Json& verdict) { (void)verdict; });
+      break;
+  }
+  fakes.dispatcher->runUntilIdle();
+  answerLast(fakes, status, body, mime);
+  tracker.reset();
+  return 0;
+}
