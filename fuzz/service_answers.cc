@@ -28,6 +28,16 @@ void answerLast(test::TestPlatform& fakes, long status, const std::string& body,
   fakes.dispatcher->runUntilIdle();
 }
 
+// Lets everything still queued run (replays, retries), so that nothing pending keeps the
+// tracker and its platform alive past the input.
+void settle(test::TestPlatform& fakes, std::unique_ptr<QuorvelTracker>& tracker) {
+  tracker.reset();
+  fakes.dispatcher->advance(std::chrono::minutes(10));
+  QuorvelProxyManager::sharedManager().stopRemoteDebugging();
+  fakes.urlSessions->resetAll();
+  fakes.dispatcher->advance(std::chrono::minutes(10));
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -61,7 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       tracker->loadConversionDataWithDelegate(delegate);
       fakes.dispatcher->runUntilIdle();
       answerLast(fakes, status, body, mime);
-      tracker.reset();
+      settle(fakes, tracker);
       return 0;
     }
     case 2:  // a short link read
@@ -85,6 +95,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   fakes.dispatcher->runUntilIdle();
   answerLast(fakes, status, body, mime);
-  tracker.reset();
+  settle(fakes, tracker);
   return 0;
 }

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <memory>
 #include <string>
 
 #include "log/QuorvelProxyManager.h"
@@ -29,13 +30,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   test::TestPlatform fakes;
   fakes.install();
   QuorvelProxyManager::sharedManager().stopRemoteDebugging();
-  QuorvelTracker tracker(fakes.shared());
-  tracker.setQuorvelDevKey(std::string("FUZZ-DEV-KEY"));
-  tracker.setAppleAppID(std::string("123"));
-  tracker.handleOpenURL(text, std::string("com.source"));
-  const auto parameters = tracker.getEventParameters(true);
+  auto tracker = std::make_unique<QuorvelTracker>(fakes.shared());
+  tracker->setQuorvelDevKey(std::string("FUZZ-DEV-KEY"));
+  tracker->setAppleAppID(std::string("123"));
+  tracker->handleOpenURL(text, std::string("com.source"));
+  const auto parameters = tracker->getEventParameters(true);
   if (!QuorvelUtils::getJsonStringFromDictionary(parameters.dict()))
     std::abort();  // the launch would be lost
-  fakes.dispatcher->runUntilIdle();
+  tracker.reset();
+  // Whatever is still queued runs now, so that nothing keeps the platform past the input.
+  fakes.urlSessions->resetAll();
+  fakes.dispatcher->advance(std::chrono::minutes(10));
   return 0;
 }

@@ -1,5 +1,6 @@
 #include <quorvel/Format.h>
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstdio>
@@ -104,6 +105,12 @@ double asDouble(const FormatArg& a) {
         }
       },
       a.value());
+}
+
+// A width or precision taken from an argument, bounded like a written one: an argument
+// must not make a log line gigabytes long.
+int boundedField(std::int64_t value) {
+  return static_cast<int>(std::clamp<std::int64_t>(value, -4096, 4096));
 }
 
 std::string pad(std::string text, const Spec& spec) {
@@ -265,7 +272,7 @@ std::string formatArgs(std::string_view format, std::initializer_list<FormatArg>
       spec.flags.push_back(format[i++]);
     }
     if (i < format.size() && format[i] == '*') {
-      spec.width = static_cast<int>(asSigned(take()));
+      spec.width = boundedField(asSigned(take()));
       if (spec.width < 0) {
         spec.flags.push_back('-');
         spec.width = -spec.width;
@@ -283,7 +290,7 @@ std::string formatArgs(std::string_view format, std::initializer_list<FormatArg>
     if (i < format.size() && format[i] == '.') {
       ++i;
       if (i < format.size() && format[i] == '*') {
-        spec.precision = static_cast<int>(asSigned(take()));
+        spec.precision = boundedField(asSigned(take()));
         ++i;
       } else {
         int p = 0;

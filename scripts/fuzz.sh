@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Builds the libFuzzer targets (clang, ASan + UBSan) and runs each for SECONDS (default 600).
+# New interesting inputs go to build/fuzz/corpus/<target>; a crash stops the run and leaves
+# its input in build/fuzz/crashes/<target>: copy it to fuzz/corpus/<target>/crash-<what>
+# so that every build replays it from then on.
+#   bash scripts/fuzz.sh [SECONDS] [TARGET...]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+seconds="${1:-600}"
+shift || true
+targets=("$@")
+if [ "${#targets[@]}" -eq 0 ]; then
+  targets=(service_answers cache_reader preferences_reader url_and_links log_format devserver_request)
+fi
+cmake --preset fuzz >/dev/null
+cmake --build build/fuzz --parallel "$(nproc 2>/dev/null || echo 2)" \
+  --target $(printf 'quorvel_fuzz_%s ' "${targets[@]}")
+status=0
+for target in "${targets[@]}"; do
+  corpus="build/fuzz/corpus/$target"
+  crashes="build/fuzz/crashes/$target"
+  mkdir -p "$corpus" "$crashes"
+  echo "=== fuzz $target for ${seconds}s"
+  if ! build/fuzz/fuzz/quorvel_fuzz_"$target" -max_total_time="$seconds" -print_final_stats=1 \
+      -rss_limit_mb=2048 -artifact_prefix="$crashes/" "$corpus" "fuzz/corpus/$target" \
+      2> "build/fuzz/$target.log"; then
+    echo "fuzz $target: FAILED, see build/fuzz/$target.log and $crashes"
+    status=1
+  fi
+  grep -E "stat::number_of_executed_units|stat::peak_rss_mb" "build/fuzz/$target.log" || true
+done
+exit "$status"
