@@ -11,6 +11,7 @@
 #include "log/QuorvelProxyManager.h"
 #include "net/QuorvelHTTPClient.h"
 #include "support/TestPlatform.h"
+#include "tracker/PreferenceKeys.h"
 
 namespace {
 
@@ -28,14 +29,42 @@ void answerLast(test::TestPlatform& fakes, long status, const std::string& body,
   fakes.dispatcher->runUntilIdle();
 }
 
-// Lets everything still queued run (replays, retries), so that nothing pending keeps the
-// tracker and its platform alive past the input.
-void settle(test::TestPlatform& fakes, std::unique_ptr<QuorvelTracker>& tracker) {
-  tracker.reset();
-  fakes.dispatcher->advance(std::chrono::minutes(10));
-  QuorvelProxyManager::sharedManager().stopRemoteDebugging();
-  fakes.urlSessions->resetAll();
-  fakes.dispatcher->advance(std::chrono::minutes(10));
+// One tracker for the whole run (making one derives its key, which would dominate); each
+// input is answered, then everything it left queued runs and the sessions forget it.
+struct World {
+  test::TestPlatform fakes;
+  std::unique_ptr<QuorvelTracker> tracker;
+  std::shared_ptr<QuorvelTrackerDelegate> delegate = std::make_shared<QuorvelTrackerDelegate>();
+
+  World() {
+    fakes.install();
+    fakes.bundle->receiptPath = "/app/receipt";
+    fakes.fileSystem->writeFileAtomically("/app/receipt", Bytes{'r', 'c', 'p'});
+    tracker = std::make_unique<QuorvelTracker>(fakes.shared());
+    tracker->setQuorvelDevKey(std::string("FUZZ-DEV-KEY"));
+    tracker->setAppleAppID(std::string("123"));
+    tracker->setHost(std::string("svc.example"));
+    delegate->onConversionDataReceived = [](const Json& d) { (void)d.dump(); };
+    delegate->onConversionDataRequestFailure = [](const Error&) {};
+  }
+  ~World() {
+    tracker.reset();
+    fakes.urlSessions->resetAll();
+  }
+  void settle() {
+    fakes.dispatcher->advance(std::chrono::minutes(10));
+    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
+    fakes.urlSessions->resetAll();
+    // Conversion data is fetched again only without a stored copy.
+    fakes.preferences->removeObjectForKey(keys::kConversionData);
+    fakes.preferences->removeObjectForKey(keys::kConversionDataRequestRetries);
+    fakes.systemLog->clear();
+  }
+};
+
+World& world() {
+  static World w;
+  return w;
 }
 
 }  // namespace
@@ -47,54 +76,39 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string body(reinterpret_cast<const char*>(data + 1), size - 1);
   const long status = kStatuses[(selector >> 3) % 4];
   const char* mime = kMimeTypes[(selector >> 5) % 2];
-
-  test::TestPlatform fakes;
-  fakes.install();
-  QuorvelProxyManager::sharedManager().stopRemoteDebugging();
-  fakes.bundle->receiptPath = "/app/receipt";
-  fakes.fileSystem->writeFileAtomically("/app/receipt", Bytes{'r', 'c', 'p'});
-  auto tracker = std::make_unique<QuorvelTracker>(fakes.shared());
-  tracker->setQuorvelDevKey(std::string("FUZZ-DEV-KEY"));
-  tracker->setAppleAppID(std::string("123"));
-  tracker->setHost(std::string("svc.example"));
+  World& w = world();
+  QuorvelTracker& tracker = *w.tracker;
 
   switch (selector % 5) {
     case 0:  // a tracking answer
-      tracker->httpClient()->sendRequestEventToServer(
+      tracker.httpClient()->sendRequestEventToServer(
           QuorvelRequestCacheData("https://t.svc.example/api?a=1", Bytes{1}, "4.8.0"), false,
           std::nullopt, false, nullptr);
       break;
-    case 1: {  // conversion data
-      auto delegate = std::make_shared<QuorvelTrackerDelegate>();
-      delegate->onConversionDataReceived = [](const Json& d) { (void)d.dump(); };
-      delegate->onConversionDataRequestFailure = [](const Error&) {};
-      tracker->loadConversionDataWithDelegate(delegate);
-      fakes.dispatcher->runUntilIdle();
-      answerLast(fakes, status, body, mime);
-      settle(fakes, tracker);
-      return 0;
-    }
+    case 1:  // conversion data
+      tracker.loadConversionDataWithDelegate(w.delegate);
+      break;
     case 2:  // a short link read
-      tracker->httpClient()->getHopline("https://onelink.svc.example/shortlink-sdk/v1/x?id=a",
-                                        "FUZZ-DEV-KEY", [](const auto& link, const auto&) {
-                                          if (link)
-                                            (void)link->dump();
-                                        });
+      tracker.httpClient()->getHopline("https://onelink.svc.example/shortlink-sdk/v1/x?id=a",
+                                       "FUZZ-DEV-KEY", [](const auto& link, const auto&) {
+                                         if (link)
+                                           (void)link->dump();
+                                       });
       break;
     case 3:  // a short link made
-      tracker->httpClient()->createHopline(
+      tracker.httpClient()->createHopline(
           "https://onelink.svc.example/shortlink-sdk/v1/x", 30, "FUZZ-DEV-KEY",
           Json{{"pid", "fuzz"}}, [](const auto& link, const auto&) { (void)link; });
       break;
     default:  // a receipt verdict
-      tracker->validateAndTrackInAppPurchase(
+      tracker.validateAndTrackInAppPurchase(
           std::string("p"), std::string("1"), std::string("USD"), std::string("t1"), std::nullopt,
           [](const Json& verdict) { (void)verdict.dump(); },
           [](const std::optional<Error>&, const Json& verdict) { (void)verdict; });
       break;
   }
-  fakes.dispatcher->runUntilIdle();
-  answerLast(fakes, status, body, mime);
-  settle(fakes, tracker);
+  w.fakes.dispatcher->runUntilIdle();
+  answerLast(w.fakes, status, body, mime);
+  w.settle();
   return 0;
 }
