@@ -18,7 +18,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto directory = cache->getCacheDirectoryPath();
   if (!directory)
     std::abort();
-  fakes.fileSystem->writeFileAtomically(*directory + "/700000000.250000.qv", Bytes(data, data + size));
+  fakes.fileSystem->writeFileAtomically(*directory + "/700000000.250000.qv",
+                                        Bytes(data, data + size));
   for (const auto& record : cache->getCachedRequests()) {
     if (!record.requestURL() || !record.postData())
       std::abort();

@@ -1,8 +1,8 @@
 // Any format text with any arguments: the formatter and the log line never crash, whatever
 // the directives ask for (missing arguments, wrong types, widths, stray bytes).
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <algorithm>
 #include <cstring>
 #include <string>
 

@@ -20,8 +20,7 @@ using namespace quorvel;
 constexpr long kStatuses[] = {200, 200, 404, 500};
 constexpr const char* kMimeTypes[] = {"application/json", "text/plain"};
 
-void answerLast(test::TestPlatform& fakes, long status, const std::string& body,
-                const char* mime) {
+void answerLast(test::TestPlatform& fakes, long status, const std::string& body, const char* mime) {
   auto& session = *fakes.urlSessions->shared();
   const auto started = session.started();
   if (!started.empty())
@@ -96,9 +95,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                                        });
       break;
     case 3:  // a short link made
-      tracker.httpClient()->createHopline(
-          "https://onelink.svc.example/shortlink-sdk/v1/x", 30, "FUZZ-DEV-KEY",
-          Json{{"pid", "fuzz"}}, [](const auto& link, const auto&) { (void)link; });
+      tracker.httpClient()->createHopline("https://onelink.svc.example/shortlink-sdk/v1/x", 30,
+                                          "FUZZ-DEV-KEY", Json{{"pid", "fuzz"}},
+                                          [](const auto& link, const auto&) { (void)link; });
       break;
     default:  // a receipt verdict
       tracker.validateAndTrackInAppPurchase(

@@ -20,7 +20,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (const auto url = Url::parse(text)) {
     (void)url->pathComponents();
     (void)QuorvelUtils::URLQueryParameters(*url).dump(-1, ' ', false,
-                                                       Json::error_handler_t::replace);
+                                                      Json::error_handler_t::replace);
   }
   (void)percentDecode(text);
   (void)QuorvelUtils::isValidDeeplink(text);

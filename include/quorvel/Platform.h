@@ -54,11 +54,11 @@ struct Platform {
 // ~/.local/share/...), the keychain to $XDG_STATE_HOME/quorvel/keychain.
 struct PosixPlatformOptions {
   std::string bundleIdentifier = "com.example.app";
-  std::string bundleVersion = "1";           // CFBundleVersion
-  std::string bundleShortVersion = "1.0";    // CFBundleShortVersionString
-  Json extraInfo = Json::object();           // merged into the info dictionary
-  std::optional<std::string> receiptPath;    // the store receipt file
-  std::string dataDirectory;                 // the app's own data (Library, tmp)
+  std::string bundleVersion = "1";         // CFBundleVersion
+  std::string bundleShortVersion = "1.0";  // CFBundleShortVersionString
+  Json extraInfo = Json::object();         // merged into the info dictionary
+  std::optional<std::string> receiptPath;  // the store receipt file
+  std::string dataDirectory;               // the app's own data (Library, tmp)
   // Outlives the app's data; one per app (the default is kept per bundle identifier).
   std::string keychainDirectory;
   std::optional<std::string> deviceName;     // default: host name

@@ -155,8 +155,9 @@ void QuorvelRequestCache::initialize() {
 std::uint64_t QuorvelRequestCache::getCacheSize(const platform::FileSystem& fileSystem,
                                                 const std::string& path) {
   const auto names = fileSystem.contentsOfDirectory(path);
-  return names ? static_cast<std::uint64_t>(std::count_if(names->begin(), names->end(), isCacheEntry))
-               : 0;
+  return names
+             ? static_cast<std::uint64_t>(std::count_if(names->begin(), names->end(), isCacheEntry))
+             : 0;
 }
 
 std::uint64_t QuorvelRequestCache::getCacheSize() {

@@ -5,8 +5,8 @@
 #include <cstdio>
 
 #include "log/Log.h"
-#include "util/BoundedJson.h"
 #include "tracker/PreferenceKeys.h"
+#include "util/BoundedJson.h"
 #include "util/PercentEscape.h"
 #include "util/QuorvelUtils.h"
 #include "util/Utf8.h"

@@ -55,18 +55,17 @@ PosixPlatformOptions defaultPosixOptions() {
 }
 
 void fillWithPosixDefaults(Platform& p, const PosixPlatformOptions& options) {
-  const std::string dataDirectory =
-      !options.dataDirectory.empty()
-          ? options.dataDirectory
-          : homeBased("XDG_DATA_HOME", ".local/share") + "/quorvel/" +
-                directoryNameOf(options.bundleIdentifier);
+  const std::string dataDirectory = !options.dataDirectory.empty()
+                                        ? options.dataDirectory
+                                        : homeBased("XDG_DATA_HOME", ".local/share") + "/quorvel/" +
+                                              directoryNameOf(options.bundleIdentifier);
   // One secure store per app: another app of the same user must not read this one's
   // identifiers and take itself for a reinstall.
-  const std::string keychainDirectory =
-      !options.keychainDirectory.empty()
-          ? options.keychainDirectory
-          : homeBased("XDG_STATE_HOME", ".local/state") + "/quorvel/keychain/" +
-                directoryNameOf(options.bundleIdentifier);
+  const std::string keychainDirectory = !options.keychainDirectory.empty()
+                                            ? options.keychainDirectory
+                                            : homeBased("XDG_STATE_HOME", ".local/state") +
+                                                  "/quorvel/keychain/" +
+                                                  directoryNameOf(options.bundleIdentifier);
 
   if (!p.clock)
     p.clock = std::make_shared<PosixClock>();

@@ -2,10 +2,10 @@
 #include <quorvel/QuorvelTracker.h>
 
 #include "log/Log.h"
-#include "util/BoundedJson.h"
 #include "net/ReportLedger.h"
 #include "tracker/PreferenceKeys.h"
 #include "tracker/TrackerLifetime.h"
+#include "util/BoundedJson.h"
 #include "util/PercentEscape.h"
 #include "util/QuorvelUtils.h"
 

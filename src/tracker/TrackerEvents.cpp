@@ -2,10 +2,10 @@
 #include <quorvel/QuorvelTracker.h>
 
 #include "log/Log.h"
-#include "util/HostInput.h"
 #include "net/QuorvelHTTPClient.h"
 #include "net/ReportLedger.h"
 #include "tracker/TrackerLifetime.h"
+#include "util/HostInput.h"
 #include "util/QuorvelUtils.h"
 
 namespace quorvel {

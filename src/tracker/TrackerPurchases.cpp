@@ -4,11 +4,11 @@
 
 #include "cache/QuorvelRequestCacheData.h"
 #include "log/Log.h"
-#include "util/BoundedJson.h"
-#include "util/HostInput.h"
 #include "net/QuorvelHTTPClient.h"
 #include "net/ReportLedger.h"
 #include "tracker/TrackerLifetime.h"
+#include "util/BoundedJson.h"
+#include "util/HostInput.h"
 #include "util/PercentEscape.h"
 #include "util/QuorvelDictionary.h"
 #include "util/QuorvelUtils.h"

@@ -102,8 +102,7 @@ TEST_F(PreferencesStoreTest, AFileThatCannotBeReadIsNeverWrittenOver) {
     std::function<void()> undo;
   };
   const Case cases[] = {
-      {"a directory in its place",
-       [&] { std::filesystem::create_directories(file() + "/inside"); },
+      {"a directory in its place", [&] { std::filesystem::create_directories(file() + "/inside"); },
        [&] { std::filesystem::remove_all(file()); }},
       {"no permission to read",
        [&] {

@@ -231,8 +231,11 @@ TEST_F(LaunchAndEventsTest, BadBytesFromTheHostCostACharacterNeverTheReport) {
   const Case cases[] = {
       {"event name", [&](auto& t) { t.trackEvent(bad, bad); }, "event", fixed},
       {"event value", [&](auto& t) { t.trackEvent("e", bad); }, "eventvalue", fixed},
-      {"event values", [&](auto& t) { t.trackEventWithValues(bad, Json{{bad, 1}}); }, "event",
-       fixed},
+      {"event values",
+       [&](auto& t) {
+         t.trackEventWithValues(bad, Json{{bad, 1}});
+       },
+       "event", fixed},
       {"customer id",
        [&](auto& t) {
          t.setCustomerUserID(bad);

@@ -8,9 +8,9 @@
 #include <cstring>
 
 #include "log/Log.h"
-#include "util/BoundedJson.h"
 #include "platform/AtomicFile.h"
 #include "util/Base64.h"
+#include "util/BoundedJson.h"
 
 namespace quorvel::platform {
 namespace {
