@@ -44,14 +44,10 @@ std::size_t jsonTextDepth(std::string_view text, std::size_t limit) noexcept {
   return deepest;
 }
 
-Json parseBoundedJson(std::string_view text) noexcept {
-  try {
-    if (jsonTextDepth(text) > kMaxJsonDepth)
-      return Json(Json::value_t::discarded);
-    return Json::parse(text.begin(), text.end(), nullptr, /*allow_exceptions=*/false);
-  } catch (...) {  // allocation failure: as unreadable as bad text
-    return Json(Json::value_t::discarded);
-  }
+Json parseBoundedJson(std::string_view text) {
+  if (jsonTextDepth(text) > kMaxJsonDepth)
+    return discardedJson();
+  return Json::parse(text.begin(), text.end(), nullptr, /*allow_exceptions=*/false);
 }
 
 bool jsonDeeperThan(const Json& value, std::size_t limit) noexcept {

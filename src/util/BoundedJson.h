@@ -15,9 +15,15 @@ inline constexpr std::size_t kMaxJsonDepth = 128;
 // without parsing; brackets inside strings do not count. Stops counting above `limit`.
 std::size_t jsonTextDepth(std::string_view text, std::size_t limit = kMaxJsonDepth) noexcept;
 
-// The parsed value, or a discarded value (is_discarded()) for text that is not JSON or
-// nests deeper than kMaxJsonDepth: callers keep their existing bad-JSON path.
-Json parseBoundedJson(std::string_view text) noexcept;
+// The value that stands for JSON that could not be read (is_discarded()).
+inline Json discardedJson() {
+  // Not braced: braces would make an array holding the value type.
+  return Json(Json::value_t::discarded);  // NOLINT(modernize-return-braced-init-list)
+}
+
+// The parsed value, or a discarded value for text that is not JSON or nests deeper than
+// kMaxJsonDepth: callers keep their existing bad-JSON path.
+Json parseBoundedJson(std::string_view text);
 
 // Whether a value built in memory nests deeper than `limit`, checked without recursion.
 bool jsonDeeperThan(const Json& value, std::size_t limit = kMaxJsonDepth) noexcept;

@@ -43,7 +43,7 @@ std::optional<std::string> hostText(const std::optional<std::string>& text) {
 
 Json hostJson(const Json& value) {
   if (jsonDeeperThan(value))
-    return Json(Json::value_t::discarded);
+    return discardedJson();
   return cleanCopy(value);
 }
 
