@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <string>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel {
 
 struct Error {
@@ -18,3 +20,5 @@ struct Error {
 };
 
 }  // namespace quorvel
+
+#pragma GCC visibility pop

@@ -19,6 +19,8 @@
 #include <quorvel/Error.h>
 #include <quorvel/Json.h>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel {
 
 // One argument of format(). Holds a view or a small value; it must not outlive the call.
@@ -75,3 +77,5 @@ std::string format(std::string_view fmt, const A&... args) {
 std::string describe(const FormatArg& arg);
 
 }  // namespace quorvel
+
+#pragma GCC visibility pop

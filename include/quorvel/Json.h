@@ -6,6 +6,8 @@
 
 #include <nlohmann/json.hpp>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel {
 
 // Dictionaries keep insertion order so that payloads read like their key tables.
@@ -15,3 +17,5 @@ using Json = nlohmann::ordered_json;
 using Bytes = std::vector<std::uint8_t>;
 
 }  // namespace quorvel
+
+#pragma GCC visibility pop

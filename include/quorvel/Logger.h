@@ -13,6 +13,8 @@
 
 #include <quorvel/Format.h>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel {
 
 // Master switch: nothing is printed while it is false.
@@ -54,3 +56,5 @@ void QVLogLocal(int level, const char* method, std::string_view fmt, const A&...
 }
 
 }  // namespace quorvel
+
+#pragma GCC visibility pop

@@ -28,6 +28,8 @@
 #include <quorvel/platform/SystemLog.h>
 #include <quorvel/platform/URLSession.h>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel {
 
 struct Platform {
@@ -92,3 +94,5 @@ std::shared_ptr<platform::Dispatcher> makePosixDispatcher(
     std::shared_ptr<platform::DispatchQueue> mainQueue = nullptr);
 
 }  // namespace quorvel
+
+#pragma GCC visibility pop

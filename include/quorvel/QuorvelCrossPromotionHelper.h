@@ -10,6 +10,8 @@
 #include <quorvel/QuorvelLinkGenerator.h>
 #include <quorvel/platform/URLSession.h>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel {
 
 class QuorvelCrossPromotionHelper {
@@ -34,3 +36,5 @@ class QuorvelCrossPromotionHelper {
 };
 
 }  // namespace quorvel
+
+#pragma GCC visibility pop

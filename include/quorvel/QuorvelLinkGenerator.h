@@ -8,6 +8,8 @@
 
 #include <quorvel/Json.h>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel {
 
 class QuorvelTracker;
@@ -89,3 +91,5 @@ std::string quorvelDefaultLinkOrigin(const std::string& host);
 std::string quorvelImpressionOrigin(const std::string& host);
 
 }  // namespace quorvel
+
+#pragma GCC visibility pop

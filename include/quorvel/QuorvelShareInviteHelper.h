@@ -8,6 +8,8 @@
 #include <quorvel/Json.h>
 #include <quorvel/QuorvelLinkGenerator.h>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel {
 
 class QuorvelShareInviteHelper {
@@ -31,3 +33,5 @@ class QuorvelShareInviteHelper {
 };
 
 }  // namespace quorvel
+
+#pragma GCC visibility pop

@@ -23,6 +23,8 @@
 #include <quorvel/Platform.h>
 #include <quorvel/platform/URLSession.h>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel {
 
 class QuorvelAES128Crypto;
@@ -415,3 +417,5 @@ extern const std::int64_t kNumberOfConversionDataRequestsTreshhold;
 inline constexpr const char* kQuorvelDefaultHost = "quorvel.io";
 
 }  // namespace quorvel
+
+#pragma GCC visibility pop

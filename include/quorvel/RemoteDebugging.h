@@ -7,6 +7,8 @@
 
 #include <quorvel/Format.h>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel {
 
 extern const char* const QVRemoteDebuggingStaticDataKey;
@@ -56,3 +58,5 @@ void addLogEvent(int level, const char* method, std::string_view fmt, const A&..
 }
 
 }  // namespace quorvel
+
+#pragma GCC visibility pop

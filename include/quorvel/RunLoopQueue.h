@@ -14,6 +14,8 @@
 
 #include <quorvel/platform/DispatchQueue.h>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel {
 
 class RunLoopQueue final : public platform::DispatchQueue {
@@ -39,3 +41,5 @@ class RunLoopQueue final : public platform::DispatchQueue {
 };
 
 }  // namespace quorvel
+
+#pragma GCC visibility pop

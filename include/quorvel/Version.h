@@ -1,6 +1,8 @@
 // Version constants compiled into the library.
 #pragma once
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel {
 
 extern const double QuorvelTrackerVersionNumber;
@@ -11,3 +13,5 @@ inline constexpr const char* kQuorvelSDKBuildNumber = "597";
 inline constexpr const char* kQuorvelAPIVersion = "4.8";
 
 }  // namespace quorvel
+
+#pragma GCC visibility pop

@@ -10,6 +10,8 @@
 
 #include <quorvel/platform/ClassRegistry.h>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel::platform {
 
 class AdvertisingIdentifierManager {
@@ -26,3 +28,5 @@ class AdvertisingIdentifierManagerClass : public RegisteredClass {
 };
 
 }  // namespace quorvel::platform
+
+#pragma GCC visibility pop

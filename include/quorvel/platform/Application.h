@@ -7,6 +7,8 @@
 #include <optional>
 #include <string>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel::platform {
 
 using BackgroundTaskIdentifier = std::uint64_t;
@@ -28,3 +30,5 @@ class Application {
 };
 
 }  // namespace quorvel::platform
+
+#pragma GCC visibility pop

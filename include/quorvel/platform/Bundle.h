@@ -7,6 +7,8 @@
 
 #include <quorvel/Json.h>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel::platform {
 
 class Bundle {
@@ -26,3 +28,5 @@ class Bundle {
 };
 
 }  // namespace quorvel::platform
+
+#pragma GCC visibility pop

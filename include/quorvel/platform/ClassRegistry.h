@@ -10,6 +10,8 @@
 #include <string>
 #include <string_view>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel::platform {
 
 class RegisteredClass {
@@ -34,3 +36,5 @@ class ClassRegistry {
 };
 
 }  // namespace quorvel::platform
+
+#pragma GCC visibility pop

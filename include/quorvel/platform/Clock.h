@@ -3,6 +3,8 @@
 
 #include <chrono>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel::platform {
 
 using TimePoint = std::chrono::system_clock::time_point;
@@ -26,3 +28,5 @@ inline double secondsSince1970(TimePoint t) {
 }
 
 }  // namespace quorvel::platform
+
+#pragma GCC visibility pop

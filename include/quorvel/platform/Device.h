@@ -4,6 +4,8 @@
 #include <optional>
 #include <string>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel::platform {
 
 // What the system lets an app do around the foreground. Phone systems gained these one
@@ -44,3 +46,5 @@ class Device {
 };
 
 }  // namespace quorvel::platform
+
+#pragma GCC visibility pop

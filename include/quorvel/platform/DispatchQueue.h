@@ -6,6 +6,8 @@
 #include <memory>
 #include <string>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel::platform {
 
 using Work = std::function<void()>;
@@ -44,3 +46,5 @@ class Dispatcher {
 };
 
 }  // namespace quorvel::platform
+
+#pragma GCC visibility pop

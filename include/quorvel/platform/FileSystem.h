@@ -8,6 +8,8 @@
 #include <quorvel/Json.h>
 #include <quorvel/platform/Clock.h>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel::platform {
 
 class FileSystem {
@@ -43,3 +45,5 @@ class FileSystem {
 };
 
 }  // namespace quorvel::platform
+
+#pragma GCC visibility pop

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel::platform {
 
 class Locale {
@@ -22,3 +24,5 @@ class Locale {
 };
 
 }  // namespace quorvel::platform
+
+#pragma GCC visibility pop

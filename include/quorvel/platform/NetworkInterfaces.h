@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel::platform {
 
 struct InterfaceAddress {
@@ -28,3 +30,5 @@ class NetworkInterfaces {
 };
 
 }  // namespace quorvel::platform
+
+#pragma GCC visibility pop

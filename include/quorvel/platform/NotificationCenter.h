@@ -7,6 +7,8 @@
 
 #include <quorvel/Json.h>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel::platform {
 
 // Names of the application lifecycle notifications that a host posts.
@@ -47,3 +49,5 @@ class NotificationCenter {
 };
 
 }  // namespace quorvel::platform
+
+#pragma GCC visibility pop

@@ -9,6 +9,8 @@
 #include <quorvel/Json.h>
 #include <quorvel/platform/Clock.h>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel::platform {
 
 // Values are Json: numbers, strings, dictionaries and arrays as themselves, bytes as a Json
@@ -50,3 +52,5 @@ class PreferencesStore {
 };
 
 }  // namespace quorvel::platform
+
+#pragma GCC visibility pop

@@ -6,6 +6,8 @@
 
 #include <quorvel/Json.h>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel::platform {
 
 class Random {
@@ -23,3 +25,5 @@ class Random {
 };
 
 }  // namespace quorvel::platform
+
+#pragma GCC visibility pop

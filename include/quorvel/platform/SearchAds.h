@@ -13,6 +13,8 @@
 #include <quorvel/Json.h>
 #include <quorvel/platform/ClassRegistry.h>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel::platform {
 
 using AttributionDetailsHandler =
@@ -33,3 +35,5 @@ class SearchAdsClientClass : public RegisteredClass {
 };
 
 }  // namespace quorvel::platform
+
+#pragma GCC visibility pop

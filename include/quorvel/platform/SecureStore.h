@@ -8,6 +8,8 @@
 
 #include <quorvel/Json.h>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel::platform {
 
 enum class SecureStatus { success, duplicateItem, itemNotFound, failure };
@@ -32,3 +34,5 @@ class SecureStore {
 };
 
 }  // namespace quorvel::platform
+
+#pragma GCC visibility pop

@@ -7,6 +7,8 @@
 
 #include <quorvel/Json.h>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel::platform {
 
 // Answers are raw bytes as the kernel returns them: integers in host byte order at their
@@ -23,3 +25,5 @@ class Sysctl {
 };
 
 }  // namespace quorvel::platform
+
+#pragma GCC visibility pop

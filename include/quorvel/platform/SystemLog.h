@@ -3,6 +3,8 @@
 
 #include <string_view>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel::platform {
 
 class SystemLog {
@@ -17,3 +19,5 @@ class SystemLog {
 };
 
 }  // namespace quorvel::platform
+
+#pragma GCC visibility pop

@@ -15,6 +15,8 @@
 #include <quorvel/Json.h>
 #include <quorvel/platform/DispatchQueue.h>
 
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
 namespace quorvel::platform {
 
 using HeaderList = std::vector<std::pair<std::string, std::string>>;
@@ -105,3 +107,5 @@ class URLSessionFactory {
 };
 
 }  // namespace quorvel::platform
+
+#pragma GCC visibility pop

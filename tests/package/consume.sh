@@ -1,0 +1,48 @@
+#!/usr/bin/env bash
+# Installs the library into temporary prefixes, static and shared, and builds and runs the
+# consumer against each through find_package and through pkg-config.
+#   consume.sh SOURCE_DIR WORK_DIR
+set -euo pipefail
+source_dir="$1"
+work="$2"
+consumer="$source_dir/tests/package/consumer"
+rm -rf "$work"
+mkdir -p "$work"
+jobs="$(nproc 2>/dev/null || echo 2)"
+
+for kind in static shared; do
+  shared=OFF
+  [ "$kind" = shared ] && shared=ON
+  prefix="$work/prefix-$kind"
+  echo "=== $kind: build and install"
+  cmake -S "$source_dir" -B "$work/build-$kind" -G Ninja -DBUILD_SHARED_LIBS="$shared" \
+    -DQUORVEL_BUILD_TESTS=OFF -DQUORVEL_BUILD_TOOLS=OFF -DCMAKE_INSTALL_PREFIX="$prefix" >/dev/null
+  cmake --build "$work/build-$kind" --parallel "$jobs" >/dev/null
+  cmake --install "$work/build-$kind" >/dev/null
+  libdir="$(dirname "$(find "$prefix" -name quorvel.pc)")/.."
+
+  if [ "$kind" = shared ]; then
+    library="$(find "$prefix" -name 'libquorvel.so.*.*' | head -1)"
+    soname="$(objdump -p "$library" | awk '/SONAME/ {print $2}')"
+    [ "$soname" = "libquorvel.so.4" ] || { echo "SONAME is '$soname'"; exit 1; }
+    # The public API is exported; the internals are not.
+    exported="$(nm -DC --defined-only "$library")"
+    grep -q "quorvel::QuorvelTracker::trackEvent" <<<"$exported" || { echo "trackEvent not exported"; exit 1; }
+    if grep -q "quorvel::QuorvelHTTPClient::" <<<"$exported"; then
+      echo "internal classes are exported"; exit 1
+    fi
+  fi
+
+  echo "=== $kind: consumer through find_package"
+  cmake -S "$consumer" -B "$work/consumer-cmake-$kind" -G Ninja \
+    -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_RPATH="$libdir" >/dev/null
+  cmake --build "$work/consumer-cmake-$kind" >/dev/null
+  "$work/consumer-cmake-$kind/consumer" "$work/run-cmake-$kind"
+
+  echo "=== $kind: consumer through pkg-config"
+  flags="$(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --cflags --libs quorvel)"
+  # shellcheck disable=SC2086
+  c++ -std=c++20 "$consumer/main.cpp" -o "$work/consumer-pc-$kind" $flags -Wl,-rpath,"$libdir"
+  "$work/consumer-pc-$kind" "$work/run-pc-$kind"
+done
+echo "consumers built and ran four ways"
