@@ -38,6 +38,7 @@ for kind in static shared; do
     -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_RPATH="$libdir" >/dev/null
   cmake --build "$work/consumer-cmake-$kind" >/dev/null
   "$work/consumer-cmake-$kind/consumer" "$work/run-cmake-$kind"
+  "$work/consumer-cmake-$kind/host_test"
 
   echo "=== $kind: consumer through pkg-config"
   flags="$(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --cflags --libs quorvel)"
@@ -45,4 +46,4 @@ for kind in static shared; do
   c++ -std=c++20 "$consumer/main.cpp" -o "$work/consumer-pc-$kind" $flags -Wl,-rpath,"$libdir"
   "$work/consumer-pc-$kind" "$work/run-pc-$kind"
 done
-echo "consumers built and ran four ways"
+echo "consumers built and ran four ways; the host test passed against the kit, static and shared"

@@ -1,6 +1,6 @@
-#include "support/VirtualTime.h"
+#include <quorvel/testing/VirtualTime.h>
 
-namespace quorvel::test {
+namespace quorvel::testkit {
 namespace {
 
 thread_local const void* tRunningQueue = nullptr;
@@ -94,4 +94,4 @@ std::vector<std::string> VirtualDispatcher::ranOn() const {
   return ranOn_;
 }
 
-}  // namespace quorvel::test
+}  // namespace quorvel::testkit

@@ -1,0 +1,51 @@
+// A host's own test of its integration, written against the installed test kit only: the
+// launch and an event run on virtual time, and the test reads what would have been sent.
+#include <algorithm>
+#include <filesystem>
+
+#include <gtest/gtest.h>
+
+#include <quorvel/QuorvelTracker.h>
+#include <quorvel/testing/TestPlatform.h>
+
+using namespace std::chrono_literals;
+
+TEST(MyAppAnalytics, ThePurchaseEventGoesOutWithItsValue) {
+  const auto dir = std::filesystem::temp_directory_path() / "myapp-analytics-test";
+  std::filesystem::remove_all(dir);
+  quorvel::PosixPlatformOptions options;
+  options.bundleIdentifier = "com.example.myapp";
+  options.dataDirectory = dir / "data";
+  options.keychainDirectory = dir / "keychain";
+  auto kit = quorvel::testkit::makeTestPlatform(options, "MY-DEV-KEY");
+
+  quorvel::QuorvelTracker tracker(kit.platform);
+  tracker.setQuorvelDevKey(std::string("MY-DEV-KEY"));
+  tracker.setAppleAppID(std::string("123456789"));
+  tracker.trackAppLaunch();
+  tracker.trackEvent("af_purchase", std::string("9.99"));
+  kit.dispatcher->advance(5s);
+
+  const auto sent = kit.transport->sent();
+  const auto purchase = std::find_if(sent.begin(), sent.end(), [](const auto& r) {
+    return r.payload && r.payload->value("event", "") == "af_purchase";
+  });
+  ASSERT_NE(purchase, sent.end());
+  EXPECT_EQ(purchase->payload->value("eventvalue", ""), "9.99");
+  EXPECT_EQ(purchase->queryParameter("app_id"), "123456789");
+
+  // Offline: the next event is kept, and goes out once the network is back.
+  kit.transport->setResponder([](const auto&) { return quorvel::testkit::Answer::offline(); });
+  tracker.trackEvent("af_level", std::nullopt);
+  kit.dispatcher->advance(5s);
+  kit.transport->setResponder(nullptr);
+  kit.transport->clear();
+  tracker.trackEvent("af_back", std::nullopt);  // its answer starts the replay
+  kit.dispatcher->advance(5s);
+  const auto replayed = kit.transport->sent();
+  EXPECT_TRUE(std::any_of(replayed.begin(), replayed.end(), [](const auto& r) {
+    return r.payload && r.payload->value("event", "") == "af_level" &&
+           r.queryParameter("isCachedRequest") == "true";
+  }));
+  std::filesystem::remove_all(dir);
+}
