@@ -10,6 +10,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang-format clang-tidy openssl
   clang libclang-rt-dev
+  chromium chromium-driver
 )
 
 SUDO=""

@@ -17,6 +17,8 @@
 #include "support/LoopbackListener.h"
 #include "support/Subprocess.h"
 #include "support/TempDir.h"
+#include "support/WebDriver.h"
+#include "util/Base64.h"
 
 namespace quorvel {
 namespace {
@@ -223,6 +225,56 @@ TEST_F(DemoAgainstDevserver, EventsTrackedJustBeforeMainReturnsArriveExactlyOnce
   EXPECT_NE(replayed[0]["query"].get<std::string>().find("isCachedRequest=true"),
             std::string::npos);
   EXPECT_EQ(cachedFiles(), 0U);
+}
+
+// The inspector in a real browser: a request shows up after a demo step, a fault switched
+// from the page reaches the next requests.
+TEST_F(DemoAgainstDevserver, TheInspectorShowsRequestsAndSwitchesFaults) {
+  test::WebDriver browser(dir.path());
+  ASSERT_TRUE(browser.ok()) << "chromedriver or chromium did not start";
+  browser.open("http://127.0.0.1:" + std::to_string(state["admin_port"].get<int>()) + "/");
+  const auto rowWithEvent = [&](const std::string& event) {
+    return browser.run("return [...document.querySelectorAll('#requests tbody tr')]"
+                       ".filter(tr => tr.children[2].textContent === '" +
+                       event + "').map(tr => tr.children[3].textContent);");
+  };
+  ASSERT_TRUE(test::eventually(
+      [&] { return browser.run("return document.querySelectorAll('#fault-service option').length")
+                       .get<int>() > 0; },
+      30s));
+
+  demo({"event inspector_seen"});
+  ASSERT_TRUE(test::eventually([&] { return rowWithEvent("inspector_seen").size() == 1; }, 30s));
+  EXPECT_EQ(rowWithEvent("inspector_seen")[0], "200");
+  browser.run("document.querySelector('#requests tbody tr').click();");
+  const std::string details =
+      browser.run("return document.getElementById('details').textContent;").get<std::string>();
+  EXPECT_NE(details.find("\"event\": \"inspector_seen\""), std::string::npos) << details;
+
+  // The events service answers 503 from now on, switched from the page.
+  browser.run("document.getElementById('fault-service').value = 'events';");
+  ASSERT_TRUE(browser.click("#set-status"));
+  ASSERT_TRUE(test::eventually([&] {
+    return browser.run("return document.getElementById('state').textContent;")
+               .get<std::string>()
+               .find("events→503") != std::string::npos;
+  }));
+  demo({"event after_fault"});
+  ASSERT_TRUE(test::eventually([&] { return rowWithEvent("after_fault").size() == 1; }, 30s));
+  EXPECT_EQ(rowWithEvent("after_fault")[0], "503");
+
+  const auto shot = base64DecodeLenient(browser.screenshotBase64());
+  std::ofstream(std::string(QUORVEL_BUILD_DIR) + "/inspector.png", std::ios::binary)
+      .write(reinterpret_cast<const char*>(shot.data()), static_cast<std::streamsize>(shot.size()));
+  EXPECT_GT(shot.size(), 1000U);
+
+  // Offline from the page: the next event fails in transport and is kept.
+  ASSERT_TRUE(browser.click("#offline"));
+  ASSERT_TRUE(test::eventually([&] { return !acceptsConnections(state["port"].get<int>()); }));
+  demo({"event while_offline"});
+  EXPECT_EQ(cachedFiles(), 1U);
+  ASSERT_TRUE(browser.click("#online"));
+  ASSERT_TRUE(test::eventually([&] { return acceptsConnections(state["port"].get<int>()); }));
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <httplib.h>
 
 #include "HttpsFrontend.h"
+#include "InspectorPage.h"
 
 namespace quorvel::devserver {
 
@@ -21,13 +22,27 @@ std::optional<long> numberParam(const httplib::Request& req, const char* name) {
 
 void answer(httplib::Response& res, int status, const Json& body) {
   res.status = status;
-  res.set_content(body.dump(2) + "\n", "application/json");
+  res.set_content(body.dump(2, ' ', false, Json::error_handler_t::replace) + "\n",
+                  "application/json");
+}
+
+// A request as the inspector lists it.
+Json describe(const StoredRequest& r) {
+  Json event;
+  if (r.decrypted && r.decrypted->is_object() && r.decrypted->contains("event"))
+    event = (*r.decrypted)["event"];
+  return Json{{"id", r.id},           {"time", r.time},       {"method", r.method},
+              {"host", r.host},       {"service", r.service}, {"path", r.path},
+              {"query", r.query},     {"event", event},       {"status", r.status},
+              {"note", r.note},       {"headers", r.headers}, {"decrypted", r.decrypted ? *r.decrypted : Json()},
+              {"body_size", r.body.size()}};
 }
 
 }  // namespace
 
-AdminServer::AdminServer(Emulator& emulator, Faults& faults, Emulator::LogSink log)
-    : emulator_(emulator), faults_(faults), log_(std::move(log)) {}
+AdminServer::AdminServer(Emulator& emulator, Faults& faults, const RequestStore& store,
+                         Emulator::LogSink log)
+    : emulator_(emulator), faults_(faults), store_(store), log_(std::move(log)) {}
 
 AdminServer::~AdminServer() {
   stop();
@@ -79,6 +94,19 @@ void AdminServer::start(int port) {
     faults_.clear();
     log_("admin: faults cleared");
     answer(res, 200, state());
+  });
+  s.Get("/", [](const httplib::Request&, httplib::Response& res) {
+    res.set_content(inspectorPage(), "text/html; charset=utf-8");
+  });
+  s.Get("/requests", [this](const httplib::Request& req, httplib::Response& res) {
+    const auto after = numberParam(req, "after");
+    Json list = Json::array();
+    for (const auto& r : store_.newerThan(after.value_or(0), 200))
+      list.push_back(describe(r));
+    answer(res, 200, list);
+  });
+  s.Get("/services", [](const httplib::Request&, httplib::Response& res) {
+    answer(res, 200, Json(servicePrefixes()));
   });
   s.Get("/stats", [](const httplib::Request&, httplib::Response& res) {
     answer(res, 200, Json{{"connections", acceptedConnections()}});

@@ -9,6 +9,9 @@
 //   POST /faults/clear
 //   POST /monitor?value=N                 the "monitor" value of tracking answers
 //   GET  /stats                           TLS connections accepted, per server name
+//   GET  /                                the web inspector (a page on the endpoints below)
+//   GET  /requests?after=ID               requests recorded after ID, newest first (200 at most)
+//   GET  /services                        the service prefixes the emulator answers
 #pragma once
 
 #include <memory>
@@ -17,13 +20,15 @@
 
 #include "Emulator.h"
 #include "Faults.h"
+#include "RequestStore.h"
 #include "ListenerThread.h"
 
 namespace quorvel::devserver {
 
 class AdminServer {
  public:
-  AdminServer(Emulator& emulator, Faults& faults, Emulator::LogSink log);
+  AdminServer(Emulator& emulator, Faults& faults, const RequestStore& store,
+              Emulator::LogSink log);
   ~AdminServer();
   AdminServer(const AdminServer&) = delete;
   AdminServer& operator=(const AdminServer&) = delete;
@@ -38,6 +43,7 @@ class AdminServer {
 
   Emulator& emulator_;
   Faults& faults_;
+  const RequestStore& store_;
   Emulator::LogSink log_;
   ListenerThread listener_;
   int port_ = 0;

@@ -1,4 +1,5 @@
 #include "Emulator.h"
+#include "PayloadCipher.h"
 
 #include <chrono>
 #include <exception>
@@ -107,6 +108,7 @@ ServiceResponse Emulator::handle(const ServiceRequest& request) {
   try {
     if (const auto status = faults_.statusFor(record.service.empty() ? "-" : record.service)) {
       response = errorResponse(*status, "fault: answering " + std::to_string(*status));
+      recordPayload(request, record);
     } else {
       response = route(record.service, request, record);
     }
@@ -127,6 +129,17 @@ ServiceResponse Emulator::handle(const ServiceRequest& request) {
     line += " (" + response.note + ")";
   log_(line);
   return response;
+}
+
+void Emulator::recordPayload(const ServiceRequest& request, StoredRequest& record) const {
+  const auto devKey = devKeyOf(request.param("app_id"));
+  if (!devKey)
+    return;
+  if (const auto clear = decryptPayload(*devKey, request.body)) {
+    Json payload = parseRequestJson(*clear);
+    if (!payload.is_discarded())
+      record.decrypted = std::move(payload);
+  }
 }
 
 ServiceResponse Emulator::route(const std::string& service, const ServiceRequest& request,

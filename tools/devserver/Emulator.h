@@ -68,6 +68,8 @@ class Emulator {
                                 const std::string& what);
   ServiceResponse linkClick(const std::string& service, const ServiceRequest& request);
 
+  // Keeps the clear payload of a request that a fault answered, as its record would show it.
+  void recordPayload(const ServiceRequest& request, StoredRequest& record) const;
   // The developer key of a known app; nothing for an unknown one.
   std::optional<std::string> devKeyOf(const std::optional<std::string>& appId) const;
   // The app whose developer key signed this short-link request.

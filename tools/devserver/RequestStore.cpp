@@ -156,34 +156,54 @@ void RequestStore::insertLocked(const StoredRequest& r) const {
   step(db_.get(), s.get());
 }
 
-std::vector<StoredRequest> RequestStore::all() const {
-  const std::lock_guard lock(mutex_);
-  commitQueuedLocked();
-  const Statement s = prepare(db_.get(),
-                              "SELECT id, time, method, host, service, path, query, headers, body, "
-                              "decrypted, status, note FROM requests ORDER BY id");
+namespace {
+
+constexpr const char* kColumns =
+    "SELECT id, time, method, host, service, path, query, headers, body, decrypted, status, note "
+    "FROM requests ";
+
+std::vector<StoredRequest> readRequests(sqlite3_stmt* s) {
   std::vector<StoredRequest> out;
-  while (sqlite3_step(s.get()) == SQLITE_ROW) {
+  while (sqlite3_step(s) == SQLITE_ROW) {
     StoredRequest r;
-    r.id = sqlite3_column_int64(s.get(), 0);
-    r.time = sqlite3_column_double(s.get(), 1);
-    r.method = columnText(s.get(), 2);
-    r.host = columnText(s.get(), 3);
-    r.service = columnText(s.get(), 4);
-    r.path = columnText(s.get(), 5);
-    r.query = columnText(s.get(), 6);
-    r.headers = Json::parse(columnText(s.get(), 7), nullptr, false);
-    r.body = columnText(s.get(), 8);
-    if (sqlite3_column_type(s.get(), 9) != SQLITE_NULL) {
-      Json decrypted = Json::parse(columnText(s.get(), 9), nullptr, false);
+    r.id = sqlite3_column_int64(s, 0);
+    r.time = sqlite3_column_double(s, 1);
+    r.method = columnText(s, 2);
+    r.host = columnText(s, 3);
+    r.service = columnText(s, 4);
+    r.path = columnText(s, 5);
+    r.query = columnText(s, 6);
+    r.headers = Json::parse(columnText(s, 7), nullptr, false);
+    r.body = columnText(s, 8);
+    if (sqlite3_column_type(s, 9) != SQLITE_NULL) {
+      Json decrypted = Json::parse(columnText(s, 9), nullptr, false);
       if (!decrypted.is_discarded())
         r.decrypted = std::move(decrypted);
     }
-    r.status = sqlite3_column_int(s.get(), 10);
-    r.note = columnText(s.get(), 11);
+    r.status = sqlite3_column_int(s, 10);
+    r.note = columnText(s, 11);
     out.push_back(std::move(r));
   }
   return out;
+}
+
+}  // namespace
+
+std::vector<StoredRequest> RequestStore::all() const {
+  const std::lock_guard lock(mutex_);
+  commitQueuedLocked();
+  const Statement s = prepare(db_.get(), (std::string(kColumns) + "ORDER BY id").c_str());
+  return readRequests(s.get());
+}
+
+std::vector<StoredRequest> RequestStore::newerThan(std::int64_t id, std::size_t limit) const {
+  const std::lock_guard lock(mutex_);
+  commitQueuedLocked();
+  const Statement s =
+      prepare(db_.get(), (std::string(kColumns) + "WHERE id > ? ORDER BY id DESC LIMIT ?").c_str());
+  sqlite3_bind_int64(s.get(), 1, id);
+  sqlite3_bind_int64(s.get(), 2, static_cast<sqlite3_int64>(limit));
+  return readRequests(s.get());
 }
 
 bool RequestStore::markConversionDataServed(const std::string& appId, const std::string& deviceId) {

@@ -57,6 +57,8 @@ class RequestStore {
   // answer finds its request in the store.
   void add(StoredRequest request);
   std::vector<StoredRequest> all() const;
+  // Requests recorded after `id`, newest first, at most `limit`.
+  std::vector<StoredRequest> newerThan(std::int64_t id, std::size_t limit) const;
 
   // True when this device of this app was given conversion data before; marks it as given.
   bool markConversionDataServed(const std::string& appId, const std::string& deviceId);

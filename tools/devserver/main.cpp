@@ -138,7 +138,7 @@ int serve(const ServeOptions& o) {
   frontend.start(o.port);
   // With --port 0 the port is known only once bound.
   emulator.setPort(frontend.port());
-  AdminServer admin(emulator, faults, log);
+  AdminServer admin(emulator, faults, store, log);
   admin.start(o.adminPort);
   if (o.offlineSeconds >= 0) {
     faults.goOffline(o.offlineSeconds == 0
@@ -156,6 +156,7 @@ int serve(const ServeOptions& o) {
   std::cout << "quorvel-devserver ready\n"
             << "  service domain  " << emulator.serviceDomain() << "   (the library's host)\n"
             << "  trust CA        " << certificates.caFile << "\n"
+            << "  inspector       http://127.0.0.1:" << admin.port() << "/   (open it in a browser)\n"
             << "  admin           http://127.0.0.1:" << admin.port() << "\n"
             << "  requests        " << (dataDir / "requests.sqlite").string() << "\n"
             << "  apps            ";
