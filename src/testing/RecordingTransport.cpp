@@ -22,7 +22,8 @@ struct CipherDeleter {
 std::string percentDecoded(const std::string& text) {
   std::string out;
   for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == '%' && i + 2 < text.size() && std::isxdigit(static_cast<unsigned char>(text[i + 1])) &&
+    if (text[i] == '%' && i + 2 < text.size() &&
+        std::isxdigit(static_cast<unsigned char>(text[i + 1])) &&
         std::isxdigit(static_cast<unsigned char>(text[i + 2]))) {
       out.push_back(static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16)));
       i += 2;
@@ -37,7 +38,8 @@ std::string percentDecoded(const std::string& text) {
 
 Answer Answer::offline() {
   Answer a;
-  a.failure = Error{platform::kURLErrorDomain, -1009, "The Internet connection appears to be offline."};
+  a.failure =
+      Error{platform::kURLErrorDomain, -1009, "The Internet connection appears to be offline."};
   return a;
 }
 
@@ -56,7 +58,8 @@ std::optional<std::string> SentRequest::queryParameter(const std::string& name) 
   std::size_t at = 0;
   while (at <= query.size()) {
     const auto amp = query.find('&', at);
-    const std::string pair = query.substr(at, amp == std::string::npos ? std::string::npos : amp - at);
+    const std::string pair =
+        query.substr(at, amp == std::string::npos ? std::string::npos : amp - at);
     const auto eq = pair.find('=');
     if (percentDecoded(pair.substr(0, eq)) == name)
       return eq == std::string::npos ? std::string() : percentDecoded(pair.substr(eq + 1));
@@ -83,7 +86,8 @@ std::optional<Json> decryptPayload(const std::string& developerKey, const Bytes&
   int length = 0;
   int last = 0;
   if (!ctx ||
-      EVP_DecryptInit_ex(ctx.get(), EVP_aes_128_cbc(), nullptr, key.data(), sealed.data() + n) != 1 ||
+      EVP_DecryptInit_ex(ctx.get(), EVP_aes_128_cbc(), nullptr, key.data(), sealed.data() + n) !=
+          1 ||
       EVP_DecryptUpdate(ctx.get(), out, &length, sealed.data(), static_cast<int>(n)) != 1 ||
       EVP_DecryptFinal_ex(ctx.get(), out + length, &last) != 1)
     return std::nullopt;
@@ -124,8 +128,8 @@ class RecordingSession final : public platform::URLSession,
                    std::weak_ptr<platform::URLSessionDownloadDelegate> delegate)
       : core_(std::move(core)), queue_(std::move(queue)), delegate_(std::move(delegate)) {}
 
-  std::shared_ptr<platform::URLSessionTask> dataTask(platform::URLRequest request,
-                                                     platform::DataTaskCompletion completion) override;
+  std::shared_ptr<platform::URLSessionTask> dataTask(
+      platform::URLRequest request, platform::DataTaskCompletion completion) override;
   std::shared_ptr<platform::URLSessionTask> downloadTask(platform::URLRequest request) override {
     return dataTask(std::move(request), nullptr);
   }
@@ -143,9 +147,11 @@ class RecordingSession final : public platform::URLSession,
 class RecordedTask final : public platform::URLSessionTask,
                            public std::enable_shared_from_this<RecordedTask> {
  public:
-  RecordedTask(std::uint64_t id, platform::URLRequest request, platform::DataTaskCompletion completion,
-               std::weak_ptr<RecordingSession> session)
-      : id_(id), request_(std::move(request)), completion_(std::move(completion)),
+  RecordedTask(std::uint64_t id, platform::URLRequest request,
+               platform::DataTaskCompletion completion, std::weak_ptr<RecordingSession> session)
+      : id_(id),
+        request_(std::move(request)),
+        completion_(std::move(completion)),
         session_(std::move(session)) {}
   std::uint64_t taskIdentifier() const noexcept override { return id_; }
   const platform::URLRequest& originalRequest() const noexcept override { return request_; }
@@ -200,10 +206,11 @@ void RecordingSession::start(const std::shared_ptr<RecordedTask>& task) {
       return;
     if (!answer.failure) {
       // A download lands in a file, as a background session hands it over.
-      const auto path = std::filesystem::temp_directory_path() /
-                        ("quorvel-testkit-" + std::to_string(reinterpret_cast<std::uintptr_t>(task.get())));
-      std::ofstream(path, std::ios::binary).write(answer.body.data(),
-                                                  static_cast<std::streamsize>(answer.body.size()));
+      const auto path =
+          std::filesystem::temp_directory_path() /
+          ("quorvel-testkit-" + std::to_string(reinterpret_cast<std::uintptr_t>(task.get())));
+      std::ofstream(path, std::ios::binary)
+          .write(answer.body.data(), static_cast<std::streamsize>(answer.body.size()));
       receiver->didFinishDownloadingToPath(*task, path.string());
       std::filesystem::remove(path);
     }
@@ -239,8 +246,9 @@ void RecordingTransport::clear() {
 std::shared_ptr<platform::URLSession> RecordingTransport::sharedSession() {
   const std::lock_guard lock(sessionsMutex_);
   if (!shared_)
-    shared_ = std::make_shared<RecordingSession>(core_, dispatcher_->makeSerialQueue("testkit.shared"),
-                                                 std::weak_ptr<platform::URLSessionDownloadDelegate>());
+    shared_ =
+        std::make_shared<RecordingSession>(core_, dispatcher_->makeSerialQueue("testkit.shared"),
+                                           std::weak_ptr<platform::URLSessionDownloadDelegate>());
   return shared_;
 }
 
@@ -248,7 +256,8 @@ std::shared_ptr<platform::URLSession> RecordingTransport::backgroundSession(
     const platform::BackgroundSessionConfiguration& configuration,
     std::weak_ptr<platform::URLSessionDownloadDelegate> delegate) {
   return std::make_shared<RecordingSession>(
-      core_, dispatcher_->makeSerialQueue("testkit." + configuration.identifier), std::move(delegate));
+      core_, dispatcher_->makeSerialQueue("testkit." + configuration.identifier),
+      std::move(delegate));
 }
 
 }  // namespace quorvel::testkit

@@ -2,7 +2,8 @@
 
 namespace quorvel::testkit {
 
-TestPlatform makeTestPlatform(const PosixPlatformOptions& options, const std::string& developerKey) {
+TestPlatform makeTestPlatform(const PosixPlatformOptions& options,
+                              const std::string& developerKey) {
   TestPlatform kit;
   kit.clock = std::make_shared<VirtualClock>();
   kit.dispatcher = std::make_shared<VirtualDispatcher>(kit.clock);

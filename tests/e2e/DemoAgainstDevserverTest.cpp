@@ -234,13 +234,16 @@ TEST_F(DemoAgainstDevserver, TheInspectorShowsRequestsAndSwitchesFaults) {
   ASSERT_TRUE(browser.ok()) << "chromedriver or chromium did not start";
   browser.open("http://127.0.0.1:" + std::to_string(state["admin_port"].get<int>()) + "/");
   const auto rowWithEvent = [&](const std::string& event) {
-    return browser.run("return [...document.querySelectorAll('#requests tbody tr')]"
-                       ".filter(tr => tr.children[2].textContent === '" +
-                       event + "').map(tr => tr.children[3].textContent);");
+    return browser.run(
+        "return [...document.querySelectorAll('#requests tbody tr')]"
+        ".filter(tr => tr.children[2].textContent === '" +
+        event + "').map(tr => tr.children[3].textContent);");
   };
   ASSERT_TRUE(test::eventually(
-      [&] { return browser.run("return document.querySelectorAll('#fault-service option').length")
-                       .get<int>() > 0; },
+      [&] {
+        return browser.run("return document.querySelectorAll('#fault-service option').length")
+                   .get<int>() > 0;
+      },
       30s));
 
   demo({"event inspector_seen"});

@@ -37,14 +37,14 @@ class WebDriver {
             },
             std::chrono::seconds(30)))
       return;
-    const Json capabilities = {
-        {"capabilities",
-         {{"alwaysMatch",
-           {{"browserName", "chrome"},
-            {"goog:chromeOptions",
-             {{"binary", "/usr/bin/chromium"},
-              {"args", {"--headless=new", "--no-sandbox", "--disable-dev-shm-usage",
-                        "--disable-gpu", "--window-size=1400,900"}}}}}}}}};
+    const Json capabilities = {{"capabilities",
+                                {{"alwaysMatch",
+                                  {{"browserName", "chrome"},
+                                   {"goog:chromeOptions",
+                                    {{"binary", "/usr/bin/chromium"},
+                                     {"args",
+                                      {"--headless=new", "--no-sandbox", "--disable-dev-shm-usage",
+                                       "--disable-gpu", "--window-size=1400,900"}}}}}}}}};
     const Json session = call("POST", "/session", capabilities);
     if (session.is_object())
       session_ = session.value("sessionId", "");
@@ -64,8 +64,7 @@ class WebDriver {
   }
   // Clicks the element matching `css` as a user would; false when there is none.
   bool click(const std::string& css) {
-    const Json found =
-        command("POST", "/element", Json{{"using", "css selector"}, {"value", css}});
+    const Json found = command("POST", "/element", Json{{"using", "css selector"}, {"value", css}});
     if (!found.is_object() || found.empty())
       return false;
     const std::string element = found.begin()->get<std::string>();
@@ -82,10 +81,10 @@ class WebDriver {
   // The "value" member of the answer; null when the driver did not answer.
   Json call(const std::string& method, const std::string& path, const Json& body = nullptr) {
     httplib::Result result =
-        method == "GET"      ? client_->Get(path)
-        : method == "DELETE" ? client_->Delete(path)
-                             : client_->Post(path, body.is_null() ? "{}" : body.dump(),
-                                             "application/json");
+        method == "GET" ? client_->Get(path)
+        : method == "DELETE"
+            ? client_->Delete(path)
+            : client_->Post(path, body.is_null() ? "{}" : body.dump(), "application/json");
     if (!result)
       return nullptr;
     const Json answer = Json::parse(result->body, nullptr, false);

@@ -31,10 +31,18 @@ Json describe(const StoredRequest& r) {
   Json event;
   if (r.decrypted && r.decrypted->is_object() && r.decrypted->contains("event"))
     event = (*r.decrypted)["event"];
-  return Json{{"id", r.id},           {"time", r.time},       {"method", r.method},
-              {"host", r.host},       {"service", r.service}, {"path", r.path},
-              {"query", r.query},     {"event", event},       {"status", r.status},
-              {"note", r.note},       {"headers", r.headers}, {"decrypted", r.decrypted ? *r.decrypted : Json()},
+  return Json{{"id", r.id},
+              {"time", r.time},
+              {"method", r.method},
+              {"host", r.host},
+              {"service", r.service},
+              {"path", r.path},
+              {"query", r.query},
+              {"event", event},
+              {"status", r.status},
+              {"note", r.note},
+              {"headers", r.headers},
+              {"decrypted", r.decrypted ? *r.decrypted : Json()},
               {"body_size", r.body.size()}};
 }
 

@@ -20,15 +20,14 @@
 
 #include "Emulator.h"
 #include "Faults.h"
-#include "RequestStore.h"
 #include "ListenerThread.h"
+#include "RequestStore.h"
 
 namespace quorvel::devserver {
 
 class AdminServer {
  public:
-  AdminServer(Emulator& emulator, Faults& faults, const RequestStore& store,
-              Emulator::LogSink log);
+  AdminServer(Emulator& emulator, Faults& faults, const RequestStore& store, Emulator::LogSink log);
   ~AdminServer();
   AdminServer(const AdminServer&) = delete;
   AdminServer& operator=(const AdminServer&) = delete;

@@ -156,7 +156,8 @@ int serve(const ServeOptions& o) {
   std::cout << "quorvel-devserver ready\n"
             << "  service domain  " << emulator.serviceDomain() << "   (the library's host)\n"
             << "  trust CA        " << certificates.caFile << "\n"
-            << "  inspector       http://127.0.0.1:" << admin.port() << "/   (open it in a browser)\n"
+            << "  inspector       http://127.0.0.1:" << admin.port()
+            << "/   (open it in a browser)\n"
             << "  admin           http://127.0.0.1:" << admin.port() << "\n"
             << "  requests        " << (dataDir / "requests.sqlite").string() << "\n"
             << "  apps            ";
