@@ -5,7 +5,7 @@
 # (for example --events 2000).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/install-deps.sh
+bash scripts/install-deps.sh --tests
 jobs="$(nproc 2>/dev/null || echo 2)"
 cmake --preset release -DQUORVEL_BUILD_TESTS=OFF >/dev/null
 cmake --build --preset release --parallel "$jobs" --target quorvel_benchmark quorvel_burst

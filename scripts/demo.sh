@@ -15,7 +15,7 @@ cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 # Only what the session runs, optimised: the library and the two tools.
 jobs="$(nproc 2>/dev/null || echo 2)"
-cmake --preset release -DQUORVEL_BUILD_TESTS=OFF >/dev/null
+cmake --preset release -DQUORVEL_BUILD_TESTS=OFF -DQUORVEL_BUILD_BENCHMARKS=OFF >/dev/null
 cmake --build --preset release --parallel "$jobs" --target quorvel-demo quorvel-devserver
 
 bin=./build/release/tools

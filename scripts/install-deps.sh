@@ -1,17 +1,22 @@
 #!/usr/bin/env bash
-# Installs every Debian package the project needs to build, test and run.
+# Installs the Debian packages the project needs: to build the library and its tools (the
+# main job), and with --tests also what the test command uses (GoogleTest, Google Benchmark,
+# clang for the fuzzers, Chromium for the inspector's test, the format and lint tools).
 # Idempotent; needs root (or sudo).
 set -euo pipefail
 
 packages=(
   build-essential cmake ninja-build pkg-config git ca-certificates
   libssl-dev libcurl4-openssl-dev nlohmann-json3-dev libcpp-httplib-dev
-  libsqlite3-dev sqlite3 libcli11-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
-  clang-format clang-tidy openssl
-  clang libclang-rt-dev
-  chromium chromium-driver
+  libsqlite3-dev sqlite3 libcli11-dev openssl
 )
+if [ "${1:-}" = "--tests" ]; then
+  packages+=(
+    libgtest-dev libgmock-dev libbenchmark-dev
+    clang-format clang-tidy clang libclang-rt-dev
+    chromium chromium-driver
+  )
+fi
 
 SUDO=""
 if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi

@@ -5,7 +5,7 @@
 # Choose presets with QUORVEL_TEST_PRESETS="dev asan-ubsan".
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/install-deps.sh
+bash scripts/install-deps.sh --tests
 presets="${QUORVEL_TEST_PRESETS:-dev asan-ubsan tsan}"
 jobs="$(nproc 2>/dev/null || echo 2)"
 for preset in $presets; do
