@@ -4,6 +4,7 @@
 
 #include <array>
 #include <atomic>
+#include <cctype>
 #include <filesystem>
 #include <fstream>
 #include <utility>
