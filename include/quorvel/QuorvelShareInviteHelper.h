@@ -12,9 +12,22 @@
 
 namespace quorvel {
 
+// Each helper works with the tracker it is given; the forms without one use
+// QuorvelTracker::sharedTracker().
 class QuorvelShareInviteHelper {
  public:
   QuorvelShareInviteHelper() = delete;
+
+  static void generateInviteUrlWithLinkGenerator(
+      QuorvelTracker& tracker,
+      const std::function<QuorvelLinkGenerator(QuorvelLinkGenerator)>& linkGenerator,
+      std::function<void(const std::string& url)> completionHandler);
+  static QuorvelLinkGenerator createLink(QuorvelTracker& tracker, const std::string& mediaSource);
+  static void trackInvite(QuorvelTracker& tracker, const std::optional<std::string>& channel,
+                          const std::optional<Json>& parameters);
+  static void trackLinkedSent(QuorvelTracker& tracker, const std::string& eventName,
+                              const std::optional<std::string>& channel,
+                              const std::optional<Json>& parameters);
 
   // Prepares a generator, lets the host adjust it, and hands over the invite link (short
   // when the link service gives one, long otherwise).

@@ -23,10 +23,9 @@
 #include <quorvel/Platform.h>
 #include <quorvel/platform/URLSession.h>
 
-#pragma GCC visibility push(default)  // the public interface is what the library exports
-
+// The library's own types, declared before the exported region: a class takes its
+// visibility from its first declaration, and these stay inside the library.
 namespace quorvel {
-
 class QuorvelAES128Crypto;
 class QuorvelKeychainWrapper;
 class QVDateFormatter;
@@ -37,6 +36,11 @@ class QuorvelRequestCacheData;
 class QuorvelDictionary;
 class ReportLedger;
 class TrackerLifetime;
+}  // namespace quorvel
+
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
+namespace quorvel {
 
 // What a host knows of an open-URL request (the platform's open-URL options).
 struct QuorvelOpenURLOptions {
@@ -343,6 +347,7 @@ class QuorvelTracker {
     field = std::forward<V>(value);
   }
   void subscribeToLifecycleNotifications();
+  void unsubscribeFromLifecycleNotifications();
   void deepLinkStep(QuorvelDictionary& parameters);
   void pushPayloadStep(QuorvelDictionary& parameters);
   void advertisingIdentifierStep(QuorvelDictionary& parameters);
@@ -404,6 +409,10 @@ class QuorvelTracker {
   std::shared_ptr<ReportLedger> ledger_;
   std::atomic<bool> preferencesWriteScheduled_{false};
   std::atomic<std::int64_t> exitFlushMs_{2000};
+  // The application notifications the tracker follows; destroying them waits out a handler
+  // running on another thread. Swapped out under the lock, destroyed outside it.
+  std::mutex subscriptionsMutex_;
+  std::vector<platform::NotificationSubscription> lifecycleSubscriptions_;
   // What queued work and completions hold instead of the tracker (see TrackerLifetime).
   std::shared_ptr<TrackerLifetime> self_;
 };

@@ -9,7 +9,12 @@ namespace quorvel {
 QuorvelLinkGenerator QuorvelCrossPromotionHelper::createLinkGenerator(
     const std::string& appID, const std::optional<std::string>& campaign,
     const std::optional<Json>& parameters, const std::string& baseURL) {
-  QuorvelTracker& tracker = QuorvelTracker::sharedTracker();
+  return createLinkGenerator(QuorvelTracker::sharedTracker(), appID, campaign, parameters, baseURL);
+}
+
+QuorvelLinkGenerator QuorvelCrossPromotionHelper::createLinkGenerator(
+    QuorvelTracker& tracker, const std::string& appID, const std::optional<std::string>& campaign,
+    const std::optional<Json>& parameters, const std::string& baseURL) {
   QuorvelLinkGenerator generator("qv_cross_promotion", tracker);
   generator.setBaseURL(baseURL);
   generator.setAppleAppID(appID);
@@ -29,18 +34,31 @@ void QuorvelCrossPromotionHelper::trackAndOpenStore(
     const std::optional<Json>& paramters,
     const std::function<void(std::shared_ptr<platform::URLSession> session,
                              const std::string& url)>& openStore) {
-  QuorvelTracker& tracker = QuorvelTracker::sharedTracker();
-  const QuorvelLinkGenerator generator =
-      createLinkGenerator(appID, campaign, paramters, quorvelDefaultLinkOrigin(tracker.host()));
+  trackAndOpenStore(QuorvelTracker::sharedTracker(), appID, campaign, paramters, openStore);
+}
+
+void QuorvelCrossPromotionHelper::trackAndOpenStore(
+    QuorvelTracker& tracker, const std::string& appID, const std::optional<std::string>& campaign,
+    const std::optional<Json>& paramters,
+    const std::function<void(std::shared_ptr<platform::URLSession> session,
+                             const std::string& url)>& openStore) {
+  const QuorvelLinkGenerator generator = createLinkGenerator(
+      tracker, appID, campaign, paramters, quorvelDefaultLinkOrigin(tracker.host()));
   // The click is on record before the host opens anything.
-  trackCrossPromotionEvent(campaign, paramters);
+  trackCrossPromotionEvent(tracker, campaign, paramters);
   const std::string url = generator.generateLink();
   if (openStore)
-    openStore(tracker.platform().urlSessions->sharedSession(), url);
+    openStore(tracker.platform().urlSessions->defaultSession(), url);
 }
 
 void QuorvelCrossPromotionHelper::trackCrossPromotionEvent(
     const std::optional<std::string>& campaign, const std::optional<Json>& paramters) {
+  trackCrossPromotionEvent(QuorvelTracker::sharedTracker(), campaign, paramters);
+}
+
+void QuorvelCrossPromotionHelper::trackCrossPromotionEvent(
+    QuorvelTracker& tracker, const std::optional<std::string>& campaign,
+    const std::optional<Json>& paramters) {
   Json values = Json::object();
   if (paramters && paramters->is_object()) {
     for (const auto& [k, v] : paramters->items()) {
@@ -53,18 +71,22 @@ void QuorvelCrossPromotionHelper::trackCrossPromotionEvent(
   } else {
     values.erase("qv_campaign");
   }
-  QuorvelTracker::sharedTracker().trackEventWithValues("qv_cross_promotion_clicked", values);
+  tracker.trackEventWithValues("qv_cross_promotion_clicked", values);
 }
 
 void QuorvelCrossPromotionHelper::trackCrossPromoteImpression(
     const std::string& appID, const std::optional<std::string>& campaign) {
-  QuorvelTracker& tracker = QuorvelTracker::sharedTracker();
-  const QuorvelLinkGenerator generator =
-      createLinkGenerator(appID, campaign, std::nullopt, quorvelImpressionOrigin(tracker.host()));
+  trackCrossPromoteImpression(QuorvelTracker::sharedTracker(), appID, campaign);
+}
+
+void QuorvelCrossPromotionHelper::trackCrossPromoteImpression(
+    QuorvelTracker& tracker, const std::string& appID, const std::optional<std::string>& campaign) {
+  const QuorvelLinkGenerator generator = createLinkGenerator(
+      tracker, appID, campaign, std::nullopt, quorvelImpressionOrigin(tracker.host()));
   platform::URLRequest request;
   request.url = generator.generateLink();
   tracker.platform()
-      .urlSessions->sharedSession()
+      .urlSessions->defaultSession()
       ->dataTask(std::move(request),
                  [report = tracker.reportLedger()->currentOrOpen()](
                      const auto&, const auto&, const std::optional<Error>& error) {

@@ -10,14 +10,26 @@ namespace quorvel {
 void QuorvelShareInviteHelper::generateInviteUrlWithLinkGenerator(
     const std::function<QuorvelLinkGenerator(QuorvelLinkGenerator)>& linkGenerator,
     std::function<void(const std::string& url)> completionHandler) {
-  QuorvelLinkGenerator generator = createLink("qv_app_invites");
+  generateInviteUrlWithLinkGenerator(QuorvelTracker::sharedTracker(), linkGenerator,
+                                     std::move(completionHandler));
+}
+
+void QuorvelShareInviteHelper::generateInviteUrlWithLinkGenerator(
+    QuorvelTracker& tracker,
+    const std::function<QuorvelLinkGenerator(QuorvelLinkGenerator)>& linkGenerator,
+    std::function<void(const std::string& url)> completionHandler) {
+  QuorvelLinkGenerator generator = createLink(tracker, "qv_app_invites");
   if (linkGenerator)
     generator = linkGenerator(std::move(generator));
   generator.generateHoplineWithCompletionHandler(std::move(completionHandler));
 }
 
 QuorvelLinkGenerator QuorvelShareInviteHelper::createLink(const std::string& mediaSource) {
-  QuorvelTracker& tracker = QuorvelTracker::sharedTracker();
+  return createLink(QuorvelTracker::sharedTracker(), mediaSource);
+}
+
+QuorvelLinkGenerator QuorvelShareInviteHelper::createLink(QuorvelTracker& tracker,
+                                                          const std::string& mediaSource) {
   QuorvelLinkGenerator generator(mediaSource, tracker);
   generator.setReferrerUID(tracker.getQuorvelUID());
   generator.setReferrerCustomerId(tracker.customerUserID());
@@ -45,10 +57,23 @@ std::string QuorvelShareInviteHelper::buildHoplineWithID(const std::string& iden
 
 void QuorvelShareInviteHelper::trackInvite(const std::optional<std::string>& channel,
                                            const std::optional<Json>& parameters) {
-  trackLinkedSent("qv_invite", channel, parameters);
+  trackInvite(QuorvelTracker::sharedTracker(), channel, parameters);
+}
+
+void QuorvelShareInviteHelper::trackInvite(QuorvelTracker& tracker,
+                                           const std::optional<std::string>& channel,
+                                           const std::optional<Json>& parameters) {
+  trackLinkedSent(tracker, "qv_invite", channel, parameters);
 }
 
 void QuorvelShareInviteHelper::trackLinkedSent(const std::string& eventName,
+                                               const std::optional<std::string>& channel,
+                                               const std::optional<Json>& parameters) {
+  trackLinkedSent(QuorvelTracker::sharedTracker(), eventName, channel, parameters);
+}
+
+void QuorvelShareInviteHelper::trackLinkedSent(QuorvelTracker& tracker,
+                                               const std::string& eventName,
                                                const std::optional<std::string>& channel,
                                                const std::optional<Json>& parameters) {
   Json values = Json::object();
@@ -63,7 +88,7 @@ void QuorvelShareInviteHelper::trackLinkedSent(const std::string& eventName,
   }
   if (channel)
     values["qv_channel"] = *channel;
-  QuorvelTracker::sharedTracker().trackEventWithValues(eventName, values);
+  tracker.trackEventWithValues(eventName, values);
 }
 
 }  // namespace quorvel

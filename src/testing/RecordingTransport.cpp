@@ -253,6 +253,11 @@ std::shared_ptr<platform::URLSession> RecordingTransport::sharedSession() {
   return shared_;
 }
 
+std::shared_ptr<platform::URLSession> RecordingTransport::defaultSession() {
+  return std::make_shared<RecordingSession>(core_, dispatcher_->makeSerialQueue("testkit.default"),
+                                            std::weak_ptr<platform::URLSessionDownloadDelegate>());
+}
+
 std::shared_ptr<platform::URLSession> RecordingTransport::backgroundSession(
     const platform::BackgroundSessionConfiguration& configuration,
     std::weak_ptr<platform::URLSessionDownloadDelegate> delegate) {

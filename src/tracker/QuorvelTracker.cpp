@@ -76,26 +76,34 @@ QuorvelTracker::QuorvelTracker(std::shared_ptr<const Platform> platform,
 }
 
 QuorvelTracker::~QuorvelTracker() {
+  // First, so that no lifecycle handler is running or can start while the tracker goes away.
+  unsubscribeFromLifecycleNotifications();
   self_->end();
   platform_->preferences->synchronize();
-  // Only trackers built for tests go away; never leave a handler pointing at a dead object.
-  auto& center = *platform_->notificationCenter;
-  for (const char* name : {platform::kApplicationDidEnterBackgroundNotification,
-                           platform::kApplicationDidFinishLaunchingNotification,
-                           platform::kApplicationWillResignActiveNotification,
-                           platform::kApplicationWillTerminateNotification}) {
-    center.removeObserver(this, name);
-  }
 }
 
 void QuorvelTracker::subscribeToLifecycleNotifications() {
-  auto& center = *platform_->notificationCenter;
-  center.addObserver(this, platform::kApplicationDidEnterBackgroundNotification,
-                     [this](const platform::Notification&) { handleEnteredBackground(); });
-  center.addObserver(this, platform::kApplicationDidFinishLaunchingNotification,
-                     [this](const platform::Notification& n) { handleDidFinishLaunch(n); });
-  center.addObserver(this, platform::kApplicationWillTerminateNotification,
-                     [this](const platform::Notification& n) { removeNotificationObserver(n); });
+  using platform::NotificationSubscription;
+  std::vector<NotificationSubscription> subscriptions;
+  const auto& center = platform_->notificationCenter;
+  subscriptions.emplace_back(center, platform::kApplicationDidEnterBackgroundNotification,
+                             [this](const platform::Notification&) { handleEnteredBackground(); });
+  subscriptions.emplace_back(center, platform::kApplicationDidFinishLaunchingNotification,
+                             [this](const platform::Notification& n) { handleDidFinishLaunch(n); });
+  subscriptions.emplace_back(
+      center, platform::kApplicationWillTerminateNotification,
+      [this](const platform::Notification& n) { removeNotificationObserver(n); });
+  std::lock_guard lock(subscriptionsMutex_);
+  lifecycleSubscriptions_ = std::move(subscriptions);
+}
+
+void QuorvelTracker::unsubscribeFromLifecycleNotifications() {
+  std::vector<platform::NotificationSubscription> ending;
+  {
+    std::lock_guard lock(subscriptionsMutex_);
+    ending.swap(lifecycleSubscriptions_);
+  }
+  ending.clear();
 }
 
 // --- Configuration ------------------------------------------------------------------------
@@ -301,12 +309,7 @@ std::string QuorvelTracker::platfromDevName() const {
 // --- Lifecycle ------------------------------------------------------------------------------
 
 void QuorvelTracker::removeNotificationObserver(const platform::Notification& /*notification*/) {
-  auto& center = *platform_->notificationCenter;
-  center.removeObserver(this, platform::kApplicationDidEnterBackgroundNotification);
-  center.removeObserver(this, platform::kApplicationDidFinishLaunchingNotification);
-  // Never subscribed; removing it is harmless.
-  center.removeObserver(this, platform::kApplicationWillResignActiveNotification);
-  center.removeObserver(this, platform::kApplicationWillTerminateNotification);
+  unsubscribeFromLifecycleNotifications();
 }
 
 void QuorvelTracker::handleDidFinishLaunch(const platform::Notification& notification) {

@@ -5,6 +5,7 @@
 #include "net/ReportLedger.h"
 #include "tracker/PreferenceKeys.h"
 #include "tracker/TrackerLifetime.h"
+#include "tracker/TrackerNames.h"
 #include "util/BoundedJson.h"
 #include "util/PercentEscape.h"
 #include "util/QuorvelUtils.h"
@@ -16,7 +17,6 @@ const std::int64_t kNumberOfConversionDataRequestsTreshhold = 5;
 
 namespace {
 
-constexpr const char* kErrorDomain = "com.quorvel.ErrorDomain";
 constexpr const char* kGet = "-[QuorvelTracker getConversionData]";
 constexpr const char* kAnswer = "-[QuorvelTracker getConversionData]_block_invoke";
 

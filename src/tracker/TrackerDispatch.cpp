@@ -8,15 +8,15 @@
 #include "net/QuorvelHTTPClient.h"
 #include "tracker/PreferenceKeys.h"
 #include "tracker/TrackerLifetime.h"
+#include "tracker/TrackerNames.h"
 #include "util/QuorvelAES128Crypto.h"
 #include "util/QuorvelDictionary.h"
 #include "util/QuorvelUtils.h"
 
 namespace quorvel {
 namespace {
-constexpr const char* kMethod =
+constexpr const char* kCallServerMethod =
     "-[QuorvelTracker callServerWithEventName:value:withDictionary:isEvent:isIAd:]";
-constexpr const char* kLaunchEventName = "Launched";
 }  // namespace
 
 void QuorvelTracker::callServerWithEventName(const std::string& name) {
@@ -35,25 +35,26 @@ void QuorvelTracker::callServerWithEventName(const std::string& name,
                                              bool isEvent, bool isIAd) {
   const Platform& p = *platform_;
   auto& prefs = *p.preferences;
-  qvLog(kLogDebug, kMethod, "(%@): entered callServerWithEventName. ", kQuorvelSDKVersion);
+  qvLog(kLogDebug, kCallServerMethod, "(%@): entered callServerWithEventName. ",
+        kQuorvelSDKVersion);
   const auto devKey = quorvelDevKey();
-  qvLog(kLogDebug, kMethod, "dev key: %@",
+  qvLog(kLogDebug, kCallServerMethod, "dev key: %@",
         devKey && !devKey->empty() ? *devKey : std::string("missing!!!"));
   if (!devKey) {
-    qvLog(kLogError, kMethod, "Quorvel dev key is missing");
+    qvLog(kLogError, kCallServerMethod, "Quorvel dev key is missing");
     return;
   }
   validateAppID();
 
   const auto installTimestamp = prefs.objectForKey(keys::kInstallTimestamp);
-  qvLog(kLogDebug, kMethod, "First time = %d %@ %@", installTimestamp ? 0 : 1, installTimestamp,
-        keys::kInstallTimestamp);
+  qvLog(kLogDebug, kCallServerMethod, "First time = %d %@ %@", installTimestamp ? 0 : 1,
+        installTimestamp, keys::kInstallTimestamp);
   const bool isLaunch = name == kLaunchEventName;
   if (isLaunch)
     write(lastLaunchTime_, p.clock->now());
   std::optional<Json> receipt;
   if (isLaunch && !installTimestamp) {
-    qvLog(kLogDebug, kMethod, "Get install receipt");
+    qvLog(kLogDebug, kCallServerMethod, "Get install receipt");
     receipt = QuorvelUtils::getStoreReceipt(p);
   }
   if (!installTimestamp) {
@@ -65,16 +66,16 @@ void QuorvelTracker::callServerWithEventName(const std::string& name,
   parameters.setParameter(Json(name), "event");
   parameters.setParameter(Json(value.value_or(std::string())), "eventvalue");
   if (receipt) {
-    qvLog(kLogDebug, kMethod, "install Receipt: %@",
+    qvLog(kLogDebug, kCallServerMethod, "install Receipt: %@",
           QuorvelUtils::getJsonStringFromDictionary(*receipt));
     const auto data = receipt->find("data");
     if (data != receipt->end() && !data->is_string()) {
-      qvLog(kLogDebug, kMethod, "Found install Receipt Data");
+      qvLog(kLogDebug, kCallServerMethod, "Found install Receipt Data");
       parameters.setParameter(QuorvelUtils::getJsonStringFromDictionary(*receipt),
                               "installReceiptData");
     }
   } else {
-    qvLog(kLogDebug, kMethod, "Install Receipt Data has no data");
+    qvLog(kLogDebug, kCallServerMethod, "Install Receipt Data has no data");
   }
 
   const char* prefix = isEvent ? "events" : (isIAd ? "attr" : "t");

@@ -7,11 +7,11 @@
 #include "net/ReportLedger.h"
 #include "tracker/PreferenceKeys.h"
 #include "tracker/TrackerLifetime.h"
+#include "tracker/TrackerNames.h"
 #include "util/QuorvelUtils.h"
 
 namespace quorvel {
 namespace {
-constexpr const char* kLaunchEventName = "Launched";
 constexpr std::chrono::milliseconds kLaunchDelay{250};
 }  // namespace
 

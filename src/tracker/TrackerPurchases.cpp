@@ -7,6 +7,7 @@
 #include "net/QuorvelHTTPClient.h"
 #include "net/ReportLedger.h"
 #include "tracker/TrackerLifetime.h"
+#include "tracker/TrackerNames.h"
 #include "util/BoundedJson.h"
 #include "util/HostInput.h"
 #include "util/PercentEscape.h"
@@ -15,11 +16,10 @@
 
 namespace quorvel {
 namespace {
-constexpr const char* kMethod =
+constexpr const char* kValidateMethod =
     "-[QuorvelTracker "
     "validateAndTrackInAppPurchase:price:currency:transactionId:additionalParameters:success:"
     "failure:]";
-constexpr const char* kErrorDomain = "com.quorvel.ErrorDomain";
 
 Json stringOrEmpty(const std::optional<std::string>& v) {
   return Json(v.value_or(std::string()));
@@ -44,7 +44,7 @@ void QuorvelTracker::validateAndTrackInAppPurchase(
     return;
   if (!productIdentifier || !transactionId) {
     qvLog(
-        kLogDebug, kMethod,
+        kLogDebug, kValidateMethod,
         "Quorvel Error: validateInAppPurchase Parameters cannot be nil. Track event is not sent.");
     fail(std::nullopt, Json("Quorvel Error: validateInAppPurchase Parameters cannot be nil"));
     return;
@@ -52,7 +52,7 @@ void QuorvelTracker::validateAndTrackInAppPurchase(
   const Json receipt = QuorvelUtils::getStoreReceipt(*platform_);
   const auto data = receipt.find("data");
   if (data == receipt.end() || data->is_string()) {
-    qvLog(kLogError, kMethod,
+    qvLog(kLogError, kValidateMethod,
           "Quorvel Error: Could not get application receipt data, please check the paramters. "
           "Track event is not sent.");
     fail(
@@ -83,7 +83,7 @@ void QuorvelTracker::validateAndTrackInAppPurchase(
   if (deviceTrackingDisabled())
     request["deviceTrackingDisabled"] = "true";
   if (qvTraceWanted())
-    qvTrace(kMethod, "parameters = %@", request);
+    qvTrace(kValidateMethod, "parameters = %@", request);
 
   auto self = self_;
   auto task = httpClient_->sendValidateRequest(request, [self, success = std::move(success),

@@ -9,7 +9,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr const char* kDir = "/app/Library/Caches/QuorvelCache";
+constexpr const char* kCacheDir = "/app/Library/Caches/QuorvelCache";
 
 std::string text(const std::optional<Bytes>& b) {
   return b ? std::string(b->begin(), b->end()) : std::string();
@@ -31,11 +31,11 @@ class RequestCacheTest : public ::testing::Test {
         fakes.shared(), [this](const QuorvelRequestCacheData& r) { sent.push_back(r); });
   }
   void putFile(const std::string& name, const std::string& content) {
-    fakes.fileSystem->createDirectory(kDir);
-    fakes.fileSystem->writeFileAtomically(std::string(kDir) + "/" + name, bytes(content));
+    fakes.fileSystem->createDirectory(kCacheDir);
+    fakes.fileSystem->writeFileAtomically(std::string(kCacheDir) + "/" + name, bytes(content));
   }
   std::vector<std::string> files() {
-    return fakes.fileSystem->contentsOfDirectory(kDir).value_or(std::vector<std::string>{});
+    return fakes.fileSystem->contentsOfDirectory(kCacheDir).value_or(std::vector<std::string>{});
   }
 
   test::TestPlatform fakes;
@@ -47,7 +47,7 @@ TEST_F(RequestCacheTest, FileNameAndContentAreByteExact) {
   cache->cacheRequest(
       QuorvelRequestCacheData("https://t.example/api?a=1", Bytes{0, 1, 2, 0xff}, "4.8.0"));
   ASSERT_EQ(files(), std::vector<std::string>{"700000000.250000.qv"});
-  EXPECT_EQ(text(fakes.fileSystem->readFile(std::string(kDir) + "/700000000.250000.qv")),
+  EXPECT_EQ(text(fakes.fileSystem->readFile(std::string(kCacheDir) + "/700000000.250000.qv")),
             "version=4.8.0\nurl=https://t.example/api?a=1\ndata=AAEC/w==");
   EXPECT_EQ(fakes.systemLog->count("Caching request...(cache size: 0)"), 1U);
   // Same instant again: the name moves on by a microsecond instead of overwriting.

@@ -11,8 +11,8 @@
 namespace quorvel::devserver {
 namespace {
 
-constexpr const char* kApp = "123456789";
-constexpr const char* kKey = "EMULATOR-KEY";
+constexpr const char* kEmulatorApp = "123456789";
+constexpr const char* kEmulatorKey = "EMULATOR-KEY";
 
 class EmulatorTest : public ::testing::Test {
  protected:
@@ -24,7 +24,7 @@ class EmulatorTest : public ::testing::Test {
   static EmulatorConfig config() {
     EmulatorConfig c;
     c.port = 8443;
-    c.apps = {{kApp, kKey}};
+    c.apps = {{kEmulatorApp, kEmulatorKey}};
     c.conversionData = Json::parse(R"({
       "123456789/DEVICE-B": {"status": "Non-organic", "media_source": "email"},
       "123456789/DEVICE-C": {"http_status": 503},
@@ -32,7 +32,7 @@ class EmulatorTest : public ::testing::Test {
     return c;
   }
 
-  static std::string seal(const std::string& clear, const std::string& key = kKey) {
+  static std::string seal(const std::string& clear, const std::string& key = kEmulatorKey) {
     installPlatform(makePosixPlatform({}));
     const QuorvelAES128Crypto crypto{std::optional<std::string>(key)};
     const auto sealed = crypto.encrypt(Bytes(clear.begin(), clear.end()));
@@ -47,7 +47,7 @@ class EmulatorTest : public ::testing::Test {
     return emulator.handle(r);
   }
 
-  ServiceResponse tracking(const std::string& body, const std::string& app = kApp) {
+  ServiceResponse tracking(const std::string& body, const std::string& app = kEmulatorApp) {
     return send("POST", "t.localhost:8443", "/api/v4.8/iosevent",
                 "app_id=" + app + "&buildnumber=4.8.0", body);
   }
@@ -101,13 +101,13 @@ TEST_F(EmulatorTest, BadTrackingRequestsAreRecordedAndRefused) {
     std::string body;
     int status;
   } cases[] = {
-      {"wrong method", "GET", "/api/v4.8/iosevent", kApp, "", 405},
-      {"wrong path", "POST", "/api/v4.8/../secret", kApp, seal("{}"), 404},
+      {"wrong method", "GET", "/api/v4.8/iosevent", kEmulatorApp, "", 405},
+      {"wrong path", "POST", "/api/v4.8/../secret", kEmulatorApp, seal("{}"), 404},
       {"unknown app", "POST", "/api/v4.8/iosevent", "999", seal("{}"), 403},
-      {"garbage body", "POST", "/api/v4.8/iosevent", kApp, std::string(100, '\x01'), 400},
-      {"empty body", "POST", "/api/v4.8/iosevent", kApp, "", 400},
-      {"another app's key", "POST", "/api/v4.8/iosevent", kApp, seal("{}", "OTHER"), 400},
-      {"clear text is not JSON", "POST", "/api/v4.8/iosevent", kApp, seal("not json"), 400},
+      {"garbage body", "POST", "/api/v4.8/iosevent", kEmulatorApp, std::string(100, '\x01'), 400},
+      {"empty body", "POST", "/api/v4.8/iosevent", kEmulatorApp, "", 400},
+      {"another app's key", "POST", "/api/v4.8/iosevent", kEmulatorApp, seal("{}", "OTHER"), 400},
+      {"clear text is not JSON", "POST", "/api/v4.8/iosevent", kEmulatorApp, seal("not json"), 400},
   };
   for (const auto& c : cases) {
     const auto r = send(c.method, "events.localhost:8443", c.path, "app_id=" + c.app, c.body);
@@ -121,8 +121,8 @@ TEST_F(EmulatorTest, BadTrackingRequestsAreRecordedAndRefused) {
 }
 
 TEST_F(EmulatorTest, ConversionDataIsFreshOnceThenCachedPerDevice) {
-  const auto ask = [&](const std::string& device, const std::string& key = kKey) {
-    return send("GET", "sdk.localhost:8443", std::string("/install_data/v3/id") + kApp,
+  const auto ask = [&](const std::string& device, const std::string& key = kEmulatorKey) {
+    return send("GET", "sdk.localhost:8443", std::string("/install_data/v3/id") + kEmulatorApp,
                 "devkey=" + key + "&device_id=" + device);
   };
   Json first = Json::parse(ask("DEVICE-A").body);
@@ -144,7 +144,8 @@ TEST_F(EmulatorTest, ConversionDataIsFreshOnceThenCachedPerDevice) {
 TEST_F(EmulatorTest, ShortLinksNeedTheSignatureOfAKnownAppAndResolveToTheirData) {
   const std::string timestamp = "1510000000";
   const std::multimap<std::string, std::string> signedHeaders = {
-      {"qv-timestamp", timestamp}, {"authorization", sha1Hex(std::string(kKey) + timestamp)}};
+      {"qv-timestamp", timestamp},
+      {"authorization", sha1Hex(std::string(kEmulatorKey) + timestamp)}};
 
   const auto made = send("POST", "hopline.localhost:8443", "/shortlink-sdk/v1/inv1", "",
                          R"({"ttl":"-1","data":{"pid":"qv_app_invites","c":"x"}})", signedHeaders);
@@ -177,12 +178,12 @@ TEST_F(EmulatorTest, ShortLinksNeedTheSignatureOfAKnownAppAndResolveToTheirData)
 }
 
 TEST_F(EmulatorTest, ReceiptsAreValidOnlyWhenWellFormed) {
-  const auto validate = [&](const std::string& body, const std::string& key = kKey,
+  const auto validate = [&](const std::string& body, const std::string& key = kEmulatorKey,
                             const std::string& transaction = "tx-9") {
-    return send(
-        "POST", "sdk-services.localhost:8443", "/validate-ios-receipt-server",
-        std::string("app_id=") + kApp + "&dev_key=" + key + "&sandbox=true&tran_id=" + transaction,
-        body);
+    return send("POST", "sdk-services.localhost:8443", "/validate-ios-receipt-server",
+                std::string("app_id=") + kEmulatorApp + "&dev_key=" + key +
+                    "&sandbox=true&tran_id=" + transaction,
+                body);
   };
   const Json valid = Json::parse(validate(R"({"receipt-data":"c3RvcmU="})").body);
   EXPECT_EQ(valid["transaction_id"], "tx-9");
@@ -194,14 +195,14 @@ TEST_F(EmulatorTest, ReceiptsAreValidOnlyWhenWellFormed) {
     EXPECT_FALSE(Json::parse(r.body).contains("transaction_id")) << bad;
     EXPECT_TRUE(Json::parse(r.body).contains("error")) << bad;
   }
-  EXPECT_FALSE(Json::parse(validate(R"({"receipt-data":"c3RvcmU="})", kKey, "").body)
+  EXPECT_FALSE(Json::parse(validate(R"({"receipt-data":"c3RvcmU="})", kEmulatorKey, "").body)
                    .contains("transaction_id"));
   EXPECT_EQ(validate(R"({"receipt-data":"c3RvcmU="})", "WRONG").status, 403);
 }
 
 TEST_F(EmulatorTest, PlainJsonServicesCheckTheAppAndTheBody) {
   const auto post = [&](const std::string& host, const std::string& path, const std::string& body,
-                        const std::string& app = kApp) {
+                        const std::string& app = kEmulatorApp) {
     return send("POST", host, path, "app_id=" + app, body).status;
   };
   EXPECT_EQ(post("stats.localhost:8443", "/stats", R"({"devkey":"EMULATOR-KEY"})"), 200);

@@ -26,8 +26,8 @@ namespace {
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
-constexpr const char* kApp = "123456789";
-constexpr const char* kKey = "E2E-DEV-KEY";
+constexpr const char* kDemoApp = "123456789";
+constexpr const char* kDemoKey = "E2E-DEV-KEY";
 
 bool acceptsConnections(int port) {
   const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
@@ -48,7 +48,7 @@ class DemoAgainstDevserver : public ::testing::Test {
     std::ofstream(dir / "receipt") << "store receipt";
     server = std::make_unique<test::BackgroundProcess>(
         std::vector<std::string>{QUORVEL_DEVSERVER_BIN, "--port", "0", "--data-dir", serverDir(),
-                                 "--app", std::string(kApp) + "=" + kKey, "--monitor", "1"},
+                                 "--app", std::string(kDemoApp) + "=" + kDemoKey, "--monitor", "1"},
         dir / "server.out", dir / "server.err");
     ASSERT_TRUE(test::eventually([&] { return fs::exists(serverDir() + "/server.json"); }, 30s))
         << "the emulator did not start";
@@ -71,9 +71,9 @@ class DemoAgainstDevserver : public ::testing::Test {
                                      "--ca-file",
                                      state["ca_file"].get<std::string>(),
                                      "--dev-key",
-                                     kKey,
+                                     kDemoKey,
                                      "--app-id",
-                                     kApp,
+                                     kDemoApp,
                                      "--data-dir",
                                      dir / "app",
                                      "--keychain-dir",
@@ -144,7 +144,7 @@ TEST_F(DemoAgainstDevserver, AWholeSessionArrivesDecryptedKeyByKey) {
   const auto launches = find(requests, "t", "Launched");
   ASSERT_EQ(launches.size(), 1U);
   const Json& launch = launches[0]["decrypted"];
-  EXPECT_EQ(launch["dev_key"], kKey);
+  EXPECT_EQ(launch["dev_key"], kDemoKey);
   EXPECT_EQ(launch["counter"], "1");
   EXPECT_EQ(launch["appUID"], "e2e-user");
   EXPECT_EQ(launch["bundleIdentifier"], "com.quorvel.demo");
@@ -167,7 +167,7 @@ TEST_F(DemoAgainstDevserver, AWholeSessionArrivesDecryptedKeyByKey) {
   const auto registrations = find(requests, "register");
   ASSERT_EQ(registrations.size(), 1U);
   const Json registration = Json::parse(registrations[0]["body"].get<std::string>());
-  EXPECT_EQ(registration["devkey"], kKey);
+  EXPECT_EQ(registration["devkey"], kDemoKey);
   EXPECT_EQ(registration["uid"], uid);
 
   const auto links = find(requests, "hopline");

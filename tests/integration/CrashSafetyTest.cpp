@@ -18,7 +18,7 @@
 namespace quorvel {
 namespace {
 
-constexpr const char* kKey = "CRASH-SAFETY-KEY";
+constexpr const char* kCrashKey = "CRASH-SAFETY-KEY";
 
 class QuietLog final : public platform::SystemLog {
  public:
@@ -39,7 +39,7 @@ Platform platformIn(const test::TempDir& dir) {
 // `progress` after every round.
 [[noreturn]] void streamUntilKilled(const test::TempDir& dir, int progress) {
   QuorvelTracker tracker(std::make_shared<const Platform>(platformIn(dir)));
-  tracker.setQuorvelDevKey(std::string(kKey));
+  tracker.setQuorvelDevKey(std::string(kCrashKey));
   tracker.setAppleAppID(std::string("123456789"));
   tracker.setHost(std::string("localhost:1"));
   tracker.setMinTimeBetweenSessions(0);
@@ -81,7 +81,7 @@ Platform platformIn(const test::TempDir& dir) {
     _exit(12);  // unreadable, or launches that left were not counted
   QuorvelRequestCache cache(std::make_shared<const Platform>(platformIn(dir)), nullptr);
   for (const auto& request : cache.getCachedRequests()) {
-    const auto payload = test::decryptPayload(kKey, request.postData().value_or(Bytes()));
+    const auto payload = test::decryptPayload(kCrashKey, request.postData().value_or(Bytes()));
     if (!payload.is_object())
       _exit(13);  // a cache file that is not whole
     if (payload["event"] == "Launched" &&

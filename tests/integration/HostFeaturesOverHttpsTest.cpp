@@ -17,7 +17,7 @@ namespace quorvel {
 namespace {
 
 using namespace std::chrono_literals;
-constexpr const char* kKey = "HOST-FEATURES-KEY";
+constexpr const char* kHostFeaturesKey = "HOST-FEATURES-KEY";
 
 using test::eventually;
 
@@ -40,7 +40,7 @@ class HostFeaturesOverHttps : public ::testing::Test {
                         "application/json");
       } else if (host.rfind("hopline.", 0) == 0) {
         const std::string ts = req.get_header_value("qv-timestamp");
-        if (req.get_header_value("authorization") != QuorvelUtils::sha1(kKey + ts)) {
+        if (req.get_header_value("authorization") != QuorvelUtils::sha1(kHostFeaturesKey + ts)) {
           res.status = 401;
           return;
         }
@@ -64,7 +64,7 @@ class HostFeaturesOverHttps : public ::testing::Test {
     options.receiptPath = root / "receipt";
     platform = std::make_shared<const Platform>(makePosixPlatform(options));
     tracker = std::make_unique<QuorvelTracker>(platform);
-    tracker->setQuorvelDevKey(std::string(kKey));
+    tracker->setQuorvelDevKey(std::string(kHostFeaturesKey));
     tracker->setAppleAppID(std::string("42"));
     tracker->setHost("localhost:" + std::to_string(server->port()));
   }
@@ -105,7 +105,7 @@ TEST_F(HostFeaturesOverHttps, ReceiptValidatedAndRejected) {
       EXPECT_EQ(response["transaction_id"], "tx-" + receipt);
     ASSERT_TRUE(eventually([&] { return from("validate.").size() == (valid ? 1U : 2U); }));
     const std::string sealed = from("validate.").back().body;
-    const auto event = test::decryptPayload(kKey, Bytes(sealed.begin(), sealed.end()));
+    const auto event = test::decryptPayload(kHostFeaturesKey, Bytes(sealed.begin(), sealed.end()));
     EXPECT_EQ(event["event"], "qv_purchase");
     EXPECT_EQ(event["product_identifier"], "gems");
   }
@@ -122,7 +122,7 @@ TEST_F(HostFeaturesOverHttps, UninstallRegistrationKeyByKeyAndOncePerToken) {
   EXPECT_EQ(r.target, "/api/v4.8/iosevent?buildnumber=4.8.0&app_id=42");
   EXPECT_EQ(r.header("Content-Type"), "application/text");
   const Json body = Json::parse(r.body);
-  EXPECT_EQ(body["devkey"], kKey);
+  EXPECT_EQ(body["devkey"], kHostFeaturesKey);
   EXPECT_EQ(body["uid"], tracker->getQuorvelUID());
   EXPECT_EQ(body["devicetoken"], "deadbeef01");
   EXPECT_EQ(body["launch_counter"], "0");

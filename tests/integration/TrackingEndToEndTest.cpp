@@ -18,7 +18,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr const char* kKey = "E2E-DEVKEY-0001";
+constexpr const char* kE2eKey = "E2E-DEVKEY-0001";
 
 using test::eventually;
 
@@ -56,7 +56,7 @@ class TrackingEndToEnd : public ::testing::Test {
     options.receiptPath = root / "receipt";
     platform = std::make_shared<const Platform>(makePosixPlatform(options));
     tracker = std::make_unique<QuorvelTracker>(platform);
-    tracker->setQuorvelDevKey(std::string(kKey));
+    tracker->setQuorvelDevKey(std::string(kE2eKey));
     tracker->setAppleAppID(std::string("1234567"));
     tracker->setHost("localhost:" + std::to_string(server->port()));
     // No Search Ads client here: its "not loaded" answer after 2 s would add a follow-up
@@ -71,7 +71,7 @@ class TrackingEndToEnd : public ::testing::Test {
     for (const auto& r : server->received()) {
       if (r.path == "/api/v4.8/iosevent") {
         out.emplace_back(r.host.substr(0, r.host.find('.')),
-                         test::decryptPayload(kKey, Bytes(r.body.begin(), r.body.end())));
+                         test::decryptPayload(kE2eKey, Bytes(r.body.begin(), r.body.end())));
       }
     }
     return out;

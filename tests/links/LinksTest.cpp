@@ -234,6 +234,7 @@ TEST_F(HelpersTest, InviteAndCrossPromotionEventsReachThePipeline) {
         eventsBefore = fakes.dispatcher->pendingCount();
       });
   ASSERT_EQ(opened.size(), 1U);
+  EXPECT_EQ(fakes.urlSessions->defaultSessionsMade(), 1);
   EXPECT_EQ(opened[0],
             "https://app.svc.example/id999?pid=qv_cross_promotion&c=spring&qv_siteid=555&x=1");
   EXPECT_GE(eventsBefore, 1U);  // the click was queued before the callback
@@ -243,10 +244,26 @@ TEST_F(HelpersTest, InviteAndCrossPromotionEventsReachThePipeline) {
   EXPECT_EQ(event["eventvalue"], "%7B%22x%22:%221%22%2C%22qv_campaign%22:%22spring%22%7D");
 }
 
+TEST_F(HelpersTest, HelpersGivenATrackerUseItAndNotTheSharedOne) {
+  QuorvelTracker own(fakes.shared());
+  own.setHost(std::string("own.example"));
+  own.setQuorvelDevKey(std::string("OWNKEY"));
+  own.setAppleAppID(std::string("777"));
+  EXPECT_EQ(QuorvelShareInviteHelper::createLink(own, "qv_app_invites").generateLink(),
+            "https://app.own.example/id777?pid=qv_app_invites&referrer_qv_id=" +
+                own.getQuorvelUID() + "&qv_siteid=777");
+  QuorvelCrossPromotionHelper::trackCrossPromotionEvent(own, std::nullopt, Json{{"x", "1"}});
+  fakes.dispatcher->advance(100ms);
+  const auto started = fakes.urlSessions->shared()->started();
+  const Json event = test::decryptPayload("OWNKEY", started.back().task->originalRequest().body);
+  EXPECT_EQ(event["event"], "qv_cross_promotion_clicked");
+}
+
 TEST_F(HelpersTest, ImpressionIsAGetAndFailuresAreOnlyLogged) {
   QVSetShowDebugLogs(true);
   tracker().setAdvertiserId("AD-ID");
   QuorvelCrossPromotionHelper::trackCrossPromoteImpression("999", std::string("spring"));
+  EXPECT_EQ(fakes.urlSessions->defaultSessionsMade(), 1);
   auto session = fakes.urlSessions->shared();
   const auto& r = session->started().back().task->originalRequest();
   EXPECT_EQ(r.method, "GET");

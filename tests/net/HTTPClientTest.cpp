@@ -14,7 +14,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr const char* kDir = "/app/Library/Caches/QuorvelCache";
+constexpr const char* kClientCacheDir = "/app/Library/Caches/QuorvelCache";
 const Error kRefused{platform::kURLErrorDomain, -1004, "Could not connect to the server."};
 
 class HTTPClientTest : public ::testing::Test {
@@ -30,12 +30,13 @@ class HTTPClientTest : public ::testing::Test {
   }
   test::FakeURLSession& session() { return *fakes.urlSessions->shared(); }
   std::vector<std::string> files() {
-    return fakes.fileSystem->contentsOfDirectory(kDir).value_or(std::vector<std::string>{});
+    return fakes.fileSystem->contentsOfDirectory(kClientCacheDir)
+        .value_or(std::vector<std::string>{});
   }
   void putFile(const std::string& name, const std::string& version, const std::string& url) {
-    fakes.fileSystem->createDirectory(kDir);
+    fakes.fileSystem->createDirectory(kClientCacheDir);
     const std::string content = "version=" + version + "\nurl=" + url + "\ndata=AQI=";
-    fakes.fileSystem->writeFileAtomically(std::string(kDir) + "/" + name,
+    fakes.fileSystem->writeFileAtomically(std::string(kClientCacheDir) + "/" + name,
                                           Bytes(content.begin(), content.end()));
   }
   QuorvelRequestCacheData fresh(

@@ -1,10 +1,13 @@
 #!/usr/bin/env bash
 # Installs the library into temporary prefixes, static and shared, and builds and runs the
 # consumer against each through find_package and through pkg-config.
-#   consume.sh SOURCE_DIR WORK_DIR
+#   consume.sh SOURCE_DIR WORK_DIR [STATIC_BUILD_DIR]
+# With STATIC_BUILD_DIR (a build tree of the static library, such as the one running this
+# test) the static prefix is installed from it rather than built again.
 set -euo pipefail
 source_dir="$1"
 work="$2"
+static_tree="${3:-}"
 consumer="$source_dir/tests/package/consumer"
 rm -rf "$work"
 mkdir -p "$work"
@@ -15,10 +18,15 @@ for kind in static shared; do
   [ "$kind" = shared ] && shared=ON
   prefix="$work/prefix-$kind"
   echo "=== $kind: build and install"
-  cmake -S "$source_dir" -B "$work/build-$kind" -G Ninja -DBUILD_SHARED_LIBS="$shared" \
-    -DQUORVEL_BUILD_TESTS=OFF -DQUORVEL_BUILD_TOOLS=OFF -DCMAKE_INSTALL_PREFIX="$prefix" >/dev/null
-  cmake --build "$work/build-$kind" --parallel "$jobs" >/dev/null
-  cmake --install "$work/build-$kind" >/dev/null
+  if [ "$kind" = static ] && [ -n "$static_tree" ]; then
+    cmake --install "$static_tree" --prefix "$prefix" >/dev/null
+  else
+    cmake -S "$source_dir" -B "$work/build-$kind" -G Ninja -DBUILD_SHARED_LIBS="$shared" \
+      -DCMAKE_UNITY_BUILD=ON -DQUORVEL_BUILD_TESTS=OFF -DQUORVEL_BUILD_TOOLS=OFF \
+      -DCMAKE_INSTALL_PREFIX="$prefix" >/dev/null
+    cmake --build "$work/build-$kind" --parallel "$jobs" >/dev/null
+    cmake --install "$work/build-$kind" >/dev/null
+  fi
   libdir="$(dirname "$(find "$prefix" -name quorvel.pc)")/.."
 
   if [ "$kind" = shared ]; then

@@ -1,4 +1,7 @@
+#include <atomic>
 #include <cstring>
+#include <future>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -118,6 +121,41 @@ TEST(NotificationCenter, ObserversByNameAndRemoval) {
   center.post({"other", Json()});
   EXPECT_EQ(a, 1);
   EXPECT_EQ(b, 2);
+}
+
+TEST(NotificationCenter, ASubscriptionOutlivesNoneOfItsHandlersCalls) {
+  const auto center = std::make_shared<InProcessNotificationCenter>();
+  std::atomic<int> calls = 0;
+  std::atomic<bool> resetStarted = false;
+  std::atomic<bool> handlerReturned = false;
+  std::promise<void> entered;
+  NotificationSubscription subscription(center, "n", [&](const Notification&) {
+    ++calls;
+    entered.set_value();
+    while (!resetStarted)
+      std::this_thread::yield();
+    handlerReturned = true;
+  });
+  std::thread poster([&] { center->post({"n", Json()}); });
+  entered.get_future().wait();
+  // Ending the subscription while its handler runs elsewhere waits for that call.
+  resetStarted = true;
+  subscription.reset();
+  EXPECT_TRUE(handlerReturned);
+  poster.join();
+  center->post({"n", Json()});
+  EXPECT_EQ(calls, 1);
+
+  // A handler may end its own subscription; later posts do not reach it.
+  NotificationSubscription self;
+  self = NotificationSubscription(center, "m", [&](const Notification&) {
+    ++calls;
+    self.reset();
+  });
+  center->post({"m", Json()});
+  center->post({"m", Json()});
+  EXPECT_EQ(calls, 2);
+  EXPECT_FALSE(self.active());
 }
 
 TEST(Url, ParsesWhatAPlatformParserAccepts) {

@@ -340,6 +340,11 @@ std::shared_ptr<platform::URLSession> FakeURLSessionFactory::sharedSession() {
   return shared_;
 }
 
+std::shared_ptr<platform::URLSession> FakeURLSessionFactory::defaultSession() {
+  ++defaultSessionsMade_;
+  return shared_;
+}
+
 std::shared_ptr<platform::URLSession> FakeURLSessionFactory::backgroundSession(
     const platform::BackgroundSessionConfiguration& configuration,
     std::weak_ptr<platform::URLSessionDownloadDelegate> delegate) {

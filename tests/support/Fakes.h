@@ -1,6 +1,7 @@
 // Test fakes of the platform services. Each is deterministic and in memory.
 #pragma once
 
+#include <atomic>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -243,6 +244,9 @@ class FakeURLSessionFactory final : public platform::URLSessionFactory {
         shared_(
             std::make_shared<FakeURLSession>(dispatcher_->makeSerialQueue("session.callbacks"))) {}
   std::shared_ptr<platform::URLSession> sharedSession() override;
+  // Counted, and answered by the shared fake so that one place sees every request.
+  std::shared_ptr<platform::URLSession> defaultSession() override;
+  int defaultSessionsMade() const { return defaultSessionsMade_; }
   std::shared_ptr<platform::URLSession> backgroundSession(
       const platform::BackgroundSessionConfiguration& configuration,
       std::weak_ptr<platform::URLSessionDownloadDelegate> delegate) override;
@@ -263,6 +267,7 @@ class FakeURLSessionFactory final : public platform::URLSessionFactory {
   std::shared_ptr<FakeURLSession> background_;
   std::mutex mutex_;
   std::vector<std::shared_ptr<FakeURLSession>> backgrounds_;
+  std::atomic<int> defaultSessionsMade_ = 0;
 };
 
 }  // namespace quorvel::test

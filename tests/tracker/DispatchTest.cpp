@@ -11,7 +11,7 @@
 namespace quorvel {
 namespace {
 
-constexpr const char* kKey = "DEVKEY-DISPATCH";
+constexpr const char* kDispatchKey = "DEVKEY-DISPATCH";
 
 class DispatchTest : public ::testing::Test {
  protected:
@@ -20,7 +20,7 @@ class DispatchTest : public ::testing::Test {
     QuorvelProxyManager::sharedManager().stopRemoteDebugging();
     QVSetShowDebugLogs(true);
     tracker = std::make_unique<QuorvelTracker>(fakes.shared());
-    tracker->setQuorvelDevKey(std::string(kKey));
+    tracker->setQuorvelDevKey(std::string(kDispatchKey));
     tracker->setAppleAppID(std::string("123"));
     tracker->setHost(std::string("svc.example"));
   }
@@ -28,7 +28,7 @@ class DispatchTest : public ::testing::Test {
   const platform::URLRequest& request(std::size_t i) {
     return session().started().at(i).task->originalRequest();
   }
-  Json payload(std::size_t i) { return test::decryptPayload(kKey, request(i).body); }
+  Json payload(std::size_t i) { return test::decryptPayload(kDispatchKey, request(i).body); }
 
   test::TestPlatform fakes;
   std::unique_ptr<QuorvelTracker> tracker;
@@ -76,12 +76,12 @@ TEST_F(DispatchTest, AnUnreadableReceiptAddsNothingAndAnEarlyEventTakesTheFirstT
   other.bundle->receiptPath = "/app/receipt";
   other.fileSystem->writeFileAtomically("/app/receipt", Bytes{'r'});
   QuorvelTracker t(other.shared());
-  t.setQuorvelDevKey(std::string(kKey));
+  t.setQuorvelDevKey(std::string(kDispatchKey));
   t.callServerWithEventName("af_purchase", std::nullopt, true, false);
   EXPECT_TRUE(other.preferences->objectForKey(keys::kInstallTimestamp));
   t.callServerWithEventName("Launched");
   const auto& body = other.urlSessions->shared()->started().at(1).task->originalRequest().body;
-  EXPECT_FALSE(test::decryptPayload(kKey, body).contains("installReceiptData"));
+  EXPECT_FALSE(test::decryptPayload(kDispatchKey, body).contains("installReceiptData"));
 }
 
 TEST_F(DispatchTest, ConfigurationChecks) {

@@ -12,7 +12,7 @@ namespace quorvel {
 namespace {
 
 using namespace std::chrono_literals;
-constexpr const char* kKey = "DEVKEY-LAUNCH";
+constexpr const char* kLaunchKey = "DEVKEY-LAUNCH";
 
 struct AnsweringAdClient final : platform::SearchAdsClient, platform::SearchAdsClientClass {
   Json details = Json{{"Version3.1", Json{{"iad-attribution", "true"}}}};
@@ -32,7 +32,7 @@ class LaunchAndEventsTest : public ::testing::Test {
     QuorvelProxyManager::sharedManager().stopRemoteDebugging();
     QVSetShowDebugLogs(true);
     tracker = std::make_unique<QuorvelTracker>(fakes.shared());
-    tracker->setQuorvelDevKey(std::string(kKey));
+    tracker->setQuorvelDevKey(std::string(kLaunchKey));
     tracker->setAppleAppID(std::string("123"));
     tracker->setHost(std::string("svc.example"));
   }
@@ -42,7 +42,7 @@ class LaunchAndEventsTest : public ::testing::Test {
       out.push_back(s.task->originalRequest());
     return out;
   }
-  Json payload(std::size_t i) { return test::decryptPayload(kKey, sent().at(i).body); }
+  Json payload(std::size_t i) { return test::decryptPayload(kLaunchKey, sent().at(i).body); }
 
   test::TestPlatform fakes;
   std::unique_ptr<QuorvelTracker> tracker;
@@ -91,7 +91,7 @@ TEST_F(LaunchAndEventsTest, SessionIntervalIsStrictlyGreater) {
     local.install();
     QuorvelProxyManager::sharedManager().stopRemoteDebugging();
     QuorvelTracker t(local.shared());
-    t.setQuorvelDevKey(std::string(kKey));
+    t.setQuorvelDevKey(std::string(kLaunchKey));
     t.setMinTimeBetweenSessions(c.minimum);
     // The decision itself, as the serial queue runs it.
     t.sendLaunchToServer();
@@ -149,7 +149,7 @@ TEST_F(LaunchAndEventsTest, BackgroundCountsTheSessionAndSendsStatistics) {
   const Json body = Json::parse(r.body.begin(), r.body.end());
   const std::string uid = tracker->getQuorvelUID();
   const Json want = {{"app_id", "123"},
-                     {"devkey", kKey},
+                     {"devkey", kLaunchKey},
                      {"uid", uid},
                      {"time_in_app", 42.0},
                      {"statType", "user_closed_app"},

@@ -11,7 +11,7 @@ namespace quorvel {
 namespace {
 
 using namespace std::chrono_literals;
-constexpr const char* kKey = "DEVKEY-PURCHASE";
+constexpr const char* kPurchaseKey = "DEVKEY-PURCHASE";
 
 class HostEventsTest : public ::testing::Test {
  protected:
@@ -20,7 +20,7 @@ class HostEventsTest : public ::testing::Test {
     QuorvelProxyManager::sharedManager().stopRemoteDebugging();
     QVSetShowDebugLogs(true);
     tracker = std::make_unique<QuorvelTracker>(fakes.shared());
-    tracker->setQuorvelDevKey(std::string(kKey));
+    tracker->setQuorvelDevKey(std::string(kPurchaseKey));
     tracker->setAppleAppID(std::string("123"));
     tracker->setHost(std::string("svc.example"));
     fakes.bundle->receiptPath = "/app/receipt";
@@ -78,7 +78,7 @@ TEST_F(HostEventsTest, PurchaseEventThenValidation) {
   ASSERT_EQ(session().started().size(), 2U);
   EXPECT_EQ(request(0).url,
             "https://validate.svc.example/api/v4.8/iosevent?app_id=123&buildnumber=4.8.0");
-  const Json event = test::decryptPayload(kKey, request(0).body);
+  const Json event = test::decryptPayload(kPurchaseKey, request(0).body);
   EXPECT_EQ(event["event"], "qv_purchase");
   EXPECT_EQ(event["currency"], "EUR");
   EXPECT_EQ(event["price"], "");
@@ -90,7 +90,7 @@ TEST_F(HostEventsTest, PurchaseEventThenValidation) {
   const auto& v = request(1);
   EXPECT_EQ(v.url,
             "https://sdk-services.svc.example/validate-ios-receipt-server?app_id=123&quorvel_id=" +
-                tracker->getQuorvelUID() + "&dev_key=" + kKey +
+                tracker->getQuorvelUID() + "&dev_key=" + kPurchaseKey +
                 "&sandbox=false&tran_id=tx-1&advertisingId=&JBDevice=false");
   EXPECT_EQ(v.headers, (platform::HeaderList{{"Accept", "application/json"},
                                              {"Content-Type", "application/json"}}));

@@ -24,20 +24,20 @@ const unsigned char* bytes(const std::string& s, std::size_t offset = 0) {
   return reinterpret_cast<const unsigned char*>(s.data()) + offset;
 }
 
-using Key = std::array<unsigned char, 16>;
+using AesKey = std::array<unsigned char, 16>;
 
 // Derived keys by (developer key, salt): every request of an app repeats the same pair, and
 // 10,000 PBKDF2 rounds per request would cap the emulator near 300 requests/s per core.
 class KeyCache {
  public:
-  std::optional<Key> keyFor(const std::string& devKey, const std::string& salt) {
+  std::optional<AesKey> keyFor(const std::string& devKey, const std::string& salt) {
     auto id = std::make_pair(devKey, salt);
     {
       const std::lock_guard lock(mutex_);
       if (const auto it = keys_.find(id); it != keys_.end())
         return it->second;
     }
-    Key key{};
+    AesKey key{};
     if (PKCS5_PBKDF2_HMAC(devKey.data(), static_cast<int>(devKey.size()), bytes(salt), kSaltSize,
                           kRounds, EVP_sha1(), key.size(), key.data()) != 1)
       return std::nullopt;
@@ -51,7 +51,7 @@ class KeyCache {
  private:
   static constexpr std::size_t kMaxKeys = 1024;
   std::mutex mutex_;
-  std::map<std::pair<std::string, std::string>, Key> keys_;
+  std::map<std::pair<std::string, std::string>, AesKey> keys_;
 };
 
 KeyCache& keyCache() {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -46,6 +47,31 @@ class NotificationCenter {
   virtual void removeObserver(const void* observer, std::string_view name) = 0;
   // Calls the observers of `name` on the posting thread, in subscription order.
   virtual void post(const Notification& notification) = 0;
+};
+
+// One handler subscribed to one name for as long as this object lives. Destroying or
+// resetting it unsubscribes and, when another thread is running the handler at that moment,
+// waits for that call to return: whatever the handler captured may be destroyed right after.
+// A handler may reset its own subscription; later posts never reach it.
+class NotificationSubscription {
+ public:
+  NotificationSubscription() = default;
+  NotificationSubscription(std::shared_ptr<NotificationCenter> center, std::string name,
+                           NotificationHandler handler);
+  NotificationSubscription(NotificationSubscription&& other) noexcept = default;
+  NotificationSubscription& operator=(NotificationSubscription&& other) noexcept;
+  NotificationSubscription(const NotificationSubscription&) = delete;
+  NotificationSubscription& operator=(const NotificationSubscription&) = delete;
+  ~NotificationSubscription();
+
+  void reset() noexcept;
+  bool active() const noexcept { return gate_ != nullptr; }
+
+ private:
+  struct Gate;
+  std::shared_ptr<NotificationCenter> center_;
+  std::string name_;
+  std::shared_ptr<Gate> gate_;
 };
 
 }  // namespace quorvel::platform

@@ -100,6 +100,10 @@ class URLSessionFactory {
 
   // The process-wide shared session.
   virtual std::shared_ptr<URLSession> sharedSession() = 0;
+  // A new session with the default configuration, for work that should not share the
+  // library's session (opening a promotion link, counting an impression). A factory that
+  // cannot make sessions may hand out its shared one.
+  virtual std::shared_ptr<URLSession> defaultSession() { return sharedSession(); }
   // A background session whose download outcomes go to `delegate` (held weakly).
   virtual std::shared_ptr<URLSession> backgroundSession(
       const BackgroundSessionConfiguration& configuration,

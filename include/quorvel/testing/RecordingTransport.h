@@ -55,6 +55,8 @@ class RecordingTransport final : public platform::URLSessionFactory {
   void clear();
 
   std::shared_ptr<platform::URLSession> sharedSession() override;
+  // A new session each time; what it sends is recorded with the rest.
+  std::shared_ptr<platform::URLSession> defaultSession() override;
   std::shared_ptr<platform::URLSession> backgroundSession(
       const platform::BackgroundSessionConfiguration& configuration,
       std::weak_ptr<platform::URLSessionDownloadDelegate> delegate) override;

@@ -279,11 +279,15 @@ class CurlURLSession final : public URLSession,
 
   std::shared_ptr<DispatchQueue> delegateQueue() override { return callbacks_; }
 
+  // No started task is waiting for its transfer or its completion.
+  bool idle() const { return *unfinished_ == 0; }
+
   void start(std::shared_ptr<CurlTask> task) {
     {
       std::lock_guard lock(mutex_);
       if (stopping_)
         return;
+      ++*unfinished_;
       pending_.push_back(std::move(task));
     }
     wake();
@@ -469,7 +473,10 @@ class CurlURLSession final : public URLSession,
   // task can own (through its completion) the very session this worker serves.
   void dispose(std::shared_ptr<CurlTask> task) {
     if (task)
-      callbacks_->async([task = std::move(task)]() mutable { task.reset(); });
+      callbacks_->async([unfinished = unfinished_, task = std::move(task)]() mutable {
+        task.reset();
+        --*unfinished;
+      });
   }
 
   void finish(CURL* easy, CURLcode code) {
@@ -613,6 +620,10 @@ class CurlURLSession final : public URLSession,
   std::condition_variable cv_;
   std::deque<std::shared_ptr<CurlTask>> pending_;
   bool stopping_ = false;
+  // Started, completion not yet run. Shared with the callback queue, which can outlive the
+  // session.
+  std::shared_ptr<std::atomic<std::size_t>> unfinished_ =
+      std::make_shared<std::atomic<std::size_t>>(0);
   // Worker thread only.
   std::map<CURL*, std::unique_ptr<Transfer>> active_;
   std::unordered_map<std::string, Origin> origins_;
@@ -652,6 +663,17 @@ std::shared_ptr<URLSession> CurlURLSessionFactory::sharedSession() {
   if (!shared_)
     shared_ = makeCurlURLSession(options_, "com.quorvel.session.shared");
   return shared_;
+}
+
+std::shared_ptr<URLSession> CurlURLSessionFactory::defaultSession() {
+  auto session = std::make_shared<CurlURLSession>(options_, "com.quorvel.session.default",
+                                                  std::weak_ptr<URLSessionDownloadDelegate>());
+  std::lock_guard lock(mutex_);
+  // Dropping a session cancels its transfers, so the factory holds each one it made until
+  // nobody else does and its work is done (checked whenever another is made).
+  std::erase_if(defaults_, [](const auto& s) { return s.use_count() == 1 && s->idle(); });
+  defaults_.push_back(session);
+  return session;
 }
 
 std::shared_ptr<URLSession> CurlURLSessionFactory::backgroundSession(

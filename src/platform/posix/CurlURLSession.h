@@ -11,6 +11,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <quorvel/platform/URLSession.h>
 
@@ -33,6 +34,7 @@ class CurlURLSessionFactory final : public URLSessionFactory {
  public:
   explicit CurlURLSessionFactory(CurlSessionOptions options);
   std::shared_ptr<URLSession> sharedSession() override;
+  std::shared_ptr<URLSession> defaultSession() override;
   std::shared_ptr<URLSession> backgroundSession(
       const BackgroundSessionConfiguration& configuration,
       std::weak_ptr<URLSessionDownloadDelegate> delegate) override;
@@ -41,6 +43,7 @@ class CurlURLSessionFactory final : public URLSessionFactory {
   CurlSessionOptions options_;
   std::mutex mutex_;
   std::shared_ptr<URLSession> shared_;
+  std::vector<std::shared_ptr<CurlURLSession>> defaults_;
 };
 
 // Makes a session directly (tests; the factory makes the process's sessions).

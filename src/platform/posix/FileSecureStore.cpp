@@ -25,7 +25,7 @@ std::string hex(std::string_view text) {
   return out;
 }
 
-constexpr const char* kMethod = "-[QuorvelSecureStore write]";
+constexpr const char* kSecureWriteMethod = "-[QuorvelSecureStore write]";
 
 }  // namespace
 
@@ -59,7 +59,7 @@ SecureStatus FileSecureStore::add(std::string_view service, std::string_view acc
     case AtomicWriteResult::failed:
       break;
   }
-  qvLog(kLogError, kMethod, "secure store write failed: %@", error);
+  qvLog(kLogError, kSecureWriteMethod, "secure store write failed: %@", error);
   return SecureStatus::failure;
 }
 
@@ -80,7 +80,7 @@ SecureStatus FileSecureStore::update(std::string_view service, std::string_view 
     return SecureStatus::itemNotFound;
   std::string error;
   if (writeFileAtomically(path, data, {}, &error) != AtomicWriteResult::written) {
-    qvLog(kLogError, kMethod, "secure store write failed: %@", error);
+    qvLog(kLogError, kSecureWriteMethod, "secure store write failed: %@", error);
     return SecureStatus::failure;
   }
   return SecureStatus::success;

@@ -16,7 +16,7 @@ namespace quorvel::platform {
 namespace {
 
 constexpr const char* kDataTag = "$data";
-constexpr const char* kMethod = "-[QuorvelPreferences synchronize]";
+constexpr const char* kSynchronizeMethod = "-[QuorvelPreferences synchronize]";
 
 // Bytes are written as {"$data": base64}; dates are already {"$date": seconds}.
 Json toFile(const Json& v) {
@@ -169,7 +169,7 @@ bool JsonFilePreferencesStore::synchronize() {
   if (writeFileAtomically(path_, content, {}, &error) != AtomicWriteResult::written) {
     std::lock_guard lock(mutex_);
     dirty_ = true;  // try again at the next synchronize
-    qvLog(kLogError, kMethod, "could not save preferences: %@", error);
+    qvLog(kLogError, kSynchronizeMethod, "could not save preferences: %@", error);
     return false;
   }
   return true;
