@@ -36,7 +36,7 @@
 #include <quorvel/Platform.h>
 #include <quorvel/QuorvelTracker.h>
 
-#include "util/QuorvelAES128Crypto.h"
+#include "common/QuorvelAES128Crypto.h"
 
 extern char** environ;
 
@@ -284,7 +284,8 @@ int runEmulator(const Options& o, const fs::path& root) {
   for (int i = 0; i < 60; ++i)
     payload["key" + std::to_string(i)] = std::string(40, static_cast<char>('a' + i % 26));
   const std::string text = payload.dump();
-  const quorvel::QuorvelAES128Crypto crypto{std::string(kDevKey)};
+  const quorvel::QuorvelAES128Crypto crypto{std::string(kDevKey),
+                                            quorvel::makePosixPlatform({}).random};
   const auto sealed = crypto.encrypt(quorvel::Bytes(text.begin(), text.end()));
   const std::string body(sealed->begin(), sealed->end());
   CURLM* multi = curl_multi_init();

@@ -4,9 +4,9 @@
 #include <quorvel/Logger.h>
 #include <quorvel/Platform.h>
 
+#include "common/QuorvelAES128Crypto.h"
 #include "log/Log.h"
 #include "log/QuorvelProxyManager.h"
-#include "util/QuorvelAES128Crypto.h"
 #include "util/QuorvelDictionary.h"
 
 #include <quorvel/QuorvelTracker.h>
@@ -52,7 +52,8 @@ BENCHMARK(BM_LogCallToNullSink);
 // Sealing a 2 KB payload: PBKDF2 (10,000 rounds) plus AES-128-CBC.
 void BM_Encrypt2KB(benchmark::State& state) {
   installNullSink();
-  const quorvel::QuorvelAES128Crypto crypto(std::string("0123456789ABCDEF"));
+  const quorvel::QuorvelAES128Crypto crypto(std::string("0123456789ABCDEF"),
+                                            quorvel::makePosixPlatform({}).random);
   const quorvel::Bytes payload(2048, 'x');
   for (auto _ : state) {
     benchmark::DoNotOptimize(crypto.encrypt(payload));

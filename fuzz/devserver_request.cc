@@ -8,8 +8,8 @@
 
 #include "Emulator.h"
 #include "PayloadCipher.h"
+#include "common/QuorvelAES128Crypto.h"
 #include "platform/posix/PosixServices.h"
-#include "util/QuorvelAES128Crypto.h"
 
 namespace {
 

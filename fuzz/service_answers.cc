@@ -11,7 +11,7 @@
 #include "log/QuorvelProxyManager.h"
 #include "net/QuorvelHTTPClient.h"
 #include "support/TestPlatform.h"
-#include "tracker/PreferenceKeys.h"
+#include "util/PreferenceKeys.h"
 
 namespace {
 

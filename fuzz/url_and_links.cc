@@ -8,11 +8,11 @@
 #include <memory>
 #include <string>
 
+#include "common/QuorvelUtils.h"
 #include "log/QuorvelProxyManager.h"
 #include "platform/Url.h"
 #include "support/TestPlatform.h"
 #include "util/QuorvelDictionary.h"
-#include "util/QuorvelUtils.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace quorvel;

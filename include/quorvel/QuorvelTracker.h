@@ -319,6 +319,8 @@ class QuorvelTracker {
 
   // Uploads a remote-debugging document to the service's debugging endpoint.
   void remoteDebuggingCallWithData(const std::string& data);
+  // Hands the collected log, with who this installation is, to remoteDebuggingCallWithData.
+  void sendRemoteDebuggingData();
 
   // --- Internal collaborators (not for hosts) -----------------------------------------
   std::shared_ptr<QuorvelHTTPClient> httpClient() const { return httpClient_; }

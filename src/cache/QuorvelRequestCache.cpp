@@ -1,12 +1,10 @@
 #include "cache/QuorvelRequestCache.h"
 
-#include <quorvel/QuorvelTracker.h>
 #include <quorvel/Version.h>
 
 #include <algorithm>
 
 #include "log/Log.h"
-#include "util/NoDestructor.h"
 #include "util/WorkContext.h"
 
 namespace quorvel {
@@ -99,15 +97,6 @@ double secondsSince2001(platform::TimePoint t) {
 }
 
 }  // namespace
-
-std::shared_ptr<QuorvelRequestCache> QuorvelRequestCache::instance() {
-  static NoDestructor<std::shared_ptr<QuorvelRequestCache>> cache(
-      std::make_shared<QuorvelRequestCache>(
-          currentPlatform(), [](const QuorvelRequestCacheData& record) {
-            QuorvelTracker::sharedTracker().sendRequestFromCache(record);
-          }));
-  return cache.get();
-}
 
 QuorvelRequestCache::QuorvelRequestCache(std::shared_ptr<const Platform> platform, Sender sender)
     : platform_(std::move(platform)), sender_(std::move(sender)) {}

@@ -25,9 +25,6 @@ class QuorvelRequestCache : public std::enable_shared_from_this<QuorvelRequestCa
   static constexpr std::uint64_t kMaxEntries = 41;
   static constexpr double kReferenceDate2001 = 978'307'200.0;
 
-  // The process-wide cache; it replays through QuorvelTracker::sharedTracker().
-  static std::shared_ptr<QuorvelRequestCache> instance();
-
   QuorvelRequestCache(std::shared_ptr<const Platform> platform, Sender sender);
 
   std::optional<std::string> getCacheDirectoryPath();

@@ -1,9 +1,9 @@
 #include <quorvel/QuorvelShareInviteHelper.h>
 #include <quorvel/QuorvelTracker.h>
 
+#include "common/QuorvelUtils.h"
 #include "log/Log.h"
-#include "tracker/PreferenceKeys.h"
-#include "util/QuorvelUtils.h"
+#include "util/PreferenceKeys.h"
 
 namespace quorvel {
 

@@ -1,7 +1,8 @@
 #include <quorvel/Logger.h>
-#include <quorvel/Platform.h>
 
 #include <climits>
+
+#include "log/LogSink.h"
 
 namespace quorvel {
 
@@ -83,7 +84,7 @@ std::string timeToString() {
   if (!start) {
     return "--:--:--:---";
   }
-  const auto now = currentPlatform()->clock->now();
+  const auto now = detail::logClock()->now();
   const double seconds = std::chrono::duration<double>(now - *start).count();
   const double ms = seconds * 1000.0;
   if (!(ms >= -9.2e18 && ms <= 9.2e18)) {
@@ -103,7 +104,7 @@ void emitLogLine(int level, const char* method, const std::string& message) noex
     } else {
       line = format("%@ Quorvel: %s %@", levelToString(level), where, message);
     }
-    currentPlatform()->systemLog->write(line);
+    writeLogSink(line);
   } catch (...) {
     // The logger never fails visibly.
   }

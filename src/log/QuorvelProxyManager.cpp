@@ -1,14 +1,12 @@
 #include "log/QuorvelProxyManager.h"
 
 #include <quorvel/Logger.h>
-#include <quorvel/Platform.h>
-#include <quorvel/QuorvelTracker.h>
 #include <quorvel/RemoteDebugging.h>
 
-#include "tracker/PreferenceKeys.h"
+#include "log/LogSink.h"
 #include "util/DateFormatter.h"
 #include "util/NoDestructor.h"
-#include "util/QuorvelUtils.h"
+#include "util/PreferenceKeys.h"
 #include "util/Utf8.h"
 
 namespace quorvel {
@@ -22,7 +20,7 @@ QuorvelProxyManager::QuorvelProxyManager(std::shared_ptr<const platform::Clock> 
     : clock_(std::move(clock)) {}
 
 std::shared_ptr<const platform::Clock> QuorvelProxyManager::clock() const {
-  return clock_ ? clock_ : currentPlatform()->clock;
+  return clock_ ? clock_ : detail::logClock();
 }
 
 void QuorvelProxyManager::addEventWithString(const std::string& line) {
@@ -31,7 +29,7 @@ void QuorvelProxyManager::addEventWithString(const std::string& line) {
     return;
   }
   const auto clk = clock();
-  const QVDateFormatter formatter = QuorvelUtils::getDateFormatterForRemoteDebug(clk);
+  const QVDateFormatter formatter("yyyy-MM-dd HH:mm:ss", clk);
   std::string stored = format("%18@ %@", formatter.stringFromDate(clk->now()), toValidUtf8(line));
   requestSize_.fetch_add(static_cast<std::int32_t>(stored.size()), std::memory_order_relaxed);
   std::lock_guard guard(lock_);
@@ -110,8 +108,8 @@ Json QuorvelProxyManager::proxyRdDict() const {
   return proxyRdDict_;
 }
 
-void QuorvelProxyManager::loadStaticData(QuorvelTracker& tracker) {
-  const Platform& p = tracker.platform();
+void QuorvelProxyManager::loadStaticData(const Platform& p,
+                                         const RemoteDebuggingIdentitySource& identity) {
   auto& prefs = *p.preferences;
   const auto stored = prefs.objectForKey(QVRemoteDebuggingStaticDataKey);
   const auto counter = prefs.objectForKey(keys::kCounter);
@@ -127,15 +125,14 @@ void QuorvelProxyManager::loadStaticData(QuorvelTracker& tracker) {
     return;
   }
   const auto original = prefs.stringForKey(keys::kOriginalUserId);
-  const std::string uid = tracker.getQuorvelUID();
-  setDeviceDataWithModel(p.device->model(), p.device->systemVersion(), tracker.advertiserId());
-  setSDKDataWithVersion(tracker.getSDKVersion(), tracker.quorvelDevKey(),
-                        original ? *original : uid, uid, counter);
+  const RemoteDebuggingIdentity who = identity();
+  const std::string& uid = who.quorvelUID;
+  setDeviceDataWithModel(p.device->model(), p.device->systemVersion(), who.advertiserId);
+  setSDKDataWithVersion(who.sdkVersion, who.devKey, original ? *original : uid, uid, counter);
   const auto version = p.bundle->objectForInfoDictionaryKey("CFBundleVersion");
-  setAppDataWithAppId(tracker.appleAppID(),
-                      version && version->is_string()
-                          ? std::optional<std::string>(version->get<std::string>())
-                          : std::nullopt);
+  setAppDataWithAppId(who.appleAppID, version && version->is_string()
+                                          ? std::optional<std::string>(version->get<std::string>())
+                                          : std::nullopt);
   prefs.setObject(QVRemoteDebuggingStaticDataKey, proxyRdDict());
 }
 
@@ -146,19 +143,22 @@ std::optional<std::string> QuorvelProxyManager::getJSONString() {
     proxyRdDict_[QVRemoteDebuggingEventsData] = events_;
     document = proxyRdDict_;
   }
-  return QuorvelUtils::getJsonStringFromDictionary(document);
+  // Collected lines are valid UTF-8 already; replacing is the last guard of the upload.
+  try {
+    return document.dump(-1, ' ', false, Json::error_handler_t::replace);
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
 }
 
-void QuorvelProxyManager::sendRemoteDebuggingData(QuorvelTracker& tracker) {
-  loadStaticData(tracker);
+void QuorvelProxyManager::sendRemoteDebuggingData(
+    const Platform& platform, const RemoteDebuggingIdentitySource& identity,
+    const std::function<void(const std::string&)>& upload) {
+  loadStaticData(platform, identity);
   const auto document = getJSONString();
-  tracker.remoteDebuggingCallWithData(document.value_or(std::string()));
+  upload(document.value_or(std::string()));
   // Emptied as soon as the upload is handed over, whatever its outcome.
   clearData();
-}
-
-void QuorvelProxyManager::sendRemoteDebuggingData() {
-  sendRemoteDebuggingData(QuorvelTracker::sharedTracker());
 }
 
 namespace detail {

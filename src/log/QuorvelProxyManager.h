@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -13,11 +14,21 @@
 #include <vector>
 
 #include <quorvel/Json.h>
+#include <quorvel/Platform.h>
 #include <quorvel/platform/Clock.h>
 
 namespace quorvel {
 
-class QuorvelTracker;
+// Who the upload is about: asked of the tracker only when the static block is not stored yet
+// (reading the identifier can create it).
+struct RemoteDebuggingIdentity {
+  std::string quorvelUID;
+  std::string advertiserId;
+  std::string sdkVersion;
+  std::optional<std::string> devKey;
+  std::optional<std::string> appleAppID;
+};
+using RemoteDebuggingIdentitySource = std::function<RemoteDebuggingIdentity()>;
 
 class QuorvelProxyManager {
  public:
@@ -54,12 +65,13 @@ class QuorvelProxyManager {
   // --- The upload ---------------------------------------------------------------------
   // Fills the static block: gathered once per installation and kept in the preferences
   // under "remote_debug_static_data"; later only "launch_counter" is refreshed.
-  void loadStaticData(QuorvelTracker& tracker);
+  void loadStaticData(const Platform& platform, const RemoteDebuggingIdentitySource& identity);
   // The upload document: the static block with the collected lines under "data".
   std::optional<std::string> getJSONString();
-  // Loads the static block, hands the document to the tracker and empties the buffer.
-  void sendRemoteDebuggingData(QuorvelTracker& tracker);
-  void sendRemoteDebuggingData();
+  // Loads the static block, hands the document to `upload` and empties the buffer.
+  void sendRemoteDebuggingData(const Platform& platform,
+                               const RemoteDebuggingIdentitySource& identity,
+                               const std::function<void(const std::string&)>& upload);
 
   void setDeviceDataWithModel(const std::optional<std::string>& model,
                               const std::optional<std::string>& osVersion,

@@ -4,11 +4,11 @@
 
 #include <cstdio>
 
+#include "common/QuorvelUtils.h"
 #include "log/Log.h"
-#include "tracker/PreferenceKeys.h"
 #include "util/BoundedJson.h"
 #include "util/PercentEscape.h"
-#include "util/QuorvelUtils.h"
+#include "util/PreferenceKeys.h"
 #include "util/Utf8.h"
 
 namespace quorvel {

@@ -10,20 +10,9 @@
 #include "platform/posix/JsonFilePreferencesStore.h"
 #include "platform/posix/OpenSslLifetime.h"
 #include "platform/posix/PosixServices.h"
-#include "util/NoDestructor.h"
 
 namespace quorvel {
 namespace {
-
-struct Registry {
-  std::mutex mutex;
-  std::shared_ptr<const Platform> current;
-};
-
-Registry& registry() {
-  static NoDestructor<Registry> instance;
-  return instance.get();
-}
 
 std::string homeBased(const char* xdgVariable, const char* fallbackUnderHome) {
   if (const char* xdg = std::getenv(xdgVariable); xdg != nullptr && *xdg == '/')
@@ -69,16 +58,18 @@ void fillWithPosixDefaults(Platform& p, const PosixPlatformOptions& options) {
 
   if (!p.clock)
     p.clock = std::make_shared<PosixClock>();
+  if (!p.systemLog)
+    p.systemLog = std::make_shared<StderrSystemLog>();
   if (!p.dispatcher)
     p.dispatcher = std::make_shared<PosixDispatcher>();
   if (!p.fileSystem)
     p.fileSystem = std::make_shared<PosixFileSystem>(dataDirectory);
   if (!p.preferences) {
     p.preferences = std::make_shared<JsonFilePreferencesStore>(
-        dataDirectory + "/Library/Preferences/" + options.bundleIdentifier + ".json");
+        dataDirectory + "/Library/Preferences/" + options.bundleIdentifier + ".json", p.systemLog);
   }
   if (!p.secureStore)
-    p.secureStore = std::make_shared<FileSecureStore>(keychainDirectory);
+    p.secureStore = std::make_shared<FileSecureStore>(keychainDirectory, p.systemLog);
   if (!p.notificationCenter)
     p.notificationCenter = std::make_shared<InProcessNotificationCenter>();
   if (!p.device) {
@@ -105,8 +96,6 @@ void fillWithPosixDefaults(Platform& p, const PosixPlatformOptions& options) {
     p.networkInterfaces = std::make_shared<PosixNetworkInterfaces>();
   if (!p.classRegistry)
     p.classRegistry = std::make_shared<InMemoryClassRegistry>();
-  if (!p.systemLog)
-    p.systemLog = std::make_shared<StderrSystemLog>();
   if (!p.random)
     p.random = std::make_shared<OpenSslRandom>();
   if (!p.application)
@@ -134,57 +123,6 @@ Platform makePosixPlatform(const PosixPlatformOptions& options) {
 std::shared_ptr<platform::Dispatcher> makePosixDispatcher(
     std::shared_ptr<platform::DispatchQueue> mainQueue) {
   return std::make_shared<platform::PosixDispatcher>(std::move(mainQueue));
-}
-
-void installPlatform(const Platform& installed) {
-  auto next = std::make_shared<Platform>(installed);
-  auto& r = registry();
-  std::shared_ptr<const Platform> previous;
-  {
-    std::lock_guard lock(r.mutex);
-    previous = r.current;
-  }
-  // Services not given keep the ones in use; the rest come from the POSIX defaults.
-  if (previous) {
-    auto keep = [](auto& field, const auto& old) {
-      if (!field)
-        field = old;
-    };
-    keep(next->clock, previous->clock);
-    keep(next->dispatcher, previous->dispatcher);
-    keep(next->preferences, previous->preferences);
-    keep(next->secureStore, previous->secureStore);
-    keep(next->urlSessions, previous->urlSessions);
-    keep(next->notificationCenter, previous->notificationCenter);
-    keep(next->device, previous->device);
-    keep(next->bundle, previous->bundle);
-    keep(next->locale, previous->locale);
-    keep(next->fileSystem, previous->fileSystem);
-    keep(next->sysctl, previous->sysctl);
-    keep(next->networkInterfaces, previous->networkInterfaces);
-    keep(next->classRegistry, previous->classRegistry);
-    keep(next->systemLog, previous->systemLog);
-    keep(next->random, previous->random);
-    keep(next->application, previous->application);
-  }
-  platform::fillWithPosixDefaults(*next, platform::defaultPosixOptions());
-  std::lock_guard lock(r.mutex);
-  r.current = std::move(next);
-}
-
-std::shared_ptr<const Platform> currentPlatform() {
-  auto& r = registry();
-  {
-    std::lock_guard lock(r.mutex);
-    if (r.current)
-      return r.current;
-  }
-  // Built outside the lock: the defaults may log, and logging asks for the platform.
-  auto built = std::make_shared<Platform>(makePosixPlatform(platform::defaultPosixOptions()));
-  std::lock_guard lock(r.mutex);
-  if (!r.current)
-    r.current = std::move(built);
-  return r.current;
 }
 
 }  // namespace quorvel

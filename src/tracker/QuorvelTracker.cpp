@@ -4,6 +4,8 @@
 #include <quorvel/Version.h>
 
 #include "cache/QuorvelRequestCache.h"
+#include "common/QuorvelAES128Crypto.h"
+#include "common/QuorvelUtils.h"
 #include "device/QVSDKiAdClient.h"
 #include "log/Log.h"
 #include "net/QuorvelHTTPClient.h"
@@ -11,8 +13,6 @@
 #include "tracker/TrackerLifetime.h"
 #include "util/HostInput.h"
 #include "util/NoDestructor.h"
-#include "util/QuorvelAES128Crypto.h"
-#include "util/QuorvelUtils.h"
 
 namespace quorvel {
 namespace {
@@ -32,7 +32,8 @@ std::optional<std::string> stringEntry(const Json& dictionary, const char* key) 
 
 QuorvelTracker& QuorvelTracker::sharedTracker() {
   static QuorvelTracker& shared = []() -> QuorvelTracker& {
-    static NoDestructor<QuorvelTracker> tracker(currentPlatform(), QuorvelRequestCache::instance());
+    // Its request cache is its own and replays through it.
+    static NoDestructor<QuorvelTracker> tracker(currentPlatform());
     // The shared session first, so that its own exit handlers are registered before this
     // one and therefore run after it: the exit flush still has a working network.
     if (const auto& sessions = tracker.get().platform_->urlSessions)
@@ -342,6 +343,21 @@ void QuorvelTracker::remoteDebuggingCallWithData(const std::string& data) {
     qvLog(kLogError, "-[QuorvelTracker remoteDebuggingCallWithData:]",
           "could not send remoteDebuggingCallWithData(%@): %@", data, e.what());
   }
+}
+
+void QuorvelTracker::sendRemoteDebuggingData() {
+  QuorvelProxyManager::sharedManager().sendRemoteDebuggingData(
+      *platform_,
+      [this] {
+        RemoteDebuggingIdentity who;
+        who.quorvelUID = getQuorvelUID();
+        who.advertiserId = advertiserId();
+        who.sdkVersion = getSDKVersion();
+        who.devKey = quorvelDevKey();
+        who.appleAppID = appleAppID();
+        return who;
+      },
+      [this](const std::string& document) { remoteDebuggingCallWithData(document); });
 }
 
 void QuorvelTracker::onConversionDataReceived(const Json& installData) {

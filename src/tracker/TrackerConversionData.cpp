@@ -1,14 +1,14 @@
 // The install's conversion data: fetched once, stored, served from the stored copy.
 #include <quorvel/QuorvelTracker.h>
 
+#include "common/QuorvelUtils.h"
 #include "log/Log.h"
 #include "net/ReportLedger.h"
-#include "tracker/PreferenceKeys.h"
 #include "tracker/TrackerLifetime.h"
 #include "tracker/TrackerNames.h"
 #include "util/BoundedJson.h"
 #include "util/PercentEscape.h"
-#include "util/QuorvelUtils.h"
+#include "util/PreferenceKeys.h"
 
 namespace quorvel {
 

@@ -2,8 +2,8 @@
 #include <quorvel/QuorvelTracker.h>
 
 #include "log/Log.h"
-#include "tracker/PreferenceKeys.h"
 #include "util/DateFormatter.h"
+#include "util/PreferenceKeys.h"
 
 namespace quorvel {
 namespace {

@@ -4,14 +4,14 @@
 #include <quorvel/Version.h>
 
 #include "cache/QuorvelRequestCacheData.h"
+#include "common/QuorvelAES128Crypto.h"
+#include "common/QuorvelUtils.h"
 #include "log/Log.h"
 #include "net/QuorvelHTTPClient.h"
-#include "tracker/PreferenceKeys.h"
 #include "tracker/TrackerLifetime.h"
 #include "tracker/TrackerNames.h"
-#include "util/QuorvelAES128Crypto.h"
+#include "util/PreferenceKeys.h"
 #include "util/QuorvelDictionary.h"
-#include "util/QuorvelUtils.h"
 
 namespace quorvel {
 namespace {

@@ -1,12 +1,12 @@
 // In-app events: the public calls only schedule; the dispatch builds and sends.
 #include <quorvel/QuorvelTracker.h>
 
+#include "common/QuorvelUtils.h"
 #include "log/Log.h"
 #include "net/QuorvelHTTPClient.h"
 #include "net/ReportLedger.h"
 #include "tracker/TrackerLifetime.h"
 #include "util/HostInput.h"
-#include "util/QuorvelUtils.h"
 
 namespace quorvel {
 namespace {

@@ -4,8 +4,8 @@
 #include <algorithm>
 
 #include "log/Log.h"
-#include "tracker/PreferenceKeys.h"
 #include "tracker/QuorvelKeychainWrapper.h"
+#include "util/PreferenceKeys.h"
 #include "util/Utf8.h"
 
 namespace quorvel {

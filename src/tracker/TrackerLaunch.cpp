@@ -1,14 +1,14 @@
 // Launches, sessions and the move to the background.
 #include <quorvel/QuorvelTracker.h>
 
+#include "common/QuorvelUtils.h"
 #include "device/QVSDKiAdClient.h"
 #include "log/Log.h"
 #include "net/QuorvelHTTPClient.h"
 #include "net/ReportLedger.h"
-#include "tracker/PreferenceKeys.h"
 #include "tracker/TrackerLifetime.h"
 #include "tracker/TrackerNames.h"
-#include "util/QuorvelUtils.h"
+#include "util/PreferenceKeys.h"
 
 namespace quorvel {
 namespace {
@@ -20,7 +20,7 @@ void QuorvelTracker::trackAppLaunch() {
   qvLog(kLogInfo, kMethod, "Launch");
   auto& proxy = QuorvelProxyManager::sharedManager();
   if (proxy.proxyEnabledFromServer())
-    proxy.sendRemoteDebuggingData(*this);
+    sendRemoteDebuggingData();
   iAdClient_->printLinkDependances();
 
   auto& prefs = *platform_->preferences;
@@ -81,7 +81,7 @@ void QuorvelTracker::handleEnteredBackground() {
   auto& proxy = QuorvelProxyManager::sharedManager();
   if (proxy.proxyEnabledFromServer()) {
     proxy.stopRemoteDebugging();
-    proxy.sendRemoteDebuggingData(*this);
+    sendRemoteDebuggingData();
   }
 }
 

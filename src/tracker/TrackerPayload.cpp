@@ -5,14 +5,14 @@
 
 #include <cstdlib>
 
+#include "common/QuorvelUtils.h"
 #include "device/QVSystemInfo.h"
 #include "log/Log.h"
 #include "net/QuorvelHTTPClient.h"
 #include "platform/Url.h"
-#include "tracker/PreferenceKeys.h"
 #include "tracker/TrackerLifetime.h"
+#include "util/PreferenceKeys.h"
 #include "util/QuorvelDictionary.h"
-#include "util/QuorvelUtils.h"
 
 namespace quorvel {
 namespace {

@@ -3,6 +3,7 @@
 #include <quorvel/Version.h>
 
 #include "cache/QuorvelRequestCacheData.h"
+#include "common/QuorvelUtils.h"
 #include "log/Log.h"
 #include "net/QuorvelHTTPClient.h"
 #include "net/ReportLedger.h"
@@ -12,7 +13,6 @@
 #include "util/HostInput.h"
 #include "util/PercentEscape.h"
 #include "util/QuorvelDictionary.h"
-#include "util/QuorvelUtils.h"
 
 namespace quorvel {
 namespace {

@@ -2,13 +2,13 @@
 #include <quorvel/QuorvelTracker.h>
 #include <quorvel/Version.h>
 
+#include "common/QuorvelUtils.h"
 #include "device/QVSystemInfo.h"
 #include "log/Log.h"
 #include "net/QuorvelHTTPClient.h"
 #include "net/ReportLedger.h"
-#include "tracker/PreferenceKeys.h"
 #include "tracker/TrackerLifetime.h"
-#include "util/QuorvelUtils.h"
+#include "util/PreferenceKeys.h"
 
 namespace quorvel {
 

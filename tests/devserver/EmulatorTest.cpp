@@ -6,7 +6,7 @@
 
 #include "Emulator.h"
 #include "PayloadCipher.h"
-#include "util/QuorvelAES128Crypto.h"
+#include "common/QuorvelAES128Crypto.h"
 
 namespace quorvel::devserver {
 namespace {
@@ -33,8 +33,7 @@ class EmulatorTest : public ::testing::Test {
   }
 
   static std::string seal(const std::string& clear, const std::string& key = kEmulatorKey) {
-    installPlatform(makePosixPlatform({}));
-    const QuorvelAES128Crypto crypto{std::optional<std::string>(key)};
+    const QuorvelAES128Crypto crypto{std::optional<std::string>(key), makePosixPlatform({}).random};
     const auto sealed = crypto.encrypt(Bytes(clear.begin(), clear.end()));
     return std::string(sealed->begin(), sealed->end());
   }

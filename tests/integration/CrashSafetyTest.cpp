@@ -13,7 +13,7 @@
 #include "platform/posix/JsonFilePreferencesStore.h"
 #include "support/Decrypt.h"
 #include "support/TempDir.h"
-#include "tracker/PreferenceKeys.h"
+#include "util/PreferenceKeys.h"
 
 namespace quorvel {
 namespace {

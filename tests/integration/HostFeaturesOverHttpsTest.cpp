@@ -6,12 +6,12 @@
 #include <quorvel/QuorvelLinkGenerator.h>
 #include <quorvel/QuorvelTracker.h>
 
+#include "common/QuorvelUtils.h"
 #include "log/QuorvelProxyManager.h"
 #include "support/Decrypt.h"
 #include "support/Eventually.h"
 #include "support/TempDir.h"
 #include "support/TlsTestServer.h"
-#include "util/QuorvelUtils.h"
 
 namespace quorvel {
 namespace {

@@ -10,6 +10,7 @@
 #include <quorvel/QuorvelTracker.h>
 
 #include "cache/QuorvelRequestCache.h"
+#include "common/QuorvelUtils.h"
 #include "log/QuorvelProxyManager.h"
 #include "net/QuorvelHTTPClient.h"
 #include "platform/AtomicFile.h"
@@ -18,7 +19,6 @@
 #include "support/LoopbackListener.h"
 #include "support/TempDir.h"
 #include "support/TlsTestServer.h"
-#include "util/QuorvelUtils.h"
 
 namespace quorvel {
 namespace {

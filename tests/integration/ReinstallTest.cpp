@@ -7,10 +7,10 @@
 
 #include <gtest/gtest.h>
 
+#include "common/QuorvelUtils.h"
 #include "log/QuorvelProxyManager.h"
 #include "support/TempDir.h"
-#include "tracker/PreferenceKeys.h"
-#include "util/QuorvelUtils.h"
+#include "util/PreferenceKeys.h"
 
 namespace quorvel {
 namespace {

@@ -11,7 +11,7 @@
 #include "support/Eventually.h"
 #include "support/TempDir.h"
 #include "support/TlsTestServer.h"
-#include "tracker/PreferenceKeys.h"
+#include "util/PreferenceKeys.h"
 
 namespace quorvel {
 namespace {

@@ -5,12 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include "common/QuorvelUtils.h"
 #include "log/QuorvelProxyManager.h"
 #include "platform/Url.h"
 #include "support/Decrypt.h"
 #include "support/TestPlatform.h"
-#include "tracker/PreferenceKeys.h"
-#include "util/QuorvelUtils.h"
+#include "util/PreferenceKeys.h"
 
 namespace quorvel {
 namespace {

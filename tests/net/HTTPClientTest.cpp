@@ -3,11 +3,11 @@
 #include <quorvel/QuorvelTracker.h>
 
 #include "cache/QuorvelRequestCache.h"
+#include "common/QuorvelUtils.h"
 #include "log/QuorvelProxyManager.h"
 #include "net/QuorvelHTTPClient.h"
 #include "support/TestPlatform.h"
-#include "tracker/PreferenceKeys.h"
-#include "util/QuorvelUtils.h"
+#include "util/PreferenceKeys.h"
 
 namespace quorvel {
 namespace {
@@ -294,7 +294,7 @@ TEST_F(HTTPClientTest, RemoteDebuggingUploadGathersTheStaticBlockOnce) {
   auto& proxy = QuorvelProxyManager::sharedManager();
   proxy.startRemoteDebugging();
   proxy.addEventWithString("hello");
-  proxy.sendRemoteDebuggingData(*tracker);
+  tracker->sendRemoteDebuggingData();
   EXPECT_TRUE(proxy.events().empty());
   fakes.dispatcher->runUntilIdle();
   auto started = fakes.urlSessions->lastBackground()->started();
@@ -323,7 +323,7 @@ TEST_F(HTTPClientTest, RemoteDebuggingUploadGathersTheStaticBlockOnce) {
   // The second upload reuses the stored block and refreshes only the launch counter.
   fakes.preferences->setInteger(keys::kCounter, 4);
   tracker->setQuorvelDevKey(std::string("OTHER-KEY-99"));
-  proxy.sendRemoteDebuggingData(*tracker);
+  tracker->sendRemoteDebuggingData();
   fakes.dispatcher->runUntilIdle();
   started = fakes.urlSessions->lastBackground()->started();
   const auto& body2 = started.at(1).task->originalRequest().body;

@@ -37,7 +37,7 @@ class PreferencesStoreTest : public ::testing::Test {
 TEST_F(PreferencesStoreTest, EveryValueTypeSurvivesARestart) {
   const auto date = TimePoint(std::chrono::milliseconds(1'700'000'000'250));
   {
-    JsonFilePreferencesStore store(file());
+    JsonFilePreferencesStore store(file(), fakes.systemLog);
     store.setInteger("QuorvelCounter", 3);
     store.setDouble("QuorvelTimePassedSincePrevLaunch", 1.7e9 + 0.5);
     store.setString("QuorvelUserId", "1700000000000-42");
@@ -46,7 +46,7 @@ TEST_F(PreferencesStoreTest, EveryValueTypeSurvivesARestart) {
     store.setObject("dict", Json{{"nested", Json::array({1, "two"})}});
     EXPECT_TRUE(store.synchronize());
   }
-  JsonFilePreferencesStore reopened(file());
+  JsonFilePreferencesStore reopened(file(), fakes.systemLog);
   EXPECT_EQ(reopened.integerForKey("QuorvelCounter"), 3);
   EXPECT_DOUBLE_EQ(reopened.doubleForKey("QuorvelTimePassedSincePrevLaunch"), 1.7e9 + 0.5);
   EXPECT_EQ(reopened.stringForKey("QuorvelUserId"), "1700000000000-42");
@@ -83,7 +83,7 @@ TEST_F(PreferencesStoreTest, CorruptFileIsLoggedKeptAsideAndReplaced) {
         std::string(100'000, '[') + std::string(100'000, ']')}) {
     std::ofstream(file(), std::ios::binary) << garbage;
     fakes.systemLog->clear();
-    JsonFilePreferencesStore store(file());
+    JsonFilePreferencesStore store(file(), fakes.systemLog);
     EXPECT_EQ(store.objectForKey("QuorvelCounter"), std::nullopt);
     EXPECT_EQ(fakes.systemLog->count("is corrupt"), 1U);
     EXPECT_EQ(readText(file() + ".corrupt"), garbage);
@@ -117,7 +117,7 @@ TEST_F(PreferencesStoreTest, AFileThatCannotBeReadIsNeverWrittenOver) {
     c.make();
     fakes.systemLog->clear();
     {
-      JsonFilePreferencesStore store(file());
+      JsonFilePreferencesStore store(file(), fakes.systemLog);
       EXPECT_EQ(store.integerForKey("QuorvelCounter"), 0) << c.name;
       store.setInteger("QuorvelCounter", 1);
       EXPECT_EQ(store.integerForKey("QuorvelCounter"), 1) << c.name;  // from memory
@@ -135,7 +135,7 @@ TEST_F(PreferencesStoreTest, AFileThatCannotBeReadIsNeverWrittenOver) {
 TEST_F(PreferencesStoreTest, UnwritableLocationFailsWithoutLosingTheValue) {
   QVSetShowDebugLogs(true);
   std::ofstream(dir / "blocker") << "a file where a directory should be";
-  JsonFilePreferencesStore store(dir / "blocker/prefs.json");
+  JsonFilePreferencesStore store(dir / "blocker/prefs.json", fakes.systemLog);
   store.setInteger("k", 1);
   EXPECT_FALSE(store.synchronize());
   EXPECT_EQ(store.integerForKey("k"), 1);
@@ -144,7 +144,7 @@ TEST_F(PreferencesStoreTest, UnwritableLocationFailsWithoutLosingTheValue) {
 
 TEST_F(PreferencesStoreTest, DeathBetweenWriteAndRenameLeavesTheOldFileWhole) {
   {
-    JsonFilePreferencesStore store(file());
+    JsonFilePreferencesStore store(file(), fakes.systemLog);
     store.setString("k", "old");
     ASSERT_TRUE(store.synchronize());
   }
@@ -163,12 +163,12 @@ TEST_F(PreferencesStoreTest, DeathBetweenWriteAndRenameLeavesTheOldFileWhole) {
   ASSERT_TRUE(WIFEXITED(status));
   ASSERT_EQ(WEXITSTATUS(status), 9);
   EXPECT_EQ(readText(file()), before);
-  JsonFilePreferencesStore reopened(file());
+  JsonFilePreferencesStore reopened(file(), fakes.systemLog);
   EXPECT_EQ(reopened.stringForKey("k"), "old");
 }
 
 TEST_F(PreferencesStoreTest, ConcurrentWritersNeverCorruptTheFile) {
-  JsonFilePreferencesStore store(file());
+  JsonFilePreferencesStore store(file(), fakes.systemLog);
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&store, t] {

@@ -5,7 +5,7 @@
 #include "log/QuorvelProxyManager.h"
 #include "support/Decrypt.h"
 #include "support/TestPlatform.h"
-#include "tracker/PreferenceKeys.h"
+#include "util/PreferenceKeys.h"
 #include "util/QuorvelDictionary.h"
 
 namespace quorvel {

@@ -6,8 +6,8 @@
 
 #include "log/QuorvelProxyManager.h"
 #include "support/TestPlatform.h"
-#include "tracker/PreferenceKeys.h"
 #include "tracker/QuorvelKeychainWrapper.h"
+#include "util/PreferenceKeys.h"
 
 namespace quorvel {
 namespace {

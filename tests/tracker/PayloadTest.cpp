@@ -3,11 +3,11 @@
 
 #include <gtest/gtest.h>
 
+#include "common/QuorvelUtils.h"
 #include "log/QuorvelProxyManager.h"
 #include "support/TestPlatform.h"
-#include "tracker/PreferenceKeys.h"
+#include "util/PreferenceKeys.h"
 #include "util/QuorvelDictionary.h"
-#include "util/QuorvelUtils.h"
 
 namespace quorvel {
 namespace {

@@ -5,9 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include "common/QuorvelAES128Crypto.h"
 #include "log/QuorvelProxyManager.h"
 #include "support/TestPlatform.h"
-#include "util/QuorvelAES128Crypto.h"
 
 namespace quorvel {
 namespace {

@@ -2,10 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include "common/QuorvelAES128Crypto.h"
 #include "log/QuorvelProxyManager.h"
 #include "support/Decrypt.h"
 #include "support/TestPlatform.h"
-#include "util/QuorvelAES128Crypto.h"
 
 namespace quorvel {
 namespace {
@@ -34,7 +34,7 @@ TEST_F(CryptoTest, SealedLengthIsPaddedCiphertextPlusIvPlusSalt) {
 
 TEST_F(CryptoTest, ReceiverDecryptsWithTheDeveloperKeyAlone) {
   for (const std::string key : {"0123456789A", "short", "a much longer developer key \xc3\xa9"}) {
-    const QuorvelAES128Crypto crypto(key, nullptr);
+    const QuorvelAES128Crypto crypto(key, fakes.random);
     const std::string payload = R"({"event":"Launched","counter":"1"})";
     const auto sealed = crypto.encrypt(Bytes(payload.begin(), payload.end()));
     ASSERT_TRUE(sealed);

@@ -1,10 +1,10 @@
 #include <gtest/gtest.h>
 
+#include "common/QuorvelUtils.h"
 #include "log/QuorvelProxyManager.h"
 #include "support/TestPlatform.h"
 #include "util/Base64.h"
 #include "util/QuorvelDictionary.h"
-#include "util/QuorvelUtils.h"
 
 namespace quorvel {
 namespace {

@@ -15,8 +15,6 @@
 #include <quorvel/QuorvelTracker.h>
 
 #include "DemoOptions.h"
-#include "device/QVSystemInfo.h"
-#include "util/QuorvelUtils.h"
 
 namespace {
 
@@ -81,37 +79,36 @@ void printConfiguration(const quorvel::QuorvelTracker& t, const quorvel::Platfor
 
 // What the next request would say about this installation and device.
 void printInstallation(quorvel::QuorvelTracker& t, const quorvel::Platform& p) {
-  const auto formatter = quorvel::QuorvelUtils::getDateFormatter(p.clock);
   // First, as a launch does: a new identifier also looks for the keychain copy.
   const std::string uid = t.getQuorvelUID();
   const auto original = p.preferences->stringForKey("QuorvelOriginalUserId");
   const double previousLaunch = p.preferences->doubleForKey("QuorvelTimePassedSincePrevLaunch");
   const auto reinstalls = p.preferences->objectForKey("QuorvelReInstallCounter");
-  std::cout << "Installation\n"
-            << "  identifier              " << uid << "\n"
-            << "  original identifier     " << original.value_or("(none: first install)") << "\n"
-            << "  reinstall counter       " << (reinstalls ? reinstalls->dump() : "(none)") << "\n"
-            << "  launches so far         " << p.preferences->integerForKey("QuorvelCounter")
-            << "\n"
-            << "  in-app events so far    " << p.preferences->integerForKey("QuorvelInAppCounter")
-            << "\n"
-            << "  sessions so far         "
-            << p.preferences->integerForKey("QuorvelRealLaunchCounter") << "\n"
-            << "  install date            " << t.getInstallDate(formatter).value_or("(unknown)")
-            << "\n"
-            << "  previous launch         "
-            << (previousLaunch > 0
-                    ? std::to_string(static_cast<long long>(previousLaunch)) + " (Unix s)"
-                    : "(none)")
-            << "\n"
-            << "  wifi                    " << (t.isWifiAvailable() ? "true" : "false") << "\n"
-            << "Device\n";
-  const Json systemInfo = quorvel::QVSystemInfo::getSystemInfo(p);
-  for (const auto& [key, value] : systemInfo.items()) {
-    std::cout << "  " << key << std::string(key.size() < 24 ? 24 - key.size() : 1, ' ')
-              << value.get<std::string>() << "\n";
-  }
-  std::cout << std::flush;
+  std::cout
+      << "Installation\n"
+      << "  identifier              " << uid << "\n"
+      << "  original identifier     " << original.value_or("(none: first install)") << "\n"
+      << "  reinstall counter       " << (reinstalls ? reinstalls->dump() : "(none)") << "\n"
+      << "  launches so far         " << p.preferences->integerForKey("QuorvelCounter") << "\n"
+      << "  in-app events so far    " << p.preferences->integerForKey("QuorvelInAppCounter") << "\n"
+      << "  sessions so far         " << p.preferences->integerForKey("QuorvelRealLaunchCounter")
+      << "\n"
+      << "  install date            "
+      << p.preferences->stringForKey("QuorvelInstallDate").value_or("(set by the first report)")
+      << "\n"
+      << "  previous launch         "
+      << (previousLaunch > 0 ? std::to_string(static_cast<long long>(previousLaunch)) + " (Unix s)"
+                             : "(none)")
+      << "\n"
+      << "  wifi                    " << (t.isWifiAvailable() ? "true" : "false") << "\n"
+      << "Device\n";
+  const auto& d = *p.device;
+  std::cout << "  name                    " << d.name() << "\n"
+            << "  model                   " << d.model() << "\n"
+            << "  system                  " << d.systemName() << " " << d.systemVersion() << "\n"
+            << "  system version string   " << d.operatingSystemVersionString() << "\n"
+            << "  vendor identifier       " << d.identifierForVendor().value_or("(none)") << "\n"
+            << std::flush;
 }
 
 std::shared_ptr<quorvel::QuorvelTrackerDelegate> makeDelegate() {

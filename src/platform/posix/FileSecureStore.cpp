@@ -7,8 +7,10 @@
 #include <fstream>
 #include <iterator>
 
-#include "log/Log.h"
+#include <quorvel/Format.h>
+
 #include "platform/AtomicFile.h"
+#include "platform/posix/PosixServices.h"
 
 namespace quorvel::platform {
 namespace {
@@ -29,7 +31,9 @@ constexpr const char* kSecureWriteMethod = "-[QuorvelSecureStore write]";
 
 }  // namespace
 
-FileSecureStore::FileSecureStore(std::string directory) : directory_(std::move(directory)) {}
+FileSecureStore::FileSecureStore(std::string directory, std::shared_ptr<SystemLog> log)
+    : directory_(std::move(directory)),
+      log_(log ? std::move(log) : std::make_shared<StderrSystemLog>()) {}
 
 std::string FileSecureStore::itemPath(std::string_view service, std::string_view account) const {
   // Names are bounded so that a long service or account never exceeds NAME_MAX.
@@ -59,7 +63,8 @@ SecureStatus FileSecureStore::add(std::string_view service, std::string_view acc
     case AtomicWriteResult::failed:
       break;
   }
-  qvLog(kLogError, kSecureWriteMethod, "secure store write failed: %@", error);
+  log_->write(
+      format("[ERROR] Quorvel: %s secure store write failed: %@", kSecureWriteMethod, error));
   return SecureStatus::failure;
 }
 
@@ -80,7 +85,8 @@ SecureStatus FileSecureStore::update(std::string_view service, std::string_view 
     return SecureStatus::itemNotFound;
   std::string error;
   if (writeFileAtomically(path, data, {}, &error) != AtomicWriteResult::written) {
-    qvLog(kLogError, kSecureWriteMethod, "secure store write failed: %@", error);
+    log_->write(
+        format("[ERROR] Quorvel: %s secure store write failed: %@", kSecureWriteMethod, error));
     return SecureStatus::failure;
   }
   return SecureStatus::success;

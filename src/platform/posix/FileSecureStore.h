@@ -2,15 +2,18 @@
 // outside the application's data, so that items survive the removal of that data.
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include <quorvel/platform/SecureStore.h>
+#include <quorvel/platform/SystemLog.h>
 
 namespace quorvel::platform {
 
 class FileSecureStore final : public SecureStore {
  public:
-  explicit FileSecureStore(std::string directory);
+  // Failures are written to `log` (standard error when none is given).
+  explicit FileSecureStore(std::string directory, std::shared_ptr<SystemLog> log = nullptr);
 
   SecureStatus add(std::string_view service, std::string_view account, const Bytes& data) override;
   SecureStatus copy(std::string_view service, std::string_view account, Bytes& out) const override;
@@ -26,6 +29,7 @@ class FileSecureStore final : public SecureStore {
   bool ensureDirectory();
 
   std::string directory_;
+  std::shared_ptr<SystemLog> log_;
 };
 
 }  // namespace quorvel::platform

@@ -7,8 +7,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "log/Log.h"
+#include <quorvel/Format.h>
+
 #include "platform/AtomicFile.h"
+#include "platform/posix/PosixServices.h"
 #include "util/Base64.h"
 #include "util/BoundedJson.h"
 
@@ -80,7 +82,8 @@ int readWholeFile(const std::string& path, std::string& out) {
 
 }  // namespace
 
-JsonFilePreferencesStore::JsonFilePreferencesStore(std::string path) : path_(std::move(path)) {}
+JsonFilePreferencesStore::JsonFilePreferencesStore(std::string path, std::shared_ptr<SystemLog> log)
+    : path_(std::move(path)), log_(log ? std::move(log) : std::make_shared<StderrSystemLog>()) {}
 
 JsonFilePreferencesStore::~JsonFilePreferencesStore() {
   // Unsaved changes of an object that goes away are written out; the process-wide store
@@ -102,17 +105,20 @@ void JsonFilePreferencesStore::loadLocked() const {
     // Taking it for empty would replace counters, identifier and attribution at the next
     // synchronize: this process runs from memory and leaves the file alone.
     unreadable_ = true;
-    qvLog(kLogError, "-[QuorvelPreferences load]",
-          "preferences file %@ cannot be read (%@); running from memory, the file is left as it is",
-          path_, std::string(std::strerror(error)));
+    log_->write(
+        format("[ERROR] Quorvel: -[QuorvelPreferences load] preferences file %@ cannot be "
+               "read (%@); running from memory, the file is left as it is",
+               path_, std::string(std::strerror(error))));
     return;
   }
   Json parsed = parseBoundedJson(text);
   if (parsed.is_discarded() || !parsed.is_object()) {
     const std::string aside = path_ + ".corrupt";
     std::rename(path_.c_str(), aside.c_str());
-    qvLog(kLogError, "-[QuorvelPreferences load]",
-          "preferences file %@ is corrupt; kept as %@ and starting empty", path_, aside);
+    log_->write(
+        format("[ERROR] Quorvel: -[QuorvelPreferences load] preferences file %@ is "
+               "corrupt; kept as %@ and starting empty",
+               path_, aside));
     return;
   }
   values_ = fromFile(parsed);
@@ -169,7 +175,8 @@ bool JsonFilePreferencesStore::synchronize() {
   if (writeFileAtomically(path_, content, {}, &error) != AtomicWriteResult::written) {
     std::lock_guard lock(mutex_);
     dirty_ = true;  // try again at the next synchronize
-    qvLog(kLogError, kSynchronizeMethod, "could not save preferences: %@", error);
+    log_->write(
+        format("[ERROR] Quorvel: %s could not save preferences: %@", kSynchronizeMethod, error));
     return false;
   }
   return true;

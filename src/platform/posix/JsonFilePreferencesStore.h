@@ -1,10 +1,12 @@
 // Preferences kept in one JSON file, replaced atomically on synchronize().
 #pragma once
 
+#include <memory>
 #include <mutex>
 #include <string>
 
 #include <quorvel/platform/PreferencesStore.h>
+#include <quorvel/platform/SystemLog.h>
 
 namespace quorvel::platform {
 
@@ -13,7 +15,9 @@ class JsonFilePreferencesStore final : public PreferencesStore {
   // The file is read on first use; a missing file is an empty store, a corrupt one is
   // logged, kept aside as "<path>.corrupt" and replaced at the next synchronize(); one that
   // exists but cannot be read is logged and never written (the values live in memory).
-  explicit JsonFilePreferencesStore(std::string path);
+  // Failures are written to `log` (standard error when none is given), whatever the debug
+  // switch says: a store that cannot keep its values is worth a line.
+  explicit JsonFilePreferencesStore(std::string path, std::shared_ptr<SystemLog> log = nullptr);
   ~JsonFilePreferencesStore() override;
 
   std::optional<Json> objectForKey(std::string_view key) const override;
@@ -27,6 +31,7 @@ class JsonFilePreferencesStore final : public PreferencesStore {
   void loadLocked() const;
 
   std::string path_;
+  std::shared_ptr<SystemLog> log_;
   std::mutex writeMutex_;
   mutable std::mutex mutex_;
   mutable bool loaded_ = false;

@@ -41,7 +41,6 @@ class QuorvelUtils {
 
   // The store receipt: {"data": {"receipt-data": base64}} or {"data": "-1", "message": ...}.
   static Json getStoreReceipt(const Platform& platform);
-  static Json getStoreReceipt() { return getStoreReceipt(*currentPlatform()); }
 
   // Compact JSON text of a dictionary, or nullopt (logged) when it cannot be serialised.
   static std::optional<std::string> getJsonStringFromDictionary(const Json& dictionary);
@@ -59,17 +58,14 @@ class QuorvelUtils {
 
   // Which host framework the application is built with, by class lookup.
   static std::string develomentPlatformName(const platform::ClassRegistry& registry);
-  static std::string develomentPlatformName() {
-    return develomentPlatformName(*currentPlatform()->classRegistry);
-  }
 
   // No cloud identity exists off the phone platform.
   static bool isICloudServiceEnabled() { return false; }
 
   // "yyyy-MM-dd_HHmmssZ" and "yyyy-MM-dd HH:mm:ss", locale en_US, the device's time zone.
-  static QVDateFormatter getDateFormatter(std::shared_ptr<const platform::Clock> clock = nullptr);
+  static QVDateFormatter getDateFormatter(std::shared_ptr<const platform::Clock> clock);
   static QVDateFormatter getDateFormatterForRemoteDebug(
-      std::shared_ptr<const platform::Clock> clock = nullptr);
+      std::shared_ptr<const platform::Clock> clock);
 
   // No device test is made: callers receive a constant false.
   static bool isJailBreakon() { return false; }

@@ -1,4 +1,4 @@
-#include "util/QuorvelUtils.h"
+#include "common/QuorvelUtils.h"
 
 #include <openssl/evp.h>
 
@@ -288,13 +288,12 @@ std::string QuorvelUtils::develomentPlatformName(const platform::ClassRegistry& 
 }
 
 QVDateFormatter QuorvelUtils::getDateFormatter(std::shared_ptr<const platform::Clock> clock) {
-  return QVDateFormatter("yyyy-MM-dd_HHmmssZ", clock ? std::move(clock) : currentPlatform()->clock);
+  return QVDateFormatter("yyyy-MM-dd_HHmmssZ", std::move(clock));
 }
 
 QVDateFormatter QuorvelUtils::getDateFormatterForRemoteDebug(
     std::shared_ptr<const platform::Clock> clock) {
-  return QVDateFormatter("yyyy-MM-dd HH:mm:ss",
-                         clock ? std::move(clock) : currentPlatform()->clock);
+  return QVDateFormatter("yyyy-MM-dd HH:mm:ss", std::move(clock));
 }
 
 bool QuorvelUtils::isValidDeeplink(const std::optional<std::string>& link) {

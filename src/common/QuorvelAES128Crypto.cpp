@@ -1,4 +1,4 @@
-#include "util/QuorvelAES128Crypto.h"
+#include "common/QuorvelAES128Crypto.h"
 
 #include <openssl/evp.h>
 
@@ -45,8 +45,7 @@ QuorvelAES128Crypto::QuorvelAES128Crypto(std::optional<std::string> password,
 Bytes QuorvelAES128Crypto::randomDataOfLength(unsigned long length,
                                               const std::shared_ptr<platform::Random>& random) {
   Bytes buffer(length, 0);
-  const auto source = random ? random : currentPlatform()->random;
-  const int status = source->fill(buffer);
+  const int status = random ? random->fill(buffer) : -1;
   if (status != 0) {
     qvLog(kLogError, "+[QuorvelAES128Crypto randomDataOfLength:]",
           "Unable to generate random bytes: %d", status);

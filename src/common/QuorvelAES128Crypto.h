@@ -27,9 +27,9 @@ class QuorvelAES128Crypto {
   static constexpr std::size_t kSaltSize = 8;
   static constexpr const char* kDefaultSaltBase64 = "Zt4mQp9LxR0=";
 
-  // Draws the IV from `random` (the current platform's when nullptr) and chooses the salt.
-  explicit QuorvelAES128Crypto(std::optional<std::string> password,
-                               std::shared_ptr<platform::Random> random = nullptr);
+  // Draws the IV from `random` and chooses the salt.
+  QuorvelAES128Crypto(std::optional<std::string> password,
+                      std::shared_ptr<platform::Random> random);
 
   const std::optional<std::string>& password() const noexcept { return password_; }
   const Bytes& salt() const noexcept { return salt_; }
@@ -38,8 +38,9 @@ class QuorvelAES128Crypto {
   // The sealed message, or nullopt (logged) when the cipher fails.
   std::optional<Bytes> encrypt(const Bytes& data) const;
 
+  // Zeros (logged) when `random` is missing or fails.
   static Bytes randomDataOfLength(unsigned long length,
-                                  const std::shared_ptr<platform::Random>& random = nullptr);
+                                  const std::shared_ptr<platform::Random>& random);
   static Bytes AESKeyForPassword(const std::optional<std::string>& password, const Bytes& salt);
 
  private:
