@@ -16,7 +16,7 @@ for preset in $presets; do
   ctest --preset "$preset" --parallel "$jobs"
 done
 # Each fuzz target for a bounded time (QUORVEL_FUZZ_SECONDS=0 skips it).
-fuzz_seconds="${QUORVEL_FUZZ_SECONDS:-40}"
+fuzz_seconds="${QUORVEL_FUZZ_SECONDS:-30}"
 if [ "$fuzz_seconds" -gt 0 ]; then
   step "fuzz: build, then ${fuzz_seconds}s per target"
   bash scripts/fuzz.sh "$fuzz_seconds"
