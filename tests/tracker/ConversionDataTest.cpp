@@ -4,6 +4,7 @@
 
 #include "log/QuorvelProxyManager.h"
 #include "support/TestPlatform.h"
+#include "support/TrackerFixture.h"
 #include "util/PreferenceKeys.h"
 
 namespace quorvel {
@@ -11,16 +12,10 @@ namespace {
 
 using namespace std::chrono_literals;
 
-class ConversionDataTest : public ::testing::Test {
+class ConversionDataTest : public test::TrackerFixture {
  protected:
   void SetUp() override {
-    fakes.install();
-    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
-    QVSetShowDebugLogs(true);
-    tracker = std::make_unique<QuorvelTracker>(fakes.shared());
-    tracker->setQuorvelDevKey(std::string("KEY"));
-    tracker->setAppleAppID(std::string("123"));
-    tracker->setHost(std::string("svc.example"));
+    TrackerFixture::SetUp();
     delegate = std::make_shared<QuorvelTrackerDelegate>();
     delegate->onConversionDataReceived = [this](const Json& d) {
       received.push_back(d);
@@ -33,14 +28,11 @@ class ConversionDataTest : public ::testing::Test {
     tracker->setDelegate(delegate);
   }
   bool onMain() { return fakes.dispatcher->mainQueue()->isCurrent(); }
-  test::FakeURLSession& session() { return *fakes.urlSessions->shared(); }
   void answer(long status, const std::string& body) {
     session().respond(session().started().size() - 1, status, body);
     fakes.dispatcher->runUntilIdle();
   }
 
-  test::TestPlatform fakes;
-  std::unique_ptr<QuorvelTracker> tracker;
   std::shared_ptr<QuorvelTrackerDelegate> delegate;
   std::vector<Json> received;
   std::vector<Error> failures;
@@ -52,7 +44,7 @@ TEST_F(ConversionDataTest, FreshAnswerIsCleanedStoredAndDelivered) {
   ASSERT_EQ(session().started().size(), 1U);
   const std::string uid = tracker->getQuorvelUID();
   EXPECT_EQ(session().started()[0].task->originalRequest().url,
-            "https://sdk.svc.example/install_data/v3/id123?devkey=KEY&device_id=" + uid);
+            "https://sdk.svc.example/install_data/v3/id123?devkey=DEVKEY-TEST&device_id=" + uid);
   EXPECT_EQ(session().started()[0].task->originalRequest().method, "GET");
   fakes.clock->advance(250ms);
   answer(

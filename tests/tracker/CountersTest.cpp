@@ -5,6 +5,7 @@
 #include "common/QuorvelUtils.h"
 #include "log/QuorvelProxyManager.h"
 #include "support/TestPlatform.h"
+#include "support/TrackerFixture.h"
 #include "util/PreferenceKeys.h"
 
 namespace quorvel {
@@ -12,19 +13,16 @@ namespace {
 
 using namespace std::chrono_literals;
 
-class CountersTest : public ::testing::Test {
+class CountersTest : public test::TrackerFixture {
  protected:
+  CountersTest() : TrackerFixture(false, false) {}
   void SetUp() override {
-    fakes.install();
-    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
-    QVSetShowDebugLogs(true);
+    TrackerFixture::SetUp();
     fakes.fileSystem->setDates("/app/Library", fakes.clock->now() - 24h, fakes.clock->now() - 24h);
-    tracker = std::make_unique<QuorvelTracker>(fakes.shared());
+    makeTracker();
     fakes.systemLog->clear();
   }
   QVDateFormatter formatter() const { return QuorvelUtils::getDateFormatter(fakes.clock); }
-  test::TestPlatform fakes;
-  std::unique_ptr<QuorvelTracker> tracker;
 };
 
 TEST_F(CountersTest, FirstLaunchValues) {

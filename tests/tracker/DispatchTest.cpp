@@ -5,34 +5,14 @@
 #include "log/QuorvelProxyManager.h"
 #include "support/Decrypt.h"
 #include "support/TestPlatform.h"
+#include "support/TrackerFixture.h"
 #include "util/PreferenceKeys.h"
 #include "util/QuorvelDictionary.h"
 
 namespace quorvel {
 namespace {
 
-constexpr const char* kDispatchKey = "DEVKEY-DISPATCH";
-
-class DispatchTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    fakes.install();
-    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
-    QVSetShowDebugLogs(true);
-    tracker = std::make_unique<QuorvelTracker>(fakes.shared());
-    tracker->setQuorvelDevKey(std::string(kDispatchKey));
-    tracker->setAppleAppID(std::string("123"));
-    tracker->setHost(std::string("svc.example"));
-  }
-  test::FakeURLSession& session() { return *fakes.urlSessions->shared(); }
-  const platform::URLRequest& request(std::size_t i) {
-    return session().started().at(i).task->originalRequest();
-  }
-  Json payload(std::size_t i) { return test::decryptPayload(kDispatchKey, request(i).body); }
-
-  test::TestPlatform fakes;
-  std::unique_ptr<QuorvelTracker> tracker;
-};
+class DispatchTest : public test::TrackerFixture {};
 
 TEST_F(DispatchTest, EndpointsByKind) {
   struct Case {
@@ -76,12 +56,12 @@ TEST_F(DispatchTest, AnUnreadableReceiptAddsNothingAndAnEarlyEventTakesTheFirstT
   other.bundle->receiptPath = "/app/receipt";
   other.fileSystem->writeFileAtomically("/app/receipt", Bytes{'r'});
   QuorvelTracker t(other.shared());
-  t.setQuorvelDevKey(std::string(kDispatchKey));
+  t.setQuorvelDevKey(std::string(kDevKey));
   t.callServerWithEventName("af_purchase", std::nullopt, true, false);
   EXPECT_TRUE(other.preferences->objectForKey(keys::kInstallTimestamp));
   t.callServerWithEventName("Launched");
   const auto& body = other.urlSessions->shared()->started().at(1).task->originalRequest().body;
-  EXPECT_FALSE(test::decryptPayload(kDispatchKey, body).contains("installReceiptData"));
+  EXPECT_FALSE(test::decryptPayload(kDevKey, body).contains("installReceiptData"));
 }
 
 TEST_F(DispatchTest, ConfigurationChecks) {
@@ -130,10 +110,9 @@ TEST_F(DispatchTest, ADeliveredLaunchFetchesConversionDataForAnInterestedDelegat
   session().respond(2, 500, "{}");
   fakes.dispatcher->runUntilIdle();
   ASSERT_EQ(session().started().size(), 4U);
-  EXPECT_EQ(
-      request(3).url.rfind(
-          "https://sdk.svc.example/install_data/v3/id123?devkey=DEVKEY-DISPATCH&device_id=", 0),
-      0U);
+  EXPECT_EQ(request(3).url.rfind(
+                "https://sdk.svc.example/install_data/v3/id123?devkey=DEVKEY-TEST&device_id=", 0),
+            0U);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include "log/QuorvelProxyManager.h"
 #include "support/TestPlatform.h"
+#include "support/TrackerFixture.h"
 #include "tracker/QuorvelKeychainWrapper.h"
 #include "util/PreferenceKeys.h"
 
@@ -18,16 +19,16 @@ Bytes bytes(const std::string& s) {
   return Bytes(s.begin(), s.end());
 }
 
-class IdentityTest : public ::testing::Test {
+class IdentityTest : public test::TrackerFixture {
  protected:
+  IdentityTest() : TrackerFixture(false, false) {}
   void SetUp() override {
-    fakes.install();
-    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
+    TrackerFixture::SetUp();
     // Installed at 1,700,000,000.5 s; the device is 2 hours east of GMT.
     fakes.fileSystem->setDates("/app/Library", platform::TimePoint(1'700'000'000'500ms),
                                std::nullopt);
     fakes.clock->setGMTOffset(7200);
-    tracker = std::make_unique<QuorvelTracker>(fakes.shared());
+    makeTracker();
   }
   std::optional<std::string> keychainItem(const char* account) {
     Bytes out;
@@ -37,8 +38,6 @@ class IdentityTest : public ::testing::Test {
     }
     return std::string(out.begin(), out.end());
   }
-  test::TestPlatform fakes;
-  std::unique_ptr<QuorvelTracker> tracker;
 };
 
 TEST_F(IdentityTest, IdentifierIsInstallTimePlusOffsetAndARandomNumber) {

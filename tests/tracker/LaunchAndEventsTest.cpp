@@ -6,13 +6,13 @@
 #include "log/QuorvelProxyManager.h"
 #include "support/Decrypt.h"
 #include "support/TestPlatform.h"
+#include "support/TrackerFixture.h"
 #include "util/PreferenceKeys.h"
 
 namespace quorvel {
 namespace {
 
 using namespace std::chrono_literals;
-constexpr const char* kLaunchKey = "DEVKEY-LAUNCH";
 
 struct AnsweringAdClient final : platform::SearchAdsClient, platform::SearchAdsClientClass {
   Json details = Json{{"Version3.1", Json{{"iad-attribution", "true"}}}};
@@ -25,28 +25,7 @@ struct AnsweringAdClient final : platform::SearchAdsClient, platform::SearchAdsC
   std::weak_ptr<AnsweringAdClient> self;
 };
 
-class LaunchAndEventsTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    fakes.install();
-    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
-    QVSetShowDebugLogs(true);
-    tracker = std::make_unique<QuorvelTracker>(fakes.shared());
-    tracker->setQuorvelDevKey(std::string(kLaunchKey));
-    tracker->setAppleAppID(std::string("123"));
-    tracker->setHost(std::string("svc.example"));
-  }
-  std::vector<platform::URLRequest> sent() {
-    std::vector<platform::URLRequest> out;
-    for (const auto& s : fakes.urlSessions->shared()->started())
-      out.push_back(s.task->originalRequest());
-    return out;
-  }
-  Json payload(std::size_t i) { return test::decryptPayload(kLaunchKey, sent().at(i).body); }
-
-  test::TestPlatform fakes;
-  std::unique_ptr<QuorvelTracker> tracker;
-};
+class LaunchAndEventsTest : public test::TrackerFixture {};
 
 TEST_F(LaunchAndEventsTest, LaunchLeavesAfter250msOnTheSerialQueue) {
   tracker->trackAppLaunch();
@@ -91,7 +70,7 @@ TEST_F(LaunchAndEventsTest, SessionIntervalIsStrictlyGreater) {
     local.install();
     QuorvelProxyManager::sharedManager().stopRemoteDebugging();
     QuorvelTracker t(local.shared());
-    t.setQuorvelDevKey(std::string(kLaunchKey));
+    t.setQuorvelDevKey(std::string(kDevKey));
     t.setMinTimeBetweenSessions(c.minimum);
     // The decision itself, as the serial queue runs it.
     t.sendLaunchToServer();
@@ -149,7 +128,7 @@ TEST_F(LaunchAndEventsTest, BackgroundCountsTheSessionAndSendsStatistics) {
   const Json body = Json::parse(r.body.begin(), r.body.end());
   const std::string uid = tracker->getQuorvelUID();
   const Json want = {{"app_id", "123"},
-                     {"devkey", kLaunchKey},
+                     {"devkey", kDevKey},
                      {"uid", uid},
                      {"time_in_app", 42.0},
                      {"statType", "user_closed_app"},

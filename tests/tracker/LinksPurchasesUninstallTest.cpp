@@ -5,34 +5,21 @@
 #include "log/QuorvelProxyManager.h"
 #include "support/Decrypt.h"
 #include "support/TestPlatform.h"
+#include "support/TrackerFixture.h"
 #include "util/PreferenceKeys.h"
 
 namespace quorvel {
 namespace {
 
 using namespace std::chrono_literals;
-constexpr const char* kPurchaseKey = "DEVKEY-PURCHASE";
 
-class HostEventsTest : public ::testing::Test {
+class HostEventsTest : public test::TrackerFixture {
  protected:
   void SetUp() override {
-    fakes.install();
-    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
-    QVSetShowDebugLogs(true);
-    tracker = std::make_unique<QuorvelTracker>(fakes.shared());
-    tracker->setQuorvelDevKey(std::string(kPurchaseKey));
-    tracker->setAppleAppID(std::string("123"));
-    tracker->setHost(std::string("svc.example"));
+    TrackerFixture::SetUp();
     fakes.bundle->receiptPath = "/app/receipt";
     fakes.fileSystem->writeFileAtomically("/app/receipt", Bytes{'r', 'c', 'p'});
   }
-  test::FakeURLSession& session() { return *fakes.urlSessions->shared(); }
-  const platform::URLRequest& request(std::size_t i) {
-    return session().started().at(i).task->originalRequest();
-  }
-
-  test::TestPlatform fakes;
-  std::unique_ptr<QuorvelTracker> tracker;
 };
 
 TEST_F(HostEventsTest, OpenURLEntryPoints) {
@@ -78,7 +65,7 @@ TEST_F(HostEventsTest, PurchaseEventThenValidation) {
   ASSERT_EQ(session().started().size(), 2U);
   EXPECT_EQ(request(0).url,
             "https://validate.svc.example/api/v4.8/iosevent?app_id=123&buildnumber=4.8.0");
-  const Json event = test::decryptPayload(kPurchaseKey, request(0).body);
+  const Json event = test::decryptPayload(kDevKey, request(0).body);
   EXPECT_EQ(event["event"], "qv_purchase");
   EXPECT_EQ(event["currency"], "EUR");
   EXPECT_EQ(event["price"], "");
@@ -90,7 +77,7 @@ TEST_F(HostEventsTest, PurchaseEventThenValidation) {
   const auto& v = request(1);
   EXPECT_EQ(v.url,
             "https://sdk-services.svc.example/validate-ios-receipt-server?app_id=123&quorvel_id=" +
-                tracker->getQuorvelUID() + "&dev_key=" + kPurchaseKey +
+                tracker->getQuorvelUID() + "&dev_key=" + kDevKey +
                 "&sandbox=false&tran_id=tx-1&advertisingId=&JBDevice=false");
   EXPECT_EQ(v.headers, (platform::HeaderList{{"Accept", "application/json"},
                                              {"Content-Type", "application/json"}}));

@@ -6,6 +6,7 @@
 #include "common/QuorvelUtils.h"
 #include "log/QuorvelProxyManager.h"
 #include "support/TestPlatform.h"
+#include "support/TrackerFixture.h"
 #include "util/PreferenceKeys.h"
 #include "util/QuorvelDictionary.h"
 
@@ -33,24 +34,21 @@ struct FakeAdManager final : platform::AdvertisingIdentifierManager,
   std::weak_ptr<FakeAdManager> self;
 };
 
-class PayloadTest : public ::testing::Test {
+class PayloadTest : public test::TrackerFixture {
  protected:
+  PayloadTest() : TrackerFixture(false, false) {}
   void SetUp() override {
-    fakes.install();
-    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
-    QVSetShowDebugLogs(true);
+    TrackerFixture::SetUp();
     fakes.fileSystem->setDates("/app/Library", fakes.clock->now() - 48h, std::nullopt);
     fakes.fileSystem->setDates("/app/tmp", std::nullopt, fakes.clock->now() - 24h);
     fakes.sysctl->byNameAnswers["hw.machine"] =
         Bytes{'i', 'P', 'h', 'o', 'n', 'e', '1', '0', ',', '3', 0};
-    tracker = std::make_unique<QuorvelTracker>(fakes.shared());
+    makeTracker();
     tracker->setQuorvelDevKey(std::string("DEVKEY-0123"));
     delegate = std::make_shared<QuorvelTrackerDelegate>();
     delegate->onAppOpenAttribution = [this](const Json& d) { opened.push_back(d); };
     tracker->setDelegate(delegate);
   }
-  test::TestPlatform fakes;
-  std::unique_ptr<QuorvelTracker> tracker;
   std::shared_ptr<QuorvelTrackerDelegate> delegate;
   std::vector<Json> opened;
 };

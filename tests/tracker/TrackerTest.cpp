@@ -8,27 +8,20 @@
 #include "common/QuorvelAES128Crypto.h"
 #include "log/QuorvelProxyManager.h"
 #include "support/TestPlatform.h"
+#include "support/TrackerFixture.h"
 
 namespace quorvel {
 namespace {
 
-class TrackerTest : public ::testing::Test {
+class TrackerTest : public test::TrackerFixture {
  protected:
-  void SetUp() override {
-    fakes.install();
-    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
-  }
-  QuorvelTracker& tracker() {
-    if (!tracker_)
-      tracker_ = std::make_unique<QuorvelTracker>(fakes.shared());
-    return *tracker_;
-  }
-  test::TestPlatform fakes;
-  std::unique_ptr<QuorvelTracker> tracker_;
+  TrackerTest() : TrackerFixture(false, false) {}
+  // Built on first use, so that a test may change the fakes before.
+  QuorvelTracker& lazyTracker() { return tracker ? *tracker : makeTracker(); }
 };
 
 TEST_F(TrackerTest, FreshTrackerHasTheDefaults) {
-  auto& t = tracker();
+  auto& t = lazyTracker();
   EXPECT_EQ(t.minTimeBetweenSessions(), 5U);
   EXPECT_TRUE(t.shouldCollectDeviceName());
   EXPECT_EQ(t.advertiserId(), "");
@@ -48,7 +41,7 @@ TEST_F(TrackerTest, FreshTrackerHasTheDefaults) {
 }
 
 TEST_F(TrackerTest, SettersLogWhatTheyShould) {
-  auto& t = tracker();
+  auto& t = lazyTracker();
   QVSetShowDebugLogs(true);
   t.setIsDebug(false);
   EXPECT_EQ(fakes.systemLog->count("set to debug mode"), 0U);
@@ -75,7 +68,7 @@ TEST_F(TrackerTest, SettersLogWhatTheyShould) {
 }
 
 TEST_F(TrackerTest, CustomDataCanBeReplacedButNotCleared) {
-  auto& t = tracker();
+  auto& t = lazyTracker();
   t.setAdditionalData(Json{{"level", 3}});
   t.setAdditionalData(std::nullopt);
   t.setAdditionalData(Json());
@@ -85,7 +78,7 @@ TEST_F(TrackerTest, CustomDataCanBeReplacedButNotCleared) {
 }
 
 TEST_F(TrackerTest, NilHostRestoresTheDefaultDomain) {
-  auto& t = tracker();
+  auto& t = lazyTracker();
   t.setHost(std::string("localhost:8443"));
   EXPECT_EQ(t.host(), "localhost:8443");
   t.setHost(std::nullopt);
@@ -93,7 +86,7 @@ TEST_F(TrackerTest, NilHostRestoresTheDefaultDomain) {
 }
 
 TEST_F(TrackerTest, EveryDevKeyMakesANewCipher) {
-  auto& t = tracker();
+  auto& t = lazyTracker();
   t.setQuorvelDevKey(std::string("0123456789AB"));
   const auto first = t.crypto();
   t.setQuorvelDevKey(std::string("0123456789AB"));
@@ -107,12 +100,12 @@ TEST_F(TrackerTest, EveryDevKeyMakesANewCipher) {
 }
 
 TEST_F(TrackerTest, BundleValuesOrEmptyString) {
-  EXPECT_EQ(tracker().getValueFromBundle("CFBundleVersion"), "7");
-  EXPECT_EQ(tracker().getValueFromBundle("NoSuchKey"), "");
+  EXPECT_EQ(lazyTracker().getValueFromBundle("CFBundleVersion"), "7");
+  EXPECT_EQ(lazyTracker().getValueFromBundle("NoSuchKey"), "");
 }
 
 TEST_F(TrackerTest, LaunchOptionsAreCapturedFromDidFinishLaunching) {
-  auto& t = tracker();
+  auto& t = lazyTracker();
   QVSetShowDebugLogs(true);
   fakes.notifications->post({platform::kApplicationDidFinishLaunchingNotification, Json()});
   EXPECT_FALSE(t.sourceApplication() || t.deeplink());
@@ -133,7 +126,7 @@ TEST_F(TrackerTest, LaunchOptionsAreCapturedFromDidFinishLaunching) {
 }
 
 TEST_F(TrackerTest, WillTerminateUnsubscribes) {
-  auto& t = tracker();
+  auto& t = lazyTracker();
   fakes.notifications->post({platform::kApplicationWillTerminateNotification, Json()});
   fakes.notifications->post({platform::kApplicationDidFinishLaunchingNotification,
                              Json{{"UIApplicationLaunchOptionsURLKey", "myapp://late"}}});
@@ -142,14 +135,14 @@ TEST_F(TrackerTest, WillTerminateUnsubscribes) {
 
 TEST_F(TrackerTest, NoSubscriptionWithoutMultitasking) {
   fakes.device->multitasking = false;
-  auto& t = tracker();
+  auto& t = lazyTracker();
   fakes.notifications->post({platform::kApplicationDidFinishLaunchingNotification,
                              Json{{"UIApplicationLaunchOptionsURLKey", "myapp://x"}}});
   EXPECT_FALSE(t.deeplink());
 }
 
 TEST_F(TrackerTest, DelegateIsHeldWeakly) {
-  auto& t = tracker();
+  auto& t = lazyTracker();
   auto delegate = std::make_shared<QuorvelTrackerDelegate>();
   t.setDelegate(delegate);
   EXPECT_EQ(t.delegate(), delegate);

@@ -1,0 +1,66 @@
+// The fixture of the tracker's tests: the fakes installed as the process's platform, remote
+// debugging off, debug logs on, and a tracker on the fakes with a key, an app id and a host.
+// A fixture that prepares the fakes first builds its tracker itself (makeTracker).
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <quorvel/QuorvelTracker.h>
+
+#include "log/QuorvelProxyManager.h"
+#include "support/Decrypt.h"
+#include "support/TestPlatform.h"
+
+namespace quorvel::test {
+
+class TrackerFixture : public ::testing::Test {
+ protected:
+  static constexpr const char* kDevKey = "DEVKEY-TEST";
+
+  // `configured`: with the key, app id "123" and host "svc.example".
+  explicit TrackerFixture(bool buildTracker = true, bool configured = true)
+      : buildTracker_(buildTracker), configured_(configured) {}
+
+  void SetUp() override {
+    fakes.install();
+    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
+    QVSetShowDebugLogs(true);
+    if (buildTracker_)
+      makeTracker();
+  }
+
+  QuorvelTracker& makeTracker() {
+    tracker = std::make_unique<QuorvelTracker>(fakes.shared());
+    if (configured_) {
+      tracker->setQuorvelDevKey(std::string(kDevKey));
+      tracker->setAppleAppID(std::string("123"));
+      tracker->setHost(std::string("svc.example"));
+    }
+    return *tracker;
+  }
+
+  FakeURLSession& session() { return *fakes.urlSessions->shared(); }
+  const platform::URLRequest& request(std::size_t i) {
+    return session().started().at(i).task->originalRequest();
+  }
+  std::vector<platform::URLRequest> sent() {
+    std::vector<platform::URLRequest> out;
+    for (const auto& s : session().started())
+      out.push_back(s.task->originalRequest());
+    return out;
+  }
+  // The JSON that request `i` carried, decrypted with the fixture's key.
+  Json payload(std::size_t i) { return decryptPayload(kDevKey, request(i).body); }
+
+  TestPlatform fakes;
+  std::unique_ptr<QuorvelTracker> tracker;
+
+ private:
+  bool buildTracker_;
+  bool configured_;
+};
+
+}  // namespace quorvel::test
