@@ -126,39 +126,5 @@ TEST_F(SearchAdsTest, ZeroAttemptsReportsAtOnce) {
   EXPECT_EQ(results, (std::vector<Json>{Json{{"error", "ADClientErrorUnknown"}}}));
 }
 
-TEST_F(SearchAdsTest, LinkDependencyLines) {
-  QVSetShowDebugLogs(true);
-  struct Case {
-    bool adSupport, iAd;
-    std::vector<std::string> want;
-  };
-  const Case cases[] = {
-      {false, false, {"AdSupport.framework is missing", "iAd.framework is missing"}},
-      {true, false, {"AdSupport.framework exists", "iAd.framework is missing"}},
-      {false, true, {"AdSupport.framework is missing", "iAd.framework exists"}},
-      {true, true, {"iAd.framework exists"}},
-  };
-  for (const auto& c : cases) {
-    fakes.classRegistry->unregisterClass("ASIdentifierManager");
-    fakes.classRegistry->unregisterClass("ADClient");
-    if (c.adSupport)
-      fakes.classRegistry->registerClass("ASIdentifierManager",
-                                         std::make_shared<platform::ClassMarker>());
-    if (c.iAd)
-      registerClient();
-    fakes.systemLog->clear();
-    client.printLinkDependances();
-    const auto lines = fakes.systemLog->lines();
-    ASSERT_EQ(lines.size(), c.want.size());
-    for (std::size_t i = 0; i < lines.size(); ++i) {
-      EXPECT_NE(
-          lines[i].find("[DEBUG] Quorvel: -[QVSDKiAdClient printLinkDependances] [QVSDK.iAD]: " +
-                        c.want[i]),
-          std::string::npos)
-          << lines[i];
-    }
-  }
-}
-
 }  // namespace
 }  // namespace quorvel

@@ -189,49 +189,6 @@ TEST_F(NetworkingTest, HostileAnswersNeitherCrashNorLeaveTlsNorReplay) {
   EXPECT_FALSE(plain.connectionArrived());
 }
 
-TEST_F(NetworkingTest, ShortLinkSignatureIsCheckedByTheServer) {
-  makeTracker();
-  const std::string devKey = "DEVKEY-LOOPBACK-1";
-  server->onRequest([devKey](const httplib::Request& req, httplib::Response& res) {
-    const std::string ts = req.get_header_value("qv-timestamp");
-    if (req.get_header_value("authorization") != QuorvelUtils::sha1(devKey + ts)) {
-      res.status = 401;
-      res.set_content(R"({"error":"bad signature"})", "application/json");
-      return;
-    }
-    if (req.method == "GET") {
-      res.set_content(R"({"pid":"email","c":"spring","id":")" + req.get_param_value("id") + "\"}",
-                      "application/json");
-    } else {
-      res.set_content("https://go.quorvel.link/tmpl/short1", "text/plain");
-    }
-  });
-  for (const auto& [key, expectOk] :
-       {std::pair<std::string, bool>{devKey, true}, {"WRONG-KEY", false}}) {
-    std::promise<std::pair<std::optional<Json>, std::optional<Error>>> resolved;
-    tracker->httpClient()->getHopline(
-        "https://hopline.localhost:" + std::to_string(server->port()) +
-            "/shortlink-sdk/v1/tmpl?id=abc",
-        key, [&](const auto& r, const auto& e) {
-          resolved.set_value({r, e});
-        });
-    const auto [result, error] = resolved.get_future().get();
-    EXPECT_FALSE(error);
-    EXPECT_EQ(result.has_value(), expectOk);
-    if (result)
-      EXPECT_EQ((*result)["id"], "abc");
-
-    std::promise<std::optional<std::string>> created;
-    tracker->httpClient()->createHopline(
-        "https://hopline.localhost:" + std::to_string(server->port()) + "/shortlink-sdk/v1/tmpl",
-        30, key, Json{{"pid", "me"}},
-        [&](const auto& link, const auto&) { created.set_value(link); });
-    EXPECT_EQ(created.get_future().get(),
-              expectOk ? std::optional<std::string>("https://go.quorvel.link/tmpl/short1")
-                       : std::nullopt);
-  }
-}
-
 TEST_F(NetworkingTest, MonitorOneStartsRemoteDebugging) {
   makeTracker();
   server->onRequest([](const httplib::Request&, httplib::Response& res) {

@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include "common/QuorvelAES128Crypto.h"
 #include "log/QuorvelProxyManager.h"
 #include "support/TestPlatform.h"
 #include "support/TrackerFixture.h"
@@ -19,53 +18,6 @@ class TrackerTest : public test::TrackerFixture {
   // Built on first use, so that a test may change the fakes before.
   QuorvelTracker& lazyTracker() { return tracker ? *tracker : makeTracker(); }
 };
-
-TEST_F(TrackerTest, FreshTrackerHasTheDefaults) {
-  auto& t = lazyTracker();
-  EXPECT_EQ(t.minTimeBetweenSessions(), 5U);
-  EXPECT_TRUE(t.shouldCollectDeviceName());
-  EXPECT_EQ(t.advertiserId(), "");
-  EXPECT_EQ(t.host(), kQuorvelDefaultHost);
-  EXPECT_FALSE(t.isDebug() || t.disableAppleAdSupportTracking() || t.deviceTrackingDisabled() ||
-               t.disableIAdTracking() || t.useReceiptValidationSandbox() ||
-               t.useUninstallSandbox());
-  EXPECT_FALSE(t.quorvelDevKey() || t.appleAppID() || t.customerUserID() || t.customData() ||
-               t.currencyCode() || t.appInviteHoplineID() || t.lastLaunchTime() || t.delegate() ||
-               t.crypto());
-  EXPECT_EQ(t.platfromDevName(), "iOS_Native");
-  EXPECT_EQ(t.backgroundQueue()->label(), "com.quorvel.serial");
-  EXPECT_EQ(t.getSDKVersion(), "version: 4.8.0 (build 597)");
-  EXPECT_EQ(fakes.systemLog->count("Quorvel SDK version 4.8.0 started build (597)"), 1U);
-  // The session clock starts with the tracker.
-  EXPECT_EQ(QVSessionStartDate(), fakes.clock->now());
-}
-
-TEST_F(TrackerTest, SettersLogWhatTheyShould) {
-  auto& t = lazyTracker();
-  QVSetShowDebugLogs(true);
-  t.setIsDebug(false);
-  EXPECT_EQ(fakes.systemLog->count("set to debug mode"), 0U);
-  EXPECT_FALSE(kQVLoggerShowLogs.load());
-  t.setIsDebug(true);
-  EXPECT_EQ(
-      fakes.systemLog->count(
-          "[DEBUG] Quorvel: -[QuorvelTracker setIsDebug:] * * * Quorvel is set to debug mode. "
-          "This should only be used in development enviornment!!!! * * *"),
-      1U);
-  t.setUseReceiptValidationSandbox(false);
-  t.setUseReceiptValidationSandbox(true);
-  EXPECT_EQ(fakes.systemLog->count("verify in app purchases on Apple sandbox"), 2U);
-  t.setShouldCollectDeviceName(false);
-  EXPECT_EQ(fakes.systemLog->count("setShouldCollectDeviceName is called with flag: NO"), 1U);
-  EXPECT_FALSE(t.shouldCollectDeviceName());
-  t.setCustomerUserID(std::string("cust-1"));
-  t.setCustomerUserID(std::nullopt);
-  EXPECT_EQ(fakes.systemLog->count("SetCustomerId = cust-1"), 1U);
-  EXPECT_EQ(fakes.systemLog->count("SetCustomerId = (null)"), 1U);
-  EXPECT_FALSE(t.customerUserID());
-  t.setIsTrace(true);
-  EXPECT_TRUE(kQVLoggerShowLogsTrace.load());
-}
 
 TEST_F(TrackerTest, CustomDataCanBeReplacedButNotCleared) {
   auto& t = lazyTracker();
@@ -85,28 +37,8 @@ TEST_F(TrackerTest, NilHostRestoresTheDefaultDomain) {
   EXPECT_EQ(t.host(), kQuorvelDefaultHost);
 }
 
-TEST_F(TrackerTest, EveryDevKeyMakesANewCipher) {
-  auto& t = lazyTracker();
-  t.setQuorvelDevKey(std::string("0123456789AB"));
-  const auto first = t.crypto();
-  t.setQuorvelDevKey(std::string("0123456789AB"));
-  const auto second = t.crypto();
-  ASSERT_TRUE(first && second);
-  EXPECT_NE(first.get(), second.get());
-  EXPECT_EQ(second->password(), "0123456789AB");
-  t.setQuorvelDevKey(std::nullopt);
-  ASSERT_TRUE(t.crypto());
-  EXPECT_FALSE(t.crypto()->password());
-}
-
-TEST_F(TrackerTest, BundleValuesOrEmptyString) {
-  EXPECT_EQ(lazyTracker().getValueFromBundle("CFBundleVersion"), "7");
-  EXPECT_EQ(lazyTracker().getValueFromBundle("NoSuchKey"), "");
-}
-
 TEST_F(TrackerTest, LaunchOptionsAreCapturedFromDidFinishLaunching) {
   auto& t = lazyTracker();
-  QVSetShowDebugLogs(true);
   fakes.notifications->post({platform::kApplicationDidFinishLaunchingNotification, Json()});
   EXPECT_FALSE(t.sourceApplication() || t.deeplink());
   fakes.notifications->post(
@@ -115,11 +47,6 @@ TEST_F(TrackerTest, LaunchOptionsAreCapturedFromDidFinishLaunching) {
             {"UIApplicationLaunchOptionsURLKey", "myapp://open?x=1"}}});
   EXPECT_EQ(t.sourceApplication(), "com.other.app");
   EXPECT_EQ(t.deeplink(), "myapp://open?x=1");
-  EXPECT_EQ(
-      fakes.systemLog->count("didFinishLaunchingWithOptions. Source application: com.other.app"),
-      1U);
-  EXPECT_EQ(fakes.systemLog->count("didFinishLaunchingWithOptions. Deeplink URL: myapp://open?x=1"),
-            1U);
   // Options without a source replace it with nothing.
   fakes.notifications->post({platform::kApplicationDidFinishLaunchingNotification, Json::object()});
   EXPECT_FALSE(t.sourceApplication() || t.deeplink());

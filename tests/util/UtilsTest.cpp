@@ -4,7 +4,6 @@
 #include "log/QuorvelProxyManager.h"
 #include "support/TestPlatform.h"
 #include "util/Base64.h"
-#include "util/QuorvelDictionary.h"
 
 namespace quorvel {
 namespace {
@@ -42,21 +41,17 @@ TEST_F(UtilsTest, ToHexStringZeroesItsInput) {
 }
 
 TEST_F(UtilsTest, QueryParametersFollowTheUrlsRealParts) {
-  const auto url = Url::parse("myapp://host.example/real/path?a=1&b&c=2=3&path=x&k%20e=v%26w");
+  const auto url =
+      Url::parse("myapp://host.example/real/path?a=0&a=1&b&c=2=3&path=x&k%20e=v%26w");
   ASSERT_TRUE(url);
   const Json params = QuorvelUtils::URLQueryParameters(*url);
-  EXPECT_EQ(params["a"], "1");
+  EXPECT_EQ(params["a"], "1");  // the later piece wins
   EXPECT_FALSE(params.contains("b"));
   EXPECT_EQ(params["c"], "2");
   EXPECT_EQ(params["path"], "/real/path");
   EXPECT_EQ(params["k e"], "v&w");
   EXPECT_EQ(params["scheme"], "myapp");
   EXPECT_EQ(params["host"], "host.example");
-}
-
-TEST_F(UtilsTest, QueryParametersLaterPieceWins) {
-  const auto params = QuorvelUtils::URLQueryParameters(*Url::parse("https://x.io/?a=1&a=2"));
-  EXPECT_EQ(params["a"], "2");
 }
 
 TEST_F(UtilsTest, HoplinePathNeedsOwnDomainAndTwoSegments) {
@@ -113,49 +108,6 @@ TEST_F(UtilsTest, JsonSerialisationRefusesWhatItCannotWrite) {
   const auto data = QuorvelUtils::getJsonDataFromDictionary(Json{{"k", "v"}});
   ASSERT_TRUE(data);
   EXPECT_EQ(std::string(data->begin(), data->end()), R"({"k":"v"})");
-}
-
-TEST_F(UtilsTest, RequestContentBannerByKind) {
-  QVSetShowDebugLogs(true);
-  const std::pair<std::int64_t, const char*> cases[] = {
-      {0, "SEND Track-App-Launch:"},   {1, "SEND Track-Event:"}, {2, "SEND Register-Uninstall:"},
-      {3, "SEND Receipt-Validation:"}, {4, "SEND Stats:"},
-  };
-  for (const auto& [kind, banner] : cases) {
-    fakes.systemLog->clear();
-    QuorvelUtils::logRequestContent(kind, "https://t.example/x", "{}");
-    EXPECT_EQ(fakes.systemLog->count(banner), 1U) << kind;
-  }
-  for (const std::int64_t kind : {7L, -1L}) {
-    fakes.systemLog->clear();
-    QuorvelUtils::logRequestContent(kind, "https://t.example/x", "body");
-    const auto lines = fakes.systemLog->lines();
-    ASSERT_EQ(lines.size(), 1U);
-    EXPECT_EQ(lines[0].find("SEND"), std::string::npos);
-    const std::string sep = "\n<~+~+~+~+~+~+~+~+~+~+~+~+~+~+~+~+~+~+~~+~>\n";
-    EXPECT_NE(lines[0].find("\n" + sep + "https://t.example/x" + sep + "\nbody\n" + sep),
-              std::string::npos);
-  }
-}
-
-TEST_F(UtilsTest, ParameterDictionaryStoresEmptyForMissing) {
-  QuorvelDictionary d;
-  d.setParameter(std::nullopt, "a");
-  d.setParameter(Json(), "b");
-  d.setParameter(Json(3), "c");
-  EXPECT_EQ(d.dict(), Json::parse(R"({"a": "", "b": "", "c": 3})"));
-}
-
-TEST_F(UtilsTest, DevelopmentPlatformFirstMatchWins) {
-  EXPECT_EQ(QuorvelUtils::develomentPlatformName(*fakes.classRegistry), "iOS_Native");
-  fakes.classRegistry->registerClass("CDVViewController",
-                                     std::make_shared<platform::ClassMarker>());
-  EXPECT_EQ(QuorvelUtils::develomentPlatformName(*fakes.classRegistry), "iOS_Cordova");
-  fakes.classRegistry->registerClass("RCTView", std::make_shared<platform::ClassMarker>());
-  EXPECT_EQ(QuorvelUtils::develomentPlatformName(*fakes.classRegistry), "iOS_ReactNative");
-  fakes.classRegistry->registerClass("UnityAppController",
-                                     std::make_shared<platform::ClassMarker>());
-  EXPECT_EQ(QuorvelUtils::develomentPlatformName(*fakes.classRegistry), "iOS_Unity");
 }
 
 TEST_F(UtilsTest, DateFormattersUseTheDeviceZone) {
