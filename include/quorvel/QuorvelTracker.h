@@ -63,12 +63,17 @@ using QuorvelPurchaseFailure =
 
 // Receiver of attribution callbacks. Each callback is optional: an empty function means the
 // delegate does not respond to it. The tracker holds the delegate weakly.
+// The host's callbacks, held weakly by the tracker: a delegate that is gone is not called.
+// None is called while the tracker holds a lock, so a callback may call the tracker back.
 struct QuorvelTrackerDelegate {
-  // Conversion (install attribution) data arrived or was served from the stored copy.
+  // Conversion (install attribution) data. Fresh from the service: on the shared URL
+  // session's callback queue. From the stored copy: on the main queue, 1 ms after the launch.
   std::function<void(const Json& conversionData)> onConversionDataReceived;
-  // Conversion data could not be loaded.
+  // Conversion data could not be loaded. A transport failure: on the main queue; a refusal or
+  // an unreadable answer from the service: on the shared session's callback queue.
   std::function<void(const Error& error)> onConversionDataRequestFailure;
-  // The app was opened through an attributed link. Delivered on the main queue.
+  // The app was opened through an attributed link (its parameters, or what the short-link
+  // service resolved them to). On the main queue.
   std::function<void(const Json& attributionData)> onAppOpenAttribution;
 };
 
