@@ -7,6 +7,7 @@
 #include "common/QuorvelAES128Crypto.h"
 #include "log/Log.h"
 #include "log/QuorvelProxyManager.h"
+#include "tracker/TrackerCore.h"
 #include "util/QuorvelDictionary.h"
 
 #include <quorvel/QuorvelTracker.h>
@@ -110,7 +111,7 @@ std::shared_ptr<const quorvel::Platform> benchPlatform(bool parked) {
 }
 
 void BM_TrackEventHostThread(benchmark::State& state) {
-  quorvel::QuorvelTracker tracker(benchPlatform(true));
+  quorvel::TrackerCore tracker(benchPlatform(true));
   tracker.setQuorvelDevKey(std::string("0123456789ABCDEF"));
   const std::optional<std::string> value("9.99");
   for (auto _ : state)
@@ -119,7 +120,7 @@ void BM_TrackEventHostThread(benchmark::State& state) {
 BENCHMARK(BM_TrackEventHostThread);
 
 void BM_TrackAppLaunchHostThread(benchmark::State& state) {
-  quorvel::QuorvelTracker tracker(benchPlatform(true));
+  quorvel::TrackerCore tracker(benchPlatform(true));
   tracker.setQuorvelDevKey(std::string("0123456789ABCDEF"));
   // Search Ads details stored, as on every launch after the first.
   tracker.platform().preferences->setObject("QuorvelSearchAdsAttribution", quorvel::Json::object());
@@ -131,7 +132,7 @@ BENCHMARK(BM_TrackAppLaunchHostThread);
 // The whole cost of a launch request before it reaches the network: the payload, its JSON
 // text and the encryption (key derivation included).
 void BM_LaunchPayloadBuildSerialiseEncrypt(benchmark::State& state) {
-  quorvel::QuorvelTracker tracker(benchPlatform(true));
+  quorvel::TrackerCore tracker(benchPlatform(true));
   tracker.setQuorvelDevKey(std::string("0123456789ABCDEF"));
   tracker.setAppleAppID(std::string("123456789"));
   for (auto _ : state) {

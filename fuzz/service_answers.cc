@@ -11,6 +11,7 @@
 #include "log/QuorvelProxyManager.h"
 #include "net/QuorvelHTTPClient.h"
 #include "support/TestPlatform.h"
+#include "tracker/TrackerCore.h"
 #include "util/PreferenceKeys.h"
 
 namespace {
@@ -32,14 +33,14 @@ void answerLast(test::TestPlatform& fakes, long status, const std::string& body,
 // input is answered, then everything it left queued runs and the sessions forget it.
 struct World {
   test::TestPlatform fakes;
-  std::unique_ptr<QuorvelTracker> tracker;
+  std::unique_ptr<TrackerCore> tracker;
   std::shared_ptr<QuorvelTrackerDelegate> delegate = std::make_shared<QuorvelTrackerDelegate>();
 
   World() {
     fakes.install();
     fakes.bundle->receiptPath = "/app/receipt";
     fakes.fileSystem->writeFileAtomically("/app/receipt", Bytes{'r', 'c', 'p'});
-    tracker = std::make_unique<QuorvelTracker>(fakes.shared());
+    tracker = std::make_unique<TrackerCore>(fakes.shared());
     tracker->setQuorvelDevKey(std::string("FUZZ-DEV-KEY"));
     tracker->setAppleAppID(std::string("123"));
     tracker->setHost(std::string("svc.example"));
@@ -76,7 +77,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const long status = kStatuses[(selector >> 3) % 4];
   const char* mime = kMimeTypes[(selector >> 5) % 2];
   World& w = world();
-  QuorvelTracker& tracker = *w.tracker;
+  TrackerCore& tracker = *w.tracker;
 
   switch (selector % 5) {
     case 0:  // a tracking answer

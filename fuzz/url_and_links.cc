@@ -12,6 +12,7 @@
 #include "log/QuorvelProxyManager.h"
 #include "platform/Url.h"
 #include "support/TestPlatform.h"
+#include "tracker/TrackerCore.h"
 #include "util/QuorvelDictionary.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -30,7 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   test::TestPlatform fakes;
   fakes.install();
   QuorvelProxyManager::sharedManager().stopRemoteDebugging();
-  auto tracker = std::make_unique<QuorvelTracker>(fakes.shared());
+  auto tracker = std::make_unique<TrackerCore>(fakes.shared());
   tracker->setQuorvelDevKey(std::string("FUZZ-DEV-KEY"));
   tracker->setAppleAppID(std::string("123"));
   tracker->handleOpenURL(text, std::string("com.source"));

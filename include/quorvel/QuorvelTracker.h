@@ -4,16 +4,16 @@
 //   tracker.setQuorvelDevKey("...");
 //   tracker.setAppleAppID("123456789");
 //
-// Every member may be called from any thread and never throws. Setters take effect for
-// requests built after them.
+// Every member may be called from any thread and never throws: a failure inside the library
+// becomes a log line (and, where there is one, the failure callback). Setters take effect for
+// requests built after them. The class holds only a pointer to the library's tracker, so the
+// library can change without this header changing.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -21,21 +21,11 @@
 #include <quorvel/Error.h>
 #include <quorvel/Json.h>
 #include <quorvel/Platform.h>
-#include <quorvel/platform/URLSession.h>
 
-// The library's own types, declared before the exported region: a class takes its
-// visibility from its first declaration, and these stay inside the library.
+// The library's own tracker, declared before the exported region: a class takes its
+// visibility from its first declaration, and this one stays inside the library.
 namespace quorvel {
-class QuorvelAES128Crypto;
-class QuorvelKeychainWrapper;
-class QVDateFormatter;
-class QVSDKiAdClient;
-class QuorvelHTTPClient;
-class QuorvelRequestCache;
-class QuorvelRequestCacheData;
-class QuorvelDictionary;
-class ReportLedger;
-class TrackerLifetime;
+class TrackerCore;
 }  // namespace quorvel
 
 #pragma GCC visibility push(default)  // the public interface is what the library exports
@@ -62,9 +52,9 @@ using QuorvelPurchaseFailure =
     std::function<void(const std::optional<Error>& error, const Json& response)>;
 
 // Receiver of attribution callbacks. Each callback is optional: an empty function means the
-// delegate does not respond to it. The tracker holds the delegate weakly.
-// The host's callbacks, held weakly by the tracker: a delegate that is gone is not called.
-// None is called while the tracker holds a lock, so a callback may call the tracker back.
+// delegate does not respond to it. The tracker holds the delegate weakly: a delegate that is
+// gone is not called. None is called while the tracker holds a lock, so a callback may call
+// the tracker back.
 struct QuorvelTrackerDelegate {
   // Conversion (install attribution) data. Fresh from the service: on the shared URL
   // session's callback queue. From the stored copy: on the main queue, 1 ms after the launch.
@@ -77,108 +67,99 @@ struct QuorvelTrackerDelegate {
   std::function<void(const Json& attributionData)> onAppOpenAttribution;
 };
 
+// How setUserEmails hashes the e-mails in the payload.
+enum class QuorvelEmailCryptType : int { none = 0, sha1 = 1, md5 = 2, sha256 = 3 };
+
 class QuorvelTracker {
  public:
-  // The process-wide tracker, created on the first call (thread-safe) and never destroyed.
-  static QuorvelTracker& sharedTracker();
+  // The process-wide tracker on the process's platform (installPlatform, or the POSIX
+  // defaults), created on the first call (thread-safe) and never destroyed. At a normal exit
+  // it flushes for exitFlushTimeout().
+  static QuorvelTracker& sharedTracker() noexcept;
 
-  // Builds a tracker on `platform`. For tests and embedders that need their own graph;
-  // hosts use sharedTracker().
-  // `cache` holds this tracker's failed requests; nullptr gives the tracker a cache of its own
-  // in the platform's caches directory.
-  explicit QuorvelTracker(std::shared_ptr<const Platform> platform,
-                          std::shared_ptr<QuorvelRequestCache> cache = nullptr);
+  // A tracker of its own on `platform`, for embedders that need more than one and for tests
+  // (see Quorvel::testing). Its failed requests are kept in the platform's caches directory.
+  explicit QuorvelTracker(std::shared_ptr<const Platform> platform);
   ~QuorvelTracker();
   QuorvelTracker(const QuorvelTracker&) = delete;
   QuorvelTracker& operator=(const QuorvelTracker&) = delete;
 
   // --- Configuration -------------------------------------------------------------------
-  std::optional<std::string> quorvelDevKey() const;
-  // Stores the key and makes a new payload cipher for it (also for the same key).
-  void setQuorvelDevKey(std::optional<std::string> key);
-
-  std::optional<std::string> appleAppID() const;
+  std::optional<std::string> quorvelDevKey() const noexcept;
+  void setQuorvelDevKey(std::optional<std::string> key) noexcept;
+  std::optional<std::string> appleAppID() const noexcept;
   // Digits only; checked before every request, not here.
-  void setAppleAppID(std::optional<std::string> appID);
-
-  std::optional<std::string> customerUserID() const;
-  void setCustomerUserID(std::optional<std::string> customerUserID);
-
-  std::optional<Json> customData() const;
+  void setAppleAppID(std::optional<std::string> appID) noexcept;
+  std::optional<std::string> customerUserID() const noexcept;
+  void setCustomerUserID(std::optional<std::string> customerUserID) noexcept;
+  std::optional<Json> customData() const noexcept;
   // A nil dictionary is ignored: custom data, once set, can be replaced but not cleared.
-  void setAdditionalData(std::optional<Json> customData);
-
-  // Stores the user's e-mails and how the payload hashes them: 0 plain, 1 SHA-1, 2 MD5,
-  // 3 SHA-256 (any other value: SHA-1).
-  void setUserEmails(const std::vector<std::string>& emails, int cryptType);
-  // The same from decoded values; entries that are not strings are skipped with a warning
-  // when the payload is built.
-  void setUserEmails(const Json& emails, int cryptType);
-
-  std::optional<std::string> currencyCode() const;
-  void setCurrencyCode(std::optional<std::string> code);
-
-  bool isDebug() const;
+  void setAdditionalData(std::optional<Json> customData) noexcept;
+  // The user's e-mails and how the payload hashes them (an int outside 0-3 means SHA-1).
+  void setUserEmails(const std::vector<std::string>& emails, QuorvelEmailCryptType type) noexcept;
+  void setUserEmails(const std::vector<std::string>& emails, int cryptType) noexcept;
+  // The same from decoded values; entries that are not strings are skipped with a warning.
+  void setUserEmails(const Json& emails, int cryptType) noexcept;
+  std::optional<std::string> currencyCode() const noexcept;
+  void setCurrencyCode(std::optional<std::string> code) noexcept;
+  bool isDebug() const noexcept;
   // Drives the console logger.
-  void setIsDebug(bool isDebug);
+  void setIsDebug(bool isDebug) noexcept;
   // Adds elapsed times to log lines and lets trace messages through (needs isDebug).
-  void setIsTrace(bool isTrace);
-
-  bool shouldCollectDeviceName() const;
-  void setShouldCollectDeviceName(bool flag);
-
-  bool disableAppleAdSupportTracking() const;
-  void setDisableAppleAdSupportTracking(bool flag);
-  bool deviceTrackingDisabled() const;
-  void setDeviceTrackingDisabled(bool flag);
-  bool disableIAdTracking() const;
-  void setDisableIAdTracking(bool flag);
-
-  bool useReceiptValidationSandbox() const;
-  void setUseReceiptValidationSandbox(bool flag);
-  bool useUninstallSandbox() const;
-  void setUseUninstallSandbox(bool flag);
-
-  std::optional<std::string> appInviteHoplineID() const;
-  void setAppInviteHopline(std::optional<std::string> hoplineID);
-
-  std::string advertiserId() const;
-  void setAdvertiserId(std::string advertiserId);
-
+  void setIsTrace(bool isTrace) noexcept;
+  bool shouldCollectDeviceName() const noexcept;
+  void setShouldCollectDeviceName(bool flag) noexcept;
+  bool disableAppleAdSupportTracking() const noexcept;
+  void setDisableAppleAdSupportTracking(bool flag) noexcept;
+  bool deviceTrackingDisabled() const noexcept;
+  void setDeviceTrackingDisabled(bool flag) noexcept;
+  bool disableIAdTracking() const noexcept;
+  void setDisableIAdTracking(bool flag) noexcept;
+  bool useReceiptValidationSandbox() const noexcept;
+  void setUseReceiptValidationSandbox(bool flag) noexcept;
+  bool useUninstallSandbox() const noexcept;
+  void setUseUninstallSandbox(bool flag) noexcept;
+  std::optional<std::string> appInviteHoplineID() const noexcept;
+  void setAppInviteHopline(std::optional<std::string> hoplineID) noexcept;
+  std::string advertiserId() const noexcept;
+  void setAdvertiserId(std::string advertiserId) noexcept;
   // The service domain of every endpoint. nullopt restores the default domain.
-  std::string host() const;
-  void setHost(std::optional<std::string> host);
-
+  std::string host() const noexcept;
+  void setHost(std::optional<std::string> host) noexcept;
   // Minimum seconds between two launch requests of one process.
-  std::uint64_t minTimeBetweenSessions() const;
-  void setMinTimeBetweenSessions(std::uint64_t seconds);
-
-  std::optional<std::chrono::system_clock::time_point> lastLaunchTime() const;
-
-  std::shared_ptr<QuorvelTrackerDelegate> delegate() const;
-  void setDelegate(std::weak_ptr<QuorvelTrackerDelegate> delegate);
+  std::uint64_t minTimeBetweenSessions() const noexcept;
+  void setMinTimeBetweenSessions(std::uint64_t seconds) noexcept;
+  std::optional<std::chrono::system_clock::time_point> lastLaunchTime() const noexcept;
+  std::shared_ptr<QuorvelTrackerDelegate> delegate() const noexcept;
+  void setDelegate(std::weak_ptr<QuorvelTrackerDelegate> delegate) noexcept;
 
   // --- Information ---------------------------------------------------------------------
   // "version: 4.8.0 (build 597)".
-  std::string getSDKVersion() const;
+  std::string getSDKVersion() const noexcept;
+  // The installation's identifier; made and stored on first use.
+  std::string getQuorvelUID() noexcept;
   // The info dictionary's value for `key`, or "" when there is none.
-  Json getValueFromBundle(const std::string& key) const;
+  Json getValueFromBundle(const std::string& key) const noexcept;
   // The host framework the application is built with ("iOS_Native", ...).
-  std::string platfromDevName() const;
+  std::string platfromDevName() const noexcept;
+  // True when "en0" has a non-loopback IPv4 address.
+  bool isWifiAvailable() const noexcept;
+  // The platform this tracker runs on.
+  const Platform& platform() const noexcept;
 
   // --- Launches and events --------------------------------------------------------------
   // Reports that the application became active. Call it on every activation; the launch is
   // sent 250 ms later unless one was sent within minTimeBetweenSessions seconds.
-  void trackAppLaunch();
+  void trackAppLaunch() noexcept;
   // Reports a named event with one value; a value of digits, "-" and "." counts as revenue.
-  void trackEvent(const std::string& eventName, const std::optional<std::string>& value);
-  void trackEventWithValue(const std::string& eventName, const std::optional<std::string>& value) {
-    trackEvent(eventName, value);
-  }
+  void trackEvent(const std::string& eventName, const std::optional<std::string>& value) noexcept;
+  void trackEventWithValue(const std::string& eventName,
+                           const std::optional<std::string>& value) noexcept;
   // Reports a named event with a dictionary of values (nullopt sends "null").
-  void trackEventWithValues(const std::string& eventName, const std::optional<Json>& values);
+  void trackEventWithValues(const std::string& eventName,
+                            const std::optional<Json>& values) noexcept;
   // Reports the device's location as the event "qv_location_coordinates". Longitude first.
-  void trackLocation(double longitude, double latitude);
+  void trackLocation(double longitude, double latitude) noexcept;
 
   // --- Delivery ----------------------------------------------------------------------------
   // Waits until every report scheduled before the call (launches, events, purchases, the
@@ -190,29 +171,38 @@ class QuorvelTracker {
   bool flush(std::chrono::milliseconds timeout) noexcept;
   // How long the shared tracker flushes when the process exits normally (return from main,
   // exit()): 2 s by default; zero or less opts out.
-  std::chrono::milliseconds exitFlushTimeout() const;
-  void setExitFlushTimeout(std::chrono::milliseconds timeout);
+  std::chrono::milliseconds exitFlushTimeout() const noexcept;
+  void setExitFlushTimeout(std::chrono::milliseconds timeout) noexcept;
   // What the shared tracker runs at exit: a flush within exitFlushTimeout(); then each
   // request still on the wire is written to the offline cache, so that the next start
-  // replays it (a late answer removes the kept copy again). Returns true when nothing was
-  // left unsettled.
+  // replays it. True when nothing was left unsettled.
   bool flushAtExit() noexcept;
 
   // --- Deep links and push payloads ----------------------------------------------------
   // The app was opened with a URL. The first link of a launch wins over later ones.
   void handleOpenURL(const std::string& url, const std::optional<std::string>& sourceApplication,
-                     const std::optional<Json>& withAnnotation);
-  void handleOpenURL(const std::string& url, const std::optional<std::string>& sourceApplication);
+                     const std::optional<Json>& withAnnotation) noexcept;
+  void handleOpenURL(const std::string& url,
+                     const std::optional<std::string>& sourceApplication) noexcept;
   // The newer entry point: always replaces the link; the source application only when
   // options are given.
-  void handleOpenUrl(const std::string& url, const std::optional<QuorvelOpenURLOptions>& options);
+  void handleOpenUrl(const std::string& url,
+                     const std::optional<QuorvelOpenURLOptions>& options) noexcept;
   // A universal link: web-browsing activities set the link. The restoration handler is never
   // called. Always true.
   bool continueUserActivity(const QuorvelUserActivity& userActivity,
-                            const std::function<void(const Json&)>& restorationHandler);
-  void didUpdateUserActivity(const QuorvelUserActivity& userActivity);
+                            const std::function<void(const Json&)>& restorationHandler) noexcept;
+  void didUpdateUserActivity(const QuorvelUserActivity& userActivity) noexcept;
   // Keeps the notification's "qv" entry for the next launch (a payload without it clears).
-  void handlePushNotification(const Json& pushPayload);
+  void handlePushNotification(const Json& pushPayload) noexcept;
+
+  // --- Conversion data ------------------------------------------------------------------
+  // Sets the delegate, then fetches the install's conversion data for it (see
+  // QuorvelTrackerDelegate for the queues the answers arrive on).
+  void loadConversionDataWithDelegate(std::weak_ptr<QuorvelTrackerDelegate> delegate) noexcept;
+  // Delivers the conversion data to the delegate already set: from the stored copy or fetched
+  // from the service. Returns at once.
+  void getConversionData() noexcept;
 
   // --- Purchases ---------------------------------------------------------------------------
   // Reports a store purchase (to the validation endpoint) and has its receipt verified by the
@@ -228,206 +218,17 @@ class QuorvelTracker {
                                      const std::optional<std::string>& transactionId,
                                      const std::optional<Json>& additionalParameters,
                                      QuorvelPurchaseSuccess success,
-                                     QuorvelPurchaseFailure failure);
-  void validatePurchaseEvent(const std::optional<std::string>& productIdentifier,
-                             const std::optional<std::string>& price,
-                             const std::optional<std::string>& currency,
-                             const std::optional<std::string>& transactionId,
-                             const Json& receiptData);
-  std::shared_ptr<platform::URLSessionTask> validateRequest() const;
+                                     QuorvelPurchaseFailure failure) noexcept;
 
   // --- Uninstall measurement ---------------------------------------------------------------
   // Registers the push token once per distinct token (3.5 s later, on the serial queue).
-  void registerUninstall(const Bytes& deviceToken);
-  void backgroundRegisterUninstall(const std::string& deviceToken);
-  // "<0a1b2c3d 4e5f6071>": lower-case hex, a blank after every four bytes.
-  static std::string deviceTokenText(const Bytes& deviceToken);
-  // For sessions that name the tracker as their download delegate: logs the outcome.
-  void didFinishDownloadingToPath(platform::URLSessionTask& task, const std::string& path);
-
-  // --- Lifecycle -------------------------------------------------------------------------
-  // Unsubscribes the tracker from the application notifications (will-terminate).
-  void removeNotificationObserver(const platform::Notification& notification);
-  // Reads the launch options of the did-finish-launching notification: the source
-  // application and the URL the app was opened with.
-  void handleDidFinishLaunch(const platform::Notification& notification);
-  // The app went to the background: counts the session, sends the statistics request.
-  void handleEnteredBackground();
-  void backgroundstatCall();
-  // Sends the launch unless the previous one of this process is too recent (serial queue).
-  void sendLaunchToServer();
-
-  // The tracker's own answers to conversion data; they only log.
-  void onConversionDataReceived(const Json& installData);
-  void onConversionDataRequestFailure(const Error& error);
-
-  // The installation's identifier; made and stored on first use.
-  std::string getQuorvelUID();
-
-  // --- Counters, dates and identity (used while building requests; not for hosts) ------
-  // The launch count, raised first when `increase`.
-  int getCounter(bool increase);
-  // The in-app event count, raised first when `increase`.
-  int getInAppCounter(bool increase);
-  // Moves to the background so far, plus the session in progress.
-  int getRealLaunchCounter();
-  void incrementRealLaunchCounter();
-  std::string getFirstLanuchDate(const QVDateFormatter& formatter);
-  // nullopt when the Library directory's creation date cannot be read.
-  std::optional<std::string> getInstallDate(const QVDateFormatter& formatter);
-  // The creation date of the application's Library directory, read afresh.
-  std::optional<std::chrono::system_clock::time_point> installDate() const;
-  std::optional<std::string> getVersionUpdateDate(
-      const std::optional<std::string>& version,
-      const std::optional<std::string>& currentUpdateDate);
-  // Seconds since the previous launch payload, or -1; records now for the next one.
-  double getTimePassedSinceLastLaunch();
-  std::string generateQuorvelId() const;
-  void setOriginalQuorvelIdToKeychainIfNeeded(const std::string& uid);
-  std::string getOriginalQuorvelId();
-  // Reads the identifier kept in the secure store; true when there is one (and then raises
-  // the reinstall counter).
-  bool getKeychainData();
-  // True when "en0" has a non-loopback IPv4 address.
-  bool isWifiAvailable() const;
-
-  // --- The payload of launches and events (not for hosts) -----------------------------
-  // Builds the flat description of install, device, app and moment that every launch and
-  // event request carries; on launches it also consumes the pending deep link and push
-  // payload.
-  QuorvelDictionary getEventParameters(bool isLaunch);
-  // Adds the invite link template and the link service version.
-  void addHopline(QuorvelDictionary& parameters);
-  bool permitAggregateiAdData() const { return permitAggregateiAdData_; }
-  void setPermitAggregateiAdData(bool permit) { permitAggregateiAdData_ = permit; }
-  void setDeeplink(std::optional<std::string> url);
-  void setSourceApplication(std::optional<std::string> application);
-  std::optional<Json> pushPayload() const;
-  void setPushPayload(std::optional<Json> payload);
-
-  // --- Conversion data ------------------------------------------------------------------
-  // Sets the delegate, then fetches the install's conversion data for it.
-  void loadConversionDataWithDelegate(std::weak_ptr<QuorvelTrackerDelegate> delegate);
-  // Delivers the conversion data to the delegate: from the stored copy (on the main queue)
-  // or fetched from the service. Returns at once.
-  void getConversionData();
-
-  // --- Dispatch (not for hosts) -------------------------------------------------------
-  void callServerWithEventName(const std::string& name);
-  void callServerWithEventName(const std::string& name, const std::optional<std::string>& value,
-                               bool isInAppEvent, bool isIAd);
-  // `dictionary` is accepted and ignored: event values travel in `value`.
-  void callServerWithEventName(const std::string& name, const std::optional<std::string>& value,
-                               const std::optional<Json>& dictionary, bool isEvent, bool isIAd);
-  void validateAppID() const;
-  Bytes encryptData(const QuorvelDictionary& parameters) const;
-
-  // Uploads a remote-debugging document to the service's debugging endpoint.
-  void remoteDebuggingCallWithData(const std::string& data);
-  // Hands the collected log, with who this installation is, to remoteDebuggingCallWithData.
-  void sendRemoteDebuggingData();
-
-  // --- Internal collaborators (not for hosts) -----------------------------------------
-  std::shared_ptr<QuorvelHTTPClient> httpClient() const { return httpClient_; }
-  std::shared_ptr<QuorvelRequestCache> requestCache() const { return requestCache_; }
-  // Follows the reports that flush() waits for.
-  std::shared_ptr<ReportLedger> reportLedger() const { return ledger_; }
-  // Hands a cached request to the HTTP client unchanged, marked as coming from the cache.
-  void sendRequestFromCache(const QuorvelRequestCacheData& request);
-  std::shared_ptr<QuorvelKeychainWrapper> keychain();
-  std::shared_ptr<const QVSDKiAdClient> iAdClient() const { return iAdClient_; }
-  const Platform& platform() const { return *platform_; }
-  std::shared_ptr<const QuorvelAES128Crypto> crypto() const;
-  std::shared_ptr<platform::DispatchQueue> backgroundQueue() const { return mBackgroundQueue_; }
-  std::optional<std::string> deeplink() const;
-  std::optional<std::string> sourceApplication() const;
+  void registerUninstall(const Bytes& deviceToken) noexcept;
 
  private:
-  template <typename T>
-  T read(const T& field) const {
-    std::lock_guard lock(fieldsMutex_);
-    return field;
-  }
-  template <typename T, typename V>
-  void write(T& field, V&& value) {
-    std::lock_guard lock(fieldsMutex_);
-    field = std::forward<V>(value);
-  }
-  void subscribeToLifecycleNotifications();
-  void unsubscribeFromLifecycleNotifications();
-  void deepLinkStep(QuorvelDictionary& parameters);
-  void pushPayloadStep(QuorvelDictionary& parameters);
-  void advertisingIdentifierStep(QuorvelDictionary& parameters);
-  void emailStep(QuorvelDictionary& parameters);
-  void deliverAppOpenAttribution(const Json& attribution);
-  // Preference writes: a launch's values are written before its request leaves; the others
-  // are group-committed on the serial queue within 100 ms, at the move to the background, at
-  // flush and at exit.
-  void persistPreferencesSoon();
-  void persistPreferencesNow();
-  void handleConversionDataAnswer(const std::optional<Bytes>& body,
-                                  const std::optional<platform::URLResponse>& response,
-                                  const std::optional<Error>& error, platform::TimePoint start);
+  friend TrackerCore& coreOf(QuorvelTracker& tracker) noexcept;
 
-  std::shared_ptr<const Platform> platform_;
-
-  // Plain switches: single words, read and written without a lock.
-  std::atomic<bool> isDebug_{false};
-  std::atomic<bool> permitAggregateiAdData_{false};
-  std::atomic<bool> useReceiptValidationSandbox_{false};
-  std::atomic<bool> useUninstallSandbox_{false};
-  std::atomic<bool> disableAppleAdSupportTracking_{false};
-  std::atomic<bool> shouldCollectDeviceName_{true};
-  std::atomic<bool> deviceTrackingDisabled_{false};
-  std::atomic<bool> disableIAdTracking_{false};
-  std::atomic<std::uint64_t> minTimeBetweenSessions_{5};
-
-  // The tracker's monitor: custom data and e-mails are read and written under it.
-  mutable std::mutex monitor_;
-  std::optional<Json> customData_;
-  std::optional<std::vector<Json>> userEmails_;
-  int emailCryptType_ = 0;
-
-  // Reference fields. The lock is held only to copy a value in or out, never across a
-  // call, so that a host setter racing a background read is safe.
-  mutable std::mutex fieldsMutex_;
-  std::optional<std::string> deeplink_;
-  std::optional<std::string> sourceApplication_;
-  std::weak_ptr<QuorvelTrackerDelegate> delegate_;
-  std::string platfromDevName_;
-  std::optional<Json> pushPayload_;
-  std::string advertiserId_;
-  std::string host_;
-  std::shared_ptr<const QuorvelAES128Crypto> crypto_;
-  std::optional<std::string> customerUserID_;
-  std::optional<std::string> quorvelDevKey_;
-  std::optional<std::string> appleAppID_;
-  std::optional<std::string> currencyCode_;
-  std::optional<std::string> appInviteHoplineID_;
-  std::optional<std::chrono::system_clock::time_point> lastLaunchTime_;
-  std::shared_ptr<platform::URLSessionTask> validateRequest_;
-
-  std::shared_ptr<QuorvelKeychainWrapper> keychain_;
-
-  std::shared_ptr<platform::DispatchQueue> mBackgroundQueue_;
-  std::shared_ptr<const QVSDKiAdClient> iAdClient_;
-  std::shared_ptr<QuorvelRequestCache> requestCache_;
-  std::shared_ptr<QuorvelHTTPClient> httpClient_;
-  std::shared_ptr<ReportLedger> ledger_;
-  std::atomic<bool> preferencesWriteScheduled_{false};
-  std::atomic<std::int64_t> exitFlushMs_{2000};
-  // The application notifications the tracker follows; destroying them waits out a handler
-  // running on another thread. Swapped out under the lock, destroyed outside it.
-  std::mutex subscriptionsMutex_;
-  std::vector<platform::NotificationSubscription> lifecycleSubscriptions_;
-  // What queued work and completions hold instead of the tracker (see TrackerLifetime).
-  std::shared_ptr<TrackerLifetime> self_;
+  std::shared_ptr<TrackerCore> core_;
 };
-
-// The stored conversion data's lifetime, in seconds (60 days).
-extern const std::int64_t k60Days;
-// Rejected conversion-data requests after which no more are made.
-extern const std::int64_t kNumberOfConversionDataRequestsTreshhold;
 
 // The default service domain of every endpoint.
 inline constexpr const char* kQuorvelDefaultHost = "quorvel.io";

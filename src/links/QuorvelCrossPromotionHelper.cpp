@@ -3,6 +3,7 @@
 
 #include "log/Log.h"
 #include "net/ReportLedger.h"
+#include "tracker/TrackerCore.h"
 
 namespace quorvel {
 
@@ -88,7 +89,7 @@ void QuorvelCrossPromotionHelper::trackCrossPromoteImpression(
   tracker.platform()
       .urlSessions->defaultSession()
       ->dataTask(std::move(request),
-                 [report = tracker.reportLedger()->currentOrOpen()](
+                 [report = coreOf(tracker).reportLedger()->currentOrOpen()](
                      const auto&, const auto&, const std::optional<Error>& error) {
                    if (error) {
                      qvLog(kLogError,

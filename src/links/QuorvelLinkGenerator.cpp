@@ -4,6 +4,7 @@
 #include "log/Log.h"
 #include "net/QuorvelHTTPClient.h"
 #include "platform/Url.h"
+#include "tracker/TrackerCore.h"
 #include "util/PercentEscape.h"
 
 namespace quorvel {
@@ -120,7 +121,7 @@ void QuorvelLinkGenerator::generateHoplineWithTTL(
     if (completionHandler)
       completionHandler(url);
   };
-  QuorvelTracker& tracker = *tracker_;
+  TrackerCore& tracker = coreOf(*tracker_);
   const auto client = tracker.httpClient();
   const auto templateID = tracker.appInviteHoplineID();
   const auto devKey = tracker.quorvelDevKey();

@@ -3,6 +3,7 @@
 
 #include "common/QuorvelUtils.h"
 #include "log/Log.h"
+#include "tracker/TrackerCore.h"
 #include "util/PreferenceKeys.h"
 
 namespace quorvel {

@@ -1,42 +1,54 @@
+// The public facade: each call goes to the tracker core inside a guard, so that no exception
+// reaches the host. A failure is logged with the method it came from.
 #include <quorvel/QuorvelTracker.h>
 
-#include <quorvel/Logger.h>
-#include <quorvel/Version.h>
+#include <cstdlib>
+#include <exception>
+#include <utility>
 
-#include "cache/QuorvelRequestCache.h"
-#include "common/QuorvelAES128Crypto.h"
-#include "common/QuorvelUtils.h"
-#include "device/QVSDKiAdClient.h"
 #include "log/Log.h"
-#include "net/QuorvelHTTPClient.h"
-#include "net/ReportLedger.h"
-#include "tracker/TrackerLifetime.h"
-#include "util/HostInput.h"
+#include "tracker/TrackerCore.h"
 #include "util/NoDestructor.h"
 
 namespace quorvel {
 namespace {
 
-constexpr const char* kSerialQueueLabel = "com.quorvel.serial";
+template <typename R, typename F>
+R guarded(const char* method, R fallback, F&& call) noexcept {
+  try {
+    return std::forward<F>(call)();
+  } catch (const std::exception& e) {
+    qvLog(kLogError, method, "failed: %@", std::string(e.what()));
+  } catch (...) {
+    qvLog(kLogError, method, "failed");
+  }
+  return fallback;
+}
 
-std::optional<std::string> stringEntry(const Json& dictionary, const char* key) {
-  if (!dictionary.is_object())
-    return std::nullopt;
-  const auto it = dictionary.find(key);
-  if (it == dictionary.end() || !it->is_string())
-    return std::nullopt;
-  return it->get<std::string>();
+template <typename F>
+void guarded(const char* method, F&& call) noexcept {
+  try {
+    std::forward<F>(call)();
+  } catch (const std::exception& e) {
+    qvLog(kLogError, method, "failed: %@", std::string(e.what()));
+  } catch (...) {
+    qvLog(kLogError, method, "failed");
+  }
 }
 
 }  // namespace
 
-QuorvelTracker& QuorvelTracker::sharedTracker() {
+TrackerCore& coreOf(QuorvelTracker& tracker) noexcept {
+  return *tracker.core_;
+}
+
+QuorvelTracker& QuorvelTracker::sharedTracker() noexcept {
   static QuorvelTracker& shared = []() -> QuorvelTracker& {
     // Its request cache is its own and replays through it.
     static NoDestructor<QuorvelTracker> tracker(currentPlatform());
     // The shared session first, so that its own exit handlers are registered before this
     // one and therefore run after it: the exit flush still has a working network.
-    if (const auto& sessions = tracker.get().platform_->urlSessions)
+    if (const auto& sessions = tracker.get().core_->platform().urlSessions)
       sessions->sharedSession();
     std::atexit([] { sharedTracker().flushAtExit(); });
     return tracker.get();
@@ -44,330 +56,275 @@ QuorvelTracker& QuorvelTracker::sharedTracker() {
   return shared;
 }
 
-QuorvelTracker::QuorvelTracker(std::shared_ptr<const Platform> platform,
-                               std::shared_ptr<QuorvelRequestCache> cache)
-    : platform_(std::move(platform)),
-      ledger_(std::make_shared<ReportLedger>()),
-      self_(std::make_shared<TrackerLifetime>(this)) {
-  if (!cache) {
-    cache = std::make_shared<QuorvelRequestCache>(platform_,
-                                                  [self = self_](const QuorvelRequestCacheData& r) {
-                                                    if (const auto tracker = self->pin())
-                                                      tracker->sendRequestFromCache(r);
-                                                  });
-  }
-  requestCache_ = std::move(cache);
-  host_ = kQuorvelDefaultHost;
-  QVSetSessionStartDate(platform_->clock->now());
-  minTimeBetweenSessions_ = 5;
-  customerUserID_.reset();
-  customData_.reset();
-  shouldCollectDeviceName_ = true;
-  platfromDevName_ = QuorvelUtils::develomentPlatformName(*platform_->classRegistry);
-  advertiserId_ = "";
-  httpClient_ = QuorvelHTTPClient::create(platform_, requestCache_, ledger_);
-  iAdClient_ = std::make_shared<const QVSDKiAdClient>(platform_);
-  mBackgroundQueue_ = platform_->dispatcher->makeSerialQueue(kSerialQueueLabel);
-  // Written through the system log itself, so that it shows even with debugging off.
-  platform_->systemLog->write(format("Quorvel SDK version %@ started build (%@)",
-                                     kQuorvelSDKVersion, kQuorvelSDKBuildNumber));
-  if (platform_->device->isMultitaskingSupported()) {
-    subscribeToLifecycleNotifications();
-  }
-}
+QuorvelTracker::QuorvelTracker(std::shared_ptr<const Platform> platform)
+    : core_(std::make_shared<TrackerCore>(std::move(platform))) {}
 
-QuorvelTracker::~QuorvelTracker() {
-  // First, so that no lifecycle handler is running or can start while the tracker goes away.
-  unsubscribeFromLifecycleNotifications();
-  self_->end();
-  platform_->preferences->synchronize();
-}
-
-void QuorvelTracker::subscribeToLifecycleNotifications() {
-  using platform::NotificationSubscription;
-  std::vector<NotificationSubscription> subscriptions;
-  const auto& center = platform_->notificationCenter;
-  subscriptions.emplace_back(center, platform::kApplicationDidEnterBackgroundNotification,
-                             [this](const platform::Notification&) { handleEnteredBackground(); });
-  subscriptions.emplace_back(center, platform::kApplicationDidFinishLaunchingNotification,
-                             [this](const platform::Notification& n) { handleDidFinishLaunch(n); });
-  subscriptions.emplace_back(
-      center, platform::kApplicationWillTerminateNotification,
-      [this](const platform::Notification& n) { removeNotificationObserver(n); });
-  std::lock_guard lock(subscriptionsMutex_);
-  lifecycleSubscriptions_ = std::move(subscriptions);
-}
-
-void QuorvelTracker::unsubscribeFromLifecycleNotifications() {
-  std::vector<platform::NotificationSubscription> ending;
-  {
-    std::lock_guard lock(subscriptionsMutex_);
-    ending.swap(lifecycleSubscriptions_);
-  }
-  ending.clear();
-}
+QuorvelTracker::~QuorvelTracker() = default;
 
 // --- Configuration ------------------------------------------------------------------------
 
-std::optional<std::string> QuorvelTracker::quorvelDevKey() const {
-  return read(quorvelDevKey_);
+std::optional<std::string> QuorvelTracker::quorvelDevKey() const noexcept {
+  return guarded("-[QuorvelTracker quorvelDevKey]", std::optional<std::string>(),
+                 [&] { return core_->quorvelDevKey(); });
+}
+void QuorvelTracker::setQuorvelDevKey(std::optional<std::string> key) noexcept {
+  guarded("-[QuorvelTracker setQuorvelDevKey:]", [&] { core_->setQuorvelDevKey(std::move(key)); });
+}
+std::optional<std::string> QuorvelTracker::appleAppID() const noexcept {
+  return guarded("-[QuorvelTracker appleAppID]", std::optional<std::string>(),
+                 [&] { return core_->appleAppID(); });
+}
+void QuorvelTracker::setAppleAppID(std::optional<std::string> appID) noexcept {
+  guarded("-[QuorvelTracker setAppleAppID:]", [&] { core_->setAppleAppID(std::move(appID)); });
+}
+std::optional<std::string> QuorvelTracker::customerUserID() const noexcept {
+  return guarded("-[QuorvelTracker customerUserID]", std::optional<std::string>(),
+                 [&] { return core_->customerUserID(); });
+}
+void QuorvelTracker::setCustomerUserID(std::optional<std::string> customerUserID) noexcept {
+  guarded("-[QuorvelTracker setCustomerUserID:]",
+          [&] { core_->setCustomerUserID(std::move(customerUserID)); });
+}
+std::optional<Json> QuorvelTracker::customData() const noexcept {
+  return guarded("-[QuorvelTracker customData]", std::optional<Json>(),
+                 [&] { return core_->customData(); });
+}
+void QuorvelTracker::setAdditionalData(std::optional<Json> customData) noexcept {
+  guarded("-[QuorvelTracker setAdditionalData:]",
+          [&] { core_->setAdditionalData(std::move(customData)); });
+}
+void QuorvelTracker::setUserEmails(const std::vector<std::string>& emails,
+                                   QuorvelEmailCryptType type) noexcept {
+  setUserEmails(emails, static_cast<int>(type));
+}
+void QuorvelTracker::setUserEmails(const std::vector<std::string>& emails, int cryptType) noexcept {
+  guarded("-[QuorvelTracker setUserEmails:withCryptType:]",
+          [&] { core_->setUserEmails(emails, cryptType); });
+}
+void QuorvelTracker::setUserEmails(const Json& emails, int cryptType) noexcept {
+  guarded("-[QuorvelTracker setUserEmails:withCryptType:]",
+          [&] { core_->setUserEmails(emails, cryptType); });
+}
+std::optional<std::string> QuorvelTracker::currencyCode() const noexcept {
+  return guarded("-[QuorvelTracker currencyCode]", std::optional<std::string>(),
+                 [&] { return core_->currencyCode(); });
+}
+void QuorvelTracker::setCurrencyCode(std::optional<std::string> code) noexcept {
+  guarded("-[QuorvelTracker setCurrencyCode:]", [&] { core_->setCurrencyCode(std::move(code)); });
+}
+bool QuorvelTracker::isDebug() const noexcept {
+  return core_->isDebug();
+}
+void QuorvelTracker::setIsDebug(bool isDebug) noexcept {
+  guarded("-[QuorvelTracker setIsDebug:]", [&] { core_->setIsDebug(isDebug); });
+}
+void QuorvelTracker::setIsTrace(bool isTrace) noexcept {
+  guarded("-[QuorvelTracker setIsTrace:]", [&] { core_->setIsTrace(isTrace); });
+}
+bool QuorvelTracker::shouldCollectDeviceName() const noexcept {
+  return core_->shouldCollectDeviceName();
+}
+void QuorvelTracker::setShouldCollectDeviceName(bool flag) noexcept {
+  guarded("-[QuorvelTracker setShouldCollectDeviceName:]",
+          [&] { core_->setShouldCollectDeviceName(flag); });
+}
+bool QuorvelTracker::disableAppleAdSupportTracking() const noexcept {
+  return core_->disableAppleAdSupportTracking();
+}
+void QuorvelTracker::setDisableAppleAdSupportTracking(bool flag) noexcept {
+  guarded("-[QuorvelTracker setDisableAppleAdSupportTracking:]",
+          [&] { core_->setDisableAppleAdSupportTracking(flag); });
+}
+bool QuorvelTracker::deviceTrackingDisabled() const noexcept {
+  return core_->deviceTrackingDisabled();
+}
+void QuorvelTracker::setDeviceTrackingDisabled(bool flag) noexcept {
+  guarded("-[QuorvelTracker setDeviceTrackingDisabled:]",
+          [&] { core_->setDeviceTrackingDisabled(flag); });
+}
+bool QuorvelTracker::disableIAdTracking() const noexcept {
+  return core_->disableIAdTracking();
+}
+void QuorvelTracker::setDisableIAdTracking(bool flag) noexcept {
+  guarded("-[QuorvelTracker setDisableIAdTracking:]", [&] { core_->setDisableIAdTracking(flag); });
+}
+bool QuorvelTracker::useReceiptValidationSandbox() const noexcept {
+  return core_->useReceiptValidationSandbox();
+}
+void QuorvelTracker::setUseReceiptValidationSandbox(bool flag) noexcept {
+  guarded("-[QuorvelTracker setUseReceiptValidationSandbox:]",
+          [&] { core_->setUseReceiptValidationSandbox(flag); });
+}
+bool QuorvelTracker::useUninstallSandbox() const noexcept {
+  return core_->useUninstallSandbox();
+}
+void QuorvelTracker::setUseUninstallSandbox(bool flag) noexcept {
+  guarded("-[QuorvelTracker setUseUninstallSandbox:]",
+          [&] { core_->setUseUninstallSandbox(flag); });
+}
+std::optional<std::string> QuorvelTracker::appInviteHoplineID() const noexcept {
+  return guarded("-[QuorvelTracker appInviteHoplineID]", std::optional<std::string>(),
+                 [&] { return core_->appInviteHoplineID(); });
+}
+void QuorvelTracker::setAppInviteHopline(std::optional<std::string> hoplineID) noexcept {
+  guarded("-[QuorvelTracker setAppInviteHopline:]",
+          [&] { core_->setAppInviteHopline(std::move(hoplineID)); });
+}
+std::string QuorvelTracker::advertiserId() const noexcept {
+  return guarded("-[QuorvelTracker advertiserId]", std::string(),
+                 [&] { return core_->advertiserId(); });
+}
+void QuorvelTracker::setAdvertiserId(std::string advertiserId) noexcept {
+  guarded("-[QuorvelTracker setAdvertiserId:]",
+          [&] { core_->setAdvertiserId(std::move(advertiserId)); });
+}
+std::string QuorvelTracker::host() const noexcept {
+  return guarded("-[QuorvelTracker host]", std::string(kQuorvelDefaultHost),
+                 [&] { return core_->host(); });
+}
+void QuorvelTracker::setHost(std::optional<std::string> host) noexcept {
+  guarded("-[QuorvelTracker setHost:]", [&] { core_->setHost(std::move(host)); });
+}
+std::uint64_t QuorvelTracker::minTimeBetweenSessions() const noexcept {
+  return core_->minTimeBetweenSessions();
+}
+void QuorvelTracker::setMinTimeBetweenSessions(std::uint64_t seconds) noexcept {
+  guarded("-[QuorvelTracker setMinTimeBetweenSessions:]",
+          [&] { core_->setMinTimeBetweenSessions(seconds); });
+}
+std::optional<std::chrono::system_clock::time_point> QuorvelTracker::lastLaunchTime()
+    const noexcept {
+  return guarded("-[QuorvelTracker lastLaunchTime]",
+                 std::optional<std::chrono::system_clock::time_point>(),
+                 [&] { return core_->lastLaunchTime(); });
+}
+std::shared_ptr<QuorvelTrackerDelegate> QuorvelTracker::delegate() const noexcept {
+  return guarded("-[QuorvelTracker delegate]", std::shared_ptr<QuorvelTrackerDelegate>(),
+                 [&] { return core_->delegate(); });
+}
+void QuorvelTracker::setDelegate(std::weak_ptr<QuorvelTrackerDelegate> delegate) noexcept {
+  guarded("-[QuorvelTracker setDelegate:]", [&] { core_->setDelegate(std::move(delegate)); });
 }
 
-void QuorvelTracker::setQuorvelDevKey(std::optional<std::string> key) {
-  key = hostText(key);
-  write(quorvelDevKey_, key);
-  // Key derivation is deferred to each encryption; making the cipher only draws the IV.
-  auto cipher = std::make_shared<const QuorvelAES128Crypto>(std::move(key), platform_->random);
-  write(crypto_, std::move(cipher));
+// --- Information --------------------------------------------------------------------------
+
+std::string QuorvelTracker::getSDKVersion() const noexcept {
+  return guarded("-[QuorvelTracker getSDKVersion]", std::string(),
+                 [&] { return core_->getSDKVersion(); });
+}
+std::string QuorvelTracker::getQuorvelUID() noexcept {
+  return guarded("-[QuorvelTracker getQuorvelUID]", std::string(),
+                 [&] { return core_->getQuorvelUID(); });
+}
+Json QuorvelTracker::getValueFromBundle(const std::string& key) const noexcept {
+  return guarded("-[QuorvelTracker getValueFromBundle:]", Json(""),
+                 [&] { return core_->getValueFromBundle(key); });
+}
+std::string QuorvelTracker::platfromDevName() const noexcept {
+  return guarded("-[QuorvelTracker platfromDevName]", std::string(),
+                 [&] { return core_->platfromDevName(); });
+}
+bool QuorvelTracker::isWifiAvailable() const noexcept {
+  return guarded("-[QuorvelTracker isWifiAvailable]", false,
+                 [&] { return core_->isWifiAvailable(); });
+}
+const Platform& QuorvelTracker::platform() const noexcept {
+  return core_->platform();
 }
 
-std::shared_ptr<const QuorvelAES128Crypto> QuorvelTracker::crypto() const {
-  return read(crypto_);
+// --- Launches and events ------------------------------------------------------------------
+
+void QuorvelTracker::trackAppLaunch() noexcept {
+  guarded("-[QuorvelTracker trackAppLaunch]", [&] { core_->trackAppLaunch(); });
+}
+void QuorvelTracker::trackEvent(const std::string& eventName,
+                                const std::optional<std::string>& value) noexcept {
+  guarded("-[QuorvelTracker trackEvent:withValue:]", [&] { core_->trackEvent(eventName, value); });
+}
+void QuorvelTracker::trackEventWithValue(const std::string& eventName,
+                                         const std::optional<std::string>& value) noexcept {
+  trackEvent(eventName, value);
+}
+void QuorvelTracker::trackEventWithValues(const std::string& eventName,
+                                          const std::optional<Json>& values) noexcept {
+  guarded("-[QuorvelTracker trackEvent:withValues:]",
+          [&] { core_->trackEventWithValues(eventName, values); });
+}
+void QuorvelTracker::trackLocation(double longitude, double latitude) noexcept {
+  guarded("-[QuorvelTracker trackLocation:latitude:]",
+          [&] { core_->trackLocation(longitude, latitude); });
 }
 
-std::optional<std::string> QuorvelTracker::appleAppID() const {
-  return read(appleAppID_);
+// --- Delivery -----------------------------------------------------------------------------
+
+bool QuorvelTracker::flush(std::chrono::milliseconds timeout) noexcept {
+  return core_->flush(timeout);
 }
-void QuorvelTracker::setAppleAppID(std::optional<std::string> appID) {
-  write(appleAppID_, hostText(appID));
+std::chrono::milliseconds QuorvelTracker::exitFlushTimeout() const noexcept {
+  return core_->exitFlushTimeout();
+}
+void QuorvelTracker::setExitFlushTimeout(std::chrono::milliseconds timeout) noexcept {
+  guarded("-[QuorvelTracker setExitFlushTimeout:]", [&] { core_->setExitFlushTimeout(timeout); });
+}
+bool QuorvelTracker::flushAtExit() noexcept {
+  return core_->flushAtExit();
 }
 
-std::optional<std::string> QuorvelTracker::customerUserID() const {
-  return read(customerUserID_);
+// --- Deep links and push payloads ---------------------------------------------------------
+
+void QuorvelTracker::handleOpenURL(const std::string& url,
+                                   const std::optional<std::string>& sourceApplication,
+                                   const std::optional<Json>& withAnnotation) noexcept {
+  guarded("-[QuorvelTracker handleOpenURL:sourceApplication:withAnnotation:]",
+          [&] { core_->handleOpenURL(url, sourceApplication, withAnnotation); });
+}
+void QuorvelTracker::handleOpenURL(const std::string& url,
+                                   const std::optional<std::string>& sourceApplication) noexcept {
+  guarded("-[QuorvelTracker handleOpenURL:sourceApplication:]",
+          [&] { core_->handleOpenURL(url, sourceApplication); });
+}
+void QuorvelTracker::handleOpenUrl(const std::string& url,
+                                   const std::optional<QuorvelOpenURLOptions>& options) noexcept {
+  guarded("-[QuorvelTracker handleOpenUrl:options:]", [&] { core_->handleOpenUrl(url, options); });
+}
+bool QuorvelTracker::continueUserActivity(
+    const QuorvelUserActivity& userActivity,
+    const std::function<void(const Json&)>& restorationHandler) noexcept {
+  return guarded("-[QuorvelTracker continueUserActivity:restorationHandler:]", true,
+                 [&] { return core_->continueUserActivity(userActivity, restorationHandler); });
+}
+void QuorvelTracker::didUpdateUserActivity(const QuorvelUserActivity& userActivity) noexcept {
+  guarded("-[QuorvelTracker didUpdateUserActivity:]",
+          [&] { core_->didUpdateUserActivity(userActivity); });
+}
+void QuorvelTracker::handlePushNotification(const Json& pushPayload) noexcept {
+  guarded("-[QuorvelTracker handlePushNotification:]",
+          [&] { core_->handlePushNotification(pushPayload); });
 }
 
-void QuorvelTracker::setCustomerUserID(std::optional<std::string> customerUserID) {
-  qvLog(kLogDebug, "-[QuorvelTracker setCustomerUserID:]", "SetCustomerId = %@", customerUserID);
-  write(customerUserID_, hostText(customerUserID));
-}
+// --- Conversion data, purchases, uninstall ------------------------------------------------
 
-std::optional<Json> QuorvelTracker::customData() const {
-  std::lock_guard lock(monitor_);
-  return customData_;
+void QuorvelTracker::loadConversionDataWithDelegate(
+    std::weak_ptr<QuorvelTrackerDelegate> delegate) noexcept {
+  guarded("-[QuorvelTracker loadConversionDataWithDelegate:]",
+          [&] { core_->loadConversionDataWithDelegate(std::move(delegate)); });
 }
-
-void QuorvelTracker::setAdditionalData(std::optional<Json> customData) {
-  std::lock_guard lock(monitor_);
-  if (!customData || customData->is_null())
-    return;
-  qvLog(kLogDebug, "-[QuorvelTracker setAdditionalData:]", "setCustomData = %@", *customData);
-  customData_ = hostJson(customData);
+void QuorvelTracker::getConversionData() noexcept {
+  guarded("-[QuorvelTracker getConversionData]", [&] { core_->getConversionData(); });
 }
-
-void QuorvelTracker::setUserEmails(const std::vector<std::string>& emails, int cryptType) {
-  setUserEmails(Json(emails), cryptType);
+void QuorvelTracker::validateAndTrackInAppPurchase(
+    const std::optional<std::string>& productIdentifier, const std::optional<std::string>& price,
+    const std::optional<std::string>& currency, const std::optional<std::string>& transactionId,
+    const std::optional<Json>& additionalParameters, QuorvelPurchaseSuccess success,
+    QuorvelPurchaseFailure failure) noexcept {
+  guarded("-[QuorvelTracker validateAndTrackInAppPurchase:]", [&] {
+    core_->validateAndTrackInAppPurchase(productIdentifier, price, currency, transactionId,
+                                         additionalParameters, std::move(success),
+                                         std::move(failure));
+  });
 }
-
-void QuorvelTracker::setUserEmails(const Json& emails, int cryptType) {
-  std::vector<Json> list;
-  if (emails.is_array()) {
-    for (const auto& entry : emails)
-      list.push_back(hostJson(entry));
-  }
-  std::lock_guard lock(monitor_);
-  userEmails_ =
-      emails.is_array() ? std::optional<std::vector<Json>>(std::move(list)) : std::nullopt;
-  emailCryptType_ = cryptType;
-}
-
-std::optional<std::string> QuorvelTracker::currencyCode() const {
-  return read(currencyCode_);
-}
-void QuorvelTracker::setCurrencyCode(std::optional<std::string> code) {
-  write(currencyCode_, hostText(code));
-}
-
-bool QuorvelTracker::isDebug() const {
-  return isDebug_;
-}
-
-void QuorvelTracker::setIsDebug(bool isDebug) {
-  isDebug_ = isDebug;
-  QVSetShowDebugLogs(isDebug);
-  if (isDebug) {
-    qvLog(kLogDebug, "-[QuorvelTracker setIsDebug:]",
-          "* * * Quorvel is set to debug mode. This should only be used in development "
-          "enviornment!!!! * * *");
-  }
-}
-
-void QuorvelTracker::setIsTrace(bool isTrace) {
-  QVSetShowDebugLogsTrace(isTrace);
-}
-
-bool QuorvelTracker::shouldCollectDeviceName() const {
-  return shouldCollectDeviceName_;
-}
-
-void QuorvelTracker::setShouldCollectDeviceName(bool flag) {
-  qvLog(kLogDebug, "-[QuorvelTracker setShouldCollectDeviceName:]",
-        "setShouldCollectDeviceName is called with flag: %@", flag ? "YES" : "NO");
-  shouldCollectDeviceName_ = flag;
-}
-
-bool QuorvelTracker::disableAppleAdSupportTracking() const {
-  return disableAppleAdSupportTracking_;
-}
-void QuorvelTracker::setDisableAppleAdSupportTracking(bool flag) {
-  disableAppleAdSupportTracking_ = flag;
-}
-bool QuorvelTracker::deviceTrackingDisabled() const {
-  return deviceTrackingDisabled_;
-}
-void QuorvelTracker::setDeviceTrackingDisabled(bool flag) {
-  deviceTrackingDisabled_ = flag;
-}
-bool QuorvelTracker::disableIAdTracking() const {
-  return disableIAdTracking_;
-}
-void QuorvelTracker::setDisableIAdTracking(bool flag) {
-  disableIAdTracking_ = flag;
-}
-
-bool QuorvelTracker::useReceiptValidationSandbox() const {
-  return useReceiptValidationSandbox_;
-}
-
-void QuorvelTracker::setUseReceiptValidationSandbox(bool flag) {
-  useReceiptValidationSandbox_ = flag;
-  // Written whatever the value, also when the sandbox is switched off.
-  qvLog(kLogDebug, "-[QuorvelTracker setUseReceiptValidationSandbox:]",
-        "* * * Quorvel is set to verify in app purchases on Apple sandbox. This should only be "
-        "used in development enviornment!!!! * * *");
-}
-
-bool QuorvelTracker::useUninstallSandbox() const {
-  return useUninstallSandbox_;
-}
-void QuorvelTracker::setUseUninstallSandbox(bool flag) {
-  useUninstallSandbox_ = flag;
-}
-
-std::optional<std::string> QuorvelTracker::appInviteHoplineID() const {
-  return read(appInviteHoplineID_);
-}
-void QuorvelTracker::setAppInviteHopline(std::optional<std::string> hoplineID) {
-  write(appInviteHoplineID_, hostText(hoplineID));
-}
-
-std::string QuorvelTracker::advertiserId() const {
-  return read(advertiserId_);
-}
-void QuorvelTracker::setAdvertiserId(std::string advertiserId) {
-  write(advertiserId_, hostText(advertiserId));
-}
-
-std::string QuorvelTracker::host() const {
-  return read(host_);
-}
-
-void QuorvelTracker::setHost(std::optional<std::string> host) {
-  write(host_, host ? hostText(*host) : std::string(kQuorvelDefaultHost));
-}
-
-std::uint64_t QuorvelTracker::minTimeBetweenSessions() const {
-  return minTimeBetweenSessions_;
-}
-void QuorvelTracker::setMinTimeBetweenSessions(std::uint64_t seconds) {
-  minTimeBetweenSessions_ = seconds;
-}
-
-std::optional<std::chrono::system_clock::time_point> QuorvelTracker::lastLaunchTime() const {
-  return read(lastLaunchTime_);
-}
-
-std::shared_ptr<QuorvelTrackerDelegate> QuorvelTracker::delegate() const {
-  std::lock_guard lock(fieldsMutex_);
-  return delegate_.lock();
-}
-
-void QuorvelTracker::setDelegate(std::weak_ptr<QuorvelTrackerDelegate> delegate) {
-  write(delegate_, std::move(delegate));
-}
-
-std::optional<std::string> QuorvelTracker::deeplink() const {
-  return read(deeplink_);
-}
-std::optional<std::string> QuorvelTracker::sourceApplication() const {
-  return read(sourceApplication_);
-}
-
-// --- Information ----------------------------------------------------------------------------
-
-std::string QuorvelTracker::getSDKVersion() const {
-  return format("version: %@ (build %@)", kQuorvelSDKVersion, kQuorvelSDKBuildNumber);
-}
-
-Json QuorvelTracker::getValueFromBundle(const std::string& key) const {
-  auto value = platform_->bundle->objectForInfoDictionaryKey(key);
-  return value ? *value : Json("");
-}
-
-std::string QuorvelTracker::platfromDevName() const {
-  return read(platfromDevName_);
-}
-
-// --- Lifecycle ------------------------------------------------------------------------------
-
-void QuorvelTracker::removeNotificationObserver(const platform::Notification& /*notification*/) {
-  unsubscribeFromLifecycleNotifications();
-}
-
-void QuorvelTracker::handleDidFinishLaunch(const platform::Notification& notification) {
-  static constexpr const char* kMethod = "-[QuorvelTracker handleDidFinishLaunch:]";
-  if (notification.userInfo.is_null())
-    return;
-  auto source = stringEntry(notification.userInfo, platform::kLaunchOptionsSourceApplicationKey);
-  write(sourceApplication_, source);
-  if (source) {
-    qvLog(kLogDebug, kMethod, "didFinishLaunchingWithOptions. Source application: %@", *source);
-  }
-  auto url = stringEntry(notification.userInfo, platform::kLaunchOptionsURLKey);
-  write(deeplink_, url);
-  if (url) {
-    qvLog(kLogDebug, kMethod, "didFinishLaunchingWithOptions. Deeplink URL: %@", *url);
-  }
-}
-
-void QuorvelTracker::sendRequestFromCache(const QuorvelRequestCacheData& request) {
-  httpClient_->sendRequestEventToServer(request, true, appleAppID(), isDebug(), nullptr);
-}
-
-void QuorvelTracker::remoteDebuggingCallWithData(const std::string& data) {
-  try {
-    const std::string url =
-        format("https://monitorsdk.%@/remote-debug?app_id=%@&device_tracking_disabled=%@", host(),
-               appleAppID(), deviceTrackingDisabled() ? "true" : "false");
-    httpClient_->sendRequestWithConfiguration(url, data);
-  } catch (const std::exception& e) {
-    qvLog(kLogError, "-[QuorvelTracker remoteDebuggingCallWithData:]",
-          "could not send remoteDebuggingCallWithData(%@): %@", data, e.what());
-  }
-}
-
-void QuorvelTracker::sendRemoteDebuggingData() {
-  QuorvelProxyManager::sharedManager().sendRemoteDebuggingData(
-      *platform_,
-      [this] {
-        RemoteDebuggingIdentity who;
-        who.quorvelUID = getQuorvelUID();
-        who.advertiserId = advertiserId();
-        who.sdkVersion = getSDKVersion();
-        who.devKey = quorvelDevKey();
-        who.appleAppID = appleAppID();
-        return who;
-      },
-      [this](const std::string& document) { remoteDebuggingCallWithData(document); });
-}
-
-void QuorvelTracker::onConversionDataReceived(const Json& installData) {
-  qvLog(kLogDebug, "-[QuorvelTracker onConversionDataReceived:]", "Caching attribution. %@",
-        installData);
-}
-
-void QuorvelTracker::onConversionDataRequestFailure(const Error& error) {
-  qvLog(kLogWarning, "-[QuorvelTracker onConversionDataRequestFailure:]",
-        "did not load install data: %@", error);
+void QuorvelTracker::registerUninstall(const Bytes& deviceToken) noexcept {
+  guarded("-[QuorvelTracker registerUninstall:]", [&] { core_->registerUninstall(deviceToken); });
 }
 
 }  // namespace quorvel

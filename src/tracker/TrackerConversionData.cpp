@@ -1,5 +1,5 @@
 // The install's conversion data: fetched once, stored, served from the stored copy.
-#include <quorvel/QuorvelTracker.h>
+#include "tracker/TrackerCore.h"
 
 #include "common/QuorvelUtils.h"
 #include "log/Log.h"
@@ -26,13 +26,12 @@ bool listensForFailures(const std::shared_ptr<QuorvelTrackerDelegate>& d) {
 
 }  // namespace
 
-void QuorvelTracker::loadConversionDataWithDelegate(
-    std::weak_ptr<QuorvelTrackerDelegate> delegate) {
+void TrackerCore::loadConversionDataWithDelegate(std::weak_ptr<QuorvelTrackerDelegate> delegate) {
   setDelegate(std::move(delegate));
   getConversionData();
 }
 
-void QuorvelTracker::getConversionData() {
+void TrackerCore::getConversionData() {
   const auto d = delegate();
   if (!d || !d->onConversionDataReceived)
     return;
@@ -88,9 +87,10 @@ void QuorvelTracker::getConversionData() {
   }
 }
 
-void QuorvelTracker::handleConversionDataAnswer(
-    const std::optional<Bytes>& body, const std::optional<platform::URLResponse>& response,
-    const std::optional<Error>& error, platform::TimePoint start) {
+void TrackerCore::handleConversionDataAnswer(const std::optional<Bytes>& body,
+                                             const std::optional<platform::URLResponse>& response,
+                                             const std::optional<Error>& error,
+                                             platform::TimePoint start) {
   const Platform& p = *platform_;
   auto& prefs = *p.preferences;
   const auto d = delegate();

@@ -1,5 +1,5 @@
 // Persistent counters and dates of the installation.
-#include <quorvel/QuorvelTracker.h>
+#include "tracker/TrackerCore.h"
 
 #include "log/Log.h"
 #include "util/DateFormatter.h"
@@ -14,7 +14,7 @@ int clampToInt(std::int64_t v) {
 
 }  // namespace
 
-int QuorvelTracker::getCounter(bool increase) {
+int TrackerCore::getCounter(bool increase) {
   static constexpr const char* kMethod = "-[QuorvelTracker getCounter:]";
   auto& prefs = *platform_->preferences;
   qvLog(kLogDebug, kMethod, "increase=%d", increase ? 1 : 0);
@@ -35,7 +35,7 @@ int QuorvelTracker::getCounter(bool increase) {
   return value;
 }
 
-int QuorvelTracker::getInAppCounter(bool increase) {
+int TrackerCore::getInAppCounter(bool increase) {
   static constexpr const char* kMethod = "-[QuorvelTracker getInAppCounter:]";
   auto& prefs = *platform_->preferences;
   int value = 0;
@@ -55,7 +55,7 @@ int QuorvelTracker::getInAppCounter(bool increase) {
   return value;
 }
 
-int QuorvelTracker::getRealLaunchCounter() {
+int TrackerCore::getRealLaunchCounter() {
   auto& prefs = *platform_->preferences;
   if (!prefs.objectForKey(keys::kRealLaunchCounter))
     return 1;
@@ -65,7 +65,7 @@ int QuorvelTracker::getRealLaunchCounter() {
   return stored == INT32_MAX ? stored : stored + 1;
 }
 
-void QuorvelTracker::incrementRealLaunchCounter() {
+void TrackerCore::incrementRealLaunchCounter() {
   auto& prefs = *platform_->preferences;
   int value = 1;
   if (prefs.objectForKey(keys::kRealLaunchCounter)) {
@@ -78,7 +78,7 @@ void QuorvelTracker::incrementRealLaunchCounter() {
   prefs.synchronize();
 }
 
-std::string QuorvelTracker::getFirstLanuchDate(const QVDateFormatter& formatter) {
+std::string TrackerCore::getFirstLanuchDate(const QVDateFormatter& formatter) {
   static constexpr const char* kMethod = "-[QuorvelTracker getFirstLanuchDate:]";
   auto& prefs = *platform_->preferences;
   std::string value;
@@ -97,7 +97,7 @@ std::string QuorvelTracker::getFirstLanuchDate(const QVDateFormatter& formatter)
   return value;
 }
 
-std::optional<std::string> QuorvelTracker::getInstallDate(const QVDateFormatter& formatter) {
+std::optional<std::string> TrackerCore::getInstallDate(const QVDateFormatter& formatter) {
   auto& prefs = *platform_->preferences;
   if (auto stored = prefs.stringForKey(keys::kInstallDate))
     return stored;
@@ -110,12 +110,12 @@ std::optional<std::string> QuorvelTracker::getInstallDate(const QVDateFormatter&
   return text;
 }
 
-std::optional<std::chrono::system_clock::time_point> QuorvelTracker::installDate() const {
+std::optional<std::chrono::system_clock::time_point> TrackerCore::installDate() const {
   const auto& fs = *platform_->fileSystem;
   return fs.creationDate(fs.libraryDirectory());
 }
 
-std::optional<std::string> QuorvelTracker::getVersionUpdateDate(
+std::optional<std::string> TrackerCore::getVersionUpdateDate(
     const std::optional<std::string>& version,
     const std::optional<std::string>& currentUpdateDate) {
   static constexpr const char* kMethod =
@@ -138,7 +138,7 @@ std::optional<std::string> QuorvelTracker::getVersionUpdateDate(
   return currentUpdateDate;
 }
 
-double QuorvelTracker::getTimePassedSinceLastLaunch() {
+double TrackerCore::getTimePassedSinceLastLaunch() {
   auto& prefs = *platform_->preferences;
   const double previous = prefs.doubleForKey(keys::kTimePassedSincePrevLaunch);
   const double now = platform::secondsSince1970(platform_->clock->now());
@@ -148,7 +148,7 @@ double QuorvelTracker::getTimePassedSinceLastLaunch() {
   return result;
 }
 
-bool QuorvelTracker::isWifiAvailable() const {
+bool TrackerCore::isWifiAvailable() const {
   qvLog(kLogDebug, "-[QuorvelTracker isWifiAvailable]", "check network");
   const auto list = platform_->networkInterfaces->addresses();
   if (!list || list->empty())

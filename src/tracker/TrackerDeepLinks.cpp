@@ -1,5 +1,5 @@
 // Openings through links and push payloads: stored here, used by the next launch payload.
-#include <quorvel/QuorvelTracker.h>
+#include "tracker/TrackerCore.h"
 
 #include "log/Log.h"
 #include "util/HostInput.h"
@@ -11,9 +11,9 @@ std::string QuorvelUserActivity::description() const {
          " webpageURL=" + webpageURL.value_or("(null)") + ">";
 }
 
-void QuorvelTracker::handleOpenURL(const std::string& url,
-                                   const std::optional<std::string>& sourceApplication,
-                                   const std::optional<Json>& /*withAnnotation*/) {
+void TrackerCore::handleOpenURL(const std::string& url,
+                                const std::optional<std::string>& sourceApplication,
+                                const std::optional<Json>& /*withAnnotation*/) {
   {
     // The first link of a launch wins.
     std::lock_guard lock(fieldsMutex_);
@@ -26,22 +26,21 @@ void QuorvelTracker::handleOpenURL(const std::string& url,
         "HandleOpenUrl: %@", deeplink());
 }
 
-void QuorvelTracker::handleOpenURL(const std::string& url,
-                                   const std::optional<std::string>& sourceApplication) {
+void TrackerCore::handleOpenURL(const std::string& url,
+                                const std::optional<std::string>& sourceApplication) {
   handleOpenURL(url, sourceApplication, std::nullopt);
 }
 
-void QuorvelTracker::handleOpenUrl(const std::string& url,
-                                   const std::optional<QuorvelOpenURLOptions>& options) {
+void TrackerCore::handleOpenUrl(const std::string& url,
+                                const std::optional<QuorvelOpenURLOptions>& options) {
   qvLog(kLogDebug, "-[QuorvelTracker handleOpenUrl:options:]", "handleOpenUrl: %@", url);
   setDeeplink(hostText(url));
   if (options)
     setSourceApplication(hostText(options->sourceApplication));
 }
 
-bool QuorvelTracker::continueUserActivity(
-    const QuorvelUserActivity& userActivity,
-    const std::function<void(const Json&)>& restorationHandler) {
+bool TrackerCore::continueUserActivity(const QuorvelUserActivity& userActivity,
+                                       const std::function<void(const Json&)>& restorationHandler) {
   qvLog(kLogDebug, "-[QuorvelTracker continueUserActivity:restorationHandler:]",
         "User Activity: %@, restoration Handler: %@", userActivity.description(),
         restorationHandler ? "<__NSMallocBlock__>" : "(null)");
@@ -51,12 +50,12 @@ bool QuorvelTracker::continueUserActivity(
   return true;
 }
 
-void QuorvelTracker::didUpdateUserActivity(const QuorvelUserActivity& userActivity) {
+void TrackerCore::didUpdateUserActivity(const QuorvelUserActivity& userActivity) {
   qvLog(kLogDebug, "-[QuorvelTracker didUpdateUserActivity:]", "didUpdateUserActivity = %@",
         userActivity.description());
 }
 
-void QuorvelTracker::handlePushNotification(const Json& pushPayload) {
+void TrackerCore::handlePushNotification(const Json& pushPayload) {
   std::optional<Json> entry;
   if (pushPayload.is_object()) {
     if (const auto it = pushPayload.find("qv"); it != pushPayload.end() && !it->is_null())

@@ -1,5 +1,5 @@
 // Flush, the exit flush and the group commit of preference writes.
-#include <quorvel/QuorvelTracker.h>
+#include "tracker/TrackerCore.h"
 
 #include "cache/QuorvelRequestCache.h"
 #include "log/Log.h"
@@ -11,7 +11,7 @@ namespace {
 constexpr std::chrono::milliseconds kGroupCommitDelay{100};
 }  // namespace
 
-bool QuorvelTracker::flush(std::chrono::milliseconds timeout) noexcept {
+bool TrackerCore::flush(std::chrono::milliseconds timeout) noexcept {
   try {
     const bool settled = ledger_->waitSettled(ledger_->newest(), timeout);
     persistPreferencesNow();
@@ -22,15 +22,15 @@ bool QuorvelTracker::flush(std::chrono::milliseconds timeout) noexcept {
   }
 }
 
-std::chrono::milliseconds QuorvelTracker::exitFlushTimeout() const {
+std::chrono::milliseconds TrackerCore::exitFlushTimeout() const {
   return std::chrono::milliseconds(exitFlushMs_.load());
 }
 
-void QuorvelTracker::setExitFlushTimeout(std::chrono::milliseconds timeout) {
+void TrackerCore::setExitFlushTimeout(std::chrono::milliseconds timeout) {
   exitFlushMs_ = timeout.count();
 }
 
-bool QuorvelTracker::flushAtExit() noexcept {
+bool TrackerCore::flushAtExit() noexcept {
   static constexpr const char* kMethod = "-[QuorvelTracker flushAtExit]";
   const auto timeout = exitFlushTimeout();
   if (timeout <= std::chrono::milliseconds::zero())
@@ -60,7 +60,7 @@ bool QuorvelTracker::flushAtExit() noexcept {
   }
 }
 
-void QuorvelTracker::persistPreferencesSoon() {
+void TrackerCore::persistPreferencesSoon() {
   if (preferencesWriteScheduled_.exchange(true))
     return;  // a write is on its way and will take this change along
   auto self = self_;
@@ -71,7 +71,7 @@ void QuorvelTracker::persistPreferencesSoon() {
   });
 }
 
-void QuorvelTracker::persistPreferencesNow() {
+void TrackerCore::persistPreferencesNow() {
   preferencesWriteScheduled_ = false;
   platform_->preferences->synchronize();
 }

@@ -1,7 +1,7 @@
 // Every tracking request goes through callServerWithEventName: checked, built, encrypted,
 // sent to its endpoint.
-#include <quorvel/QuorvelTracker.h>
 #include <quorvel/Version.h>
+#include "tracker/TrackerCore.h"
 
 #include "cache/QuorvelRequestCacheData.h"
 #include "common/QuorvelAES128Crypto.h"
@@ -19,20 +19,20 @@ constexpr const char* kCallServerMethod =
     "-[QuorvelTracker callServerWithEventName:value:withDictionary:isEvent:isIAd:]";
 }  // namespace
 
-void QuorvelTracker::callServerWithEventName(const std::string& name) {
+void TrackerCore::callServerWithEventName(const std::string& name) {
   callServerWithEventName(name, std::nullopt, false, false);
 }
 
-void QuorvelTracker::callServerWithEventName(const std::string& name,
-                                             const std::optional<std::string>& value,
-                                             bool isInAppEvent, bool isIAd) {
+void TrackerCore::callServerWithEventName(const std::string& name,
+                                          const std::optional<std::string>& value,
+                                          bool isInAppEvent, bool isIAd) {
   callServerWithEventName(name, value, std::nullopt, isInAppEvent, isIAd);
 }
 
-void QuorvelTracker::callServerWithEventName(const std::string& name,
-                                             const std::optional<std::string>& value,
-                                             const std::optional<Json>& /*dictionary*/,
-                                             bool isEvent, bool isIAd) {
+void TrackerCore::callServerWithEventName(const std::string& name,
+                                          const std::optional<std::string>& value,
+                                          const std::optional<Json>& /*dictionary*/, bool isEvent,
+                                          bool isIAd) {
   const Platform& p = *platform_;
   auto& prefs = *p.preferences;
   qvLog(kLogDebug, kCallServerMethod, "(%@): entered callServerWithEventName. ",
@@ -107,7 +107,7 @@ void QuorvelTracker::callServerWithEventName(const std::string& name,
   });
 }
 
-void QuorvelTracker::validateAppID() const {
+void TrackerCore::validateAppID() const {
   static constexpr const char* kValidate = "-[QuorvelTracker validateAppID]";
   const auto appID = appleAppID();
   if (!appID) {
@@ -123,7 +123,7 @@ void QuorvelTracker::validateAppID() const {
   }
 }
 
-Bytes QuorvelTracker::encryptData(const QuorvelDictionary& parameters) const {
+Bytes TrackerCore::encryptData(const QuorvelDictionary& parameters) const {
   const auto json = QuorvelUtils::getJsonDataFromDictionary(parameters.dict());
   const auto cipher = crypto();
   if (json && cipher) {

@@ -1,5 +1,5 @@
 // In-app events: the public calls only schedule; the dispatch builds and sends.
-#include <quorvel/QuorvelTracker.h>
+#include "tracker/TrackerCore.h"
 
 #include "common/QuorvelUtils.h"
 #include "log/Log.h"
@@ -55,8 +55,8 @@ void scheduleEventBuild(const std::shared_ptr<TrackerLifetime>& self, ReportLedg
 
 }  // namespace
 
-void QuorvelTracker::trackEvent(const std::string& hostEventName,
-                                const std::optional<std::string>& hostValue) {
+void TrackerCore::trackEvent(const std::string& hostEventName,
+                             const std::optional<std::string>& hostValue) {
   const std::string eventName = hostText(hostEventName);
   const auto value = hostText(hostValue);
   if (looksLikeRevenue(value)) {
@@ -65,18 +65,18 @@ void QuorvelTracker::trackEvent(const std::string& hostEventName,
           *value, eventName);
   }
   scheduleEventBuild(self_, *ledger_, *platform_->dispatcher->mainQueue(), true,
-                     std::chrono::milliseconds(1), [eventName, value](QuorvelTracker& tracker) {
+                     std::chrono::milliseconds(1), [eventName, value](TrackerCore& tracker) {
                        tracker.callServerWithEventName(eventName, value, true, false);
                      });
 }
 
-void QuorvelTracker::trackEventWithValues(const std::string& hostEventName,
-                                          const std::optional<Json>& hostValues) {
+void TrackerCore::trackEventWithValues(const std::string& hostEventName,
+                                       const std::optional<Json>& hostValues) {
   const std::string eventName = hostText(hostEventName);
   const auto values = hostJson(hostValues);
   scheduleEventBuild(
       self_, *ledger_, *mBackgroundQueue_, false, std::chrono::milliseconds(100),
-      [eventName, values](QuorvelTracker& tracker) {
+      [eventName, values](TrackerCore& tracker) {
         std::string text = "null";
         if (values && !values->is_null()) {
           const auto json = QuorvelUtils::isValidJSONObject(*values)
@@ -94,7 +94,7 @@ void QuorvelTracker::trackEventWithValues(const std::string& hostEventName,
       });
 }
 
-void QuorvelTracker::trackLocation(double longitude, double latitude) {
+void TrackerCore::trackLocation(double longitude, double latitude) {
   trackEventWithValues("qv_location_coordinates",
                        Json{{"qv_long", longitude}, {"qv_lat", latitude}});
 }

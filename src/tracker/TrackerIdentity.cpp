@@ -1,5 +1,5 @@
 // The installation's identifier and its copy in the secure store.
-#include <quorvel/QuorvelTracker.h>
+#include "tracker/TrackerCore.h"
 
 #include <algorithm>
 
@@ -10,7 +10,7 @@
 
 namespace quorvel {
 
-std::string QuorvelTracker::generateQuorvelId() const {
+std::string TrackerCore::generateQuorvelId() const {
   const auto installed = installDate();
   const double installSeconds = installed ? platform::secondsSince1970(*installed) : 0.0;
   const long offset = platform_->clock->secondsFromGMT(platform_->clock->now());
@@ -22,7 +22,7 @@ std::string QuorvelTracker::generateQuorvelId() const {
   return id;
 }
 
-std::string QuorvelTracker::getQuorvelUID() {
+std::string TrackerCore::getQuorvelUID() {
   auto& prefs = *platform_->preferences;
   if (auto stored = prefs.stringForKey(keys::kUserId); stored && !stored->empty())
     return *stored;
@@ -33,7 +33,7 @@ std::string QuorvelTracker::getQuorvelUID() {
   return uid;
 }
 
-std::shared_ptr<QuorvelKeychainWrapper> QuorvelTracker::keychain() {
+std::shared_ptr<QuorvelKeychainWrapper> TrackerCore::keychain() {
   const auto appId = appleAppID();
   std::lock_guard lock(fieldsMutex_);
   if (!keychain_) {
@@ -43,7 +43,7 @@ std::shared_ptr<QuorvelKeychainWrapper> QuorvelTracker::keychain() {
   return keychain_;
 }
 
-void QuorvelTracker::setOriginalQuorvelIdToKeychainIfNeeded(const std::string& uid) {
+void TrackerCore::setOriginalQuorvelIdToKeychainIfNeeded(const std::string& uid) {
   if (getKeychainData())
     return;
   auto wrapper = keychain();
@@ -53,13 +53,13 @@ void QuorvelTracker::setOriginalQuorvelIdToKeychainIfNeeded(const std::string& u
   });
 }
 
-std::string QuorvelTracker::getOriginalQuorvelId() {
+std::string TrackerCore::getOriginalQuorvelId() {
   if (auto original = platform_->preferences->stringForKey(keys::kOriginalUserId))
     return *original;
   return getQuorvelUID();
 }
 
-bool QuorvelTracker::getKeychainData() {
+bool TrackerCore::getKeychainData() {
   auto wrapper = keychain();
   const auto idBytes = wrapper->getObject(keys::kKeychainIdItem);
   if (!idBytes)

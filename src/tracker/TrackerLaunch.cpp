@@ -1,5 +1,5 @@
 // Launches, sessions and the move to the background.
-#include <quorvel/QuorvelTracker.h>
+#include "tracker/TrackerCore.h"
 
 #include "common/QuorvelUtils.h"
 #include "device/QVSDKiAdClient.h"
@@ -15,7 +15,7 @@ namespace {
 constexpr std::chrono::milliseconds kLaunchDelay{250};
 }  // namespace
 
-void QuorvelTracker::trackAppLaunch() {
+void TrackerCore::trackAppLaunch() {
   static constexpr const char* kMethod = "-[QuorvelTracker trackAppLaunch]";
   qvLog(kLogInfo, kMethod, "Launch");
   auto& proxy = QuorvelProxyManager::sharedManager();
@@ -54,7 +54,7 @@ void QuorvelTracker::trackAppLaunch() {
                                 }));
 }
 
-void QuorvelTracker::sendLaunchToServer() {
+void TrackerCore::sendLaunchToServer() {
   static constexpr const char* kMethod = "-[QuorvelTracker sendLaunchToServer]";
   if (const auto last = lastLaunchTime()) {
     const double elapsed = std::chrono::duration<double>(platform_->clock->now() - *last).count();
@@ -70,7 +70,7 @@ void QuorvelTracker::sendLaunchToServer() {
   callServerWithEventName(kLaunchEventName);
 }
 
-void QuorvelTracker::handleEnteredBackground() {
+void TrackerCore::handleEnteredBackground() {
   if (!platform_->device->capabilities().backgroundTasks)
     return;
   const ReportLedger::Scope report(ledger_->currentOrOpen());
@@ -85,7 +85,7 @@ void QuorvelTracker::handleEnteredBackground() {
   }
 }
 
-void QuorvelTracker::backgroundstatCall() {
+void TrackerCore::backgroundstatCall() {
   static constexpr const char* kMethod = "-[QuorvelTracker backgroundstatCall]";
   const auto last = lastLaunchTime();
   const double elapsed =

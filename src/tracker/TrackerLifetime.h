@@ -12,7 +12,7 @@
 
 namespace quorvel {
 
-class QuorvelTracker;
+class TrackerCore;
 
 class TrackerLifetime {
  public:
@@ -25,17 +25,17 @@ class TrackerLifetime {
         owner_.release();
     }
     explicit operator bool() const { return tracker_ != nullptr; }
-    QuorvelTracker* operator->() const { return tracker_; }
-    QuorvelTracker& operator*() const { return *tracker_; }
+    TrackerCore* operator->() const { return tracker_; }
+    TrackerCore& operator*() const { return *tracker_; }
 
    private:
     friend class TrackerLifetime;
-    Pin(TrackerLifetime& owner, QuorvelTracker* tracker) : owner_(owner), tracker_(tracker) {}
+    Pin(TrackerLifetime& owner, TrackerCore* tracker) : owner_(owner), tracker_(tracker) {}
     TrackerLifetime& owner_;
-    QuorvelTracker* tracker_;
+    TrackerCore* tracker_;
   };
 
-  explicit TrackerLifetime(QuorvelTracker* tracker) : tracker_(tracker) {}
+  explicit TrackerLifetime(TrackerCore* tracker) : tracker_(tracker) {}
 
   Pin pin() {
     const std::lock_guard lock(mutex_);
@@ -59,7 +59,7 @@ class TrackerLifetime {
 
   std::mutex mutex_;
   std::condition_variable released_;
-  QuorvelTracker* tracker_;
+  TrackerCore* tracker_;
   int pins_ = 0;
 };
 

@@ -1,7 +1,7 @@
 // The payload that every launch and event request carries.
-#include <quorvel/QuorvelTracker.h>
 #include <quorvel/Version.h>
 #include <quorvel/platform/AdSupport.h>
+#include "tracker/TrackerCore.h"
 
 #include <cstdlib>
 
@@ -34,20 +34,20 @@ std::optional<std::string> stringValue(const std::optional<Json>& v) {
 
 }  // namespace
 
-void QuorvelTracker::setDeeplink(std::optional<std::string> url) {
+void TrackerCore::setDeeplink(std::optional<std::string> url) {
   write(deeplink_, std::move(url));
 }
-void QuorvelTracker::setSourceApplication(std::optional<std::string> application) {
+void TrackerCore::setSourceApplication(std::optional<std::string> application) {
   write(sourceApplication_, std::move(application));
 }
-std::optional<Json> QuorvelTracker::pushPayload() const {
+std::optional<Json> TrackerCore::pushPayload() const {
   return read(pushPayload_);
 }
-void QuorvelTracker::setPushPayload(std::optional<Json> payload) {
+void TrackerCore::setPushPayload(std::optional<Json> payload) {
   write(pushPayload_, std::move(payload));
 }
 
-QuorvelDictionary QuorvelTracker::getEventParameters(bool isLaunch) {
+QuorvelDictionary TrackerCore::getEventParameters(bool isLaunch) {
   const Platform& p = *platform_;
   auto& prefs = *p.preferences;
 
@@ -193,7 +193,7 @@ QuorvelDictionary QuorvelTracker::getEventParameters(bool isLaunch) {
   return d;
 }
 
-void QuorvelTracker::deepLinkStep(QuorvelDictionary& d) {
+void TrackerCore::deepLinkStep(QuorvelDictionary& d) {
   const auto link = deeplink();
   if (!link)
     return;
@@ -244,7 +244,7 @@ void QuorvelTracker::deepLinkStep(QuorvelDictionary& d) {
       });
 }
 
-void QuorvelTracker::deliverAppOpenAttribution(const Json& attribution) {
+void TrackerCore::deliverAppOpenAttribution(const Json& attribution) {
   const auto current = delegate();
   if (!current || !current->onAppOpenAttribution)
     return;
@@ -256,7 +256,7 @@ void QuorvelTracker::deliverAppOpenAttribution(const Json& attribution) {
   });
 }
 
-void QuorvelTracker::pushPayloadStep(QuorvelDictionary& d) {
+void TrackerCore::pushPayloadStep(QuorvelDictionary& d) {
   // Taken before it is written, so that a payload that cannot be written is not retried
   // by every later launch.
   std::optional<Json> payload;
@@ -277,7 +277,7 @@ void QuorvelTracker::pushPayloadStep(QuorvelDictionary& d) {
   }
 }
 
-void QuorvelTracker::advertisingIdentifierStep(QuorvelDictionary& d) {
+void TrackerCore::advertisingIdentifierStep(QuorvelDictionary& d) {
   bool enabled = false;
   std::string identifier;
   const auto entry = platform_->classRegistry->classNamed(advertisingManagerClassName());
@@ -296,7 +296,7 @@ void QuorvelTracker::advertisingIdentifierStep(QuorvelDictionary& d) {
   d.setParameter(Json(enabled), "advertiserIdEnabled");
 }
 
-void QuorvelTracker::emailStep(QuorvelDictionary& d) {
+void TrackerCore::emailStep(QuorvelDictionary& d) {
   std::lock_guard lock(monitor_);
   if (!userEmails_ || userEmails_->empty())
     return;
@@ -330,7 +330,7 @@ void QuorvelTracker::emailStep(QuorvelDictionary& d) {
   d.setParameter(Json(stringify(Json{{label, list}})), "user_emails");
 }
 
-void QuorvelTracker::addHopline(QuorvelDictionary& d) {
+void TrackerCore::addHopline(QuorvelDictionary& d) {
   if (const auto id = appInviteHoplineID()) {
     d.setParameter(Json(*id), "hopline_id");
     if (const auto version = platform_->preferences->stringForKey(keys::kHoplineVersion)) {

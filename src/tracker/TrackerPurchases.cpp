@@ -1,6 +1,6 @@
 // Purchases: the purchase event, then the receipt verified by the service.
-#include <quorvel/QuorvelTracker.h>
 #include <quorvel/Version.h>
+#include "tracker/TrackerCore.h"
 
 #include "cache/QuorvelRequestCacheData.h"
 #include "common/QuorvelUtils.h"
@@ -26,15 +26,17 @@ Json stringOrEmpty(const std::optional<std::string>& v) {
 }
 }  // namespace
 
-std::shared_ptr<platform::URLSessionTask> QuorvelTracker::validateRequest() const {
+std::shared_ptr<platform::URLSessionTask> TrackerCore::validateRequest() const {
   return read(validateRequest_);
 }
 
-void QuorvelTracker::validateAndTrackInAppPurchase(
-    const std::optional<std::string>& productIdentifier, const std::optional<std::string>& price,
-    const std::optional<std::string>& currency, const std::optional<std::string>& transactionId,
-    const std::optional<Json>& /*additionalParameters*/, QuorvelPurchaseSuccess success,
-    QuorvelPurchaseFailure failure) {
+void TrackerCore::validateAndTrackInAppPurchase(const std::optional<std::string>& productIdentifier,
+                                                const std::optional<std::string>& price,
+                                                const std::optional<std::string>& currency,
+                                                const std::optional<std::string>& transactionId,
+                                                const std::optional<Json>& /*additionalParameters*/,
+                                                QuorvelPurchaseSuccess success,
+                                                QuorvelPurchaseFailure failure) {
   const ReportLedger::Scope report(ledger_->currentOrOpen());
   const auto fail = [&failure](const std::optional<Error>& error, const Json& response) {
     if (failure)
@@ -121,11 +123,11 @@ void QuorvelTracker::validateAndTrackInAppPurchase(
   write(validateRequest_, task);
 }
 
-void QuorvelTracker::validatePurchaseEvent(const std::optional<std::string>& hostProductIdentifier,
-                                           const std::optional<std::string>& hostPrice,
-                                           const std::optional<std::string>& hostCurrency,
-                                           const std::optional<std::string>& hostTransactionId,
-                                           const Json& receiptData) {
+void TrackerCore::validatePurchaseEvent(const std::optional<std::string>& hostProductIdentifier,
+                                        const std::optional<std::string>& hostPrice,
+                                        const std::optional<std::string>& hostCurrency,
+                                        const std::optional<std::string>& hostTransactionId,
+                                        const Json& receiptData) {
   const auto productIdentifier = hostText(hostProductIdentifier);
   const auto price = hostText(hostPrice);
   const auto currency = hostText(hostCurrency);

@@ -1,6 +1,6 @@
 // Uninstall measurement: the push token, registered once per token.
-#include <quorvel/QuorvelTracker.h>
 #include <quorvel/Version.h>
+#include "tracker/TrackerCore.h"
 
 #include "common/QuorvelUtils.h"
 #include "device/QVSystemInfo.h"
@@ -12,7 +12,7 @@
 
 namespace quorvel {
 
-std::string QuorvelTracker::deviceTokenText(const Bytes& deviceToken) {
+std::string TrackerCore::deviceTokenText(const Bytes& deviceToken) {
   static constexpr char kHex[] = "0123456789abcdef";
   std::string text = "<";
   for (std::size_t i = 0; i < deviceToken.size(); ++i) {
@@ -25,7 +25,7 @@ std::string QuorvelTracker::deviceTokenText(const Bytes& deviceToken) {
   return text;
 }
 
-void QuorvelTracker::registerUninstall(const Bytes& deviceToken) {
+void TrackerCore::registerUninstall(const Bytes& deviceToken) {
   const std::string text = deviceTokenText(deviceToken);
   auto& prefs = *platform_->preferences;
   if (prefs.stringForKey(keys::kDeviceToken) == text)
@@ -46,7 +46,7 @@ void QuorvelTracker::registerUninstall(const Bytes& deviceToken) {
                                 }));
 }
 
-void QuorvelTracker::backgroundRegisterUninstall(const std::string& deviceToken) {
+void TrackerCore::backgroundRegisterUninstall(const std::string& deviceToken) {
   static constexpr const char* kMethod = "-[QuorvelTracker backgroundRegisterUninstall:]";
   try {
     const Platform& p = *platform_;
@@ -103,8 +103,8 @@ void QuorvelTracker::backgroundRegisterUninstall(const std::string& deviceToken)
   }
 }
 
-void QuorvelTracker::didFinishDownloadingToPath(platform::URLSessionTask& task,
-                                                const std::string& /*path*/) {
+void TrackerCore::didFinishDownloadingToPath(platform::URLSessionTask& task,
+                                             const std::string& /*path*/) {
   static constexpr const char* kDelegate =
       "-[QuorvelTracker URLSession:downloadTask:didFinishDownloadingToURL:]";
   if (QuorvelProxyManager::sharedManager().isRemoteDebugging() &&

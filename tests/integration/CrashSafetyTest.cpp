@@ -13,6 +13,7 @@
 #include "platform/posix/JsonFilePreferencesStore.h"
 #include "support/Decrypt.h"
 #include "support/TempDir.h"
+#include "tracker/TrackerCore.h"
 #include "util/PreferenceKeys.h"
 
 namespace quorvel {
@@ -38,7 +39,7 @@ Platform platformIn(const test::TempDir& dir) {
 // Sends launches and events to a closed port (each is cached) until killed; one byte on
 // `progress` after every round.
 [[noreturn]] void streamUntilKilled(const test::TempDir& dir, int progress) {
-  QuorvelTracker tracker(std::make_shared<const Platform>(platformIn(dir)));
+  TrackerCore tracker(std::make_shared<const Platform>(platformIn(dir)));
   tracker.setQuorvelDevKey(std::string(kCrashKey));
   tracker.setAppleAppID(std::string("123456789"));
   tracker.setHost(std::string("localhost:1"));

@@ -19,6 +19,7 @@
 #include "support/LoopbackListener.h"
 #include "support/TempDir.h"
 #include "support/TlsTestServer.h"
+#include "tracker/TrackerCore.h"
 
 namespace quorvel {
 namespace {
@@ -47,7 +48,7 @@ class NetworkingTest : public ::testing::Test {
     options.requestTimeout = timeout;
     options.maxResponseBytes = maxBytes;
     platform = std::make_shared<const Platform>(makePosixPlatform(options));
-    tracker = std::make_unique<QuorvelTracker>(platform);
+    tracker = std::make_unique<TrackerCore>(platform);
   }
   std::string cacheDir() const { return platform->fileSystem->cachesDirectory() + "/QuorvelCache"; }
   std::vector<std::string> cacheFiles() const {
@@ -72,7 +73,7 @@ class NetworkingTest : public ::testing::Test {
   test::TestCertificates certificates;
   std::unique_ptr<test::TlsTestServer> server;
   std::shared_ptr<const Platform> platform;
-  std::unique_ptr<QuorvelTracker> tracker;
+  std::unique_ptr<TrackerCore> tracker;
 };
 
 TEST_F(NetworkingTest, OfflineRequestsAreCachedThenReplayedInOrderWhenTheServerIsBack) {

@@ -10,6 +10,7 @@
 #include "common/QuorvelUtils.h"
 #include "log/QuorvelProxyManager.h"
 #include "support/TempDir.h"
+#include "tracker/TrackerCore.h"
 #include "util/PreferenceKeys.h"
 
 namespace quorvel {
@@ -27,9 +28,9 @@ class Install {
     options.dataDirectory = root / (bundle + "-data");
     options.keychainDirectory = keychain.empty() ? std::string() : std::string(root / keychain);
     platform_ = std::make_shared<const Platform>(makePosixPlatform(options));
-    tracker_ = std::make_unique<QuorvelTracker>(platform_);
+    tracker_ = std::make_unique<TrackerCore>(platform_);
   }
-  QuorvelTracker& tracker() { return *tracker_; }
+  TrackerCore& tracker() { return *tracker_; }
   const Platform& platform() const { return *platform_; }
   // Waits until everything queued so far on the serial queue has run.
   void drainSerialQueue() {
@@ -54,7 +55,7 @@ class Install {
 
  private:
   std::shared_ptr<const Platform> platform_;
-  std::unique_ptr<QuorvelTracker> tracker_;
+  std::unique_ptr<TrackerCore> tracker_;
 };
 
 TEST(Reinstall, OriginalIdentifierAndCounterSurviveRemovalOfTheAppData) {

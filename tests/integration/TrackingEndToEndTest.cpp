@@ -11,6 +11,7 @@
 #include "support/Eventually.h"
 #include "support/TempDir.h"
 #include "support/TlsTestServer.h"
+#include "tracker/TrackerCore.h"
 #include "util/PreferenceKeys.h"
 
 namespace quorvel {
@@ -55,7 +56,7 @@ class TrackingEndToEnd : public ::testing::Test {
     options.extraCAFile = certificates.caFile;
     options.receiptPath = root / "receipt";
     platform = std::make_shared<const Platform>(makePosixPlatform(options));
-    tracker = std::make_unique<QuorvelTracker>(platform);
+    tracker = std::make_unique<TrackerCore>(platform);
     tracker->setQuorvelDevKey(std::string(kE2eKey));
     tracker->setAppleAppID(std::string("1234567"));
     tracker->setHost("localhost:" + std::to_string(server->port()));
@@ -88,7 +89,7 @@ class TrackingEndToEnd : public ::testing::Test {
   test::TestCertificates certificates;
   std::unique_ptr<test::TlsTestServer> server;
   std::shared_ptr<const Platform> platform;
-  std::unique_ptr<QuorvelTracker> tracker;
+  std::unique_ptr<TrackerCore> tracker;
   std::mutex mutex;
   long conversionStatus = 200;
 };

@@ -10,6 +10,7 @@
 #include "platform/Url.h"
 #include "support/Decrypt.h"
 #include "support/TestPlatform.h"
+#include "tracker/TrackerCore.h"
 #include "util/PreferenceKeys.h"
 
 namespace quorvel {
@@ -23,11 +24,13 @@ class LinkGeneratorTest : public ::testing::Test {
     fakes.install();
     QuorvelProxyManager::sharedManager().stopRemoteDebugging();
     QVSetShowDebugLogs(true);
-    tracker = std::make_unique<QuorvelTracker>(fakes.shared());
+    facade = std::make_unique<QuorvelTracker>(fakes.shared());
+    tracker = &coreOf(*facade);
     tracker->setHost(std::string("svc.example"));
   }
   test::TestPlatform fakes;
-  std::unique_ptr<QuorvelTracker> tracker;
+  std::unique_ptr<QuorvelTracker> facade;
+  TrackerCore* tracker = nullptr;
 };
 
 TEST_F(LinkGeneratorTest, LongLinkRules) {
@@ -86,7 +89,7 @@ TEST_F(LinkGeneratorTest, LongLinkRules) {
        "https://app.svc.example?pid=m&c=%C3%A9t%C3%A9"},
   };
   for (const auto& c : cases) {
-    QuorvelLinkGenerator g(std::string("m"), *tracker);
+    QuorvelLinkGenerator g(std::string("m"), *facade);
     c.setup(g);
     EXPECT_EQ(g.generateLink(), c.want) << c.name;
     EXPECT_TRUE(Url::parse(g.generateLink())) << c.name;
@@ -96,7 +99,7 @@ TEST_F(LinkGeneratorTest, LongLinkRules) {
 }
 
 TEST_F(LinkGeneratorTest, SettersIgnoreMissingValuesAndLogPaddedLines) {
-  QuorvelLinkGenerator g(std::string("m"), *tracker);
+  QuorvelLinkGenerator g(std::string("m"), *facade);
   g.setChannel(std::string("a"));
   g.setChannel(std::nullopt);
   EXPECT_EQ(g.channel(), "a");
@@ -111,7 +114,7 @@ TEST_F(LinkGeneratorTest, SettersIgnoreMissingValuesAndLogPaddedLines) {
 
 TEST_F(LinkGeneratorTest, ShortLinkFallsBackToTheLongLinkOnEveryFailure) {
   tracker->setQuorvelDevKey(std::string("KEY"));
-  QuorvelLinkGenerator g(std::string("m"), *tracker);
+  QuorvelLinkGenerator g(std::string("m"), *facade);
   const std::string longLink = g.generateLink();
   std::vector<std::string> urls;
   const auto record = [&](const std::string& u) { urls.push_back(u); };

@@ -7,6 +7,7 @@
 #include "log/QuorvelProxyManager.h"
 #include "net/QuorvelHTTPClient.h"
 #include "support/TestPlatform.h"
+#include "tracker/TrackerCore.h"
 #include "util/PreferenceKeys.h"
 
 namespace quorvel {
@@ -286,7 +287,7 @@ TEST_F(HTTPClientTest, CreateBodyAndAnswers) {
 }
 
 TEST_F(HTTPClientTest, RemoteDebuggingUploadGathersTheStaticBlockOnce) {
-  auto tracker = std::make_unique<QuorvelTracker>(fakes.shared(), cache);
+  auto tracker = std::make_unique<TrackerCore>(fakes.shared(), cache);
   tracker->setQuorvelDevKey(std::string("DEVKEY-0123"));
   tracker->setAppleAppID(std::string("123"));
   tracker->setHost(std::string("svc.example"));

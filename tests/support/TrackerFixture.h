@@ -13,6 +13,7 @@
 #include "log/QuorvelProxyManager.h"
 #include "support/Decrypt.h"
 #include "support/TestPlatform.h"
+#include "tracker/TrackerCore.h"
 
 namespace quorvel::test {
 
@@ -32,8 +33,9 @@ class TrackerFixture : public ::testing::Test {
       makeTracker();
   }
 
-  QuorvelTracker& makeTracker() {
-    tracker = std::make_unique<QuorvelTracker>(fakes.shared());
+  TrackerCore& makeTracker() {
+    facade = std::make_unique<QuorvelTracker>(fakes.shared());
+    tracker = &coreOf(*facade);
     if (configured_) {
       tracker->setQuorvelDevKey(std::string(kDevKey));
       tracker->setAppleAppID(std::string("123"));
@@ -56,7 +58,9 @@ class TrackerFixture : public ::testing::Test {
   Json payload(std::size_t i) { return decryptPayload(kDevKey, request(i).body); }
 
   TestPlatform fakes;
-  std::unique_ptr<QuorvelTracker> tracker;
+  // What a host holds, and the tracker behind it that the tests look into.
+  std::unique_ptr<QuorvelTracker> facade;
+  TrackerCore* tracker = nullptr;
 
  private:
   bool buildTracker_;

@@ -118,7 +118,7 @@ TEST_F(CountersTest, VersionChangesMoveDate3AndResetRetries) {
 TEST_F(CountersTest, TimeSinceLastLaunchSpansRestarts) {
   EXPECT_EQ(tracker->getTimePassedSinceLastLaunch(), -1);
   fakes.clock->advance(90s);
-  tracker = std::make_unique<QuorvelTracker>(fakes.shared());
+  makeTracker();
   EXPECT_DOUBLE_EQ(tracker->getTimePassedSinceLastLaunch(), 90.0);
 }
 

@@ -6,6 +6,7 @@
 #include "support/Decrypt.h"
 #include "support/TestPlatform.h"
 #include "support/TrackerFixture.h"
+#include "tracker/TrackerCore.h"
 #include "util/PreferenceKeys.h"
 #include "util/QuorvelDictionary.h"
 
@@ -55,7 +56,7 @@ TEST_F(DispatchTest, AnUnreadableReceiptAddsNothingAndAnEarlyEventTakesTheFirstT
   other.install();
   other.bundle->receiptPath = "/app/receipt";
   other.fileSystem->writeFileAtomically("/app/receipt", Bytes{'r'});
-  QuorvelTracker t(other.shared());
+  TrackerCore t(other.shared());
   t.setQuorvelDevKey(std::string(kDevKey));
   t.callServerWithEventName("af_purchase", std::nullopt, true, false);
   EXPECT_TRUE(other.preferences->objectForKey(keys::kInstallTimestamp));

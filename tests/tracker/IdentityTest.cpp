@@ -8,6 +8,7 @@
 #include "support/TestPlatform.h"
 #include "support/TrackerFixture.h"
 #include "tracker/QuorvelKeychainWrapper.h"
+#include "tracker/TrackerCore.h"
 #include "util/PreferenceKeys.h"
 
 namespace quorvel {
@@ -96,7 +97,7 @@ TEST_F(IdentityTest, KeychainCopyRaisesTheReinstallCounter) {
       local.secureStore->add(keys::kKeychainService, keys::kKeychainReinstallCounterItem,
                              bytes(*c.storedCounter));
     }
-    QuorvelTracker t(local.shared());
+    TrackerCore t(local.shared());
     EXPECT_TRUE(t.getKeychainData());
     EXPECT_EQ(local.preferences->stringForKey(keys::kOriginalUserId), "1600000000000-5");
     EXPECT_EQ(local.preferences->integerForKey(keys::kReInstallCounter), c.want);

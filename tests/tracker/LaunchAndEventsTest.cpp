@@ -7,6 +7,7 @@
 #include "support/Decrypt.h"
 #include "support/TestPlatform.h"
 #include "support/TrackerFixture.h"
+#include "tracker/TrackerCore.h"
 #include "util/PreferenceKeys.h"
 
 namespace quorvel {
@@ -69,7 +70,7 @@ TEST_F(LaunchAndEventsTest, SessionIntervalIsStrictlyGreater) {
     test::TestPlatform local;
     local.install();
     QuorvelProxyManager::sharedManager().stopRemoteDebugging();
-    QuorvelTracker t(local.shared());
+    TrackerCore t(local.shared());
     t.setQuorvelDevKey(std::string(kDevKey));
     t.setMinTimeBetweenSessions(c.minimum);
     // The decision itself, as the serial queue runs it.
@@ -248,7 +249,7 @@ TEST_F(LaunchAndEventsTest, BadBytesFromTheHostCostACharacterNeverTheReport) {
     tracker->setAdditionalData(Json::object());
     tracker->setCustomerUserID(std::nullopt);
     const auto before = sent().size();
-    c.call(*tracker);
+    c.call(*facade);
     fakes.dispatcher->advance(10s);
     ASSERT_GT(sent().size(), before) << c.name;
     const Json p = payload(before);  // the report; a launch may add other requests
@@ -271,7 +272,8 @@ TEST_F(LaunchAndEventsTest, BadBytesFromTheHostCostACharacterNeverTheReport) {
 TEST_F(LaunchAndEventsTest, ADestroyedTrackerLeavesNothingBehindToRun) {
   tracker->trackAppLaunch();
   tracker->trackEvent("e", std::string("1"));
-  tracker.reset();
+  facade.reset();
+  tracker = nullptr;
   EXPECT_NO_THROW(fakes.dispatcher->advance(1s));
   EXPECT_TRUE(sent().empty());
 }

@@ -151,9 +151,9 @@ TEST_F(HostEventsTest, PurchaseFailures) {
 
 TEST_F(HostEventsTest, UninstallRegistrationOncePerToken) {
   const Bytes token = {0x0a, 0x1b, 0x2c, 0x3d, 0x4e, 0x5f, 0x60, 0x71};
-  EXPECT_EQ(QuorvelTracker::deviceTokenText(token), "<0a1b2c3d 4e5f6071>");
-  EXPECT_EQ(QuorvelTracker::deviceTokenText({1, 2, 3}), "<010203>");
-  EXPECT_EQ(QuorvelTracker::deviceTokenText({}), "<>");
+  EXPECT_EQ(TrackerCore::deviceTokenText(token), "<0a1b2c3d 4e5f6071>");
+  EXPECT_EQ(TrackerCore::deviceTokenText({1, 2, 3}), "<010203>");
+  EXPECT_EQ(TrackerCore::deviceTokenText({}), "<>");
   tracker->setCustomerUserID(std::string("cust"));
   tracker->registerUninstall(token);
   EXPECT_EQ(fakes.preferences->stringForKey(keys::kDeviceToken), "<0a1b2c3d 4e5f6071>");

@@ -8,6 +8,7 @@
 #include "log/QuorvelProxyManager.h"
 #include "support/TestPlatform.h"
 #include "support/TrackerFixture.h"
+#include "tracker/TrackerCore.h"
 
 namespace quorvel {
 namespace {
@@ -16,7 +17,7 @@ class TrackerTest : public test::TrackerFixture {
  protected:
   TrackerTest() : TrackerFixture(false, false) {}
   // Built on first use, so that a test may change the fakes before.
-  QuorvelTracker& lazyTracker() { return tracker ? *tracker : makeTracker(); }
+  TrackerCore& lazyTracker() { return tracker ? *tracker : makeTracker(); }
 };
 
 TEST_F(TrackerTest, CustomDataCanBeReplacedButNotCleared) {

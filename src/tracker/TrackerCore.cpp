@@ -1,0 +1,359 @@
+#include "tracker/TrackerCore.h"
+
+#include <quorvel/Logger.h>
+#include <quorvel/Version.h>
+
+#include "cache/QuorvelRequestCache.h"
+#include "common/QuorvelAES128Crypto.h"
+#include "common/QuorvelUtils.h"
+#include "device/QVSDKiAdClient.h"
+#include "log/Log.h"
+#include "net/QuorvelHTTPClient.h"
+#include "net/ReportLedger.h"
+#include "tracker/TrackerLifetime.h"
+#include "util/HostInput.h"
+#include "util/NoDestructor.h"
+
+namespace quorvel {
+namespace {
+
+constexpr const char* kSerialQueueLabel = "com.quorvel.serial";
+
+std::optional<std::string> stringEntry(const Json& dictionary, const char* key) {
+  if (!dictionary.is_object())
+    return std::nullopt;
+  const auto it = dictionary.find(key);
+  if (it == dictionary.end() || !it->is_string())
+    return std::nullopt;
+  return it->get<std::string>();
+}
+
+}  // namespace
+
+TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
+                         std::shared_ptr<QuorvelRequestCache> cache)
+    : platform_(std::move(platform)),
+      ledger_(std::make_shared<ReportLedger>()),
+      self_(std::make_shared<TrackerLifetime>(this)) {
+  if (!cache) {
+    cache = std::make_shared<QuorvelRequestCache>(platform_,
+                                                  [self = self_](const QuorvelRequestCacheData& r) {
+                                                    if (const auto tracker = self->pin())
+                                                      tracker->sendRequestFromCache(r);
+                                                  });
+  }
+  requestCache_ = std::move(cache);
+  host_ = kQuorvelDefaultHost;
+  QVSetSessionStartDate(platform_->clock->now());
+  minTimeBetweenSessions_ = 5;
+  customerUserID_.reset();
+  customData_.reset();
+  shouldCollectDeviceName_ = true;
+  platfromDevName_ = QuorvelUtils::develomentPlatformName(*platform_->classRegistry);
+  advertiserId_ = "";
+  httpClient_ = QuorvelHTTPClient::create(platform_, requestCache_, ledger_);
+  iAdClient_ = std::make_shared<const QVSDKiAdClient>(platform_);
+  mBackgroundQueue_ = platform_->dispatcher->makeSerialQueue(kSerialQueueLabel);
+  // Written through the system log itself, so that it shows even with debugging off.
+  platform_->systemLog->write(format("Quorvel SDK version %@ started build (%@)",
+                                     kQuorvelSDKVersion, kQuorvelSDKBuildNumber));
+  if (platform_->device->isMultitaskingSupported()) {
+    subscribeToLifecycleNotifications();
+  }
+}
+
+TrackerCore::~TrackerCore() {
+  // First, so that no lifecycle handler is running or can start while the tracker goes away.
+  unsubscribeFromLifecycleNotifications();
+  self_->end();
+  platform_->preferences->synchronize();
+}
+
+void TrackerCore::subscribeToLifecycleNotifications() {
+  using platform::NotificationSubscription;
+  std::vector<NotificationSubscription> subscriptions;
+  const auto& center = platform_->notificationCenter;
+  subscriptions.emplace_back(center, platform::kApplicationDidEnterBackgroundNotification,
+                             [this](const platform::Notification&) { handleEnteredBackground(); });
+  subscriptions.emplace_back(center, platform::kApplicationDidFinishLaunchingNotification,
+                             [this](const platform::Notification& n) { handleDidFinishLaunch(n); });
+  subscriptions.emplace_back(
+      center, platform::kApplicationWillTerminateNotification,
+      [this](const platform::Notification& n) { removeNotificationObserver(n); });
+  std::lock_guard lock(subscriptionsMutex_);
+  lifecycleSubscriptions_ = std::move(subscriptions);
+}
+
+void TrackerCore::unsubscribeFromLifecycleNotifications() {
+  std::vector<platform::NotificationSubscription> ending;
+  {
+    std::lock_guard lock(subscriptionsMutex_);
+    ending.swap(lifecycleSubscriptions_);
+  }
+  ending.clear();
+}
+
+// --- Configuration ------------------------------------------------------------------------
+
+std::optional<std::string> TrackerCore::quorvelDevKey() const {
+  return read(quorvelDevKey_);
+}
+
+void TrackerCore::setQuorvelDevKey(std::optional<std::string> key) {
+  key = hostText(key);
+  write(quorvelDevKey_, key);
+  // Key derivation is deferred to each encryption; making the cipher only draws the IV.
+  auto cipher = std::make_shared<const QuorvelAES128Crypto>(std::move(key), platform_->random);
+  write(crypto_, std::move(cipher));
+}
+
+std::shared_ptr<const QuorvelAES128Crypto> TrackerCore::crypto() const {
+  return read(crypto_);
+}
+
+std::optional<std::string> TrackerCore::appleAppID() const {
+  return read(appleAppID_);
+}
+void TrackerCore::setAppleAppID(std::optional<std::string> appID) {
+  write(appleAppID_, hostText(appID));
+}
+
+std::optional<std::string> TrackerCore::customerUserID() const {
+  return read(customerUserID_);
+}
+
+void TrackerCore::setCustomerUserID(std::optional<std::string> customerUserID) {
+  qvLog(kLogDebug, "-[QuorvelTracker setCustomerUserID:]", "SetCustomerId = %@", customerUserID);
+  write(customerUserID_, hostText(customerUserID));
+}
+
+std::optional<Json> TrackerCore::customData() const {
+  std::lock_guard lock(monitor_);
+  return customData_;
+}
+
+void TrackerCore::setAdditionalData(std::optional<Json> customData) {
+  std::lock_guard lock(monitor_);
+  if (!customData || customData->is_null())
+    return;
+  qvLog(kLogDebug, "-[QuorvelTracker setAdditionalData:]", "setCustomData = %@", *customData);
+  customData_ = hostJson(customData);
+}
+
+void TrackerCore::setUserEmails(const std::vector<std::string>& emails, int cryptType) {
+  setUserEmails(Json(emails), cryptType);
+}
+
+void TrackerCore::setUserEmails(const Json& emails, int cryptType) {
+  std::vector<Json> list;
+  if (emails.is_array()) {
+    for (const auto& entry : emails)
+      list.push_back(hostJson(entry));
+  }
+  std::lock_guard lock(monitor_);
+  userEmails_ =
+      emails.is_array() ? std::optional<std::vector<Json>>(std::move(list)) : std::nullopt;
+  emailCryptType_ = cryptType;
+}
+
+std::optional<std::string> TrackerCore::currencyCode() const {
+  return read(currencyCode_);
+}
+void TrackerCore::setCurrencyCode(std::optional<std::string> code) {
+  write(currencyCode_, hostText(code));
+}
+
+bool TrackerCore::isDebug() const {
+  return isDebug_;
+}
+
+void TrackerCore::setIsDebug(bool isDebug) {
+  isDebug_ = isDebug;
+  QVSetShowDebugLogs(isDebug);
+  if (isDebug) {
+    qvLog(kLogDebug, "-[QuorvelTracker setIsDebug:]",
+          "* * * Quorvel is set to debug mode. This should only be used in development "
+          "enviornment!!!! * * *");
+  }
+}
+
+void TrackerCore::setIsTrace(bool isTrace) {
+  QVSetShowDebugLogsTrace(isTrace);
+}
+
+bool TrackerCore::shouldCollectDeviceName() const {
+  return shouldCollectDeviceName_;
+}
+
+void TrackerCore::setShouldCollectDeviceName(bool flag) {
+  qvLog(kLogDebug, "-[QuorvelTracker setShouldCollectDeviceName:]",
+        "setShouldCollectDeviceName is called with flag: %@", flag ? "YES" : "NO");
+  shouldCollectDeviceName_ = flag;
+}
+
+bool TrackerCore::disableAppleAdSupportTracking() const {
+  return disableAppleAdSupportTracking_;
+}
+void TrackerCore::setDisableAppleAdSupportTracking(bool flag) {
+  disableAppleAdSupportTracking_ = flag;
+}
+bool TrackerCore::deviceTrackingDisabled() const {
+  return deviceTrackingDisabled_;
+}
+void TrackerCore::setDeviceTrackingDisabled(bool flag) {
+  deviceTrackingDisabled_ = flag;
+}
+bool TrackerCore::disableIAdTracking() const {
+  return disableIAdTracking_;
+}
+void TrackerCore::setDisableIAdTracking(bool flag) {
+  disableIAdTracking_ = flag;
+}
+
+bool TrackerCore::useReceiptValidationSandbox() const {
+  return useReceiptValidationSandbox_;
+}
+
+void TrackerCore::setUseReceiptValidationSandbox(bool flag) {
+  useReceiptValidationSandbox_ = flag;
+  // Written whatever the value, also when the sandbox is switched off.
+  qvLog(kLogDebug, "-[QuorvelTracker setUseReceiptValidationSandbox:]",
+        "* * * Quorvel is set to verify in app purchases on Apple sandbox. This should only be "
+        "used in development enviornment!!!! * * *");
+}
+
+bool TrackerCore::useUninstallSandbox() const {
+  return useUninstallSandbox_;
+}
+void TrackerCore::setUseUninstallSandbox(bool flag) {
+  useUninstallSandbox_ = flag;
+}
+
+std::optional<std::string> TrackerCore::appInviteHoplineID() const {
+  return read(appInviteHoplineID_);
+}
+void TrackerCore::setAppInviteHopline(std::optional<std::string> hoplineID) {
+  write(appInviteHoplineID_, hostText(hoplineID));
+}
+
+std::string TrackerCore::advertiserId() const {
+  return read(advertiserId_);
+}
+void TrackerCore::setAdvertiserId(std::string advertiserId) {
+  write(advertiserId_, hostText(advertiserId));
+}
+
+std::string TrackerCore::host() const {
+  return read(host_);
+}
+
+void TrackerCore::setHost(std::optional<std::string> host) {
+  write(host_, host ? hostText(*host) : std::string(kQuorvelDefaultHost));
+}
+
+std::uint64_t TrackerCore::minTimeBetweenSessions() const {
+  return minTimeBetweenSessions_;
+}
+void TrackerCore::setMinTimeBetweenSessions(std::uint64_t seconds) {
+  minTimeBetweenSessions_ = seconds;
+}
+
+std::optional<std::chrono::system_clock::time_point> TrackerCore::lastLaunchTime() const {
+  return read(lastLaunchTime_);
+}
+
+std::shared_ptr<QuorvelTrackerDelegate> TrackerCore::delegate() const {
+  std::lock_guard lock(fieldsMutex_);
+  return delegate_.lock();
+}
+
+void TrackerCore::setDelegate(std::weak_ptr<QuorvelTrackerDelegate> delegate) {
+  write(delegate_, std::move(delegate));
+}
+
+std::optional<std::string> TrackerCore::deeplink() const {
+  return read(deeplink_);
+}
+std::optional<std::string> TrackerCore::sourceApplication() const {
+  return read(sourceApplication_);
+}
+
+// --- Information ----------------------------------------------------------------------------
+
+std::string TrackerCore::getSDKVersion() const {
+  return format("version: %@ (build %@)", kQuorvelSDKVersion, kQuorvelSDKBuildNumber);
+}
+
+Json TrackerCore::getValueFromBundle(const std::string& key) const {
+  auto value = platform_->bundle->objectForInfoDictionaryKey(key);
+  return value ? *value : Json("");
+}
+
+std::string TrackerCore::platfromDevName() const {
+  return read(platfromDevName_);
+}
+
+// --- Lifecycle ------------------------------------------------------------------------------
+
+void TrackerCore::removeNotificationObserver(const platform::Notification& /*notification*/) {
+  unsubscribeFromLifecycleNotifications();
+}
+
+void TrackerCore::handleDidFinishLaunch(const platform::Notification& notification) {
+  static constexpr const char* kMethod = "-[QuorvelTracker handleDidFinishLaunch:]";
+  if (notification.userInfo.is_null())
+    return;
+  auto source = stringEntry(notification.userInfo, platform::kLaunchOptionsSourceApplicationKey);
+  write(sourceApplication_, source);
+  if (source) {
+    qvLog(kLogDebug, kMethod, "didFinishLaunchingWithOptions. Source application: %@", *source);
+  }
+  auto url = stringEntry(notification.userInfo, platform::kLaunchOptionsURLKey);
+  write(deeplink_, url);
+  if (url) {
+    qvLog(kLogDebug, kMethod, "didFinishLaunchingWithOptions. Deeplink URL: %@", *url);
+  }
+}
+
+void TrackerCore::sendRequestFromCache(const QuorvelRequestCacheData& request) {
+  httpClient_->sendRequestEventToServer(request, true, appleAppID(), isDebug(), nullptr);
+}
+
+void TrackerCore::remoteDebuggingCallWithData(const std::string& data) {
+  try {
+    const std::string url =
+        format("https://monitorsdk.%@/remote-debug?app_id=%@&device_tracking_disabled=%@", host(),
+               appleAppID(), deviceTrackingDisabled() ? "true" : "false");
+    httpClient_->sendRequestWithConfiguration(url, data);
+  } catch (const std::exception& e) {
+    qvLog(kLogError, "-[QuorvelTracker remoteDebuggingCallWithData:]",
+          "could not send remoteDebuggingCallWithData(%@): %@", data, e.what());
+  }
+}
+
+void TrackerCore::sendRemoteDebuggingData() {
+  QuorvelProxyManager::sharedManager().sendRemoteDebuggingData(
+      *platform_,
+      [this] {
+        RemoteDebuggingIdentity who;
+        who.quorvelUID = getQuorvelUID();
+        who.advertiserId = advertiserId();
+        who.sdkVersion = getSDKVersion();
+        who.devKey = quorvelDevKey();
+        who.appleAppID = appleAppID();
+        return who;
+      },
+      [this](const std::string& document) { remoteDebuggingCallWithData(document); });
+}
+
+void TrackerCore::onConversionDataReceived(const Json& installData) {
+  qvLog(kLogDebug, "-[QuorvelTracker onConversionDataReceived:]", "Caching attribution. %@",
+        installData);
+}
+
+void TrackerCore::onConversionDataRequestFailure(const Error& error) {
+  qvLog(kLogWarning, "-[QuorvelTracker onConversionDataRequestFailure:]",
+        "did not load install data: %@", error);
+}
+
+}  // namespace quorvel

@@ -1,0 +1,387 @@
+// TrackerCore: everything the tracker is and does. QuorvelTracker, the public facade, holds
+// one and forwards the host's calls to it; the library's own parts and its tests use it
+// directly. Every member may be called from any thread.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <quorvel/Error.h>
+#include <quorvel/Json.h>
+#include <quorvel/Platform.h>
+#include <quorvel/QuorvelTracker.h>
+#include <quorvel/platform/URLSession.h>
+
+namespace quorvel {
+
+class QuorvelAES128Crypto;
+class QuorvelKeychainWrapper;
+class QVDateFormatter;
+class QVSDKiAdClient;
+class QuorvelHTTPClient;
+class QuorvelRequestCache;
+class QuorvelRequestCacheData;
+class QuorvelDictionary;
+class ReportLedger;
+class TrackerLifetime;
+
+class TrackerCore {
+ public:
+  // Builds a tracker on `platform`. For tests and embedders that need their own graph;
+  // hosts use sharedTracker().
+  // `cache` holds this tracker's failed requests; nullptr gives the tracker a cache of its own
+  // in the platform's caches directory.
+  explicit TrackerCore(std::shared_ptr<const Platform> platform,
+                       std::shared_ptr<QuorvelRequestCache> cache = nullptr);
+  ~TrackerCore();
+  TrackerCore(const TrackerCore&) = delete;
+  TrackerCore& operator=(const TrackerCore&) = delete;
+
+  // --- Configuration -------------------------------------------------------------------
+  std::optional<std::string> quorvelDevKey() const;
+  // Stores the key and makes a new payload cipher for it (also for the same key).
+  void setQuorvelDevKey(std::optional<std::string> key);
+
+  std::optional<std::string> appleAppID() const;
+  // Digits only; checked before every request, not here.
+  void setAppleAppID(std::optional<std::string> appID);
+
+  std::optional<std::string> customerUserID() const;
+  void setCustomerUserID(std::optional<std::string> customerUserID);
+
+  std::optional<Json> customData() const;
+  // A nil dictionary is ignored: custom data, once set, can be replaced but not cleared.
+  void setAdditionalData(std::optional<Json> customData);
+
+  // Stores the user's e-mails and how the payload hashes them: 0 plain, 1 SHA-1, 2 MD5,
+  // 3 SHA-256 (any other value: SHA-1).
+  void setUserEmails(const std::vector<std::string>& emails, int cryptType);
+  // The same from decoded values; entries that are not strings are skipped with a warning
+  // when the payload is built.
+  void setUserEmails(const Json& emails, int cryptType);
+
+  std::optional<std::string> currencyCode() const;
+  void setCurrencyCode(std::optional<std::string> code);
+
+  bool isDebug() const;
+  // Drives the console logger.
+  void setIsDebug(bool isDebug);
+  // Adds elapsed times to log lines and lets trace messages through (needs isDebug).
+  void setIsTrace(bool isTrace);
+
+  bool shouldCollectDeviceName() const;
+  void setShouldCollectDeviceName(bool flag);
+
+  bool disableAppleAdSupportTracking() const;
+  void setDisableAppleAdSupportTracking(bool flag);
+  bool deviceTrackingDisabled() const;
+  void setDeviceTrackingDisabled(bool flag);
+  bool disableIAdTracking() const;
+  void setDisableIAdTracking(bool flag);
+
+  bool useReceiptValidationSandbox() const;
+  void setUseReceiptValidationSandbox(bool flag);
+  bool useUninstallSandbox() const;
+  void setUseUninstallSandbox(bool flag);
+
+  std::optional<std::string> appInviteHoplineID() const;
+  void setAppInviteHopline(std::optional<std::string> hoplineID);
+
+  std::string advertiserId() const;
+  void setAdvertiserId(std::string advertiserId);
+
+  // The service domain of every endpoint. nullopt restores the default domain.
+  std::string host() const;
+  void setHost(std::optional<std::string> host);
+
+  // Minimum seconds between two launch requests of one process.
+  std::uint64_t minTimeBetweenSessions() const;
+  void setMinTimeBetweenSessions(std::uint64_t seconds);
+
+  std::optional<std::chrono::system_clock::time_point> lastLaunchTime() const;
+
+  std::shared_ptr<QuorvelTrackerDelegate> delegate() const;
+  void setDelegate(std::weak_ptr<QuorvelTrackerDelegate> delegate);
+
+  // --- Information ---------------------------------------------------------------------
+  // "version: 4.8.0 (build 597)".
+  std::string getSDKVersion() const;
+  // The info dictionary's value for `key`, or "" when there is none.
+  Json getValueFromBundle(const std::string& key) const;
+  // The host framework the application is built with ("iOS_Native", ...).
+  std::string platfromDevName() const;
+
+  // --- Launches and events --------------------------------------------------------------
+  // Reports that the application became active. Call it on every activation; the launch is
+  // sent 250 ms later unless one was sent within minTimeBetweenSessions seconds.
+  void trackAppLaunch();
+  // Reports a named event with one value; a value of digits, "-" and "." counts as revenue.
+  void trackEvent(const std::string& eventName, const std::optional<std::string>& value);
+  void trackEventWithValue(const std::string& eventName, const std::optional<std::string>& value) {
+    trackEvent(eventName, value);
+  }
+  // Reports a named event with a dictionary of values (nullopt sends "null").
+  void trackEventWithValues(const std::string& eventName, const std::optional<Json>& values);
+  // Reports the device's location as the event "qv_location_coordinates". Longitude first.
+  void trackLocation(double longitude, double latitude);
+
+  // --- Delivery ----------------------------------------------------------------------------
+  // Waits until every report scheduled before the call (launches, events, purchases, the
+  // background statistics, uninstall registrations, and what a launch's answer starts, such
+  // as the conversion data for the delegate) has been answered by the service or written to
+  // the offline cache, or until `timeout` passed. True when all of them settled. Pending
+  // preference writes are made durable too. Never call it from the thread that drains a
+  // host-installed main queue (RunLoopQueue): events wait on that queue.
+  bool flush(std::chrono::milliseconds timeout) noexcept;
+  // How long the shared tracker flushes when the process exits normally (return from main,
+  // exit()): 2 s by default; zero or less opts out.
+  std::chrono::milliseconds exitFlushTimeout() const;
+  void setExitFlushTimeout(std::chrono::milliseconds timeout);
+  // What the shared tracker runs at exit: a flush within exitFlushTimeout(); then each
+  // request still on the wire is written to the offline cache, so that the next start
+  // replays it (a late answer removes the kept copy again). Returns true when nothing was
+  // left unsettled.
+  bool flushAtExit() noexcept;
+
+  // --- Deep links and push payloads ----------------------------------------------------
+  // The app was opened with a URL. The first link of a launch wins over later ones.
+  void handleOpenURL(const std::string& url, const std::optional<std::string>& sourceApplication,
+                     const std::optional<Json>& withAnnotation);
+  void handleOpenURL(const std::string& url, const std::optional<std::string>& sourceApplication);
+  // The newer entry point: always replaces the link; the source application only when
+  // options are given.
+  void handleOpenUrl(const std::string& url, const std::optional<QuorvelOpenURLOptions>& options);
+  // A universal link: web-browsing activities set the link. The restoration handler is never
+  // called. Always true.
+  bool continueUserActivity(const QuorvelUserActivity& userActivity,
+                            const std::function<void(const Json&)>& restorationHandler);
+  void didUpdateUserActivity(const QuorvelUserActivity& userActivity);
+  // Keeps the notification's "qv" entry for the next launch (a payload without it clears).
+  void handlePushNotification(const Json& pushPayload);
+
+  // --- Purchases ---------------------------------------------------------------------------
+  // Reports a store purchase (to the validation endpoint) and has its receipt verified by the
+  // service. `success` gets the verdict when it holds a "transaction_id"; `failure` gets every
+  // other outcome. Both run on the network callback queue, never on the caller's thread.
+  // Product identifier and transaction id are required; `additionalParameters` is ignored.
+  // Without a developer key or an app id the purchase event is still sent (and dropped by
+  // the dispatch's own checks), and `failure` receives an error of the domain
+  // "com.quorvel.ErrorDomain" instead of a validation request being made.
+  void validateAndTrackInAppPurchase(const std::optional<std::string>& productIdentifier,
+                                     const std::optional<std::string>& price,
+                                     const std::optional<std::string>& currency,
+                                     const std::optional<std::string>& transactionId,
+                                     const std::optional<Json>& additionalParameters,
+                                     QuorvelPurchaseSuccess success,
+                                     QuorvelPurchaseFailure failure);
+  void validatePurchaseEvent(const std::optional<std::string>& productIdentifier,
+                             const std::optional<std::string>& price,
+                             const std::optional<std::string>& currency,
+                             const std::optional<std::string>& transactionId,
+                             const Json& receiptData);
+  std::shared_ptr<platform::URLSessionTask> validateRequest() const;
+
+  // --- Uninstall measurement ---------------------------------------------------------------
+  // Registers the push token once per distinct token (3.5 s later, on the serial queue).
+  void registerUninstall(const Bytes& deviceToken);
+  void backgroundRegisterUninstall(const std::string& deviceToken);
+  // "<0a1b2c3d 4e5f6071>": lower-case hex, a blank after every four bytes.
+  static std::string deviceTokenText(const Bytes& deviceToken);
+  // For sessions that name the tracker as their download delegate: logs the outcome.
+  void didFinishDownloadingToPath(platform::URLSessionTask& task, const std::string& path);
+
+  // --- Lifecycle -------------------------------------------------------------------------
+  // Unsubscribes the tracker from the application notifications (will-terminate).
+  void removeNotificationObserver(const platform::Notification& notification);
+  // Reads the launch options of the did-finish-launching notification: the source
+  // application and the URL the app was opened with.
+  void handleDidFinishLaunch(const platform::Notification& notification);
+  // The app went to the background: counts the session, sends the statistics request.
+  void handleEnteredBackground();
+  void backgroundstatCall();
+  // Sends the launch unless the previous one of this process is too recent (serial queue).
+  void sendLaunchToServer();
+
+  // The tracker's own answers to conversion data; they only log.
+  void onConversionDataReceived(const Json& installData);
+  void onConversionDataRequestFailure(const Error& error);
+
+  // The installation's identifier; made and stored on first use.
+  std::string getQuorvelUID();
+
+  // --- Counters, dates and identity (used while building requests; not for hosts) ------
+  // The launch count, raised first when `increase`.
+  int getCounter(bool increase);
+  // The in-app event count, raised first when `increase`.
+  int getInAppCounter(bool increase);
+  // Moves to the background so far, plus the session in progress.
+  int getRealLaunchCounter();
+  void incrementRealLaunchCounter();
+  std::string getFirstLanuchDate(const QVDateFormatter& formatter);
+  // nullopt when the Library directory's creation date cannot be read.
+  std::optional<std::string> getInstallDate(const QVDateFormatter& formatter);
+  // The creation date of the application's Library directory, read afresh.
+  std::optional<std::chrono::system_clock::time_point> installDate() const;
+  std::optional<std::string> getVersionUpdateDate(
+      const std::optional<std::string>& version,
+      const std::optional<std::string>& currentUpdateDate);
+  // Seconds since the previous launch payload, or -1; records now for the next one.
+  double getTimePassedSinceLastLaunch();
+  std::string generateQuorvelId() const;
+  void setOriginalQuorvelIdToKeychainIfNeeded(const std::string& uid);
+  std::string getOriginalQuorvelId();
+  // Reads the identifier kept in the secure store; true when there is one (and then raises
+  // the reinstall counter).
+  bool getKeychainData();
+  // True when "en0" has a non-loopback IPv4 address.
+  bool isWifiAvailable() const;
+
+  // --- The payload of launches and events (not for hosts) -----------------------------
+  // Builds the flat description of install, device, app and moment that every launch and
+  // event request carries; on launches it also consumes the pending deep link and push
+  // payload.
+  QuorvelDictionary getEventParameters(bool isLaunch);
+  // Adds the invite link template and the link service version.
+  void addHopline(QuorvelDictionary& parameters);
+  bool permitAggregateiAdData() const { return permitAggregateiAdData_; }
+  void setPermitAggregateiAdData(bool permit) { permitAggregateiAdData_ = permit; }
+  void setDeeplink(std::optional<std::string> url);
+  void setSourceApplication(std::optional<std::string> application);
+  std::optional<Json> pushPayload() const;
+  void setPushPayload(std::optional<Json> payload);
+
+  // --- Conversion data ------------------------------------------------------------------
+  // Sets the delegate, then fetches the install's conversion data for it.
+  void loadConversionDataWithDelegate(std::weak_ptr<QuorvelTrackerDelegate> delegate);
+  // Delivers the conversion data to the delegate: from the stored copy (on the main queue)
+  // or fetched from the service. Returns at once.
+  void getConversionData();
+
+  // --- Dispatch (not for hosts) -------------------------------------------------------
+  void callServerWithEventName(const std::string& name);
+  void callServerWithEventName(const std::string& name, const std::optional<std::string>& value,
+                               bool isInAppEvent, bool isIAd);
+  // `dictionary` is accepted and ignored: event values travel in `value`.
+  void callServerWithEventName(const std::string& name, const std::optional<std::string>& value,
+                               const std::optional<Json>& dictionary, bool isEvent, bool isIAd);
+  void validateAppID() const;
+  Bytes encryptData(const QuorvelDictionary& parameters) const;
+
+  // Uploads a remote-debugging document to the service's debugging endpoint.
+  void remoteDebuggingCallWithData(const std::string& data);
+  // Hands the collected log, with who this installation is, to remoteDebuggingCallWithData.
+  void sendRemoteDebuggingData();
+
+  // --- Internal collaborators (not for hosts) -----------------------------------------
+  std::shared_ptr<QuorvelHTTPClient> httpClient() const { return httpClient_; }
+  std::shared_ptr<QuorvelRequestCache> requestCache() const { return requestCache_; }
+  // Follows the reports that flush() waits for.
+  std::shared_ptr<ReportLedger> reportLedger() const { return ledger_; }
+  // Hands a cached request to the HTTP client unchanged, marked as coming from the cache.
+  void sendRequestFromCache(const QuorvelRequestCacheData& request);
+  std::shared_ptr<QuorvelKeychainWrapper> keychain();
+  std::shared_ptr<const QVSDKiAdClient> iAdClient() const { return iAdClient_; }
+  const Platform& platform() const { return *platform_; }
+  std::shared_ptr<const QuorvelAES128Crypto> crypto() const;
+  std::shared_ptr<platform::DispatchQueue> backgroundQueue() const { return mBackgroundQueue_; }
+  std::optional<std::string> deeplink() const;
+  std::optional<std::string> sourceApplication() const;
+
+ private:
+  template <typename T>
+  T read(const T& field) const {
+    std::lock_guard lock(fieldsMutex_);
+    return field;
+  }
+  template <typename T, typename V>
+  void write(T& field, V&& value) {
+    std::lock_guard lock(fieldsMutex_);
+    field = std::forward<V>(value);
+  }
+  void subscribeToLifecycleNotifications();
+  void unsubscribeFromLifecycleNotifications();
+  void deepLinkStep(QuorvelDictionary& parameters);
+  void pushPayloadStep(QuorvelDictionary& parameters);
+  void advertisingIdentifierStep(QuorvelDictionary& parameters);
+  void emailStep(QuorvelDictionary& parameters);
+  void deliverAppOpenAttribution(const Json& attribution);
+  // Preference writes: a launch's values are written before its request leaves; the others
+  // are group-committed on the serial queue within 100 ms, at the move to the background, at
+  // flush and at exit.
+  void persistPreferencesSoon();
+  void persistPreferencesNow();
+  void handleConversionDataAnswer(const std::optional<Bytes>& body,
+                                  const std::optional<platform::URLResponse>& response,
+                                  const std::optional<Error>& error, platform::TimePoint start);
+
+  std::shared_ptr<const Platform> platform_;
+
+  // Plain switches: single words, read and written without a lock.
+  std::atomic<bool> isDebug_{false};
+  std::atomic<bool> permitAggregateiAdData_{false};
+  std::atomic<bool> useReceiptValidationSandbox_{false};
+  std::atomic<bool> useUninstallSandbox_{false};
+  std::atomic<bool> disableAppleAdSupportTracking_{false};
+  std::atomic<bool> shouldCollectDeviceName_{true};
+  std::atomic<bool> deviceTrackingDisabled_{false};
+  std::atomic<bool> disableIAdTracking_{false};
+  std::atomic<std::uint64_t> minTimeBetweenSessions_{5};
+
+  // The tracker's monitor: custom data and e-mails are read and written under it.
+  mutable std::mutex monitor_;
+  std::optional<Json> customData_;
+  std::optional<std::vector<Json>> userEmails_;
+  int emailCryptType_ = 0;
+
+  // Reference fields. The lock is held only to copy a value in or out, never across a
+  // call, so that a host setter racing a background read is safe.
+  mutable std::mutex fieldsMutex_;
+  std::optional<std::string> deeplink_;
+  std::optional<std::string> sourceApplication_;
+  std::weak_ptr<QuorvelTrackerDelegate> delegate_;
+  std::string platfromDevName_;
+  std::optional<Json> pushPayload_;
+  std::string advertiserId_;
+  std::string host_;
+  std::shared_ptr<const QuorvelAES128Crypto> crypto_;
+  std::optional<std::string> customerUserID_;
+  std::optional<std::string> quorvelDevKey_;
+  std::optional<std::string> appleAppID_;
+  std::optional<std::string> currencyCode_;
+  std::optional<std::string> appInviteHoplineID_;
+  std::optional<std::chrono::system_clock::time_point> lastLaunchTime_;
+  std::shared_ptr<platform::URLSessionTask> validateRequest_;
+
+  std::shared_ptr<QuorvelKeychainWrapper> keychain_;
+
+  std::shared_ptr<platform::DispatchQueue> mBackgroundQueue_;
+  std::shared_ptr<const QVSDKiAdClient> iAdClient_;
+  std::shared_ptr<QuorvelRequestCache> requestCache_;
+  std::shared_ptr<QuorvelHTTPClient> httpClient_;
+  std::shared_ptr<ReportLedger> ledger_;
+  std::atomic<bool> preferencesWriteScheduled_{false};
+  std::atomic<std::int64_t> exitFlushMs_{2000};
+  // The application notifications the tracker follows; destroying them waits out a handler
+  // running on another thread. Swapped out under the lock, destroyed outside it.
+  std::mutex subscriptionsMutex_;
+  std::vector<platform::NotificationSubscription> lifecycleSubscriptions_;
+  // What queued work and completions hold instead of the tracker (see TrackerLifetime).
+  std::shared_ptr<TrackerLifetime> self_;
+};
+
+// The tracker behind a facade (the link helpers and the library's tests use it).
+TrackerCore& coreOf(QuorvelTracker& tracker) noexcept;
+
+// The stored conversion data's lifetime, in seconds (60 days).
+extern const std::int64_t k60Days;
+// Rejected conversion-data requests after which no more are made.
+extern const std::int64_t kNumberOfConversionDataRequestsTreshhold;
+
+}  // namespace quorvel
