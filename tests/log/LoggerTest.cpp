@@ -42,16 +42,6 @@ TEST_F(LoggerTest, SwitchesGateOutput) {
   }
 }
 
-TEST_F(LoggerTest, LevelTagsAreSevenCharactersWide) {
-  const std::pair<int, const char*> cases[] = {{1, "[ERROR]"}, {2, "[WARN] "}, {3, "[INFO] "},
-                                               {4, "[DEBUG]"}, {5, "[TRACE]"}, {0, "[-----]"},
-                                               {6, "[-----]"}, {-3, "[-----]"}};
-  for (const auto& [level, tag] : cases) {
-    EXPECT_EQ(levelToString(level), tag);
-    EXPECT_EQ(levelToString(level).size(), 7U);
-  }
-}
-
 TEST_F(LoggerTest, PlainAndTraceLineFormats) {
   QVSetShowDebugLogs(true);
   QVLogLocal(2, "-[QuorvelTracker x]", "value %@", "v");

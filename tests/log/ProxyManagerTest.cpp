@@ -51,16 +51,6 @@ TEST_F(ProxyManagerTest, MonitorOffDropsAndStopsCollecting) {
   EXPECT_TRUE(proxy.events().empty());
 }
 
-TEST_F(ProxyManagerTest, StartAndStopLeaveTheirMarkersOnlyWhileCollecting) {
-  proxy.stopRemoteDebugging();   // collecting: "Turning OFF RD" recorded
-  proxy.startRemoteDebugging();  // not collecting yet: "Turning ON RD" not recorded
-  const auto events = proxy.events();
-  ASSERT_EQ(events.size(), 1U);
-  EXPECT_NE(events[0].find("Turning OFF RD"), std::string::npos);
-  EXPECT_TRUE(proxy.proxyEnabledFromServer());
-  EXPECT_TRUE(proxy.isRemoteDebugging());
-}
-
 TEST_F(ProxyManagerTest, SizeLimitIsCheckedBeforeAdding) {
   // Fill to 98,300 bytes: each stored line is the 19-character time, a blank and the text.
   const std::string prefixOnly(20, 'x');
@@ -77,13 +67,6 @@ TEST_F(ProxyManagerTest, SizeLimitIsCheckedBeforeAdding) {
   proxy.addEventWithString("refused");
   EXPECT_EQ(proxy.events().size(), count);
   EXPECT_GT(REMOTE_DEBUGGING_REQUEST_MAX_SIZE_KB, 98'300);
-}
-
-TEST(RemoteDebuggingConstants, ExportedValues) {
-  EXPECT_STREQ(QVRemoteDebuggingStaticDataKey, "remote_debug_static_data");
-  EXPECT_STREQ(QVRemoteDebuggingSdkDataOriginalQVUID, "originalQuorvelId");
-  EXPECT_STREQ(QVRemoteDebuggingBigQueryDateFormat, "yyyy-MM-dd HH:mm:ss");
-  EXPECT_EQ(REMOTE_DEBUGGING_REQUEST_MAX_SIZE_KB, 98304);
 }
 
 }  // namespace

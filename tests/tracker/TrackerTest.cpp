@@ -92,6 +92,7 @@ TEST_F(TrackerTest, SharedTrackerIsCreatedOnceUnderConcurrentFirstCalls) {
   EXPECT_EQ(fakes.systemLog->count("Quorvel SDK version 4.8.0 started build (597)"), 1U);
 }
 
+// The version strings are read by tools that look into the binary.
 TEST(TrackerConstants, VersionConstants) {
   EXPECT_DOUBLE_EQ(QuorvelTrackerVersionNumber, 1.0);
   EXPECT_STREQ(reinterpret_cast<const char*>(QuorvelTrackerVersionString),

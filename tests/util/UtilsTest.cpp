@@ -33,13 +33,6 @@ TEST_F(UtilsTest, HashesKeepTheirByteQuirks) {
   EXPECT_NE(QuorvelUtils::sha256("\xc3\xa9"), QuorvelUtils::sha256("\xc3"));
 }
 
-TEST_F(UtilsTest, ToHexStringZeroesItsInput) {
-  std::uint8_t digest[] = {0x00, 0x7f, 0xff, 0x10};
-  EXPECT_EQ(QuorvelUtils::toHexString(digest, 4), "007fff10");
-  for (const auto b : digest)
-    EXPECT_EQ(b, 0);
-}
-
 TEST_F(UtilsTest, QueryParametersFollowTheUrlsRealParts) {
   const auto url =
       Url::parse("myapp://host.example/real/path?a=0&a=1&b&c=2=3&path=x&k%20e=v%26w");
