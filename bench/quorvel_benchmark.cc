@@ -111,7 +111,7 @@ std::shared_ptr<const quorvel::Platform> benchPlatform(bool parked) {
 }
 
 void BM_TrackEventHostThread(benchmark::State& state) {
-  quorvel::TrackerCore tracker(benchPlatform(true));
+  quorvel::TrackerCore tracker(benchPlatform(true), quorvel::QuorvelProxyManager::sharedManager());
   tracker.setQuorvelDevKey(std::string("0123456789ABCDEF"));
   const std::optional<std::string> value("9.99");
   for (auto _ : state)
@@ -120,7 +120,7 @@ void BM_TrackEventHostThread(benchmark::State& state) {
 BENCHMARK(BM_TrackEventHostThread);
 
 void BM_TrackAppLaunchHostThread(benchmark::State& state) {
-  quorvel::TrackerCore tracker(benchPlatform(true));
+  quorvel::TrackerCore tracker(benchPlatform(true), quorvel::QuorvelProxyManager::sharedManager());
   tracker.setQuorvelDevKey(std::string("0123456789ABCDEF"));
   // Search Ads details stored, as on every launch after the first.
   tracker.platform().preferences->setObject("QuorvelSearchAdsAttribution", quorvel::Json::object());
@@ -132,7 +132,7 @@ BENCHMARK(BM_TrackAppLaunchHostThread);
 // The whole cost of a launch request before it reaches the network: the payload, its JSON
 // text and the encryption (key derivation included).
 void BM_LaunchPayloadBuildSerialiseEncrypt(benchmark::State& state) {
-  quorvel::TrackerCore tracker(benchPlatform(true));
+  quorvel::TrackerCore tracker(benchPlatform(true), quorvel::QuorvelProxyManager::sharedManager());
   tracker.setQuorvelDevKey(std::string("0123456789ABCDEF"));
   tracker.setAppleAppID(std::string("123456789"));
   for (auto _ : state) {

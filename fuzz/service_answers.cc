@@ -40,7 +40,7 @@ struct World {
     fakes.install();
     fakes.bundle->receiptPath = "/app/receipt";
     fakes.fileSystem->writeFileAtomically("/app/receipt", Bytes{'r', 'c', 'p'});
-    tracker = std::make_unique<TrackerCore>(fakes.shared());
+    tracker = std::make_unique<TrackerCore>(fakes.shared(), QuorvelProxyManager::sharedManager());
     tracker->setQuorvelDevKey(std::string("FUZZ-DEV-KEY"));
     tracker->setAppleAppID(std::string("123"));
     tracker->setHost(std::string("svc.example"));

@@ -31,7 +31,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   test::TestPlatform fakes;
   fakes.install();
   QuorvelProxyManager::sharedManager().stopRemoteDebugging();
-  auto tracker = std::make_unique<TrackerCore>(fakes.shared());
+  auto tracker =
+      std::make_unique<TrackerCore>(fakes.shared(), QuorvelProxyManager::sharedManager());
   tracker->setQuorvelDevKey(std::string("FUZZ-DEV-KEY"));
   tracker->setAppleAppID(std::string("123"));
   tracker->handleOpenURL(text, std::string("com.source"));

@@ -216,10 +216,8 @@ void QuorvelUtils::logRequestContent(std::int64_t kind, const std::string& url,
       break;
   }
   static constexpr const char* kSeparator = "\n<~+~+~+~+~+~+~+~+~+~+~+~+~+~+~+~+~+~+~~+~>\n";
-  if (!kQVLoggerShowLogs.load(std::memory_order_relaxed) &&
-      !QuorvelProxyManager::sharedManager().isRemoteDebugging()) {
+  if (!qvDebugWanted())
     return;
-  }
   const std::string text = format("\n%@%@%@%@\n%@", kSeparator, banner, url, kSeparator, body);
   qvLog(kLogDebug, "+[QuorvelUtils logRequestContent:url:body:]", "%@\n%@", text, kSeparator);
 }

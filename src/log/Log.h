@@ -20,6 +20,13 @@ void qvLog(int level, const char* method, std::string_view fmt, const A&... args
   }
 }
 
+// True when a debug message would reach the console or the remote buffer; call sites test
+// it before building expensive arguments.
+inline bool qvDebugWanted() noexcept {
+  return kQVLoggerShowLogs.load(std::memory_order_relaxed) ||
+         QuorvelProxyManager::sharedManager().isRemoteDebugging();
+}
+
 // True when a trace message would reach the console or the remote buffer; call sites test
 // it before building expensive arguments.
 inline bool qvTraceWanted() noexcept {

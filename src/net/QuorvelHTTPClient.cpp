@@ -13,10 +13,10 @@
 
 namespace quorvel {
 std::shared_ptr<QuorvelHTTPClient> QuorvelHTTPClient::create(
-    std::shared_ptr<const Platform> platform, std::shared_ptr<QuorvelRequestCache> cache,
-    std::shared_ptr<ReportLedger> ledger) {
-  auto client =
-      std::make_shared<QuorvelHTTPClient>(std::move(platform), std::move(cache), std::move(ledger));
+    std::shared_ptr<const Platform> platform, QuorvelProxyManager& remoteDebugging,
+    std::shared_ptr<QuorvelRequestCache> cache, std::shared_ptr<ReportLedger> ledger) {
+  auto client = std::make_shared<QuorvelHTTPClient>(std::move(platform), remoteDebugging,
+                                                    std::move(cache), std::move(ledger));
   const auto capabilities = client->platform_->device->capabilities();
   // Without a usable background session, fire-and-forget bodies go in a background task.
   if (capabilities.backgroundSessions && capabilities.fireAndForgetInBackgroundSession) {
@@ -26,9 +26,13 @@ std::shared_ptr<QuorvelHTTPClient> QuorvelHTTPClient::create(
 }
 
 QuorvelHTTPClient::QuorvelHTTPClient(std::shared_ptr<const Platform> platform,
+                                     QuorvelProxyManager& remoteDebugging,
                                      std::shared_ptr<QuorvelRequestCache> cache,
                                      std::shared_ptr<ReportLedger> ledger)
-    : platform_(std::move(platform)), cache_(std::move(cache)), ledger_(std::move(ledger)) {}
+    : platform_(std::move(platform)),
+      remoteDebugging_(remoteDebugging),
+      cache_(std::move(cache)),
+      ledger_(std::move(ledger)) {}
 
 ReportLedger::TicketPtr QuorvelHTTPClient::reportOfNewRequest() const {
   return ledger_ ? ledger_->currentOrOpen() : ReportLedger::current();
@@ -116,7 +120,7 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
         response ? response->statusCode : 0L);
   const std::string text = body ? std::string(body->begin(), body->end()) : std::string();
   const Json parsed = parseBoundedJson(text);
-  auto& proxy = QuorvelProxyManager::sharedManager();
+  auto& proxy = remoteDebugging_;
   if (parsed.is_discarded()) {
     proxy.dropPreLaunchData();
     proxy.stopRemoteDebugging();
@@ -378,8 +382,7 @@ void QuorvelHTTPClient::didFinishDownloadingToPath(platform::URLSessionTask& tas
                                                    const std::string& /*path*/) {
   static constexpr const char* kMethod =
       "-[QuorvelHTTPClient URLSession:downloadTask:didFinishDownloadingToURL:]";
-  if (QuorvelProxyManager::sharedManager().isRemoteDebugging() &&
-      !task.originalRequest().url.empty()) {
+  if (remoteDebugging_.isRemoteDebugging() && !task.originalRequest().url.empty()) {
     qvLog(kLogDebug, kMethod, "Response 200 ok on URL: %@", task.originalRequest().url);
   } else {
     qvLog(kLogDebug, kMethod, "Response 200 ok.");

@@ -17,6 +17,7 @@
 #include <quorvel/Platform.h>
 
 #include "cache/QuorvelRequestCache.h"
+#include "log/QuorvelProxyManager.h"
 #include "net/ReportLedger.h"
 #include "util/PercentEscape.h"
 
@@ -35,11 +36,13 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
   // Makes the client and, on OS versions that have one, its background session. With a
   // ledger, every request the client makes belongs to a report (the current one, or one of
   // its own), so that a flush waits for it.
+  // `remoteDebugging` is switched by the tracking answers' "monitor" value.
   static std::shared_ptr<QuorvelHTTPClient> create(std::shared_ptr<const Platform> platform,
+                                                   QuorvelProxyManager& remoteDebugging,
                                                    std::shared_ptr<QuorvelRequestCache> cache,
                                                    std::shared_ptr<ReportLedger> ledger = nullptr);
 
-  QuorvelHTTPClient(std::shared_ptr<const Platform> platform,
+  QuorvelHTTPClient(std::shared_ptr<const Platform> platform, QuorvelProxyManager& remoteDebugging,
                     std::shared_ptr<QuorvelRequestCache> cache,
                     std::shared_ptr<ReportLedger> ledger = nullptr);
 
@@ -92,6 +95,7 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
   ReportLedger::TicketPtr reportOfNewRequest() const;
 
   std::shared_ptr<const Platform> platform_;
+  QuorvelProxyManager& remoteDebugging_;
   std::shared_ptr<QuorvelRequestCache> cache_;
   std::shared_ptr<ReportLedger> ledger_;
   std::shared_ptr<platform::URLSession> bgSession_;

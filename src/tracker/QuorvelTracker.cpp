@@ -57,7 +57,8 @@ QuorvelTracker& QuorvelTracker::sharedTracker() noexcept {
 }
 
 QuorvelTracker::QuorvelTracker(std::shared_ptr<const Platform> platform)
-    : core_(std::make_shared<TrackerCore>(std::move(platform))) {}
+    : core_(std::make_shared<TrackerCore>(std::move(platform),
+                                          QuorvelProxyManager::sharedManager())) {}
 
 QuorvelTracker::~QuorvelTracker() = default;
 

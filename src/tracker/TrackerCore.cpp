@@ -31,8 +31,10 @@ std::optional<std::string> stringEntry(const Json& dictionary, const char* key) 
 }  // namespace
 
 TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
+                         QuorvelProxyManager& remoteDebugging,
                          std::shared_ptr<QuorvelRequestCache> cache)
     : platform_(std::move(platform)),
+      remoteDebugging_(remoteDebugging),
       ledger_(std::make_shared<ReportLedger>()),
       self_(std::make_shared<TrackerLifetime>(this)) {
   if (!cache) {
@@ -51,7 +53,7 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
   shouldCollectDeviceName_ = true;
   platfromDevName_ = QuorvelUtils::develomentPlatformName(*platform_->classRegistry);
   advertiserId_ = "";
-  httpClient_ = QuorvelHTTPClient::create(platform_, requestCache_, ledger_);
+  httpClient_ = QuorvelHTTPClient::create(platform_, remoteDebugging_, requestCache_, ledger_);
   iAdClient_ = std::make_shared<const QVSDKiAdClient>(platform_);
   mBackgroundQueue_ = platform_->dispatcher->makeSerialQueue(kSerialQueueLabel);
   // Written through the system log itself, so that it shows even with debugging off.
@@ -332,7 +334,7 @@ void TrackerCore::remoteDebuggingCallWithData(const std::string& data) {
 }
 
 void TrackerCore::sendRemoteDebuggingData() {
-  QuorvelProxyManager::sharedManager().sendRemoteDebuggingData(
+  remoteDebugging_.sendRemoteDebuggingData(
       *platform_,
       [this] {
         RemoteDebuggingIdentity who;

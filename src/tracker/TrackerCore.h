@@ -22,6 +22,7 @@
 namespace quorvel {
 
 class QuorvelAES128Crypto;
+class QuorvelProxyManager;
 class QuorvelKeychainWrapper;
 class QVDateFormatter;
 class QVSDKiAdClient;
@@ -38,8 +39,11 @@ class TrackerCore {
   // hosts use sharedTracker().
   // `cache` holds this tracker's failed requests; nullptr gives the tracker a cache of its own
   // in the platform's caches directory.
-  explicit TrackerCore(std::shared_ptr<const Platform> platform,
-                       std::shared_ptr<QuorvelRequestCache> cache = nullptr);
+  // The tracker and what it is made of: its cache (nullptr: one of its own in the platform's
+  // caches directory, replaying through this tracker), HTTP client, ledger, keychain and
+  // Search Ads client. `remoteDebugging` is the log collection the service may switch on.
+  TrackerCore(std::shared_ptr<const Platform> platform, QuorvelProxyManager& remoteDebugging,
+              std::shared_ptr<QuorvelRequestCache> cache = nullptr);
   ~TrackerCore();
   TrackerCore(const TrackerCore&) = delete;
   TrackerCore& operator=(const TrackerCore&) = delete;
@@ -322,6 +326,7 @@ class TrackerCore {
                                   const std::optional<Error>& error, platform::TimePoint start);
 
   std::shared_ptr<const Platform> platform_;
+  QuorvelProxyManager& remoteDebugging_;
 
   // Plain switches: single words, read and written without a lock.
   std::atomic<bool> isDebug_{false};

@@ -18,7 +18,7 @@ constexpr std::chrono::milliseconds kLaunchDelay{250};
 void TrackerCore::trackAppLaunch() {
   static constexpr const char* kMethod = "-[QuorvelTracker trackAppLaunch]";
   qvLog(kLogInfo, kMethod, "Launch");
-  auto& proxy = QuorvelProxyManager::sharedManager();
+  auto& proxy = remoteDebugging_;
   if (proxy.proxyEnabledFromServer())
     sendRemoteDebuggingData();
   iAdClient_->printLinkDependances();
@@ -78,7 +78,7 @@ void TrackerCore::handleEnteredBackground() {
   // The app may be suspended or killed from here on: what is pending is written now.
   persistPreferencesNow();
   backgroundstatCall();
-  auto& proxy = QuorvelProxyManager::sharedManager();
+  auto& proxy = remoteDebugging_;
   if (proxy.proxyEnabledFromServer()) {
     proxy.stopRemoteDebugging();
     sendRemoteDebuggingData();

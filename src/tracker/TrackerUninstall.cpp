@@ -107,8 +107,7 @@ void TrackerCore::didFinishDownloadingToPath(platform::URLSessionTask& task,
                                              const std::string& /*path*/) {
   static constexpr const char* kDelegate =
       "-[QuorvelTracker URLSession:downloadTask:didFinishDownloadingToURL:]";
-  if (QuorvelProxyManager::sharedManager().isRemoteDebugging() &&
-      !task.originalRequest().url.empty()) {
+  if (remoteDebugging_.isRemoteDebugging() && !task.originalRequest().url.empty()) {
     qvLog(kLogDebug, kDelegate, "Response 200 ok on URL: %@", task.originalRequest().url);
   } else {
     qvLog(kLogDebug, kDelegate, "Response 200 ok.");

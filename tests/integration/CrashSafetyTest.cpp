@@ -10,6 +10,7 @@
 #include <quorvel/QuorvelTracker.h>
 
 #include "cache/QuorvelRequestCache.h"
+#include "log/QuorvelProxyManager.h"
 #include "platform/posix/JsonFilePreferencesStore.h"
 #include "support/Decrypt.h"
 #include "support/TempDir.h"
@@ -39,7 +40,8 @@ Platform platformIn(const test::TempDir& dir) {
 // Sends launches and events to a closed port (each is cached) until killed; one byte on
 // `progress` after every round.
 [[noreturn]] void streamUntilKilled(const test::TempDir& dir, int progress) {
-  TrackerCore tracker(std::make_shared<const Platform>(platformIn(dir)));
+  TrackerCore tracker(std::make_shared<const Platform>(platformIn(dir)),
+                      QuorvelProxyManager::sharedManager());
   tracker.setQuorvelDevKey(std::string(kCrashKey));
   tracker.setAppleAppID(std::string("123456789"));
   tracker.setHost(std::string("localhost:1"));

@@ -48,7 +48,7 @@ class NetworkingTest : public ::testing::Test {
     options.requestTimeout = timeout;
     options.maxResponseBytes = maxBytes;
     platform = std::make_shared<const Platform>(makePosixPlatform(options));
-    tracker = std::make_unique<TrackerCore>(platform);
+    tracker = std::make_unique<TrackerCore>(platform, QuorvelProxyManager::sharedManager());
   }
   std::string cacheDir() const { return platform->fileSystem->cachesDirectory() + "/QuorvelCache"; }
   std::vector<std::string> cacheFiles() const {

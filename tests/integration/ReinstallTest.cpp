@@ -28,7 +28,7 @@ class Install {
     options.dataDirectory = root / (bundle + "-data");
     options.keychainDirectory = keychain.empty() ? std::string() : std::string(root / keychain);
     platform_ = std::make_shared<const Platform>(makePosixPlatform(options));
-    tracker_ = std::make_unique<TrackerCore>(platform_);
+    tracker_ = std::make_unique<TrackerCore>(platform_, QuorvelProxyManager::sharedManager());
   }
   TrackerCore& tracker() { return *tracker_; }
   const Platform& platform() const { return *platform_; }

@@ -56,7 +56,7 @@ class TrackingEndToEnd : public ::testing::Test {
     options.extraCAFile = certificates.caFile;
     options.receiptPath = root / "receipt";
     platform = std::make_shared<const Platform>(makePosixPlatform(options));
-    tracker = std::make_unique<TrackerCore>(platform);
+    tracker = std::make_unique<TrackerCore>(platform, QuorvelProxyManager::sharedManager());
     tracker->setQuorvelDevKey(std::string(kE2eKey));
     tracker->setAppleAppID(std::string("1234567"));
     tracker->setHost("localhost:" + std::to_string(server->port()));

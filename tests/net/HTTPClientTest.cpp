@@ -27,7 +27,7 @@ class HTTPClientTest : public ::testing::Test {
         fakes.shared(), [this](const QuorvelRequestCacheData& r) {
           client->sendRequestEventToServer(r, true, std::nullopt, false, nullptr);
         });
-    client = QuorvelHTTPClient::create(fakes.shared(), cache);
+    client = QuorvelHTTPClient::create(fakes.shared(), QuorvelProxyManager::sharedManager(), cache);
   }
   test::FakeURLSession& session() { return *fakes.urlSessions->shared(); }
   std::vector<std::string> files() {
@@ -184,7 +184,8 @@ TEST_F(HTTPClientTest, FireAndForgetPathFollowsTheSystemsCapabilities) {
     local.device->systemVersionValue = c.version;
     local.device->capabilitiesValue = c.capabilities;
     auto localCache = std::make_shared<QuorvelRequestCache>(local.shared(), nullptr);
-    auto http = QuorvelHTTPClient::create(local.shared(), localCache);
+    auto http =
+        QuorvelHTTPClient::create(local.shared(), QuorvelProxyManager::sharedManager(), localCache);
     EXPECT_EQ(http->bgSession() != nullptr, c.path == "session") << c.version;
     http->sendRequestWithConfiguration("https://monitorsdk.example/remote-debug?app_id=1",
                                        "{\"data\":[]}");
@@ -287,7 +288,8 @@ TEST_F(HTTPClientTest, CreateBodyAndAnswers) {
 }
 
 TEST_F(HTTPClientTest, RemoteDebuggingUploadGathersTheStaticBlockOnce) {
-  auto tracker = std::make_unique<TrackerCore>(fakes.shared(), cache);
+  auto tracker =
+      std::make_unique<TrackerCore>(fakes.shared(), QuorvelProxyManager::sharedManager(), cache);
   tracker->setQuorvelDevKey(std::string("DEVKEY-0123"));
   tracker->setAppleAppID(std::string("123"));
   tracker->setHost(std::string("svc.example"));

@@ -56,7 +56,7 @@ TEST_F(DispatchTest, AnUnreadableReceiptAddsNothingAndAnEarlyEventTakesTheFirstT
   other.install();
   other.bundle->receiptPath = "/app/receipt";
   other.fileSystem->writeFileAtomically("/app/receipt", Bytes{'r'});
-  TrackerCore t(other.shared());
+  TrackerCore t(other.shared(), QuorvelProxyManager::sharedManager());
   t.setQuorvelDevKey(std::string(kDevKey));
   t.callServerWithEventName("af_purchase", std::nullopt, true, false);
   EXPECT_TRUE(other.preferences->objectForKey(keys::kInstallTimestamp));

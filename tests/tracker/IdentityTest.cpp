@@ -97,7 +97,7 @@ TEST_F(IdentityTest, KeychainCopyRaisesTheReinstallCounter) {
       local.secureStore->add(keys::kKeychainService, keys::kKeychainReinstallCounterItem,
                              bytes(*c.storedCounter));
     }
-    TrackerCore t(local.shared());
+    TrackerCore t(local.shared(), QuorvelProxyManager::sharedManager());
     EXPECT_TRUE(t.getKeychainData());
     EXPECT_EQ(local.preferences->stringForKey(keys::kOriginalUserId), "1600000000000-5");
     EXPECT_EQ(local.preferences->integerForKey(keys::kReInstallCounter), c.want);

@@ -70,7 +70,7 @@ TEST_F(LaunchAndEventsTest, SessionIntervalIsStrictlyGreater) {
     test::TestPlatform local;
     local.install();
     QuorvelProxyManager::sharedManager().stopRemoteDebugging();
-    TrackerCore t(local.shared());
+    TrackerCore t(local.shared(), QuorvelProxyManager::sharedManager());
     t.setQuorvelDevKey(std::string(kDevKey));
     t.setMinTimeBetweenSessions(c.minimum);
     // The decision itself, as the serial queue runs it.
