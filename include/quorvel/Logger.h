@@ -17,6 +17,9 @@
 
 namespace quorvel {
 
+// The levels of log lines; the library's own lines use the same numbers.
+enum class QVLogLevel : int { error = 1, warning = 2, info = 3, debug = 4, trace = 5 };
+
 // Master switch: nothing is printed while it is false.
 extern std::atomic<bool> kQVLoggerShowLogs;
 // Trace switch: timestamped line format, and level-5 messages at their call sites.
@@ -53,6 +56,11 @@ void QVLogLocal(int level, const char* method, std::string_view fmt, const A&...
   } catch (...) {
     // Logging never fails visibly.
   }
+}
+template <typename... A>
+void QVLogLocal(QVLogLevel level, const char* method, std::string_view fmt,
+                const A&... args) noexcept {
+  QVLogLocal(static_cast<int>(level), method, fmt, args...);
 }
 
 }  // namespace quorvel

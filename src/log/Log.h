@@ -9,7 +9,14 @@
 
 namespace quorvel {
 
-enum LogLevel : int { kLogError = 1, kLogWarning = 2, kLogInfo = 3, kLogDebug = 4, kLogTrace = 5 };
+// The library's call sites name levels with these (QVLogLevel's numbers).
+enum LogLevel : int {
+  kLogError = static_cast<int>(QVLogLevel::error),
+  kLogWarning = static_cast<int>(QVLogLevel::warning),
+  kLogInfo = static_cast<int>(QVLogLevel::info),
+  kLogDebug = static_cast<int>(QVLogLevel::debug),
+  kLogTrace = static_cast<int>(QVLogLevel::trace)
+};
 
 // Logs at `level` and mirrors the line to the remote buffer when that collects.
 template <typename... A>

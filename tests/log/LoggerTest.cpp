@@ -44,7 +44,7 @@ TEST_F(LoggerTest, SwitchesGateOutput) {
 
 TEST_F(LoggerTest, PlainAndTraceLineFormats) {
   QVSetShowDebugLogs(true);
-  QVLogLocal(2, "-[QuorvelTracker x]", "value %@", "v");
+  QVLogLocal(QVLogLevel::warning, "-[QuorvelTracker x]", "value %@", "v");
   fakes.clock->advance(std::chrono::milliseconds(3'723'004));
   QVSetShowDebugLogsTrace(true);
   QVLogLocal(4, "+[QuorvelUtils y:]", "n=%d", 5);
