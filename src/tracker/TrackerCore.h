@@ -136,22 +136,11 @@ class TrackerCore {
   // Reports the device's location as the event "qv_location_coordinates". Longitude first.
   void trackLocation(double longitude, double latitude);
 
-  // --- Delivery ----------------------------------------------------------------------------
-  // Waits until every report scheduled before the call (launches, events, purchases, the
-  // background statistics, uninstall registrations, and what a launch's answer starts, such
-  // as the conversion data for the delegate) has been answered by the service or written to
-  // the offline cache, or until `timeout` passed. True when all of them settled. Pending
-  // preference writes are made durable too. Never call it from the thread that drains a
-  // host-installed main queue (RunLoopQueue): events wait on that queue.
+  // --- Delivery (as QuorvelTracker documents it) ------------------------------------
   bool flush(std::chrono::milliseconds timeout) noexcept;
-  // How long the shared tracker flushes when the process exits normally (return from main,
-  // exit()): 2 s by default; zero or less opts out.
   std::chrono::milliseconds exitFlushTimeout() const;
   void setExitFlushTimeout(std::chrono::milliseconds timeout);
-  // What the shared tracker runs at exit: a flush within exitFlushTimeout(); then each
-  // request still on the wire is written to the offline cache, so that the next start
-  // replays it (a late answer removes the kept copy again). Returns true when nothing was
-  // left unsettled.
+  // A late answer to a request kept at exit removes the kept copy again.
   bool flushAtExit() noexcept;
 
   // --- Deep links and push payloads ----------------------------------------------------
@@ -171,13 +160,7 @@ class TrackerCore {
   void handlePushNotification(const Json& pushPayload);
 
   // --- Purchases ---------------------------------------------------------------------------
-  // Reports a store purchase (to the validation endpoint) and has its receipt verified by the
-  // service. `success` gets the verdict when it holds a "transaction_id"; `failure` gets every
-  // other outcome. Both run on the network callback queue, never on the caller's thread.
-  // Product identifier and transaction id are required; `additionalParameters` is ignored.
-  // Without a developer key or an app id the purchase event is still sent (and dropped by
-  // the dispatch's own checks), and `failure` receives an error of the domain
-  // "com.quorvel.ErrorDomain" instead of a validation request being made.
+  // As QuorvelTracker documents it.
   void validateAndTrackInAppPurchase(const std::optional<std::string>& productIdentifier,
                                      const std::optional<std::string>& price,
                                      const std::optional<std::string>& currency,
