@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "log/Log.h"
+#include "util/Trim.h"
 #include "util/WorkContext.h"
 
 namespace quorvel {
@@ -40,14 +41,6 @@ std::vector<std::string> splitLines(const std::string& text) {
   }
   lines.push_back(std::move(current));
   return lines;
-}
-
-std::string trimBlanksAndTabs(const std::string& s) {
-  const auto first = s.find_first_not_of(" \t");
-  if (first == std::string::npos)
-    return {};
-  const auto last = s.find_last_not_of(" \t");
-  return s.substr(first, last - first + 1);
 }
 
 // The leading decimal number of a text, as the platform's doubleValue reads it; 0 if none.

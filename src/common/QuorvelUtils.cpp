@@ -9,6 +9,7 @@
 
 #include "log/Log.h"
 #include "util/Base64.h"
+#include "util/Trim.h"
 #include "util/Utf8.h"
 
 namespace quorvel {
@@ -68,14 +69,6 @@ std::string serialize(const Json& value) {
   // Host text is made valid where it enters; a bad byte from anywhere else (a device name,
   // say) still must not cost the report, so it is replaced rather than refused.
   return value.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
-
-std::string trimBlanksAndTabs(const std::string& s) {
-  const auto first = s.find_first_not_of(" \t");
-  if (first == std::string::npos)
-    return {};
-  const auto last = s.find_last_not_of(" \t");
-  return s.substr(first, last - first + 1);
 }
 
 }  // namespace
