@@ -1,5 +1,7 @@
 #include "net/QuorvelHTTPClient.h"
 
+#include <cmath>
+
 #include <quorvel/Version.h>
 
 #include <cstdio>
@@ -131,8 +133,11 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
     if (parsed.is_object()) {
       const auto it = parsed.find("monitor");
       if (it != parsed.end() && (it->is_number() || it->is_boolean())) {
-        monitor = it->is_number_float() ? static_cast<std::int64_t>(it->get<double>())
-                                        : it->get<std::int64_t>();
+        // A float beyond the integers (1e300) is not "1"; converting it would be undefined.
+        const double d = it->is_number_float() ? it->get<double>() : 0.0;
+        monitor = !it->is_number_float()                      ? it->get<std::int64_t>()
+                  : std::isfinite(d) && std::fabs(d) < 9.2e18 ? static_cast<std::int64_t>(d)
+                                                              : 0;
       } else if (it != parsed.end() && it->is_string()) {
         monitor = leadingInteger(it->get<std::string>());
       }
