@@ -37,11 +37,7 @@ class TrackingEndToEnd : public ::testing::Test {
   void answer(const httplib::Request& req, httplib::Response& res) {
     const std::string host = req.get_header_value("Host");
     if (host.rfind("sdk.", 0) == 0) {
-      std::lock_guard l(mutex);
-      res.status = conversionStatus;
-      res.set_content(conversionStatus == 200
-                          ? R"({"af_status":"Non-organic","campaign":"spring","iscache":false})"
-                          : "{}",
+      res.set_content(R"({"af_status":"Non-organic","campaign":"spring","iscache":false})",
                       "application/json");
       return;
     }
@@ -90,8 +86,6 @@ class TrackingEndToEnd : public ::testing::Test {
   std::unique_ptr<test::TlsTestServer> server;
   std::shared_ptr<const Platform> platform;
   std::unique_ptr<TrackerCore> tracker;
-  std::mutex mutex;
-  long conversionStatus = 200;
 };
 
 TEST_F(TrackingEndToEnd, ASessionFromFirstLaunchToTheNextProcess) {
@@ -105,8 +99,7 @@ TEST_F(TrackingEndToEnd, ASessionFromFirstLaunchToTheNextProcess) {
   };
   startTracker(delegate);
 
-  // An event before the first launch fixes the install time: the first launch then has no receipt.
-  // (Here the launch comes first, as a fresh install does.)
+  // The first launch of a fresh install carries the store receipt.
   tracker->trackAppLaunch();
   ASSERT_EQ(conversion.get_future().wait_for(20s), std::future_status::ready);
   auto t = tracking();
@@ -166,58 +159,6 @@ TEST_F(TrackingEndToEnd, ASessionFromFirstLaunchToTheNextProcess) {
   EXPECT_EQ(t[3].second["installAttribution"],
             (Json{{"af_status", "Non-organic"}, {"campaign", "spring"}}));
   EXPECT_EQ(count("sdk."), 1U);  // fetched once, then served from the stored copy
-}
-
-TEST_F(TrackingEndToEnd, RejectedConversionRequestsStopAtFive) {
-  QuorvelProxyManager::sharedManager().stopRemoteDebugging();
-  conversionStatus = 403;
-  auto delegate = std::make_shared<QuorvelTrackerDelegate>();
-  std::atomic<int> failures{0};
-  delegate->onConversionDataReceived = [](const Json&) {};
-  delegate->onConversionDataRequestFailure = [&](const Error& e) {
-    EXPECT_EQ(e.code, 403);
-    ++failures;
-  };
-  startTracker(delegate);
-  for (int i = 0; i < 6; ++i) {
-    tracker->getConversionData();
-    if (i < 5)
-      ASSERT_TRUE(eventually([&] { return failures == i + 1; }));
-  }
-  EXPECT_FALSE(server->waitForRequests(6, 500ms));
-  EXPECT_EQ(count("sdk."), 5U);
-  EXPECT_EQ(platform->preferences->integerForKey(keys::kConversionDataRequestRetries), 5);
-}
-
-TEST_F(TrackingEndToEnd, AnEventBeforeTheFirstLaunchAndAnOfflineLaunchReplayed) {
-  QuorvelProxyManager::sharedManager().stopRemoteDebugging();
-  const int port = server->port();
-  startTracker();
-  tracker->trackEvent("early", std::nullopt);
-  ASSERT_TRUE(eventually([&] { return tracking().size() == 1; }));
-  server.reset();  // offline
-  tracker->trackAppLaunch();
-  const std::string cacheDir = platform->fileSystem->cachesDirectory() + "/QuorvelCache";
-  ASSERT_TRUE(eventually([&] {
-    return platform->fileSystem->contentsOfDirectory(cacheDir)
-               .value_or(std::vector<std::string>{})
-               .size() == 1;
-  }));
-  server = std::make_unique<test::TlsTestServer>(std::vector<std::string>{}, port, certificates);
-  tracker->trackEvent("back", std::nullopt);
-  ASSERT_TRUE(eventually([&] { return tracking().size() == 2; }));
-  ASSERT_TRUE(eventually([&] {
-    return platform->fileSystem->contentsOfDirectory(cacheDir)
-        .value_or(std::vector<std::string>{})
-        .empty();
-  }));
-  const auto t = tracking();
-  EXPECT_EQ(t[1].second["event"], "Launched");
-  EXPECT_FALSE(t[1].second.contains("installReceiptData"));  // the early event took the first time
-  bool replayed = false;
-  for (const auto& r : server->received())
-    replayed = replayed || r.target.find("&isCachedRequest=true") != std::string::npos;
-  EXPECT_TRUE(replayed);
 }
 
 }  // namespace
