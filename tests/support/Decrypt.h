@@ -26,4 +26,12 @@ inline Json decryptPayload(const std::string& devKey, const Bytes& sealed) {
   return Json::parse(plain->begin(), plain->end(), nullptr, false);
 }
 
+// The keys of a JSON object in their order, separated by spaces.
+inline std::string keyList(const Json& object) {
+  std::string out;
+  for (const auto& [key, value] : object.items())
+    out += (out.empty() ? "" : " ") + key;
+  return out;
+}
+
 }  // namespace quorvel::test

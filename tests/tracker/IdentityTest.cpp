@@ -74,13 +74,9 @@ TEST_F(IdentityTest, FreshInstallMakesStoresAndSecuresTheIdentifier) {
   EXPECT_EQ(tracker->getQuorvelUID(), uid);
   EXPECT_EQ(fakes.dispatcher->pendingCount(), 0U);
   EXPECT_EQ(tracker->getOriginalQuorvelId(), uid);
-}
-
-TEST_F(IdentityTest, EmptyStoredIdentifierIsReplaced) {
+  // An empty stored identifier is replaced.
   fakes.preferences->setString(keys::kUserId, "");
-  const std::string uid = tracker->getQuorvelUID();
-  EXPECT_FALSE(uid.empty());
-  EXPECT_EQ(fakes.preferences->stringForKey(keys::kUserId), uid);
+  EXPECT_NE(tracker->getQuorvelUID(), "");
 }
 
 TEST_F(IdentityTest, KeychainCopyRaisesTheReinstallCounter) {
@@ -116,17 +112,9 @@ TEST_F(IdentityTest, NoOrUnreadableKeychainCopyMeansNone) {
 }
 
 TEST_F(IdentityTest, WrapperUsesTheBareServiceNameWhateverTheAppId) {
-  const QuorvelKeychainWrapper wrapper(fakes.secureStore, std::string("com.quorvel.sdk"),
-                                       std::string("123456"));
-  EXPECT_EQ(wrapper.identifier(), "com.quorvel.sdk");
-  EXPECT_FALSE(wrapper.appId());
-  const auto q = wrapper.prepareForKeychain("KCQuorvelId");
-  EXPECT_EQ(q.service, "com.quorvel.sdk");
-  EXPECT_EQ(q.account, "KCQuorvelId");
-  EXPECT_EQ(q.generic, "KCQuorvelId");
-  EXPECT_TRUE(q.accessible);
   tracker->setAppleAppID(std::string("123456"));
   EXPECT_EQ(tracker->keychain()->identifier(), "com.quorvel.sdk");
+  EXPECT_FALSE(tracker->keychain()->appId());
 }
 
 TEST_F(IdentityTest, WrapperOperations) {

@@ -165,28 +165,11 @@ TEST_F(HostEventsTest, UninstallRegistrationOncePerToken) {
   const auto& r = background->started()[0].task->originalRequest();
   EXPECT_EQ(r.url, "https://register.svc.example/api/v4.8/iosevent?buildnumber=4.8.0&app_id=123");
   const Json body = Json::parse(r.body.begin(), r.body.end());
-  const std::vector<std::string> keys = {"devkey",
-                                         "uid",
-                                         "devicetoken",
-                                         "launch_counter",
-                                         "topic",
-                                         "install_date",
-                                         "advertiserId",
-                                         "OriginalQuorvelId",
-                                         "reInstallCounter",
-                                         "sdk_version",
-                                         "useDevelopment",
-                                         "bundleversion",
-                                         "bundlename",
-                                         "shortbundleversion",
-                                         "vendorId",
-                                         "wifi",
-                                         "deviceData",
-                                         "appUID"};
-  std::vector<std::string> got;
-  for (const auto& [k, v] : body.items())
-    got.push_back(k);
-  EXPECT_EQ(got, keys);
+  EXPECT_EQ(
+      test::keyList(body),
+      "devkey uid devicetoken launch_counter topic install_date advertiserId "
+      "OriginalQuorvelId reInstallCounter sdk_version useDevelopment bundleversion bundlename "
+      "shortbundleversion vendorId wifi deviceData appUID");
   EXPECT_EQ(body["devicetoken"], "0a1b2c3d4e5f6071");
   EXPECT_EQ(body["launch_counter"], "0");
   EXPECT_EQ(body["reInstallCounter"], 0);

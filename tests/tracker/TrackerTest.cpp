@@ -38,26 +38,23 @@ TEST_F(TrackerTest, NilHostRestoresTheDefaultDomain) {
   EXPECT_EQ(t.host(), kQuorvelDefaultHost);
 }
 
-TEST_F(TrackerTest, LaunchOptionsAreCapturedFromDidFinishLaunching) {
+TEST_F(TrackerTest, LaunchOptionsAreCapturedUntilTheAppTerminates) {
   auto& t = lazyTracker();
-  fakes.notifications->post({platform::kApplicationDidFinishLaunchingNotification, Json()});
+  const auto launched = [&](Json options) {
+    fakes.notifications->post(
+        {platform::kApplicationDidFinishLaunchingNotification, std::move(options)});
+  };
+  launched(Json());
   EXPECT_FALSE(t.sourceApplication() || t.deeplink());
-  fakes.notifications->post(
-      {platform::kApplicationDidFinishLaunchingNotification,
-       Json{{"UIApplicationLaunchOptionsSourceApplicationKey", "com.other.app"},
-            {"UIApplicationLaunchOptionsURLKey", "myapp://open?x=1"}}});
+  launched(Json{{"UIApplicationLaunchOptionsSourceApplicationKey", "com.other.app"},
+                {"UIApplicationLaunchOptionsURLKey", "myapp://open?x=1"}});
   EXPECT_EQ(t.sourceApplication(), "com.other.app");
   EXPECT_EQ(t.deeplink(), "myapp://open?x=1");
   // Options without a source replace it with nothing.
-  fakes.notifications->post({platform::kApplicationDidFinishLaunchingNotification, Json::object()});
+  launched(Json::object());
   EXPECT_FALSE(t.sourceApplication() || t.deeplink());
-}
-
-TEST_F(TrackerTest, WillTerminateUnsubscribes) {
-  auto& t = lazyTracker();
   fakes.notifications->post({platform::kApplicationWillTerminateNotification, Json()});
-  fakes.notifications->post({platform::kApplicationDidFinishLaunchingNotification,
-                             Json{{"UIApplicationLaunchOptionsURLKey", "myapp://late"}}});
+  launched(Json{{"UIApplicationLaunchOptionsURLKey", "myapp://late"}});
   EXPECT_FALSE(t.deeplink());
 }
 
