@@ -22,10 +22,9 @@ constexpr long kStatuses[] = {200, 200, 404, 500};
 constexpr const char* kMimeTypes[] = {"application/json", "text/plain"};
 
 void answerLast(test::TestPlatform& fakes, long status, const std::string& body, const char* mime) {
-  auto& session = *fakes.urlSessions->shared();
-  const auto started = session.started();
-  if (!started.empty())
-    session.respond(started.size() - 1, status, body, mime);
+  const auto sent = fakes.transport->sent().size();
+  if (sent > 0)
+    fakes.respond(sent - 1, status, body, mime);
   fakes.dispatcher->runUntilIdle();
 }
 
@@ -49,12 +48,12 @@ struct World {
   }
   ~World() {
     tracker.reset();
-    fakes.urlSessions->resetAll();
+    fakes.transport->clear();
   }
   void settle() {
     fakes.dispatcher->advance(std::chrono::minutes(10));
     QuorvelProxyManager::sharedManager().stopRemoteDebugging();
-    fakes.urlSessions->resetAll();
+    fakes.transport->clear();
     // Conversion data is fetched again only without a stored copy.
     fakes.preferences->removeObjectForKey(keys::kConversionData);
     fakes.preferences->removeObjectForKey(keys::kConversionDataRequestRetries);

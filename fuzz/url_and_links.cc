@@ -41,7 +41,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::abort();  // the launch would be lost
   tracker.reset();
   // Whatever is still queued runs now, so that nothing keeps the platform past the input.
-  fakes.urlSessions->resetAll();
+  fakes.transport->clear();
   fakes.dispatcher->advance(std::chrono::minutes(10));
   return 0;
 }

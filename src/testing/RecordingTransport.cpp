@@ -7,6 +7,7 @@
 #include <cctype>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <utility>
 
 namespace quorvel::testkit {
@@ -100,20 +101,31 @@ std::optional<Json> decryptPayload(const std::string& developerKey, const Bytes&
 }
 
 struct RecordingTransport::Core {
+  using Delivery = std::function<void(const Answer&)>;
+
   std::string developerKey;
   std::mutex mutex;
   Responder responder;
+  bool hold = false;
   std::vector<SentRequest> sent;
+  std::map<std::size_t, Delivery> held;  // by index into `sent`
 
-  Answer record(const platform::URLRequest& request) {
-    SentRequest entry{request, decryptPayload(developerKey, request.body)};
-    Responder answer;
+  // Records the request, then delivers its answer now or keeps the delivery for answer().
+  void record(const platform::URLRequest& request, const std::string& session, Delivery deliver) {
+    SentRequest entry{
+        request, developerKey.empty() ? std::nullopt : decryptPayload(developerKey, request.body),
+        session};
+    Responder answerWith;
     {
       const std::lock_guard lock(mutex);
       sent.push_back(std::move(entry));
-      answer = responder;
+      if (hold) {
+        held.emplace(sent.size() - 1, std::move(deliver));
+        return;
+      }
+      answerWith = responder;
     }
-    return answer ? answer(request) : Answer{};
+    deliver(answerWith ? answerWith(request) : Answer{});
   }
 };
 
@@ -124,10 +136,13 @@ class RecordedTask;
 class RecordingSession final : public platform::URLSession,
                                public std::enable_shared_from_this<RecordingSession> {
  public:
-  RecordingSession(std::shared_ptr<RecordingTransport::Core> core,
+  RecordingSession(std::shared_ptr<RecordingTransport::Core> core, std::string name,
                    std::shared_ptr<platform::DispatchQueue> queue,
                    std::weak_ptr<platform::URLSessionDownloadDelegate> delegate)
-      : core_(std::move(core)), queue_(std::move(queue)), delegate_(std::move(delegate)) {}
+      : core_(std::move(core)),
+        name_(std::move(name)),
+        queue_(std::move(queue)),
+        delegate_(std::move(delegate)) {}
 
   std::shared_ptr<platform::URLSessionTask> dataTask(
       platform::URLRequest request, platform::DataTaskCompletion completion) override;
@@ -140,6 +155,7 @@ class RecordingSession final : public platform::URLSession,
 
  private:
   std::shared_ptr<RecordingTransport::Core> core_;
+  std::string name_;
   std::shared_ptr<platform::DispatchQueue> queue_;
   std::weak_ptr<platform::URLSessionDownloadDelegate> delegate_;
   std::atomic<std::uint64_t> nextId_{1};
@@ -178,6 +194,9 @@ class RecordedTask final : public platform::URLSessionTask,
   std::atomic<bool> cancelled_{false};
 };
 
+void deliver(RecordedTask& task, const Answer& answer,
+             const std::weak_ptr<platform::URLSessionDownloadDelegate>& delegate);
+
 std::shared_ptr<platform::URLSessionTask> RecordingSession::dataTask(
     platform::URLRequest request, platform::DataTaskCompletion completion) {
   return std::make_shared<RecordedTask>(nextId_++, std::move(request), std::move(completion),
@@ -185,38 +204,43 @@ std::shared_ptr<platform::URLSessionTask> RecordingSession::dataTask(
 }
 
 void RecordingSession::start(const std::shared_ptr<RecordedTask>& task) {
-  const Answer answer = core_->record(task->originalRequest());
-  queue_->async([task, answer, delegate = delegate_] {
-    if (task->cancelled())
+  core_->record(task->originalRequest(), name_,
+                [task, queue = queue_, delegate = delegate_](const Answer& answer) {
+                  queue->async([task, answer, delegate] { deliver(*task, answer, delegate); });
+                });
+}
+
+void deliver(RecordedTask& task, const Answer& answer,
+             const std::weak_ptr<platform::URLSessionDownloadDelegate>& delegate) {
+  if (task.cancelled())
+    return;
+  if (auto completion = task.takeCompletion()) {
+    if (answer.failure) {
+      completion(std::nullopt, std::nullopt, answer.failure);
       return;
+    }
     platform::URLResponse response;
-    response.url = task->originalRequest().url;
+    response.url = task.originalRequest().url;
     response.statusCode = answer.status;
     response.mimeType = answer.mimeType;
     response.headers = {{"Content-Type", answer.mimeType}};
-    const Bytes body(answer.body.begin(), answer.body.end());
-    if (auto completion = task->takeCompletion()) {
-      if (answer.failure)
-        completion(std::nullopt, std::nullopt, answer.failure);
-      else
-        completion(body, response, std::nullopt);
-      return;
-    }
-    const auto receiver = delegate.lock();
-    if (!receiver)
-      return;
-    if (!answer.failure) {
-      // A download lands in a file, as a background session hands it over.
-      const auto path =
-          std::filesystem::temp_directory_path() /
-          ("quorvel-testkit-" + std::to_string(reinterpret_cast<std::uintptr_t>(task.get())));
-      std::ofstream(path, std::ios::binary)
-          .write(answer.body.data(), static_cast<std::streamsize>(answer.body.size()));
-      receiver->didFinishDownloadingToPath(*task, path.string());
-      std::filesystem::remove(path);
-    }
-    receiver->didCompleteWithError(*task, answer.failure);
-  });
+    completion(Bytes(answer.body.begin(), answer.body.end()), response, std::nullopt);
+    return;
+  }
+  const auto receiver = delegate.lock();
+  if (!receiver)
+    return;
+  if (!answer.failure) {
+    // A download lands in a file, as a background session hands it over.
+    const auto path =
+        std::filesystem::temp_directory_path() /
+        ("quorvel-testkit-" + std::to_string(reinterpret_cast<std::uintptr_t>(&task)));
+    std::ofstream(path, std::ios::binary)
+        .write(answer.body.data(), static_cast<std::streamsize>(answer.body.size()));
+    receiver->didFinishDownloadingToPath(task, path.string());
+    std::filesystem::remove(path);
+  }
+  receiver->didCompleteWithError(task, answer.failure);
 }
 
 }  // namespace
@@ -234,27 +258,49 @@ void RecordingTransport::setResponder(Responder responder) {
   core_->responder = std::move(responder);
 }
 
+void RecordingTransport::holdAnswers(bool hold) {
+  const std::lock_guard lock(core_->mutex);
+  core_->hold = hold;
+}
+
+bool RecordingTransport::answer(std::size_t index, const Answer& answer) {
+  Core::Delivery deliver;
+  {
+    const std::lock_guard lock(core_->mutex);
+    const auto it = core_->held.find(index);
+    if (it == core_->held.end())
+      return false;
+    deliver = std::move(it->second);
+    core_->held.erase(it);
+  }
+  deliver(answer);
+  return true;
+}
+
 std::vector<SentRequest> RecordingTransport::sent() const {
   const std::lock_guard lock(core_->mutex);
   return core_->sent;
 }
 
 void RecordingTransport::clear() {
+  std::map<std::size_t, Core::Delivery> dropped;  // released outside the lock
   const std::lock_guard lock(core_->mutex);
   core_->sent.clear();
+  dropped.swap(core_->held);
 }
 
 std::shared_ptr<platform::URLSession> RecordingTransport::sharedSession() {
   const std::lock_guard lock(sessionsMutex_);
   if (!shared_)
-    shared_ =
-        std::make_shared<RecordingSession>(core_, dispatcher_->makeSerialQueue("testkit.shared"),
-                                           std::weak_ptr<platform::URLSessionDownloadDelegate>());
+    shared_ = std::make_shared<RecordingSession>(
+        core_, "shared", dispatcher_->makeSerialQueue("testkit.shared"),
+        std::weak_ptr<platform::URLSessionDownloadDelegate>());
   return shared_;
 }
 
 std::shared_ptr<platform::URLSession> RecordingTransport::defaultSession() {
-  return std::make_shared<RecordingSession>(core_, dispatcher_->makeSerialQueue("testkit.default"),
+  return std::make_shared<RecordingSession>(core_, "default",
+                                            dispatcher_->makeSerialQueue("testkit.default"),
                                             std::weak_ptr<platform::URLSessionDownloadDelegate>());
 }
 
@@ -262,8 +308,8 @@ std::shared_ptr<platform::URLSession> RecordingTransport::backgroundSession(
     const platform::BackgroundSessionConfiguration& configuration,
     std::weak_ptr<platform::URLSessionDownloadDelegate> delegate) {
   return std::make_shared<RecordingSession>(
-      core_, dispatcher_->makeSerialQueue("testkit." + configuration.identifier),
-      std::move(delegate));
+      core_, configuration.identifier,
+      dispatcher_->makeSerialQueue("testkit." + configuration.identifier), std::move(delegate));
 }
 
 }  // namespace quorvel::testkit

@@ -123,9 +123,8 @@ TEST_F(LinkGeneratorTest, ShortLinkFallsBackToTheLongLinkOnEveryFailure) {
   ASSERT_EQ(urls, std::vector<std::string>{longLink});
 
   tracker->setAppInviteHopline(std::string("tmpl"));
-  auto session = fakes.urlSessions->shared();
   struct Answer {
-    std::function<void(test::FakeURLSession&, std::size_t)> respond;
+    std::function<void(const test::TestPlatform&, std::size_t)> respond;
     std::string want;
   };
   const std::vector<Answer> answers = {
@@ -143,13 +142,13 @@ TEST_F(LinkGeneratorTest, ShortLinkFallsBackToTheLongLinkOnEveryFailure) {
     urls.clear();
     g.generateHoplineWithTTL(30, record);
     EXPECT_TRUE(urls.empty());
-    const auto& r = session->started().at(i).task->originalRequest();
+    const auto r = fakes.requests().at(i);
     EXPECT_EQ(r.url, "https://hopline.svc.example/shortlink-sdk/v1/tmpl");
-    answers[i].respond(*session, i);
+    answers[i].respond(fakes, i);
     fakes.dispatcher->runUntilIdle();
     EXPECT_EQ(urls, std::vector<std::string>{answers[i].want}) << i;
   }
-  const auto& body = session->started().at(0).task->originalRequest().body;
+  const auto body = fakes.requests().at(0).body;
   EXPECT_EQ(Json::parse(body.begin(), body.end()),
             (Json{{"ttl", "30"}, {"data", Json{{"pid", "m"}}}}));
   tracker->setQuorvelDevKey(std::nullopt);
@@ -169,10 +168,7 @@ class HelpersTest : public ::testing::Test {
     tracker().setAppleAppID(std::string("555"));
   }
   static QuorvelTracker& tracker() { return QuorvelTracker::sharedTracker(); }
-  Json lastEvent() {
-    const auto started = fakes.urlSessions->shared()->started();
-    return test::decryptPayload("HELPERKEY", started.back().task->originalRequest().body);
-  }
+  Json lastEvent() { return test::decryptPayload("HELPERKEY", fakes.requests().back().body); }
   test::TestPlatform fakes;
 };
 
@@ -232,12 +228,11 @@ TEST_F(HelpersTest, InviteAndCrossPromotionEventsReachThePipeline) {
   QuorvelCrossPromotionHelper::trackAndOpenStore(
       "999", std::string("spring"), Json{{"x", "1"}},
       [&](std::shared_ptr<platform::URLSession> session, const std::string& url) {
-        EXPECT_TRUE(session);
+        EXPECT_TRUE(session && session != fakes.transport->sharedSession());  // a new one
         opened.push_back(url);
         eventsBefore = fakes.dispatcher->pendingCount();
       });
   ASSERT_EQ(opened.size(), 1U);
-  EXPECT_EQ(fakes.urlSessions->defaultSessionsMade(), 1);
   EXPECT_EQ(opened[0],
             "https://app.svc.example/id999?pid=qv_cross_promotion&c=spring&qv_siteid=555&x=1");
   EXPECT_GE(eventsBefore, 1U);  // the click was queued before the callback
@@ -257,8 +252,7 @@ TEST_F(HelpersTest, HelpersGivenATrackerUseItAndNotTheSharedOne) {
                 own.getQuorvelUID() + "&qv_siteid=777");
   QuorvelCrossPromotionHelper::trackCrossPromotionEvent(own, std::nullopt, Json{{"x", "1"}});
   fakes.dispatcher->advance(100ms);
-  const auto started = fakes.urlSessions->shared()->started();
-  const Json event = test::decryptPayload("OWNKEY", started.back().task->originalRequest().body);
+  const Json event = test::decryptPayload("OWNKEY", fakes.requests().back().body);
   EXPECT_EQ(event["event"], "qv_cross_promotion_clicked");
 }
 
@@ -266,14 +260,13 @@ TEST_F(HelpersTest, ImpressionIsAGetAndFailuresAreOnlyLogged) {
   QVSetShowDebugLogs(true);
   tracker().setAdvertiserId("AD-ID");
   QuorvelCrossPromotionHelper::trackCrossPromoteImpression("999", std::string("spring"));
-  EXPECT_EQ(fakes.urlSessions->defaultSessionsMade(), 1);
-  auto session = fakes.urlSessions->shared();
-  const auto& r = session->started().back().task->originalRequest();
+  ASSERT_EQ(fakes.transport->sent().back().session, "default");
+  const auto r = fakes.requests().back();
   EXPECT_EQ(r.method, "GET");
   EXPECT_EQ(r.url,
             "https://impressions.svc.example/"
             "id999?pid=qv_cross_promotion&c=spring&qv_siteid=555&advertising_id=AD-ID");
-  session->fail(session->started().size() - 1, Error{platform::kURLErrorDomain, -1004, "refused"});
+  fakes.fail(fakes.requests().size() - 1, Error{platform::kURLErrorDomain, -1004, "refused"});
   fakes.dispatcher->runUntilIdle();
   EXPECT_EQ(
       fakes.systemLog->count("Quorvel crossPromotionViewed Connection failed! Error - refused"),

@@ -29,7 +29,6 @@ class HTTPClientTest : public ::testing::Test {
         });
     client = QuorvelHTTPClient::create(fakes.shared(), QuorvelProxyManager::sharedManager(), cache);
   }
-  test::FakeURLSession& session() { return *fakes.urlSessions->shared(); }
   std::vector<std::string> files() {
     return fakes.fileSystem->contentsOfDirectory(kClientCacheDir)
         .value_or(std::vector<std::string>{});
@@ -53,9 +52,9 @@ class HTTPClientTest : public ::testing::Test {
 TEST_F(HTTPClientTest, RequestShapeAndLegacyEscaping) {
   client->sendRequestEventToServer(fresh("https://t.example/p?a=b c&d=\xc3\xa9|x%y"), false,
                                    std::nullopt, false, nullptr);
-  const auto started = session().started();
+  const auto started = fakes.requests();
   ASSERT_EQ(started.size(), 1U);
-  const auto& r = started[0].task->originalRequest();
+  const auto& r = started[0];
   EXPECT_EQ(r.url, "https://t.example/p?a=b%20c&d=%C3%A9%7Cx%25y");
   EXPECT_EQ(r.method, "POST");
   EXPECT_EQ(r.headers, (platform::HeaderList{{"Content-Type", "application/octet-stream"}}));
@@ -70,7 +69,7 @@ TEST_F(HTTPClientTest, RequestShapeAndLegacyEscaping) {
 TEST_F(HTTPClientTest, FreshTransportFailureIsCachedAndNoCallback) {
   bool called = false;
   client->sendRequestEventToServer(fresh(), false, std::nullopt, false, [&] { called = true; });
-  session().fail(0, kRefused);
+  fakes.fail(0, kRefused);
   fakes.dispatcher->runUntilIdle();
   EXPECT_FALSE(called);
   ASSERT_EQ(files().size(), 1U);
@@ -84,39 +83,39 @@ TEST_F(HTTPClientTest, FreshAnswerReplaysTheCacheOneByOneWithTheSuffix) {
   putFile("699999991.000000.qv", "4.8.0", "https://t.example/b?buildnumber=4.8.0");
   bool called = false;
   client->sendRequestEventToServer(fresh(), false, std::nullopt, false, [&] { called = true; });
-  session().respond(0, 403, "{}");
+  fakes.respond(0, 403, "{}");
   fakes.dispatcher->runUntilIdle();
   EXPECT_TRUE(called);  // any HTTP answer counts as delivered
   fakes.dispatcher->advance(100ms);
-  auto started = session().started();
+  auto started = fakes.requests();
   ASSERT_EQ(started.size(), 2U);
-  const std::string& url = started[1].task->originalRequest().url;
+  const std::string& url = started[1].url;
   EXPECT_NE(url.find("https://t.example/a?buildnumber=4.8.0&timeincache="), std::string::npos);
   EXPECT_EQ(url.substr(url.size() - 21), "&isCachedRequest=true");
   // A replayed answer (even a 500) deletes the file and sends the next record.
-  session().respond(1, 500, "oops", "text/html");
+  fakes.respond(1, 500, "oops", "text/html");
   fakes.dispatcher->runUntilIdle();
   EXPECT_EQ(files(), std::vector<std::string>{"699999991.000000.qv"});
-  started = session().started();
+  started = fakes.requests();
   ASSERT_EQ(started.size(), 3U);
-  session().respond(2, 200, "{}");
+  fakes.respond(2, 200, "{}");
   fakes.dispatcher->runUntilIdle();
   EXPECT_TRUE(files().empty());
-  EXPECT_EQ(session().started().size(), 3U);
+  EXPECT_EQ(fakes.requests().size(), 3U);
 }
 
 TEST_F(HTTPClientTest, ReplayedTransportFailureKeepsOnlyCurrentVersionRecords) {
   putFile("699999990.000000.qv", "4.7.1", "https://t.example/old?x=1");
   putFile("699999991.000000.qv", "4.8.0", "https://t.example/current?x=1");
   client->sendRequestEventToServer(fresh(), false, std::nullopt, false, nullptr);
-  session().respond(0, 200, "{}");
+  fakes.respond(0, 200, "{}");
   fakes.dispatcher->advance(100ms);
-  session().fail(1, kRefused);  // the 4.7.1 record: deleted after this try
+  fakes.fail(1, kRefused);  // the 4.7.1 record: deleted after this try
   fakes.dispatcher->runUntilIdle();
-  session().fail(2, kRefused);  // the 4.8.0 record: stays for a later launch
+  fakes.fail(2, kRefused);  // the 4.8.0 record: stays for a later launch
   fakes.dispatcher->runUntilIdle();
   EXPECT_EQ(files(), std::vector<std::string>{"699999991.000000.qv"});
-  EXPECT_EQ(session().started().size(), 3U);
+  EXPECT_EQ(fakes.requests().size(), 3U);
 }
 
 TEST_F(HTTPClientTest, MonitorValueSwitchesRemoteDebugging) {
@@ -133,7 +132,7 @@ TEST_F(HTTPClientTest, MonitorValueSwitchesRemoteDebugging) {
   for (const auto& c : cases) {
     client->sendRequestEventToServer(fresh(), false, std::nullopt, false, nullptr);
     proxy.addEventWithString("line before the answer");
-    session().respond(index++, 200, c.body);
+    fakes.respond(index++, 200, c.body);
     fakes.dispatcher->runUntilIdle();
     EXPECT_EQ(proxy.proxyEnabledFromServer(), c.enabled) << c.body;
     EXPECT_EQ(proxy.isRemoteDebugging(), c.enabled) << c.body;
@@ -167,7 +166,7 @@ TEST_F(HTTPClientTest, FireAndForgetPathFollowsTheSystemsCapabilities) {
   struct Case {
     std::string version;
     std::string path;
-    std::optional<platform::SystemCapabilities> capabilities;  // else those of a phone
+    std::optional<platform::SystemCapabilities> capabilities = std::nullopt;  // else a phone's
   };
   const Case cases[] = {{"10.0", "session"},
                         {"8.4", "session"},
@@ -191,20 +190,20 @@ TEST_F(HTTPClientTest, FireAndForgetPathFollowsTheSystemsCapabilities) {
                                        "{\"data\":[]}");
     local.dispatcher->runUntilIdle();
     if (c.path == "session") {
-      const auto started = local.urlSessions->lastBackground()->started();
-      ASSERT_EQ(started.size(), 1U);
-      const auto& r = started[0].task->originalRequest();
+      const auto uploads = local.requests(test::kBackgroundSession);
+      ASSERT_EQ(uploads.size(), 1U);
+      const auto& r = uploads[0];
       EXPECT_EQ(r.headers, (platform::HeaderList{{"Content-Type", "application/text"}}));
       EXPECT_EQ(std::string(r.body.begin(), r.body.end()), "{\"data\":[]}");
-      local.urlSessions->lastBackground()->fail(0, kRefused);
+      local.fail(0, kRefused);
       local.dispatcher->runUntilIdle();
       EXPECT_EQ(local.systemLog->count("completed with error: Could not connect to the server."),
                 1U);
     } else if (c.path == "task") {
-      ASSERT_EQ(local.urlSessions->shared()->started().size(), 1U);
+      ASSERT_EQ(local.requests("shared").size(), 1U);
       EXPECT_EQ(local.application->begun.size(), 1U);
       EXPECT_TRUE(local.application->ended.empty());
-      local.urlSessions->shared()->respond(0, 200, "");
+      local.respond(0, 200, "");
       local.dispatcher->runUntilIdle();
       EXPECT_EQ(local.application->ended, local.application->begun);
       EXPECT_EQ(local.systemLog->count("dispatched background task 1"), 1U);
@@ -221,7 +220,7 @@ TEST_F(HTTPClientTest, ShortLinkRequestsAreSigned) {
   EXPECT_EQ(ts, "1510000000");
   EXPECT_EQ(auth, QuorvelUtils::sha1("K1510000000"));
   client->getHopline("https://hopline.example/shortlink-sdk/v1/abc?id=xyz", "DEVKEY", nullptr);
-  const auto& r = session().started().at(0).task->originalRequest();
+  const auto& r = fakes.requests().at(0);
   EXPECT_EQ(r.method, "GET");
   EXPECT_EQ(r.headers,
             (platform::HeaderList{{"Content-Type", "application/json"},
@@ -231,7 +230,7 @@ TEST_F(HTTPClientTest, ShortLinkRequestsAreSigned) {
 
 TEST_F(HTTPClientTest, ResolveAnswers) {
   struct Case {
-    std::function<void(test::FakeURLSession&, std::size_t)> answer;
+    std::function<void(const test::TestPlatform&, std::size_t)> answer;
     std::optional<Json> result;
     std::optional<std::int64_t> errorCode;
   };
@@ -253,7 +252,7 @@ TEST_F(HTTPClientTest, ResolveAnswers) {
       result = r;
       error = e;
     });
-    cases[i].answer(session(), i);
+    cases[i].answer(fakes, i);
     fakes.dispatcher->runUntilIdle();
     EXPECT_EQ(calls, 1) << i;
     EXPECT_EQ(result, cases[i].result) << i;
@@ -271,14 +270,14 @@ TEST_F(HTTPClientTest, CreateBodyAndAnswers) {
                         Json{{"pid", "me"}}, record);
   client->createHopline("https://hopline.example/shortlink-sdk/v1/tmpl", 7, "K",
                         Json{{"bad", std::numeric_limits<double>::infinity()}}, record);
-  const auto started = session().started();
-  const auto body0 = started[0].task->originalRequest().body;
-  const auto body1 = started[1].task->originalRequest().body;
+  const auto started = fakes.requests();
+  const auto body0 = started[0].body;
+  const auto body1 = started[1].body;
   EXPECT_EQ(std::string(body0.begin(), body0.end()), R"({"ttl":"30","data":{"pid":"me"}})");
   EXPECT_EQ(std::string(body1.begin(), body1.end()), R"({"ttl":"7","data":{}})");
-  EXPECT_EQ(started[0].task->originalRequest().method, "POST");
-  session().respond(0, 200, "https://go.example/tmpl/abc", "text/plain");
-  session().respond(1, 404, "https://go.example/tmpl/abc");
+  EXPECT_EQ(started[0].method, "POST");
+  fakes.respond(0, 200, "https://go.example/tmpl/abc", "text/plain");
+  fakes.respond(1, 404, "https://go.example/tmpl/abc");
   fakes.dispatcher->runUntilIdle();
   ASSERT_EQ(results.size(), 2U);
   EXPECT_EQ(results[0],
@@ -300,12 +299,12 @@ TEST_F(HTTPClientTest, RemoteDebuggingUploadGathersTheStaticBlockOnce) {
   tracker->sendRemoteDebuggingData();
   EXPECT_TRUE(proxy.events().empty());
   fakes.dispatcher->runUntilIdle();
-  auto started = fakes.urlSessions->lastBackground()->started();
-  ASSERT_EQ(started.size(), 1U);
+  auto uploads = fakes.requests(test::kBackgroundSession);
+  ASSERT_EQ(uploads.size(), 1U);
   EXPECT_EQ(
-      started[0].task->originalRequest().url,
+      uploads[0].url,
       "https://monitorsdk.svc.example/remote-debug?app_id=123&device_tracking_disabled=false");
-  const auto& body = started[0].task->originalRequest().body;
+  const auto& body = uploads[0].body;
   const Json document = Json::parse(body.begin(), body.end());
   const std::string uid = tracker->getQuorvelUID();
   EXPECT_EQ(document["brand"], "Apple");
@@ -328,8 +327,8 @@ TEST_F(HTTPClientTest, RemoteDebuggingUploadGathersTheStaticBlockOnce) {
   tracker->setQuorvelDevKey(std::string("OTHER-KEY-99"));
   tracker->sendRemoteDebuggingData();
   fakes.dispatcher->runUntilIdle();
-  started = fakes.urlSessions->lastBackground()->started();
-  const auto& body2 = started.at(1).task->originalRequest().body;
+  uploads = fakes.requests(test::kBackgroundSession);
+  const auto& body2 = uploads.at(1).body;
   const Json second = Json::parse(body2.begin(), body2.end());
   EXPECT_EQ(second["launch_counter"], 4);
   EXPECT_EQ(second["devkey"], "DEVKEY-0123");

@@ -1,7 +1,6 @@
 #include "support/Fakes.h"
 
 #include <algorithm>
-#include <atomic>
 
 namespace quorvel::test {
 
@@ -46,11 +45,6 @@ std::map<std::string, Json> MemoryPreferencesStore::durable() const {
 int MemoryPreferencesStore::synchronizeCount() const {
   std::lock_guard lock(mutex_);
   return synchronizeCount_;
-}
-
-std::map<std::string, Json> MemoryPreferencesStore::snapshot() const {
-  std::lock_guard lock(mutex_);
-  return {values_.begin(), values_.end()};
 }
 
 // --- MemorySecureStore ------------------------------------------------------------------------
@@ -240,119 +234,6 @@ std::uint32_t ScriptedRandom::uniform(std::uint32_t upperBound) noexcept {
   const std::uint32_t v = uniformValues.front();
   uniformValues.pop_front();
   return v % upperBound;
-}
-
-// --- FakeURLSession ---------------------------------------------------------------------------
-
-namespace {
-
-class FakeTask final : public platform::URLSessionTask {
- public:
-  FakeTask(std::uint64_t id, platform::URLRequest request, FakeURLSession& session,
-           platform::DataTaskCompletion completion)
-      : id_(id),
-        request_(std::move(request)),
-        session_(session),
-        completion_(std::move(completion)) {}
-  std::uint64_t taskIdentifier() const noexcept override { return id_; }
-  const platform::URLRequest& originalRequest() const noexcept override { return request_; }
-  void resume() noexcept override {
-    if (!resumed_.exchange(true))
-      session_.markStarted(self_.lock(), completion_);
-  }
-  void cancel() noexcept override {}
-  std::string description() const override {
-    return "<FakeTask> { taskIdentifier: " + std::to_string(id_) + " }";
-  }
-  std::weak_ptr<FakeTask> self_;
-
- private:
-  std::uint64_t id_;
-  platform::URLRequest request_;
-  FakeURLSession& session_;
-  platform::DataTaskCompletion completion_;
-  std::atomic<bool> resumed_{false};
-};
-
-}  // namespace
-
-std::shared_ptr<platform::URLSessionTask> FakeURLSession::dataTask(
-    platform::URLRequest request, platform::DataTaskCompletion completion) {
-  std::uint64_t id = 0;
-  {
-    std::lock_guard lock(mutex_);
-    id = nextId_++;
-  }
-  auto task = std::make_shared<FakeTask>(id, std::move(request), *this, std::move(completion));
-  task->self_ = task;
-  return task;
-}
-
-std::shared_ptr<platform::URLSessionTask> FakeURLSession::downloadTask(
-    platform::URLRequest request) {
-  return dataTask(std::move(request), {});
-}
-
-void FakeURLSession::markStarted(const std::shared_ptr<platform::URLSessionTask>& task,
-                                 const platform::DataTaskCompletion& completion) {
-  std::lock_guard lock(mutex_);
-  started_.push_back(Started{task, completion});
-}
-
-std::vector<FakeURLSession::Started> FakeURLSession::started() const {
-  std::lock_guard lock(mutex_);
-  return started_;
-}
-
-void FakeURLSession::respond(std::size_t index, long status, const std::string& body,
-                             const std::string& mimeType) {
-  const Started s = started().at(index);
-  platform::URLResponse response;
-  response.url = s.task->originalRequest().url;
-  response.statusCode = status;
-  response.mimeType = mimeType;
-  response.headers = {{"Content-Type", mimeType}};
-  const Bytes bytes(body.begin(), body.end());
-  auto delegate = delegate_;
-  queue_->async([s, response, bytes, delegate] {
-    if (s.completion) {
-      s.completion(bytes, response, std::nullopt);
-    } else if (auto d = delegate.lock()) {
-      d->didFinishDownloadingToPath(*s.task, "/tmp/download");
-      d->didCompleteWithError(*s.task, std::nullopt);
-    }
-  });
-}
-
-void FakeURLSession::fail(std::size_t index, const Error& error) {
-  const Started s = started().at(index);
-  auto delegate = delegate_;
-  queue_->async([s, error, delegate] {
-    if (s.completion) {
-      s.completion(std::nullopt, std::nullopt, error);
-    } else if (auto d = delegate.lock()) {
-      d->didCompleteWithError(*s.task, error);
-    }
-  });
-}
-
-std::shared_ptr<platform::URLSession> FakeURLSessionFactory::sharedSession() {
-  return shared_;
-}
-
-std::shared_ptr<platform::URLSession> FakeURLSessionFactory::defaultSession() {
-  ++defaultSessionsMade_;
-  return shared_;
-}
-
-std::shared_ptr<platform::URLSession> FakeURLSessionFactory::backgroundSession(
-    const platform::BackgroundSessionConfiguration& configuration,
-    std::weak_ptr<platform::URLSessionDownloadDelegate> delegate) {
-  background_ = std::make_shared<FakeURLSession>(
-      dispatcher_->makeSerialQueue("background." + configuration.identifier), std::move(delegate));
-  std::lock_guard lock(mutex_);
-  backgrounds_.push_back(background_);
-  return background_;
 }
 
 }  // namespace quorvel::test

@@ -1,7 +1,6 @@
 // Test fakes of the platform services. Each is deterministic and in memory.
 #pragma once
 
-#include <atomic>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -21,7 +20,6 @@ class MemoryPreferencesStore final : public platform::PreferencesStore {
   bool synchronize() override;
 
   int synchronizeCount() const;
-  std::map<std::string, Json> snapshot() const;
   // The values as of the last synchronize: what a crash would leave.
   std::map<std::string, Json> durable() const;
 
@@ -194,80 +192,6 @@ class ScriptedRandom final : public platform::Random {
  private:
   std::mutex mutex_;
   std::uint8_t next_ = 1;
-};
-
-// A URL session whose tasks complete only when the test says so, on the session's delegate
-// queue (a serial queue of the dispatcher it was made with).
-class FakeURLSession final : public platform::URLSession {
- public:
-  struct Started {
-    std::shared_ptr<platform::URLSessionTask> task;
-    platform::DataTaskCompletion completion;  // empty for download tasks
-  };
-
-  FakeURLSession(std::shared_ptr<platform::DispatchQueue> delegateQueue,
-                 std::weak_ptr<platform::URLSessionDownloadDelegate> delegate = {})
-      : queue_(std::move(delegateQueue)), delegate_(std::move(delegate)) {}
-
-  std::shared_ptr<platform::URLSessionTask> dataTask(
-      platform::URLRequest request, platform::DataTaskCompletion completion) override;
-  std::shared_ptr<platform::URLSessionTask> downloadTask(platform::URLRequest request) override;
-  std::shared_ptr<platform::DispatchQueue> delegateQueue() override { return queue_; }
-
-  // Tasks that were resumed, oldest first.
-  std::vector<Started> started() const;
-  // Completes the started task `index` with an HTTP answer or a transport error.
-  void respond(std::size_t index, long status, const std::string& body,
-               const std::string& mimeType = "application/json");
-  void fail(std::size_t index, const Error& error);
-
-  void markStarted(const std::shared_ptr<platform::URLSessionTask>& task,
-                   const platform::DataTaskCompletion& completion);
-  // Forgets every task: completions hold their callers, which hold the session.
-  void reset() {
-    std::lock_guard lock(mutex_);
-    started_.clear();
-  }
-
- private:
-  std::shared_ptr<platform::DispatchQueue> queue_;
-  std::weak_ptr<platform::URLSessionDownloadDelegate> delegate_;
-  mutable std::mutex mutex_;
-  std::vector<Started> started_;
-  std::uint64_t nextId_ = 1;
-};
-
-class FakeURLSessionFactory final : public platform::URLSessionFactory {
- public:
-  explicit FakeURLSessionFactory(std::shared_ptr<platform::Dispatcher> dispatcher)
-      : dispatcher_(std::move(dispatcher)),
-        shared_(
-            std::make_shared<FakeURLSession>(dispatcher_->makeSerialQueue("session.callbacks"))) {}
-  std::shared_ptr<platform::URLSession> sharedSession() override;
-  // Counted, and answered by the shared fake so that one place sees every request.
-  std::shared_ptr<platform::URLSession> defaultSession() override;
-  int defaultSessionsMade() const { return defaultSessionsMade_; }
-  std::shared_ptr<platform::URLSession> backgroundSession(
-      const platform::BackgroundSessionConfiguration& configuration,
-      std::weak_ptr<platform::URLSessionDownloadDelegate> delegate) override;
-
-  std::shared_ptr<FakeURLSession> shared() { return shared_; }
-  void resetAll() {
-    std::lock_guard lock(mutex_);
-    if (shared_)
-      shared_->reset();
-    for (const auto& b : backgrounds_)
-      b->reset();
-  }
-  std::shared_ptr<FakeURLSession> lastBackground() { return background_; }
-
- private:
-  std::shared_ptr<platform::Dispatcher> dispatcher_;
-  std::shared_ptr<FakeURLSession> shared_;
-  std::shared_ptr<FakeURLSession> background_;
-  std::mutex mutex_;
-  std::vector<std::shared_ptr<FakeURLSession>> backgrounds_;
-  std::atomic<int> defaultSessionsMade_ = 0;
 };
 
 }  // namespace quorvel::test

@@ -5,6 +5,7 @@
 
 #include <quorvel/Logger.h>
 #include <quorvel/Platform.h>
+#include <quorvel/testing/RecordingTransport.h>
 
 #include "platform/posix/PosixServices.h"
 #include "support/Fakes.h"
@@ -12,19 +13,41 @@
 
 namespace quorvel::test {
 
+// The session the library sends its fire-and-forget requests through.
+inline constexpr const char* kBackgroundSession = "com.quorvel.sdk";
+
 struct TestPlatform {
-  TestPlatform() = default;
+  TestPlatform() { transport->holdAnswers(true); }
   TestPlatform(const TestPlatform&) = delete;
   TestPlatform& operator=(const TestPlatform&) = delete;
   // Unanswered requests hold their callers; let go of them with the platform.
-  ~TestPlatform() { urlSessions->resetAll(); }
+  ~TestPlatform() { transport->clear(); }
+
+  // Requests sent so far through `session` (any when empty), oldest first. Each stays
+  // unanswered until the test answers it by its index among all requests.
+  std::vector<platform::URLRequest> requests(std::string_view session = {}) const {
+    std::vector<platform::URLRequest> out;
+    for (const auto& r : transport->sent()) {
+      if (session.empty() || r.session == session)
+        out.push_back(r.request);
+    }
+    return out;
+  }
+  void respond(std::size_t index, long status, std::string body,
+               std::string mimeType = "application/json") const {
+    transport->answer(index, {status, std::move(body), std::move(mimeType), std::nullopt});
+  }
+  void fail(std::size_t index, const Error& error) const {
+    transport->answer(index, {0, "", "", error});
+  }
 
   std::shared_ptr<VirtualClock> clock = std::make_shared<VirtualClock>();
   std::shared_ptr<VirtualDispatcher> dispatcher = std::make_shared<VirtualDispatcher>(clock);
   std::shared_ptr<MemoryPreferencesStore> preferences = std::make_shared<MemoryPreferencesStore>();
   std::shared_ptr<MemorySecureStore> secureStore = std::make_shared<MemorySecureStore>();
-  std::shared_ptr<FakeURLSessionFactory> urlSessions =
-      std::make_shared<FakeURLSessionFactory>(dispatcher);
+  // No developer key: the tests decrypt with the emulator's independent code.
+  std::shared_ptr<testkit::RecordingTransport> transport =
+      std::make_shared<testkit::RecordingTransport>(dispatcher, std::string());
   std::shared_ptr<platform::InProcessNotificationCenter> notifications =
       std::make_shared<platform::InProcessNotificationCenter>();
   std::shared_ptr<FakeDevice> device = std::make_shared<FakeDevice>();
@@ -46,7 +69,7 @@ struct TestPlatform {
     p.dispatcher = dispatcher;
     p.preferences = preferences;
     p.secureStore = secureStore;
-    p.urlSessions = urlSessions;
+    p.urlSessions = transport;
     p.notificationCenter = notifications;
     p.device = device;
     p.bundle = bundle;

@@ -44,16 +44,8 @@ class TrackerFixture : public ::testing::Test {
     return *tracker;
   }
 
-  FakeURLSession& session() { return *fakes.urlSessions->shared(); }
-  const platform::URLRequest& request(std::size_t i) {
-    return session().started().at(i).task->originalRequest();
-  }
-  std::vector<platform::URLRequest> sent() {
-    std::vector<platform::URLRequest> out;
-    for (const auto& s : session().started())
-      out.push_back(s.task->originalRequest());
-    return out;
-  }
+  platform::URLRequest request(std::size_t i) const { return fakes.requests().at(i); }
+  std::vector<platform::URLRequest> sent() const { return fakes.requests(); }
   // The JSON that request `i` carried, decrypted with the fixture's key.
   Json payload(std::size_t i) { return decryptPayload(kDevKey, request(i).body); }
 

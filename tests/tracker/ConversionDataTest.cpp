@@ -29,7 +29,7 @@ class ConversionDataTest : public test::TrackerFixture {
   }
   bool onMain() { return fakes.dispatcher->mainQueue()->isCurrent(); }
   void answer(long status, const std::string& body) {
-    session().respond(session().started().size() - 1, status, body);
+    fakes.respond(sent().size() - 1, status, body);
     fakes.dispatcher->runUntilIdle();
   }
 
@@ -41,11 +41,11 @@ class ConversionDataTest : public test::TrackerFixture {
 
 TEST_F(ConversionDataTest, FreshAnswerIsCleanedStoredAndDelivered) {
   tracker->getConversionData();
-  ASSERT_EQ(session().started().size(), 1U);
+  ASSERT_EQ(sent().size(), 1U);
   const std::string uid = tracker->getQuorvelUID();
-  EXPECT_EQ(session().started()[0].task->originalRequest().url,
+  EXPECT_EQ(sent()[0].url,
             "https://sdk.svc.example/install_data/v3/id123?devkey=DEVKEY-TEST&device_id=" + uid);
-  EXPECT_EQ(session().started()[0].task->originalRequest().method, "GET");
+  EXPECT_EQ(sent()[0].method, "GET");
   fakes.clock->advance(250ms);
   answer(
       200,
@@ -60,7 +60,7 @@ TEST_F(ConversionDataTest, FreshAnswerIsCleanedStoredAndDelivered) {
 
   // Later calls are served from the stored copy on the main queue, after 1 ms.
   tracker->getConversionData();
-  EXPECT_EQ(session().started().size(), 1U);
+  EXPECT_EQ(sent().size(), 1U);
   fakes.dispatcher->runUntilIdle();
   EXPECT_EQ(received.size(), 1U);
   fakes.dispatcher->advance(1ms);
@@ -80,9 +80,9 @@ TEST_F(ConversionDataTest, SixtyDaysLaterItAsksOnceAgain) {
   fakes.preferences->setDouble(keys::kConversionDataCacheExpiration,
                                platform::secondsSince1970(fakes.clock->now()) - 5184001);
   tracker->getConversionData();
-  EXPECT_EQ(session().started().size(), 1U);
+  EXPECT_EQ(sent().size(), 1U);
   EXPECT_EQ(fakes.preferences->doubleForKey(keys::kConversionDataCacheExpiration), 0);
-  session().fail(0, Error{platform::kURLErrorDomain, -1009, "offline"});
+  fakes.fail(0, Error{platform::kURLErrorDomain, -1009, "offline"});
   fakes.dispatcher->advance(1ms);
   ASSERT_EQ(failures.size(), 1U);
   EXPECT_EQ(failures[0].code, -1009);
@@ -106,7 +106,7 @@ TEST_F(ConversionDataTest, RejectionsAreCountedUpToTheLimit) {
   EXPECT_EQ(fakes.preferences->integerForKey(keys::kConversionDataRequestRetries), 5);
   tracker->getConversionData();
   fakes.dispatcher->advance(1s);
-  EXPECT_EQ(session().started().size(), 5U);
+  EXPECT_EQ(sent().size(), 5U);
   EXPECT_EQ(failures.size(), 5U);
 }
 
@@ -141,7 +141,7 @@ TEST_F(ConversionDataTest, BadBodies) {
 TEST_F(ConversionDataTest, NoInterestedDelegateNoRequest) {
   delegate->onConversionDataReceived = nullptr;
   tracker->getConversionData();
-  EXPECT_TRUE(session().started().empty());
+  EXPECT_TRUE(sent().empty());
   // A delegate that goes away mid-flight is never called.
   delegate->onConversionDataReceived = [this](const Json& d) { received.push_back(d); };
   tracker->getConversionData();
@@ -156,7 +156,7 @@ TEST_F(ConversionDataTest, LoadWithDelegateSetsItFirst) {
   other->onConversionDataReceived = [](const Json&) {};
   tracker->loadConversionDataWithDelegate(other);
   EXPECT_EQ(tracker->delegate(), other);
-  EXPECT_EQ(session().started().size(), 1U);
+  EXPECT_EQ(sent().size(), 1U);
   EXPECT_EQ(k60Days, 5184000);
   EXPECT_EQ(kNumberOfConversionDataRequestsTreshhold, 5);
 }

@@ -61,21 +61,21 @@ TEST_F(DispatchTest, AnUnreadableReceiptAddsNothingAndAnEarlyEventTakesTheFirstT
   t.callServerWithEventName("af_purchase", std::nullopt, true, false);
   EXPECT_TRUE(other.preferences->objectForKey(keys::kInstallTimestamp));
   t.callServerWithEventName("Launched");
-  const auto& body = other.urlSessions->shared()->started().at(1).task->originalRequest().body;
+  const auto& body = other.requests().at(1).body;
   EXPECT_FALSE(test::decryptPayload(kDevKey, body).contains("installReceiptData"));
 }
 
 TEST_F(DispatchTest, ConfigurationChecks) {
   tracker->setQuorvelDevKey(std::nullopt);
   tracker->callServerWithEventName("Launched");
-  EXPECT_TRUE(session().started().empty());
+  EXPECT_TRUE(sent().empty());
   EXPECT_EQ(fakes.systemLog->count("Quorvel dev key is missing"), 1U);
   EXPECT_EQ(fakes.systemLog->count("dev key: missing!!!"), 1U);
 
   tracker->setQuorvelDevKey(std::string(""));  // empty passes
   tracker->setAppleAppID(std::string("12a"));
   tracker->callServerWithEventName("Launched");
-  EXPECT_EQ(session().started().size(), 1U);
+  EXPECT_EQ(sent().size(), 1U);
   EXPECT_EQ(fakes.systemLog->count("dev key: missing!!!"), 2U);
   EXPECT_EQ(fakes.systemLog->count("Quorvel Error: appleAppID should be a number!"), 1U);
   EXPECT_EQ(fakes.systemLog->count("appleAppID: '12a'"), 1U);
@@ -100,17 +100,17 @@ TEST_F(DispatchTest, ADeliveredLaunchFetchesConversionDataForAnInterestedDelegat
   delegate->onConversionDataReceived = [&](const Json& d) { received.push_back(d); };
   tracker->setDelegate(delegate);
   tracker->callServerWithEventName("af_event", std::string("v"), true, false);
-  session().respond(0, 200, "{}");
+  fakes.respond(0, 200, "{}");
   fakes.dispatcher->runUntilIdle();
-  EXPECT_EQ(session().started().size(), 1U);  // events never fetch
+  EXPECT_EQ(sent().size(), 1U);  // events never fetch
   tracker->callServerWithEventName("Launched");
-  session().fail(1, Error{platform::kURLErrorDomain, -1004, "refused"});
+  fakes.fail(1, Error{platform::kURLErrorDomain, -1004, "refused"});
   fakes.dispatcher->runUntilIdle();
-  EXPECT_EQ(session().started().size(), 2U);  // undelivered: no fetch
+  EXPECT_EQ(sent().size(), 2U);  // undelivered: no fetch
   tracker->callServerWithEventName("Launched");
-  session().respond(2, 500, "{}");
+  fakes.respond(2, 500, "{}");
   fakes.dispatcher->runUntilIdle();
-  ASSERT_EQ(session().started().size(), 4U);
+  ASSERT_EQ(sent().size(), 4U);
   EXPECT_EQ(request(3).url.rfind(
                 "https://sdk.svc.example/install_data/v3/id123?devkey=DEVKEY-TEST&device_id=", 0),
             0U);

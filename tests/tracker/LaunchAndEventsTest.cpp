@@ -77,8 +77,7 @@ TEST_F(LaunchAndEventsTest, SessionIntervalIsStrictlyGreater) {
     t.sendLaunchToServer();
     local.clock->advance(c.gap);
     t.sendLaunchToServer();
-    EXPECT_EQ(local.urlSessions->shared()->started().size(), c.sent ? 2U : 1U)
-        << c.minimum << " " << c.gap.count();
+    EXPECT_EQ(local.requests().size(), c.sent ? 2U : 1U) << c.minimum << " " << c.gap.count();
   }
 }
 
@@ -122,9 +121,9 @@ TEST_F(LaunchAndEventsTest, BackgroundCountsTheSessionAndSendsStatistics) {
   fakes.notifications->post({platform::kApplicationDidEnterBackgroundNotification, Json()});
   fakes.dispatcher->runUntilIdle();
   EXPECT_EQ(fakes.preferences->integerForKey(keys::kRealLaunchCounter), 1);
-  const auto started = fakes.urlSessions->lastBackground()->started();
-  ASSERT_EQ(started.size(), 1U);
-  const auto& r = started[0].task->originalRequest();
+  const auto stats = fakes.requests(test::kBackgroundSession);
+  ASSERT_EQ(stats.size(), 1U);
+  const auto& r = stats[0];
   EXPECT_EQ(r.url, "https://stats.svc.example/stats?app_id=123");
   const Json body = Json::parse(r.body.begin(), r.body.end());
   const std::string uid = tracker->getQuorvelUID();
@@ -144,14 +143,14 @@ TEST_F(LaunchAndEventsTest, BackgroundCountsTheSessionAndSendsStatistics) {
 TEST_F(LaunchAndEventsTest, BackgroundEdgeCases) {
   tracker->setDeviceTrackingDisabled(true);
   tracker->backgroundstatCall();  // no launch in this process
-  const auto& r = fakes.urlSessions->lastBackground()->started().at(0).task->originalRequest();
+  const auto r = fakes.requests(test::kBackgroundSession).at(0);
   const Json body = Json::parse(r.body.begin(), r.body.end());
   EXPECT_EQ(body["time_in_app"], 0.0);
   EXPECT_EQ(body["deviceTrackingDisabled"], "true");
   tracker->setAppleAppID(std::nullopt);
   tracker->backgroundstatCall();
   EXPECT_EQ(fakes.systemLog->count("could not track move to background: "), 1U);
-  EXPECT_EQ(fakes.urlSessions->lastBackground()->started().size(), 1U);
+  EXPECT_EQ(fakes.requests(test::kBackgroundSession).size(), 1U);
 
   fakes.device->systemVersionValue = "6.1";
   tracker->handleEnteredBackground();

@@ -62,7 +62,7 @@ TEST_F(HostEventsTest, PurchaseEventThenValidation) {
   tracker->validateAndTrackInAppPurchase(
       std::string("com.game.gems"), std::nullopt, std::string("EUR"), std::string("tx-1"),
       Json{{"ignored", true}}, [&](const Json& r) { successes.push_back(r); }, nullptr);
-  ASSERT_EQ(session().started().size(), 2U);
+  ASSERT_EQ(sent().size(), 2U);
   EXPECT_EQ(request(0).url,
             "https://validate.svc.example/api/v4.8/iosevent?app_id=123&buildnumber=4.8.0");
   const Json event = test::decryptPayload(kDevKey, request(0).body);
@@ -83,7 +83,7 @@ TEST_F(HostEventsTest, PurchaseEventThenValidation) {
                                              {"Content-Type", "application/json"}}));
   EXPECT_EQ(std::string(v.body.begin(), v.body.end()), R"({"receipt-data":"cmNw"})");
   EXPECT_TRUE(tracker->validateRequest());
-  session().respond(1, 200, R"({"status":0,"transaction_id":"tx-1"})");
+  fakes.respond(1, 200, R"({"status":0,"transaction_id":"tx-1"})");
   fakes.dispatcher->runUntilIdle();
   ASSERT_EQ(successes.size(), 1U);
   EXPECT_EQ(successes[0]["transaction_id"], "tx-1");
@@ -110,22 +110,22 @@ TEST_F(HostEventsTest, PurchaseFailures) {
   };
   auto missing = attempt(std::nullopt, std::string("tx"));
   EXPECT_EQ(missing->response, "Quorvel Error: validateInAppPurchase Parameters cannot be nil");
-  EXPECT_TRUE(session().started().empty());
+  EXPECT_TRUE(sent().empty());
 
   auto rejected = attempt(std::string("p"), std::string("tx"));
-  session().respond(1, 200, R"({"status":21002})");
+  fakes.respond(1, 200, R"({"status":21002})");
   fakes.dispatcher->runUntilIdle();
   EXPECT_EQ(rejected->calls, 1);
   EXPECT_FALSE(rejected->error);
   EXPECT_EQ(rejected->response, (Json{{"status", 21002}}));
 
   auto broken = attempt(std::string("p"), std::string("tx"));
-  session().respond(3, 200, "<html>");
+  fakes.respond(3, 200, "<html>");
   fakes.dispatcher->runUntilIdle();
   EXPECT_EQ(broken->error->code, 3840);
 
   auto offline = attempt(std::string("p"), std::string("tx"));
-  session().fail(5, Error{platform::kURLErrorDomain, -1009, "offline"});
+  fakes.fail(5, Error{platform::kURLErrorDomain, -1009, "offline"});
   fakes.dispatcher->runUntilIdle();
   EXPECT_EQ(offline->error->code, -1009);
   EXPECT_EQ(fakes.systemLog->count(
@@ -139,10 +139,10 @@ TEST_F(HostEventsTest, PurchaseFailures) {
 
   fakes.fileSystem->writeFileAtomically("/app/receipt", Bytes{'r'});
   tracker->setAppleAppID(std::nullopt);
-  const auto before = session().started().size();
+  const auto before = sent().size();
   auto unconfigured = attempt(std::string("p"), std::string("tx"));
   EXPECT_EQ(unconfigured->error->domain, "com.quorvel.ErrorDomain");
-  EXPECT_EQ(session().started().size(), before + 1);  // the purchase event only
+  EXPECT_EQ(sent().size(), before + 1);  // the purchase event only
 
   fakes.device->systemVersionValue = "6.1";
   auto old = attempt(std::nullopt, std::nullopt);
@@ -158,11 +158,11 @@ TEST_F(HostEventsTest, UninstallRegistrationOncePerToken) {
   tracker->registerUninstall(token);
   EXPECT_EQ(fakes.preferences->stringForKey(keys::kDeviceToken), "<0a1b2c3d 4e5f6071>");
   fakes.dispatcher->advance(3499ms);
-  auto background = fakes.urlSessions->lastBackground();
-  EXPECT_TRUE(background->started().empty());
+  const auto background = [&] { return fakes.requests(test::kBackgroundSession); };
+  EXPECT_TRUE(background().empty());
   fakes.dispatcher->advance(1ms);
-  ASSERT_EQ(background->started().size(), 1U);
-  const auto& r = background->started()[0].task->originalRequest();
+  ASSERT_EQ(background().size(), 1U);
+  const auto r = background()[0];
   EXPECT_EQ(r.url, "https://register.svc.example/api/v4.8/iosevent?buildnumber=4.8.0&app_id=123");
   const Json body = Json::parse(r.body.begin(), r.body.end());
   EXPECT_EQ(
@@ -180,17 +180,17 @@ TEST_F(HostEventsTest, UninstallRegistrationOncePerToken) {
 
   tracker->registerUninstall(token);  // the same token: nothing
   fakes.dispatcher->advance(5s);
-  EXPECT_EQ(background->started().size(), 1U);
+  EXPECT_EQ(background().size(), 1U);
   tracker->registerUninstall(Bytes{1, 2, 3, 4, 5});  // a new token: again
   fakes.dispatcher->advance(5s);
-  EXPECT_EQ(background->started().size(), 2U);
+  EXPECT_EQ(background().size(), 2U);
 }
 
 TEST_F(HostEventsTest, UninstallWithoutAVendorIdentifierIsDroppedButRemembered) {
   fakes.device->vendorId.reset();
   tracker->registerUninstall(Bytes{9, 9});
   fakes.dispatcher->advance(4s);
-  EXPECT_TRUE(fakes.urlSessions->lastBackground()->started().empty());
+  EXPECT_TRUE(fakes.requests(test::kBackgroundSession).empty());
   EXPECT_EQ(fakes.systemLog->count("Register uninstall exception: "), 1U);
   EXPECT_EQ(fakes.preferences->stringForKey(keys::kDeviceToken), "<0909>");
 }

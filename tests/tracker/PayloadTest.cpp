@@ -187,11 +187,9 @@ TEST_F(PayloadTest, OwnShortLinksAreResolvedAndMerged) {
   tracker->getEventParameters(true);
   // The fields stay set until the resolution completes.
   EXPECT_EQ(tracker->deeplink(), link);
-  auto session = fakes.urlSessions->shared();
-  ASSERT_EQ(session->started().size(), 1U);
-  EXPECT_EQ(session->started()[0].task->originalRequest().url,
-            "https://hopline.svc.example/shortlink-sdk/v1/tmpl?id=abc");
-  session->respond(0, 200, R"({"pid":"sms","link":"overridden"})");
+  ASSERT_EQ(sent().size(), 1U);
+  EXPECT_EQ(request(0).url, "https://hopline.svc.example/shortlink-sdk/v1/tmpl?id=abc");
+  fakes.respond(0, 200, R"({"pid":"sms","link":"overridden"})");
   fakes.dispatcher->runUntilIdle();
   ASSERT_EQ(opened.size(), 1U);
   EXPECT_EQ(opened[0], (Json{{"link", "overridden"}, {"pid", "sms"}}));
@@ -201,7 +199,7 @@ TEST_F(PayloadTest, OwnShortLinksAreResolvedAndMerged) {
 TEST_F(PayloadTest, AFailedResolutionOnlyLosesTheCallback) {
   tracker->setDeeplink(std::string("https://go.") + kHoplineSchema + "/tmpl/abc");
   tracker->getEventParameters(true);
-  fakes.urlSessions->shared()->respond(0, 404, "{}");
+  fakes.respond(0, 404, "{}");
   fakes.dispatcher->runUntilIdle();
   EXPECT_TRUE(opened.empty());
   EXPECT_FALSE(tracker->deeplink());

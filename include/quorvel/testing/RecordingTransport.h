@@ -31,6 +31,8 @@ struct SentRequest {
   platform::URLRequest request;
   // The decrypted body as JSON when it is a report sealed with the developer key.
   std::optional<Json> payload;
+  // The session it went through: "shared", "default" or a background session's identifier.
+  std::string session;
   // The service: the first label of the host ("t" for tracking, "sdk", "register", ...).
   std::string service() const;
   // A query parameter of the URL, percent-decoded.
@@ -44,14 +46,21 @@ class RecordingTransport final : public platform::URLSessionFactory {
  public:
   using Responder = std::function<Answer(const platform::URLRequest&)>;
 
-  // Answers run on queues of `dispatcher`: they arrive when the test advances time.
+  // Answers run on queues of `dispatcher`: they arrive when the test advances time. Without a
+  // developer key no payload is decrypted.
   RecordingTransport(std::shared_ptr<platform::Dispatcher> dispatcher, std::string developerKey);
   ~RecordingTransport() override;
 
   // Every request from now on is answered by `responder` (the default answers 200 "{}").
   void setResponder(Responder responder);
+  // While holding, requests sent from now on stay unanswered until answer() is called: a
+  // test can look at what the host does while a request is in flight.
+  void holdAnswers(bool hold);
+  // Answers the held request `index` of sent(); false when there is no such held request.
+  bool answer(std::size_t index, const Answer& answer);
   // Requests sent so far, oldest first.
   std::vector<SentRequest> sent() const;
+  // Forgets what was sent, and drops the answers still held.
   void clear();
 
   std::shared_ptr<platform::URLSession> sharedSession() override;
