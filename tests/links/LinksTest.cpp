@@ -18,19 +18,13 @@ namespace {
 
 using namespace std::chrono_literals;
 
-class LinkGeneratorTest : public ::testing::Test {
+class LinkGeneratorTest : public test::TrackerFixture {
  protected:
+  LinkGeneratorTest() : TrackerFixture(true, false) {}
   void SetUp() override {
-    fakes.install();
-    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
-    QVSetShowDebugLogs(true);
-    facade = std::make_unique<QuorvelTracker>(fakes.shared());
-    tracker = &coreOf(*facade);
+    TrackerFixture::SetUp();
     tracker->setHost(std::string("svc.example"));
   }
-  test::TestPlatform fakes;
-  std::unique_ptr<QuorvelTracker> facade;
-  TrackerCore* tracker = nullptr;
 };
 
 TEST_F(LinkGeneratorTest, LongLinkRules) {
@@ -157,28 +151,23 @@ TEST_F(LinkGeneratorTest, ShortLinkFallsBackToTheLongLinkOnEveryFailure) {
   EXPECT_EQ(urls, std::vector<std::string>{longLink});
 }
 
-// The helpers work on the shared tracker: these tests install their fakes first.
-class HelpersTest : public ::testing::Test {
+class HelpersTest : public test::TrackerFixture {
  protected:
   void SetUp() override {
-    fakes.install();
-    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
-    tracker().setHost(std::string("svc.example"));
-    tracker().setQuorvelDevKey(std::string("HELPERKEY"));
-    tracker().setAppleAppID(std::string("555"));
+    TrackerFixture::SetUp();
+    tracker->setAppleAppID(std::string("555"));
   }
-  static QuorvelTracker& tracker() { return QuorvelTracker::sharedTracker(); }
-  Json lastEvent() { return test::decryptPayload("HELPERKEY", fakes.requests().back().body); }
-  test::TestPlatform fakes;
+  Json lastEvent() { return payload(sent().size() - 1); }
 };
 
 TEST_F(HelpersTest, InviteLinkWithoutATemplateCarriesTheAppId) {
-  const QuorvelLinkGenerator g = QuorvelShareInviteHelper::createLink("qv_app_invites");
-  EXPECT_EQ(g.referrerUID(), tracker().getQuorvelUID());
+  const QuorvelLinkGenerator g = QuorvelShareInviteHelper::createLink(*facade, "qv_app_invites");
+  EXPECT_EQ(g.referrerUID(), facade->getQuorvelUID());
   EXPECT_EQ(g.generateLink(), "https://app.svc.example/id555?pid=qv_app_invites&referrer_qv_id=" +
-                                  tracker().getQuorvelUID() + "&qv_siteid=555");
+                                  facade->getQuorvelUID() + "&qv_siteid=555");
   std::vector<std::string> urls;
   QuorvelShareInviteHelper::generateInviteUrlWithLinkGenerator(
+      *facade,
       [](QuorvelLinkGenerator gen) {
         gen.setChannel(std::string("email"));
         return gen;
@@ -189,7 +178,7 @@ TEST_F(HelpersTest, InviteLinkWithoutATemplateCarriesTheAppId) {
 }
 
 TEST_F(HelpersTest, InviteLinkSettingsFromTheService) {
-  tracker().setAppInviteHopline(std::string("tmpl"));
+  facade->setAppInviteHopline(std::string("tmpl"));
   struct Case {
     std::optional<std::string> domain, scheme;
     std::string base;
@@ -203,7 +192,7 @@ TEST_F(HelpersTest, InviteLinkSettingsFromTheService) {
   for (const auto& c : cases) {
     fakes.preferences->setString(keys::kHoplineDomain, *c.domain);
     fakes.preferences->setString(keys::kHoplineScheme, *c.scheme);
-    const QuorvelLinkGenerator g = QuorvelShareInviteHelper::createLink("qv_app_invites");
+    const QuorvelLinkGenerator g = QuorvelShareInviteHelper::createLink(*facade, "qv_app_invites");
     EXPECT_EQ(g.baseURL(), c.base);
     EXPECT_EQ(g.baseDeeplink().has_value(), c.deeplink);
     EXPECT_FALSE(g.appleAppID());
@@ -213,20 +202,21 @@ TEST_F(HelpersTest, InviteLinkSettingsFromTheService) {
 }
 
 TEST_F(HelpersTest, InviteAndCrossPromotionEventsReachThePipeline) {
-  QuorvelShareInviteHelper::trackInvite(std::string("sms"), Json{{"k", "v"}, {"gone", nullptr}});
+  QuorvelShareInviteHelper::trackInvite(*facade, std::string("sms"),
+                                        Json{{"k", "v"}, {"gone", nullptr}});
   fakes.dispatcher->advance(100ms);
   Json event = lastEvent();
   EXPECT_EQ(event["event"], "qv_invite");
   EXPECT_EQ(event["eventvalue"], "%7B%22k%22:%22v%22%2C%22qv_channel%22:%22sms%22%7D");
 
-  QuorvelShareInviteHelper::trackLinkedSent("custom", std::nullopt, Json{{"a", "b"}});
+  QuorvelShareInviteHelper::trackLinkedSent(*facade, "custom", std::nullopt, Json{{"a", "b"}});
   fakes.dispatcher->advance(100ms);
   EXPECT_EQ(lastEvent()["eventvalue"], "%7B%22a%22:%22b%22%7D");
 
   std::vector<std::string> opened;
   std::size_t eventsBefore = 0;
   QuorvelCrossPromotionHelper::trackAndOpenStore(
-      "999", std::string("spring"), Json{{"x", "1"}},
+      *facade, "999", std::string("spring"), Json{{"x", "1"}},
       [&](std::shared_ptr<platform::URLSession> session, const std::string& url) {
         EXPECT_TRUE(session && session != fakes.transport->sharedSession());  // a new one
         opened.push_back(url);
@@ -242,24 +232,24 @@ TEST_F(HelpersTest, InviteAndCrossPromotionEventsReachThePipeline) {
   EXPECT_EQ(event["eventvalue"], "%7B%22x%22:%221%22%2C%22qv_campaign%22:%22spring%22%7D");
 }
 
-TEST_F(HelpersTest, HelpersGivenATrackerUseItAndNotTheSharedOne) {
-  QuorvelTracker own(fakes.shared());
-  own.setHost(std::string("own.example"));
-  own.setQuorvelDevKey(std::string("OWNKEY"));
-  own.setAppleAppID(std::string("777"));
-  EXPECT_EQ(QuorvelShareInviteHelper::createLink(own, "qv_app_invites").generateLink(),
-            "https://app.own.example/id777?pid=qv_app_invites&referrer_qv_id=" +
-                own.getQuorvelUID() + "&qv_siteid=777");
-  QuorvelCrossPromotionHelper::trackCrossPromotionEvent(own, std::nullopt, Json{{"x", "1"}});
-  fakes.dispatcher->advance(100ms);
-  const Json event = test::decryptPayload("OWNKEY", fakes.requests().back().body);
-  EXPECT_EQ(event["event"], "qv_cross_promotion_clicked");
+// The forms without a tracker are the same calls on the shared one.
+TEST(HelpersOfTheSharedTracker, FormsWithoutATrackerUseTheSharedOne) {
+  const test::TestPlatform fakes;  // for a shared tracker first made here
+  fakes.install();
+  auto& shared = QuorvelTracker::sharedTracker();
+  shared.setAppleAppID(std::string("777"));
+  EXPECT_EQ(QuorvelShareInviteHelper::createLink("qv_app_invites").generateLink(),
+            QuorvelShareInviteHelper::createLink(shared, "qv_app_invites").generateLink());
+  EXPECT_EQ(QuorvelCrossPromotionHelper::createLinkGenerator("9", std::nullopt, Json(), "")
+                .generateLink(),
+            QuorvelCrossPromotionHelper::createLinkGenerator(shared, "9", std::nullopt, Json(), "")
+                .generateLink());
 }
 
 TEST_F(HelpersTest, ImpressionIsAGetAndFailuresAreOnlyLogged) {
   QVSetShowDebugLogs(true);
-  tracker().setAdvertiserId("AD-ID");
-  QuorvelCrossPromotionHelper::trackCrossPromoteImpression("999", std::string("spring"));
+  facade->setAdvertiserId("AD-ID");
+  QuorvelCrossPromotionHelper::trackCrossPromoteImpression(*facade, "999", std::string("spring"));
   ASSERT_EQ(fakes.transport->sent().back().session, "default");
   const auto r = fakes.requests().back();
   EXPECT_EQ(r.method, "GET");
