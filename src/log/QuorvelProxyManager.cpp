@@ -3,6 +3,7 @@
 #include <quorvel/Logger.h>
 #include <quorvel/RemoteDebugging.h>
 
+#include "log/Log.h"
 #include "log/LogSink.h"
 #include "util/DateFormatter.h"
 #include "util/NoDestructor.h"
@@ -163,13 +164,18 @@ void QuorvelProxyManager::sendRemoteDebuggingData(
 
 namespace detail {
 
-void addLogEventFormatted(int level, const char* method, const std::string& message) noexcept {
+void mirrorLogLine(QuorvelProxyManager& mirror, int level, const char* method,
+                   const std::string& message) noexcept {
   try {
-    const std::string line = format("(%@) %@ %s: %@", timeToString(), levelToString(level),
-                                    method != nullptr ? method : "", message);
-    QuorvelProxyManager::sharedManager().addEventWithString(line);
+    mirror.addEventWithString(format("(%@) %@ %s: %@", timeToString(), levelToString(level),
+                                     method != nullptr ? method : "", message));
   } catch (...) {
   }
+}
+
+// The exported function a host calls: it records into the process's collection.
+void addLogEventFormatted(int level, const char* method, const std::string& message) noexcept {
+  mirrorLogLine(QuorvelProxyManager::sharedManager(), level, method, message);
 }
 
 }  // namespace detail

@@ -93,7 +93,7 @@ std::optional<Json> decryptPayload(const std::string& developerKey, const Bytes&
       EVP_DecryptUpdate(ctx.get(), out, &length, sealed.data(), static_cast<int>(n)) != 1 ||
       EVP_DecryptFinal_ex(ctx.get(), out + length, &last) != 1)
     return std::nullopt;
-  clear.resize(static_cast<std::size_t>(length + last));
+  clear.resize(static_cast<std::size_t>(length) + static_cast<std::size_t>(last));
   Json parsed = Json::parse(clear, nullptr, /*allow_exceptions=*/false);
   if (parsed.is_discarded())
     return std::nullopt;
@@ -175,8 +175,12 @@ class RecordedTask final : public platform::URLSessionTask,
   void resume() noexcept override {
     if (resumed_.exchange(true))
       return;
-    if (const auto session = session_.lock())
-      session->start(shared_from_this());
+    try {
+      if (const auto session = session_.lock())
+        session->start(shared_from_this());
+    } catch (...) {
+      cancelled_ = true;  // it could not be recorded (out of memory): it never completes
+    }
   }
   void cancel() noexcept override { cancelled_ = true; }
   std::string description() const override {

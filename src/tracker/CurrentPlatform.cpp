@@ -1,11 +1,12 @@
 // The process's platform: the one the host installed, or the POSIX defaults. Only the facade
 // reads it (sharedTracker builds on it); installing one also points the logger at its system
-// log and clock.
+// log and clock, and at the process's remote-debugging collection.
 #include <mutex>
 
 #include <quorvel/Platform.h>
 
 #include "log/LogSink.h"
+#include "log/QuorvelProxyManager.h"
 #include "platform/posix/PosixServices.h"
 #include "util/NoDestructor.h"
 
@@ -20,6 +21,11 @@ struct Registry {
 Registry& registry() {
   static NoDestructor<Registry> instance;
   return instance.get();
+}
+
+void connectLogging(const Platform& platform) {
+  detail::setLogSink(platform.clock, platform.systemLog);
+  detail::setLogMirror(&QuorvelProxyManager::sharedManager());
 }
 
 }  // namespace
@@ -56,7 +62,7 @@ void installPlatform(const Platform& installed) {
     keep(next->application, previous->application);
   }
   platform::fillWithPosixDefaults(*next, platform::defaultPosixOptions());
-  detail::setLogSink(next->clock, next->systemLog);
+  connectLogging(*next);
   std::lock_guard lock(r.mutex);
   r.current = std::move(next);
 }
@@ -71,7 +77,7 @@ std::shared_ptr<const Platform> currentPlatform() {
   auto built = std::make_shared<Platform>(makePosixPlatform(platform::defaultPosixOptions()));
   std::lock_guard lock(r.mutex);
   if (!r.current) {
-    detail::setLogSink(built->clock, built->systemLog);
+    connectLogging(*built);
     r.current = std::move(built);
   }
   return r.current;

@@ -56,9 +56,18 @@ QuorvelTracker& QuorvelTracker::sharedTracker() noexcept {
   return shared;
 }
 
+namespace {
+// The process's remote-debugging collection, which the logger mirrors into from the first
+// tracker on, whether or not a platform was installed.
+QuorvelProxyManager& remoteDebugging() {
+  auto& manager = QuorvelProxyManager::sharedManager();
+  detail::setLogMirror(&manager);
+  return manager;
+}
+}  // namespace
+
 QuorvelTracker::QuorvelTracker(std::shared_ptr<const Platform> platform)
-    : core_(std::make_shared<TrackerCore>(std::move(platform),
-                                          QuorvelProxyManager::sharedManager())) {}
+    : core_(std::make_shared<TrackerCore>(std::move(platform), remoteDebugging())) {}
 
 QuorvelTracker::~QuorvelTracker() = default;
 
