@@ -67,9 +67,7 @@ TEST_F(LoggerTest, ElapsedTimeText) {
   };
   for (const auto& [ms, text] : cases)
     EXPECT_EQ(timeToStringForMilliseconds(ms), text) << ms;
-}
-
-TEST_F(LoggerTest, MissingOrFutureStartPrintsDashes) {
+  // A missing or future session start prints dashes.
   QVSetSessionStartDate(std::nullopt);
   EXPECT_EQ(timeToString(), "--:--:--:---");
   QVSetSessionStartDate(fakes.clock->now() + std::chrono::seconds(5));
@@ -78,29 +76,20 @@ TEST_F(LoggerTest, MissingOrFutureStartPrintsDashes) {
   EXPECT_EQ(timeToString(), "00:00:01:500");
 }
 
-TEST_F(LoggerTest, ConventionMirrorsToRemoteBufferWhateverTheConsoleSwitch) {
+TEST_F(LoggerTest, MirroredToTheRemoteBufferWhateverTheConsoleSwitchTracesTwice) {
   auto& proxy = QuorvelProxyManager::sharedManager();
   proxy.startRemoteDebugging();
   proxy.clearData();
   qvLog(kLogDebug, "-[T m]", "hello %@", "world");
-  const auto events = proxy.events();
-  ASSERT_EQ(events.size(), 1U);
-  EXPECT_NE(events[0].find("(00:00:00:000) [DEBUG] -[T m]: hello world"), std::string::npos);
-  EXPECT_TRUE(fakes.systemLog->lines().empty());
-}
-
-TEST_F(LoggerTest, TraceMessagesReachTheRemoteBufferTwice) {
-  auto& proxy = QuorvelProxyManager::sharedManager();
-  proxy.startRemoteDebugging();
-  proxy.clearData();
+  // Printed only with the trace switch on, but recorded at trace and debug level anyway.
   QVSetShowDebugLogs(true);
   qvTrace("-[T m]", "dump %d", 7);
-  // Printed only with the trace switch on, but recorded at trace and debug level anyway.
   EXPECT_TRUE(fakes.systemLog->lines().empty());
   const auto events = proxy.events();
-  ASSERT_EQ(events.size(), 2U);
-  EXPECT_NE(events[0].find("[TRACE] -[T m]: dump 7"), std::string::npos);
-  EXPECT_NE(events[1].find("[DEBUG] -[T m]: dump 7"), std::string::npos);
+  ASSERT_EQ(events.size(), 3U);
+  EXPECT_NE(events[0].find("(00:00:00:000) [DEBUG] -[T m]: hello world"), std::string::npos);
+  EXPECT_NE(events[1].find("[TRACE] -[T m]: dump 7"), std::string::npos);
+  EXPECT_NE(events[2].find("[DEBUG] -[T m]: dump 7"), std::string::npos);
   QVSetShowDebugLogsTrace(true);
   qvTrace("-[T m]", "dump %d", 8);
   EXPECT_EQ(fakes.systemLog->count("[TRACE] -[T m] dump 8"), 1U);

@@ -44,13 +44,11 @@ TEST_F(DispatchTest, FirstLaunchCarriesTheReceiptAndLaterOnesDoNot) {
   EXPECT_FALSE(payload(1).contains("installReceiptData"));
   EXPECT_EQ(payload(1)["counter"], "2");
   EXPECT_EQ(tracker->lastLaunchTime(), fakes.clock->now());
-  EXPECT_EQ(fakes.systemLog->count("Install Receipt Data has no data"), 1U);
 }
 
 TEST_F(DispatchTest, AnUnreadableReceiptAddsNothingAndAnEarlyEventTakesTheFirstTime) {
   tracker->callServerWithEventName("Launched");  // no receipt file: "-1" under "data"
   EXPECT_FALSE(payload(0).contains("installReceiptData"));
-  EXPECT_EQ(fakes.systemLog->count("Found install Receipt Data"), 0U);
 
   test::TestPlatform other;
   other.install();
@@ -70,15 +68,12 @@ TEST_F(DispatchTest, ConfigurationChecks) {
   tracker->callServerWithEventName("Launched");
   EXPECT_TRUE(sent().empty());
   EXPECT_EQ(fakes.systemLog->count("Quorvel dev key is missing"), 1U);
-  EXPECT_EQ(fakes.systemLog->count("dev key: missing!!!"), 1U);
 
   tracker->setQuorvelDevKey(std::string(""));  // empty passes
   tracker->setAppleAppID(std::string("12a"));
   tracker->callServerWithEventName("Launched");
   EXPECT_EQ(sent().size(), 1U);
-  EXPECT_EQ(fakes.systemLog->count("dev key: missing!!!"), 2U);
   EXPECT_EQ(fakes.systemLog->count("Quorvel Error: appleAppID should be a number!"), 1U);
-  EXPECT_EQ(fakes.systemLog->count("appleAppID: '12a'"), 1U);
   tracker->setAppleAppID(std::nullopt);
   tracker->validateAppID();
   EXPECT_EQ(fakes.systemLog->count("Quorvel Error: appleAppID is missing!"), 1U);
