@@ -68,19 +68,16 @@ TEST_F(SearchAdsTest, WithoutTheFrameworkTheErrorComesAfterTwoSeconds) {
   EXPECT_EQ(fakes.dispatcher->ranOn().back(), "global");
 }
 
-TEST_F(SearchAdsTest, ARegisteredClassOfTheWrongKindIsNotLoaded) {
+TEST_F(SearchAdsTest, AClassOfTheWrongKindOrWithoutASharedClientIsReportedAfterTwoSeconds) {
   fakes.classRegistry->registerClass("ADClient", std::make_shared<platform::ClassMarker>());
-  auto results = request();
+  auto wrongKind = request();
   fakes.dispatcher->advance(2s);
-  EXPECT_EQ(*results, (std::vector<Json>{Json{{"error", "ADClient not loaded"}}}));
-}
-
-TEST_F(SearchAdsTest, ASharedClientThatCannotAnswer) {
+  EXPECT_EQ(*wrongKind, (std::vector<Json>{Json{{"error", "ADClient not loaded"}}}));
   adClass->answersShared = false;
   registerClient();
-  auto results = request();
+  auto noShared = request();
   fakes.dispatcher->advance(2s);
-  EXPECT_EQ(*results,
+  EXPECT_EQ(*noShared,
             (std::vector<Json>{
                 Json{{"error", "requestAttributionDetailsWithBlock not respondsToSelector"}}}));
 }
