@@ -78,8 +78,6 @@ TEST_F(UtilsTest, NullsAreRemovedRecursively) {
 }
 
 TEST_F(UtilsTest, JsonSerialisationRefusesWhatItCannotWrite) {
-  fakes.systemLog->clear();
-  QVSetShowDebugLogs(true);
   EXPECT_EQ(QuorvelUtils::getJsonStringFromDictionary(Json{{"a", 1}, {"b", "x"}}),
             R"({"a":1,"b":"x"})");
   const Json unwritable[] = {
@@ -92,9 +90,6 @@ TEST_F(UtilsTest, JsonSerialisationRefusesWhatItCannotWrite) {
     EXPECT_EQ(QuorvelUtils::getJsonDataFromDictionary(v), std::nullopt);
     EXPECT_EQ(stringify(v), "");
   }
-  EXPECT_EQ(fakes.systemLog->count("JSON parser failed ex = "), 3U);
-  EXPECT_EQ(fakes.systemLog->count("Cannot serialize: "), 3U);
-  EXPECT_EQ(fakes.systemLog->count("Error serializing JSON for stringify (null)"), 3U);
   // A byte that is not UTF-8 costs the character, never the text.
   EXPECT_EQ(QuorvelUtils::getJsonStringFromDictionary(Json{{"bad", std::string("a\xff")}}),
             "{\"bad\":\"a\xEF\xBF\xBD\"}");
