@@ -54,7 +54,8 @@ class RecordingTransport final : public platform::URLSessionFactory {
   // Every request from now on is answered by `responder` (the default answers 200 "{}").
   void setResponder(Responder responder);
   // While holding, requests sent from now on stay unanswered until answer() is called: a
-  // test can look at what the host does while a request is in flight.
+  // test can look at what the host does while a request is in flight. A held request keeps
+  // its caller alive: answer it, or clear() before the test ends.
   void holdAnswers(bool hold);
   // Answers the held request `index` of sent(); false when there is no such held request.
   bool answer(std::size_t index, const Answer& answer);
