@@ -10,6 +10,7 @@
 #include "platform/Url.h"
 #include "support/Decrypt.h"
 #include "support/TestPlatform.h"
+#include "support/TrackerFixture.h"
 #include "tracker/TrackerCore.h"
 #include "util/PreferenceKeys.h"
 

@@ -214,7 +214,7 @@ TEST_F(HTTPClientTest, ShortLinkRequestsAreSigned) {
   EXPECT_EQ(ts, "1510000000");
   EXPECT_EQ(auth, QuorvelUtils::sha1("K1510000000"));
   client->getHopline("https://hopline.example/shortlink-sdk/v1/abc?id=xyz", "DEVKEY", nullptr);
-  const auto& r = fakes.requests().at(0);
+  const auto r = fakes.requests().at(0);
   EXPECT_EQ(r.method, "GET");
   EXPECT_EQ(r.headers,
             (platform::HeaderList{{"Content-Type", "application/json"},

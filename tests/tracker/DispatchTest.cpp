@@ -59,7 +59,7 @@ TEST_F(DispatchTest, AnUnreadableReceiptAddsNothingAndAnEarlyEventTakesTheFirstT
   t.callServerWithEventName("af_purchase", std::nullopt, true, false);
   EXPECT_TRUE(other.preferences->objectForKey(keys::kInstallTimestamp));
   t.callServerWithEventName("Launched");
-  const auto& body = other.requests().at(1).body;
+  const auto body = other.requests().at(1).body;
   EXPECT_FALSE(test::decryptPayload(kDevKey, body).contains("installReceiptData"));
 }
 
