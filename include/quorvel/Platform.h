@@ -79,6 +79,9 @@ struct PosixPlatformOptions {
 
 // Builds the POSIX default of every service.
 Platform makePosixPlatform(const PosixPlatformOptions& options);
+// Keeps the services `given` has and builds the POSIX default of the others only: a service
+// that is given is never made, so one given in memory leaves the disk alone.
+Platform makePosixPlatform(const PosixPlatformOptions& options, Platform given);
 
 // Installs `platform`: its non-empty services replace the current ones. Call before the
 // first sharedTracker(); later calls affect only objects built afterwards.

@@ -114,10 +114,13 @@ void fillWithPosixDefaults(Platform& p, const PosixPlatformOptions& options) {
 }  // namespace platform
 
 Platform makePosixPlatform(const PosixPlatformOptions& options) {
+  return makePosixPlatform(options, Platform{});
+}
+
+Platform makePosixPlatform(const PosixPlatformOptions& options, Platform given) {
   platform::keepOpenSslUntilExit();
-  Platform p;
-  platform::fillWithPosixDefaults(p, options);
-  return p;
+  platform::fillWithPosixDefaults(given, options);
+  return given;
 }
 
 std::shared_ptr<platform::Dispatcher> makePosixDispatcher(

@@ -165,7 +165,7 @@ TEST_F(RequestCacheTest, DeleteAndWriteFailuresAreLogged) {
   EXPECT_EQ(fakes.systemLog->count(
                 "Error deleting file at /app/Library/Caches/QuorvelCache/missing.qv\nNo such file"),
             1U);
-  fakes.fileSystem->failWrites = true;
+  fakes.fileSystem->setFailWrites(true);
   cache->cacheRequest(QuorvelRequestCacheData("u?1", Bytes{1}, "4.8.0"));
   EXPECT_EQ(
       fakes.systemLog->count("Error writing file at "

@@ -1,4 +1,5 @@
-// Test fakes of the platform services. Each is deterministic and in memory.
+// Test fakes of the platform services that stand for a phone: device, bundle, locale, kernel
+// queries, interfaces, application and random numbers; the stores and files are the kit's.
 #pragma once
 
 #include <deque>
@@ -9,42 +10,14 @@
 #include <vector>
 
 #include <quorvel/Platform.h>
+#include <quorvel/testing/MemoryServices.h>
 
 namespace quorvel::test {
 
-class MemoryPreferencesStore final : public platform::PreferencesStore {
- public:
-  std::optional<Json> objectForKey(std::string_view key) const override;
-  void setObject(std::string_view key, Json value) override;
-  void removeObjectForKey(std::string_view key) override;
-  bool synchronize() override;
-
-  int synchronizeCount() const;
-  // The values as of the last synchronize: what a crash would leave.
-  std::map<std::string, Json> durable() const;
-
- private:
-  mutable std::mutex mutex_;
-  std::map<std::string, Json, std::less<>> values_;
-  std::map<std::string, Json> durable_;
-  int synchronizeCount_ = 0;
-};
-
-class MemorySecureStore final : public platform::SecureStore {
- public:
-  platform::SecureStatus add(std::string_view service, std::string_view account,
-                             const Bytes& data) override;
-  platform::SecureStatus copy(std::string_view service, std::string_view account,
-                              Bytes& out) const override;
-  platform::SecureStatus update(std::string_view service, std::string_view account,
-                                const Bytes& data) override;
-  platform::SecureStatus remove(std::string_view service, std::string_view account) override;
-  std::size_t size() const;
-
- private:
-  mutable std::mutex mutex_;
-  std::map<std::pair<std::string, std::string>, Bytes> items_;
-};
+using testkit::CapturingSystemLog;
+using testkit::MemoryFileSystem;
+using testkit::MemoryPreferencesStore;
+using testkit::MemorySecureStore;
 
 struct FakeDevice final : platform::Device {
   std::string nameValue = "Test Device";
@@ -93,40 +66,6 @@ struct FakeLocale final : platform::Locale {
   std::vector<std::string> preferredLanguages() const override { return languages; }
 };
 
-// Files and directories in memory, with settable dates.
-class MemoryFileSystem final : public platform::FileSystem {
- public:
-  std::string libraryDirectory() const override { return "/app/Library"; }
-  std::string cachesDirectory() const override { return "/app/Library/Caches"; }
-  std::string temporaryDirectory() const override { return "/app/tmp"; }
-  std::optional<platform::TimePoint> creationDate(const std::string& path) const override;
-  std::optional<platform::TimePoint> modificationDate(const std::string& path) const override;
-  bool fileExists(const std::string& path) const override;
-  bool createDirectory(const std::string& path) override;
-  std::optional<std::vector<std::string>> contentsOfDirectory(
-      const std::string& path) const override;
-  std::optional<Bytes> readFile(const std::string& path) const override;
-  bool writeFileAtomically(const std::string& path, const Bytes& content,
-                           std::string* errorReason) override;
-  bool removeFile(const std::string& path, std::string* errorReason) override;
-  using FileSystem::removeFile;
-  using FileSystem::writeFileAtomically;
-
-  void setDates(const std::string& path, std::optional<platform::TimePoint> created,
-                std::optional<platform::TimePoint> modified);
-  bool failWrites = false;
-
- private:
-  struct Node {
-    bool directory = false;
-    Bytes content;
-    std::optional<platform::TimePoint> created;
-    std::optional<platform::TimePoint> modified;
-  };
-  mutable std::mutex mutex_;
-  std::map<std::string, Node> nodes_;
-};
-
 struct FakeApplication final : platform::Application {
   std::mutex mutex;
   std::vector<platform::BackgroundTaskIdentifier> begun;
@@ -164,20 +103,6 @@ struct FakeNetworkInterfaces final : platform::NetworkInterfaces {
   std::optional<std::vector<platform::InterfaceAddress>> list =
       std::vector<platform::InterfaceAddress>{};
   std::optional<std::vector<platform::InterfaceAddress>> addresses() const override { return list; }
-};
-
-// Keeps every line; optionally echoes nothing.
-class CapturingSystemLog final : public platform::SystemLog {
- public:
-  void write(std::string_view line) noexcept override;
-  std::vector<std::string> lines() const;
-  // Lines containing `text`.
-  std::size_t count(std::string_view text) const;
-  void clear();
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::string> lines_;
 };
 
 // Bytes and numbers from a script: a counter pattern when nothing is queued.

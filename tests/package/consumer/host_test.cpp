@@ -11,13 +11,9 @@
 using namespace std::chrono_literals;
 
 TEST(MyAppAnalytics, ThePurchaseEventGoesOutWithItsValue) {
-  const auto dir = std::filesystem::temp_directory_path() / "myapp-analytics-test";
-  std::filesystem::remove_all(dir);
-  quorvel::PosixPlatformOptions options;
-  options.bundleIdentifier = "com.example.myapp";
-  options.dataDirectory = dir / "data";
-  options.keychainDirectory = dir / "keychain";
-  auto kit = quorvel::testkit::makeTestPlatform(options, "MY-DEV-KEY");
+  quorvel::PosixPlatformOptions app;  // what the library reports of the app
+  app.bundleIdentifier = "com.example.myapp";
+  auto kit = quorvel::testkit::makeTestPlatform("MY-DEV-KEY", app);  // all in memory
 
   quorvel::QuorvelTracker tracker(kit.platform);
   tracker.setQuorvelDevKey(std::string("MY-DEV-KEY"));
@@ -33,6 +29,7 @@ TEST(MyAppAnalytics, ThePurchaseEventGoesOutWithItsValue) {
   ASSERT_NE(purchase, sent.end());
   EXPECT_EQ(purchase->payload->value("eventvalue", ""), "9.99");
   EXPECT_EQ(purchase->queryParameter("app_id"), "123456789");
+  EXPECT_EQ(purchase->payload->value("bundleIdentifier", ""), "com.example.myapp");
 
   // Offline: the next event is kept, and goes out once the network is back.
   kit.transport->setResponder([](const auto&) { return quorvel::testkit::Answer::offline(); });
@@ -47,5 +44,24 @@ TEST(MyAppAnalytics, ThePurchaseEventGoesOutWithItsValue) {
     return r.payload && r.payload->value("event", "") == "af_level" &&
            r.queryParameter("isCachedRequest") == "true";
   }));
+  EXPECT_EQ(kit.preferences->integerForKey("QuorvelCounter"), 1);  // kept in memory only
+}
+
+// With the files on disk, what the library keeps outlives the tracker, as it does the app.
+TEST(MyAppAnalytics, TheInstallIdentityOutlivesARestart) {
+  const auto dir = std::filesystem::temp_directory_path() / "myapp-restart-test";
+  std::filesystem::remove_all(dir);
+  quorvel::PosixPlatformOptions options;
+  options.dataDirectory = dir / "data";
+  options.keychainDirectory = dir / "keychain";
+  std::string uid;
+  {
+    auto kit = quorvel::testkit::makeTestPlatform(options, "MY-DEV-KEY");
+    quorvel::QuorvelTracker tracker(kit.platform);
+    uid = tracker.getQuorvelUID();
+    kit.dispatcher->advance(1s);
+  }
+  auto kit = quorvel::testkit::makeTestPlatform(options, "MY-DEV-KEY");
+  EXPECT_EQ(quorvel::QuorvelTracker(kit.platform).getQuorvelUID(), uid);
   std::filesystem::remove_all(dir);
 }

@@ -1,0 +1,206 @@
+#include <quorvel/testing/MemoryServices.h>
+
+#include <algorithm>
+
+namespace quorvel::testkit {
+
+// --- MemoryPreferencesStore -------------------------------------------------------------------
+
+std::optional<Json> MemoryPreferencesStore::objectForKey(std::string_view key) const {
+  std::lock_guard lock(mutex_);
+  const auto it = values_.find(key);
+  if (it == values_.end())
+    return std::nullopt;
+  return it->second;
+}
+
+void MemoryPreferencesStore::setObject(std::string_view key, Json value) {
+  std::lock_guard lock(mutex_);
+  if (value.is_null()) {
+    if (const auto it = values_.find(key); it != values_.end())
+      values_.erase(it);
+    return;
+  }
+  values_[std::string(key)] = std::move(value);
+}
+
+void MemoryPreferencesStore::removeObjectForKey(std::string_view key) {
+  std::lock_guard lock(mutex_);
+  if (const auto it = values_.find(key); it != values_.end())
+    values_.erase(it);
+}
+
+bool MemoryPreferencesStore::synchronize() {
+  std::lock_guard lock(mutex_);
+  ++synchronizeCount_;
+  durable_ = {values_.begin(), values_.end()};
+  return true;
+}
+
+std::map<std::string, Json> MemoryPreferencesStore::durable() const {
+  std::lock_guard lock(mutex_);
+  return durable_;
+}
+
+int MemoryPreferencesStore::synchronizeCount() const {
+  std::lock_guard lock(mutex_);
+  return synchronizeCount_;
+}
+
+// --- MemorySecureStore ------------------------------------------------------------------------
+
+platform::SecureStatus MemorySecureStore::add(std::string_view service, std::string_view account,
+                                              const Bytes& data) {
+  std::lock_guard lock(mutex_);
+  const auto [it, inserted] =
+      items_.emplace(std::make_pair(std::string(service), std::string(account)), data);
+  return inserted ? platform::SecureStatus::success : platform::SecureStatus::duplicateItem;
+}
+
+platform::SecureStatus MemorySecureStore::copy(std::string_view service, std::string_view account,
+                                               Bytes& out) const {
+  std::lock_guard lock(mutex_);
+  const auto it = items_.find({std::string(service), std::string(account)});
+  if (it == items_.end())
+    return platform::SecureStatus::itemNotFound;
+  out = it->second;
+  return platform::SecureStatus::success;
+}
+
+platform::SecureStatus MemorySecureStore::update(std::string_view service, std::string_view account,
+                                                 const Bytes& data) {
+  std::lock_guard lock(mutex_);
+  const auto it = items_.find({std::string(service), std::string(account)});
+  if (it == items_.end())
+    return platform::SecureStatus::itemNotFound;
+  it->second = data;
+  return platform::SecureStatus::success;
+}
+
+platform::SecureStatus MemorySecureStore::remove(std::string_view service,
+                                                 std::string_view account) {
+  std::lock_guard lock(mutex_);
+  return items_.erase({std::string(service), std::string(account)}) > 0
+             ? platform::SecureStatus::success
+             : platform::SecureStatus::itemNotFound;
+}
+
+std::size_t MemorySecureStore::size() const {
+  std::lock_guard lock(mutex_);
+  return items_.size();
+}
+
+// --- MemoryFileSystem -------------------------------------------------------------------------
+
+std::optional<platform::TimePoint> MemoryFileSystem::creationDate(const std::string& path) const {
+  std::lock_guard lock(mutex_);
+  const auto it = nodes_.find(path);
+  return it == nodes_.end() ? std::nullopt : it->second.created;
+}
+
+std::optional<platform::TimePoint> MemoryFileSystem::modificationDate(
+    const std::string& path) const {
+  std::lock_guard lock(mutex_);
+  const auto it = nodes_.find(path);
+  return it == nodes_.end() ? std::nullopt : it->second.modified;
+}
+
+bool MemoryFileSystem::fileExists(const std::string& path) const {
+  std::lock_guard lock(mutex_);
+  return nodes_.count(path) > 0;
+}
+
+bool MemoryFileSystem::createDirectory(const std::string& path) {
+  std::lock_guard lock(mutex_);
+  if (failWrites_)
+    return false;
+  nodes_[path].directory = true;
+  return true;
+}
+
+std::optional<std::vector<std::string>> MemoryFileSystem::contentsOfDirectory(
+    const std::string& path) const {
+  std::lock_guard lock(mutex_);
+  const auto dir = nodes_.find(path);
+  if (dir == nodes_.end() || !dir->second.directory)
+    return std::nullopt;
+  std::vector<std::string> names;
+  const std::string prefix = path + "/";
+  for (const auto& [p, node] : nodes_) {
+    if (p.rfind(prefix, 0) == 0 && p.find('/', prefix.size()) == std::string::npos) {
+      names.push_back(p.substr(prefix.size()));
+    }
+  }
+  return names;
+}
+
+std::optional<Bytes> MemoryFileSystem::readFile(const std::string& path) const {
+  std::lock_guard lock(mutex_);
+  const auto it = nodes_.find(path);
+  if (it == nodes_.end() || it->second.directory)
+    return std::nullopt;
+  return it->second.content;
+}
+
+bool MemoryFileSystem::writeFileAtomically(const std::string& path, const Bytes& content,
+                                           std::string* errorReason) {
+  std::lock_guard lock(mutex_);
+  if (failWrites_) {
+    if (errorReason != nullptr)
+      *errorReason = "No space left on device";
+    return false;
+  }
+  nodes_[path].content = content;
+  return true;
+}
+
+bool MemoryFileSystem::removeFile(const std::string& path, std::string* errorReason) {
+  std::lock_guard lock(mutex_);
+  if (nodes_.erase(path) > 0)
+    return true;
+  if (errorReason != nullptr)
+    *errorReason = "No such file or directory";
+  return false;
+}
+
+void MemoryFileSystem::setDates(const std::string& path, std::optional<platform::TimePoint> created,
+                                std::optional<platform::TimePoint> modified) {
+  std::lock_guard lock(mutex_);
+  const bool existed = nodes_.count(path) > 0;
+  auto& node = nodes_[path];
+  if (!existed)
+    node.directory = true;
+  node.created = created;
+  node.modified = modified;
+}
+
+void MemoryFileSystem::setFailWrites(bool fail) {
+  std::lock_guard lock(mutex_);
+  failWrites_ = fail;
+}
+
+// --- CapturingSystemLog -----------------------------------------------------------------------
+
+void CapturingSystemLog::write(std::string_view line) noexcept {
+  std::lock_guard lock(mutex_);
+  lines_.emplace_back(line);
+}
+
+std::vector<std::string> CapturingSystemLog::lines() const {
+  std::lock_guard lock(mutex_);
+  return lines_;
+}
+
+std::size_t CapturingSystemLog::count(std::string_view text) const {
+  std::lock_guard lock(mutex_);
+  return static_cast<std::size_t>(
+      std::count_if(lines_.begin(), lines_.end(),
+                    [&](const std::string& l) { return l.find(text) != std::string::npos; }));
+}
+
+void CapturingSystemLog::clear() {
+  std::lock_guard lock(mutex_);
+  lines_.clear();
+}
+
+}  // namespace quorvel::testkit
