@@ -117,11 +117,5 @@ TEST_F(SearchAdsTest, EachKindOfAnswer) {
   }
 }
 
-TEST_F(SearchAdsTest, ZeroAttemptsReportsAtOnce) {
-  std::vector<Json> results;
-  client.executeAttributionRequest(0, [&](const Json& r) { results.push_back(r); });
-  EXPECT_EQ(results, (std::vector<Json>{Json{{"error", "ADClientErrorUnknown"}}}));
-}
-
 }  // namespace
 }  // namespace quorvel

@@ -1,43 +1,18 @@
 // The emulator on a real socket: malformed traffic gets an error answer or a closed
 // connection and the server keeps serving. (Going offline and back, and status faults, are
 // driven through the running emulator by the demo's end-to-end tests.)
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 #include <httplib.h>
 
 #include "Certificates.h"
 #include "HttpsFrontend.h"
+#include "support/LoopbackListener.h"
 #include "support/TempDir.h"
 
 namespace quorvel::devserver {
 namespace {
 
 using namespace std::chrono_literals;
-
-// Connects to loopback `port` and writes `bytes`; true when the connection was accepted.
-bool sendRaw(int port, const std::string& bytes) {
-  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  const timeval timeout{5, 0};
-  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<std::uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  const bool connected =
-      ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-  if (connected) {
-    (void)::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    ::shutdown(fd, SHUT_WR);
-    char buffer[256];
-    (void)::recv(fd, buffer, sizeof buffer, 0);
-  }
-  ::close(fd);
-  return connected;
-}
 
 class HttpsFrontendTest : public ::testing::Test {
  protected:
@@ -89,11 +64,12 @@ class HttpsFrontendTest : public ::testing::Test {
 
 TEST_F(HttpsFrontendTest, MalformedTrafficIsAnsweredOrDroppedAndServingGoesOn) {
   // Not TLS at all.
-  EXPECT_TRUE(sendRaw(frontend->port(), "GET / HTTP/1.1\r\nHost: t.localhost\r\n\r\n"));
-  EXPECT_TRUE(sendRaw(frontend->port(), std::string(4096, '\x16')));
-  // A TLS record holding a client hello too short to be one.
   EXPECT_TRUE(
-      sendRaw(frontend->port(), std::string("\x16\x03\x01\x00\x05\x01\x00\x00\x01\x00", 10)));
+      test::connectToLoopback(frontend->port(), "GET / HTTP/1.1\r\nHost: t.localhost\r\n\r\n"));
+  EXPECT_TRUE(test::connectToLoopback(frontend->port(), std::string(4096, '\x16')));
+  // A TLS record holding a client hello too short to be one.
+  EXPECT_TRUE(test::connectToLoopback(frontend->port(),
+                                      std::string("\x16\x03\x01\x00\x05\x01\x00\x00\x01\x00", 10)));
   // TLS, then headers far beyond any limit.
   const auto huge = get("t.localhost", "/", {{"X-Big", std::string(64 * 1024, 'a')}});
   EXPECT_TRUE(!huge || huge->status >= 400);

@@ -1,11 +1,6 @@
 // The demo host and the emulator as separate processes, as a developer runs them: what the
 // library sent arrives decrypted, key by key, and what failed in transport while the
 // service was away arrives once it is back.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <filesystem>
 #include <fstream>
 
@@ -28,18 +23,6 @@ namespace fs = std::filesystem;
 
 constexpr const char* kDemoApp = "123456789";
 constexpr const char* kDemoKey = "E2E-DEV-KEY";
-
-bool acceptsConnections(int port) {
-  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<std::uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  const bool connected =
-      ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-  ::close(fd);
-  return connected;
-}
 
 class DemoAgainstDevserver : public ::testing::Test {
  protected:
@@ -96,7 +79,7 @@ class DemoAgainstDevserver : public ::testing::Test {
     ASSERT_EQ(r.exitCode, 0) << r.err;
     const bool wantOnline = action == "online";
     ASSERT_TRUE(test::eventually([&] {
-      return acceptsConnections(state["port"].get<int>()) == wantOnline;
+      return test::connectToLoopback(state["port"].get<int>()) == wantOnline;
     })) << action;
   }
 
@@ -278,11 +261,11 @@ TEST_F(DemoAgainstDevserver, TheInspectorShowsRequestsAndSwitchesFaults) {
 
   // Offline from the page: the next event fails in transport and is kept.
   ASSERT_TRUE(browser.click("#offline"));
-  ASSERT_TRUE(test::eventually([&] { return !acceptsConnections(state["port"].get<int>()); }));
+  ASSERT_TRUE(test::eventually([&] { return !test::connectToLoopback(state["port"].get<int>()); }));
   demo({"event while_offline"});
   EXPECT_EQ(cachedFiles(), 1U);
   ASSERT_TRUE(browser.click("#online"));
-  ASSERT_TRUE(test::eventually([&] { return acceptsConnections(state["port"].get<int>()); }));
+  ASSERT_TRUE(test::eventually([&] { return test::connectToLoopback(state["port"].get<int>()); }));
 }
 
 }  // namespace

@@ -104,12 +104,5 @@ TEST(RunLoopQueue, HostDrainsOnItsOwnThread) {
   EXPECT_GT(*queue.timeUntilNextItem(), 59min);
 }
 
-TEST(PosixDispatcher, HostMainQueueReplacesTheDefault) {
-  auto host = std::make_shared<RunLoopQueue>("host-main");
-  PosixDispatcher dispatcher(host);
-  EXPECT_EQ(dispatcher.mainQueue().get(), host.get());
-  EXPECT_EQ(dispatcher.makeSerialQueue("com.quorvel.serial")->label(), "com.quorvel.serial");
-}
-
 }  // namespace
 }  // namespace quorvel::platform

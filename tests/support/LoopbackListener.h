@@ -1,17 +1,41 @@
-// A plain TCP listener on loopback that never answers: connections complete in the kernel
-// and wait in its backlog, so a test can tell whether anything connected at all, and
-// requests sent to it stay on the wire.
+// Plain TCP on loopback. The listener never answers: connections complete in the kernel and
+// wait in its backlog, so a test can tell whether anything connected at all, and requests
+// sent to it stay on the wire.
 #pragma once
 
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cstdint>
+#include <string>
 
 namespace quorvel::test {
+
+// Connects to loopback `port`, writes `bytes` and reads a little of the answer (5 s at most);
+// true when the connection was accepted.
+inline bool connectToLoopback(int port, const std::string& bytes = {}) {
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  const timeval timeout{5, 0};
+  ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const bool connected =
+      ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  if (connected && !bytes.empty()) {
+    (void)::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    ::shutdown(fd, SHUT_WR);
+    char buffer[256];
+    (void)::recv(fd, buffer, sizeof buffer, 0);
+  }
+  ::close(fd);
+  return connected;
+}
 
 class LoopbackListener {
  public:

@@ -84,17 +84,6 @@ BackgroundProcess::~BackgroundProcess() {
   stop();
 }
 
-bool BackgroundProcess::running() {
-  if (pid_ < 0)
-    return false;
-  const int status = waitFor(pid_, std::chrono::milliseconds(0));
-  if (status == -1)
-    return true;
-  status_ = status;
-  pid_ = -1;
-  return false;
-}
-
 int BackgroundProcess::stop(std::chrono::milliseconds bound) {
   if (pid_ < 0)
     return status_;

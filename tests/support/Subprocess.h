@@ -28,7 +28,6 @@ class BackgroundProcess {
   BackgroundProcess(const BackgroundProcess&) = delete;
   BackgroundProcess& operator=(const BackgroundProcess&) = delete;
 
-  bool running();
   // The exit status after a stop: 0 for a clean exit on SIGTERM.
   int stop(std::chrono::milliseconds bound = std::chrono::seconds(20));
 

@@ -157,8 +157,6 @@ TEST_F(ConversionDataTest, LoadWithDelegateSetsItFirst) {
   tracker->loadConversionDataWithDelegate(other);
   EXPECT_EQ(tracker->delegate(), other);
   EXPECT_EQ(sent().size(), 1U);
-  EXPECT_EQ(k60Days, 5184000);
-  EXPECT_EQ(kNumberOfConversionDataRequestsTreshhold, 5);
 }
 
 }  // namespace

@@ -25,16 +25,6 @@ class CountersTest : public test::TrackerFixture {
   QVDateFormatter formatter() const { return QuorvelUtils::getDateFormatter(fakes.clock); }
 };
 
-TEST_F(CountersTest, FirstLaunchValues) {
-  EXPECT_EQ(tracker->getCounter(true), 1);
-  EXPECT_EQ(tracker->getInAppCounter(false), 0);
-  EXPECT_EQ(tracker->getRealLaunchCounter(), 1);
-  EXPECT_EQ(tracker->getTimePassedSinceLastLaunch(), -1);
-  EXPECT_EQ(tracker->getFirstLanuchDate(formatter()), "2023-11-14_221320+0000");
-  EXPECT_EQ(fakes.preferences->objectForKey(keys::kCounter), Json(1));
-  EXPECT_FALSE(fakes.preferences->objectForKey(keys::kInAppCounter));
-}
-
 TEST_F(CountersTest, CountersGrowOnlyWhenAsked) {
   struct Step {
     bool launch;

@@ -7,7 +7,6 @@
 #include "log/QuorvelProxyManager.h"
 #include "support/TestPlatform.h"
 #include "support/TrackerFixture.h"
-#include "tracker/QuorvelKeychainWrapper.h"
 #include "tracker/TrackerCore.h"
 #include "util/PreferenceKeys.h"
 
@@ -60,6 +59,7 @@ TEST_F(IdentityTest, UnreadableInstallDateLeavesOnlyTheOffset) {
 
 TEST_F(IdentityTest, FreshInstallMakesStoresAndSecuresTheIdentifier) {
   fakes.random->uniformValues.push_back(6);
+  tracker->setAppleAppID(std::string("123456"));  // the keychain's service name stays bare
   const std::string uid = tracker->getQuorvelUID();
   EXPECT_EQ(uid, "1700007200500-7");
   EXPECT_EQ(fakes.preferences->stringForKey(keys::kUserId), uid);
@@ -109,27 +109,6 @@ TEST_F(IdentityTest, NoOrUnreadableKeychainCopyMeansNone) {
   fakes.secureStore->add(keys::kKeychainService, keys::kKeychainIdItem, Bytes{0xff, 0xfe});
   EXPECT_FALSE(tracker->getKeychainData());
   EXPECT_FALSE(fakes.preferences->objectForKey(keys::kOriginalUserId));
-}
-
-TEST_F(IdentityTest, WrapperUsesTheBareServiceNameWhateverTheAppId) {
-  tracker->setAppleAppID(std::string("123456"));
-  EXPECT_EQ(tracker->keychain()->identifier(), "com.quorvel.sdk");
-  EXPECT_FALSE(tracker->keychain()->appId());
-}
-
-TEST_F(IdentityTest, WrapperOperations) {
-  QuorvelKeychainWrapper wrapper(fakes.secureStore, std::string("svc"), std::nullopt);
-  EXPECT_FALSE(wrapper.getObject("k"));
-  EXPECT_FALSE(wrapper.update("k", bytes("1")));
-  EXPECT_TRUE(wrapper.setObject("k", bytes("1")));
-  EXPECT_FALSE(wrapper.setObject("k", bytes("2")));
-  EXPECT_TRUE(wrapper.update("k", bytes("2")));
-  EXPECT_EQ(wrapper.getObject("k"), bytes("2"));
-  EXPECT_TRUE(wrapper.remove("k"));
-  EXPECT_FALSE(wrapper.remove("k"));
-  QuorvelKeychainWrapper unnamed(fakes.secureStore, std::nullopt, std::nullopt);
-  EXPECT_FALSE(unnamed.setObject("k", bytes("1")));
-  EXPECT_FALSE(unnamed.getObject("k"));
 }
 
 }  // namespace

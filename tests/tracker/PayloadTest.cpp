@@ -114,22 +114,6 @@ TEST_F(PayloadTest, OptionalKeysAppearWithTheirConditions) {
   EXPECT_EQ(d["iaecounter"], "1");
 }
 
-TEST_F(PayloadTest, EmailLabelsByCryptType) {
-  const std::pair<int, std::string> cases[] = {{0, "plain_el_arr"},
-                                               {1, "sha1_el_arr"},
-                                               {2, "md5_el_arr"},
-                                               {3, "sha256_el_arr"},
-                                               {7, "sha1_el_arr"}};
-  for (const auto& [type, label] : cases) {
-    tracker->setUserEmails(std::vector<std::string>{"x@example.com"}, type);
-    const Json emails =
-        Json::parse(tracker->getEventParameters(false).dict()["user_emails"].get<std::string>());
-    EXPECT_TRUE(emails.contains(label)) << type;
-  }
-  tracker->setUserEmails(Json::array({1, 2}), 3);
-  EXPECT_EQ(tracker->getEventParameters(false).dict()["user_emails"], R"({"plain_el_arr":[]})");
-}
-
 TEST_F(PayloadTest, ZeroReinstallsAndInvalidCustomDataAreLeftOut) {
   fakes.preferences->setInteger(keys::kReInstallCounter, 0);
   tracker->setAdditionalData(Json{{"bad", std::numeric_limits<double>::quiet_NaN()}});
@@ -203,14 +187,6 @@ TEST_F(PayloadTest, AFailedResolutionOnlyLosesTheCallback) {
   fakes.dispatcher->runUntilIdle();
   EXPECT_TRUE(opened.empty());
   EXPECT_FALSE(tracker->deeplink());
-}
-
-TEST_F(PayloadTest, ADelegateThatGoesAwayIsNotCalled) {
-  tracker->setDeeplink(std::string("myapp://x"));
-  tracker->getEventParameters(true);
-  delegate.reset();
-  EXPECT_NO_THROW(fakes.dispatcher->runUntilIdle());
-  EXPECT_TRUE(opened.empty());
 }
 
 TEST_F(PayloadTest, InvalidPushPayloadIsLoggedAndCleared) {

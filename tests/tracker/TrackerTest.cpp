@@ -1,5 +1,4 @@
 #include <quorvel/QuorvelTracker.h>
-#include <quorvel/Version.h>
 
 #include <thread>
 
@@ -15,31 +14,25 @@ namespace {
 
 class TrackerTest : public test::TrackerFixture {
  protected:
-  TrackerTest() : TrackerFixture(false, false) {}
-  // Built on first use, so that a test may change the fakes before.
-  TrackerCore& lazyTracker() { return tracker ? *tracker : makeTracker(); }
+  TrackerTest() : TrackerFixture(true, false) {}
 };
 
-TEST_F(TrackerTest, CustomDataCanBeReplacedButNotCleared) {
-  auto& t = lazyTracker();
+// Nil from the host: custom data stays, the host goes back to the default domain.
+TEST_F(TrackerTest, NilSettersKeepCustomDataAndRestoreTheDefaultHost) {
+  auto& t = *tracker;
   t.setAdditionalData(Json{{"level", 3}});
   t.setAdditionalData(std::nullopt);
   t.setAdditionalData(Json());
   EXPECT_EQ(t.customData(), (Json{{"level", 3}}));
   t.setAdditionalData(Json{{"level", 4}});
   EXPECT_EQ(t.customData(), (Json{{"level", 4}}));
-}
-
-TEST_F(TrackerTest, NilHostRestoresTheDefaultDomain) {
-  auto& t = lazyTracker();
   t.setHost(std::string("localhost:8443"));
-  EXPECT_EQ(t.host(), "localhost:8443");
   t.setHost(std::nullopt);
   EXPECT_EQ(t.host(), kQuorvelDefaultHost);
 }
 
 TEST_F(TrackerTest, LaunchOptionsAreCapturedUntilTheAppTerminates) {
-  auto& t = lazyTracker();
+  auto& t = *tracker;
   const auto launched = [&](Json options) {
     fakes.notifications->post(
         {platform::kApplicationDidFinishLaunchingNotification, std::move(options)});
@@ -56,23 +49,13 @@ TEST_F(TrackerTest, LaunchOptionsAreCapturedUntilTheAppTerminates) {
   fakes.notifications->post({platform::kApplicationWillTerminateNotification, Json()});
   launched(Json{{"UIApplicationLaunchOptionsURLKey", "myapp://late"}});
   EXPECT_FALSE(t.deeplink());
-}
-
-TEST_F(TrackerTest, NoSubscriptionWithoutMultitasking) {
-  fakes.device->multitasking = false;
-  auto& t = lazyTracker();
-  fakes.notifications->post({platform::kApplicationDidFinishLaunchingNotification,
-                             Json{{"UIApplicationLaunchOptionsURLKey", "myapp://x"}}});
-  EXPECT_FALSE(t.deeplink());
-}
-
-TEST_F(TrackerTest, DelegateIsHeldWeakly) {
-  auto& t = lazyTracker();
-  auto delegate = std::make_shared<QuorvelTrackerDelegate>();
-  t.setDelegate(delegate);
-  EXPECT_EQ(t.delegate(), delegate);
-  delegate.reset();
-  EXPECT_EQ(t.delegate(), nullptr);
+  // Without multitasking the tracker never subscribes.
+  test::TestPlatform single;
+  single.device->multitasking = false;
+  TrackerCore other(single.shared(), QuorvelProxyManager::sharedManager());
+  single.notifications->post({platform::kApplicationDidFinishLaunchingNotification,
+                              Json{{"UIApplicationLaunchOptionsURLKey", "myapp://x"}}});
+  EXPECT_FALSE(other.deeplink());
 }
 
 TEST_F(TrackerTest, SharedTrackerIsCreatedOnceUnderConcurrentFirstCalls) {
@@ -86,13 +69,6 @@ TEST_F(TrackerTest, SharedTrackerIsCreatedOnceUnderConcurrentFirstCalls) {
   for (auto* p : seen)
     EXPECT_EQ(p, seen[0]);
   EXPECT_EQ(&QuorvelTracker::sharedTracker(), seen[0]);
-}
-
-// The version strings are read by tools that look into the binary.
-TEST(TrackerConstants, VersionConstants) {
-  EXPECT_DOUBLE_EQ(QuorvelTrackerVersionNumber, 1.0);
-  EXPECT_STREQ(reinterpret_cast<const char*>(QuorvelTrackerVersionString),
-               "@(#)PROGRAM:QuorvelTracker  PROJECT:QuorvelLib-1\n");
 }
 
 }  // namespace

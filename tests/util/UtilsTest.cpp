@@ -34,8 +34,7 @@ TEST_F(UtilsTest, HashesKeepTheirByteQuirks) {
 }
 
 TEST_F(UtilsTest, QueryParametersFollowTheUrlsRealParts) {
-  const auto url =
-      Url::parse("myapp://host.example/real/path?a=0&a=1&b&c=2=3&path=x&k%20e=v%26w");
+  const auto url = Url::parse("myapp://host.example/real/path?a=0&a=1&b&c=2=3&path=x&k%20e=v%26w");
   ASSERT_TRUE(url);
   const Json params = QuorvelUtils::URLQueryParameters(*url);
   EXPECT_EQ(params["a"], "1");  // the later piece wins
@@ -68,13 +67,6 @@ TEST_F(UtilsTest, ValidDeeplinkIsNonBlank) {
   EXPECT_FALSE(QuorvelUtils::isValidDeeplink(" \t "));
   EXPECT_FALSE(QuorvelUtils::isValidDeeplink(""));
   EXPECT_FALSE(QuorvelUtils::isValidDeeplink(std::nullopt));
-}
-
-TEST_F(UtilsTest, NullsAreRemovedRecursively) {
-  Json d =
-      Json::parse(R"({"a": null, "b": [null, {"c": null, "d": 1}, [null, 2]], "e": {"f": null}})");
-  QuorvelUtils::recursivelyRemoveNulls(d);
-  EXPECT_EQ(d, Json::parse(R"({"b": [{"d": 1}, [2]], "e": {}})"));
 }
 
 TEST_F(UtilsTest, JsonSerialisationRefusesWhatItCannotWrite) {
@@ -110,17 +102,6 @@ TEST_F(UtilsTest, DateFormattersUseTheDeviceZone) {
   EXPECT_EQ(QuorvelUtils::getDateFormatter(fakes.clock).stringFromDate(t),
             "2017-05-04_000015-0930");
   EXPECT_EQ(QuorvelUtils::getDateFormatter(fakes.clock).localeIdentifier(), "en_US");
-}
-
-TEST_F(UtilsTest, StoreReceiptReadsTheBundlesFile) {
-  const Platform p = fakes.platform();
-  EXPECT_EQ(QuorvelUtils::getStoreReceipt(p),
-            Json::parse(R"({"data": "-1", "message": "appStoreReceiptURL does not exists."})"));
-  fakes.bundle->receiptPath = "/app/receipt";
-  EXPECT_EQ(QuorvelUtils::getStoreReceipt(p)["data"], "-1");
-  fakes.fileSystem->writeFileAtomically("/app/receipt", Bytes{'a', 'b', 'c', 'd'});
-  EXPECT_EQ(QuorvelUtils::getStoreReceipt(p),
-            Json::parse(R"({"data": {"receipt-data": "YWJjZA=="}})"));
 }
 
 TEST(Base64, StandardAlphabetAndLenientDecoding) {
