@@ -151,13 +151,6 @@ TEST_F(RequestCacheTest, ReplayStartsAfterATenthOfASecondOnTheMainQueueOneAtATim
   EXPECT_EQ(sent.size(), 3U);
 }
 
-TEST_F(RequestCacheTest, AnEmptyDirectoryStillSchedulesOneStep) {
-  cache->processCache();
-  EXPECT_EQ(fakes.dispatcher->pendingCount(), 1U);
-  fakes.dispatcher->advance(100ms);
-  EXPECT_TRUE(sent.empty());
-}
-
 TEST_F(RequestCacheTest, DeleteAndWriteFailuresAreLogged) {
   QuorvelRequestCacheData r;
   r.setCacheKey("missing.qv");
