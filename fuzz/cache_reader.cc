@@ -14,7 +14,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   test::TestPlatform fakes;
   fakes.install();
   QuorvelProxyManager::sharedManager().stopRemoteDebugging();
-  auto cache = std::make_shared<QuorvelRequestCache>(fakes.shared(), nullptr);
+  auto cache = std::make_shared<QuorvelRequestCache>(fakes.shared(), fakes.log(), nullptr);
   const auto directory = cache->getCacheDirectoryPath();
   if (!directory)
     std::abort();

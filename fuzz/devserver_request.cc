@@ -9,6 +9,7 @@
 #include "Emulator.h"
 #include "PayloadCipher.h"
 #include "common/QuorvelAES128Crypto.h"
+#include "log/Log.h"
 #include "platform/posix/PosixServices.h"
 
 namespace {
@@ -67,7 +68,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   request.body = input.substr(at);
   if (seal) {
     static const QuorvelAES128Crypto crypto{std::optional<std::string>(kKey),
-                                            std::make_shared<platform::OpenSslRandom>()};
+                                            std::make_shared<platform::OpenSslRandom>(),
+                                            Log::silent()};
     if (const auto sealed = crypto.encrypt(Bytes(request.body.begin(), request.body.end())))
       request.body.assign(sealed->begin(), sealed->end());
   }

@@ -18,7 +18,7 @@ quorvel::test::TestPlatform& fakes() {
   static quorvel::test::TestPlatform platform;
   static const bool installed = [] {
     platform.install();
-    quorvel::QVSetShowDebugLogs(true);
+    platform.logSwitches->setDebug(true);
     return true;
   }();
   (void)installed;
@@ -42,7 +42,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const Json json = parseBoundedJson(rest);
   (void)format(fmt, rest, integer, real, json, std::optional<std::string>(), true);
   (void)format(fmt);
-  qvLog(kLogDebug, "-[Fuzz log]", fmt, rest, json, integer);
+  static const auto log = platform.log();
+  log->log(kLogDebug, "-[Fuzz log]", fmt, rest, json, integer);
   platform.systemLog->clear();
   return 0;
 }

@@ -37,7 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   tracker->setAppleAppID(std::string("123"));
   tracker->handleOpenURL(text, std::string("com.source"));
   const auto parameters = tracker->getEventParameters(true);
-  if (!QuorvelUtils::getJsonStringFromDictionary(parameters.dict()))
+  if (!QuorvelUtils::getJsonStringFromDictionary(parameters.dict(), tracker->logger()))
     std::abort();  // the launch would be lost
   tracker.reset();
   // Whatever is still queued runs now, so that nothing keeps the platform past the input.

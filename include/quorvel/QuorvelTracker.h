@@ -26,6 +26,7 @@
 // visibility from its first declaration, and this one stays inside the library.
 namespace quorvel {
 class TrackerCore;
+class LogSwitches;
 }  // namespace quorvel
 
 #pragma GCC visibility push(default)  // the public interface is what the library exports
@@ -79,6 +80,8 @@ class QuorvelTracker {
 
   // A tracker of its own on `platform`, for embedders that need more than one and for tests
   // (see Quorvel::testing). Its failed requests are kept in the platform's caches directory.
+  // It logs to the platform's system log, and only its own setIsDebug/setIsTrace switch its
+  // log (the shared tracker's switches are QVSetShowDebugLogs's).
   explicit QuorvelTracker(std::shared_ptr<const Platform> platform);
   ~QuorvelTracker();
   QuorvelTracker(const QuorvelTracker&) = delete;
@@ -103,7 +106,7 @@ class QuorvelTracker {
   std::optional<std::string> currencyCode() const noexcept;
   void setCurrencyCode(std::optional<std::string> code) noexcept;
   bool isDebug() const noexcept;
-  // Drives the console logger.
+  // Drives this tracker's console log.
   void setIsDebug(bool isDebug) noexcept;
   // Adds elapsed times to log lines and lets trace messages through (needs isDebug).
   void setIsTrace(bool isTrace) noexcept;
@@ -226,6 +229,8 @@ class QuorvelTracker {
 
  private:
   friend TrackerCore& coreOf(QuorvelTracker& tracker) noexcept;
+  QuorvelTracker(std::shared_ptr<const Platform> platform,
+                 std::shared_ptr<LogSwitches> logSwitches);
 
   std::shared_ptr<TrackerCore> core_;
 };

@@ -74,12 +74,12 @@ bool isCacheEntry(const std::string& name) {
   return !isTempFile(name);
 }
 
-void removeStrayTempFiles(platform::FileSystem& fs, const std::string& directory) {
+void removeStrayTempFiles(platform::FileSystem& fs, const std::string& directory, const Log& log) {
   const auto names = fs.contentsOfDirectory(directory);
   for (const auto& name : names.value_or(std::vector<std::string>{})) {
     if (isTempFile(name)) {
       fs.removeFile(directory + "/" + name);
-      qvLog(kLogDebug, "-[QuorvelRequestCache getCacheDirectoryPath]",
+      log.log(kLogDebug, "-[QuorvelRequestCache getCacheDirectoryPath]",
             "removed %@, left by a write that did not finish", name);
     }
   }
@@ -91,8 +91,9 @@ double secondsSince2001(platform::TimePoint t) {
 
 }  // namespace
 
-QuorvelRequestCache::QuorvelRequestCache(std::shared_ptr<const Platform> platform, Sender sender)
-    : platform_(std::move(platform)), sender_(std::move(sender)) {}
+QuorvelRequestCache::QuorvelRequestCache(std::shared_ptr<const Platform> platform,
+                                         std::shared_ptr<const Log> log, Sender sender)
+    : platform_(std::move(platform)), log_(std::move(log)), sender_(std::move(sender)) {}
 
 std::optional<std::string> QuorvelRequestCache::getCacheDirectoryPath() {
   static constexpr const char* kMethod = "-[QuorvelRequestCache getCacheDirectoryPath]";
@@ -103,22 +104,22 @@ std::optional<std::string> QuorvelRequestCache::getCacheDirectoryPath() {
       return cacheDirectoryPath_;
     const std::string caches = platform_->fileSystem->cachesDirectory();
     if (caches.empty()) {
-      qvLog(kLogWarning, kMethod, "warn: QuorvelCache paths size is 0");
+      log_->log(kLogWarning, kMethod, "warn: QuorvelCache paths size is 0");
       return std::nullopt;
     }
     path = caches + "/" + kDirectoryName;
     // Before the path is handed out, so that no write of this process can be under way.
-    removeStrayTempFiles(*platform_->fileSystem, path);
+    removeStrayTempFiles(*platform_->fileSystem, path, *log_);
     // Stored before anything else: later calls return it without trying again.
     cacheDirectoryPath_ = path;
   }
   auto& fs = *platform_->fileSystem;
   if (!fs.fileExists(path) && !fs.createDirectory(path)) {
-    qvLog(kLogError, kMethod, "[QuorvelCache Directory] %@",
+    log_->log(kLogError, kMethod, "[QuorvelCache Directory] %@",
           "could not create the directory " + path);
     return std::nullopt;
   }
-  qvLog(kLogDebug, kMethod, "cache dir: %@", path);
+  log_->log(kLogDebug, kMethod, "cache dir: %@", path);
   return path;
 }
 
@@ -126,7 +127,7 @@ void QuorvelRequestCache::initialize() {
   const auto path = getCacheDirectoryPath();
   auto& fs = *platform_->fileSystem;
   if (!path || (!fs.fileExists(*path) && !fs.createDirectory(*path))) {
-    qvLog(kLogError, "-[QuorvelRequestCache initialize]", "failed to create cache dir: %@",
+    log_->log(kLogError, "-[QuorvelRequestCache initialize]", "failed to create cache dir: %@",
           "could not create " + path.value_or(std::string("the caches directory")));
     failedToInitialize_ = true;
   }
@@ -160,10 +161,10 @@ std::optional<std::string> QuorvelRequestCache::cacheRequest(
   const auto directory = getCacheDirectoryPath();
   const std::uint64_t count = directory ? getCacheSize(*platform_->fileSystem, *directory) : 0;
   if (count >= kMaxEntries) {
-    qvLog(kLogDebug, kMethod, "Cache reached limit - not caching request....");
+    log_->log(kLogDebug, kMethod, "Cache reached limit - not caching request....");
     return std::nullopt;
   }
-  qvLog(kLogDebug, kMethod, "Caching request...(cache size: %d)", count);
+  log_->log(kLogDebug, kMethod, "Caching request...(cache size: %d)", count);
   auto& fs = *platform_->fileSystem;
   // The name is the creation time; a name already taken moves on by a microsecond.
   double seconds = secondsSince2001(platform_->clock->now());
@@ -175,7 +176,7 @@ std::optional<std::string> QuorvelRequestCache::cacheRequest(
   const std::string content = fileContent(*request);
   std::string reason;
   if (!directory || !fs.writeFileAtomically(path, Bytes(content.begin(), content.end()), &reason)) {
-    qvLog(kLogError, kMethod, "Error writing file at %@\n%@", path,
+    log_->log(kLogError, kMethod, "Error writing file at %@\n%@", path,
           reason.empty() ? std::string("the cache directory is not available") : reason);
     return std::nullopt;
   }
@@ -237,7 +238,7 @@ void QuorvelRequestCache::processCache() {
     cachedRequests_ = std::move(batch);
     loaded = cachedRequests_->size();
   }
-  qvLog(kLogDebug, "-[QuorvelRequestCache processCache]", "Cache size %d", loaded);
+  log_->log(kLogDebug, "-[QuorvelRequestCache processCache]", "Cache size %d", loaded);
   auto self = shared_from_this();
   // A replay belongs to the work that started it, so that a flush waits for it too; with
   // nothing to replay, that work is not held up.
@@ -255,7 +256,7 @@ void QuorvelRequestCache::sendNextCachedEvents() {
     return;
   }
   try {
-    qvLog(kLogDebug, kMethod, "fetch requestData ...");
+    log_->log(kLogDebug, kMethod, "fetch requestData ...");
     if (!cachedRequests_ || cachedRequests_->empty())
       return;
     const QuorvelRequestCacheData next = cachedRequests_->front();
@@ -263,7 +264,7 @@ void QuorvelRequestCache::sendNextCachedEvents() {
     // Out of the batch as soon as it is handed over; its file stays until answered.
     cachedRequests_->erase(cachedRequests_->begin());
   } catch (const std::exception& e) {
-    qvLog(kLogError, kMethod, "Error fetching requestData: %@", e.what());
+    log_->log(kLogError, kMethod, "Error fetching requestData: %@", e.what());
   }
 }
 
@@ -272,7 +273,7 @@ void QuorvelRequestCache::sendCachedRequest(const QuorvelRequestCacheData& reque
     if (sender_)
       sender_(request);
   } catch (...) {
-    qvLog(kLogError, "-[QuorvelRequestCache sendCachedRequest:]", "failed to start connection %@",
+    log_->log(kLogError, "-[QuorvelRequestCache sendCachedRequest:]", "failed to start connection %@",
           request.requestURL());
   }
 }
@@ -283,7 +284,7 @@ void QuorvelRequestCache::deleteRequest(const QuorvelRequestCacheData& request) 
       directory.value_or(std::string()) + "/" + request.cacheKey().value_or(std::string());
   std::string reason;
   if (!platform_->fileSystem->removeFile(path, &reason)) {
-    qvLog(kLogError, "-[QuorvelRequestCache deleteRequest:]", "Error deleting file at %@\n%@", path,
+    log_->log(kLogError, "-[QuorvelRequestCache deleteRequest:]", "Error deleting file at %@\n%@", path,
           reason);
   }
 }

@@ -17,6 +17,8 @@
 
 namespace quorvel {
 
+class Log;
+
 class QuorvelRequestCache : public std::enable_shared_from_this<QuorvelRequestCache> {
  public:
   // Hands a record to the tracker for sending (marked as coming from the cache).
@@ -25,7 +27,8 @@ class QuorvelRequestCache : public std::enable_shared_from_this<QuorvelRequestCa
   static constexpr std::uint64_t kMaxEntries = 41;
   static constexpr double kReferenceDate2001 = 978'307'200.0;
 
-  QuorvelRequestCache(std::shared_ptr<const Platform> platform, Sender sender);
+  QuorvelRequestCache(std::shared_ptr<const Platform> platform, std::shared_ptr<const Log> log,
+                      Sender sender);
 
   std::optional<std::string> getCacheDirectoryPath();
   void initialize();
@@ -53,6 +56,7 @@ class QuorvelRequestCache : public std::enable_shared_from_this<QuorvelRequestCa
 
  private:
   std::shared_ptr<const Platform> platform_;
+  std::shared_ptr<const Log> log_;
   Sender sender_;
   mutable std::recursive_mutex lock_;  // the lock on the cache object
   std::optional<std::vector<QuorvelRequestCacheData>> cachedRequests_;

@@ -31,23 +31,25 @@ struct CipherContextDeleter {
 }  // namespace
 
 QuorvelAES128Crypto::QuorvelAES128Crypto(std::optional<std::string> password,
-                                         std::shared_ptr<platform::Random> random)
-    : password_(std::move(password)) {
-  iv_ = randomDataOfLength(kIVSize, random);
+                                         std::shared_ptr<platform::Random> random,
+                                         std::shared_ptr<const Log> log)
+    : log_(std::move(log)), password_(std::move(password)) {
+  iv_ = randomDataOfLength(kIVSize, random, *log_);
   salt_ = base64DecodeLenient(kDefaultSaltBase64);
   if (password_ && characterCount(*password_) >= 11) {
     salt_.assign(password_->begin(), password_->begin() + kSaltSize);
   } else {
-    qvLog(kLogError, "-[QuorvelAES128Crypto initWithPassword:]", "Wrong Quorvel DevKey length");
+    log_->log(kLogError, "-[QuorvelAES128Crypto initWithPassword:]", "Wrong Quorvel DevKey length");
   }
 }
 
 Bytes QuorvelAES128Crypto::randomDataOfLength(unsigned long length,
-                                              const std::shared_ptr<platform::Random>& random) {
+                                              const std::shared_ptr<platform::Random>& random,
+                                              const Log& log) {
   Bytes buffer(length, 0);
   const int status = random ? random->fill(buffer) : -1;
   if (status != 0) {
-    qvLog(kLogError, "+[QuorvelAES128Crypto randomDataOfLength:]",
+    log.log(kLogError, "+[QuorvelAES128Crypto randomDataOfLength:]",
           "Unable to generate random bytes: %d", status);
     std::fill(buffer.begin(), buffer.end(), 0);
   }
@@ -55,7 +57,7 @@ Bytes QuorvelAES128Crypto::randomDataOfLength(unsigned long length,
 }
 
 Bytes QuorvelAES128Crypto::AESKeyForPassword(const std::optional<std::string>& password,
-                                             const Bytes& salt) {
+                                             const Bytes& salt, const Log& log) {
   Bytes key(kKeySize, 0);
   const std::string& pass = password ? *password : std::string();
   const int ok = PKCS5_PBKDF2_HMAC_SHA1(pass.data(), static_cast<int>(pass.size()), salt.data(),
@@ -63,7 +65,7 @@ Bytes QuorvelAES128Crypto::AESKeyForPassword(const std::optional<std::string>& p
                                         static_cast<int>(key.size()), key.data());
   if (ok != 1) {
     // The platform's derivation reports -4300 (parameter error) for such failures.
-    qvLog(kLogError, "+[QuorvelAES128Crypto AESKeyForPassword:salt:]",
+    log.log(kLogError, "+[QuorvelAES128Crypto AESKeyForPassword:salt:]",
           "Unable to create AES key for password: %d", -4300);
     std::fill(key.begin(), key.end(), 0);
   }
@@ -74,19 +76,19 @@ Bytes QuorvelAES128Crypto::AESKeyForPassword(const std::optional<std::string>& p
 // salt are fixed for the object's life, so the key and the bytes on the wire are the same,
 // while 10,000 PBKDF2 rounds per message capped delivery near 190 events/s.
 const Bytes& QuorvelAES128Crypto::derivedKey() const {
-  std::call_once(keyDerived_, [this] { key_ = AESKeyForPassword(password_, salt_); });
+  std::call_once(keyDerived_, [this] { key_ = AESKeyForPassword(password_, salt_, *log_); });
   return key_;
 }
 
 std::optional<Bytes> QuorvelAES128Crypto::encrypt(const Bytes& data) const {
   static constexpr const char* kMethod = "-[QuorvelAES128Crypto encrypt:]";
   const Bytes& key = derivedKey();
-  if (qvTraceWanted()) {
-    qvTrace(kMethod, "key: %@",
+  if (log_->traceWanted()) {
+    log_->trace(kMethod, "key: %@",
             bytesAsText(std::string_view(reinterpret_cast<const char*>(key.data()), key.size())));
   }
   if (data.size() > static_cast<std::size_t>(INT32_MAX - 32)) {
-    qvLog(kLogError, kMethod, "Unable to encrypt data");
+    log_->log(kLogError, kMethod, "Unable to encrypt data");
     return std::nullopt;
   }
   Bytes out(data.size() + 16);
@@ -100,7 +102,7 @@ std::optional<Bytes> QuorvelAES128Crypto::encrypt(const Bytes& data) const {
                         static_cast<int>(data.size())) == 1 &&
       EVP_EncryptFinal_ex(ctx.get(), out.data() + produced, &finalLength) == 1;
   if (!ok) {
-    qvLog(kLogError, kMethod, "Unable to encrypt data");
+    log_->log(kLogError, kMethod, "Unable to encrypt data");
     return std::nullopt;
   }
   out.resize(static_cast<std::size_t>(produced + finalLength));

@@ -19,6 +19,8 @@
 
 namespace quorvel {
 
+class Log;
+
 class QuorvelAES128Crypto {
  public:
   static constexpr int kRounds = 10000;
@@ -27,9 +29,9 @@ class QuorvelAES128Crypto {
   static constexpr std::size_t kSaltSize = 8;
   static constexpr const char* kDefaultSaltBase64 = "Zt4mQp9LxR0=";
 
-  // Draws the IV from `random` and chooses the salt.
+  // Draws the IV from `random` and chooses the salt; failures are logged to `log`.
   QuorvelAES128Crypto(std::optional<std::string> password,
-                      std::shared_ptr<platform::Random> random);
+                      std::shared_ptr<platform::Random> random, std::shared_ptr<const Log> log);
 
   const std::optional<std::string>& password() const noexcept { return password_; }
   const Bytes& salt() const noexcept { return salt_; }
@@ -40,12 +42,14 @@ class QuorvelAES128Crypto {
 
   // Zeros (logged) when `random` is missing or fails.
   static Bytes randomDataOfLength(unsigned long length,
-                                  const std::shared_ptr<platform::Random>& random);
-  static Bytes AESKeyForPassword(const std::optional<std::string>& password, const Bytes& salt);
+                                  const std::shared_ptr<platform::Random>& random, const Log& log);
+  static Bytes AESKeyForPassword(const std::optional<std::string>& password, const Bytes& salt,
+                                 const Log& log);
 
  private:
   const Bytes& derivedKey() const;
 
+  std::shared_ptr<const Log> log_;
   std::optional<std::string> password_;
   Bytes salt_;
   Bytes iv_;

@@ -138,11 +138,11 @@ std::string QuorvelUtils::base64forData(const Bytes& data) {
   return base64Encode(data);
 }
 
-Json QuorvelUtils::getStoreReceipt(const Platform& platform) {
+Json QuorvelUtils::getStoreReceipt(const Platform& platform, const Log& log) {
   static constexpr const char* kMethod = "+[QuorvelUtils getStoreReceipt]";
   try {
     const auto path = platform.bundle->appStoreReceiptPath();
-    qvTrace(kMethod, "getStoreReceipt -> receiptUrl: %@", path);
+    log.trace(kMethod, "getStoreReceipt -> receiptUrl: %@", path);
     if (!path || !platform.fileSystem->fileExists(*path)) {
       return Json{{"data", "-1"}, {"message", "appStoreReceiptURL does not exists."}};
     }
@@ -156,28 +156,30 @@ Json QuorvelUtils::getStoreReceipt(const Platform& platform) {
   }
 }
 
-std::optional<std::string> QuorvelUtils::getJsonStringFromDictionary(const Json& dictionary) {
+std::optional<std::string> QuorvelUtils::getJsonStringFromDictionary(const Json& dictionary,
+                                                                     const Log& log) {
   try {
     return serialize(dictionary);
   } catch (const std::exception& e) {
-    qvLog(kLogError, "+[QuorvelUtils getJsonStringFromDictionary:]", "JSON parser failed ex = %@",
-          e.what());
+    log.log(kLogError, "+[QuorvelUtils getJsonStringFromDictionary:]", "JSON parser failed ex = %@",
+            e.what());
     return std::nullopt;
   }
 }
 
-std::optional<Bytes> QuorvelUtils::getJsonDataFromDictionary(const Json& dictionary) {
+std::optional<Bytes> QuorvelUtils::getJsonDataFromDictionary(const Json& dictionary,
+                                                             const Log& log) {
   static constexpr const char* kMethod = "+[QuorvelUtils getJsonDataFromDictionary:]";
   if (!isValidJSONObject(dictionary)) {
-    qvLog(kLogDebug, kMethod, "Cannot serialize: %@",
-          FormatArg::described(dictionary.dump(-1, ' ', false, Json::error_handler_t::replace)));
+    log.log(kLogDebug, kMethod, "Cannot serialize: %@",
+            FormatArg::described(dictionary.dump(-1, ' ', false, Json::error_handler_t::replace)));
     return std::nullopt;
   }
   try {
     const std::string text = serialize(dictionary);
     return Bytes(text.begin(), text.end());
   } catch (const std::exception& e) {
-    qvTrace(kMethod, "JSON Serialization failed: %@", e.what());
+    log.trace(kMethod, "JSON Serialization failed: %@", e.what());
     return std::nullopt;
   }
 }
@@ -187,7 +189,7 @@ bool QuorvelUtils::isValidJSONObject(const Json& value) {
 }
 
 void QuorvelUtils::logRequestContent(std::int64_t kind, const std::string& url,
-                                     const std::string& body) {
+                                     const std::string& body, const Log& log) {
   const char* banner = "";
   switch (kind) {
     case kRequestLaunch:
@@ -209,10 +211,10 @@ void QuorvelUtils::logRequestContent(std::int64_t kind, const std::string& url,
       break;
   }
   static constexpr const char* kSeparator = "\n<~+~+~+~+~+~+~+~+~+~+~+~+~+~+~+~+~+~+~~+~>\n";
-  if (!qvDebugWanted())
+  if (!log.debugWanted())
     return;
   const std::string text = format("\n%@%@%@%@\n%@", kSeparator, banner, url, kSeparator, body);
-  qvLog(kLogDebug, "+[QuorvelUtils logRequestContent:url:body:]", "%@\n%@", text, kSeparator);
+  log.log(kLogDebug, "+[QuorvelUtils logRequestContent:url:body:]", "%@\n%@", text, kSeparator);
 }
 
 Json QuorvelUtils::URLQueryParameters(const Url& url) {
@@ -306,13 +308,13 @@ std::optional<std::string> QuorvelUtils::getHoplinePath(const Json& link) {
   return format("/shortlink-sdk/v1/%@?id=%@", components[1], components[2]);
 }
 
-std::string stringify(const Json& dictionary) {
+std::string stringify(const Json& dictionary, const Log& log) {
   try {
     return serialize(dictionary);
   } catch (const std::exception&) {
     // The writer raised: the message carries no error object.
-    qvLog(kLogError, "-[NSDictionary(QuorvelStringify) stringify]",
-          "Error serializing JSON for stringify %@", nullptr);
+    log.log(kLogError, "-[NSDictionary(QuorvelStringify) stringify]",
+            "Error serializing JSON for stringify %@", nullptr);
     return {};
   }
 }

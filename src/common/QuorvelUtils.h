@@ -14,6 +14,8 @@
 
 namespace quorvel {
 
+class Log;
+
 // The short-link domain of the service: links containing it are the library's own.
 extern const char* const kHoplineSchema;
 
@@ -40,14 +42,16 @@ class QuorvelUtils {
   static std::string base64forData(const Bytes& data);
 
   // The store receipt: {"data": {"receipt-data": base64}} or {"data": "-1", "message": ...}.
-  static Json getStoreReceipt(const Platform& platform);
+  static Json getStoreReceipt(const Platform& platform, const Log& log);
 
   // Compact JSON text of a dictionary, or nullopt (logged) when it cannot be serialised.
-  static std::optional<std::string> getJsonStringFromDictionary(const Json& dictionary);
-  static std::optional<Bytes> getJsonDataFromDictionary(const Json& dictionary);
+  static std::optional<std::string> getJsonStringFromDictionary(const Json& dictionary,
+                                                                const Log& log);
+  static std::optional<Bytes> getJsonDataFromDictionary(const Json& dictionary, const Log& log);
 
   // One debug-level log entry showing an outgoing request, with a banner by `kind`.
-  static void logRequestContent(std::int64_t kind, const std::string& url, const std::string& body);
+  static void logRequestContent(std::int64_t kind, const std::string& url, const std::string& body,
+                                const Log& log);
 
   // The query parameters of a URL (decoded), plus "path", "scheme" and "host" when present.
   static Json URLQueryParameters(const Url& url);
@@ -79,6 +83,6 @@ class QuorvelUtils {
 };
 
 // Compact JSON text of a dictionary; "" when it cannot be serialised.
-std::string stringify(const Json& dictionary);
+std::string stringify(const Json& dictionary, const Log& log);
 
 }  // namespace quorvel

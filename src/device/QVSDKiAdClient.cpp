@@ -15,8 +15,9 @@ Json errorResult(const std::string& text) {
 }
 }  // namespace
 
-QVSDKiAdClient::QVSDKiAdClient(std::shared_ptr<const Platform> platform)
-    : platform_(std::move(platform)) {}
+QVSDKiAdClient::QVSDKiAdClient(std::shared_ptr<const Platform> platform,
+                               std::shared_ptr<const Log> log)
+    : platform_(std::move(platform)), log_(std::move(log)) {}
 
 void QVSDKiAdClient::printLinkDependances() const {
   static constexpr const char* kMethod = "-[QVSDKiAdClient printLinkDependances]";
@@ -24,15 +25,15 @@ void QVSDKiAdClient::printLinkDependances() const {
   const bool hasAdSupport = registry.classNamed(kASIdentifierManager) != nullptr;
   const bool hasIAd = registry.classNamed(kADClient) != nullptr;
   if (!hasAdSupport) {
-    qvLog(kLogDebug, kMethod, "%@AdSupport.framework is missing", kPrefix);
+    log_->log(kLogDebug, kMethod, "%@AdSupport.framework is missing", kPrefix);
   } else if (!hasIAd) {
     // With both frameworks present this line is not written.
-    qvLog(kLogDebug, kMethod, "%@AdSupport.framework exists", kPrefix);
+    log_->log(kLogDebug, kMethod, "%@AdSupport.framework exists", kPrefix);
   }
   if (hasIAd) {
-    qvLog(kLogDebug, kMethod, "%@iAd.framework exists", kPrefix);
+    log_->log(kLogDebug, kMethod, "%@iAd.framework exists", kPrefix);
   } else {
-    qvLog(kLogDebug, kMethod, "%@iAd.framework is missing", kPrefix);
+    log_->log(kLogDebug, kMethod, "%@iAd.framework is missing", kPrefix);
   }
 }
 

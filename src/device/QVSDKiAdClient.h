@@ -9,6 +9,8 @@
 
 namespace quorvel {
 
+class Log;
+
 class QVSDKiAdClient {
  public:
   // Receives the details, or {"error": text}.
@@ -17,7 +19,7 @@ class QVSDKiAdClient {
   static constexpr int kAttempts = 4;
   static constexpr std::chrono::seconds kRetryDelay{2};
 
-  explicit QVSDKiAdClient(std::shared_ptr<const Platform> platform);
+  QVSDKiAdClient(std::shared_ptr<const Platform> platform, std::shared_ptr<const Log> log);
 
   // Logs which of the two advertising frameworks the application has.
   void printLinkDependances() const;
@@ -32,6 +34,7 @@ class QVSDKiAdClient {
                        Completion completion);
 
   std::shared_ptr<const Platform> platform_;
+  std::shared_ptr<const Log> log_;
 };
 
 }  // namespace quorvel

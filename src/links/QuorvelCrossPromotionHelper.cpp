@@ -89,10 +89,11 @@ void QuorvelCrossPromotionHelper::trackCrossPromoteImpression(
   tracker.platform()
       .urlSessions->defaultSession()
       ->dataTask(std::move(request),
-                 [report = coreOf(tracker).reportLedger()->currentOrOpen()](
-                     const auto&, const auto&, const std::optional<Error>& error) {
+                 [report = coreOf(tracker).reportLedger()->currentOrOpen(),
+                  log = coreOf(tracker).log()](const auto&, const auto&,
+                                               const std::optional<Error>& error) {
                    if (error) {
-                     qvLog(kLogError,
+                     log->log(kLogError,
                            "+[QuorvelCrossPromotionHelper "
                            "trackCrossPromoteImpression:campaign:]_block_invoke",
                            "Quorvel crossPromotionViewed Connection failed! Error - %@",

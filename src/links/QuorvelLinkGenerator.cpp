@@ -12,8 +12,8 @@ namespace {
 
 constexpr const char* kGenerateLink = "-[QuorvelLinkGenerator generateLink]";
 
-void logSetter(const char* method, const char* line, const std::string& value) {
-  qvLog(kLogDebug, method, line, value);
+void logSetter(const Log& log, const char* method, const char* line, const std::string& value) {
+  log.log(kLogDebug, method, line, value);
 }
 
 }  // namespace
@@ -31,7 +31,7 @@ QuorvelLinkGenerator::QuorvelLinkGenerator(std::optional<std::string> meidaSourc
 QuorvelLinkGenerator::QuorvelLinkGenerator(std::optional<std::string> meidaSource,
                                            QuorvelTracker& tracker)
     : tracker_(&tracker) {
-  qvLog(kLogDebug, "-[QuorvelLinkGenerator initWithMeidaSource:]", "initWithMeidaSource is called");
+  coreOf(tracker).logger().log(kLogDebug, "-[QuorvelLinkGenerator initWithMeidaSource:]", "initWithMeidaSource is called");
   mediaSource_ = std::move(meidaSource);
 }
 
@@ -39,7 +39,8 @@ QuorvelLinkGenerator::QuorvelLinkGenerator(std::optional<std::string> meidaSourc
   void QuorvelLinkGenerator::NAME(const std::optional<std::string>& value) { \
     if (!value)                                                              \
       return;                                                                \
-    logSetter("-[QuorvelLinkGenerator " #NAME ":]", LINE, *value);           \
+    logSetter(coreOf(*tracker_).logger(), "-[QuorvelLinkGenerator " #NAME ":]", \
+              LINE, *value);                                                 \
     FIELD = *value;                                                          \
   }
 QV_SETTER(setChannel, channel_, "channel:           %@")
@@ -106,12 +107,12 @@ std::string QuorvelLinkGenerator::generateLink() const {
       *query += format("%@=%@", percentEscape(key, isUnreservedInUrl),
                        percentEscape(value.get<std::string>(), isUnreservedInUrl));
     } else {
-      qvLog(kLogDebug, kGenerateLink, "Key `%@` ignored. Unsupported format.", key);
+      coreOf(*tracker_).logger().log(kLogDebug, kGenerateLink, "Key `%@` ignored. Unsupported format.", key);
     }
   }
   const std::string link =
       appleAppID_ ? format("%@/id%@%@", base, *appleAppID_, query) : format("%@%@", base, query);
-  qvLog(kLogDebug, kGenerateLink, "Generated Link: %@", link);
+  coreOf(*tracker_).logger().log(kLogDebug, kGenerateLink, "Generated Link: %@", link);
   return link;
 }
 

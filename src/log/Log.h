@@ -1,11 +1,21 @@
-// The logging convention of every call site: the console line, mirrored to the
-// remote-debugging buffer while remote debugging is on.
+// The logger of one tracker: its switches, the clock and system log it writes with, and the
+// remote-debugging collection it mirrors into. The composition root makes it and hands it to
+// each collaborator through its constructor; nothing below the facade reads the process's
+// logger (the exported switches and QVLogLocal's sink), which only the shared tracker uses.
 #pragma once
 
-#include <quorvel/Logger.h>
-#include <quorvel/RemoteDebugging.h>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
 
-#include "log/LogSink.h"
+#include <quorvel/Logger.h>
+#include <quorvel/platform/Clock.h>
+#include <quorvel/platform/SystemLog.h>
+
 #include "log/QuorvelProxyManager.h"
 
 namespace quorvel {
@@ -19,58 +29,127 @@ enum LogLevel : int {
   kLogTrace = static_cast<int>(QVLogLevel::trace)
 };
 
+// The debug and trace switches and the session start that trace lines count from. A tracker
+// made on its own platform has switches of its own, so that two trackers in one process do not
+// switch each other's logs; the shared tracker's are the process's (kQVLoggerShowLogs, ...).
+class LogSwitches {
+ public:
+  LogSwitches() = default;
+  LogSwitches(std::atomic<bool>& debug, std::atomic<bool>& trace,
+              std::atomic<std::int64_t>& sessionStartMicros) noexcept
+      : debug_(&debug), trace_(&trace), sessionStart_(&sessionStartMicros) {}
+  LogSwitches(const LogSwitches&) = delete;
+  LogSwitches& operator=(const LogSwitches&) = delete;
+
+  // The process's switches, which the exported functions of the logger set.
+  static std::shared_ptr<LogSwitches> process();
+
+  bool debug() const noexcept { return debug_->load(std::memory_order_relaxed); }
+  void setDebug(bool on) noexcept { debug_->store(on, std::memory_order_relaxed); }
+  bool trace() const noexcept { return trace_->load(std::memory_order_relaxed); }
+  void setTrace(bool on) noexcept { trace_->store(on, std::memory_order_relaxed); }
+  std::optional<platform::TimePoint> sessionStart() const noexcept;
+  void setSessionStart(std::optional<platform::TimePoint> start) noexcept;
+
+ private:
+  std::atomic<bool> ownDebug_{false};
+  std::atomic<bool> ownTrace_{false};
+  std::atomic<std::int64_t> ownSessionStart_{kNoSessionStart};
+  std::atomic<bool>* debug_ = &ownDebug_;
+  std::atomic<bool>* trace_ = &ownTrace_;
+  std::atomic<std::int64_t>* sessionStart_ = &ownSessionStart_;
+
+ public:
+  static constexpr std::int64_t kNoSessionStart = INT64_MIN;
+};
+
 namespace detail {
-// Appends one formatted line to `mirror`, as the exported addLogEvent does.
-void mirrorLogLine(QuorvelProxyManager& mirror, int level, const char* method,
-                   const std::string& message) noexcept;
+// The console line of a message: "[LEVEL] Quorvel: method message", or with the elapsed
+// session time first when tracing.
+std::string consoleLine(bool tracing, const std::string& elapsed, int level, const char* method,
+                        const std::string& message);
+// The remote-debugging line of a message: "(elapsed) [LEVEL] method: message".
+std::string mirrorLine(const std::string& elapsed, int level, const char* method,
+                       const std::string& message);
+// "HH:MM:SS:mmm" from `start` to `now`, or "--:--:--:---" without a start or before it.
+std::string elapsedText(std::optional<platform::TimePoint> start, platform::TimePoint now);
 }  // namespace detail
 
-// The remote-debugging collection the logger mirrors into while it collects, else nullptr.
-inline QuorvelProxyManager* collectingMirror() noexcept {
-  QuorvelProxyManager* const mirror = detail::logMirror();
-  return mirror != nullptr && mirror->isRemoteDebugging() ? mirror : nullptr;
-}
+class Log {
+ public:
+  Log(std::shared_ptr<LogSwitches> switches, std::shared_ptr<const platform::Clock> clock,
+      std::shared_ptr<platform::SystemLog> systemLog, QuorvelProxyManager* mirror) noexcept
+      : switches_(std::move(switches)),
+        clock_(std::move(clock)),
+        systemLog_(std::move(systemLog)),
+        mirror_(mirror) {}
 
-template <typename... A>
-void mirrorLogEvent(QuorvelProxyManager& mirror, int level, const char* method,
-                    std::string_view fmt, const A&... args) noexcept {
-  try {
-    detail::mirrorLogLine(mirror, level, method, format(fmt, args...));
-  } catch (...) {
+  // A logger whose switches stay off and that mirrors nowhere, for a collaborator used without
+  // a tracker (the emulator's cipher, the fuzzers).
+  static std::shared_ptr<const Log> silent();
+
+  LogSwitches& switches() const noexcept { return *switches_; }
+
+  // Logs at `level` and mirrors the line to the remote buffer when that collects.
+  template <typename... A>
+  void log(int level, const char* method, std::string_view fmt, const A&... args) const noexcept {
+    const bool console = switches_->debug();
+    QuorvelProxyManager* const mirror = collectingMirror();
+    if (!console && mirror == nullptr)
+      return;
+    try {
+      const std::string message = format(fmt, args...);
+      if (console)
+        print(level, method, message);
+      if (mirror != nullptr)
+        record(*mirror, level, method, message);
+    } catch (...) {
+      // Logging never fails visibly.
+    }
   }
-}
 
-// Logs at `level` and mirrors the line to the remote buffer when that collects.
-template <typename... A>
-void qvLog(int level, const char* method, std::string_view fmt, const A&... args) noexcept {
-  QVLogLocal(level, method, fmt, args...);
-  if (QuorvelProxyManager* const mirror = collectingMirror())
-    mirrorLogEvent(*mirror, level, method, fmt, args...);
-}
-
-// True when a debug message would reach the console or the remote buffer; call sites test
-// it before building expensive arguments.
-inline bool qvDebugWanted() noexcept {
-  return kQVLoggerShowLogs.load(std::memory_order_relaxed) || collectingMirror() != nullptr;
-}
-
-// True when a trace message would reach the console or the remote buffer; call sites test
-// it before building expensive arguments.
-inline bool qvTraceWanted() noexcept {
-  return kQVLoggerShowLogsTrace.load(std::memory_order_relaxed) || collectingMirror() != nullptr;
-}
-
-// A trace message: printed only with the trace switch on, and recorded twice in the remote
-// buffer (at trace and at debug level) while remote debugging is on.
-template <typename... A>
-void qvTrace(const char* method, std::string_view fmt, const A&... args) noexcept {
-  if (kQVLoggerShowLogsTrace.load(std::memory_order_relaxed)) {
-    QVLogLocal(kLogTrace, method, fmt, args...);
+  // A trace message: printed only with the trace switch on, and recorded twice in the remote
+  // buffer (at trace and at debug level) while remote debugging is on.
+  template <typename... A>
+  void trace(const char* method, std::string_view fmt, const A&... args) const noexcept {
+    const bool console = switches_->trace() && switches_->debug();
+    QuorvelProxyManager* const mirror = collectingMirror();
+    if (!console && mirror == nullptr)
+      return;
+    try {
+      const std::string message = format(fmt, args...);
+      if (console)
+        print(kLogTrace, method, message);
+      if (mirror != nullptr) {
+        record(*mirror, kLogTrace, method, message);
+        record(*mirror, kLogDebug, method, message);
+      }
+    } catch (...) {
+    }
   }
-  if (QuorvelProxyManager* const mirror = collectingMirror()) {
-    mirrorLogEvent(*mirror, kLogTrace, method, fmt, args...);
-    mirrorLogEvent(*mirror, kLogDebug, method, fmt, args...);
+
+  // True when a debug message would reach the console or the remote buffer; call sites test
+  // it before building expensive arguments.
+  bool debugWanted() const noexcept {
+    return switches_->debug() || collectingMirror() != nullptr;
   }
-}
+  // The same for a trace message.
+  bool traceWanted() const noexcept {
+    return switches_->trace() || collectingMirror() != nullptr;
+  }
+
+ private:
+  QuorvelProxyManager* collectingMirror() const noexcept {
+    return mirror_ != nullptr && mirror_->isRemoteDebugging() ? mirror_ : nullptr;
+  }
+  void print(int level, const char* method, const std::string& message) const noexcept;
+  void record(QuorvelProxyManager& mirror, int level, const char* method,
+              const std::string& message) const noexcept;
+
+  std::shared_ptr<LogSwitches> switches_;
+  std::shared_ptr<const platform::Clock> clock_;
+  std::shared_ptr<platform::SystemLog> systemLog_;
+  QuorvelProxyManager* mirror_;  // outlives the logger; nullptr mirrors nowhere
+};
 
 }  // namespace quorvel

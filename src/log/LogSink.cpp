@@ -1,6 +1,5 @@
 #include "log/LogSink.h"
 
-#include <atomic>
 #include <mutex>
 
 #include "platform/posix/PosixServices.h"
@@ -19,9 +18,6 @@ Sink& sink() {
   static NoDestructor<Sink> instance;
   return instance.get();
 }
-
-// Read on every log call: an atomic rather than the sink's lock.
-std::atomic<QuorvelProxyManager*> mirror{nullptr};
 
 }  // namespace
 
@@ -49,14 +45,6 @@ void writeLogSink(std::string_view line) noexcept {
     log = s.systemLog;
   }
   log->write(line);
-}
-
-void setLogMirror(QuorvelProxyManager* next) noexcept {
-  mirror.store(next, std::memory_order_release);
-}
-
-QuorvelProxyManager* logMirror() noexcept {
-  return mirror.load(std::memory_order_acquire);
 }
 
 }  // namespace quorvel::detail

@@ -1,8 +1,10 @@
 #include <quorvel/Logger.h>
+#include <quorvel/RemoteDebugging.h>
 
-#include <climits>
-
+#include "log/Log.h"
 #include "log/LogSink.h"
+#include "platform/posix/PosixServices.h"
+#include "util/NoDestructor.h"
 
 namespace quorvel {
 
@@ -11,14 +13,38 @@ std::atomic<bool> kQVLoggerShowLogsTrace{false};
 
 namespace {
 
-// Microseconds since 1970 of the session start; LLONG_MIN while unset.
-std::atomic<std::int64_t> gSessionStartMicros{LLONG_MIN};
+// Microseconds since 1970 of the process's session start; kNoSessionStart while unset.
+std::atomic<std::int64_t> gSessionStartMicros{LogSwitches::kNoSessionStart};
 
 std::string twoDigitsAtLeast(std::int64_t value, bool padded) {
   return (padded ? "0" : "") + std::to_string(value);
 }
 
+std::int64_t toMicros(platform::TimePoint at) {
+  return std::chrono::duration_cast<std::chrono::microseconds>(at.time_since_epoch()).count();
+}
+
 }  // namespace
+
+// --- The switches -------------------------------------------------------------------------
+
+std::shared_ptr<LogSwitches> LogSwitches::process() {
+  // Never destroyed: the exit flush still logs after static destructors may have run.
+  static NoDestructor<std::shared_ptr<LogSwitches>> switches(std::make_shared<LogSwitches>(
+      kQVLoggerShowLogs, kQVLoggerShowLogsTrace, gSessionStartMicros));
+  return switches.get();
+}
+
+std::optional<platform::TimePoint> LogSwitches::sessionStart() const noexcept {
+  const std::int64_t micros = sessionStart_->load(std::memory_order_acquire);
+  if (micros == kNoSessionStart)
+    return std::nullopt;
+  return platform::TimePoint(std::chrono::microseconds(micros));
+}
+
+void LogSwitches::setSessionStart(std::optional<platform::TimePoint> start) noexcept {
+  sessionStart_->store(start ? toMicros(*start) : kNoSessionStart, std::memory_order_release);
+}
 
 void QVSetShowDebugLogs(bool on) noexcept {
   kQVLoggerShowLogs.store(on, std::memory_order_relaxed);
@@ -29,19 +55,14 @@ void QVSetShowDebugLogsTrace(bool on) noexcept {
 }
 
 void QVSetSessionStartDate(std::optional<std::chrono::system_clock::time_point> date) noexcept {
-  const std::int64_t micros =
-      date ? std::chrono::duration_cast<std::chrono::microseconds>(date->time_since_epoch()).count()
-           : LLONG_MIN;
-  gSessionStartMicros.store(micros, std::memory_order_release);
+  LogSwitches::process()->setSessionStart(date);
 }
 
 std::optional<std::chrono::system_clock::time_point> QVSessionStartDate() noexcept {
-  const std::int64_t micros = gSessionStartMicros.load(std::memory_order_acquire);
-  if (micros == LLONG_MIN) {
-    return std::nullopt;
-  }
-  return std::chrono::system_clock::time_point(std::chrono::microseconds(micros));
+  return LogSwitches::process()->sessionStart();
 }
+
+// --- Line formats -------------------------------------------------------------------------
 
 std::string levelToString(int level) {
   switch (level) {
@@ -80,35 +101,87 @@ std::string timeToStringForMilliseconds(std::int64_t ms) {
 }
 
 std::string timeToString() {
-  const auto start = QVSessionStartDate();
+  return detail::elapsedText(QVSessionStartDate(), detail::logClock()->now());
+}
+
+namespace detail {
+
+std::string elapsedText(std::optional<platform::TimePoint> start, platform::TimePoint now) {
   if (!start) {
     return "--:--:--:---";
   }
-  const auto now = detail::logClock()->now();
-  const double seconds = std::chrono::duration<double>(now - *start).count();
-  const double ms = seconds * 1000.0;
+  const double ms = std::chrono::duration<double, std::milli>(now - *start).count();
   if (!(ms >= -9.2e18 && ms <= 9.2e18)) {
     return "--:--:--:---";
   }
   return timeToStringForMilliseconds(static_cast<std::int64_t>(ms));
 }
 
-namespace detail {
+std::string consoleLine(bool tracing, const std::string& elapsed, int level, const char* method,
+                        const std::string& message) {
+  const char* where = method != nullptr ? method : "";
+  if (tracing)
+    return format("(%@) Quorvel: %@ %s %@", elapsed, levelToString(level), where, message);
+  return format("%@ Quorvel: %s %@", levelToString(level), where, message);
+}
 
+std::string mirrorLine(const std::string& elapsed, int level, const char* method,
+                       const std::string& message) {
+  return format("(%@) %@ %s: %@", elapsed, levelToString(level), method != nullptr ? method : "",
+                message);
+}
+
+// QVLogLocal's line: the process's switches and sink.
 void emitLogLine(int level, const char* method, const std::string& message) noexcept {
   try {
-    const char* where = method != nullptr ? method : "";
-    std::string line;
-    if (kQVLoggerShowLogsTrace.load(std::memory_order_relaxed)) {
-      line = format("(%@) Quorvel: %@ %s %@", timeToString(), levelToString(level), where, message);
-    } else {
-      line = format("%@ Quorvel: %s %@", levelToString(level), where, message);
-    }
-    writeLogSink(line);
+    const bool tracing = kQVLoggerShowLogsTrace.load(std::memory_order_relaxed);
+    writeLogSink(consoleLine(tracing, tracing ? timeToString() : std::string(), level, method,
+                             message));
   } catch (...) {
     // The logger never fails visibly.
   }
 }
 
+// The exported addLogEvent: the process's collection, dated as QVLogLocal's lines.
+void addLogEventFormatted(int level, const char* method, const std::string& message) noexcept {
+  try {
+    const auto clock = logClock();
+    QuorvelProxyManager::sharedManager().addEventWithString(
+        mirrorLine(elapsedText(QVSessionStartDate(), clock->now()), level, method, message),
+        clock);
+  } catch (...) {
+  }
+}
+
 }  // namespace detail
+
+// --- A tracker's logger -------------------------------------------------------------------
+
+std::shared_ptr<const Log> Log::silent() {
+  return std::make_shared<const Log>(std::make_shared<LogSwitches>(),
+                                     std::make_shared<platform::PosixClock>(),
+                                     std::make_shared<platform::StderrSystemLog>(), nullptr);
+}
+
+void Log::print(int level, const char* method, const std::string& message) const noexcept {
+  try {
+    const bool tracing = switches_->trace();
+    const std::string elapsed =
+        tracing ? detail::elapsedText(switches_->sessionStart(), clock_->now()) : std::string();
+    systemLog_->write(detail::consoleLine(tracing, elapsed, level, method, message));
+  } catch (...) {
+  }
+}
+
+void Log::record(QuorvelProxyManager& mirror, int level, const char* method,
+                 const std::string& message) const noexcept {
+  try {
+    mirror.addEventWithString(
+        detail::mirrorLine(detail::elapsedText(switches_->sessionStart(), clock_->now()), level,
+                           method, message),
+        clock_);
+  } catch (...) {
+  }
+}
+
 }  // namespace quorvel

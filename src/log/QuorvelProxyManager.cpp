@@ -4,7 +4,7 @@
 #include <quorvel/RemoteDebugging.h>
 
 #include "log/Log.h"
-#include "log/LogSink.h"
+#include "platform/posix/PosixServices.h"
 #include "util/DateFormatter.h"
 #include "util/NoDestructor.h"
 #include "util/PreferenceKeys.h"
@@ -18,18 +18,30 @@ QuorvelProxyManager& QuorvelProxyManager::sharedManager() {
 }
 
 QuorvelProxyManager::QuorvelProxyManager(std::shared_ptr<const platform::Clock> clock)
-    : clock_(std::move(clock)) {}
+    : clock_(clock ? std::move(clock) : std::make_shared<platform::PosixClock>()) {}
 
 std::shared_ptr<const platform::Clock> QuorvelProxyManager::clock() const {
-  return clock_ ? clock_ : detail::logClock();
+  std::lock_guard guard(lock_);
+  return clock_;
+}
+
+void QuorvelProxyManager::setClock(std::shared_ptr<const platform::Clock> clock) {
+  if (!clock)
+    return;
+  std::lock_guard guard(lock_);
+  clock_ = std::move(clock);
 }
 
 void QuorvelProxyManager::addEventWithString(const std::string& line) {
+  addEventWithString(line, clock());
+}
+
+void QuorvelProxyManager::addEventWithString(const std::string& line,
+                                             const std::shared_ptr<const platform::Clock>& clk) {
   if (!isRemoteDebugging() ||
       requestSize_.load(std::memory_order_relaxed) >= REMOTE_DEBUGGING_REQUEST_MAX_SIZE_KB) {
     return;
   }
-  const auto clk = clock();
   const QVDateFormatter formatter("yyyy-MM-dd HH:mm:ss", clk);
   std::string stored = format("%18@ %@", formatter.stringFromDate(clk->now()), toValidUtf8(line));
   requestSize_.fetch_add(static_cast<std::int32_t>(stored.size()), std::memory_order_relaxed);
@@ -162,21 +174,4 @@ void QuorvelProxyManager::sendRemoteDebuggingData(
   clearData();
 }
 
-namespace detail {
-
-void mirrorLogLine(QuorvelProxyManager& mirror, int level, const char* method,
-                   const std::string& message) noexcept {
-  try {
-    mirror.addEventWithString(format("(%@) %@ %s: %@", timeToString(), levelToString(level),
-                                     method != nullptr ? method : "", message));
-  } catch (...) {
-  }
-}
-
-// The exported function a host calls: it records into the process's collection.
-void addLogEventFormatted(int level, const char* method, const std::string& message) noexcept {
-  mirrorLogLine(QuorvelProxyManager::sharedManager(), level, method, message);
-}
-
-}  // namespace detail
 }  // namespace quorvel

@@ -35,7 +35,7 @@ class QuorvelProxyManager {
   // The process-wide manager, created once and never destroyed.
   static QuorvelProxyManager& sharedManager();
 
-  // `clock` dates the collected lines; nullptr uses the current platform's clock.
+  // `clock` dates the collected lines; nullptr uses the system clock (see setClock).
   explicit QuorvelProxyManager(std::shared_ptr<const platform::Clock> clock = nullptr);
   QuorvelProxyManager(const QuorvelProxyManager&) = delete;
   QuorvelProxyManager& operator=(const QuorvelProxyManager&) = delete;
@@ -49,6 +49,11 @@ class QuorvelProxyManager {
   // Appends one raw line, prefixed with the local time, unless collection is off or the
   // buffer already holds REMOTE_DEBUGGING_REQUEST_MAX_SIZE_KB bytes. Any thread.
   void addEventWithString(const std::string& line);
+  // The same, dated by `clock` (the logger's that mirrors the line).
+  void addEventWithString(const std::string& line,
+                          const std::shared_ptr<const platform::Clock>& clock);
+  // The clock that dates the lines added without one; the system clock until set.
+  void setClock(std::shared_ptr<const platform::Clock> clock);
 
   void startRemoteDebugging();
   void stopRemoteDebugging();
@@ -92,8 +97,8 @@ class QuorvelProxyManager {
  private:
   std::shared_ptr<const platform::Clock> clock() const;
 
+  mutable std::mutex lock_;  // guards events_ and clock_
   std::shared_ptr<const platform::Clock> clock_;
-  mutable std::mutex lock_;  // guards events_
   std::vector<std::string> events_;
   Json proxyRdDict_ = Json::object();  // guarded by lock_
   // Updated without the lock: a race may let the total drift slightly, which is accepted.

@@ -16,9 +16,10 @@
 namespace quorvel {
 std::shared_ptr<QuorvelHTTPClient> QuorvelHTTPClient::create(
     std::shared_ptr<const Platform> platform, QuorvelProxyManager& remoteDebugging,
-    std::shared_ptr<QuorvelRequestCache> cache, std::shared_ptr<ReportLedger> ledger) {
-  auto client = std::make_shared<QuorvelHTTPClient>(std::move(platform), remoteDebugging,
-                                                    std::move(cache), std::move(ledger));
+    std::shared_ptr<const Log> log, std::shared_ptr<QuorvelRequestCache> cache,
+    std::shared_ptr<ReportLedger> ledger) {
+  auto client = std::make_shared<QuorvelHTTPClient>(
+      std::move(platform), remoteDebugging, std::move(log), std::move(cache), std::move(ledger));
   const auto capabilities = client->platform_->device->capabilities();
   // Without a usable background session, fire-and-forget bodies go in a background task.
   if (capabilities.backgroundSessions && capabilities.fireAndForgetInBackgroundSession) {
@@ -29,10 +30,12 @@ std::shared_ptr<QuorvelHTTPClient> QuorvelHTTPClient::create(
 
 QuorvelHTTPClient::QuorvelHTTPClient(std::shared_ptr<const Platform> platform,
                                      QuorvelProxyManager& remoteDebugging,
+                                     std::shared_ptr<const Log> log,
                                      std::shared_ptr<QuorvelRequestCache> cache,
                                      std::shared_ptr<ReportLedger> ledger)
     : platform_(std::move(platform)),
       remoteDebugging_(remoteDebugging),
+      log_(std::move(log)),
       cache_(std::move(cache)),
       ledger_(std::move(ledger)) {}
 
@@ -72,7 +75,7 @@ void QuorvelHTTPClient::sendRequestEventToServer(const QuorvelRequestCacheData& 
   http.method = "POST";
   http.headers = {{"Content-Type", "application/octet-stream"}};
   http.body = request.postData().value_or(Bytes());
-  qvLog(kLogInfo, kMethod, "sending request to server ");
+  log_->log(kLogInfo, kMethod, "sending request to server ");
   // A replay is already safe on disk: it carries the report that started the replay along,
   // but only a fresh request is the report's own, to be kept at exit.
   auto ticket = isRequestFromCache ? ReportLedger::current() : reportOfNewRequest();
@@ -103,7 +106,7 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
   // Set when the process began to exit before this answer and kept the request on disk.
   const auto keptAtExit = ticket && !fromCache ? ticket->answered() : std::nullopt;
   if (error) {
-    qvLog(kLogDebug, kMethod, "Quorvel Connection failed! Error - %@ ",
+    log_->log(kLogDebug, kMethod, "Quorvel Connection failed! Error - %@ ",
           error->localizedDescription);
     if (keptAtExit) {
       return;  // already in the cache
@@ -118,7 +121,7 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
     return;
   }
   // Any HTTP answer counts as delivered, whatever its status.
-  qvLog(kLogDebug, kMethod, "sent information to server, status = %ld",
+  log_->log(kLogDebug, kMethod, "sent information to server, status = %ld",
         response ? response->statusCode : 0L);
   const std::string text = body ? std::string(body->begin(), body->end()) : std::string();
   const Json parsed = parseBoundedJson(text);
@@ -127,7 +130,7 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
     proxy.dropPreLaunchData();
     proxy.stopRemoteDebugging();
   } else {
-    qvLog(kLogDebug, kMethod, "Received JSON response:\n %@", parsed);
+    log_->log(kLogDebug, kMethod, "Received JSON response:\n %@", parsed);
     // An answer that is not an object reads as if "monitor" were absent.
     std::int64_t monitor = 0;
     if (parsed.is_object()) {
@@ -183,7 +186,7 @@ void QuorvelHTTPClient::sendRequestWithConfiguration(const std::string& url,
     }
     task->resume();
   } else {
-    qvTrace("-[QuorvelHTTPClient sendRequestWithConfiguration:data:]", "WARN: bgSession is nil");
+    log_->trace("-[QuorvelHTTPClient sendRequestWithConfiguration:data:]", "WARN: bgSession is nil");
   }
 }
 
@@ -199,31 +202,31 @@ void QuorvelHTTPClient::backgroundCallWithRequest(platform::URLRequest request) 
     if (id != platform::kInvalidBackgroundTask)
       application->endBackgroundTask(id);
   };
-  cell->store(application->beginBackgroundTask([me, cell, endTask] {
-    qvTrace("-[QuorvelHTTPClient backgroundCallWithRequest:]_block_invoke",
+  cell->store(application->beginBackgroundTask([log = log_, me, cell, endTask] {
+    log->trace("-[QuorvelHTTPClient backgroundCallWithRequest:]_block_invoke",
             "%@ background task %lu cut short", me, cell->load());
     endTask();
   }));
   auto session = platform_->urlSessions->sharedSession();
-  platform_->dispatcher->globalQueue()->async([me, cell, endTask, session,
+  platform_->dispatcher->globalQueue()->async([log = log_, me, cell, endTask, session,
                                                request = std::move(request),
                                                ticket = reportOfNewRequest()]() mutable {
     static constexpr const char* kBlock =
         "-[QuorvelHTTPClient backgroundCallWithRequest:]_block_invoke_2";
-    qvTrace(kBlock, "%@ starting background task %lu", me, cell->load());
+    log->trace(kBlock, "%@ starting background task %lu", me, cell->load());
     session
         ->dataTask(std::move(request),
-                   [me, cell, endTask, ticket](const auto&, const auto&, const auto& error) {
+                   [log, me, cell, endTask, ticket](const auto&, const auto&, const auto& error) {
                      static constexpr const char* kDone =
                          "-[QuorvelHTTPClient backgroundCallWithRequest:]_block_invoke_3";
                      if (!error)
-                       qvTrace(kDone, "Response 200 ok.");
-                     qvTrace(kDone, "%@ ending background task %lu", me, cell->load());
+                       log->trace(kDone, "Response 200 ok.");
+                     log->trace(kDone, "%@ ending background task %lu", me, cell->load());
                      endTask();
                    })
         ->resume();
   });
-  qvLog(kLogDebug, kMethod, "%@ dispatched background task %lu", me, cell->load());
+  log_->log(kLogDebug, kMethod, "%@ dispatched background task %lu", me, cell->load());
 }
 
 std::pair<std::string, std::string> QuorvelHTTPClient::signature(const std::string& devKey,
@@ -278,9 +281,9 @@ std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::createHopline(
   body["data"] = parameters.is_object() && QuorvelUtils::isValidJSONObject(parameters)
                      ? parameters
                      : Json::object();
-  qvLog(kLogDebug, kMethod, "CreateHopline ttl: %ld", ttl);
+  log_->log(kLogDebug, kMethod, "CreateHopline ttl: %ld", ttl);
   // The integer conversion for a dictionary is how this line has always read.
-  qvLog(kLogDebug, kMethod, "CreateHopline parameters: %ld", body);
+  log_->log(kLogDebug, kMethod, "CreateHopline parameters: %ld", body);
   const auto [timestamp, authorization] = signature(devKey, platform_->clock->now());
   platform::URLRequest request;
   request.url = url;
@@ -326,18 +329,18 @@ std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::sendValidateRequest
       text("url"), text("appId"), text("quorvelId"), text("appDevKey"), text("sandbox"),
       text("transactionId"), text("advertisingId"), text("JBDevice"));
   const std::string body = request["data"].dump(-1, ' ', false, Json::error_handler_t::replace);
-  QuorvelUtils::logRequestContent(kRequestReceiptValidation, url, body);
+  QuorvelUtils::logRequestContent(kRequestReceiptValidation, url, body, *log_);
   platform::URLRequest http;
   http.url = url;
   http.method = "POST";
   http.headers = {{"Accept", "application/json"}, {"Content-Type", "application/json"}};
   http.body = Bytes(body.begin(), body.end());
-  qvLog(kLogInfo, kMethod, "sending validate request to server ...");
+  log_->log(kLogInfo, kMethod, "sending validate request to server ...");
   auto task = platform_->urlSessions->sharedSession()->dataTask(
-      std::move(http), [complitionBlock, ticket = reportOfNewRequest()](
+      std::move(http), [log = log_, complitionBlock, ticket = reportOfNewRequest()](
                            const auto& answer, const auto&, const auto& error) {
         if (error) {
-          qvLog(kLogDebug, "-[QuorvelHTTPClient sendValidateRequest:complitionBlock:]_block_invoke",
+          log->log(kLogDebug, "-[QuorvelHTTPClient sendValidateRequest:complitionBlock:]_block_invoke",
                 "Quorvel Connection failed! Error - %@", error->localizedDescription);
         }
         if (complitionBlock)
@@ -388,16 +391,16 @@ void QuorvelHTTPClient::didFinishDownloadingToPath(platform::URLSessionTask& tas
   static constexpr const char* kMethod =
       "-[QuorvelHTTPClient URLSession:downloadTask:didFinishDownloadingToURL:]";
   if (remoteDebugging_.isRemoteDebugging() && !task.originalRequest().url.empty()) {
-    qvLog(kLogDebug, kMethod, "Response 200 ok on URL: %@", task.originalRequest().url);
+    log_->log(kLogDebug, kMethod, "Response 200 ok on URL: %@", task.originalRequest().url);
   } else {
-    qvLog(kLogDebug, kMethod, "Response 200 ok.");
+    log_->log(kLogDebug, kMethod, "Response 200 ok.");
   }
 }
 
 void QuorvelHTTPClient::didCompleteWithError(platform::URLSessionTask& task,
                                              const std::optional<Error>& error) {
   if (error) {
-    qvLog(kLogError, "-[QuorvelHTTPClient URLSession:task:didCompleteWithError:]",
+    log_->log(kLogError, "-[QuorvelHTTPClient URLSession:task:didCompleteWithError:]",
           "task %@ completed with error: %@", task.description(), error->localizedDescription);
   }
   ReportLedger::TicketPtr settled;  // let go outside the lock

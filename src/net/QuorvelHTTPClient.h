@@ -17,6 +17,7 @@
 #include <quorvel/Platform.h>
 
 #include "cache/QuorvelRequestCache.h"
+#include "log/Log.h"
 #include "log/QuorvelProxyManager.h"
 #include "net/ReportLedger.h"
 #include "util/PercentEscape.h"
@@ -39,11 +40,12 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
   // `remoteDebugging` is switched by the tracking answers' "monitor" value.
   static std::shared_ptr<QuorvelHTTPClient> create(std::shared_ptr<const Platform> platform,
                                                    QuorvelProxyManager& remoteDebugging,
+                                                   std::shared_ptr<const Log> log,
                                                    std::shared_ptr<QuorvelRequestCache> cache,
                                                    std::shared_ptr<ReportLedger> ledger = nullptr);
 
   QuorvelHTTPClient(std::shared_ptr<const Platform> platform, QuorvelProxyManager& remoteDebugging,
-                    std::shared_ptr<QuorvelRequestCache> cache,
+                    std::shared_ptr<const Log> log, std::shared_ptr<QuorvelRequestCache> cache,
                     std::shared_ptr<ReportLedger> ledger = nullptr);
 
   // A background session on OS 8 and later; none below 8.
@@ -96,6 +98,7 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
 
   std::shared_ptr<const Platform> platform_;
   QuorvelProxyManager& remoteDebugging_;
+  std::shared_ptr<const Log> log_;
   std::shared_ptr<QuorvelRequestCache> cache_;
   std::shared_ptr<ReportLedger> ledger_;
   std::shared_ptr<platform::URLSession> bgSession_;

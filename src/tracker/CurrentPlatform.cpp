@@ -1,6 +1,6 @@
 // The process's platform: the one the host installed, or the POSIX defaults. Only the facade
-// reads it (sharedTracker builds on it); installing one also points the logger at its system
-// log and clock, and at the process's remote-debugging collection.
+// reads it (sharedTracker builds on it); installing one also points the exported logger
+// functions at its system log and clock.
 #include <mutex>
 
 #include <quorvel/Platform.h>
@@ -25,7 +25,7 @@ Registry& registry() {
 
 void connectLogging(const Platform& platform) {
   detail::setLogSink(platform.clock, platform.systemLog);
-  detail::setLogMirror(&QuorvelProxyManager::sharedManager());
+  QuorvelProxyManager::sharedManager().setClock(platform.clock);
 }
 
 }  // namespace

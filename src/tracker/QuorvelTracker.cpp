@@ -14,25 +14,25 @@ namespace quorvel {
 namespace {
 
 template <typename R, typename F>
-R guarded(const char* method, R fallback, F&& call) noexcept {
+R guarded(const TrackerCore& core, const char* method, R fallback, F&& call) noexcept {
   try {
     return std::forward<F>(call)();
   } catch (const std::exception& e) {
-    qvLog(kLogError, method, "failed: %@", std::string(e.what()));
+    core.logger().log(kLogError, method, "failed: %@", std::string(e.what()));
   } catch (...) {
-    qvLog(kLogError, method, "failed");
+    core.logger().log(kLogError, method, "failed");
   }
   return fallback;
 }
 
 template <typename F>
-void guarded(const char* method, F&& call) noexcept {
+void guarded(const TrackerCore& core, const char* method, F&& call) noexcept {
   try {
     std::forward<F>(call)();
   } catch (const std::exception& e) {
-    qvLog(kLogError, method, "failed: %@", std::string(e.what()));
+    core.logger().log(kLogError, method, "failed: %@", std::string(e.what()));
   } catch (...) {
-    qvLog(kLogError, method, "failed");
+    core.logger().log(kLogError, method, "failed");
   }
 }
 
@@ -44,63 +44,71 @@ TrackerCore& coreOf(QuorvelTracker& tracker) noexcept {
 
 QuorvelTracker& QuorvelTracker::sharedTracker() noexcept {
   static QuorvelTracker& shared = []() -> QuorvelTracker& {
-    // Its request cache is its own and replays through it.
-    static NoDestructor<QuorvelTracker> tracker(currentPlatform());
+    // Its request cache is its own and replays through it. Its logger is the process's: the
+    // exported switches drive it.
+    // (`new`: the constructor that takes the switches is private.)
+    static NoDestructor<std::unique_ptr<QuorvelTracker>> tracker(
+        std::unique_ptr<QuorvelTracker>(new QuorvelTracker(currentPlatform(), LogSwitches::process())));
     // The shared session first, so that its own exit handlers are registered before this
     // one and therefore run after it: the exit flush still has a working network.
-    if (const auto& sessions = tracker.get().core_->platform().urlSessions)
+    if (const auto& sessions = tracker.get()->core_->platform().urlSessions)
       sessions->sharedSession();
     std::atexit([] { sharedTracker().flushAtExit(); });
-    return tracker.get();
+    return *tracker.get();
   }();
   return shared;
 }
 
 namespace {
-// The process's remote-debugging collection, which the logger mirrors into from the first
-// tracker on, whether or not a platform was installed.
-QuorvelProxyManager& remoteDebugging() {
+// The process's remote-debugging collection, which every tracker's logger mirrors into; it
+// dates its own lines by the clock of the latest tracker's platform.
+QuorvelProxyManager& remoteDebugging(const Platform& platform) {
   auto& manager = QuorvelProxyManager::sharedManager();
-  detail::setLogMirror(&manager);
+  manager.setClock(platform.clock);
   return manager;
 }
 }  // namespace
 
 QuorvelTracker::QuorvelTracker(std::shared_ptr<const Platform> platform)
-    : core_(std::make_shared<TrackerCore>(std::move(platform), remoteDebugging())) {}
+    : QuorvelTracker(std::move(platform), std::make_shared<LogSwitches>()) {}
+
+QuorvelTracker::QuorvelTracker(std::shared_ptr<const Platform> platform,
+                               std::shared_ptr<LogSwitches> logSwitches)
+    : core_(std::make_shared<TrackerCore>(platform, remoteDebugging(*platform), nullptr,
+                                          std::move(logSwitches))) {}
 
 QuorvelTracker::~QuorvelTracker() = default;
 
 // --- Configuration ------------------------------------------------------------------------
 
 std::optional<std::string> QuorvelTracker::quorvelDevKey() const noexcept {
-  return guarded("-[QuorvelTracker quorvelDevKey]", std::optional<std::string>(),
+  return guarded(*core_, "-[QuorvelTracker quorvelDevKey]", std::optional<std::string>(),
                  [&] { return core_->quorvelDevKey(); });
 }
 void QuorvelTracker::setQuorvelDevKey(std::optional<std::string> key) noexcept {
-  guarded("-[QuorvelTracker setQuorvelDevKey:]", [&] { core_->setQuorvelDevKey(std::move(key)); });
+  guarded(*core_, "-[QuorvelTracker setQuorvelDevKey:]", [&] { core_->setQuorvelDevKey(std::move(key)); });
 }
 std::optional<std::string> QuorvelTracker::appleAppID() const noexcept {
-  return guarded("-[QuorvelTracker appleAppID]", std::optional<std::string>(),
+  return guarded(*core_, "-[QuorvelTracker appleAppID]", std::optional<std::string>(),
                  [&] { return core_->appleAppID(); });
 }
 void QuorvelTracker::setAppleAppID(std::optional<std::string> appID) noexcept {
-  guarded("-[QuorvelTracker setAppleAppID:]", [&] { core_->setAppleAppID(std::move(appID)); });
+  guarded(*core_, "-[QuorvelTracker setAppleAppID:]", [&] { core_->setAppleAppID(std::move(appID)); });
 }
 std::optional<std::string> QuorvelTracker::customerUserID() const noexcept {
-  return guarded("-[QuorvelTracker customerUserID]", std::optional<std::string>(),
+  return guarded(*core_, "-[QuorvelTracker customerUserID]", std::optional<std::string>(),
                  [&] { return core_->customerUserID(); });
 }
 void QuorvelTracker::setCustomerUserID(std::optional<std::string> customerUserID) noexcept {
-  guarded("-[QuorvelTracker setCustomerUserID:]",
+  guarded(*core_, "-[QuorvelTracker setCustomerUserID:]",
           [&] { core_->setCustomerUserID(std::move(customerUserID)); });
 }
 std::optional<Json> QuorvelTracker::customData() const noexcept {
-  return guarded("-[QuorvelTracker customData]", std::optional<Json>(),
+  return guarded(*core_, "-[QuorvelTracker customData]", std::optional<Json>(),
                  [&] { return core_->customData(); });
 }
 void QuorvelTracker::setAdditionalData(std::optional<Json> customData) noexcept {
-  guarded("-[QuorvelTracker setAdditionalData:]",
+  guarded(*core_, "-[QuorvelTracker setAdditionalData:]",
           [&] { core_->setAdditionalData(std::move(customData)); });
 }
 void QuorvelTracker::setUserEmails(const std::vector<std::string>& emails,
@@ -108,134 +116,134 @@ void QuorvelTracker::setUserEmails(const std::vector<std::string>& emails,
   setUserEmails(emails, static_cast<int>(type));
 }
 void QuorvelTracker::setUserEmails(const std::vector<std::string>& emails, int cryptType) noexcept {
-  guarded("-[QuorvelTracker setUserEmails:withCryptType:]",
+  guarded(*core_, "-[QuorvelTracker setUserEmails:withCryptType:]",
           [&] { core_->setUserEmails(emails, cryptType); });
 }
 void QuorvelTracker::setUserEmails(const Json& emails, int cryptType) noexcept {
-  guarded("-[QuorvelTracker setUserEmails:withCryptType:]",
+  guarded(*core_, "-[QuorvelTracker setUserEmails:withCryptType:]",
           [&] { core_->setUserEmails(emails, cryptType); });
 }
 std::optional<std::string> QuorvelTracker::currencyCode() const noexcept {
-  return guarded("-[QuorvelTracker currencyCode]", std::optional<std::string>(),
+  return guarded(*core_, "-[QuorvelTracker currencyCode]", std::optional<std::string>(),
                  [&] { return core_->currencyCode(); });
 }
 void QuorvelTracker::setCurrencyCode(std::optional<std::string> code) noexcept {
-  guarded("-[QuorvelTracker setCurrencyCode:]", [&] { core_->setCurrencyCode(std::move(code)); });
+  guarded(*core_, "-[QuorvelTracker setCurrencyCode:]", [&] { core_->setCurrencyCode(std::move(code)); });
 }
 bool QuorvelTracker::isDebug() const noexcept {
   return core_->isDebug();
 }
 void QuorvelTracker::setIsDebug(bool isDebug) noexcept {
-  guarded("-[QuorvelTracker setIsDebug:]", [&] { core_->setIsDebug(isDebug); });
+  guarded(*core_, "-[QuorvelTracker setIsDebug:]", [&] { core_->setIsDebug(isDebug); });
 }
 void QuorvelTracker::setIsTrace(bool isTrace) noexcept {
-  guarded("-[QuorvelTracker setIsTrace:]", [&] { core_->setIsTrace(isTrace); });
+  guarded(*core_, "-[QuorvelTracker setIsTrace:]", [&] { core_->setIsTrace(isTrace); });
 }
 bool QuorvelTracker::shouldCollectDeviceName() const noexcept {
   return core_->shouldCollectDeviceName();
 }
 void QuorvelTracker::setShouldCollectDeviceName(bool flag) noexcept {
-  guarded("-[QuorvelTracker setShouldCollectDeviceName:]",
+  guarded(*core_, "-[QuorvelTracker setShouldCollectDeviceName:]",
           [&] { core_->setShouldCollectDeviceName(flag); });
 }
 bool QuorvelTracker::disableAppleAdSupportTracking() const noexcept {
   return core_->disableAppleAdSupportTracking();
 }
 void QuorvelTracker::setDisableAppleAdSupportTracking(bool flag) noexcept {
-  guarded("-[QuorvelTracker setDisableAppleAdSupportTracking:]",
+  guarded(*core_, "-[QuorvelTracker setDisableAppleAdSupportTracking:]",
           [&] { core_->setDisableAppleAdSupportTracking(flag); });
 }
 bool QuorvelTracker::deviceTrackingDisabled() const noexcept {
   return core_->deviceTrackingDisabled();
 }
 void QuorvelTracker::setDeviceTrackingDisabled(bool flag) noexcept {
-  guarded("-[QuorvelTracker setDeviceTrackingDisabled:]",
+  guarded(*core_, "-[QuorvelTracker setDeviceTrackingDisabled:]",
           [&] { core_->setDeviceTrackingDisabled(flag); });
 }
 bool QuorvelTracker::disableIAdTracking() const noexcept {
   return core_->disableIAdTracking();
 }
 void QuorvelTracker::setDisableIAdTracking(bool flag) noexcept {
-  guarded("-[QuorvelTracker setDisableIAdTracking:]", [&] { core_->setDisableIAdTracking(flag); });
+  guarded(*core_, "-[QuorvelTracker setDisableIAdTracking:]", [&] { core_->setDisableIAdTracking(flag); });
 }
 bool QuorvelTracker::useReceiptValidationSandbox() const noexcept {
   return core_->useReceiptValidationSandbox();
 }
 void QuorvelTracker::setUseReceiptValidationSandbox(bool flag) noexcept {
-  guarded("-[QuorvelTracker setUseReceiptValidationSandbox:]",
+  guarded(*core_, "-[QuorvelTracker setUseReceiptValidationSandbox:]",
           [&] { core_->setUseReceiptValidationSandbox(flag); });
 }
 bool QuorvelTracker::useUninstallSandbox() const noexcept {
   return core_->useUninstallSandbox();
 }
 void QuorvelTracker::setUseUninstallSandbox(bool flag) noexcept {
-  guarded("-[QuorvelTracker setUseUninstallSandbox:]",
+  guarded(*core_, "-[QuorvelTracker setUseUninstallSandbox:]",
           [&] { core_->setUseUninstallSandbox(flag); });
 }
 std::optional<std::string> QuorvelTracker::appInviteHoplineID() const noexcept {
-  return guarded("-[QuorvelTracker appInviteHoplineID]", std::optional<std::string>(),
+  return guarded(*core_, "-[QuorvelTracker appInviteHoplineID]", std::optional<std::string>(),
                  [&] { return core_->appInviteHoplineID(); });
 }
 void QuorvelTracker::setAppInviteHopline(std::optional<std::string> hoplineID) noexcept {
-  guarded("-[QuorvelTracker setAppInviteHopline:]",
+  guarded(*core_, "-[QuorvelTracker setAppInviteHopline:]",
           [&] { core_->setAppInviteHopline(std::move(hoplineID)); });
 }
 std::string QuorvelTracker::advertiserId() const noexcept {
-  return guarded("-[QuorvelTracker advertiserId]", std::string(),
+  return guarded(*core_, "-[QuorvelTracker advertiserId]", std::string(),
                  [&] { return core_->advertiserId(); });
 }
 void QuorvelTracker::setAdvertiserId(std::string advertiserId) noexcept {
-  guarded("-[QuorvelTracker setAdvertiserId:]",
+  guarded(*core_, "-[QuorvelTracker setAdvertiserId:]",
           [&] { core_->setAdvertiserId(std::move(advertiserId)); });
 }
 std::string QuorvelTracker::host() const noexcept {
-  return guarded("-[QuorvelTracker host]", std::string(kQuorvelDefaultHost),
+  return guarded(*core_, "-[QuorvelTracker host]", std::string(kQuorvelDefaultHost),
                  [&] { return core_->host(); });
 }
 void QuorvelTracker::setHost(std::optional<std::string> host) noexcept {
-  guarded("-[QuorvelTracker setHost:]", [&] { core_->setHost(std::move(host)); });
+  guarded(*core_, "-[QuorvelTracker setHost:]", [&] { core_->setHost(std::move(host)); });
 }
 std::uint64_t QuorvelTracker::minTimeBetweenSessions() const noexcept {
   return core_->minTimeBetweenSessions();
 }
 void QuorvelTracker::setMinTimeBetweenSessions(std::uint64_t seconds) noexcept {
-  guarded("-[QuorvelTracker setMinTimeBetweenSessions:]",
+  guarded(*core_, "-[QuorvelTracker setMinTimeBetweenSessions:]",
           [&] { core_->setMinTimeBetweenSessions(seconds); });
 }
 std::optional<std::chrono::system_clock::time_point> QuorvelTracker::lastLaunchTime()
     const noexcept {
-  return guarded("-[QuorvelTracker lastLaunchTime]",
+  return guarded(*core_, "-[QuorvelTracker lastLaunchTime]",
                  std::optional<std::chrono::system_clock::time_point>(),
                  [&] { return core_->lastLaunchTime(); });
 }
 std::shared_ptr<QuorvelTrackerDelegate> QuorvelTracker::delegate() const noexcept {
-  return guarded("-[QuorvelTracker delegate]", std::shared_ptr<QuorvelTrackerDelegate>(),
+  return guarded(*core_, "-[QuorvelTracker delegate]", std::shared_ptr<QuorvelTrackerDelegate>(),
                  [&] { return core_->delegate(); });
 }
 void QuorvelTracker::setDelegate(std::weak_ptr<QuorvelTrackerDelegate> delegate) noexcept {
-  guarded("-[QuorvelTracker setDelegate:]", [&] { core_->setDelegate(std::move(delegate)); });
+  guarded(*core_, "-[QuorvelTracker setDelegate:]", [&] { core_->setDelegate(std::move(delegate)); });
 }
 
 // --- Information --------------------------------------------------------------------------
 
 std::string QuorvelTracker::getSDKVersion() const noexcept {
-  return guarded("-[QuorvelTracker getSDKVersion]", std::string(),
+  return guarded(*core_, "-[QuorvelTracker getSDKVersion]", std::string(),
                  [&] { return core_->getSDKVersion(); });
 }
 std::string QuorvelTracker::getQuorvelUID() noexcept {
-  return guarded("-[QuorvelTracker getQuorvelUID]", std::string(),
+  return guarded(*core_, "-[QuorvelTracker getQuorvelUID]", std::string(),
                  [&] { return core_->getQuorvelUID(); });
 }
 Json QuorvelTracker::getValueFromBundle(const std::string& key) const noexcept {
-  return guarded("-[QuorvelTracker getValueFromBundle:]", Json(""),
+  return guarded(*core_, "-[QuorvelTracker getValueFromBundle:]", Json(""),
                  [&] { return core_->getValueFromBundle(key); });
 }
 std::string QuorvelTracker::platfromDevName() const noexcept {
-  return guarded("-[QuorvelTracker platfromDevName]", std::string(),
+  return guarded(*core_, "-[QuorvelTracker platfromDevName]", std::string(),
                  [&] { return core_->platfromDevName(); });
 }
 bool QuorvelTracker::isWifiAvailable() const noexcept {
-  return guarded("-[QuorvelTracker isWifiAvailable]", false,
+  return guarded(*core_, "-[QuorvelTracker isWifiAvailable]", false,
                  [&] { return core_->isWifiAvailable(); });
 }
 const Platform& QuorvelTracker::platform() const noexcept {
@@ -245,11 +253,11 @@ const Platform& QuorvelTracker::platform() const noexcept {
 // --- Launches and events ------------------------------------------------------------------
 
 void QuorvelTracker::trackAppLaunch() noexcept {
-  guarded("-[QuorvelTracker trackAppLaunch]", [&] { core_->trackAppLaunch(); });
+  guarded(*core_, "-[QuorvelTracker trackAppLaunch]", [&] { core_->trackAppLaunch(); });
 }
 void QuorvelTracker::trackEvent(const std::string& eventName,
                                 const std::optional<std::string>& value) noexcept {
-  guarded("-[QuorvelTracker trackEvent:withValue:]", [&] { core_->trackEvent(eventName, value); });
+  guarded(*core_, "-[QuorvelTracker trackEvent:withValue:]", [&] { core_->trackEvent(eventName, value); });
 }
 void QuorvelTracker::trackEventWithValue(const std::string& eventName,
                                          const std::optional<std::string>& value) noexcept {
@@ -257,11 +265,11 @@ void QuorvelTracker::trackEventWithValue(const std::string& eventName,
 }
 void QuorvelTracker::trackEventWithValues(const std::string& eventName,
                                           const std::optional<Json>& values) noexcept {
-  guarded("-[QuorvelTracker trackEvent:withValues:]",
+  guarded(*core_, "-[QuorvelTracker trackEvent:withValues:]",
           [&] { core_->trackEventWithValues(eventName, values); });
 }
 void QuorvelTracker::trackLocation(double longitude, double latitude) noexcept {
-  guarded("-[QuorvelTracker trackLocation:latitude:]",
+  guarded(*core_, "-[QuorvelTracker trackLocation:latitude:]",
           [&] { core_->trackLocation(longitude, latitude); });
 }
 
@@ -274,7 +282,7 @@ std::chrono::milliseconds QuorvelTracker::exitFlushTimeout() const noexcept {
   return core_->exitFlushTimeout();
 }
 void QuorvelTracker::setExitFlushTimeout(std::chrono::milliseconds timeout) noexcept {
-  guarded("-[QuorvelTracker setExitFlushTimeout:]", [&] { core_->setExitFlushTimeout(timeout); });
+  guarded(*core_, "-[QuorvelTracker setExitFlushTimeout:]", [&] { core_->setExitFlushTimeout(timeout); });
 }
 bool QuorvelTracker::flushAtExit() noexcept {
   return core_->flushAtExit();
@@ -285,30 +293,30 @@ bool QuorvelTracker::flushAtExit() noexcept {
 void QuorvelTracker::handleOpenURL(const std::string& url,
                                    const std::optional<std::string>& sourceApplication,
                                    const std::optional<Json>& withAnnotation) noexcept {
-  guarded("-[QuorvelTracker handleOpenURL:sourceApplication:withAnnotation:]",
+  guarded(*core_, "-[QuorvelTracker handleOpenURL:sourceApplication:withAnnotation:]",
           [&] { core_->handleOpenURL(url, sourceApplication, withAnnotation); });
 }
 void QuorvelTracker::handleOpenURL(const std::string& url,
                                    const std::optional<std::string>& sourceApplication) noexcept {
-  guarded("-[QuorvelTracker handleOpenURL:sourceApplication:]",
+  guarded(*core_, "-[QuorvelTracker handleOpenURL:sourceApplication:]",
           [&] { core_->handleOpenURL(url, sourceApplication); });
 }
 void QuorvelTracker::handleOpenUrl(const std::string& url,
                                    const std::optional<QuorvelOpenURLOptions>& options) noexcept {
-  guarded("-[QuorvelTracker handleOpenUrl:options:]", [&] { core_->handleOpenUrl(url, options); });
+  guarded(*core_, "-[QuorvelTracker handleOpenUrl:options:]", [&] { core_->handleOpenUrl(url, options); });
 }
 bool QuorvelTracker::continueUserActivity(
     const QuorvelUserActivity& userActivity,
     const std::function<void(const Json&)>& restorationHandler) noexcept {
-  return guarded("-[QuorvelTracker continueUserActivity:restorationHandler:]", true,
+  return guarded(*core_, "-[QuorvelTracker continueUserActivity:restorationHandler:]", true,
                  [&] { return core_->continueUserActivity(userActivity, restorationHandler); });
 }
 void QuorvelTracker::didUpdateUserActivity(const QuorvelUserActivity& userActivity) noexcept {
-  guarded("-[QuorvelTracker didUpdateUserActivity:]",
+  guarded(*core_, "-[QuorvelTracker didUpdateUserActivity:]",
           [&] { core_->didUpdateUserActivity(userActivity); });
 }
 void QuorvelTracker::handlePushNotification(const Json& pushPayload) noexcept {
-  guarded("-[QuorvelTracker handlePushNotification:]",
+  guarded(*core_, "-[QuorvelTracker handlePushNotification:]",
           [&] { core_->handlePushNotification(pushPayload); });
 }
 
@@ -316,25 +324,25 @@ void QuorvelTracker::handlePushNotification(const Json& pushPayload) noexcept {
 
 void QuorvelTracker::loadConversionDataWithDelegate(
     std::weak_ptr<QuorvelTrackerDelegate> delegate) noexcept {
-  guarded("-[QuorvelTracker loadConversionDataWithDelegate:]",
+  guarded(*core_, "-[QuorvelTracker loadConversionDataWithDelegate:]",
           [&] { core_->loadConversionDataWithDelegate(std::move(delegate)); });
 }
 void QuorvelTracker::getConversionData() noexcept {
-  guarded("-[QuorvelTracker getConversionData]", [&] { core_->getConversionData(); });
+  guarded(*core_, "-[QuorvelTracker getConversionData]", [&] { core_->getConversionData(); });
 }
 void QuorvelTracker::validateAndTrackInAppPurchase(
     const std::optional<std::string>& productIdentifier, const std::optional<std::string>& price,
     const std::optional<std::string>& currency, const std::optional<std::string>& transactionId,
     const std::optional<Json>& additionalParameters, QuorvelPurchaseSuccess success,
     QuorvelPurchaseFailure failure) noexcept {
-  guarded("-[QuorvelTracker validateAndTrackInAppPurchase:]", [&] {
+  guarded(*core_, "-[QuorvelTracker validateAndTrackInAppPurchase:]", [&] {
     core_->validateAndTrackInAppPurchase(productIdentifier, price, currency, transactionId,
                                          additionalParameters, std::move(success),
                                          std::move(failure));
   });
 }
 void QuorvelTracker::registerUninstall(const Bytes& deviceToken) noexcept {
-  guarded("-[QuorvelTracker registerUninstall:]", [&] { core_->registerUninstall(deviceToken); });
+  guarded(*core_, "-[QuorvelTracker registerUninstall:]", [&] { core_->registerUninstall(deviceToken); });
 }
 
 }  // namespace quorvel

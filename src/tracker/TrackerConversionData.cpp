@@ -50,8 +50,8 @@ void TrackerCore::getConversionData() {
   if (cached) {
     std::weak_ptr<QuorvelTrackerDelegate> weak = d;
     p.dispatcher->mainQueue()->asyncAfter(
-        std::chrono::milliseconds(1), carryReport(ReportLedger::current(), [weak, data = *cached] {
-          qvLog(kLogDebug, "-[QuorvelTracker getConversionData]_block_invoke",
+        std::chrono::milliseconds(1), carryReport(ReportLedger::current(), [weak, log = log_, data = *cached] {
+          log->log(kLogDebug, "-[QuorvelTracker getConversionData]_block_invoke",
                 "conversion data description:\n %@", data);
           if (const auto current = weak.lock(); current && current->onConversionDataReceived) {
             current->onConversionDataReceived(data);
@@ -66,7 +66,7 @@ void TrackerCore::getConversionData() {
       return;
     const std::string url = format("https://sdk.%@/install_data/v3/id%@?devkey=%@&device_id=%@",
                                    host(), appleAppID(), quorvelDevKey(), getQuorvelUID());
-    qvLog(kLogDebug, kGet, "calling URL (conversion data): %@", url);
+    log_->log(kLogDebug, kGet, "calling URL (conversion data): %@", url);
     platform::URLRequest request;
     request.url = url;
     auto self = self_;
@@ -109,7 +109,7 @@ void TrackerCore::handleConversionDataAnswer(const std::optional<Bytes>& body,
   }
   if (!d || !d->onConversionDataReceived || !response)
     return;
-  qvLog(kLogDebug, kAnswer, "Conversion data response code: %ld", response->statusCode);
+  log_->log(kLogDebug, kAnswer, "Conversion data response code: %ld", response->statusCode);
   const long status = response->statusCode;
   if (status != 200) {
     // Counted only for delegates that listen for failures; 5xx answers are never counted.
@@ -149,13 +149,13 @@ void TrackerCore::handleConversionDataAnswer(const std::optional<Bytes>& body,
     }
     prefs.setObject(keys::kConversionData, parsed);
     prefs.synchronize();
-    qvLog(kLogDebug, kAnswer, "Caching conversion data ...");
-    qvLog(kLogDebug, kAnswer, "conversion data description:\n %@", parsed);
+    log_->log(kLogDebug, kAnswer, "Caching conversion data ...");
+    log_->log(kLogDebug, kAnswer, "conversion data description:\n %@", parsed);
     d->onConversionDataReceived(parsed);
     return;
   }
   if (listensForFailures(d)) {
-    qvLog(kLogWarning, kAnswer, "%lu", text.size());
+    log_->log(kLogWarning, kAnswer, "%lu", text.size());
     d->onConversionDataRequestFailure(
         text.empty() ? Error{kErrorDomain, 1, "Quorvel Empty response from server."} : *failure);
   }

@@ -32,13 +32,17 @@ std::optional<std::string> stringEntry(const Json& dictionary, const char* key) 
 
 TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
                          QuorvelProxyManager& remoteDebugging,
-                         std::shared_ptr<QuorvelRequestCache> cache)
+                         std::shared_ptr<QuorvelRequestCache> cache,
+                         std::shared_ptr<LogSwitches> logSwitches)
     : platform_(std::move(platform)),
       remoteDebugging_(remoteDebugging),
+      log_(std::make_shared<const Log>(
+          logSwitches ? std::move(logSwitches) : std::make_shared<LogSwitches>(), platform_->clock,
+          platform_->systemLog, &remoteDebugging_)),
       ledger_(std::make_shared<ReportLedger>()),
       self_(std::make_shared<TrackerLifetime>(this)) {
   if (!cache) {
-    cache = std::make_shared<QuorvelRequestCache>(platform_,
+    cache = std::make_shared<QuorvelRequestCache>(platform_, log_,
                                                   [self = self_](const QuorvelRequestCacheData& r) {
                                                     if (const auto tracker = self->pin())
                                                       tracker->sendRequestFromCache(r);
@@ -46,15 +50,15 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
   }
   requestCache_ = std::move(cache);
   host_ = kQuorvelDefaultHost;
-  QVSetSessionStartDate(platform_->clock->now());
+  log_->switches().setSessionStart(platform_->clock->now());
   minTimeBetweenSessions_ = 5;
   customerUserID_.reset();
   customData_.reset();
   shouldCollectDeviceName_ = true;
   platfromDevName_ = QuorvelUtils::develomentPlatformName(*platform_->classRegistry);
   advertiserId_ = "";
-  httpClient_ = QuorvelHTTPClient::create(platform_, remoteDebugging_, requestCache_, ledger_);
-  iAdClient_ = std::make_shared<const QVSDKiAdClient>(platform_);
+  httpClient_ = QuorvelHTTPClient::create(platform_, remoteDebugging_, log_, requestCache_, ledger_);
+  iAdClient_ = std::make_shared<const QVSDKiAdClient>(platform_, log_);
   mBackgroundQueue_ = platform_->dispatcher->makeSerialQueue(kSerialQueueLabel);
   // Written through the system log itself, so that it shows even with debugging off.
   platform_->systemLog->write(format("Quorvel SDK version %@ started build (%@)",
@@ -105,7 +109,7 @@ void TrackerCore::setQuorvelDevKey(std::optional<std::string> key) {
   key = hostText(key);
   write(quorvelDevKey_, key);
   // Key derivation is deferred to each encryption; making the cipher only draws the IV.
-  auto cipher = std::make_shared<const QuorvelAES128Crypto>(std::move(key), platform_->random);
+  auto cipher = std::make_shared<const QuorvelAES128Crypto>(std::move(key), platform_->random, log_);
   write(crypto_, std::move(cipher));
 }
 
@@ -125,7 +129,7 @@ std::optional<std::string> TrackerCore::customerUserID() const {
 }
 
 void TrackerCore::setCustomerUserID(std::optional<std::string> customerUserID) {
-  qvLog(kLogDebug, "-[QuorvelTracker setCustomerUserID:]", "SetCustomerId = %@", customerUserID);
+  log_->log(kLogDebug, "-[QuorvelTracker setCustomerUserID:]", "SetCustomerId = %@", customerUserID);
   write(customerUserID_, hostText(customerUserID));
 }
 
@@ -138,7 +142,7 @@ void TrackerCore::setAdditionalData(std::optional<Json> customData) {
   std::lock_guard lock(monitor_);
   if (!customData || customData->is_null())
     return;
-  qvLog(kLogDebug, "-[QuorvelTracker setAdditionalData:]", "setCustomData = %@", *customData);
+  log_->log(kLogDebug, "-[QuorvelTracker setAdditionalData:]", "setCustomData = %@", *customData);
   customData_ = hostJson(customData);
 }
 
@@ -171,16 +175,16 @@ bool TrackerCore::isDebug() const {
 
 void TrackerCore::setIsDebug(bool isDebug) {
   isDebug_ = isDebug;
-  QVSetShowDebugLogs(isDebug);
+  log_->switches().setDebug(isDebug);
   if (isDebug) {
-    qvLog(kLogDebug, "-[QuorvelTracker setIsDebug:]",
+    log_->log(kLogDebug, "-[QuorvelTracker setIsDebug:]",
           "* * * Quorvel is set to debug mode. This should only be used in development "
           "enviornment!!!! * * *");
   }
 }
 
 void TrackerCore::setIsTrace(bool isTrace) {
-  QVSetShowDebugLogsTrace(isTrace);
+  log_->switches().setTrace(isTrace);
 }
 
 bool TrackerCore::shouldCollectDeviceName() const {
@@ -188,7 +192,7 @@ bool TrackerCore::shouldCollectDeviceName() const {
 }
 
 void TrackerCore::setShouldCollectDeviceName(bool flag) {
-  qvLog(kLogDebug, "-[QuorvelTracker setShouldCollectDeviceName:]",
+  log_->log(kLogDebug, "-[QuorvelTracker setShouldCollectDeviceName:]",
         "setShouldCollectDeviceName is called with flag: %@", flag ? "YES" : "NO");
   shouldCollectDeviceName_ = flag;
 }
@@ -219,7 +223,7 @@ bool TrackerCore::useReceiptValidationSandbox() const {
 void TrackerCore::setUseReceiptValidationSandbox(bool flag) {
   useReceiptValidationSandbox_ = flag;
   // Written whatever the value, also when the sandbox is switched off.
-  qvLog(kLogDebug, "-[QuorvelTracker setUseReceiptValidationSandbox:]",
+  log_->log(kLogDebug, "-[QuorvelTracker setUseReceiptValidationSandbox:]",
         "* * * Quorvel is set to verify in app purchases on Apple sandbox. This should only be "
         "used in development enviornment!!!! * * *");
 }
@@ -308,12 +312,12 @@ void TrackerCore::handleDidFinishLaunch(const platform::Notification& notificati
   auto source = stringEntry(notification.userInfo, platform::kLaunchOptionsSourceApplicationKey);
   write(sourceApplication_, source);
   if (source) {
-    qvLog(kLogDebug, kMethod, "didFinishLaunchingWithOptions. Source application: %@", *source);
+    log_->log(kLogDebug, kMethod, "didFinishLaunchingWithOptions. Source application: %@", *source);
   }
   auto url = stringEntry(notification.userInfo, platform::kLaunchOptionsURLKey);
   write(deeplink_, url);
   if (url) {
-    qvLog(kLogDebug, kMethod, "didFinishLaunchingWithOptions. Deeplink URL: %@", *url);
+    log_->log(kLogDebug, kMethod, "didFinishLaunchingWithOptions. Deeplink URL: %@", *url);
   }
 }
 
@@ -328,7 +332,7 @@ void TrackerCore::remoteDebuggingCallWithData(const std::string& data) {
                appleAppID(), deviceTrackingDisabled() ? "true" : "false");
     httpClient_->sendRequestWithConfiguration(url, data);
   } catch (const std::exception& e) {
-    qvLog(kLogError, "-[QuorvelTracker remoteDebuggingCallWithData:]",
+    log_->log(kLogError, "-[QuorvelTracker remoteDebuggingCallWithData:]",
           "could not send remoteDebuggingCallWithData(%@): %@", data, e.what());
   }
 }
@@ -349,12 +353,12 @@ void TrackerCore::sendRemoteDebuggingData() {
 }
 
 void TrackerCore::onConversionDataReceived(const Json& installData) {
-  qvLog(kLogDebug, "-[QuorvelTracker onConversionDataReceived:]", "Caching attribution. %@",
+  log_->log(kLogDebug, "-[QuorvelTracker onConversionDataReceived:]", "Caching attribution. %@",
         installData);
 }
 
 void TrackerCore::onConversionDataRequestFailure(const Error& error) {
-  qvLog(kLogWarning, "-[QuorvelTracker onConversionDataRequestFailure:]",
+  log_->log(kLogWarning, "-[QuorvelTracker onConversionDataRequestFailure:]",
         "did not load install data: %@", error);
 }
 

@@ -22,6 +22,8 @@
 namespace quorvel {
 
 class QuorvelAES128Crypto;
+class Log;
+class LogSwitches;
 class QuorvelProxyManager;
 class QuorvelKeychainWrapper;
 class QVDateFormatter;
@@ -42,8 +44,10 @@ class TrackerCore {
   // The tracker and what it is made of: its cache (nullptr: one of its own in the platform's
   // caches directory, replaying through this tracker), HTTP client, ledger, keychain and
   // Search Ads client. `remoteDebugging` is the log collection the service may switch on.
+  // `logSwitches`: the switches of the tracker's logger; its own (all off) when nullptr.
   TrackerCore(std::shared_ptr<const Platform> platform, QuorvelProxyManager& remoteDebugging,
-              std::shared_ptr<QuorvelRequestCache> cache = nullptr);
+              std::shared_ptr<QuorvelRequestCache> cache = nullptr,
+              std::shared_ptr<LogSwitches> logSwitches = nullptr);
   ~TrackerCore();
   TrackerCore(const TrackerCore&) = delete;
   TrackerCore& operator=(const TrackerCore&) = delete;
@@ -276,6 +280,9 @@ class TrackerCore {
   std::shared_ptr<QuorvelKeychainWrapper> keychain();
   std::shared_ptr<const QVSDKiAdClient> iAdClient() const { return iAdClient_; }
   const Platform& platform() const { return *platform_; }
+  // The tracker's logger, which its collaborators were given.
+  const Log& logger() const { return *log_; }
+  std::shared_ptr<const Log> log() const { return log_; }
   std::shared_ptr<const QuorvelAES128Crypto> crypto() const;
   std::shared_ptr<platform::DispatchQueue> backgroundQueue() const { return mBackgroundQueue_; }
   std::optional<std::string> deeplink() const;
@@ -310,6 +317,7 @@ class TrackerCore {
 
   std::shared_ptr<const Platform> platform_;
   QuorvelProxyManager& remoteDebugging_;
+  std::shared_ptr<const Log> log_;
 
   // Plain switches: single words, read and written without a lock.
   std::atomic<bool> isDebug_{false};

@@ -17,20 +17,20 @@ int clampToInt(std::int64_t v) {
 int TrackerCore::getCounter(bool increase) {
   static constexpr const char* kMethod = "-[QuorvelTracker getCounter:]";
   auto& prefs = *platform_->preferences;
-  qvLog(kLogDebug, kMethod, "increase=%d", increase ? 1 : 0);
+  log_->log(kLogDebug, kMethod, "increase=%d", increase ? 1 : 0);
   int value = 0;
   if (prefs.objectForKey(keys::kCounter)) {
     value = clampToInt(prefs.integerForKey(keys::kCounter));
-    qvLog(kLogDebug, kMethod, "launch number %d", value);
+    log_->log(kLogDebug, kMethod, "launch number %d", value);
   } else {
-    qvLog(kLogDebug, kMethod, "1st launch");
+    log_->log(kLogDebug, kMethod, "1st launch");
   }
   if (increase) {
     value = value == INT32_MAX ? value : value + 1;
     prefs.setInteger(keys::kCounter, value);
     // Durable before the launch request leaves: the dispatch writes it then.
     persistPreferencesSoon();
-    qvLog(kLogDebug, kMethod, "save counter %d", value);
+    log_->log(kLogDebug, kMethod, "save counter %d", value);
   }
   return value;
 }
@@ -41,9 +41,9 @@ int TrackerCore::getInAppCounter(bool increase) {
   int value = 0;
   if (prefs.objectForKey(keys::kInAppCounter)) {
     value = clampToInt(prefs.integerForKey(keys::kInAppCounter));
-    qvLog(kLogDebug, kMethod, "in-app counter %d", value);
+    log_->log(kLogDebug, kMethod, "in-app counter %d", value);
   } else {
-    qvLog(kLogDebug, kMethod, "no in-app yet");
+    log_->log(kLogDebug, kMethod, "no in-app yet");
   }
   if (increase) {
     value = value == INT32_MAX ? value : value + 1;
@@ -51,7 +51,7 @@ int TrackerCore::getInAppCounter(bool increase) {
     persistPreferencesSoon();
   }
   // Written with or without an increase, unlike the launch counter's line.
-  qvLog(kLogDebug, kMethod, "save in-app counter %d", value);
+  log_->log(kLogDebug, kMethod, "save in-app counter %d", value);
   return value;
 }
 
@@ -60,7 +60,7 @@ int TrackerCore::getRealLaunchCounter() {
   if (!prefs.objectForKey(keys::kRealLaunchCounter))
     return 1;
   const int stored = clampToInt(prefs.integerForKey(keys::kRealLaunchCounter));
-  qvLog(kLogDebug, "-[QuorvelTracker getRealLaunchCounter]",
+  log_->log(kLogDebug, "-[QuorvelTracker getRealLaunchCounter]",
         "getRealLaunchCounter real lanunch number %d", stored);
   return stored == INT32_MAX ? stored : stored + 1;
 }
@@ -72,7 +72,7 @@ void TrackerCore::incrementRealLaunchCounter() {
     const int stored = clampToInt(prefs.integerForKey(keys::kRealLaunchCounter));
     value = stored == INT32_MAX ? stored : stored + 1;
   }
-  qvLog(kLogDebug, "-[QuorvelTracker incrementRealLaunchCounter]",
+  log_->log(kLogDebug, "-[QuorvelTracker incrementRealLaunchCounter]",
         "incrementRealLaunchCounter real lanunch counter after increment = %d", value);
   prefs.setInteger(keys::kRealLaunchCounter, value);
   prefs.synchronize();
@@ -87,13 +87,13 @@ std::string TrackerCore::getFirstLanuchDate(const QVDateFormatter& formatter) {
   } else {
     // Launched before by a version that kept no date: the empty string, for good.
     if (getCounter(false) <= 1) {
-      qvLog(kLogDebug, kMethod, "first launch detected");
+      log_->log(kLogDebug, kMethod, "first launch detected");
       value = formatter.stringFromDate(platform_->clock->now());
     }
     prefs.setString(keys::kFirstLaunchDate, value);
     prefs.synchronize();
   }
-  qvLog(kLogDebug, kMethod, "first launch date: %@", value);
+  log_->log(kLogDebug, kMethod, "first launch date: %@", value);
   return value;
 }
 
@@ -101,7 +101,7 @@ std::optional<std::string> TrackerCore::getInstallDate(const QVDateFormatter& fo
   auto& prefs = *platform_->preferences;
   if (auto stored = prefs.stringForKey(keys::kInstallDate))
     return stored;
-  qvLog(kLogDebug, "-[QuorvelTracker getInstallDate:]", "first installDate detected");
+  log_->log(kLogDebug, "-[QuorvelTracker getInstallDate:]", "first installDate detected");
   const auto created = installDate();
   if (!created)
     return std::nullopt;  // unreadable: nothing usable to store
@@ -122,16 +122,16 @@ std::optional<std::string> TrackerCore::getVersionUpdateDate(
       "-[QuorvelTracker getVersionUpdateDate:currentUpdateDate:]";
   auto& prefs = *platform_->preferences;
   const auto saved = prefs.stringForKey(keys::kLastVersion);
-  qvLog(kLogDebug, kMethod, "saved version: %@", saved);
+  log_->log(kLogDebug, kMethod, "saved version: %@", saved);
   if (saved && saved == version) {
-    qvLog(kLogDebug, kMethod, "use date3 from storage");
+    log_->log(kLogDebug, kMethod, "use date3 from storage");
     return prefs.stringForKey(keys::kDate3);
   }
   if (saved) {
     // An update also secures the identifier in the keychain.
     setOriginalQuorvelIdToKeychainIfNeeded(getQuorvelUID());
   }
-  qvLog(kLogDebug, kMethod, "new version detected");
+  log_->log(kLogDebug, kMethod, "new version detected");
   prefs.setObject(keys::kLastVersion, version ? Json(*version) : Json());
   prefs.setObject(keys::kDate3, currentUpdateDate ? Json(*currentUpdateDate) : Json());
   prefs.removeObjectForKey(keys::kConversionDataRequestRetries);
@@ -149,7 +149,7 @@ double TrackerCore::getTimePassedSinceLastLaunch() {
 }
 
 bool TrackerCore::isWifiAvailable() const {
-  qvLog(kLogDebug, "-[QuorvelTracker isWifiAvailable]", "check network");
+  log_->log(kLogDebug, "-[QuorvelTracker isWifiAvailable]", "check network");
   const auto list = platform_->networkInterfaces->addresses();
   if (!list || list->empty())
     return false;

@@ -22,7 +22,7 @@ void TrackerCore::handleOpenURL(const std::string& url,
     if (!sourceApplication_)
       sourceApplication_ = hostText(sourceApplication);
   }
-  qvLog(kLogDebug, "-[QuorvelTracker handleOpenURL:sourceApplication:withAnnotation:]",
+  log_->log(kLogDebug, "-[QuorvelTracker handleOpenURL:sourceApplication:withAnnotation:]",
         "HandleOpenUrl: %@", deeplink());
 }
 
@@ -33,7 +33,7 @@ void TrackerCore::handleOpenURL(const std::string& url,
 
 void TrackerCore::handleOpenUrl(const std::string& url,
                                 const std::optional<QuorvelOpenURLOptions>& options) {
-  qvLog(kLogDebug, "-[QuorvelTracker handleOpenUrl:options:]", "handleOpenUrl: %@", url);
+  log_->log(kLogDebug, "-[QuorvelTracker handleOpenUrl:options:]", "handleOpenUrl: %@", url);
   setDeeplink(hostText(url));
   if (options)
     setSourceApplication(hostText(options->sourceApplication));
@@ -41,7 +41,7 @@ void TrackerCore::handleOpenUrl(const std::string& url,
 
 bool TrackerCore::continueUserActivity(const QuorvelUserActivity& userActivity,
                                        const std::function<void(const Json&)>& restorationHandler) {
-  qvLog(kLogDebug, "-[QuorvelTracker continueUserActivity:restorationHandler:]",
+  log_->log(kLogDebug, "-[QuorvelTracker continueUserActivity:restorationHandler:]",
         "User Activity: %@, restoration Handler: %@", userActivity.description(),
         restorationHandler ? "<__NSMallocBlock__>" : "(null)");
   if (userActivity.activityType == kQuorvelUserActivityTypeBrowsingWeb && userActivity.webpageURL) {
@@ -51,7 +51,7 @@ bool TrackerCore::continueUserActivity(const QuorvelUserActivity& userActivity,
 }
 
 void TrackerCore::didUpdateUserActivity(const QuorvelUserActivity& userActivity) {
-  qvLog(kLogDebug, "-[QuorvelTracker didUpdateUserActivity:]", "didUpdateUserActivity = %@",
+  log_->log(kLogDebug, "-[QuorvelTracker didUpdateUserActivity:]", "didUpdateUserActivity = %@",
         userActivity.description());
 }
 
@@ -62,7 +62,7 @@ void TrackerCore::handlePushNotification(const Json& pushPayload) {
       entry = hostJson(*it);
   }
   setPushPayload(entry);
-  qvLog(kLogDebug, "-[QuorvelTracker handlePushNotification:]",
+  log_->log(kLogDebug, "-[QuorvelTracker handlePushNotification:]",
         "Push Notification received qv payload = %@", entry);
 }
 

@@ -17,7 +17,7 @@ bool TrackerCore::flush(std::chrono::milliseconds timeout) noexcept {
     persistPreferencesNow();
     return settled;
   } catch (const std::exception& e) {
-    qvLog(kLogError, "-[QuorvelTracker flush:]", "flush failed: %@", e.what());
+    log_->log(kLogError, "-[QuorvelTracker flush:]", "flush failed: %@", e.what());
     return false;
   }
 }
@@ -49,13 +49,13 @@ bool TrackerCore::flushAtExit() noexcept {
       lost += outcome == ReportLedger::Ticket::AtExit::notBuilt ? 1 : 0;
     }
     persistPreferencesNow();
-    qvLog(kLogWarning, kMethod,
+    log_->log(kLogWarning, kMethod,
           "exit: %d requests still unanswered after %lld ms were kept for the next start, "
           "%d reports were not built yet",
           kept, static_cast<long long>(timeout.count()), lost);
     return false;
   } catch (const std::exception& e) {
-    qvLog(kLogError, kMethod, "exit flush failed: %@", e.what());
+    log_->log(kLogError, kMethod, "exit flush failed: %@", e.what());
     return false;
   }
 }

@@ -35,27 +35,27 @@ void TrackerCore::callServerWithEventName(const std::string& name,
                                           bool isIAd) {
   const Platform& p = *platform_;
   auto& prefs = *p.preferences;
-  qvLog(kLogDebug, kCallServerMethod, "(%@): entered callServerWithEventName. ",
+  log_->log(kLogDebug, kCallServerMethod, "(%@): entered callServerWithEventName. ",
         kQuorvelSDKVersion);
   const auto devKey = quorvelDevKey();
-  qvLog(kLogDebug, kCallServerMethod, "dev key: %@",
+  log_->log(kLogDebug, kCallServerMethod, "dev key: %@",
         devKey && !devKey->empty() ? *devKey : std::string("missing!!!"));
   if (!devKey) {
-    qvLog(kLogError, kCallServerMethod, "Quorvel dev key is missing");
+    log_->log(kLogError, kCallServerMethod, "Quorvel dev key is missing");
     return;
   }
   validateAppID();
 
   const auto installTimestamp = prefs.objectForKey(keys::kInstallTimestamp);
-  qvLog(kLogDebug, kCallServerMethod, "First time = %d %@ %@", installTimestamp ? 0 : 1,
+  log_->log(kLogDebug, kCallServerMethod, "First time = %d %@ %@", installTimestamp ? 0 : 1,
         installTimestamp, keys::kInstallTimestamp);
   const bool isLaunch = name == kLaunchEventName;
   if (isLaunch)
     write(lastLaunchTime_, p.clock->now());
   std::optional<Json> receipt;
   if (isLaunch && !installTimestamp) {
-    qvLog(kLogDebug, kCallServerMethod, "Get install receipt");
-    receipt = QuorvelUtils::getStoreReceipt(p);
+    log_->log(kLogDebug, kCallServerMethod, "Get install receipt");
+    receipt = QuorvelUtils::getStoreReceipt(p, *log_);
   }
   if (!installTimestamp) {
     prefs.setString(keys::kInstallTimestamp,
@@ -66,16 +66,16 @@ void TrackerCore::callServerWithEventName(const std::string& name,
   parameters.setParameter(Json(name), "event");
   parameters.setParameter(Json(value.value_or(std::string())), "eventvalue");
   if (receipt) {
-    qvLog(kLogDebug, kCallServerMethod, "install Receipt: %@",
-          QuorvelUtils::getJsonStringFromDictionary(*receipt));
+    log_->log(kLogDebug, kCallServerMethod, "install Receipt: %@",
+          QuorvelUtils::getJsonStringFromDictionary(*receipt, *log_));
     const auto data = receipt->find("data");
     if (data != receipt->end() && !data->is_string()) {
-      qvLog(kLogDebug, kCallServerMethod, "Found install Receipt Data");
-      parameters.setParameter(QuorvelUtils::getJsonStringFromDictionary(*receipt),
+      log_->log(kLogDebug, kCallServerMethod, "Found install Receipt Data");
+      parameters.setParameter(QuorvelUtils::getJsonStringFromDictionary(*receipt, *log_),
                               "installReceiptData");
     }
   } else {
-    qvLog(kLogDebug, kCallServerMethod, "Install Receipt Data has no data");
+    log_->log(kLogDebug, kCallServerMethod, "Install Receipt Data has no data");
   }
 
   const char* prefix = isEvent ? "events" : (isIAd ? "attr" : "t");
@@ -85,7 +85,8 @@ void TrackerCore::callServerWithEventName(const std::string& name,
   const Bytes body = encryptData(parameters);
   QuorvelUtils::logRequestContent(
       isLaunch ? kRequestLaunch : kRequestEvent, url,
-      QuorvelUtils::getJsonStringFromDictionary(parameters.dict()).value_or(std::string()));
+      QuorvelUtils::getJsonStringFromDictionary(parameters.dict(), *log_).value_or(std::string()),
+      *log_);
   const QuorvelRequestCacheData record(url, body, kQuorvelSDKVersion);
   // A launch's counters and identifiers are on disk before it leaves, so that a crash right
   // after can never count the same launch again; an event's wait for the group commit.
@@ -98,7 +99,7 @@ void TrackerCore::callServerWithEventName(const std::string& name,
       return;
     const auto d = tracker->delegate();
     if (d && d->onConversionDataReceived) {
-      qvLog(kLogDebug,
+      tracker->log_->log(kLogDebug,
             "-[QuorvelTracker "
             "callServerWithEventName:value:withDictionary:isEvent:isIAd:]_block_invoke",
             "Quorvel: loading attribution data");
@@ -111,27 +112,27 @@ void TrackerCore::validateAppID() const {
   static constexpr const char* kValidate = "-[QuorvelTracker validateAppID]";
   const auto appID = appleAppID();
   if (!appID) {
-    qvLog(kLogError, kValidate, "Quorvel Error: appleAppID is missing!");
+    log_->log(kLogError, kValidate, "Quorvel Error: appleAppID is missing!");
     return;
   }
   // No function-local regex: this runs during the exit flush, after such statics are gone.
   const bool digitsOnly =
       !appID->empty() && appID->find_first_not_of("0123456789") == std::string::npos;
   if (!digitsOnly) {
-    qvLog(kLogError, kValidate, "Quorvel Error: appleAppID should be a number!");
-    qvLog(kLogError, kValidate, "appleAppID: '%@'", *appID);
+    log_->log(kLogError, kValidate, "Quorvel Error: appleAppID should be a number!");
+    log_->log(kLogError, kValidate, "appleAppID: '%@'", *appID);
   }
 }
 
 Bytes TrackerCore::encryptData(const QuorvelDictionary& parameters) const {
-  const auto json = QuorvelUtils::getJsonDataFromDictionary(parameters.dict());
+  const auto json = QuorvelUtils::getJsonDataFromDictionary(parameters.dict(), *log_);
   const auto cipher = crypto();
   if (json && cipher) {
     if (auto sealed = cipher->encrypt(*json))
       return *sealed;
     return {};
   }
-  qvLog(kLogWarning, "-[QuorvelTracker encryptData:]", "Cannot encrypt `nil`");
+  log_->log(kLogWarning, "-[QuorvelTracker encryptData:]", "Cannot encrypt `nil`");
   return Bytes{0xFF};
 }
 

@@ -60,7 +60,7 @@ void TrackerCore::trackEvent(const std::string& hostEventName,
   const std::string eventName = hostText(hostEventName);
   const auto value = hostText(hostValue);
   if (looksLikeRevenue(value)) {
-    qvLog(kLogDebug, "-[QuorvelTracker trackEvent:withValue:]",
+    log_->log(kLogDebug, "-[QuorvelTracker trackEvent:withValue:]",
           "Quorvel: numeric value '%@' for event '%@' will be categorized as a revenue event.",
           *value, eventName);
   }
@@ -80,7 +80,7 @@ void TrackerCore::trackEventWithValues(const std::string& hostEventName,
         std::string text = "null";
         if (values && !values->is_null()) {
           const auto json = QuorvelUtils::isValidJSONObject(*values)
-                                ? QuorvelUtils::getJsonStringFromDictionary(*values)
+                                ? QuorvelUtils::getJsonStringFromDictionary(*values, *tracker.log_)
                                 : std::nullopt;
           if (!json) {
             // Values that cannot be written are lost; the event still goes, without a value.

@@ -17,7 +17,7 @@ constexpr std::chrono::milliseconds kLaunchDelay{250};
 
 void TrackerCore::trackAppLaunch() {
   static constexpr const char* kMethod = "-[QuorvelTracker trackAppLaunch]";
-  qvLog(kLogInfo, kMethod, "Launch");
+  log_->log(kLogInfo, kMethod, "Launch");
   auto& proxy = remoteDebugging_;
   if (proxy.proxyEnabledFromServer())
     sendRemoteDebuggingData();
@@ -25,8 +25,8 @@ void TrackerCore::trackAppLaunch() {
 
   auto& prefs = *platform_->preferences;
   const bool stored = prefs.objectForKey(keys::kSearchAdsAttribution).has_value();
-  qvTrace(kMethod, "iAD: has iSearchAdsDict stored?  %@", stored ? "Yes" : "No");
-  qvTrace(kMethod, "iAD: disableIAdTracking ON?      %@", disableIAdTracking() ? "Yes" : "No");
+  log_->trace(kMethod, "iAD: has iSearchAdsDict stored?  %@", stored ? "Yes" : "No");
+  log_->trace(kMethod, "iAD: disableIAdTracking ON?      %@", disableIAdTracking() ? "Yes" : "No");
   if (!stored && !disableIAdTracking()) {
     auto self = self_;
     iAdClient_->requestAttributionDetails([self](const Json& details) {
@@ -37,8 +37,8 @@ void TrackerCore::trackAppLaunch() {
       auto& store = *tracker->platform_->preferences;
       store.setObject(keys::kSearchAdsAttribution, details);
       store.synchronize();
-      qvLog(kLogDebug, kBlock, "iAD. Attribution Details: %@", details);
-      qvTrace(kBlock, "iAD. permitAggregateiAdData: %@",
+      tracker->log_->log(kLogDebug, kBlock, "iAD. Attribution Details: %@", details);
+      tracker->log_->trace(kBlock, "iAD. permitAggregateiAdData: %@",
               tracker->permitAggregateiAdData() ? "YES" : "NO");
       if (tracker->permitAggregateiAdData()) {
         tracker->callServerWithEventName(kLaunchEventName, std::nullopt, false, true);
@@ -58,14 +58,14 @@ void TrackerCore::sendLaunchToServer() {
   static constexpr const char* kMethod = "-[QuorvelTracker sendLaunchToServer]";
   if (const auto last = lastLaunchTime()) {
     const double elapsed = std::chrono::duration<double>(platform_->clock->now() - *last).count();
-    qvLog(kLogDebug, kMethod, "Time from last launch %f", elapsed);
+    log_->log(kLogDebug, kMethod, "Time from last launch %f", elapsed);
     if (!(elapsed > static_cast<double>(minTimeBetweenSessions()))) {
-      qvLog(kLogDebug, kMethod, "Skip launch");
+      log_->log(kLogDebug, kMethod, "Skip launch");
       return;
     }
-    qvLog(kLogDebug, kMethod, "Call launch request ...");
+    log_->log(kLogDebug, kMethod, "Call launch request ...");
   } else {
-    qvLog(kLogDebug, kMethod, "Call launch request 1st time");
+    log_->log(kLogDebug, kMethod, "Call launch request 1st time");
   }
   callServerWithEventName(kLaunchEventName);
 }
@@ -94,7 +94,7 @@ void TrackerCore::backgroundstatCall() {
   const double timing = prefs.doubleForKey(keys::kGetConversionDataTiming);
   const auto storedOriginal = prefs.stringForKey(keys::kOriginalUserId);
   const std::string original = storedOriginal ? *storedOriginal : getQuorvelUID();
-  qvLog(kLogDebug, kMethod, "entered background %f", elapsed);
+  log_->log(kLogDebug, kMethod, "entered background %f", elapsed);
   try {
     // A missing app id or developer key abandons the request, as inserting nil would.
     const auto appID = appleAppID();
@@ -119,13 +119,13 @@ void TrackerCore::backgroundstatCall() {
     if (deviceTrackingDisabled())
       body["deviceTrackingDisabled"] = "true";
     const std::string text =
-        QuorvelUtils::getJsonStringFromDictionary(body).value_or(std::string());
+        QuorvelUtils::getJsonStringFromDictionary(body, *log_).value_or(std::string());
     const std::string url = format("https://stats.%@/stats?app_id=%@", host(), *appID);
-    qvLog(kLogDebug, kMethod, "calling URL (move to background): %@", url);
-    QuorvelUtils::logRequestContent(kRequestStats, url, text);
+    log_->log(kLogDebug, kMethod, "calling URL (move to background): %@", url);
+    QuorvelUtils::logRequestContent(kRequestStats, url, text, *log_);
     httpClient_->sendRequestWithConfiguration(url, text);
   } catch (const std::exception& e) {
-    qvLog(kLogDebug, kMethod, "could not track move to background: %@", e.what());
+    log_->log(kLogDebug, kMethod, "could not track move to background: %@", e.what());
   }
 }
 

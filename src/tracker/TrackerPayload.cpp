@@ -88,7 +88,7 @@ QuorvelDictionary TrackerCore::getEventParameters(bool isLaunch) {
   // 4-6.
   if (deviceTrackingDisabled())
     d.setParameter(Json("true"), "deviceTrackingDisabled");
-  qvTrace(kMethod, "disableAppleAdSupportTracking: %@",
+  log_->trace(kMethod, "disableAppleAdSupportTracking: %@",
           disableAppleAdSupportTracking() ? "true" : "false");
   advertisingIdentifierStep(d);
 
@@ -99,7 +99,7 @@ QuorvelDictionary TrackerCore::getEventParameters(bool isLaunch) {
     d.setParameter(Json(*vendor), "vendorId");
   if (const auto currency = currencyCode()) {
     if (currency->size() != 3) {
-      qvLog(kLogWarning, kMethod,
+      log_->log(kLogWarning, kMethod,
             "Quorvel WARNING: currency code should be 3 characters!!! '%@' is not a legal value.",
             *currency);
     }
@@ -119,11 +119,11 @@ QuorvelDictionary TrackerCore::getEventParameters(bool isLaunch) {
   const std::optional<std::string> date2 =
       tmpModified ? std::optional<std::string>(formatter.stringFromDate(*tmpModified))
                   : std::nullopt;
-  qvLog(kLogDebug, kMethod, "Looking for previous version date.");
+  log_->log(kLogDebug, kMethod, "Looking for previous version date.");
   const auto date3 = getVersionUpdateDate(stringValue(bundleVersion), date2);
-  qvLog(kLogDebug, kMethod, "date1= %@", date1);
-  qvLog(kLogDebug, kMethod, "date2= %@", date2);
-  qvLog(kLogDebug, kMethod, "date3= %@", date3);
+  log_->log(kLogDebug, kMethod, "date1= %@", date1);
+  log_->log(kLogDebug, kMethod, "date2= %@", date2);
+  log_->log(kLogDebug, kMethod, "date3= %@", date3);
   const std::string firstLaunch = getFirstLanuchDate(formatter);
   d.setParameter(date1 ? Json(*date1) : Json(), "date1");
   d.setParameter(date2 ? Json(*date2) : Json(), "date2");
@@ -153,12 +153,12 @@ QuorvelDictionary TrackerCore::getEventParameters(bool isLaunch) {
     std::lock_guard lock(monitor_);
     if (customData_) {
       const auto text = customData_->is_object() && QuorvelUtils::isValidJSONObject(*customData_)
-                            ? QuorvelUtils::getJsonStringFromDictionary(*customData_)
+                            ? QuorvelUtils::getJsonStringFromDictionary(*customData_, *log_)
                             : std::nullopt;
       if (text) {
         d.setParameter(Json(*text), "customData");
       } else {
-        qvLog(kLogWarning, kMethod, "customData is not valid json data");
+        log_->log(kLogWarning, kMethod, "customData is not valid json data");
       }
     }
   }
@@ -181,14 +181,14 @@ QuorvelDictionary TrackerCore::getEventParameters(bool isLaunch) {
   if (const auto searchAds = prefs.objectForKey(keys::kSearchAdsAttribution)) {
     d.setParameter(*searchAds, "qv_iad_data");
   } else {
-    qvLog(kLogDebug, kMethod, "iAD: iSearchAdsDict is nil");
+    log_->log(kLogDebug, kMethod, "iAD: iSearchAdsDict is nil");
   }
 
   // 16-17.
   addHopline(d);
   if (isLaunch) {
     permitAggregateiAdData_ = true;
-    qvLog(kLogDebug, kMethod, "iAD:  permitAggregateiAdData = YES");
+    log_->log(kLogDebug, kMethod, "iAD:  permitAggregateiAdData = YES");
   }
   return d;
 }
@@ -203,22 +203,22 @@ void TrackerCore::deepLinkStep(QuorvelDictionary& d) {
 
   Json params;
   if (link->find("qv_deeplink") == std::string::npos) {
-    qvLog(kLogDebug, kMethod, "Opened from Link = %@", *link);
+    log_->log(kLogDebug, kMethod, "Opened from Link = %@", *link);
     params = Json{{"link", *link}};
   } else {
-    qvLog(kLogDebug, kMethod, "Quorvel deepLinkParameters = %@", *link);
+    log_->log(kLogDebug, kMethod, "Quorvel deepLinkParameters = %@", *link);
     const auto url = Url::parse(*link);
     params = url ? QuorvelUtils::URLQueryParameters(*url) : Json::object();
   }
   const auto path = QuorvelUtils::getHoplinePath(params.contains("link") ? params["link"] : Json());
   if (!path) {
-    qvLog(kLogDebug, kMethod, "Hopline not found.");
+    log_->log(kLogDebug, kMethod, "Hopline not found.");
     deliverAppOpenAttribution(params);
     setDeeplink(std::nullopt);
     setSourceApplication(std::nullopt);
     return;
   }
-  qvLog(kLogDebug, kMethod, "Hopline found. Executing request..");
+  log_->log(kLogDebug, kMethod, "Hopline found. Executing request..");
   const std::string url = format("https://hopline.%@%@", host(), *path);
   // The fields stay set until the resolution completes; the answer never enters this payload.
   auto self = self_;
@@ -235,9 +235,9 @@ void TrackerCore::deepLinkStep(QuorvelDictionary& d) {
             merged[k] = v;
           tracker->deliverAppOpenAttribution(merged);
         } else if (error) {
-          qvLog(kLogDebug, kBlock, "Error occured. %@", *error);
+          tracker->log_->log(kLogDebug, kBlock, "Error occured. %@", *error);
         } else {
-          qvTrace(kBlock, "`responceDict` && `err` are nil. Response did not pass validation");
+          tracker->log_->trace(kBlock, "`responceDict` && `err` are nil. Response did not pass validation");
         }
         tracker->setDeeplink(std::nullopt);
         tracker->setSourceApplication(std::nullopt);
@@ -267,13 +267,13 @@ void TrackerCore::pushPayloadStep(QuorvelDictionary& d) {
   if (!payload)
     return;
   const auto text = payload->is_object() && QuorvelUtils::isValidJSONObject(*payload)
-                        ? QuorvelUtils::getJsonStringFromDictionary(*payload)
+                        ? QuorvelUtils::getJsonStringFromDictionary(*payload, *log_)
                         : std::nullopt;
   if (text) {
     // Deliberately the same key as the deep link: the push payload replaces it.
     d.setParameter(Json(*text), "qv_deeplink");
   } else {
-    qvLog(kLogError, kMethod, "pushPayload is not valid json data");
+    log_->log(kLogError, kMethod, "pushPayload is not valid json data");
   }
 }
 
@@ -287,9 +287,9 @@ void TrackerCore::advertisingIdentifierStep(QuorvelDictionary& d) {
   if (manager && !disableAppleAdSupportTracking()) {
     identifier = format("%@", manager->advertisingIdentifier());
     enabled = manager->isAdvertisingTrackingEnabled();
-    qvLog(kLogDebug, kMethod, "has advertiserId");
+    log_->log(kLogDebug, kMethod, "has advertiserId");
   } else {
-    qvLog(kLogDebug, kMethod, "has not advertiserId");
+    log_->log(kLogDebug, kMethod, "has not advertiserId");
   }
   setAdvertiserId(identifier);
   d.setParameter(Json(advertiserId()), "advertiserId");
@@ -304,7 +304,7 @@ void TrackerCore::emailStep(QuorvelDictionary& d) {
   Json list = Json::array();
   for (const auto& entry : *userEmails_) {
     if (!entry.is_string()) {
-      qvLog(kLogWarning, kMethod, "Warning: email provided are not in the right format.");
+      log_->log(kLogWarning, kMethod, "Warning: email provided are not in the right format.");
       continue;
     }
     const std::string address = entry.get<std::string>();
@@ -327,7 +327,7 @@ void TrackerCore::emailStep(QuorvelDictionary& d) {
         break;
     }
   }
-  d.setParameter(Json(stringify(Json{{label, list}})), "user_emails");
+  d.setParameter(Json(stringify(Json{{label, list}}, *log_)), "user_emails");
 }
 
 void TrackerCore::addHopline(QuorvelDictionary& d) {

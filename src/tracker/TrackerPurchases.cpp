@@ -45,16 +45,16 @@ void TrackerCore::validateAndTrackInAppPurchase(const std::optional<std::string>
   if (!platform_->device->capabilities().backgroundTasks)
     return;
   if (!productIdentifier || !transactionId) {
-    qvLog(
+    log_->log(
         kLogDebug, kValidateMethod,
         "Quorvel Error: validateInAppPurchase Parameters cannot be nil. Track event is not sent.");
     fail(std::nullopt, Json("Quorvel Error: validateInAppPurchase Parameters cannot be nil"));
     return;
   }
-  const Json receipt = QuorvelUtils::getStoreReceipt(*platform_);
+  const Json receipt = QuorvelUtils::getStoreReceipt(*platform_, *log_);
   const auto data = receipt.find("data");
   if (data == receipt.end() || data->is_string()) {
-    qvLog(kLogError, kValidateMethod,
+    log_->log(kLogError, kValidateMethod,
           "Quorvel Error: Could not get application receipt data, please check the paramters. "
           "Track event is not sent.");
     fail(
@@ -84,11 +84,12 @@ void TrackerCore::validateAndTrackInAppPurchase(const std::optional<std::string>
   request["JBDevice"] = QuorvelUtils::isJailBreakon() ? "true" : "false";
   if (deviceTrackingDisabled())
     request["deviceTrackingDisabled"] = "true";
-  if (qvTraceWanted())
-    qvTrace(kValidateMethod, "parameters = %@", request);
+  if (log_->traceWanted())
+    log_->trace(kValidateMethod, "parameters = %@", request);
 
   auto self = self_;
-  auto task = httpClient_->sendValidateRequest(request, [self, success = std::move(success),
+  auto task = httpClient_->sendValidateRequest(request, [self, log = log_,
+                                                         success = std::move(success),
                                                          failure = std::move(failure)](
                                                             const std::optional<Error>& error,
                                                             const std::optional<Bytes>& bytes) {
@@ -97,7 +98,7 @@ void TrackerCore::validateAndTrackInAppPurchase(const std::optional<std::string>
         "validateAndTrackInAppPurchase:price:currency:transactionId:additionalParameters:success:"
         "failure:]_block_invoke";
     if (error) {
-      qvLog(kLogError, kBlock, "Failed validating receipt = %@", error->description());
+      log->log(kLogError, kBlock, "Failed validating receipt = %@", error->description());
       if (failure)
         failure(error, bytes ? Json::binary(*bytes) : Json());
     } else {
@@ -108,11 +109,11 @@ void TrackerCore::validateAndTrackInAppPurchase(const std::optional<std::string>
           failure(jsonParserError(), Json());
         }
       } else if (parsed.is_object() && parsed.contains("transaction_id")) {
-        qvLog(kLogInfo, kBlock, "Succeeded validating receipt");
+        log->log(kLogInfo, kBlock, "Succeeded validating receipt");
         if (success)
           success(parsed);
       } else {
-        qvLog(kLogWarning, kBlock, "Failed validating receipt = %@", parsed);
+        log->log(kLogWarning, kBlock, "Failed validating receipt = %@", parsed);
         if (failure)
           failure(std::nullopt, parsed);
       }
@@ -146,7 +147,8 @@ void TrackerCore::validatePurchaseEvent(const std::optional<std::string>& hostPr
              kQuorvelAPIVersion, "event", appleAppID(), kQuorvelSDKVersion);
   QuorvelUtils::logRequestContent(
       kRequestEvent, url,
-      QuorvelUtils::getJsonStringFromDictionary(parameters.dict()).value_or(std::string()));
+      QuorvelUtils::getJsonStringFromDictionary(parameters.dict(), *log_).value_or(std::string()),
+      *log_);
   httpClient_->sendRequestEventToServer(QuorvelRequestCacheData(url, body, kQuorvelSDKVersion),
                                         false, appleAppID(), isDebug(), nullptr);
 }

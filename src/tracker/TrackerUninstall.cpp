@@ -52,7 +52,7 @@ void TrackerCore::backgroundRegisterUninstall(const std::string& deviceToken) {
     const Platform& p = *platform_;
     const std::string url = format("https://register.%@/api/v%@/iosevent?buildnumber=%@&app_id=%@",
                                    host(), kQuorvelAPIVersion, kQuorvelSDKVersion, appleAppID());
-    qvLog(kLogDebug, kMethod, "calling register Uninstall: %@ (with token: %@)", url, deviceToken);
+    log_->log(kLogDebug, kMethod, "calling register Uninstall: %@ (with token: %@)", url, deviceToken);
     auto& prefs = *p.preferences;
     const auto installDate = getInstallDate(QuorvelUtils::getDateFormatter(p.clock));
     const auto original = prefs.stringForKey(keys::kOriginalUserId);
@@ -93,13 +93,13 @@ void TrackerCore::backgroundRegisterUninstall(const std::string& deviceToken) {
       body["appUID"] = *customer;
     if (deviceTrackingDisabled())
       body["deviceTrackingDisabled"] = "true";
-    const auto text = QuorvelUtils::getJsonStringFromDictionary(body);
+    const auto text = QuorvelUtils::getJsonStringFromDictionary(body, *log_);
     if (!text)
       throw std::invalid_argument("the registration body cannot be written as JSON");
-    QuorvelUtils::logRequestContent(kRequestRegisterUninstall, url, *text);
+    QuorvelUtils::logRequestContent(kRequestRegisterUninstall, url, *text, *log_);
     httpClient_->sendRequestWithConfiguration(url, *text);
   } catch (const std::exception& e) {
-    qvLog(kLogDebug, kMethod, "Register uninstall exception: %@", e.what());
+    log_->log(kLogDebug, kMethod, "Register uninstall exception: %@", e.what());
   }
 }
 
@@ -108,9 +108,9 @@ void TrackerCore::didFinishDownloadingToPath(platform::URLSessionTask& task,
   static constexpr const char* kDelegate =
       "-[QuorvelTracker URLSession:downloadTask:didFinishDownloadingToURL:]";
   if (remoteDebugging_.isRemoteDebugging() && !task.originalRequest().url.empty()) {
-    qvLog(kLogDebug, kDelegate, "Response 200 ok on URL: %@", task.originalRequest().url);
+    log_->log(kLogDebug, kDelegate, "Response 200 ok on URL: %@", task.originalRequest().url);
   } else {
-    qvLog(kLogDebug, kDelegate, "Response 200 ok.");
+    log_->log(kLogDebug, kDelegate, "Response 200 ok.");
   }
 }
 

@@ -23,12 +23,12 @@ class RequestCacheTest : public ::testing::Test {
   void SetUp() override {
     fakes.install();
     QuorvelProxyManager::sharedManager().stopRemoteDebugging();
-    QVSetShowDebugLogs(true);
+    fakes.logSwitches->setDebug(true);
     // 2001-01-01 + 700,000,000.25 s.
     fakes.clock->set(platform::TimePoint(
         std::chrono::microseconds(978'307'200'000'000LL + 700'000'000'250'000LL)));
     cache = std::make_shared<QuorvelRequestCache>(
-        fakes.shared(), [this](const QuorvelRequestCacheData& r) { sent.push_back(r); });
+        fakes.shared(), fakes.log(), [this](const QuorvelRequestCacheData& r) { sent.push_back(r); });
   }
   void putFile(const std::string& name, const std::string& content) {
     fakes.fileSystem->createDirectory(kCacheDir);
@@ -168,7 +168,7 @@ TEST_F(RequestCacheTest, DeleteAndWriteFailuresAreLogged) {
 
 TEST_F(RequestCacheTest, SenderThatThrowsIsLoggedAndTheRecordLeavesTheBatch) {
   auto throwing = std::make_shared<QuorvelRequestCache>(
-      fakes.shared(),
+      fakes.shared(), fakes.log(),
       [](const QuorvelRequestCacheData&) { throw std::runtime_error("no tracker"); });
   putFile("699999990.000000.qv", "version=4.8.0\nurl=https://x?a\ndata=AQI=");
   throwing->processCache();

@@ -54,7 +54,7 @@ class SearchAdsTest : public ::testing::Test {
   void registerClient() { fakes.classRegistry->registerClass("ADClient", adClass); }
 
   test::TestPlatform fakes;
-  QVSDKiAdClient client{fakes.shared()};
+  QVSDKiAdClient client{fakes.shared(), fakes.log()};
   std::shared_ptr<ScriptedAdClientClass> adClass = std::make_shared<ScriptedAdClientClass>();
 };
 
@@ -106,7 +106,7 @@ TEST_F(SearchAdsTest, EachKindOfAnswer) {
     auto cls = std::make_shared<ScriptedAdClientClass>();
     cls->client->answers = c.answers;
     local.classRegistry->registerClass("ADClient", cls);
-    QVSDKiAdClient ads(local.shared());
+    QVSDKiAdClient ads(local.shared(), local.log());
     auto results = std::make_shared<std::vector<Json>>();
     ads.requestAttributionDetails([results](const Json& r) { results->push_back(r); });
     local.dispatcher->advance(c.when - 1ms);

@@ -7,6 +7,7 @@
 #include "Emulator.h"
 #include "PayloadCipher.h"
 #include "common/QuorvelAES128Crypto.h"
+#include "log/Log.h"
 
 namespace quorvel::devserver {
 namespace {
@@ -33,7 +34,8 @@ class EmulatorTest : public ::testing::Test {
   }
 
   static std::string seal(const std::string& clear, const std::string& key = kEmulatorKey) {
-    const QuorvelAES128Crypto crypto{std::optional<std::string>(key), makePosixPlatform({}).random};
+    const QuorvelAES128Crypto crypto{std::optional<std::string>(key), makePosixPlatform({}).random,
+                                     Log::silent()};
     const auto sealed = crypto.encrypt(Bytes(clear.begin(), clear.end()));
     return std::string(sealed->begin(), sealed->end());
   }

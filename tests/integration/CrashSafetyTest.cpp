@@ -10,6 +10,7 @@
 #include <quorvel/QuorvelTracker.h>
 
 #include "cache/QuorvelRequestCache.h"
+#include "log/Log.h"
 #include "log/QuorvelProxyManager.h"
 #include "platform/posix/JsonFilePreferencesStore.h"
 #include "support/Decrypt.h"
@@ -82,7 +83,7 @@ Platform platformIn(const test::TempDir& dir) {
   const std::int64_t counter = preferences.integerForKey(keys::kCounter);
   if (counter < rounds)
     _exit(12);  // unreadable, or launches that left were not counted
-  QuorvelRequestCache cache(std::make_shared<const Platform>(platformIn(dir)), nullptr);
+  QuorvelRequestCache cache(std::make_shared<const Platform>(platformIn(dir)), Log::silent(), nullptr);
   for (const auto& request : cache.getCachedRequests()) {
     const auto payload = test::decryptPayload(kCrashKey, request.postData().value_or(Bytes()));
     if (!payload.is_object())

@@ -14,44 +14,60 @@ class LoggerTest : public ::testing::Test {
   void SetUp() override {
     fakes.install();
     QVSetSessionStartDate(fakes.clock->now());
-    // Remote collection is tested on its own; keep it out of these lines.
-    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
-    QuorvelProxyManager::sharedManager().clearData();
+    fakes.logSwitches->setSessionStart(fakes.clock->now());
   }
   test::TestPlatform fakes;
+  QuorvelProxyManager mirror{fakes.clock};
+  // A tracker's logger: its own switches, the fakes' log, a collection of its own.
+  Log log{fakes.logSwitches, fakes.clock, fakes.systemLog, &mirror};
 };
 
-TEST_F(LoggerTest, SwitchesGateOutput) {
+TEST_F(LoggerTest, SwitchesGateOutputAndAreATrackersOwn) {
+  mirror.stopRemoteDebugging();
   struct Case {
     bool debug;
     bool trace;
-    int level;
+    bool traceCall;
     bool printed;
   };
   const Case cases[] = {
-      {false, false, 1, false}, {false, true, 1, false}, {false, true, 5, false},
-      {true, false, 1, true},   {true, false, 4, true},  {true, true, 5, true},
+      {false, false, false, false}, {false, true, false, false}, {false, true, true, false},
+      {true, false, false, true},   {true, false, true, false},  {true, true, true, true},
   };
   for (const auto& c : cases) {
     fakes.systemLog->clear();
-    QVSetShowDebugLogs(c.debug);
-    QVSetShowDebugLogsTrace(c.trace);
-    QVLogLocal(c.level, "-[T m]", "message %d", 1);
+    fakes.logSwitches->setDebug(c.debug);
+    fakes.logSwitches->setTrace(c.trace);
+    // The process's switches are another logger's: they never turn this one on.
+    QVSetShowDebugLogs(!c.debug);
+    QVSetShowDebugLogsTrace(true);
+    if (c.traceCall)
+      log.trace("-[T m]", "message %d", 1);
+    else
+      log.log(kLogError, "-[T m]", "message %d", 1);
     EXPECT_EQ(fakes.systemLog->lines().size(), c.printed ? 1U : 0U)
-        << "debug=" << c.debug << " trace=" << c.trace << " level=" << c.level;
+        << "debug=" << c.debug << " trace=" << c.trace << " traceCall=" << c.traceCall;
   }
 }
 
-TEST_F(LoggerTest, PlainAndTraceLineFormats) {
-  QVSetShowDebugLogs(true);
-  QVLogLocal(QVLogLevel::warning, "-[QuorvelTracker x]", "value %@", "v");
+TEST_F(LoggerTest, PlainAndTraceLineFormatsOfATrackerAndOfTheProcess) {
+  fakes.logSwitches->setDebug(true);
+  log.log(kLogWarning, "-[QuorvelTracker x]", "value %@", "v");
   fakes.clock->advance(std::chrono::milliseconds(3'723'004));
+  fakes.logSwitches->setTrace(true);
+  log.log(4, "+[QuorvelUtils y:]", "n=%d", 5);
+  // The exported function writes the same lines through the installed platform.
+  QVSetShowDebugLogs(true);
+  QVSetShowDebugLogsTrace(false);
+  QVLogLocal(QVLogLevel::warning, "-[QuorvelTracker x]", "value %@", "v");
   QVSetShowDebugLogsTrace(true);
   QVLogLocal(4, "+[QuorvelUtils y:]", "n=%d", 5);
   const auto lines = fakes.systemLog->lines();
-  ASSERT_EQ(lines.size(), 2U);
+  ASSERT_EQ(lines.size(), 4U);
   EXPECT_EQ(lines[0], "[WARN]  Quorvel: -[QuorvelTracker x] value v");
   EXPECT_EQ(lines[1], "(01:02:03:004) Quorvel: [DEBUG] +[QuorvelUtils y:] n=5");
+  EXPECT_EQ(lines[2], lines[0]);
+  EXPECT_EQ(lines[3], lines[1]);
 }
 
 TEST_F(LoggerTest, ElapsedTimeText) {
@@ -67,7 +83,6 @@ TEST_F(LoggerTest, ElapsedTimeText) {
   };
   for (const auto& [ms, text] : cases)
     EXPECT_EQ(timeToStringForMilliseconds(ms), text) << ms;
-  // A missing or future session start prints dashes.
   QVSetSessionStartDate(std::nullopt);
   EXPECT_EQ(timeToString(), "--:--:--:---");
   QVSetSessionStartDate(fakes.clock->now() + std::chrono::seconds(5));
@@ -77,21 +92,19 @@ TEST_F(LoggerTest, ElapsedTimeText) {
 }
 
 TEST_F(LoggerTest, MirroredToTheRemoteBufferWhateverTheConsoleSwitchTracesTwice) {
-  auto& proxy = QuorvelProxyManager::sharedManager();
-  proxy.startRemoteDebugging();
-  proxy.clearData();
-  qvLog(kLogDebug, "-[T m]", "hello %@", "world");
-  // Printed only with the trace switch on, but recorded at trace and debug level anyway.
-  QVSetShowDebugLogs(true);
-  qvTrace("-[T m]", "dump %d", 7);
+  mirror.startRemoteDebugging();
+  mirror.clearData();
+  log.log(kLogDebug, "-[T m]", "hello %@", "world");
+  fakes.logSwitches->setDebug(true);
+  log.trace("-[T m]", "dump %d", 7);
   EXPECT_TRUE(fakes.systemLog->lines().empty());
-  const auto events = proxy.events();
+  const auto events = mirror.events();
   ASSERT_EQ(events.size(), 3U);
   EXPECT_NE(events[0].find("(00:00:00:000) [DEBUG] -[T m]: hello world"), std::string::npos);
   EXPECT_NE(events[1].find("[TRACE] -[T m]: dump 7"), std::string::npos);
   EXPECT_NE(events[2].find("[DEBUG] -[T m]: dump 7"), std::string::npos);
-  QVSetShowDebugLogsTrace(true);
-  qvTrace("-[T m]", "dump %d", 8);
+  fakes.logSwitches->setTrace(true);
+  log.trace("-[T m]", "dump %d", 8);
   EXPECT_EQ(fakes.systemLog->count("[TRACE] -[T m] dump 8"), 1U);
 }
 

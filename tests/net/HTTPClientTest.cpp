@@ -22,12 +22,13 @@ class HTTPClientTest : public ::testing::Test {
  protected:
   void SetUp() override {
     fakes.install();
-    QVSetShowDebugLogs(true);
+    fakes.logSwitches->setDebug(true);
     cache = std::make_shared<QuorvelRequestCache>(
-        fakes.shared(), [this](const QuorvelRequestCacheData& r) {
+        fakes.shared(), fakes.log(), [this](const QuorvelRequestCacheData& r) {
           client->sendRequestEventToServer(r, true, std::nullopt, false, nullptr);
         });
-    client = QuorvelHTTPClient::create(fakes.shared(), QuorvelProxyManager::sharedManager(), cache);
+    client = QuorvelHTTPClient::create(fakes.shared(), QuorvelProxyManager::sharedManager(),
+                                       fakes.log(), cache);
   }
   std::vector<std::string> files() {
     return fakes.fileSystem->contentsOfDirectory(kClientCacheDir)
@@ -174,13 +175,14 @@ TEST_F(HTTPClientTest, FireAndForgetPathFollowsTheSystemsCapabilities) {
   for (const auto& c : cases) {
     test::TestPlatform local;
     local.install();
-    QVSetShowDebugLogs(true);
-    QVSetShowDebugLogsTrace(true);
+    local.logSwitches->setDebug(true);
+    local.logSwitches->setTrace(true);
     local.device->systemVersionValue = c.version;
     local.device->capabilitiesValue = c.capabilities;
-    auto localCache = std::make_shared<QuorvelRequestCache>(local.shared(), nullptr);
+    auto localCache = std::make_shared<QuorvelRequestCache>(local.shared(), local.log(), nullptr);
     auto http =
-        QuorvelHTTPClient::create(local.shared(), QuorvelProxyManager::sharedManager(), localCache);
+        QuorvelHTTPClient::create(local.shared(), QuorvelProxyManager::sharedManager(),
+                                          local.log(), localCache);
     EXPECT_EQ(http->bgSession() != nullptr, c.path == "session") << c.version;
     http->sendRequestWithConfiguration("https://monitorsdk.example/remote-debug?app_id=1",
                                        "{\"data\":[]}");

@@ -7,6 +7,7 @@
 #include <quorvel/Platform.h>
 #include <quorvel/testing/RecordingTransport.h>
 
+#include "log/Log.h"
 #include "platform/posix/PosixServices.h"
 #include "support/Fakes.h"
 #include "support/VirtualTime.h"
@@ -86,6 +87,12 @@ struct TestPlatform {
   std::shared_ptr<const Platform> shared() const {
     return std::make_shared<const Platform>(platform());
   }
+  // A logger on these fakes, with logSwitches, mirroring into the process's collection.
+  std::shared_ptr<const Log> log() const {
+    return std::make_shared<const Log>(logSwitches, clock, systemLog,
+                                       &QuorvelProxyManager::sharedManager());
+  }
+  std::shared_ptr<LogSwitches> logSwitches = std::make_shared<LogSwitches>();
   // Makes these fakes the process's platform and resets the logger's switches.
   void install() const {
     installPlatform(platform());

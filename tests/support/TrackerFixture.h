@@ -1,5 +1,5 @@
 // The fixture of the tracker's tests: the fakes installed as the process's platform, remote
-// debugging off, debug logs on, and a tracker on the fakes with a key, an app id and a host.
+// debugging off, and a tracker on the fakes (its debug log on) with a key, an app id and a host.
 // A fixture that prepares the fakes first builds its tracker itself (makeTracker).
 #pragma once
 
@@ -28,7 +28,6 @@ class TrackerFixture : public ::testing::Test {
   void SetUp() override {
     fakes.install();
     QuorvelProxyManager::sharedManager().stopRemoteDebugging();
-    QVSetShowDebugLogs(true);
     if (buildTracker_)
       makeTracker();
   }
@@ -36,6 +35,7 @@ class TrackerFixture : public ::testing::Test {
   TrackerCore& makeTracker() {
     facade = std::make_unique<QuorvelTracker>(fakes.shared());
     tracker = &coreOf(*facade);
+    tracker->logger().switches().setDebug(true);
     if (configured_) {
       tracker->setQuorvelDevKey(std::string(kDevKey));
       tracker->setAppleAppID(std::string("123"));

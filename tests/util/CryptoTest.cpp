@@ -22,7 +22,7 @@ class CryptoTest : public ::testing::Test {
 };
 
 TEST_F(CryptoTest, SealedLengthIsPaddedCiphertextPlusIvPlusSalt) {
-  const QuorvelAES128Crypto crypto(std::string("abcdefghijklmnop"), fakes.random);
+  const QuorvelAES128Crypto crypto(std::string("abcdefghijklmnop"), fakes.random, fakes.log());
   const std::pair<std::size_t, std::size_t> cases[] = {{0, 40},  {1, 40},  {15, 40},
                                                        {16, 56}, {17, 56}, {2048, 2088}};
   for (const auto& [in, out] : cases) {
@@ -34,7 +34,7 @@ TEST_F(CryptoTest, SealedLengthIsPaddedCiphertextPlusIvPlusSalt) {
 
 TEST_F(CryptoTest, ReceiverDecryptsWithTheDeveloperKeyAlone) {
   for (const std::string key : {"0123456789A", "short", "a much longer developer key \xc3\xa9"}) {
-    const QuorvelAES128Crypto crypto(key, fakes.random);
+    const QuorvelAES128Crypto crypto(key, fakes.random, fakes.log());
     const std::string payload = R"({"event":"Launched","counter":"1"})";
     const auto sealed = crypto.encrypt(Bytes(payload.begin(), payload.end()));
     ASSERT_TRUE(sealed);
@@ -45,31 +45,31 @@ TEST_F(CryptoTest, ReceiverDecryptsWithTheDeveloperKeyAlone) {
 }
 
 TEST_F(CryptoTest, SaltComesFromLongKeysOnly) {
-  const QuorvelAES128Crypto eleven(std::string("ABCDEFGHIJK"), fakes.random);
+  const QuorvelAES128Crypto eleven(std::string("ABCDEFGHIJK"), fakes.random, fakes.log());
   EXPECT_EQ(eleven.salt(), (Bytes{'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H'}));
 
   const Bytes defaultSalt = {0x66, 0xde, 0x26, 0x42, 0x9f, 0x4b, 0xc5, 0x1d};
-  const QuorvelAES128Crypto ten(std::string("ABCDEFGHIJ"), fakes.random);
+  const QuorvelAES128Crypto ten(std::string("ABCDEFGHIJ"), fakes.random, fakes.log());
   EXPECT_EQ(ten.salt(), defaultSalt);
-  const QuorvelAES128Crypto none(std::nullopt, fakes.random);
+  const QuorvelAES128Crypto none(std::nullopt, fakes.random, fakes.log());
   EXPECT_EQ(none.salt(), defaultSalt);
 }
 
 TEST_F(CryptoTest, OneObjectUsesOneIvForEveryMessage) {
-  const QuorvelAES128Crypto crypto(std::string("0123456789AB"), fakes.random);
+  const QuorvelAES128Crypto crypto(std::string("0123456789AB"), fakes.random, fakes.log());
   const auto a = crypto.encrypt(Bytes{1, 2, 3});
   const auto b = crypto.encrypt(Bytes(100, 7));
   ASSERT_TRUE(a && b);
   EXPECT_TRUE(std::equal(a->end() - 24, a->end(), b->end() - 24));
   EXPECT_TRUE(std::equal(crypto.iv().begin(), crypto.iv().end(), a->end() - 24));
-  const QuorvelAES128Crypto other(std::string("0123456789AB"), fakes.random);
+  const QuorvelAES128Crypto other(std::string("0123456789AB"), fakes.random, fakes.log());
   EXPECT_NE(other.iv(), crypto.iv());
 }
 
 TEST_F(CryptoTest, RandomFailureGivesZeroIvAndStillEncrypts) {
-  QVSetShowDebugLogs(true);
+  fakes.logSwitches->setDebug(true);
   fakes.random->failWithError = 5;
-  const QuorvelAES128Crypto crypto(std::string("0123456789AB"), fakes.random);
+  const QuorvelAES128Crypto crypto(std::string("0123456789AB"), fakes.random, fakes.log());
   EXPECT_EQ(crypto.iv(), Bytes(16, 0));
   EXPECT_EQ(fakes.systemLog->count("Unable to generate random bytes: 5"), 1U);
   const auto sealed = crypto.encrypt(Bytes{'x'});
@@ -81,7 +81,7 @@ TEST_F(CryptoTest, DerivedKeyMatchesPbkdf2Sha1) {
   const Bytes salt = {'s', 'a', 'l', 't', 's', 'a', 'l', 't'};
   unsigned char want[16];
   PKCS5_PBKDF2_HMAC("password", 8, salt.data(), 8, 10000, EVP_sha1(), 16, want);
-  EXPECT_EQ(QuorvelAES128Crypto::AESKeyForPassword(std::string("password"), salt),
+  EXPECT_EQ(QuorvelAES128Crypto::AESKeyForPassword(std::string("password"), salt, *fakes.log()),
             Bytes(want, want + 16));
 }
 

@@ -70,7 +70,8 @@ TEST_F(UtilsTest, ValidDeeplinkIsNonBlank) {
 }
 
 TEST_F(UtilsTest, JsonSerialisationRefusesWhatItCannotWrite) {
-  EXPECT_EQ(QuorvelUtils::getJsonStringFromDictionary(Json{{"a", 1}, {"b", "x"}}),
+  const auto log = fakes.log();
+  EXPECT_EQ(QuorvelUtils::getJsonStringFromDictionary(Json{{"a", 1}, {"b", "x"}}, *log),
             R"({"a":1,"b":"x"})");
   const Json unwritable[] = {
       Json{{"n", std::numeric_limits<double>::quiet_NaN()}},
@@ -78,14 +79,14 @@ TEST_F(UtilsTest, JsonSerialisationRefusesWhatItCannotWrite) {
       Json("not a container"),
   };
   for (const auto& v : unwritable) {
-    EXPECT_EQ(QuorvelUtils::getJsonStringFromDictionary(v), std::nullopt);
-    EXPECT_EQ(QuorvelUtils::getJsonDataFromDictionary(v), std::nullopt);
-    EXPECT_EQ(stringify(v), "");
+    EXPECT_EQ(QuorvelUtils::getJsonStringFromDictionary(v, *log), std::nullopt);
+    EXPECT_EQ(QuorvelUtils::getJsonDataFromDictionary(v, *log), std::nullopt);
+    EXPECT_EQ(stringify(v, *log), "");
   }
   // A byte that is not UTF-8 costs the character, never the text.
-  EXPECT_EQ(QuorvelUtils::getJsonStringFromDictionary(Json{{"bad", std::string("a\xff")}}),
+  EXPECT_EQ(QuorvelUtils::getJsonStringFromDictionary(Json{{"bad", std::string("a\xff")}}, *log),
             "{\"bad\":\"a\xEF\xBF\xBD\"}");
-  const auto data = QuorvelUtils::getJsonDataFromDictionary(Json{{"k", "v"}});
+  const auto data = QuorvelUtils::getJsonDataFromDictionary(Json{{"k", "v"}}, *log);
   ASSERT_TRUE(data);
   EXPECT_EQ(std::string(data->begin(), data->end()), R"({"k":"v"})");
 }
