@@ -80,7 +80,7 @@ void removeStrayTempFiles(platform::FileSystem& fs, const std::string& directory
     if (isTempFile(name)) {
       fs.removeFile(directory + "/" + name);
       log.log(kLogDebug, "-[QuorvelRequestCache getCacheDirectoryPath]",
-            "removed %@, left by a write that did not finish", name);
+              "removed %@, left by a write that did not finish", name);
     }
   }
 }
@@ -116,7 +116,7 @@ std::optional<std::string> QuorvelRequestCache::getCacheDirectoryPath() {
   auto& fs = *platform_->fileSystem;
   if (!fs.fileExists(path) && !fs.createDirectory(path)) {
     log_->log(kLogError, kMethod, "[QuorvelCache Directory] %@",
-          "could not create the directory " + path);
+              "could not create the directory " + path);
     return std::nullopt;
   }
   log_->log(kLogDebug, kMethod, "cache dir: %@", path);
@@ -128,7 +128,7 @@ void QuorvelRequestCache::initialize() {
   auto& fs = *platform_->fileSystem;
   if (!path || (!fs.fileExists(*path) && !fs.createDirectory(*path))) {
     log_->log(kLogError, "-[QuorvelRequestCache initialize]", "failed to create cache dir: %@",
-          "could not create " + path.value_or(std::string("the caches directory")));
+              "could not create " + path.value_or(std::string("the caches directory")));
     failedToInitialize_ = true;
   }
   std::lock_guard guard(lock_);
@@ -177,7 +177,7 @@ std::optional<std::string> QuorvelRequestCache::cacheRequest(
   std::string reason;
   if (!directory || !fs.writeFileAtomically(path, Bytes(content.begin(), content.end()), &reason)) {
     log_->log(kLogError, kMethod, "Error writing file at %@\n%@", path,
-          reason.empty() ? std::string("the cache directory is not available") : reason);
+              reason.empty() ? std::string("the cache directory is not available") : reason);
     return std::nullopt;
   }
   return path.substr(directory->size() + 1);
@@ -273,8 +273,8 @@ void QuorvelRequestCache::sendCachedRequest(const QuorvelRequestCacheData& reque
     if (sender_)
       sender_(request);
   } catch (...) {
-    log_->log(kLogError, "-[QuorvelRequestCache sendCachedRequest:]", "failed to start connection %@",
-          request.requestURL());
+    log_->log(kLogError, "-[QuorvelRequestCache sendCachedRequest:]",
+              "failed to start connection %@", request.requestURL());
   }
 }
 
@@ -284,8 +284,8 @@ void QuorvelRequestCache::deleteRequest(const QuorvelRequestCacheData& request) 
       directory.value_or(std::string()) + "/" + request.cacheKey().value_or(std::string());
   std::string reason;
   if (!platform_->fileSystem->removeFile(path, &reason)) {
-    log_->log(kLogError, "-[QuorvelRequestCache deleteRequest:]", "Error deleting file at %@\n%@", path,
-          reason);
+    log_->log(kLogError, "-[QuorvelRequestCache deleteRequest:]", "Error deleting file at %@\n%@",
+              path, reason);
   }
 }
 

@@ -50,7 +50,7 @@ Bytes QuorvelAES128Crypto::randomDataOfLength(unsigned long length,
   const int status = random ? random->fill(buffer) : -1;
   if (status != 0) {
     log.log(kLogError, "+[QuorvelAES128Crypto randomDataOfLength:]",
-          "Unable to generate random bytes: %d", status);
+            "Unable to generate random bytes: %d", status);
     std::fill(buffer.begin(), buffer.end(), 0);
   }
   return buffer;
@@ -66,7 +66,7 @@ Bytes QuorvelAES128Crypto::AESKeyForPassword(const std::optional<std::string>& p
   if (ok != 1) {
     // The platform's derivation reports -4300 (parameter error) for such failures.
     log.log(kLogError, "+[QuorvelAES128Crypto AESKeyForPassword:salt:]",
-          "Unable to create AES key for password: %d", -4300);
+            "Unable to create AES key for password: %d", -4300);
     std::fill(key.begin(), key.end(), 0);
   }
   return key;
@@ -84,8 +84,9 @@ std::optional<Bytes> QuorvelAES128Crypto::encrypt(const Bytes& data) const {
   static constexpr const char* kMethod = "-[QuorvelAES128Crypto encrypt:]";
   const Bytes& key = derivedKey();
   if (log_->traceWanted()) {
-    log_->trace(kMethod, "key: %@",
-            bytesAsText(std::string_view(reinterpret_cast<const char*>(key.data()), key.size())));
+    log_->trace(
+        kMethod, "key: %@",
+        bytesAsText(std::string_view(reinterpret_cast<const char*>(key.data()), key.size())));
   }
   if (data.size() > static_cast<std::size_t>(INT32_MAX - 32)) {
     log_->log(kLogError, kMethod, "Unable to encrypt data");

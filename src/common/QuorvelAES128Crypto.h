@@ -30,8 +30,8 @@ class QuorvelAES128Crypto {
   static constexpr const char* kDefaultSaltBase64 = "Zt4mQp9LxR0=";
 
   // Draws the IV from `random` and chooses the salt; failures are logged to `log`.
-  QuorvelAES128Crypto(std::optional<std::string> password,
-                      std::shared_ptr<platform::Random> random, std::shared_ptr<const Log> log);
+  QuorvelAES128Crypto(std::optional<std::string> password, std::shared_ptr<platform::Random> random,
+                      std::shared_ptr<const Log> log);
 
   const std::optional<std::string>& password() const noexcept { return password_; }
   const Bytes& salt() const noexcept { return salt_; }

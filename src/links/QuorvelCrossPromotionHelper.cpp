@@ -88,18 +88,18 @@ void QuorvelCrossPromotionHelper::trackCrossPromoteImpression(
   request.url = generator.generateLink();
   tracker.platform()
       .urlSessions->defaultSession()
-      ->dataTask(std::move(request),
-                 [report = coreOf(tracker).reportLedger()->currentOrOpen(),
-                  log = coreOf(tracker).log()](const auto&, const auto&,
-                                               const std::optional<Error>& error) {
-                   if (error) {
-                     log->log(kLogError,
-                           "+[QuorvelCrossPromotionHelper "
-                           "trackCrossPromoteImpression:campaign:]_block_invoke",
-                           "Quorvel crossPromotionViewed Connection failed! Error - %@",
-                           error->localizedDescription);
-                   }
-                 })
+      ->dataTask(
+          std::move(request),
+          [report = coreOf(tracker).reportLedger()->currentOrOpen(), log = coreOf(tracker).log()](
+              const auto&, const auto&, const std::optional<Error>& error) {
+            if (error) {
+              log->log(kLogError,
+                       "+[QuorvelCrossPromotionHelper "
+                       "trackCrossPromoteImpression:campaign:]_block_invoke",
+                       "Quorvel crossPromotionViewed Connection failed! Error - %@",
+                       error->localizedDescription);
+            }
+          })
       ->resume();
 }
 

@@ -31,17 +31,17 @@ QuorvelLinkGenerator::QuorvelLinkGenerator(std::optional<std::string> meidaSourc
 QuorvelLinkGenerator::QuorvelLinkGenerator(std::optional<std::string> meidaSource,
                                            QuorvelTracker& tracker)
     : tracker_(&tracker) {
-  coreOf(tracker).logger().log(kLogDebug, "-[QuorvelLinkGenerator initWithMeidaSource:]", "initWithMeidaSource is called");
+  coreOf(tracker).logger().log(kLogDebug, "-[QuorvelLinkGenerator initWithMeidaSource:]",
+                               "initWithMeidaSource is called");
   mediaSource_ = std::move(meidaSource);
 }
 
-#define QV_SETTER(NAME, FIELD, LINE)                                         \
-  void QuorvelLinkGenerator::NAME(const std::optional<std::string>& value) { \
-    if (!value)                                                              \
-      return;                                                                \
-    logSetter(coreOf(*tracker_).logger(), "-[QuorvelLinkGenerator " #NAME ":]", \
-              LINE, *value);                                                 \
-    FIELD = *value;                                                          \
+#define QV_SETTER(NAME, FIELD, LINE)                                                           \
+  void QuorvelLinkGenerator::NAME(const std::optional<std::string>& value) {                   \
+    if (!value)                                                                                \
+      return;                                                                                  \
+    logSetter(coreOf(*tracker_).logger(), "-[QuorvelLinkGenerator " #NAME ":]", LINE, *value); \
+    FIELD = *value;                                                                            \
   }
 QV_SETTER(setChannel, channel_, "channel:           %@")
 QV_SETTER(setReferrerCustomerId, referrerCustomerId_, "referrerCustomerId: %@")
@@ -107,7 +107,8 @@ std::string QuorvelLinkGenerator::generateLink() const {
       *query += format("%@=%@", percentEscape(key, isUnreservedInUrl),
                        percentEscape(value.get<std::string>(), isUnreservedInUrl));
     } else {
-      coreOf(*tracker_).logger().log(kLogDebug, kGenerateLink, "Key `%@` ignored. Unsupported format.", key);
+      coreOf(*tracker_).logger().log(kLogDebug, kGenerateLink,
+                                     "Key `%@` ignored. Unsupported format.", key);
     }
   }
   const std::string link =

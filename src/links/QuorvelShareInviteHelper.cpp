@@ -47,7 +47,8 @@ QuorvelLinkGenerator QuorvelShareInviteHelper::createLink(QuorvelTracker& tracke
   if (const auto scheme = prefs.stringForKey(keys::kHoplineScheme); scheme && scheme->size() >= 4) {
     generator.setBaseDeeplink(scheme);
   }
-  coreOf(tracker).logger().log(kLogDebug, "+[QuorvelShareInviteHelper createLink:]", "return linkGenerator ...");
+  coreOf(tracker).logger().log(kLogDebug, "+[QuorvelShareInviteHelper createLink:]",
+                               "return linkGenerator ...");
   return generator;
 }
 

@@ -130,13 +130,9 @@ class Log {
 
   // True when a debug message would reach the console or the remote buffer; call sites test
   // it before building expensive arguments.
-  bool debugWanted() const noexcept {
-    return switches_->debug() || collectingMirror() != nullptr;
-  }
+  bool debugWanted() const noexcept { return switches_->debug() || collectingMirror() != nullptr; }
   // The same for a trace message.
-  bool traceWanted() const noexcept {
-    return switches_->trace() || collectingMirror() != nullptr;
-  }
+  bool traceWanted() const noexcept { return switches_->trace() || collectingMirror() != nullptr; }
 
  private:
   QuorvelProxyManager* collectingMirror() const noexcept {

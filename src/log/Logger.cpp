@@ -135,8 +135,8 @@ std::string mirrorLine(const std::string& elapsed, int level, const char* method
 void emitLogLine(int level, const char* method, const std::string& message) noexcept {
   try {
     const bool tracing = kQVLoggerShowLogsTrace.load(std::memory_order_relaxed);
-    writeLogSink(consoleLine(tracing, tracing ? timeToString() : std::string(), level, method,
-                             message));
+    writeLogSink(
+        consoleLine(tracing, tracing ? timeToString() : std::string(), level, method, message));
   } catch (...) {
     // The logger never fails visibly.
   }
@@ -147,8 +147,7 @@ void addLogEventFormatted(int level, const char* method, const std::string& mess
   try {
     const auto clock = logClock();
     QuorvelProxyManager::sharedManager().addEventWithString(
-        mirrorLine(elapsedText(QVSessionStartDate(), clock->now()), level, method, message),
-        clock);
+        mirrorLine(elapsedText(QVSessionStartDate(), clock->now()), level, method, message), clock);
   } catch (...) {
   }
 }

@@ -107,7 +107,7 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
   const auto keptAtExit = ticket && !fromCache ? ticket->answered() : std::nullopt;
   if (error) {
     log_->log(kLogDebug, kMethod, "Quorvel Connection failed! Error - %@ ",
-          error->localizedDescription);
+              error->localizedDescription);
     if (keptAtExit) {
       return;  // already in the cache
     } else if (fromCache) {
@@ -122,7 +122,7 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
   }
   // Any HTTP answer counts as delivered, whatever its status.
   log_->log(kLogDebug, kMethod, "sent information to server, status = %ld",
-        response ? response->statusCode : 0L);
+            response ? response->statusCode : 0L);
   const std::string text = body ? std::string(body->begin(), body->end()) : std::string();
   const Json parsed = parseBoundedJson(text);
   auto& proxy = remoteDebugging_;
@@ -186,7 +186,8 @@ void QuorvelHTTPClient::sendRequestWithConfiguration(const std::string& url,
     }
     task->resume();
   } else {
-    log_->trace("-[QuorvelHTTPClient sendRequestWithConfiguration:data:]", "WARN: bgSession is nil");
+    log_->trace("-[QuorvelHTTPClient sendRequestWithConfiguration:data:]",
+                "WARN: bgSession is nil");
   }
 }
 
@@ -204,7 +205,7 @@ void QuorvelHTTPClient::backgroundCallWithRequest(platform::URLRequest request) 
   };
   cell->store(application->beginBackgroundTask([log = log_, me, cell, endTask] {
     log->trace("-[QuorvelHTTPClient backgroundCallWithRequest:]_block_invoke",
-            "%@ background task %lu cut short", me, cell->load());
+               "%@ background task %lu cut short", me, cell->load());
     endTask();
   }));
   auto session = platform_->urlSessions->sharedSession();
@@ -340,8 +341,9 @@ std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::sendValidateRequest
       std::move(http), [log = log_, complitionBlock, ticket = reportOfNewRequest()](
                            const auto& answer, const auto&, const auto& error) {
         if (error) {
-          log->log(kLogDebug, "-[QuorvelHTTPClient sendValidateRequest:complitionBlock:]_block_invoke",
-                "Quorvel Connection failed! Error - %@", error->localizedDescription);
+          log->log(kLogDebug,
+                   "-[QuorvelHTTPClient sendValidateRequest:complitionBlock:]_block_invoke",
+                   "Quorvel Connection failed! Error - %@", error->localizedDescription);
         }
         if (complitionBlock)
           complitionBlock(error, answer);
@@ -401,7 +403,7 @@ void QuorvelHTTPClient::didCompleteWithError(platform::URLSessionTask& task,
                                              const std::optional<Error>& error) {
   if (error) {
     log_->log(kLogError, "-[QuorvelHTTPClient URLSession:task:didCompleteWithError:]",
-          "task %@ completed with error: %@", task.description(), error->localizedDescription);
+              "task %@ completed with error: %@", task.description(), error->localizedDescription);
   }
   ReportLedger::TicketPtr settled;  // let go outside the lock
   const std::lock_guard lock(backgroundReportsMutex_);

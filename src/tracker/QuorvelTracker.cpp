@@ -47,8 +47,8 @@ QuorvelTracker& QuorvelTracker::sharedTracker() noexcept {
     // Its request cache is its own and replays through it. Its logger is the process's: the
     // exported switches drive it.
     // (`new`: the constructor that takes the switches is private.)
-    static NoDestructor<std::unique_ptr<QuorvelTracker>> tracker(
-        std::unique_ptr<QuorvelTracker>(new QuorvelTracker(currentPlatform(), LogSwitches::process())));
+    static NoDestructor<std::unique_ptr<QuorvelTracker>> tracker(std::unique_ptr<QuorvelTracker>(
+        new QuorvelTracker(currentPlatform(), LogSwitches::process())));
     // The shared session first, so that its own exit handlers are registered before this
     // one and therefore run after it: the exit flush still has a working network.
     if (const auto& sessions = tracker.get()->core_->platform().urlSessions)
@@ -86,14 +86,16 @@ std::optional<std::string> QuorvelTracker::quorvelDevKey() const noexcept {
                  [&] { return core_->quorvelDevKey(); });
 }
 void QuorvelTracker::setQuorvelDevKey(std::optional<std::string> key) noexcept {
-  guarded(*core_, "-[QuorvelTracker setQuorvelDevKey:]", [&] { core_->setQuorvelDevKey(std::move(key)); });
+  guarded(*core_, "-[QuorvelTracker setQuorvelDevKey:]",
+          [&] { core_->setQuorvelDevKey(std::move(key)); });
 }
 std::optional<std::string> QuorvelTracker::appleAppID() const noexcept {
   return guarded(*core_, "-[QuorvelTracker appleAppID]", std::optional<std::string>(),
                  [&] { return core_->appleAppID(); });
 }
 void QuorvelTracker::setAppleAppID(std::optional<std::string> appID) noexcept {
-  guarded(*core_, "-[QuorvelTracker setAppleAppID:]", [&] { core_->setAppleAppID(std::move(appID)); });
+  guarded(*core_, "-[QuorvelTracker setAppleAppID:]",
+          [&] { core_->setAppleAppID(std::move(appID)); });
 }
 std::optional<std::string> QuorvelTracker::customerUserID() const noexcept {
   return guarded(*core_, "-[QuorvelTracker customerUserID]", std::optional<std::string>(),
@@ -128,7 +130,8 @@ std::optional<std::string> QuorvelTracker::currencyCode() const noexcept {
                  [&] { return core_->currencyCode(); });
 }
 void QuorvelTracker::setCurrencyCode(std::optional<std::string> code) noexcept {
-  guarded(*core_, "-[QuorvelTracker setCurrencyCode:]", [&] { core_->setCurrencyCode(std::move(code)); });
+  guarded(*core_, "-[QuorvelTracker setCurrencyCode:]",
+          [&] { core_->setCurrencyCode(std::move(code)); });
 }
 bool QuorvelTracker::isDebug() const noexcept {
   return core_->isDebug();
@@ -164,7 +167,8 @@ bool QuorvelTracker::disableIAdTracking() const noexcept {
   return core_->disableIAdTracking();
 }
 void QuorvelTracker::setDisableIAdTracking(bool flag) noexcept {
-  guarded(*core_, "-[QuorvelTracker setDisableIAdTracking:]", [&] { core_->setDisableIAdTracking(flag); });
+  guarded(*core_, "-[QuorvelTracker setDisableIAdTracking:]",
+          [&] { core_->setDisableIAdTracking(flag); });
 }
 bool QuorvelTracker::useReceiptValidationSandbox() const noexcept {
   return core_->useReceiptValidationSandbox();
@@ -221,7 +225,8 @@ std::shared_ptr<QuorvelTrackerDelegate> QuorvelTracker::delegate() const noexcep
                  [&] { return core_->delegate(); });
 }
 void QuorvelTracker::setDelegate(std::weak_ptr<QuorvelTrackerDelegate> delegate) noexcept {
-  guarded(*core_, "-[QuorvelTracker setDelegate:]", [&] { core_->setDelegate(std::move(delegate)); });
+  guarded(*core_, "-[QuorvelTracker setDelegate:]",
+          [&] { core_->setDelegate(std::move(delegate)); });
 }
 
 // --- Information --------------------------------------------------------------------------
@@ -257,7 +262,8 @@ void QuorvelTracker::trackAppLaunch() noexcept {
 }
 void QuorvelTracker::trackEvent(const std::string& eventName,
                                 const std::optional<std::string>& value) noexcept {
-  guarded(*core_, "-[QuorvelTracker trackEvent:withValue:]", [&] { core_->trackEvent(eventName, value); });
+  guarded(*core_, "-[QuorvelTracker trackEvent:withValue:]",
+          [&] { core_->trackEvent(eventName, value); });
 }
 void QuorvelTracker::trackEventWithValue(const std::string& eventName,
                                          const std::optional<std::string>& value) noexcept {
@@ -282,7 +288,8 @@ std::chrono::milliseconds QuorvelTracker::exitFlushTimeout() const noexcept {
   return core_->exitFlushTimeout();
 }
 void QuorvelTracker::setExitFlushTimeout(std::chrono::milliseconds timeout) noexcept {
-  guarded(*core_, "-[QuorvelTracker setExitFlushTimeout:]", [&] { core_->setExitFlushTimeout(timeout); });
+  guarded(*core_, "-[QuorvelTracker setExitFlushTimeout:]",
+          [&] { core_->setExitFlushTimeout(timeout); });
 }
 bool QuorvelTracker::flushAtExit() noexcept {
   return core_->flushAtExit();
@@ -303,7 +310,8 @@ void QuorvelTracker::handleOpenURL(const std::string& url,
 }
 void QuorvelTracker::handleOpenUrl(const std::string& url,
                                    const std::optional<QuorvelOpenURLOptions>& options) noexcept {
-  guarded(*core_, "-[QuorvelTracker handleOpenUrl:options:]", [&] { core_->handleOpenUrl(url, options); });
+  guarded(*core_, "-[QuorvelTracker handleOpenUrl:options:]",
+          [&] { core_->handleOpenUrl(url, options); });
 }
 bool QuorvelTracker::continueUserActivity(
     const QuorvelUserActivity& userActivity,
@@ -342,7 +350,8 @@ void QuorvelTracker::validateAndTrackInAppPurchase(
   });
 }
 void QuorvelTracker::registerUninstall(const Bytes& deviceToken) noexcept {
-  guarded(*core_, "-[QuorvelTracker registerUninstall:]", [&] { core_->registerUninstall(deviceToken); });
+  guarded(*core_, "-[QuorvelTracker registerUninstall:]",
+          [&] { core_->registerUninstall(deviceToken); });
 }
 
 }  // namespace quorvel

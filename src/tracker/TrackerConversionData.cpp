@@ -50,9 +50,10 @@ void TrackerCore::getConversionData() {
   if (cached) {
     std::weak_ptr<QuorvelTrackerDelegate> weak = d;
     p.dispatcher->mainQueue()->asyncAfter(
-        std::chrono::milliseconds(1), carryReport(ReportLedger::current(), [weak, log = log_, data = *cached] {
+        std::chrono::milliseconds(1),
+        carryReport(ReportLedger::current(), [weak, log = log_, data = *cached] {
           log->log(kLogDebug, "-[QuorvelTracker getConversionData]_block_invoke",
-                "conversion data description:\n %@", data);
+                   "conversion data description:\n %@", data);
           if (const auto current = weak.lock(); current && current->onConversionDataReceived) {
             current->onConversionDataReceived(data);
           }

@@ -57,7 +57,8 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
   shouldCollectDeviceName_ = true;
   platfromDevName_ = QuorvelUtils::develomentPlatformName(*platform_->classRegistry);
   advertiserId_ = "";
-  httpClient_ = QuorvelHTTPClient::create(platform_, remoteDebugging_, log_, requestCache_, ledger_);
+  httpClient_ =
+      QuorvelHTTPClient::create(platform_, remoteDebugging_, log_, requestCache_, ledger_);
   iAdClient_ = std::make_shared<const QVSDKiAdClient>(platform_, log_);
   mBackgroundQueue_ = platform_->dispatcher->makeSerialQueue(kSerialQueueLabel);
   // Written through the system log itself, so that it shows even with debugging off.
@@ -109,7 +110,8 @@ void TrackerCore::setQuorvelDevKey(std::optional<std::string> key) {
   key = hostText(key);
   write(quorvelDevKey_, key);
   // Key derivation is deferred to each encryption; making the cipher only draws the IV.
-  auto cipher = std::make_shared<const QuorvelAES128Crypto>(std::move(key), platform_->random, log_);
+  auto cipher =
+      std::make_shared<const QuorvelAES128Crypto>(std::move(key), platform_->random, log_);
   write(crypto_, std::move(cipher));
 }
 
@@ -129,7 +131,8 @@ std::optional<std::string> TrackerCore::customerUserID() const {
 }
 
 void TrackerCore::setCustomerUserID(std::optional<std::string> customerUserID) {
-  log_->log(kLogDebug, "-[QuorvelTracker setCustomerUserID:]", "SetCustomerId = %@", customerUserID);
+  log_->log(kLogDebug, "-[QuorvelTracker setCustomerUserID:]", "SetCustomerId = %@",
+            customerUserID);
   write(customerUserID_, hostText(customerUserID));
 }
 
@@ -178,8 +181,8 @@ void TrackerCore::setIsDebug(bool isDebug) {
   log_->switches().setDebug(isDebug);
   if (isDebug) {
     log_->log(kLogDebug, "-[QuorvelTracker setIsDebug:]",
-          "* * * Quorvel is set to debug mode. This should only be used in development "
-          "enviornment!!!! * * *");
+              "* * * Quorvel is set to debug mode. This should only be used in development "
+              "enviornment!!!! * * *");
   }
 }
 
@@ -193,7 +196,7 @@ bool TrackerCore::shouldCollectDeviceName() const {
 
 void TrackerCore::setShouldCollectDeviceName(bool flag) {
   log_->log(kLogDebug, "-[QuorvelTracker setShouldCollectDeviceName:]",
-        "setShouldCollectDeviceName is called with flag: %@", flag ? "YES" : "NO");
+            "setShouldCollectDeviceName is called with flag: %@", flag ? "YES" : "NO");
   shouldCollectDeviceName_ = flag;
 }
 
@@ -224,8 +227,8 @@ void TrackerCore::setUseReceiptValidationSandbox(bool flag) {
   useReceiptValidationSandbox_ = flag;
   // Written whatever the value, also when the sandbox is switched off.
   log_->log(kLogDebug, "-[QuorvelTracker setUseReceiptValidationSandbox:]",
-        "* * * Quorvel is set to verify in app purchases on Apple sandbox. This should only be "
-        "used in development enviornment!!!! * * *");
+            "* * * Quorvel is set to verify in app purchases on Apple sandbox. This should only be "
+            "used in development enviornment!!!! * * *");
 }
 
 bool TrackerCore::useUninstallSandbox() const {
@@ -333,7 +336,7 @@ void TrackerCore::remoteDebuggingCallWithData(const std::string& data) {
     httpClient_->sendRequestWithConfiguration(url, data);
   } catch (const std::exception& e) {
     log_->log(kLogError, "-[QuorvelTracker remoteDebuggingCallWithData:]",
-          "could not send remoteDebuggingCallWithData(%@): %@", data, e.what());
+              "could not send remoteDebuggingCallWithData(%@): %@", data, e.what());
   }
 }
 
@@ -354,12 +357,12 @@ void TrackerCore::sendRemoteDebuggingData() {
 
 void TrackerCore::onConversionDataReceived(const Json& installData) {
   log_->log(kLogDebug, "-[QuorvelTracker onConversionDataReceived:]", "Caching attribution. %@",
-        installData);
+            installData);
 }
 
 void TrackerCore::onConversionDataRequestFailure(const Error& error) {
   log_->log(kLogWarning, "-[QuorvelTracker onConversionDataRequestFailure:]",
-        "did not load install data: %@", error);
+            "did not load install data: %@", error);
 }
 
 }  // namespace quorvel

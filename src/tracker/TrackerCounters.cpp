@@ -61,7 +61,7 @@ int TrackerCore::getRealLaunchCounter() {
     return 1;
   const int stored = clampToInt(prefs.integerForKey(keys::kRealLaunchCounter));
   log_->log(kLogDebug, "-[QuorvelTracker getRealLaunchCounter]",
-        "getRealLaunchCounter real lanunch number %d", stored);
+            "getRealLaunchCounter real lanunch number %d", stored);
   return stored == INT32_MAX ? stored : stored + 1;
 }
 
@@ -73,7 +73,7 @@ void TrackerCore::incrementRealLaunchCounter() {
     value = stored == INT32_MAX ? stored : stored + 1;
   }
   log_->log(kLogDebug, "-[QuorvelTracker incrementRealLaunchCounter]",
-        "incrementRealLaunchCounter real lanunch counter after increment = %d", value);
+            "incrementRealLaunchCounter real lanunch counter after increment = %d", value);
   prefs.setInteger(keys::kRealLaunchCounter, value);
   prefs.synchronize();
 }

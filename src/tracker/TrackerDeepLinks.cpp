@@ -23,7 +23,7 @@ void TrackerCore::handleOpenURL(const std::string& url,
       sourceApplication_ = hostText(sourceApplication);
   }
   log_->log(kLogDebug, "-[QuorvelTracker handleOpenURL:sourceApplication:withAnnotation:]",
-        "HandleOpenUrl: %@", deeplink());
+            "HandleOpenUrl: %@", deeplink());
 }
 
 void TrackerCore::handleOpenURL(const std::string& url,
@@ -42,8 +42,8 @@ void TrackerCore::handleOpenUrl(const std::string& url,
 bool TrackerCore::continueUserActivity(const QuorvelUserActivity& userActivity,
                                        const std::function<void(const Json&)>& restorationHandler) {
   log_->log(kLogDebug, "-[QuorvelTracker continueUserActivity:restorationHandler:]",
-        "User Activity: %@, restoration Handler: %@", userActivity.description(),
-        restorationHandler ? "<__NSMallocBlock__>" : "(null)");
+            "User Activity: %@, restoration Handler: %@", userActivity.description(),
+            restorationHandler ? "<__NSMallocBlock__>" : "(null)");
   if (userActivity.activityType == kQuorvelUserActivityTypeBrowsingWeb && userActivity.webpageURL) {
     setDeeplink(hostText(userActivity.webpageURL));
   }
@@ -52,7 +52,7 @@ bool TrackerCore::continueUserActivity(const QuorvelUserActivity& userActivity,
 
 void TrackerCore::didUpdateUserActivity(const QuorvelUserActivity& userActivity) {
   log_->log(kLogDebug, "-[QuorvelTracker didUpdateUserActivity:]", "didUpdateUserActivity = %@",
-        userActivity.description());
+            userActivity.description());
 }
 
 void TrackerCore::handlePushNotification(const Json& pushPayload) {
@@ -63,7 +63,7 @@ void TrackerCore::handlePushNotification(const Json& pushPayload) {
   }
   setPushPayload(entry);
   log_->log(kLogDebug, "-[QuorvelTracker handlePushNotification:]",
-        "Push Notification received qv payload = %@", entry);
+            "Push Notification received qv payload = %@", entry);
 }
 
 }  // namespace quorvel

@@ -50,9 +50,9 @@ bool TrackerCore::flushAtExit() noexcept {
     }
     persistPreferencesNow();
     log_->log(kLogWarning, kMethod,
-          "exit: %d requests still unanswered after %lld ms were kept for the next start, "
-          "%d reports were not built yet",
-          kept, static_cast<long long>(timeout.count()), lost);
+              "exit: %d requests still unanswered after %lld ms were kept for the next start, "
+              "%d reports were not built yet",
+              kept, static_cast<long long>(timeout.count()), lost);
     return false;
   } catch (const std::exception& e) {
     log_->log(kLogError, kMethod, "exit flush failed: %@", e.what());

@@ -36,10 +36,10 @@ void TrackerCore::callServerWithEventName(const std::string& name,
   const Platform& p = *platform_;
   auto& prefs = *p.preferences;
   log_->log(kLogDebug, kCallServerMethod, "(%@): entered callServerWithEventName. ",
-        kQuorvelSDKVersion);
+            kQuorvelSDKVersion);
   const auto devKey = quorvelDevKey();
   log_->log(kLogDebug, kCallServerMethod, "dev key: %@",
-        devKey && !devKey->empty() ? *devKey : std::string("missing!!!"));
+            devKey && !devKey->empty() ? *devKey : std::string("missing!!!"));
   if (!devKey) {
     log_->log(kLogError, kCallServerMethod, "Quorvel dev key is missing");
     return;
@@ -48,7 +48,7 @@ void TrackerCore::callServerWithEventName(const std::string& name,
 
   const auto installTimestamp = prefs.objectForKey(keys::kInstallTimestamp);
   log_->log(kLogDebug, kCallServerMethod, "First time = %d %@ %@", installTimestamp ? 0 : 1,
-        installTimestamp, keys::kInstallTimestamp);
+            installTimestamp, keys::kInstallTimestamp);
   const bool isLaunch = name == kLaunchEventName;
   if (isLaunch)
     write(lastLaunchTime_, p.clock->now());
@@ -67,7 +67,7 @@ void TrackerCore::callServerWithEventName(const std::string& name,
   parameters.setParameter(Json(value.value_or(std::string())), "eventvalue");
   if (receipt) {
     log_->log(kLogDebug, kCallServerMethod, "install Receipt: %@",
-          QuorvelUtils::getJsonStringFromDictionary(*receipt, *log_));
+              QuorvelUtils::getJsonStringFromDictionary(*receipt, *log_));
     const auto data = receipt->find("data");
     if (data != receipt->end() && !data->is_string()) {
       log_->log(kLogDebug, kCallServerMethod, "Found install Receipt Data");
@@ -99,10 +99,11 @@ void TrackerCore::callServerWithEventName(const std::string& name,
       return;
     const auto d = tracker->delegate();
     if (d && d->onConversionDataReceived) {
-      tracker->log_->log(kLogDebug,
-            "-[QuorvelTracker "
-            "callServerWithEventName:value:withDictionary:isEvent:isIAd:]_block_invoke",
-            "Quorvel: loading attribution data");
+      tracker->log_->log(
+          kLogDebug,
+          "-[QuorvelTracker "
+          "callServerWithEventName:value:withDictionary:isEvent:isIAd:]_block_invoke",
+          "Quorvel: loading attribution data");
       tracker->getConversionData();
     }
   });

@@ -61,8 +61,8 @@ void TrackerCore::trackEvent(const std::string& hostEventName,
   const auto value = hostText(hostValue);
   if (looksLikeRevenue(value)) {
     log_->log(kLogDebug, "-[QuorvelTracker trackEvent:withValue:]",
-          "Quorvel: numeric value '%@' for event '%@' will be categorized as a revenue event.",
-          *value, eventName);
+              "Quorvel: numeric value '%@' for event '%@' will be categorized as a revenue event.",
+              *value, eventName);
   }
   scheduleEventBuild(self_, *ledger_, *platform_->dispatcher->mainQueue(), true,
                      std::chrono::milliseconds(1), [eventName, value](TrackerCore& tracker) {

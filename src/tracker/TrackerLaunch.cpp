@@ -39,7 +39,7 @@ void TrackerCore::trackAppLaunch() {
       store.synchronize();
       tracker->log_->log(kLogDebug, kBlock, "iAD. Attribution Details: %@", details);
       tracker->log_->trace(kBlock, "iAD. permitAggregateiAdData: %@",
-              tracker->permitAggregateiAdData() ? "YES" : "NO");
+                           tracker->permitAggregateiAdData() ? "YES" : "NO");
       if (tracker->permitAggregateiAdData()) {
         tracker->callServerWithEventName(kLaunchEventName, std::nullopt, false, true);
         tracker->setPermitAggregateiAdData(false);

@@ -89,7 +89,7 @@ QuorvelDictionary TrackerCore::getEventParameters(bool isLaunch) {
   if (deviceTrackingDisabled())
     d.setParameter(Json("true"), "deviceTrackingDisabled");
   log_->trace(kMethod, "disableAppleAdSupportTracking: %@",
-          disableAppleAdSupportTracking() ? "true" : "false");
+              disableAppleAdSupportTracking() ? "true" : "false");
   advertisingIdentifierStep(d);
 
   // 7. Keys 22 to 24.
@@ -99,9 +99,10 @@ QuorvelDictionary TrackerCore::getEventParameters(bool isLaunch) {
     d.setParameter(Json(*vendor), "vendorId");
   if (const auto currency = currencyCode()) {
     if (currency->size() != 3) {
-      log_->log(kLogWarning, kMethod,
-            "Quorvel WARNING: currency code should be 3 characters!!! '%@' is not a legal value.",
-            *currency);
+      log_->log(
+          kLogWarning, kMethod,
+          "Quorvel WARNING: currency code should be 3 characters!!! '%@' is not a legal value.",
+          *currency);
     }
     d.setParameter(Json(*currency), "currency");
   }
@@ -237,7 +238,8 @@ void TrackerCore::deepLinkStep(QuorvelDictionary& d) {
         } else if (error) {
           tracker->log_->log(kLogDebug, kBlock, "Error occured. %@", *error);
         } else {
-          tracker->log_->trace(kBlock, "`responceDict` && `err` are nil. Response did not pass validation");
+          tracker->log_->trace(kBlock,
+                               "`responceDict` && `err` are nil. Response did not pass validation");
         }
         tracker->setDeeplink(std::nullopt);
         tracker->setSourceApplication(std::nullopt);

@@ -55,8 +55,8 @@ void TrackerCore::validateAndTrackInAppPurchase(const std::optional<std::string>
   const auto data = receipt.find("data");
   if (data == receipt.end() || data->is_string()) {
     log_->log(kLogError, kValidateMethod,
-          "Quorvel Error: Could not get application receipt data, please check the paramters. "
-          "Track event is not sent.");
+              "Quorvel Error: Could not get application receipt data, please check the paramters. "
+              "Track event is not sent.");
     fail(
         std::nullopt,
         Json("Quorvel Error: Could not get application receipt data, please check the paramters."));

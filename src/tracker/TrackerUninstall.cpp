@@ -52,7 +52,8 @@ void TrackerCore::backgroundRegisterUninstall(const std::string& deviceToken) {
     const Platform& p = *platform_;
     const std::string url = format("https://register.%@/api/v%@/iosevent?buildnumber=%@&app_id=%@",
                                    host(), kQuorvelAPIVersion, kQuorvelSDKVersion, appleAppID());
-    log_->log(kLogDebug, kMethod, "calling register Uninstall: %@ (with token: %@)", url, deviceToken);
+    log_->log(kLogDebug, kMethod, "calling register Uninstall: %@ (with token: %@)", url,
+              deviceToken);
     auto& prefs = *p.preferences;
     const auto installDate = getInstallDate(QuorvelUtils::getDateFormatter(p.clock));
     const auto original = prefs.stringForKey(keys::kOriginalUserId);

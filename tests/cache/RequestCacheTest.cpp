@@ -28,7 +28,8 @@ class RequestCacheTest : public ::testing::Test {
     fakes.clock->set(platform::TimePoint(
         std::chrono::microseconds(978'307'200'000'000LL + 700'000'000'250'000LL)));
     cache = std::make_shared<QuorvelRequestCache>(
-        fakes.shared(), fakes.log(), [this](const QuorvelRequestCacheData& r) { sent.push_back(r); });
+        fakes.shared(), fakes.log(),
+        [this](const QuorvelRequestCacheData& r) { sent.push_back(r); });
   }
   void putFile(const std::string& name, const std::string& content) {
     fakes.fileSystem->createDirectory(kCacheDir);

@@ -83,7 +83,8 @@ Platform platformIn(const test::TempDir& dir) {
   const std::int64_t counter = preferences.integerForKey(keys::kCounter);
   if (counter < rounds)
     _exit(12);  // unreadable, or launches that left were not counted
-  QuorvelRequestCache cache(std::make_shared<const Platform>(platformIn(dir)), Log::silent(), nullptr);
+  QuorvelRequestCache cache(std::make_shared<const Platform>(platformIn(dir)), Log::silent(),
+                            nullptr);
   for (const auto& request : cache.getCachedRequests()) {
     const auto payload = test::decryptPayload(kCrashKey, request.postData().value_or(Bytes()));
     if (!payload.is_object())

@@ -180,8 +180,7 @@ TEST_F(HTTPClientTest, FireAndForgetPathFollowsTheSystemsCapabilities) {
     local.device->systemVersionValue = c.version;
     local.device->capabilitiesValue = c.capabilities;
     auto localCache = std::make_shared<QuorvelRequestCache>(local.shared(), local.log(), nullptr);
-    auto http =
-        QuorvelHTTPClient::create(local.shared(), QuorvelProxyManager::sharedManager(),
+    auto http = QuorvelHTTPClient::create(local.shared(), QuorvelProxyManager::sharedManager(),
                                           local.log(), localCache);
     EXPECT_EQ(http->bgSession() != nullptr, c.path == "session") << c.version;
     http->sendRequestWithConfiguration("https://monitorsdk.example/remote-debug?app_id=1",
