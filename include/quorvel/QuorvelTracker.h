@@ -229,7 +229,7 @@ class QuorvelTracker {
 
  private:
   friend TrackerCore& coreOf(QuorvelTracker& tracker) noexcept;
-  QuorvelTracker(std::shared_ptr<const Platform> platform,
+  QuorvelTracker(const std::shared_ptr<const Platform>& platform,
                  std::shared_ptr<LogSwitches> logSwitches);
 
   std::shared_ptr<TrackerCore> core_;

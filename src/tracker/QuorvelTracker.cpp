@@ -46,9 +46,11 @@ QuorvelTracker& QuorvelTracker::sharedTracker() noexcept {
   static QuorvelTracker& shared = []() -> QuorvelTracker& {
     // Its request cache is its own and replays through it. Its logger is the process's: the
     // exported switches drive it.
-    // (`new`: the constructor that takes the switches is private.)
+    // `new`: the constructor that takes the switches is private. Allocation failure here ends
+    // the process, as it would in any constructor of a noexcept accessor.
     static NoDestructor<std::unique_ptr<QuorvelTracker>> tracker(std::unique_ptr<QuorvelTracker>(
-        new QuorvelTracker(currentPlatform(), LogSwitches::process())));
+        new QuorvelTracker(currentPlatform(),  // NOLINT(bugprone-unhandled-exception-at-new)
+                           LogSwitches::process())));
     // The shared session first, so that its own exit handlers are registered before this
     // one and therefore run after it: the exit flush still has a working network.
     if (const auto& sessions = tracker.get()->core_->platform().urlSessions)
@@ -69,10 +71,10 @@ QuorvelProxyManager& remoteDebugging(const Platform& platform) {
 }
 }  // namespace
 
-QuorvelTracker::QuorvelTracker(std::shared_ptr<const Platform> platform)
-    : QuorvelTracker(std::move(platform), std::make_shared<LogSwitches>()) {}
+QuorvelTracker::QuorvelTracker(std::shared_ptr<const Platform> platform)  // NOLINT: public ABI
+    : QuorvelTracker(platform, std::make_shared<LogSwitches>()) {}
 
-QuorvelTracker::QuorvelTracker(std::shared_ptr<const Platform> platform,
+QuorvelTracker::QuorvelTracker(const std::shared_ptr<const Platform>& platform,
                                std::shared_ptr<LogSwitches> logSwitches)
     : core_(std::make_shared<TrackerCore>(platform, remoteDebugging(*platform), nullptr,
                                           std::move(logSwitches))) {}
