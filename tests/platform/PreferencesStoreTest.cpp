@@ -76,7 +76,6 @@ TEST_F(PreferencesStoreTest, TypedReadsCoerceLikeThePlatform) {
 }
 
 TEST_F(PreferencesStoreTest, CorruptFileIsLoggedKeptAsideAndReplaced) {
-  QVSetShowDebugLogs(true);
   std::filesystem::create_directories(dir / "Library/Preferences");
   for (const std::string& garbage :
        {std::string("{\"QuorvelCounter\": 4"), std::string("\0\0\xff", 3), std::string("[1,2]"),
@@ -94,7 +93,6 @@ TEST_F(PreferencesStoreTest, CorruptFileIsLoggedKeptAsideAndReplaced) {
 }
 
 TEST_F(PreferencesStoreTest, AFileThatCannotBeReadIsNeverWrittenOver) {
-  QVSetShowDebugLogs(true);
   std::filesystem::create_directories(dir / "Library/Preferences");
   struct Case {
     const char* name;
@@ -133,7 +131,6 @@ TEST_F(PreferencesStoreTest, AFileThatCannotBeReadIsNeverWrittenOver) {
 }
 
 TEST_F(PreferencesStoreTest, UnwritableLocationFailsWithoutLosingTheValue) {
-  QVSetShowDebugLogs(true);
   std::ofstream(dir / "blocker") << "a file where a directory should be";
   JsonFilePreferencesStore store(dir / "blocker/prefs.json", fakes.systemLog);
   store.setInteger("k", 1);

@@ -1,5 +1,3 @@
-#include <openssl/evp.h>
-
 #include <gtest/gtest.h>
 
 #include "common/QuorvelAES128Crypto.h"
@@ -20,17 +18,6 @@ class CryptoTest : public ::testing::Test {
   }
   test::TestPlatform fakes;
 };
-
-TEST_F(CryptoTest, SealedLengthIsPaddedCiphertextPlusIvPlusSalt) {
-  const QuorvelAES128Crypto crypto(std::string("abcdefghijklmnop"), fakes.random, fakes.log());
-  const std::pair<std::size_t, std::size_t> cases[] = {{0, 40},  {1, 40},  {15, 40},
-                                                       {16, 56}, {17, 56}, {2048, 2088}};
-  for (const auto& [in, out] : cases) {
-    const auto sealed = crypto.encrypt(Bytes(in, 'x'));
-    ASSERT_TRUE(sealed);
-    EXPECT_EQ(sealed->size(), out) << in;
-  }
-}
 
 TEST_F(CryptoTest, ReceiverDecryptsWithTheDeveloperKeyAlone) {
   for (const std::string key : {"0123456789A", "short", "a much longer developer key \xc3\xa9"}) {
@@ -75,14 +62,6 @@ TEST_F(CryptoTest, RandomFailureGivesZeroIvAndStillEncrypts) {
   const auto sealed = crypto.encrypt(Bytes{'x'});
   ASSERT_TRUE(sealed);
   EXPECT_EQ(decryptIndependently("0123456789AB", *sealed), Bytes{'x'});
-}
-
-TEST_F(CryptoTest, DerivedKeyMatchesPbkdf2Sha1) {
-  const Bytes salt = {'s', 'a', 'l', 't', 's', 'a', 'l', 't'};
-  unsigned char want[16];
-  PKCS5_PBKDF2_HMAC("password", 8, salt.data(), 8, 10000, EVP_sha1(), 16, want);
-  EXPECT_EQ(QuorvelAES128Crypto::AESKeyForPassword(std::string("password"), salt, *fakes.log()),
-            Bytes(want, want + 16));
 }
 
 }  // namespace
