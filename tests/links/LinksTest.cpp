@@ -243,7 +243,6 @@ TEST(HelpersOfTheSharedTracker, FormsWithoutATrackerUseTheSharedOne) {
 }
 
 TEST_F(HelpersTest, ImpressionIsAGetAndFailuresAreOnlyLogged) {
-  QVSetShowDebugLogs(true);
   facade->setAdvertiserId("AD-ID");
   QuorvelCrossPromotionHelper::trackCrossPromoteImpression(*facade, "999", std::string("spring"));
   ASSERT_EQ(fakes.transport->sent().back().session, "default");
