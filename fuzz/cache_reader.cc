@@ -12,7 +12,6 @@
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace quorvel;
   test::TestPlatform fakes;
-  fakes.install();
   QuorvelProxyManager::sharedManager().stopRemoteDebugging();
   auto cache = std::make_shared<QuorvelRequestCache>(fakes.shared(), fakes.log(), nullptr);
   const auto directory = cache->getCacheDirectoryPath();

@@ -36,7 +36,6 @@ struct World {
   std::shared_ptr<QuorvelTrackerDelegate> delegate = std::make_shared<QuorvelTrackerDelegate>();
 
   World() {
-    fakes.install();
     fakes.bundle->receiptPath = "/app/receipt";
     fakes.fileSystem->writeFileAtomically("/app/receipt", Bytes{'r', 'c', 'p'});
     tracker = std::make_unique<TrackerCore>(fakes.shared(), QuorvelProxyManager::sharedManager());

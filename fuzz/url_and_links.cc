@@ -29,7 +29,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   // The link as the next launch reads it.
   test::TestPlatform fakes;
-  fakes.install();
   QuorvelProxyManager::sharedManager().stopRemoteDebugging();
   auto tracker =
       std::make_unique<TrackerCore>(fakes.shared(), QuorvelProxyManager::sharedManager());

@@ -21,7 +21,6 @@ Bytes bytes(const std::string& s) {
 class RequestCacheTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    fakes.install();
     QuorvelProxyManager::sharedManager().stopRemoteDebugging();
     fakes.logSwitches->setDebug(true);
     // 2001-01-01 + 700,000,000.25 s.

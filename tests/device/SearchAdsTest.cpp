@@ -41,10 +41,7 @@ struct ScriptedAdClientClass final : platform::SearchAdsClientClass {
 
 class SearchAdsTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    fakes.install();
-    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
-  }
+  void SetUp() override { QuorvelProxyManager::sharedManager().stopRemoteDebugging(); }
   // Starts a request and returns where its results go.
   std::shared_ptr<std::vector<Json>> request() {
     auto results = std::make_shared<std::vector<Json>>();
@@ -102,7 +99,6 @@ TEST_F(SearchAdsTest, EachKindOfAnswer) {
   };
   for (const auto& c : cases) {
     test::TestPlatform local;
-    local.install();
     auto cls = std::make_shared<ScriptedAdClientClass>();
     cls->client->answers = c.answers;
     local.classRegistry->registerClass("ADClient", cls);

@@ -11,7 +11,6 @@ namespace {
 
 class ProxyManagerTest : public ::testing::Test {
  protected:
-  void SetUp() override { fakes.install(); }
   test::TestPlatform fakes;
   QuorvelProxyManager proxy{fakes.clock};
 };

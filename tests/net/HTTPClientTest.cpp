@@ -21,7 +21,6 @@ const Error kRefused{platform::kURLErrorDomain, -1004, "Could not connect to the
 class HTTPClientTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    fakes.install();
     fakes.logSwitches->setDebug(true);
     cache = std::make_shared<QuorvelRequestCache>(
         fakes.shared(), fakes.log(), [this](const QuorvelRequestCacheData& r) {
@@ -174,7 +173,6 @@ TEST_F(HTTPClientTest, FireAndForgetPathFollowsTheSystemsCapabilities) {
                         {"3.18", "session", platform::SystemCapabilities{}}};
   for (const auto& c : cases) {
     test::TestPlatform local;
-    local.install();
     local.logSwitches->setDebug(true);
     local.logSwitches->setTrace(true);
     local.device->systemVersionValue = c.version;

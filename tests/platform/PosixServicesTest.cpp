@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include "log/QuorvelProxyManager.h"
 #include "platform/Url.h"
 #include "platform/posix/PosixServices.h"
 #include "support/TempDir.h"

@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include "log/QuorvelProxyManager.h"
 #include "platform/AtomicFile.h"
 #include "platform/posix/JsonFilePreferencesStore.h"
 #include "support/TempDir.h"
@@ -25,10 +24,6 @@ std::string readText(const std::string& path) {
 
 class PreferencesStoreTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    fakes.install();
-    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
-  }
   test::TestPlatform fakes;
   test::TempDir dir;
   std::string file() const { return dir / "Library/Preferences/app.json"; }

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "log/QuorvelProxyManager.h"
 #include "platform/posix/FileSecureStore.h"
 #include "support/TempDir.h"
 #include "support/TestPlatform.h"
@@ -15,8 +14,6 @@ template <typename Store>
 class SecureStoreContract : public ::testing::Test {
  protected:
   void SetUp() override {
-    fakes.install();
-    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
     if constexpr (std::is_same_v<Store, FileSecureStore>) {
       store = std::make_unique<FileSecureStore>(dir / "keychain");
     } else {

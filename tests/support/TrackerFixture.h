@@ -26,7 +26,6 @@ class TrackerFixture : public ::testing::Test {
       : buildTracker_(buildTracker), configured_(configured) {}
 
   void SetUp() override {
-    fakes.install();
     QuorvelProxyManager::sharedManager().stopRemoteDebugging();
     if (buildTracker_)
       makeTracker();

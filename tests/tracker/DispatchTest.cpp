@@ -51,7 +51,6 @@ TEST_F(DispatchTest, AnUnreadableReceiptAddsNothingAndAnEarlyEventTakesTheFirstT
   EXPECT_FALSE(payload(0).contains("installReceiptData"));
 
   test::TestPlatform other;
-  other.install();
   other.bundle->receiptPath = "/app/receipt";
   other.fileSystem->writeFileAtomically("/app/receipt", Bytes{'r'});
   TrackerCore t(other.shared(), QuorvelProxyManager::sharedManager());

@@ -87,7 +87,6 @@ TEST_F(IdentityTest, KeychainCopyRaisesTheReinstallCounter) {
   const Case cases[] = {{std::nullopt, 1}, {"3", 4}, {"garbage", 1}, {"41x", 42}};
   for (const auto& c : cases) {
     test::TestPlatform local;
-    local.install();
     local.secureStore->add(keys::kKeychainService, keys::kKeychainIdItem, bytes("1600000000000-5"));
     if (c.storedCounter) {
       local.secureStore->add(keys::kKeychainService, keys::kKeychainReinstallCounterItem,

@@ -67,7 +67,6 @@ TEST_F(LaunchAndEventsTest, SessionIntervalIsStrictlyGreater) {
       {5, 2s, false}, {5, 5s, false}, {5, 5001ms, true}, {0, 0ms, false}, {0, 1ms, true}};
   for (const auto& c : cases) {
     test::TestPlatform local;
-    local.install();
     QuorvelProxyManager::sharedManager().stopRemoteDebugging();
     TrackerCore t(local.shared(), QuorvelProxyManager::sharedManager());
     t.setQuorvelDevKey(std::string(kDevKey));

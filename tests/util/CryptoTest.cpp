@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include "common/QuorvelAES128Crypto.h"
-#include "log/QuorvelProxyManager.h"
 #include "support/Decrypt.h"
 #include "support/TestPlatform.h"
 
@@ -12,10 +11,6 @@ using test::decryptIndependently;
 
 class CryptoTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    fakes.install();
-    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
-  }
   test::TestPlatform fakes;
 };
 

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include "common/QuorvelUtils.h"
-#include "log/QuorvelProxyManager.h"
 #include "support/TestPlatform.h"
 #include "util/Base64.h"
 
@@ -10,11 +9,6 @@ namespace {
 
 class UtilsTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    fakes.install();
-    QuorvelProxyManager::sharedManager().stopRemoteDebugging();
-    QuorvelProxyManager::sharedManager().clearData();
-  }
   test::TestPlatform fakes;
 };
 
