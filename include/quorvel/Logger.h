@@ -1,8 +1,11 @@
-// The library's console logger: plain functions and switches, callable by hosts too.
+// The process's console logger: plain functions and switches, callable by hosts too. They are
+// the shared tracker's: its setIsDebug/setIsTrace set these switches, and its lines go to the
+// installed platform's system log, as QVLogLocal's do. A tracker made on its own platform has
+// a logger of its own that these switches do not reach.
 //
-// Nothing is printed until the host turns the debug switch on (QuorvelTracker::setIsDebug);
-// the trace switch adds an elapsed-time stamp and lets level-5 messages through. With the
-// debug switch off a call costs one byte test: the message is not formatted.
+// Nothing is printed until the debug switch is on; the trace switch adds an elapsed-time
+// stamp and lets level-5 messages through. With the debug switch off a call costs one byte
+// test: the message is not formatted.
 #pragma once
 
 #include <atomic>
