@@ -93,39 +93,14 @@ class Log {
   // Logs at `level` and mirrors the line to the remote buffer when that collects.
   template <typename... A>
   void log(int level, const char* method, std::string_view fmt, const A&... args) const noexcept {
-    const bool console = switches_->debug();
-    QuorvelProxyManager* const mirror = collectingMirror();
-    if (!console && mirror == nullptr)
-      return;
-    try {
-      const std::string message = format(fmt, args...);
-      if (console)
-        print(level, method, message);
-      if (mirror != nullptr)
-        record(*mirror, level, method, message);
-    } catch (...) {
-      // Logging never fails visibly.
-    }
+    emit(switches_->debug(), level, false, method, fmt, args...);
   }
 
   // A trace message: printed only with the trace switch on, and recorded twice in the remote
   // buffer (at trace and at debug level) while remote debugging is on.
   template <typename... A>
   void trace(const char* method, std::string_view fmt, const A&... args) const noexcept {
-    const bool console = switches_->trace() && switches_->debug();
-    QuorvelProxyManager* const mirror = collectingMirror();
-    if (!console && mirror == nullptr)
-      return;
-    try {
-      const std::string message = format(fmt, args...);
-      if (console)
-        print(kLogTrace, method, message);
-      if (mirror != nullptr) {
-        record(*mirror, kLogTrace, method, message);
-        record(*mirror, kLogDebug, method, message);
-      }
-    } catch (...) {
-    }
+    emit(switches_->trace() && switches_->debug(), kLogTrace, true, method, fmt, args...);
   }
 
   // True when a debug message would reach the console or the remote buffer; call sites test
@@ -138,6 +113,21 @@ class Log {
   QuorvelProxyManager* collectingMirror() const noexcept {
     return mirror_ != nullptr && mirror_->isRemoteDebugging() ? mirror_ : nullptr;
   }
+  // Formats the message only when the console or the remote buffer takes it.
+  template <typename... A>
+  void emit(bool console, int level, bool alsoAsDebug, const char* method, std::string_view fmt,
+            const A&... args) const noexcept {
+    QuorvelProxyManager* const mirror = collectingMirror();
+    if (!console && mirror == nullptr)
+      return;
+    try {
+      deliver(console, mirror, level, alsoAsDebug, format(fmt, args...), method);
+    } catch (...) {
+      // Logging never fails visibly.
+    }
+  }
+  void deliver(bool console, QuorvelProxyManager* mirror, int level, bool alsoAsDebug,
+               const std::string& message, const char* method) const noexcept;
   void print(int level, const char* method, const std::string& message) const noexcept;
   void record(QuorvelProxyManager& mirror, int level, const char* method,
               const std::string& message) const noexcept;

@@ -162,6 +162,17 @@ std::shared_ptr<const Log> Log::silent() {
                                      std::make_shared<platform::StderrSystemLog>(), nullptr);
 }
 
+void Log::deliver(bool console, QuorvelProxyManager* mirror, int level, bool alsoAsDebug,
+                  const std::string& message, const char* method) const noexcept {
+  if (console)
+    print(level, method, message);
+  if (mirror != nullptr) {
+    record(*mirror, level, method, message);
+    if (alsoAsDebug)
+      record(*mirror, kLogDebug, method, message);
+  }
+}
+
 void Log::print(int level, const char* method, const std::string& message) const noexcept {
   try {
     const bool tracing = switches_->trace();
