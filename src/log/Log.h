@@ -34,6 +34,8 @@ enum LogLevel : int {
 // switch each other's logs; the shared tracker's are the process's (kQVLoggerShowLogs, ...).
 class LogSwitches {
  public:
+  static constexpr std::int64_t kNoSessionStart = INT64_MIN;
+
   LogSwitches() = default;
   LogSwitches(std::atomic<bool>& debug, std::atomic<bool>& trace,
               std::atomic<std::int64_t>& sessionStartMicros) noexcept
@@ -58,9 +60,6 @@ class LogSwitches {
   std::atomic<bool>* debug_ = &ownDebug_;
   std::atomic<bool>* trace_ = &ownTrace_;
   std::atomic<std::int64_t>* sessionStart_ = &ownSessionStart_;
-
- public:
-  static constexpr std::int64_t kNoSessionStart = INT64_MIN;
 };
 
 namespace detail {
