@@ -89,6 +89,21 @@ std::size_t VirtualDispatcher::pendingCount() const {
   return items_.size();
 }
 
+std::size_t VirtualDispatcher::clear() {
+  std::size_t dropped = 0;
+  // Released outside the lock, and again while releasing queues more (a destructor may).
+  for (;;) {
+    std::map<std::pair<platform::TimePoint, std::uint64_t>, Item> released;
+    {
+      std::lock_guard lock(mutex_);
+      released.swap(items_);
+    }
+    if (released.empty())
+      return dropped;
+    dropped += released.size();
+  }
+}
+
 std::vector<std::string> VirtualDispatcher::ranOn() const {
   std::lock_guard lock(mutex_);
   return ranOn_;

@@ -21,8 +21,12 @@ struct TestPlatform {
   TestPlatform() { transport->holdAnswers(true); }
   TestPlatform(const TestPlatform&) = delete;
   TestPlatform& operator=(const TestPlatform&) = delete;
-  // Unanswered requests hold their callers; let go of them with the platform.
-  ~TestPlatform() { transport->clear(); }
+  // Unanswered requests and work still queued hold what they captured, the platform among it;
+  // let go of them with the platform.
+  ~TestPlatform() {
+    transport->clear();
+    dispatcher->clear();
+  }
 
   // Requests sent so far through `session` (any when empty), oldest first. Each stays
   // unanswered until the test answers it by its index among all requests.
