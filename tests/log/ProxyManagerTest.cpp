@@ -15,39 +15,21 @@ class ProxyManagerTest : public ::testing::Test {
   QuorvelProxyManager proxy{fakes.clock};
 };
 
-TEST_F(ProxyManagerTest, CollectsBeforeAnyServerAnswer) {
-  EXPECT_TRUE(proxy.isRemoteDebugging());
-  EXPECT_FALSE(proxy.proxyEnabledFromServer());
-  proxy.addEventWithString("pre-launch line");
-  ASSERT_EQ(proxy.events().size(), 1U);
-  // Local time, one blank, the line; the clock's zone is UTC here.
-  EXPECT_EQ(proxy.events()[0], "2023-11-14 22:13:20 pre-launch line");
-  EXPECT_EQ(proxy.requestSize(), static_cast<std::int32_t>(proxy.events()[0].size()));
-}
-
 // A line built from raw bytes (the cipher's trace of its key) must not make the whole
 // upload unserialisable.
-TEST_F(ProxyManagerTest, LinesWithRawBytesStaySerialisable) {
+TEST_F(ProxyManagerTest, CollectsBeforeAnyServerAnswerAndLinesWithRawBytesStaySerialisable) {
+  EXPECT_TRUE(proxy.isRemoteDebugging());
+  EXPECT_FALSE(proxy.proxyEnabledFromServer());
   const std::string key =
       "\xE4~\x96"
       "0\xFF";
   proxy.addEventWithString("key: " + bytesAsText(key));
   proxy.addEventWithString("raw: " + key);
   ASSERT_EQ(proxy.events().size(), 2U);
+  // Local time, one blank, the line; the clock's zone is UTC here.
   EXPECT_EQ(proxy.events()[0], "2023-11-14 22:13:20 key: \u00E4~\u00960\u00FF");
   EXPECT_EQ(proxy.events()[1], "2023-11-14 22:13:20 raw: \uFFFD~\uFFFD0\uFFFD");
   EXPECT_TRUE(proxy.getJSONString().has_value());
-}
-
-TEST_F(ProxyManagerTest, MonitorOffDropsAndStopsCollecting) {
-  proxy.addEventWithString("a");
-  proxy.stopRemoteDebugging();
-  proxy.dropPreLaunchData();
-  EXPECT_TRUE(proxy.events().empty());
-  EXPECT_EQ(proxy.requestSize(), 0);
-  EXPECT_FALSE(proxy.isRemoteDebugging());
-  proxy.addEventWithString("b");
-  EXPECT_TRUE(proxy.events().empty());
 }
 
 TEST_F(ProxyManagerTest, SizeLimitIsCheckedBeforeAdding) {

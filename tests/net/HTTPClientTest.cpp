@@ -133,12 +133,15 @@ TEST_F(HTTPClientTest, MonitorValueSwitchesRemoteDebugging) {
     EXPECT_EQ(proxy.proxyEnabledFromServer(), c.enabled) << c.body;
     EXPECT_EQ(proxy.isRemoteDebugging(), c.enabled) << c.body;
     if (!c.enabled) {
-      // The pre-launch lines are dropped. A body that is not JSON drops first and stops
-      // after, so only the stop marker remains.
+      // The pre-launch lines are dropped and nothing more is collected. A body that is not
+      // JSON drops first and stops after, so only the stop marker remains.
+      proxy.addEventWithString("line after the answer");
       const auto events = proxy.events();
       EXPECT_EQ(events.size(), c.body == "not json" ? 1U : 0U) << c.body;
       for (const auto& e : events)
         EXPECT_NE(e.find("Turning OFF RD"), std::string::npos);
+      if (events.empty())
+        EXPECT_EQ(proxy.requestSize(), 0) << c.body;
     }
   }
 }

@@ -15,21 +15,6 @@ namespace {
 
 class DispatchTest : public test::TrackerFixture {};
 
-TEST_F(DispatchTest, EndpointsByKind) {
-  struct Case {
-    bool isEvent, isIAd;
-    std::string prefix;
-  };
-  const Case cases[] = {
-      {false, false, "t"}, {true, false, "events"}, {false, true, "attr"}, {true, true, "events"}};
-  std::size_t i = 0;
-  for (const auto& c : cases) {
-    tracker->callServerWithEventName("purchase", std::string("9.99"), c.isEvent, c.isIAd);
-    EXPECT_EQ(request(i++).url, "https://" + c.prefix +
-                                    ".svc.example/api/v4.8/iosevent?app_id=123&buildnumber=4.8.0");
-  }
-}
-
 TEST_F(DispatchTest, FirstLaunchCarriesTheReceiptAndLaterOnesDoNot) {
   fakes.bundle->receiptPath = "/app/receipt";
   fakes.fileSystem->writeFileAtomically("/app/receipt", Bytes{'r', 'c', 'p', 't'});
