@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the library into temporary prefixes, static and shared, and builds and runs the
-# consumer against each through find_package and through pkg-config.
+# demo against each through find_package and through pkg-config, and a host's test against
+# the installed test kit.
 #   consume.sh SOURCE_DIR WORK_DIR [STATIC_BUILD_DIR]
 # With STATIC_BUILD_DIR (a build tree of the static library, such as the one running this
 # test) the static prefix is installed from it rather than built again.
@@ -9,6 +10,17 @@ source_dir="$1"
 work="$2"
 static_tree="${3:-}"
 consumer="$source_dir/tests/package/consumer"
+demo="$source_dir/tools/demo"
+
+# The demo reports an event to a closed port: the installed library runs, and keeps the event
+# as a file for a later run.
+run_demo() {
+  local run="$2"
+  "$1" --data-dir "$run/data" --keychain-dir "$run/keychain" --dev-key CONSUMER-KEY \
+    --app-id 123456789 --host localhost:1 --final-flush 30 "event consumer_event" >"$run.out"
+  grep -q "^Quorvel version: 4.8" "$run.out" || { echo "the demo did not start"; exit 1; }
+  [ -n "$(ls -A "$run/data/Library/Caches/QuorvelCache")" ] || { echo "nothing kept"; exit 1; }
+}
 rm -rf "$work"
 mkdir -p "$work"
 jobs="$(nproc 2>/dev/null || echo 2)"
@@ -41,17 +53,18 @@ for kind in static shared; do
     fi
   fi
 
-  echo "=== $kind: consumer through find_package"
+  echo "=== $kind: demo and host test through find_package"
   cmake -S "$consumer" -B "$work/consumer-cmake-$kind" -G Ninja \
     -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_BUILD_RPATH="$libdir" >/dev/null
   cmake --build "$work/consumer-cmake-$kind" >/dev/null
-  "$work/consumer-cmake-$kind/consumer" "$work/run-cmake-$kind"
+  run_demo "$work/consumer-cmake-$kind/quorvel-demo" "$work/run-cmake-$kind"
   "$work/consumer-cmake-$kind/host_test"
 
-  echo "=== $kind: consumer through pkg-config"
+  echo "=== $kind: demo through pkg-config"
   flags="$(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --cflags --libs quorvel)"
   # shellcheck disable=SC2086
-  c++ -std=c++20 "$consumer/main.cpp" -o "$work/consumer-pc-$kind" $flags -Wl,-rpath,"$libdir"
-  "$work/consumer-pc-$kind" "$work/run-pc-$kind"
+  c++ -std=c++20 "$demo/main.cpp" "$demo/DemoOptions.cpp" -o "$work/demo-pc-$kind" $flags \
+    -Wl,-rpath,"$libdir"
+  run_demo "$work/demo-pc-$kind" "$work/run-pc-$kind"
 done
-echo "consumers built and ran four ways; the host test passed against the kit, static and shared"
+echo "the demo built and ran four ways; the host test passed against the kit, static and shared"

@@ -1,11 +1,13 @@
 // A host's own test of its integration, written against the installed test kit only: the
 // launch and an event run on virtual time, and the test reads what would have been sent.
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 
 #include <gtest/gtest.h>
 
 #include <quorvel/QuorvelTracker.h>
+#include <quorvel/platform/SystemLog.h>
 #include <quorvel/testing/TestPlatform.h>
 
 using namespace std::chrono_literals;
@@ -64,4 +66,22 @@ TEST(MyAppAnalytics, TheInstallIdentityOutlivesARestart) {
   auto kit = quorvel::testkit::makeTestPlatform(options, "MY-DEV-KEY");
   EXPECT_EQ(quorvel::QuorvelTracker(kit.platform).getQuorvelUID(), uid);
   std::filesystem::remove_all(dir);
+}
+
+// The library writes its log through the host's own: a platform part the host makes and the
+// library calls (its virtual functions and type information cross the library's boundary).
+struct CountingLog final : quorvel::platform::SystemLog {
+  std::atomic<int> lines = 0;
+  void write(std::string_view) noexcept override { ++lines; }
+};
+
+TEST(MyAppAnalytics, TheLibraryLogsThroughTheHostsLog) {
+  auto platform = *quorvel::testkit::makeTestPlatform("MY-DEV-KEY").platform;
+  const auto log = std::make_shared<CountingLog>();
+  platform.systemLog = log;
+  quorvel::QuorvelTracker tracker(std::make_shared<const quorvel::Platform>(platform));
+  tracker.setIsDebug(true);
+  tracker.setQuorvelDevKey(std::string("MY-DEV-KEY"));
+  EXPECT_FALSE(tracker.getQuorvelUID().empty());
+  EXPECT_GT(log->lines, 0);
 }
