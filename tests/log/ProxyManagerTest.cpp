@@ -21,13 +21,13 @@ TEST_F(ProxyManagerTest, CollectsBeforeAnyServerAnswerAndLinesWithRawBytesStaySe
   EXPECT_TRUE(proxy.isRemoteDebugging());
   EXPECT_FALSE(proxy.proxyEnabledFromServer());
   const std::string key =
-      "\xE4~\x96"
+      "\xE4~\x80"
       "0\xFF";
   proxy.addEventWithString("key: " + bytesAsText(key));
   proxy.addEventWithString("raw: " + key);
   ASSERT_EQ(proxy.events().size(), 2U);
   // Local time, one blank, the line; the clock's zone is UTC here.
-  EXPECT_EQ(proxy.events()[0], "2023-11-14 22:13:20 key: \u00E4~\u00960\u00FF");
+  EXPECT_EQ(proxy.events()[0], "2023-11-14 22:13:20 key: \u00E4~\u00800\u00FF");
   EXPECT_EQ(proxy.events()[1], "2023-11-14 22:13:20 raw: \uFFFD~\uFFFD0\uFFFD");
   EXPECT_TRUE(proxy.getJSONString().has_value());
 }

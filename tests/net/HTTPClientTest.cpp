@@ -140,8 +140,9 @@ TEST_F(HTTPClientTest, MonitorValueSwitchesRemoteDebugging) {
       EXPECT_EQ(events.size(), c.body == "not json" ? 1U : 0U) << c.body;
       for (const auto& e : events)
         EXPECT_NE(e.find("Turning OFF RD"), std::string::npos);
-      if (events.empty())
+      if (events.empty()) {
         EXPECT_EQ(proxy.requestSize(), 0) << c.body;
+      }
     }
   }
 }
@@ -149,7 +150,7 @@ TEST_F(HTTPClientTest, MonitorValueSwitchesRemoteDebugging) {
 TEST_F(HTTPClientTest, LinkSettingsFromTrackingAnswers) {
   client->handleHoplineResponse(
       Json{{"hl_domain", "go.example"}, {"hl_ver", "2"}, {"hl_scheme", "   "}});
-  EXPECT_EQ(fakes.preferences->stringForKey(keys::kHoplineDomain), "go.example");
+  EXPECT_EQ(fakes.preferences->durable()[keys::kHoplineDomain], "go.example");
   EXPECT_EQ(fakes.preferences->stringForKey(keys::kHoplineVersion), "2");
   EXPECT_FALSE(fakes.preferences->objectForKey(keys::kHoplineScheme));
   client->handleHoplineResponse(Json{{"hl_scheme", "myapp"}});

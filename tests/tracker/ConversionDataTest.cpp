@@ -53,7 +53,7 @@ TEST_F(ConversionDataTest, FreshAnswerIsCleanedStoredAndDelivered) {
   const Json want = Json::parse(R"({"af_status":"Non-organic","nested":{"y":[1]}})");
   EXPECT_EQ(received, std::vector<Json>{want});
   EXPECT_EQ(queues, std::vector<std::string>{"callback"});
-  EXPECT_EQ(fakes.preferences->objectForKey(keys::kConversionData), want);
+  EXPECT_EQ(fakes.preferences->durable()[keys::kConversionData], want);
   EXPECT_DOUBLE_EQ(fakes.preferences->doubleForKey(keys::kConversionDataCacheExpiration),
                    platform::secondsSince1970(fakes.clock->now()));
   EXPECT_DOUBLE_EQ(fakes.preferences->doubleForKey(keys::kGetConversionDataTiming), 0.25);

@@ -74,23 +74,27 @@ TEST_F(DispatchTest, UnserialisablePayloadSendsOneByte) {
 }
 
 TEST_F(DispatchTest, ADeliveredLaunchFetchesConversionDataForAnInterestedDelegate) {
+  tracker->callServerWithEventName("Launched");  // no delegate yet: nothing to fetch for
+  fakes.respond(0, 200, "{}");
+  fakes.dispatcher->runUntilIdle();
+  EXPECT_EQ(sent().size(), 1U);
   auto delegate = std::make_shared<QuorvelTrackerDelegate>();
   std::vector<Json> received;
   delegate->onConversionDataReceived = [&](const Json& d) { received.push_back(d); };
   tracker->setDelegate(delegate);
   tracker->callServerWithEventName("af_event", std::string("v"), true, false);
-  fakes.respond(0, 200, "{}");
+  fakes.respond(1, 200, "{}");
   fakes.dispatcher->runUntilIdle();
-  EXPECT_EQ(sent().size(), 1U);  // events never fetch
+  EXPECT_EQ(sent().size(), 2U);  // events never fetch
   tracker->callServerWithEventName("Launched");
-  fakes.fail(1, Error{platform::kURLErrorDomain, -1004, "refused"});
+  fakes.fail(2, Error{platform::kURLErrorDomain, -1004, "refused"});
   fakes.dispatcher->runUntilIdle();
-  EXPECT_EQ(sent().size(), 2U);  // undelivered: no fetch
+  EXPECT_EQ(sent().size(), 3U);  // undelivered: no fetch
   tracker->callServerWithEventName("Launched");
-  fakes.respond(2, 500, "{}");
+  fakes.respond(3, 500, "{}");
   fakes.dispatcher->runUntilIdle();
-  ASSERT_EQ(sent().size(), 4U);
-  EXPECT_EQ(request(3).url.rfind(
+  ASSERT_EQ(sent().size(), 5U);
+  EXPECT_EQ(request(4).url.rfind(
                 "https://sdk.svc.example/install_data/v3/id123?devkey=DEVKEY-TEST&device_id=", 0),
             0U);
 }

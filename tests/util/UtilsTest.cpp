@@ -28,14 +28,16 @@ TEST_F(UtilsTest, HashesKeepTheirByteQuirks) {
 }
 
 TEST_F(UtilsTest, QueryParametersFollowTheUrlsRealParts) {
-  const auto url = Url::parse("myapp://host.example/real/path?a=0&a=1&b&c=2=3&path=x&k%20e=v%26w");
+  const auto url =
+      Url::parse("myapp://host.example/real/path?a=0&a=1&b&c=2=3&d==4&path=x&k%20e=v%26w%39");
   ASSERT_TRUE(url);
   const Json params = QuorvelUtils::URLQueryParameters(*url);
   EXPECT_EQ(params["a"], "1");  // the later piece wins
   EXPECT_FALSE(params.contains("b"));
   EXPECT_EQ(params["c"], "2");
+  EXPECT_EQ(params["d"], "");
   EXPECT_EQ(params["path"], "/real/path");
-  EXPECT_EQ(params["k e"], "v&w");
+  EXPECT_EQ(params["k e"], "v&w9");
   EXPECT_EQ(params["scheme"], "myapp");
   EXPECT_EQ(params["host"], "host.example");
 }
