@@ -37,6 +37,7 @@
 #include <quorvel/QuorvelTracker.h>
 
 #include "common/QuorvelAES128Crypto.h"
+#include "log/Log.h"
 
 extern char** environ;
 
@@ -284,8 +285,8 @@ int runEmulator(const Options& o, const fs::path& root) {
   for (int i = 0; i < 60; ++i)
     payload["key" + std::to_string(i)] = std::string(40, static_cast<char>('a' + i % 26));
   const std::string text = payload.dump();
-  const quorvel::QuorvelAES128Crypto crypto{std::string(kDevKey),
-                                            quorvel::makePosixPlatform({}).random};
+  const quorvel::QuorvelAES128Crypto crypto{
+      std::string(kDevKey), quorvel::makePosixPlatform({}).random, quorvel::Log::silent()};
   const auto sealed = crypto.encrypt(quorvel::Bytes(text.begin(), text.end()));
   const std::string body(sealed->begin(), sealed->end());
   CURLM* multi = curl_multi_init();

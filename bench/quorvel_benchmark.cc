@@ -19,42 +19,36 @@ class NullSystemLog final : public quorvel::platform::SystemLog {
   void write(std::string_view line) noexcept override { benchmark::DoNotOptimize(line.data()); }
 };
 
-void installNullSink() {
-  quorvel::Platform p;
-  p.systemLog = std::make_shared<NullSystemLog>();
-  quorvel::installPlatform(p);
-  // Remote collection off, so that only the console path is measured.
-  quorvel::QuorvelProxyManager::sharedManager().stopRemoteDebugging();
+// A tracker's logger writing to a sink that discards every line, mirroring nowhere.
+std::shared_ptr<const quorvel::Log> nullLog(bool debug) {
+  auto switches = std::make_shared<quorvel::LogSwitches>();
+  switches->setDebug(debug);
+  return std::make_shared<const quorvel::Log>(switches, quorvel::makePosixPlatform({}).clock,
+                                              std::make_shared<NullSystemLog>(), nullptr);
 }
 
 // The cost of a log call site while the host has logging off: one byte test.
 void BM_LogCallSwitchedOff(benchmark::State& state) {
-  installNullSink();
-  quorvel::QVSetShowDebugLogs(false);
+  const auto log = nullLog(false);
   const quorvel::Json payload = {{"event", "Launched"}, {"counter", 3}};
-  for (auto _ : state) {
-    quorvel::qvLog(quorvel::kLogDebug, "-[QuorvelTracker bench]", "payload %@ n=%d", payload, 42);
-  }
+  for (auto _ : state)
+    log->log(quorvel::kLogDebug, "-[QuorvelTracker bench]", "payload %@ n=%d", payload, 42);
 }
 BENCHMARK(BM_LogCallSwitchedOff);
 
 // A log call with logging on, formatted and written to a sink that discards it.
 void BM_LogCallToNullSink(benchmark::State& state) {
-  installNullSink();
-  quorvel::QVSetShowDebugLogs(true);
+  const auto log = nullLog(true);
   const quorvel::Json payload = {{"event", "Launched"}, {"counter", 3}};
-  for (auto _ : state) {
-    quorvel::qvLog(quorvel::kLogDebug, "-[QuorvelTracker bench]", "payload %@ n=%d", payload, 42);
-  }
-  quorvel::QVSetShowDebugLogs(false);
+  for (auto _ : state)
+    log->log(quorvel::kLogDebug, "-[QuorvelTracker bench]", "payload %@ n=%d", payload, 42);
 }
 BENCHMARK(BM_LogCallToNullSink);
 
 // Sealing a 2 KB payload: PBKDF2 (10,000 rounds) plus AES-128-CBC.
 void BM_Encrypt2KB(benchmark::State& state) {
-  installNullSink();
   const quorvel::QuorvelAES128Crypto crypto(std::string("0123456789ABCDEF"),
-                                            quorvel::makePosixPlatform({}).random);
+                                            quorvel::makePosixPlatform({}).random, nullLog(false));
   const quorvel::Bytes payload(2048, 'x');
   for (auto _ : state) {
     benchmark::DoNotOptimize(crypto.encrypt(payload));
@@ -115,7 +109,7 @@ void BM_TrackEventHostThread(benchmark::State& state) {
   tracker.setQuorvelDevKey(std::string("0123456789ABCDEF"));
   const std::optional<std::string> value("9.99");
   for (auto _ : state)
-    tracker.trackEvent("af_purchase", value);
+    tracker.trackEvent("purchase_made", value);
 }
 BENCHMARK(BM_TrackEventHostThread);
 

@@ -27,7 +27,7 @@ struct World {
                       EmulatorConfig c;
                       c.port = 8443;
                       c.apps = {{kApp, kKey}};
-                      c.conversionData = Json{{"*", Json{{"status", "Organic"}}}};
+                      c.conversionData = Json{{"*", Json{{"status", "unpaid"}}}};
                       return c;
                     }(),
                     store, faults, [](const std::string&) {}, [] { return 1795000000.5; }};

@@ -87,14 +87,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       tracker.loadConversionDataWithDelegate(w.delegate);
       break;
     case 2:  // a short link read
-      tracker.httpClient()->getHopline("https://onelink.svc.example/shortlink-sdk/v1/x?id=a",
+      tracker.httpClient()->getHopline("https://links.svc.example/shortlink-sdk/v1/x?id=a",
                                        "FUZZ-DEV-KEY", [](const auto& link, const auto&) {
                                          if (link)
                                            (void)link->dump();
                                        });
       break;
     case 3:  // a short link made
-      tracker.httpClient()->createHopline("https://onelink.svc.example/shortlink-sdk/v1/x", 30,
+      tracker.httpClient()->createHopline("https://links.svc.example/shortlink-sdk/v1/x", 30,
                                           "FUZZ-DEV-KEY", Json{{"pid", "fuzz"}},
                                           [](const auto& link, const auto&) { (void)link; });
       break;

@@ -66,8 +66,8 @@ if [ "$#" -gt 0 ]; then
 else
   echo
   echo "=== 1. first launch, opened by a deep link"
-  "${demo[@]}" "open-url demoapp://open?qv_deeplink=true&pid=email&c=spring mail.app" launch \
-    "event af_purchase 9.99" 'event-values level_achieved {"level": 3, "name": "castle"}' \
+  "${demo[@]}" "open-url demoapp://open?qv_deeplink=true&pid=email&c=spring com.example.mail" launch \
+    "event purchase_made 9.99" 'event-values level_reached {"level": 3, "name": "castle"}' \
     "location 13.4 52.5" "emails 3 user@example.com" "purchase gems 0.99 USD tx-1001" \
     "register-token 0a1b2c3d4e5f6071" "invite sms" "cross-promo 987654321 spring" \
     "impression 987654321 spring" idle background | tee "$state/first.out" | grep -v '^  '
@@ -80,7 +80,7 @@ else
   echo
   echo "=== 3. the service goes offline: events are kept as files"
   fault offline
-  "${demo[@]}" "event tutorial_completion 1" "event level_achieved 4" | grep -v '^  '
+  "${demo[@]}" "event tutorial_done 1" "event level_reached 4" | grep -v '^  '
   echo "kept for replay:"
   ls -1 "$cache"
 

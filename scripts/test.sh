@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is needed, builds and runs the whole test suite: plain, under
-# AddressSanitizer + UndefinedBehaviorSanitizer, and under ThreadSanitizer; then runs each
-# fuzz target for a bounded time.
+# AddressSanitizer + UndefinedBehaviorSanitizer, and under ThreadSanitizer (warnings are errors
+# in each); smoke-runs the benchmarks; builds the plain and shared configurations without a
+# preset; then runs each fuzz target for a bounded time.
 # Choose presets with QUORVEL_TEST_PRESETS="dev asan-ubsan".
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -14,7 +15,24 @@ for preset in $presets; do
   bash scripts/build.sh "$preset"
   step "$preset: test"
   ctest --preset "$preset" --parallel "$jobs"
+  # Every benchmark once, briefly, so that none stops building or running unnoticed: a smoke
+  # run proves that, not a timing.
+  if [ "$preset" = dev ]; then
+    step "$preset: benchmarks, smoke run"
+    build/dev/bench/quorvel_benchmark --benchmark_min_time=0.001 >/dev/null 2>&1
+    build/dev/bench/quorvel_burst --events 300 --emulator-requests 300 --bound 120
+  fi
 done
+# The configurations the README offers besides the presets build with their defaults: plain
+# (static) and shared, tests and tools included (QUORVEL_TEST_CONFIGURATIONS=0 skips them).
+if [ "${QUORVEL_TEST_CONFIGURATIONS:-1}" != 0 ]; then
+  for shared in OFF ON; do
+    step "configure and build without a preset, BUILD_SHARED_LIBS=$shared"
+    cmake -S . -B "build/plain-shared-$shared" -G Ninja -DBUILD_SHARED_LIBS="$shared" \
+      -DQUORVEL_WERROR=ON >/dev/null
+    cmake --build "build/plain-shared-$shared" --parallel "$jobs" >/dev/null
+  done
+fi
 # Each fuzz target for a bounded time (QUORVEL_FUZZ_SECONDS=0 skips it).
 fuzz_seconds="${QUORVEL_FUZZ_SECONDS:-30}"
 if [ "$fuzz_seconds" -gt 0 ]; then

@@ -27,9 +27,9 @@ class EmulatorTest : public ::testing::Test {
     c.port = 8443;
     c.apps = {{kEmulatorApp, kEmulatorKey}};
     c.conversionData = Json::parse(R"({
-      "123456789/DEVICE-B": {"status": "Non-organic", "media_source": "email"},
+      "123456789/DEVICE-B": {"status": "paid", "source": "email"},
       "123456789/DEVICE-C": {"http_status": 503},
-      "*": {"status": "Organic"}})");
+      "*": {"status": "unpaid"}})");
     return c;
   }
 
@@ -127,13 +127,13 @@ TEST_F(EmulatorTest, ConversionDataIsFreshOnceThenCachedPerDevice) {
                 "devkey=" + key + "&device_id=" + device);
   };
   Json first = Json::parse(ask("DEVICE-A").body);
-  EXPECT_EQ(first["status"], "Organic");
+  EXPECT_EQ(first["status"], "unpaid");
   EXPECT_EQ(first["iscache"], false);
-  EXPECT_EQ(first["is_first_launch"], true);
+  EXPECT_EQ(first["first_open"], true);
   EXPECT_EQ(Json::parse(ask("DEVICE-A").body)["iscache"], true);
 
   const Json configured = Json::parse(ask("DEVICE-B").body);
-  EXPECT_EQ(configured["media_source"], "email");
+  EXPECT_EQ(configured["source"], "email");
   EXPECT_EQ(configured["iscache"], false);
 
   EXPECT_EQ(ask("DEVICE-C").status, 503);

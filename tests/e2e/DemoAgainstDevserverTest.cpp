@@ -111,8 +111,8 @@ class DemoAgainstDevserver : public ::testing::Test {
 };
 
 TEST_F(DemoAgainstDevserver, AWholeSessionArrivesDecryptedKeyByKey) {
-  const auto run = demo({"open-url demoapp://open?pid=email&c=spring mail.app", "launch",
-                         "event af_purchase 9.99", "purchase gems 0.99 USD tx-7",
+  const auto run = demo({"open-url demoapp://open?pid=email&c=spring com.example.mail", "launch",
+                         "event purchase_made 9.99", "purchase gems 0.99 USD tx-7",
                          "register-token 0a1b2c3d", "invite sms", "idle", "background"});
   EXPECT_NE(run.out.find("< purchase validated"), std::string::npos) << run.out;
   EXPECT_NE(run.out.find("< invite link [thread quorvel.http.cb] https://quorvel.link.localhost:"),
@@ -132,10 +132,10 @@ TEST_F(DemoAgainstDevserver, AWholeSessionArrivesDecryptedKeyByKey) {
   EXPECT_EQ(launch["appUID"], "e2e-user");
   EXPECT_EQ(launch["bundleIdentifier"], "com.quorvel.demo");
   EXPECT_EQ(launch["qv_deeplink"], "demoapp://open?pid=email&c=spring");
-  EXPECT_EQ(launch["deeplink_sourceapplication"], "mail.app");
+  EXPECT_EQ(launch["deeplink_sourceapplication"], "com.example.mail");
   const std::string uid = launch["uid"];
 
-  const auto purchases = find(requests, "events", "af_purchase");
+  const auto purchases = find(requests, "events", "purchase_made");
   ASSERT_EQ(purchases.size(), 1U);
   EXPECT_EQ(purchases[0]["decrypted"]["eventvalue"], "9.99");
   EXPECT_EQ(purchases[0]["decrypted"]["uid"], uid);

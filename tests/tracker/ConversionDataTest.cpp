@@ -49,8 +49,8 @@ TEST_F(ConversionDataTest, FreshAnswerIsCleanedStoredAndDelivered) {
   fakes.clock->advance(250ms);
   answer(
       200,
-      R"({"af_status":"Non-organic","media_source":null,"nested":{"x":null,"y":[null,1]},"iscache":false})");
-  const Json want = Json::parse(R"({"af_status":"Non-organic","nested":{"y":[1]}})");
+      R"({"origin":"paid","source":null,"nested":{"x":null,"y":[null,1]},"iscache":false})");
+  const Json want = Json::parse(R"({"origin":"paid","nested":{"y":[1]}})");
   EXPECT_EQ(received, std::vector<Json>{want});
   EXPECT_EQ(queues, std::vector<std::string>{"callback"});
   EXPECT_EQ(fakes.preferences->durable()[keys::kConversionData], want);
@@ -70,8 +70,8 @@ TEST_F(ConversionDataTest, FreshAnswerIsCleanedStoredAndDelivered) {
 
 TEST_F(ConversionDataTest, ServiceCachedAnswerKeepsTheExpiration) {
   tracker->getConversionData();
-  answer(200, R"({"af_status":"Organic","iscache":true})");
-  EXPECT_EQ(received.at(0), (Json{{"af_status", "Organic"}}));
+  answer(200, R"({"origin":"unpaid","iscache":true})");
+  EXPECT_EQ(received.at(0), (Json{{"origin", "unpaid"}}));
   EXPECT_FALSE(fakes.preferences->objectForKey(keys::kConversionDataCacheExpiration));
 }
 

@@ -40,7 +40,7 @@ TEST_F(DispatchTest, AnUnreadableReceiptAddsNothingAndAnEarlyEventTakesTheFirstT
   other.fileSystem->writeFileAtomically("/app/receipt", Bytes{'r'});
   TrackerCore t(other.shared(), QuorvelProxyManager::sharedManager());
   t.setQuorvelDevKey(std::string(kDevKey));
-  t.callServerWithEventName("af_purchase", std::nullopt, true, false);
+  t.callServerWithEventName("purchase_made", std::nullopt, true, false);
   EXPECT_TRUE(other.preferences->objectForKey(keys::kInstallTimestamp));
   t.callServerWithEventName("Launched");
   const auto body = other.requests().at(1).body;
@@ -82,7 +82,7 @@ TEST_F(DispatchTest, ADeliveredLaunchFetchesConversionDataForAnInterestedDelegat
   std::vector<Json> received;
   delegate->onConversionDataReceived = [&](const Json& d) { received.push_back(d); };
   tracker->setDelegate(delegate);
-  tracker->callServerWithEventName("af_event", std::string("v"), true, false);
+  tracker->callServerWithEventName("some_event", std::string("v"), true, false);
   fakes.respond(1, 200, "{}");
   fakes.dispatcher->runUntilIdle();
   EXPECT_EQ(sent().size(), 2U);  // events never fetch

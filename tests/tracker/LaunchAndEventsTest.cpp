@@ -161,7 +161,7 @@ TEST_F(LaunchAndEventsTest, ValueEventsGoAfter1msOnTheMainQueue) {
       {"USD 5", false}, {"", false}, {std::nullopt, false}};
   for (const auto& [value, revenue] : cases) {
     fakes.systemLog->clear();
-    tracker->trackEvent("af_purchase", value);
+    tracker->trackEvent("purchase_made", value);
     EXPECT_EQ(fakes.systemLog->count("will be categorized as a revenue event."), revenue ? 1U : 0U)
         << value.value_or("nil");
   }
@@ -178,9 +178,9 @@ TEST_F(LaunchAndEventsTest, ValueEventsGoAfter1msOnTheMainQueue) {
 }
 
 TEST_F(LaunchAndEventsTest, DictionaryEventsGoAfter100msOnTheSerialQueue) {
-  tracker->trackEventWithValues("af_level", Json{{"name", "a, b"}, {"n", 3}, {"u", "\xc3\xa9 x"}});
-  tracker->trackEventWithValues("af_nothing", std::nullopt);
-  tracker->trackEventWithValues("af_bad", Json{{"x", Json::binary({1})}});
+  tracker->trackEventWithValues("level_up", Json{{"name", "a, b"}, {"n", 3}, {"u", "\xc3\xa9 x"}});
+  tracker->trackEventWithValues("nothing_set", std::nullopt);
+  tracker->trackEventWithValues("bad_value", Json{{"x", Json::binary({1})}});
   tracker->trackLocation(13.4, 52.5);
   fakes.dispatcher->advance(99ms);
   EXPECT_TRUE(sent().empty());

@@ -87,7 +87,7 @@ TEST_F(PayloadTest, OptionalKeysAppearWithTheirConditions) {
   tracker->setAdditionalData(Json{{"tier", "gold"}});
   tracker->setAppInviteHopline(std::string("tmpl1"));
   fakes.preferences->setString(keys::kHoplineVersion, "2");
-  fakes.preferences->setObject(keys::kConversionData, Json{{"af_status", "Organic"}});
+  fakes.preferences->setObject(keys::kConversionData, Json{{"origin", "unpaid"}});
   fakes.preferences->setInteger(keys::kReInstallCounter, 2);
   fakes.preferences->setString(keys::kOriginalUserId, "orig-1");
   fakes.preferences->setObject(keys::kSearchAdsAttribution, Json{{"Version3.1", Json::object()}});
@@ -102,7 +102,7 @@ TEST_F(PayloadTest, OptionalKeysAppearWithTheirConditions) {
       1U);
   EXPECT_EQ(d["appUID"], "cust-7");
   EXPECT_EQ(d["customData"], R"({"tier":"gold"})");
-  EXPECT_EQ(d["installAttribution"], (Json{{"af_status", "Organic"}}));
+  EXPECT_EQ(d["installAttribution"], (Json{{"origin", "unpaid"}}));
   EXPECT_EQ(d["reinstallCounter"], "2");
   EXPECT_EQ(d["originalQuorvelId"], "orig-1");
   EXPECT_EQ(d["user_emails"], "{\"md5_el_arr\":[\"" + QuorvelUtils::md5("a@example.com") + "\"]}");

@@ -8,8 +8,8 @@ namespace quorvel::devserver {
 namespace {
 
 // What an install that came through no campaign is told.
-Json organicAnswer() {
-  return Json{{"status", "Organic"}, {"media_source", "organic"}};
+Json defaultAnswer() {
+  return Json{{"status", "unpaid"}, {"source", "none"}};
 }
 
 Json answerTemplate(const Json& configured, const std::string& appId, const std::string& deviceId) {
@@ -19,7 +19,7 @@ Json answerTemplate(const Json& configured, const std::string& appId, const std:
     if (const auto it = configured.find(key); it != configured.end() && it->is_object())
       return *it;
   }
-  return organicAnswer();
+  return defaultAnswer();
 }
 
 }  // namespace
@@ -48,7 +48,7 @@ ServiceResponse Emulator::conversionData(const ServiceRequest& request) {
     return errorResponse(status->get<int>(), "configured conversion-data status");
   answer.erase("http_status");
   const bool servedBefore = store_.markConversionDataServed(appId, *deviceId);
-  answer["is_first_launch"] = !servedBefore;
+  answer["first_open"] = !servedBefore;
   answer["iscache"] = servedBefore;
   ServiceResponse r;
   r.body = answer.dump();

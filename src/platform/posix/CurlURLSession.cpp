@@ -25,7 +25,9 @@
 #include "util/NoDestructor.h"
 
 namespace quorvel::platform {
-namespace {
+// Named rather than anonymous: the session class below, which a header declares, holds these
+// types, and an anonymous namespace in its fields makes the unity build warn.
+namespace curl_detail {
 
 constexpr const char* kSystemCABundle = "/etc/ssl/certs/ca-certificates.crt";
 
@@ -206,7 +208,8 @@ class CurlTask final : public URLSessionTask, public std::enable_shared_from_thi
   std::atomic<bool> resumed_{false};
 };
 
-}  // namespace
+}  // namespace curl_detail
+using namespace curl_detail;
 
 // One session: a worker thread, a multi handle, a callback queue.
 class CurlURLSession final : public URLSession,
@@ -631,7 +634,7 @@ class CurlURLSession final : public URLSession,
   std::thread worker_;
 };
 
-namespace {
+namespace curl_detail {
 
 void CurlTask::resume() noexcept {
   if (resumed_.exchange(true))
@@ -649,7 +652,7 @@ void CurlTask::cancel() noexcept {
   cancelled = true;
 }
 
-}  // namespace
+}  // namespace curl_detail
 
 }  // namespace quorvel::platform
 

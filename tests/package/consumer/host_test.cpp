@@ -21,12 +21,12 @@ TEST(MyAppAnalytics, ThePurchaseEventGoesOutWithItsValue) {
   tracker.setQuorvelDevKey(std::string("MY-DEV-KEY"));
   tracker.setAppleAppID(std::string("123456789"));
   tracker.trackAppLaunch();
-  tracker.trackEvent("af_purchase", std::string("9.99"));
+  tracker.trackEvent("purchase_made", std::string("9.99"));
   kit.dispatcher->advance(5s);
 
   const auto sent = kit.transport->sent();
   const auto purchase = std::find_if(sent.begin(), sent.end(), [](const auto& r) {
-    return r.payload && r.payload->value("event", "") == "af_purchase";
+    return r.payload && r.payload->value("event", "") == "purchase_made";
   });
   ASSERT_NE(purchase, sent.end());
   EXPECT_EQ(purchase->payload->value("eventvalue", ""), "9.99");
@@ -35,15 +35,15 @@ TEST(MyAppAnalytics, ThePurchaseEventGoesOutWithItsValue) {
 
   // Offline: the next event is kept, and goes out once the network is back.
   kit.transport->setResponder([](const auto&) { return quorvel::testkit::Answer::offline(); });
-  tracker.trackEvent("af_level", std::nullopt);
+  tracker.trackEvent("level_up", std::nullopt);
   kit.dispatcher->advance(5s);
   kit.transport->setResponder(nullptr);
   kit.transport->clear();
-  tracker.trackEvent("af_back", std::nullopt);  // its answer starts the replay
+  tracker.trackEvent("came_back", std::nullopt);  // its answer starts the replay
   kit.dispatcher->advance(5s);
   const auto replayed = kit.transport->sent();
   EXPECT_TRUE(std::any_of(replayed.begin(), replayed.end(), [](const auto& r) {
-    return r.payload && r.payload->value("event", "") == "af_level" &&
+    return r.payload && r.payload->value("event", "") == "level_up" &&
            r.queryParameter("isCachedRequest") == "true";
   }));
   EXPECT_TRUE(kit.preferences->objectForKey("QuorvelCounter"));  // kept in memory only
