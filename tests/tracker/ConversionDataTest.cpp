@@ -47,9 +47,8 @@ TEST_F(ConversionDataTest, FreshAnswerIsCleanedStoredAndDelivered) {
             "https://sdk.svc.example/install_data/v3/id123?devkey=DEVKEY-TEST&device_id=" + uid);
   EXPECT_EQ(sent()[0].method, "GET");
   fakes.clock->advance(250ms);
-  answer(
-      200,
-      R"({"origin":"paid","source":null,"nested":{"x":null,"y":[null,1]},"iscache":false})");
+  answer(200,
+         R"({"origin":"paid","source":null,"nested":{"x":null,"y":[null,1]},"iscache":false})");
   const Json want = Json::parse(R"({"origin":"paid","nested":{"y":[1]}})");
   EXPECT_EQ(received, std::vector<Json>{want});
   EXPECT_EQ(queues, std::vector<std::string>{"callback"});
