@@ -21,6 +21,7 @@
 #include <quorvel/platform/Locale.h>
 #include <quorvel/platform/NetworkInterfaces.h>
 #include <quorvel/platform/NotificationCenter.h>
+#include <quorvel/platform/OutboxStore.h>
 #include <quorvel/platform/PreferencesStore.h>
 #include <quorvel/platform/Random.h>
 #include <quorvel/platform/SecureStore.h>
@@ -49,6 +50,8 @@ struct Platform {
   std::shared_ptr<platform::SystemLog> systemLog;
   std::shared_ptr<platform::Random> random;
   std::shared_ptr<platform::Application> application;
+  // Where accepted reports wait for their answer; one tracker's at a time.
+  std::shared_ptr<platform::OutboxStore> outbox;
 };
 
 // What the POSIX defaults need to know about the host application. Empty values are

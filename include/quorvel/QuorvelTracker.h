@@ -69,6 +69,24 @@ struct QuorvelTrackerDelegate {
 };
 
 // How setUserEmails hashes the e-mails in the payload.
+// What became of the reports the host's calls made (launches, events, purchase reports), in
+// this process and as found left by an earlier one: every accepted report is delivered,
+// waiting, or dropped for one of the reasons counted.
+struct QuorvelDeliveryStats {
+  std::uint64_t accepted = 0;
+  std::uint64_t delivered = 0;
+  // In the outbox now: not yet answered. Kept-request files are counted apart.
+  std::uint64_t waiting = 0;
+  // Failed in transport and kept as files for the replay after the next answer.
+  std::uint64_t keptAsFiles = 0;
+  std::uint64_t droppedOverSize = 0;  // the oldest, past the outbox's byte bound
+  std::uint64_t droppedOverAge = 0;   // past the outbox's age bound
+  std::uint64_t droppedByRule = 0;    // a launch too soon after the last, no developer key
+  // Requests sent again after an earlier process had sent them without an answer: the
+  // only repeats, each marked on the wire as a replay.
+  std::uint64_t repeated = 0;
+};
+
 enum class QuorvelEmailCryptType : int { none = 0, sha1 = 1, md5 = 2, sha256 = 3 };
 
 class QuorvelTracker {
@@ -176,10 +194,15 @@ class QuorvelTracker {
   // exit()): 2 s by default; zero or less opts out.
   std::chrono::milliseconds exitFlushTimeout() const noexcept;
   void setExitFlushTimeout(std::chrono::milliseconds timeout) noexcept;
-  // What the shared tracker runs at exit: a flush within exitFlushTimeout(); then each
-  // request still on the wire is written to the offline cache, so that the next start
-  // replays it. True when nothing was left unsettled.
+  // What the shared tracker runs at exit: a flush within exitFlushTimeout(); what is still
+  // unanswered then stays in the outbox, written to disk, and the next start sends it. True
+  // when nothing was left unsettled.
   bool flushAtExit() noexcept;
+  // The outbox keeps every accepted report on disk until it is answered, within these
+  // bounds (16 MiB and 30 days by default); past them the oldest reports are dropped,
+  // counted and logged.
+  void setOutboxLimits(std::uint64_t maxBytes, std::chrono::seconds maxAge) noexcept;
+  QuorvelDeliveryStats deliveryStats() const noexcept;
 
   // --- Deep links and push payloads ----------------------------------------------------
   // The app was opened with a URL. The first link of a launch wins over later ones.

@@ -17,9 +17,10 @@ namespace quorvel {
 std::shared_ptr<QuorvelHTTPClient> QuorvelHTTPClient::create(
     std::shared_ptr<const Platform> platform, QuorvelProxyManager& remoteDebugging,
     std::shared_ptr<const Log> log, std::shared_ptr<QuorvelRequestCache> cache,
-    std::shared_ptr<ReportLedger> ledger) {
-  auto client = std::make_shared<QuorvelHTTPClient>(
-      std::move(platform), remoteDebugging, std::move(log), std::move(cache), std::move(ledger));
+    std::shared_ptr<ReportLedger> ledger, std::shared_ptr<Outbox> outbox) {
+  auto client =
+      std::make_shared<QuorvelHTTPClient>(std::move(platform), remoteDebugging, std::move(log),
+                                          std::move(cache), std::move(ledger), std::move(outbox));
   const auto capabilities = client->platform_->device->capabilities();
   // Without a usable background session, fire-and-forget bodies go in a background task.
   if (capabilities.backgroundSessions && capabilities.fireAndForgetInBackgroundSession) {
@@ -32,12 +33,14 @@ QuorvelHTTPClient::QuorvelHTTPClient(std::shared_ptr<const Platform> platform,
                                      QuorvelProxyManager& remoteDebugging,
                                      std::shared_ptr<const Log> log,
                                      std::shared_ptr<QuorvelRequestCache> cache,
-                                     std::shared_ptr<ReportLedger> ledger)
+                                     std::shared_ptr<ReportLedger> ledger,
+                                     std::shared_ptr<Outbox> outbox)
     : platform_(std::move(platform)),
       remoteDebugging_(remoteDebugging),
       log_(std::move(log)),
       cache_(std::move(cache)),
-      ledger_(std::move(ledger)) {}
+      ledger_(std::move(ledger)),
+      outbox_(std::move(outbox)) {}
 
 ReportLedger::TicketPtr QuorvelHTTPClient::reportOfNewRequest() const {
   return ledger_ ? ledger_->currentOrOpen() : ReportLedger::current();
@@ -64,102 +67,99 @@ void QuorvelHTTPClient::sendRequestEventToServer(const QuorvelRequestCacheData& 
                                                  const std::optional<std::string>& /*appID*/,
                                                  bool /*isDebug*/,
                                                  std::function<void()> onSuccess) {
-  static constexpr const char* kMethod =
-      "-[QuorvelHTTPClient sendRequestEventToServer:isRequestFromCache:appID:isDebug:onSuccess:]";
   std::string url = request.requestURL().value_or(std::string());
   // The suffix goes on before escaping.
-  if (isRequestFromCache)
+  if (isRequestFromCache) {
     url += "&isCachedRequest=true";
+    // A replay is already safe on disk: it carries the report that started the replay along.
+    post(request, std::move(url), Origin::cache, nullptr, std::move(onSuccess),
+         ReportLedger::current());
+    return;
+  }
+  auto ticket = reportOfNewRequest();
+  OutboxSlotPtr slot = ticket ? ticket->outbox() : nullptr;
+  if (outbox_) {
+    // On disk before it leaves: a report accepted earlier now has its request; one made
+    // without a host's call (a purchase report) enters the outbox here.
+    if (slot)
+      outbox_->built(slot, request);
+    else
+      slot = outbox_->acceptBuilt(request);
+    slot->startSending();
+  }
+  if (ticket)
+    ticket->attach();
+  post(request, std::move(url), Origin::fresh, std::move(slot), std::move(onSuccess),
+       std::move(ticket));
+}
+
+void QuorvelHTTPClient::sendOutboxRequest(const OutboxSlotPtr& slot,
+                                          const QuorvelRequestCacheData& request,
+                                          double secondsWaiting) {
+  const std::string url = request.requestURL().value_or(std::string()) +
+                          format("&timeincache=%f", secondsWaiting) + "&isCachedRequest=true";
+  post(request, url, Origin::outbox, slot, nullptr, reportOfNewRequest());
+}
+
+void QuorvelHTTPClient::post(const QuorvelRequestCacheData& request, std::string url, Origin origin,
+                             OutboxSlotPtr slot, std::function<void()> onSuccess,
+                             ReportLedger::TicketPtr ticket) {
+  static constexpr const char* kMethod =
+      "-[QuorvelHTTPClient sendRequestEventToServer:isRequestFromCache:appID:isDebug:onSuccess:]";
   platform::URLRequest http;
   http.url = legacyPercentEscape(url);
   http.method = "POST";
   http.headers = {{"Content-Type", "application/octet-stream"}};
   http.body = request.postData().value_or(Bytes());
   log_->log(kLogInfo, kMethod, "sending request to server ");
-  // A replay is already safe on disk: it carries the report that started the replay along,
-  // but only a fresh request is the report's own, to be kept at exit.
-  auto ticket = isRequestFromCache ? ReportLedger::current() : reportOfNewRequest();
-  if (ticket && !isRequestFromCache)
-    ticket->attach(request);
   auto self = shared_from_this();
   auto task = platform_->urlSessions->sharedSession()->dataTask(
       std::move(http),
-      [self, request, isRequestFromCache, onSuccess = std::move(onSuccess),
+      [self, request, origin, slot = std::move(slot), onSuccess = std::move(onSuccess),
        ticket = std::move(ticket)](const auto& body, const auto& response, const auto& error) {
         // What the answer starts (the conversion data of a launch) belongs to the report.
         const ReportLedger::Scope scope(ticket);
-        self->handleTrackingAnswer(request, isRequestFromCache, body, response, error, onSuccess,
-                                   ticket);
+        self->handleTrackingAnswer(request, origin, slot, body, response, error, onSuccess);
       });
   task->resume();
 }
 
-void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& request, bool fromCache,
+void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& request, Origin origin,
+                                             const OutboxSlotPtr& slot,
                                              const std::optional<Bytes>& body,
                                              const std::optional<platform::URLResponse>& response,
                                              const std::optional<Error>& error,
-                                             const std::function<void()>& onSuccess,
-                                             const ReportLedger::TicketPtr& ticket) {
+                                             const std::function<void()>& onSuccess) {
   static constexpr const char* kMethod =
       "-[QuorvelHTTPClient "
       "sendRequestEventToServer:isRequestFromCache:appID:isDebug:onSuccess:]_block_invoke";
-  // Set when the process began to exit before this answer and kept the request on disk.
-  const auto keptAtExit = ticket && !fromCache ? ticket->answered() : std::nullopt;
   if (error) {
     log_->log(kLogDebug, kMethod, "Quorvel Connection failed! Error - %@ ",
               error->localizedDescription);
-    if (keptAtExit) {
-      return;  // already in the cache
-    } else if (fromCache) {
+    if (origin == Origin::cache) {
       // A record of another library version gets one more try only.
       if (request.sdkVersion() != std::optional<std::string>(kQuorvelSDKVersion))
         cache_->deleteRequest(request);
       cache_->sendNextCachedEvents();
-    } else {
-      cache_->cacheRequest(request);
+    } else if (origin == Origin::fresh && cache_->cacheRequest(request)) {
+      // The kept-request folder holds it now, and replays it after the next answer.
+      if (outbox_)
+        outbox_->dropped(slot, Outbox::DropReason::handedOver);
+    } else if (outbox_) {
+      // The folder is full (or this was the outbox's own try): it waits in the outbox.
+      outbox_->failed(slot);
     }
     return;
   }
   // Any HTTP answer counts as delivered, whatever its status.
   log_->log(kLogDebug, kMethod, "sent information to server, status = %ld",
             response ? response->statusCode : 0L);
-  const std::string text = body ? std::string(body->begin(), body->end()) : std::string();
-  const Json parsed = parseBoundedJson(text);
-  auto& proxy = remoteDebugging_;
-  if (parsed.is_discarded()) {
-    proxy.dropPreLaunchData();
-    proxy.stopRemoteDebugging();
-  } else {
-    log_->log(kLogDebug, kMethod, "Received JSON response:\n %@", parsed);
-    // An answer that is not an object reads as if "monitor" were absent.
-    std::int64_t monitor = 0;
-    if (parsed.is_object()) {
-      const auto it = parsed.find("monitor");
-      if (it != parsed.end() && (it->is_number() || it->is_boolean())) {
-        // A float beyond the integers (1e300) is not "1"; converting it would be undefined.
-        const double d = it->is_number_float() ? it->get<double>() : 0.0;
-        monitor = !it->is_number_float()                      ? it->get<std::int64_t>()
-                  : std::isfinite(d) && std::fabs(d) < 9.2e18 ? static_cast<std::int64_t>(d)
-                                                              : 0;
-      } else if (it != parsed.end() && it->is_string()) {
-        monitor = leadingInteger(it->get<std::string>());
-      }
-    }
-    if (monitor == 1) {
-      proxy.startRemoteDebugging();
-    } else {
-      proxy.stopRemoteDebugging();
-      proxy.dropPreLaunchData();
-    }
-    handleHoplineResponse(parsed);
+  if (outbox_ && slot) {
+    outbox_->answered(slot);
+    outbox_->transportRecovered();
   }
-  if (keptAtExit && !keptAtExit->empty()) {
-    // Delivered after all: the copy kept at exit must not be replayed.
-    QuorvelRequestCacheData kept = request;
-    kept.setCacheKey(*keptAtExit);
-    cache_->deleteRequest(kept);
-  }
-  if (fromCache) {
+  applyTrackingAnswer(body);
+  if (origin == Origin::cache) {
     cache_->deleteRequest(request);
     cache_->sendNextCachedEvents();
   } else {
@@ -167,6 +167,42 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
   }
   if (onSuccess)
     onSuccess();
+}
+
+void QuorvelHTTPClient::applyTrackingAnswer(const std::optional<Bytes>& body) {
+  static constexpr const char* kMethod =
+      "-[QuorvelHTTPClient "
+      "sendRequestEventToServer:isRequestFromCache:appID:isDebug:onSuccess:]_block_invoke";
+  const std::string text = body ? std::string(body->begin(), body->end()) : std::string();
+  const Json parsed = parseBoundedJson(text);
+  auto& proxy = remoteDebugging_;
+  if (parsed.is_discarded()) {
+    proxy.dropPreLaunchData();
+    proxy.stopRemoteDebugging();
+    return;
+  }
+  log_->log(kLogDebug, kMethod, "Received JSON response:\n %@", parsed);
+  // An answer that is not an object reads as if "monitor" were absent.
+  std::int64_t monitor = 0;
+  if (parsed.is_object()) {
+    const auto it = parsed.find("monitor");
+    if (it != parsed.end() && (it->is_number() || it->is_boolean())) {
+      // A float beyond the integers (1e300) is not "1"; converting it would be undefined.
+      const double d = it->is_number_float() ? it->get<double>() : 0.0;
+      monitor = !it->is_number_float()                      ? it->get<std::int64_t>()
+                : std::isfinite(d) && std::fabs(d) < 9.2e18 ? static_cast<std::int64_t>(d)
+                                                            : 0;
+    } else if (it != parsed.end() && it->is_string()) {
+      monitor = leadingInteger(it->get<std::string>());
+    }
+  }
+  if (monitor == 1) {
+    proxy.startRemoteDebugging();
+  } else {
+    proxy.stopRemoteDebugging();
+    proxy.dropPreLaunchData();
+  }
+  handleHoplineResponse(parsed);
 }
 
 void QuorvelHTTPClient::sendRequestWithConfiguration(const std::string& url,

@@ -16,6 +16,7 @@
 #include <quorvel/Json.h>
 #include <quorvel/Platform.h>
 
+#include "cache/Outbox.h"
 #include "cache/QuorvelRequestCache.h"
 #include "log/Log.h"
 #include "log/QuorvelProxyManager.h"
@@ -38,15 +39,19 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
   // ledger, every request the client makes belongs to a report (the current one, or one of
   // its own), so that a flush waits for it.
   // `remoteDebugging` is switched by the tracking answers' "monitor" value.
+  // With an outbox, every fresh tracking request is in it from before it leaves until its
+  // answer (or until the offline cache took it after a transport failure).
   static std::shared_ptr<QuorvelHTTPClient> create(std::shared_ptr<const Platform> platform,
                                                    QuorvelProxyManager& remoteDebugging,
                                                    std::shared_ptr<const Log> log,
                                                    std::shared_ptr<QuorvelRequestCache> cache,
-                                                   std::shared_ptr<ReportLedger> ledger = nullptr);
+                                                   std::shared_ptr<ReportLedger> ledger = nullptr,
+                                                   std::shared_ptr<Outbox> outbox = nullptr);
 
   QuorvelHTTPClient(std::shared_ptr<const Platform> platform, QuorvelProxyManager& remoteDebugging,
                     std::shared_ptr<const Log> log, std::shared_ptr<QuorvelRequestCache> cache,
-                    std::shared_ptr<ReportLedger> ledger = nullptr);
+                    std::shared_ptr<ReportLedger> ledger = nullptr,
+                    std::shared_ptr<Outbox> outbox = nullptr);
 
   // A background session on OS 8 and later; none below 8.
   std::shared_ptr<platform::URLSession> buildSessionWithConfiguration();
@@ -56,6 +61,11 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
   void sendRequestEventToServer(const QuorvelRequestCacheData& request, bool isRequestFromCache,
                                 const std::optional<std::string>& appID, bool isDebug,
                                 std::function<void()> onSuccess);
+  // Sends again a report that waited in the outbox, marked on the wire as a kept request is
+  // ("timeincache", "isCachedRequest=true"). Its answer removes it; a transport failure
+  // leaves it there for the next try.
+  void sendOutboxRequest(const OutboxSlotPtr& slot, const QuorvelRequestCacheData& request,
+                         double secondsWaiting);
   // Posts a small text body whose outcome is only logged.
   void sendRequestWithConfiguration(const std::string& url, const std::string& data);
   void backgroundCallWithRequest(platform::URLRequest request);
@@ -87,12 +97,16 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
                                                        platform::TimePoint now);
 
  private:
-  void handleTrackingAnswer(const QuorvelRequestCacheData& request, bool fromCache,
-                            const std::optional<Bytes>& body,
+  // Where a tracking request comes from: a fresh report, the kept-request folder, the outbox.
+  enum class Origin { fresh, cache, outbox };
+  void post(const QuorvelRequestCacheData& request, std::string url, Origin origin,
+            OutboxSlotPtr slot, std::function<void()> onSuccess, ReportLedger::TicketPtr ticket);
+  void handleTrackingAnswer(const QuorvelRequestCacheData& request, Origin origin,
+                            const OutboxSlotPtr& slot, const std::optional<Bytes>& body,
                             const std::optional<platform::URLResponse>& response,
                             const std::optional<Error>& error,
-                            const std::function<void()>& onSuccess,
-                            const ReportLedger::TicketPtr& ticket);
+                            const std::function<void()>& onSuccess);
+  void applyTrackingAnswer(const std::optional<Bytes>& body);
 
   ReportLedger::TicketPtr reportOfNewRequest() const;
 
@@ -101,6 +115,7 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
   std::shared_ptr<const Log> log_;
   std::shared_ptr<QuorvelRequestCache> cache_;
   std::shared_ptr<ReportLedger> ledger_;
+  std::shared_ptr<Outbox> outbox_;
   std::shared_ptr<platform::URLSession> bgSession_;
   // The reports of fire-and-forget bodies still on the wire, by task identifier.
   std::mutex backgroundReportsMutex_;

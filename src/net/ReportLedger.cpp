@@ -8,36 +8,9 @@ ReportLedger::Ticket::~Ticket() {
   state_->settle(id_, built_);
 }
 
-void ReportLedger::Ticket::attach(const QuorvelRequestCacheData& request) {
-  bool first = false;
-  {
-    const std::lock_guard lock(mutex_);
-    request_ = request;
-    first = !std::exchange(built_, true);
-  }
-  if (first)
+void ReportLedger::Ticket::attach() {
+  if (!built_.exchange(true))
     state_->built();
-}
-
-ReportLedger::Ticket::AtExit ReportLedger::Ticket::keepAtExit(
-    const std::function<std::optional<std::string>(const QuorvelRequestCacheData&)>& keep) {
-  // Held across the write on purpose: an answer arriving meanwhile waits to learn the key.
-  const std::lock_guard lock(mutex_);
-  if (answered_ || kept_)
-    return AtExit::answered;
-  if (!request_)
-    return AtExit::notBuilt;
-  kept_ = true;
-  keptAs_ = keep(*request_);
-  return AtExit::kept;
-}
-
-std::optional<std::string> ReportLedger::Ticket::answered() {
-  const std::lock_guard lock(mutex_);
-  answered_ = true;
-  if (!kept_)
-    return std::nullopt;
-  return keptAs_ ? keptAs_ : std::optional<std::string>(std::string());
 }
 
 ReportLedger::ReportLedger() : state_(std::make_shared<State>()) {}

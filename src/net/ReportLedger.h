@@ -1,6 +1,7 @@
 // ReportLedger: follows every report of the host (a launch, an event, a purchase, a
 // statistics call) from the public call that scheduled it to its settlement: answered by the
-// service, written to the offline cache, or dropped with a log line.
+// service, written to the offline cache or left waiting in the outbox, or dropped with a log
+// line.
 //
 // A report is a Ticket. The public call opens it; every piece of work done for the report
 // runs with the ticket as its work context, so that work it schedules in turn (a queued
@@ -9,6 +10,7 @@
 // is what `flush` waits on.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -22,7 +24,7 @@
 
 #include <quorvel/platform/DispatchQueue.h>
 
-#include "cache/QuorvelRequestCacheData.h"
+#include "cache/Outbox.h"
 #include "util/WorkContext.h"
 
 namespace quorvel {
@@ -38,31 +40,23 @@ class ReportLedger {
     Ticket(const Ticket&) = delete;
     Ticket& operator=(const Ticket&) = delete;
 
-    // The request that carries the report, once it is on the wire.
-    void attach(const QuorvelRequestCacheData& request);
+    // The report's request is built and on the wire.
+    void attach();
 
-    enum class AtExit { kept, answered, notBuilt };
-    // Process exit: when the report's request is on the wire and unanswered, `keep` writes
-    // it (the callback returns the kept file's key) and marks the ticket, so that a late
-    // answer neither caches it a second time nor leaves a delivered copy behind.
-    AtExit keepAtExit(
-        const std::function<std::optional<std::string>(const QuorvelRequestCacheData&)>& keep);
-
-    // The answer of the report's request arrived. Returns the key of the file kept at exit,
-    // if there is one: the answer came after all, and the kept copy must go (a delivered
-    // request) or stay as it is (a failed one, not to be cached a second time).
-    std::optional<std::string> answered();
+    // Where the report waits for its answer, and when the host's call made it. Set by the
+    // call that opens the ticket, before the ticket is shared.
+    void setOutbox(OutboxSlotPtr slot) { outbox_ = std::move(slot); }
+    const OutboxSlotPtr& outbox() const noexcept { return outbox_; }
+    std::optional<platform::TimePoint> callTime() const {
+      return outbox_ ? std::optional(outbox_->acceptedAt()) : std::nullopt;
+    }
 
    private:
     std::shared_ptr<State> state_;
     friend class ReportLedger;
     std::uint64_t id_ = 0;  // set once by open(), before the ticket is shared
-    std::mutex mutex_;
-    std::optional<QuorvelRequestCacheData> request_;
-    bool built_ = false;
-    bool answered_ = false;
-    bool kept_ = false;
-    std::optional<std::string> keptAs_;
+    std::atomic<bool> built_{false};
+    OutboxSlotPtr outbox_;
   };
   using TicketPtr = std::shared_ptr<Ticket>;
 

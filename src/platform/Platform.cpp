@@ -8,6 +8,7 @@
 #include "platform/posix/CurlURLSession.h"
 #include "platform/posix/FileSecureStore.h"
 #include "platform/posix/JsonFilePreferencesStore.h"
+#include "platform/posix/SqliteOutboxStore.h"
 #include "platform/posix/OpenSslLifetime.h"
 #include "platform/posix/PosixServices.h"
 
@@ -100,6 +101,8 @@ void fillWithPosixDefaults(Platform& p, const PosixPlatformOptions& options) {
     p.random = std::make_shared<OpenSslRandom>();
   if (!p.application)
     p.application = std::make_shared<PosixApplication>();
+  if (!p.outbox)
+    p.outbox = std::make_shared<SqliteOutboxStore>(dataDirectory + "/Library/QuorvelOutbox.sqlite");
   if (!p.urlSessions) {
     CurlSessionOptions curl;
     curl.extraCAFile = options.extraCAFile;

@@ -47,6 +47,71 @@ int MemoryPreferencesStore::synchronizeCount() const {
   return synchronizeCount_;
 }
 
+// --- MemoryOutboxStore -----------------------------------------------------------------------
+
+bool MemoryOutboxStore::open(std::string& reason) noexcept {
+  std::lock_guard lock(mutex_);
+  if (heldElsewhere_)
+    reason = "another process uses the data directory";
+  return !heldElsewhere_;
+}
+
+bool MemoryOutboxStore::apply(const std::vector<platform::OutboxChange>& changes) noexcept {
+  std::lock_guard lock(mutex_);
+  if (failWrites_)
+    return false;
+  try {
+    auto next = records_;  // all or nothing
+    for (const auto& change : changes) {
+      if (change.content)
+        next[change.id] = *change.content;
+      else
+        next.erase(change.id);
+    }
+    records_.swap(next);
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
+std::vector<platform::OutboxRecord> MemoryOutboxStore::load() noexcept {
+  std::lock_guard lock(mutex_);
+  std::vector<platform::OutboxRecord> out;
+  try {
+    for (const auto& [id, content] : records_)
+      out.push_back({id, content});
+  } catch (...) {
+  }
+  return out;
+}
+
+bool MemoryOutboxStore::sync() noexcept {
+  std::lock_guard lock(mutex_);
+  ++syncCount_;
+  return !failWrites_;
+}
+
+std::size_t MemoryOutboxStore::size() const {
+  std::lock_guard lock(mutex_);
+  return records_.size();
+}
+
+int MemoryOutboxStore::syncCount() const {
+  std::lock_guard lock(mutex_);
+  return syncCount_;
+}
+
+void MemoryOutboxStore::setFailWrites(bool fail) {
+  std::lock_guard lock(mutex_);
+  failWrites_ = fail;
+}
+
+void MemoryOutboxStore::setHeldElsewhere(bool held) {
+  std::lock_guard lock(mutex_);
+  heldElsewhere_ = held;
+}
+
 // --- MemorySecureStore ------------------------------------------------------------------------
 
 platform::SecureStatus MemorySecureStore::add(std::string_view service, std::string_view account,

@@ -19,6 +19,7 @@ Platform given(const TestPlatform& kit) {
   p.preferences = kit.preferences;
   p.secureStore = kit.secureStore;
   p.fileSystem = kit.fileSystem;
+  p.outbox = kit.outbox;
   p.systemLog = kit.log;
   return p;
 }
@@ -31,6 +32,7 @@ TestPlatform makeTestPlatform(const std::string& developerKey,
   kit.preferences = std::make_shared<MemoryPreferencesStore>();
   kit.secureStore = std::make_shared<MemorySecureStore>();
   kit.fileSystem = std::make_shared<MemoryFileSystem>();
+  kit.outbox = std::make_shared<MemoryOutboxStore>();
   kit.log = std::make_shared<CapturingSystemLog>();
   // Installed now, as far as the library can tell: the install date is the Library
   // directory's creation.

@@ -296,6 +296,14 @@ void QuorvelTracker::setExitFlushTimeout(std::chrono::milliseconds timeout) noex
 bool QuorvelTracker::flushAtExit() noexcept {
   return core_->flushAtExit();
 }
+void QuorvelTracker::setOutboxLimits(std::uint64_t maxBytes, std::chrono::seconds maxAge) noexcept {
+  guarded(*core_, "-[QuorvelTracker setOutboxLimits:]",
+          [&] { core_->setOutboxLimits(maxBytes, maxAge); });
+}
+QuorvelDeliveryStats QuorvelTracker::deliveryStats() const noexcept {
+  return guarded(*core_, "-[QuorvelTracker deliveryStats]", QuorvelDeliveryStats{},
+                 [&] { return core_->deliveryStats(); });
+}
 
 // --- Deep links and push payloads ---------------------------------------------------------
 

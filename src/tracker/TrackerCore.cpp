@@ -18,6 +18,7 @@ namespace quorvel {
 namespace {
 
 constexpr const char* kSerialQueueLabel = "com.quorvel.serial";
+constexpr const char* kOutboxQueueLabel = "com.quorvel.outbox";
 
 std::optional<std::string> stringEntry(const Json& dictionary, const char* key) {
   if (!dictionary.is_object())
@@ -57,8 +58,18 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
   shouldCollectDeviceName_ = true;
   platfromDevName_ = QuorvelUtils::develomentPlatformName(*platform_->classRegistry);
   advertiserId_ = "";
+  // Its own queue, so that a burst of builds on the serial queue never delays the writes.
+  outbox_ = std::make_shared<Outbox>(platform_->outbox,
+                                     platform_->dispatcher->makeSerialQueue(kOutboxQueueLabel),
+                                     platform_->clock, log_, Outbox::Limits{});
   httpClient_ =
-      QuorvelHTTPClient::create(platform_, remoteDebugging_, log_, requestCache_, ledger_);
+      QuorvelHTTPClient::create(platform_, remoteDebugging_, log_, requestCache_, ledger_, outbox_);
+  outbox_->setResend(
+      [client = std::weak_ptr<QuorvelHTTPClient>(httpClient_)](
+          const OutboxSlotPtr& slot, const QuorvelRequestCacheData& request, double waited) {
+        if (const auto http = client.lock())
+          http->sendOutboxRequest(slot, request, waited);
+      });
   iAdClient_ = std::make_shared<const QVSDKiAdClient>(platform_, log_);
   mBackgroundQueue_ = platform_->dispatcher->makeSerialQueue(kSerialQueueLabel);
   // Written through the system log itself, so that it shows even with debugging off.
@@ -74,6 +85,7 @@ TrackerCore::~TrackerCore() {
   unsubscribeFromLifecycleNotifications();
   self_->end();
   platform_->preferences->synchronize();
+  outbox_->drainAndSync();
 }
 
 void TrackerCore::subscribeToLifecycleNotifications() {

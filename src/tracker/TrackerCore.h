@@ -19,6 +19,9 @@
 #include <quorvel/QuorvelTracker.h>
 #include <quorvel/platform/URLSession.h>
 
+#include "cache/Outbox.h"
+#include "net/ReportLedger.h"
+
 namespace quorvel {
 
 class QuorvelAES128Crypto;
@@ -32,7 +35,6 @@ class QuorvelHTTPClient;
 class QuorvelRequestCache;
 class QuorvelRequestCacheData;
 class QuorvelDictionary;
-class ReportLedger;
 class TrackerLifetime;
 
 class TrackerCore {
@@ -144,8 +146,11 @@ class TrackerCore {
   bool flush(std::chrono::milliseconds timeout) noexcept;
   std::chrono::milliseconds exitFlushTimeout() const;
   void setExitFlushTimeout(std::chrono::milliseconds timeout);
-  // A late answer to a request kept at exit removes the kept copy again.
+  // What is unanswered at exit stays in the outbox, written and synced.
   bool flushAtExit() noexcept;
+  void setOutboxLimits(std::uint64_t maxBytes, std::chrono::seconds maxAge);
+  QuorvelDeliveryStats deliveryStats() const;
+  std::shared_ptr<Outbox> outbox() const { return outbox_; }
 
   // --- Deep links and push payloads ----------------------------------------------------
   // The app was opened with a URL. The first link of a launch wins over later ones.
@@ -311,6 +316,15 @@ class TrackerCore {
   // flush and at exit.
   void persistPreferencesSoon();
   void persistPreferencesNow();
+  // A host's call accepted a report: into the outbox with the call's time, on a new ticket.
+  ReportLedger::TicketPtr acceptReport(OutboxIntent intent);
+  // The first tracking call of the process sends what an earlier one left unanswered.
+  void resumeOutboxOnce();
+  void rebuildLeftovers(std::vector<Outbox::Leftover> leftovers);
+  // The report whose work runs now leaves the outbox unsent (a rule decided so).
+  void dropCurrentReport();
+  // Builds an event with a dictionary of values (the host's call or an outbox leftover).
+  void buildEventWithValues(const std::string& eventName, const std::optional<Json>& values);
   void handleConversionDataAnswer(const std::optional<Bytes>& body,
                                   const std::optional<platform::URLResponse>& response,
                                   const std::optional<Error>& error, platform::TimePoint start);
@@ -362,6 +376,8 @@ class TrackerCore {
   std::shared_ptr<QuorvelRequestCache> requestCache_;
   std::shared_ptr<QuorvelHTTPClient> httpClient_;
   std::shared_ptr<ReportLedger> ledger_;
+  std::shared_ptr<Outbox> outbox_;
+  std::atomic<bool> outboxResumed_{false};
   std::atomic<bool> preferencesWriteScheduled_{false};
   std::atomic<std::int64_t> exitFlushMs_{2000};
   // The application notifications the tracker follows; destroying them waits out a handler

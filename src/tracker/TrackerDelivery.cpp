@@ -1,7 +1,7 @@
 // Flush, the exit flush and the group commit of preference writes.
 #include "tracker/TrackerCore.h"
 
-#include "cache/QuorvelRequestCache.h"
+#include "cache/Outbox.h"
 #include "log/Log.h"
 #include "net/ReportLedger.h"
 #include "tracker/TrackerLifetime.h"
@@ -36,23 +36,20 @@ bool TrackerCore::flushAtExit() noexcept {
   if (timeout <= std::chrono::milliseconds::zero())
     return true;
   try {
-    if (flush(timeout))
+    if (flush(timeout)) {
+      outbox_->drainAndSync();
       return true;
-    // What is still on the wire goes to the offline cache for the next start; reports whose
-    // request was not built yet cannot be kept.
-    int kept = 0;
-    int lost = 0;
-    for (const auto& ticket : ledger_->unsettled()) {
-      const auto outcome = ticket->keepAtExit(
-          [this](const QuorvelRequestCacheData& r) { return requestCache_->cacheRequest(r); });
-      kept += outcome == ReportLedger::Ticket::AtExit::kept ? 1 : 0;
-      lost += outcome == ReportLedger::Ticket::AtExit::notBuilt ? 1 : 0;
     }
+    // Every unanswered report is in the outbox already; what the last few milliseconds
+    // accepted is written now, and the next start sends it all.
+    outbox_->drainAndSync();
     persistPreferencesNow();
+    const auto stats = outbox_->stats();
     log_->log(kLogWarning, kMethod,
-              "exit: %d requests still unanswered after %lld ms were kept for the next start, "
-              "%d reports were not built yet",
-              kept, static_cast<long long>(timeout.count()), lost);
+              "exit: %llu reports still unanswered after %lld ms wait in the outbox for the next "
+              "start",
+              static_cast<unsigned long long>(stats.waiting),
+              static_cast<long long>(timeout.count()));
     return false;
   } catch (const std::exception& e) {
     log_->log(kLogError, kMethod, "exit flush failed: %@", e.what());

@@ -42,6 +42,7 @@ void TrackerCore::callServerWithEventName(const std::string& name,
             devKey && !devKey->empty() ? *devKey : std::string("missing!!!"));
   if (!devKey) {
     log_->log(kLogError, kCallServerMethod, "Quorvel dev key is missing");
+    dropCurrentReport();
     return;
   }
   validateAppID();

@@ -34,11 +34,11 @@ std::string replaceCommas(const std::string& text) {
 // (besides the tracker's lifetime): under a burst such shared counters cost more than the
 // rest of the call.
 template <typename Build>
-void scheduleEventBuild(const std::shared_ptr<TrackerLifetime>& self, ReportLedger& ledger,
-                        platform::DispatchQueue& queue, bool onMainQueue,
-                        std::chrono::nanoseconds delay, Build build) {
+void scheduleEventBuild(const std::shared_ptr<TrackerLifetime>& self,
+                        ReportLedger::TicketPtr ticket, platform::DispatchQueue& queue,
+                        bool onMainQueue, std::chrono::nanoseconds delay, Build build) {
   queue.asyncAfter(
-      delay, [ticket = ledger.open(), self, onMainQueue, build = std::move(build)]() mutable {
+      delay, [ticket = std::move(ticket), self, onMainQueue, build = std::move(build)]() mutable {
         const auto tracker = self->pin();
         if (!tracker)
           return;
@@ -64,7 +64,8 @@ void TrackerCore::trackEvent(const std::string& hostEventName,
               "Quorvel: numeric value '%@' for event '%@' will be categorized as a revenue event.",
               *value, eventName);
   }
-  scheduleEventBuild(self_, *ledger_, *platform_->dispatcher->mainQueue(), true,
+  auto ticket = acceptReport({OutboxIntent::Kind::event, eventName, value, std::nullopt});
+  scheduleEventBuild(self_, std::move(ticket), *platform_->dispatcher->mainQueue(), true,
                      std::chrono::milliseconds(1), [eventName, value](TrackerCore& tracker) {
                        tracker.callServerWithEventName(eventName, value, true, false);
                      });
@@ -74,24 +75,30 @@ void TrackerCore::trackEventWithValues(const std::string& hostEventName,
                                        const std::optional<Json>& hostValues) {
   const std::string eventName = hostText(hostEventName);
   const auto values = hostJson(hostValues);
-  scheduleEventBuild(
-      self_, *ledger_, *mBackgroundQueue_, false, std::chrono::milliseconds(100),
-      [eventName, values](TrackerCore& tracker) {
-        std::string text = "null";
-        if (values && !values->is_null()) {
-          const auto json = QuorvelUtils::isValidJSONObject(*values)
-                                ? QuorvelUtils::getJsonStringFromDictionary(*values, *tracker.log_)
-                                : std::nullopt;
-          if (!json) {
-            // Values that cannot be written are lost; the event still goes, without a value.
-            tracker.callServerWithEventName(eventName, std::nullopt, std::nullopt, true, false);
-            return;
-          }
-          text = *json;
-        }
-        tracker.callServerWithEventName(eventName, replaceCommas(legacyPercentEscape(text)),
-                                        std::nullopt, true, false);
-      });
+  auto ticket =
+      acceptReport({OutboxIntent::Kind::eventWithValues, eventName, std::nullopt, values});
+  scheduleEventBuild(self_, std::move(ticket), *mBackgroundQueue_, false,
+                     std::chrono::milliseconds(100), [eventName, values](TrackerCore& tracker) {
+                       tracker.buildEventWithValues(eventName, values);
+                     });
+}
+
+void TrackerCore::buildEventWithValues(const std::string& eventName,
+                                       const std::optional<Json>& values) {
+  std::string text = "null";
+  if (values && !values->is_null()) {
+    const auto json = QuorvelUtils::isValidJSONObject(*values)
+                          ? QuorvelUtils::getJsonStringFromDictionary(*values, *log_)
+                          : std::nullopt;
+    if (!json) {
+      // Values that cannot be written are lost; the event still goes, without a value.
+      callServerWithEventName(eventName, std::nullopt, std::nullopt, true, false);
+      return;
+    }
+    text = *json;
+  }
+  callServerWithEventName(eventName, replaceCommas(legacyPercentEscape(text)), std::nullopt, true,
+                          false);
 }
 
 void TrackerCore::trackLocation(double longitude, double latitude) {

@@ -48,7 +48,9 @@ void TrackerCore::trackAppLaunch() {
   }
   // Nothing of the launch is built on the caller's thread.
   auto self = self_;
-  mBackgroundQueue_->asyncAfter(kLaunchDelay, carryReport(ledger_->open(), [self] {
+  auto ticket =
+      acceptReport({OutboxIntent::Kind::launch, kLaunchEventName, std::nullopt, std::nullopt});
+  mBackgroundQueue_->asyncAfter(kLaunchDelay, carryReport(std::move(ticket), [self] {
                                   if (const auto tracker = self->pin())
                                     tracker->sendLaunchToServer();
                                 }));
@@ -61,6 +63,7 @@ void TrackerCore::sendLaunchToServer() {
     log_->log(kLogDebug, kMethod, "Time from last launch %f", elapsed);
     if (!(elapsed > static_cast<double>(minTimeBetweenSessions()))) {
       log_->log(kLogDebug, kMethod, "Skip launch");
+      dropCurrentReport();
       return;
     }
     log_->log(kLogDebug, kMethod, "Call launch request ...");
@@ -77,6 +80,7 @@ void TrackerCore::handleEnteredBackground() {
   incrementRealLaunchCounter();
   // The app may be suspended or killed from here on: what is pending is written now.
   persistPreferencesNow();
+  outbox_->syncSoon();
   backgroundstatCall();
   auto& proxy = remoteDebugging_;
   if (proxy.proxyEnabledFromServer()) {

@@ -3,6 +3,8 @@
 #include <quorvel/platform/AdSupport.h>
 #include "tracker/TrackerCore.h"
 
+#include "net/ReportLedger.h"
+
 #include <cstdlib>
 
 #include "common/QuorvelUtils.h"
@@ -145,7 +147,11 @@ QuorvelDictionary TrackerCore::getEventParameters(bool isLaunch) {
   d.setParameter(language ? Json(*language) : Json(), "lang_code");
   const auto country = p.locale->countryCode();
   d.setParameter(country ? Json(*country) : Json(), "currentCountrycode");
-  d.setParameter(Json(format("%f", platform::secondsSince1970(p.clock->now()))), "timestamp");
+  // The moment of the host's call, not of the build: under a burst a build waits its turn.
+  const auto report = ReportLedger::current();
+  const auto callTime = report ? report->callTime() : std::nullopt;
+  d.setParameter(Json(format("%f", platform::secondsSince1970(callTime.value_or(p.clock->now())))),
+                 "timestamp");
   if (const auto customer = customerUserID())
     d.setParameter(Json(*customer), "appUID");
 

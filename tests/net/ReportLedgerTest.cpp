@@ -23,8 +23,6 @@ class HeldQueue final : public platform::DispatchQueue {
   std::string label_ = "held";
 };
 
-const QuorvelRequestCacheData kRequest("https://t.example/api?x=1", Bytes{1, 2}, "4.8.0");
-
 TEST(ReportLedger, FlushWaitsForTheReportsOpenedBeforeItOnly) {
   ReportLedger ledger;
   auto first = ledger.open();
@@ -50,7 +48,7 @@ TEST(ReportLedger, BuildsWaitForRoomAndKeepTheirOrder) {
   auto queue = std::make_shared<HeldQueue>();
   std::vector<ReportLedger::TicketPtr> built = {ledger.open(), ledger.open()};
   for (auto& ticket : built)
-    ticket->attach(kRequest);
+    ticket->attach();
   std::vector<int> ran;
   ledger.buildWhenThereIsRoom(queue, [&] { ran.push_back(1); });
   ledger.buildWhenThereIsRoom(queue, [&] { ran.push_back(2); });
@@ -64,29 +62,6 @@ TEST(ReportLedger, BuildsWaitForRoomAndKeepTheirOrder) {
   ASSERT_EQ(queue->held.size(), 2U);
   queue->held[1]();
   EXPECT_EQ(ran, (std::vector<int>{1, 2}));
-}
-
-TEST(ReportLedger, AtExitOnlyAnUnansweredRequestIsKeptAndALateAnswerFindsTheCopy) {
-  ReportLedger ledger;
-  auto onTheWire = ledger.open();
-  onTheWire->attach(kRequest);
-  auto notBuilt = ledger.open();
-  auto answered = ledger.open();
-  answered->attach(kRequest);
-  EXPECT_FALSE(answered->answered());
-
-  int writes = 0;
-  const auto keep = [&](const QuorvelRequestCacheData&) {
-    ++writes;
-    return std::optional<std::string>("kept.qv");
-  };
-  using AtExit = ReportLedger::Ticket::AtExit;
-  EXPECT_EQ(onTheWire->keepAtExit(keep), AtExit::kept);
-  EXPECT_EQ(onTheWire->keepAtExit(keep), AtExit::answered);  // never kept twice
-  EXPECT_EQ(notBuilt->keepAtExit(keep), AtExit::notBuilt);
-  EXPECT_EQ(answered->keepAtExit(keep), AtExit::answered);
-  EXPECT_EQ(writes, 1);
-  EXPECT_EQ(onTheWire->answered(), std::optional<std::string>("kept.qv"));
 }
 
 }  // namespace

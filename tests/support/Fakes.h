@@ -16,6 +16,7 @@ namespace quorvel::test {
 
 using testkit::CapturingSystemLog;
 using testkit::MemoryFileSystem;
+using testkit::MemoryOutboxStore;
 using testkit::MemoryPreferencesStore;
 using testkit::MemorySecureStore;
 

@@ -59,6 +59,7 @@ struct TestPlatform {
   std::shared_ptr<FakeBundle> bundle = std::make_shared<FakeBundle>();
   std::shared_ptr<FakeLocale> locale = std::make_shared<FakeLocale>();
   std::shared_ptr<MemoryFileSystem> fileSystem = std::make_shared<MemoryFileSystem>();
+  std::shared_ptr<MemoryOutboxStore> outbox = std::make_shared<MemoryOutboxStore>();
   std::shared_ptr<FakeSysctl> sysctl = std::make_shared<FakeSysctl>();
   std::shared_ptr<FakeNetworkInterfaces> networkInterfaces =
       std::make_shared<FakeNetworkInterfaces>();
@@ -86,6 +87,7 @@ struct TestPlatform {
     p.systemLog = systemLog;
     p.random = random;
     p.application = application;
+    p.outbox = outbox;
     return p;
   }
   std::shared_ptr<const Platform> shared() const {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include <quorvel/platform/FileSystem.h>
+#include <quorvel/platform/OutboxStore.h>
 #include <quorvel/platform/PreferencesStore.h>
 #include <quorvel/platform/SecureStore.h>
 #include <quorvel/platform/SystemLog.h>
@@ -86,6 +87,30 @@ class MemoryFileSystem final : public platform::FileSystem {
   mutable std::mutex mutex_;
   std::map<std::string, Node> nodes_;
   bool failWrites_ = false;
+};
+
+// The outbox in memory. It outlives the trackers made on it, so that a test models a kill by
+// dropping a tracker without a flush and making the next one on the same store.
+class MemoryOutboxStore final : public platform::OutboxStore {
+ public:
+  bool open(std::string& reason) noexcept override;
+  bool apply(const std::vector<platform::OutboxChange>& changes) noexcept override;
+  std::vector<platform::OutboxRecord> load() noexcept override;
+  bool sync() noexcept override;
+
+  std::size_t size() const;
+  int syncCount() const;
+  // While set, batches fail as on a full disk.
+  void setFailWrites(bool fail);
+  // While set, open() fails as when another process holds the store.
+  void setHeldElsewhere(bool held);
+
+ private:
+  mutable std::mutex mutex_;
+  std::map<std::int64_t, std::string> records_;
+  int syncCount_ = 0;
+  bool failWrites_ = false;
+  bool heldElsewhere_ = false;
 };
 
 // Keeps every line the library logs (with its debug switch on).

@@ -21,6 +21,7 @@ struct TestPlatform {
   std::shared_ptr<MemoryPreferencesStore> preferences;
   std::shared_ptr<MemorySecureStore> secureStore;
   std::shared_ptr<MemoryFileSystem> fileSystem;
+  std::shared_ptr<MemoryOutboxStore> outbox;
   std::shared_ptr<CapturingSystemLog> log;
   std::shared_ptr<const Platform> platform;
 };

@@ -1,0 +1,46 @@
+// Durable storage for the reports the library has accepted and the service has not answered:
+// numbered records of text, changed in batches, each batch all or nothing.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#pragma GCC visibility push(default)  // the public interface is what the library exports
+
+namespace quorvel::platform {
+
+struct OutboxRecord {
+  std::int64_t id = 0;
+  std::string content;
+};
+
+// One change of a batch: `content` writes (or replaces) record `id`; nullopt removes it.
+struct OutboxChange {
+  std::int64_t id = 0;
+  std::optional<std::string> content;
+};
+
+// Called from the library's outbox thread only, one call at a time.
+class OutboxStore {
+ public:
+  OutboxStore() = default;
+  OutboxStore(const OutboxStore&) = delete;
+  OutboxStore& operator=(const OutboxStore&) = delete;
+  virtual ~OutboxStore() = default;
+
+  // False when the store cannot be used: its storage cannot be opened, or another process
+  // holds it. `reason` then says why.
+  virtual bool open(std::string& reason) noexcept = 0;
+  // Applies the changes in order, all or none. Once it returns true they survive the death
+  // of the process; `sync` makes them survive the machine's.
+  virtual bool apply(const std::vector<OutboxChange>& changes) noexcept = 0;
+  // Every record, by id, oldest first.
+  virtual std::vector<OutboxRecord> load() noexcept = 0;
+  virtual bool sync() noexcept = 0;
+};
+
+}  // namespace quorvel::platform
+
+#pragma GCC visibility pop

@@ -1,0 +1,474 @@
+// The outbox's buffer, its writer on the outbox's queue, its bounds and its replay.
+#include "cache/Outbox.h"
+
+#include <algorithm>
+#include <cmath>
+#include <random>
+
+#include "util/Base64.h"
+#include "util/BoundedJson.h"
+
+namespace quorvel {
+namespace {
+
+constexpr const char* kMethod = "-[QuorvelOutbox write]";
+// A batch collects what arrives within this long; well inside the 10 ms the host is promised.
+constexpr std::chrono::milliseconds kBatchDelay{2};
+constexpr std::chrono::seconds kSyncInterval{1};
+constexpr std::chrono::milliseconds kRetryBase{2'000};
+constexpr std::chrono::milliseconds kRetryCap{15 * 60 * 1'000};
+
+double seconds(platform::TimePoint t) {
+  return platform::secondsSince1970(t);
+}
+
+platform::TimePoint fromSeconds(double s) {
+  return platform::TimePoint(
+      std::chrono::duration_cast<platform::TimePoint::duration>(std::chrono::duration<double>(s)));
+}
+
+const char* kindName(OutboxIntent::Kind kind) {
+  switch (kind) {
+    case OutboxIntent::Kind::launch:
+      return "launch";
+    case OutboxIntent::Kind::eventWithValues:
+      return "values";
+    case OutboxIntent::Kind::event:
+      break;
+  }
+  return "event";
+}
+
+}  // namespace
+
+Outbox::Outbox(std::shared_ptr<platform::OutboxStore> store,
+               std::shared_ptr<platform::DispatchQueue> queue,
+               std::shared_ptr<const platform::Clock> clock, std::shared_ptr<const Log> log,
+               Limits limits)
+    : store_(std::move(store)),
+      queue_(std::move(queue)),
+      clock_(std::move(clock)),
+      log_(std::move(log)),
+      limits_(limits) {}
+
+Outbox::~Outbox() {
+  drainAndSync();
+}
+
+void Outbox::setLimits(Limits limits) {
+  const std::lock_guard lock(storeMutex_);
+  limits_ = limits;
+}
+
+std::chrono::milliseconds Outbox::backoffDelay(int attempt, double unitRandom) {
+  const int shift = std::clamp(attempt, 0, 20);
+  const auto ceiling = std::min(kRetryCap, kRetryBase * (std::int64_t{1} << shift));
+  return std::chrono::milliseconds(static_cast<std::int64_t>(std::clamp(unitRandom, 0.0, 1.0) *
+                                                             static_cast<double>(ceiling.count())));
+}
+
+// --- The host's side --------------------------------------------------------------------------
+
+OutboxSlotPtr Outbox::accept(OutboxIntent intent, platform::TimePoint at) {
+  auto slot = std::make_shared<OutboxSlot>(at);
+  accepted_.fetch_add(1, std::memory_order_relaxed);
+  waiting_.fetch_add(1, std::memory_order_relaxed);
+  enqueue(Put{slot, {}, std::move(intent), std::nullopt});
+  return slot;
+}
+
+OutboxSlotPtr Outbox::acceptBuilt(const QuorvelRequestCacheData& request) {
+  auto slot = std::make_shared<OutboxSlot>(clock_->now());
+  accepted_.fetch_add(1, std::memory_order_relaxed);
+  waiting_.fetch_add(1, std::memory_order_relaxed);
+  built(slot, request);
+  return slot;
+}
+
+void Outbox::built(const OutboxSlotPtr& slot, const QuorvelRequestCacheData& request) {
+  if (!slot || slot->settled_)
+    return;
+  Json record = Json::object();
+  record["at"] = seconds(slot->acceptedAt());
+  record["kind"] = "request";
+  record["url"] = request.requestURL().value_or(std::string());
+  record["data"] = base64Encode(request.postData().value_or(Bytes()));
+  record["version"] = request.sdkVersion().value_or(std::string());
+  enqueue(Put{slot, record.dump(-1, ' ', false, Json::error_handler_t::replace), std::nullopt,
+              request});
+}
+
+void Outbox::answered(const OutboxSlotPtr& slot) {
+  if (!slot || slot->settled_.exchange(true))
+    return;
+  slot->stopSending();
+  delivered_.fetch_add(1, std::memory_order_relaxed);
+  waiting_.fetch_sub(1, std::memory_order_relaxed);
+  enqueue(Remove{slot});
+}
+
+void Outbox::dropped(const OutboxSlotPtr& slot, DropReason reason) {
+  if (!slot || slot->settled_.exchange(true))
+    return;
+  slot->stopSending();
+  auto& counter = reason == DropReason::rule         ? droppedByRule_
+                  : reason == DropReason::bytes      ? droppedForBytes_
+                  : reason == DropReason::handedOver ? handedOver_
+                                                     : droppedForAge_;
+  counter.fetch_add(1, std::memory_order_relaxed);
+  waiting_.fetch_sub(1, std::memory_order_relaxed);
+  enqueue(Remove{slot});
+}
+
+void Outbox::failed(const OutboxSlotPtr& slot) {
+  if (!slot || slot->settled_)
+    return;
+  slot->stopSending();
+  std::weak_ptr<Outbox> weak = weak_from_this();
+  queue_->async([weak, slot] {
+    const auto self = weak.lock();
+    if (!self)
+      return;
+    const std::lock_guard lock(self->storeMutex_);
+    self->writeBufferedLocked();  // so that the slot has its number
+    if (const auto it = self->held_.find(slot->id_); it != self->held_.end())
+      it->second.failed = true;
+    self->scheduleRetry();
+  });
+}
+
+void Outbox::enqueue(Op op) {
+  {
+    const std::lock_guard lock(bufferMutex_);
+    buffer_.push_back(std::move(op));
+  }
+  scheduleWrite();
+}
+
+void Outbox::scheduleWrite() {
+  if (writeScheduled_.exchange(true))
+    return;
+  std::weak_ptr<Outbox> weak = weak_from_this();
+  queue_->asyncAfter(kBatchDelay, [weak] {
+    if (const auto self = weak.lock()) {
+      const std::lock_guard lock(self->storeMutex_);
+      self->writeBufferedLocked();
+    }
+  });
+}
+
+// --- The writer ---------------------------------------------------------------------------------
+
+void Outbox::openLocked() {
+  if (opened_)
+    return;
+  opened_ = true;
+  std::string reason = "no outbox store";
+  if (!store_ || !store_->open(reason)) {
+    durable_ = false;
+    store_.reset();
+    log_->log(kLogError, kMethod,
+              "Quorvel outbox unavailable (%@): this process's reports are kept in memory only",
+              reason);
+    return;
+  }
+  const double now = seconds(clock_->now());
+  std::vector<platform::OutboxChange> expired;
+  for (auto& record : store_->load()) {
+    lastId_ = std::max(lastId_, record.id);
+    const Json parsed = parseBoundedJson(record.content);
+    const double at = parsed.is_object() ? parsed.value("at", 0.0) : 0.0;
+    auto slot = std::make_shared<OutboxSlot>(fromSeconds(at));
+    slot->id_ = record.id;
+    if (!parsed.is_object() || now - at > static_cast<double>(limits_.maxAge.count())) {
+      expired.push_back({record.id, std::nullopt});
+      droppedForAge_.fetch_add(1, std::memory_order_relaxed);
+      accepted_.fetch_add(1, std::memory_order_relaxed);
+      continue;
+    }
+    Leftover left;
+    left.slot = slot;
+    const std::string kind = parsed.value("kind", "");
+    if (kind == "request") {
+      QuorvelRequestCacheData request(parsed.value("url", ""),
+                                      base64DecodeLenient(parsed.value("data", "")),
+                                      parsed.value("version", ""));
+      left.request = request;
+      left.wasSent = true;
+    } else {
+      OutboxIntent intent;
+      intent.kind = kind == "launch"   ? OutboxIntent::Kind::launch
+                    : kind == "values" ? OutboxIntent::Kind::eventWithValues
+                                       : OutboxIntent::Kind::event;
+      intent.name = parsed.value("name", "");
+      if (const auto v = parsed.find("value"); v != parsed.end() && v->is_string())
+        intent.value = v->get<std::string>();
+      if (const auto v = parsed.find("values"); v != parsed.end())
+        intent.values = *v;
+      left.intent = std::move(intent);
+    }
+    Held held;
+    held.slot = slot;
+    held.bytes = record.content.size();
+    held.request = left.request;
+    heldBytes_ += held.bytes;
+    held_.emplace(record.id, std::move(held));
+    accepted_.fetch_add(1, std::memory_order_relaxed);
+    waiting_.fetch_add(1, std::memory_order_relaxed);
+    leftovers_.push_back(std::move(left));
+  }
+  if (!expired.empty()) {
+    log_->log(kLogWarning, kMethod, "Quorvel outbox: %lu reports older than %lld s dropped",
+              static_cast<unsigned long>(expired.size()),
+              static_cast<long long>(limits_.maxAge.count()));
+    store_->apply(expired);
+  }
+}
+
+std::string Outbox::serialise(const Put& put) {
+  if (!put.intent)
+    return put.content;
+  Json record = Json::object();
+  record["at"] = seconds(put.slot->acceptedAt());
+  record["kind"] = kindName(put.intent->kind);
+  record["name"] = put.intent->name;
+  if (put.intent->value)
+    record["value"] = *put.intent->value;
+  if (put.intent->values)
+    record["values"] = *put.intent->values;
+  return record.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+void Outbox::writeBufferedLocked() {
+  writeScheduled_ = false;
+  openLocked();
+  std::vector<Op> batch;
+  {
+    const std::lock_guard lock(bufferMutex_);
+    batch.swap(buffer_);
+  }
+  if (batch.empty())
+    return;
+  std::vector<platform::OutboxChange> changes;
+  changes.reserve(batch.size());
+  for (auto& op : batch) {
+    if (auto* put = std::get_if<Put>(&op)) {
+      if (put->slot->settled_)
+        continue;  // answered before it was written: nothing to keep
+      if (put->slot->id_ == 0)
+        put->slot->id_ = ++lastId_;
+      std::string content;
+      try {
+        content = serialise(*put);
+      } catch (const std::exception& e) {
+        log_->log(kLogError, kMethod, "Quorvel outbox: a report cannot be written: %@", e.what());
+        continue;
+      }
+      auto& held = held_[put->slot->id_];
+      heldBytes_ = heldBytes_ - held.bytes + content.size();
+      held.slot = put->slot;
+      held.bytes = content.size();
+      if (put->request)
+        held.request = std::move(put->request);
+      changes.push_back({put->slot->id_, std::move(content)});
+    } else {
+      const auto& slot = std::get<Remove>(op).slot;
+      if (slot->id_ == 0)
+        continue;  // never written
+      if (const auto it = held_.find(slot->id_); it != held_.end()) {
+        heldBytes_ -= it->second.bytes;
+        held_.erase(it);
+      }
+      changes.push_back({slot->id_, std::nullopt});
+    }
+  }
+  enforceBoundsLocked(changes);
+  if (!store_ || changes.empty())
+    return;
+  if (!store_->apply(changes)) {
+    if (!writeFailureLogged_) {
+      writeFailureLogged_ = true;
+      log_->log(kLogError, kMethod,
+                "Quorvel outbox: cannot write %lu changes; they stay in memory and are tried again",
+                static_cast<unsigned long>(changes.size()));
+    }
+    // Back into the buffer, ahead of what came since, for the next attempt.
+    std::vector<Op> again;
+    for (auto& op : batch)
+      again.push_back(std::move(op));
+    {
+      const std::lock_guard lock(bufferMutex_);
+      again.insert(again.end(), std::make_move_iterator(buffer_.begin()),
+                   std::make_move_iterator(buffer_.end()));
+      buffer_.swap(again);
+    }
+    std::weak_ptr<Outbox> weak = weak_from_this();
+    queue_->asyncAfter(kSyncInterval, [weak] {
+      if (const auto self = weak.lock()) {
+        const std::lock_guard lock(self->storeMutex_);
+        self->writeBufferedLocked();
+      }
+    });
+    return;
+  }
+  writeFailureLogged_ = false;
+  if (!syncScheduled_) {
+    syncScheduled_ = true;
+    const auto since = clock_->now() - lastSync_;
+    const auto wait =
+        since >= kSyncInterval
+            ? std::chrono::nanoseconds::zero()
+            : std::chrono::duration_cast<std::chrono::nanoseconds>(kSyncInterval - since);
+    std::weak_ptr<Outbox> weak = weak_from_this();
+    queue_->asyncAfter(wait, [weak] {
+      if (const auto self = weak.lock()) {
+        const std::lock_guard lock(self->storeMutex_);
+        self->syncScheduled_ = false;
+        self->lastSync_ = self->clock_->now();
+        if (self->store_)
+          self->store_->sync();
+      }
+    });
+  }
+}
+
+void Outbox::enforceBoundsLocked(std::vector<platform::OutboxChange>& changes) {
+  std::uint64_t dropped = 0;
+  while (heldBytes_ > limits_.maxBytes && !held_.empty()) {
+    auto oldest = held_.begin();
+    heldBytes_ -= oldest->second.bytes;
+    const auto slot = oldest->second.slot;
+    changes.push_back({oldest->first, std::nullopt});
+    held_.erase(oldest);
+    if (slot && !slot->settled_.exchange(true)) {
+      droppedForBytes_.fetch_add(1, std::memory_order_relaxed);
+      waiting_.fetch_sub(1, std::memory_order_relaxed);
+    }
+    ++dropped;
+  }
+  if (dropped > 0 && !overBoundLogged_) {
+    overBoundLogged_ = true;
+    log_->log(kLogWarning, kMethod,
+              "Quorvel outbox is full (%llu bytes): the oldest reports are dropped until it "
+              "has room",
+              static_cast<unsigned long long>(limits_.maxBytes));
+  } else if (dropped == 0 && heldBytes_ < limits_.maxBytes / 10 * 9) {
+    overBoundLogged_ = false;  // the episode is over
+  }
+}
+
+// --- Replay -----------------------------------------------------------------------------------
+
+void Outbox::setResend(Resend resend) {
+  const std::lock_guard lock(storeMutex_);
+  resend_ = std::move(resend);
+}
+
+void Outbox::resume(std::function<void(std::vector<Leftover>)> take) {
+  std::weak_ptr<Outbox> weak = weak_from_this();
+  queue_->async([weak, take = std::move(take)] {
+    const auto self = weak.lock();
+    if (!self)
+      return;
+    std::vector<Leftover> unbuilt;
+    {
+      const std::lock_guard lock(self->storeMutex_);
+      self->openLocked();
+      if (self->resumed_)
+        return;
+      self->resumed_ = true;
+      for (auto& left : self->leftovers_) {
+        if (!left.request) {
+          unbuilt.push_back(std::move(left));
+          continue;
+        }
+        if (self->resend_ && left.slot->startSending()) {
+          self->repeated_.fetch_add(1, std::memory_order_relaxed);
+          const double waited = seconds(self->clock_->now()) - seconds(left.slot->acceptedAt());
+          self->resend_(left.slot, *left.request, waited);
+        }
+      }
+      self->leftovers_.clear();
+    }
+    if (!unbuilt.empty())
+      take(std::move(unbuilt));
+  });
+}
+
+void Outbox::transportRecovered() {
+  std::weak_ptr<Outbox> weak = weak_from_this();
+  queue_->async([weak] {
+    if (const auto self = weak.lock()) {
+      const std::lock_guard lock(self->storeMutex_);
+      self->retryAttempt_ = 0;
+    }
+  });
+}
+
+void Outbox::scheduleRetry() {
+  if (retryScheduled_)
+    return;
+  retryScheduled_ = true;
+  static thread_local std::minstd_rand generator(
+      static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count()));
+  const double unit = std::uniform_real_distribution<double>(0.0, 1.0)(generator);
+  const auto delay = backoffDelay(retryAttempt_++, unit);
+  log_->log(kLogDebug, kMethod, "Quorvel outbox: reports wait; next try in %lld ms",
+            static_cast<long long>(delay.count()));
+  std::weak_ptr<Outbox> weak = weak_from_this();
+  queue_->asyncAfter(delay, [weak] {
+    if (const auto self = weak.lock())
+      self->retryFailed();
+  });
+}
+
+void Outbox::retryFailed() {
+  const std::lock_guard lock(storeMutex_);
+  retryScheduled_ = false;
+  if (!resend_)
+    return;
+  for (auto& [id, held] : held_) {
+    if (!held.failed || !held.request || !held.slot->startSending())
+      continue;
+    held.failed = false;
+    const double waited = seconds(clock_->now()) - seconds(held.slot->acceptedAt());
+    resend_(held.slot, *held.request, waited);
+  }
+}
+
+// --- Durability and figures ---------------------------------------------------------------
+
+void Outbox::drainAndSync() noexcept {
+  try {
+    const std::lock_guard lock(storeMutex_);
+    writeBufferedLocked();
+    if (store_)
+      store_->sync();
+    lastSync_ = clock_->now();
+  } catch (...) {
+    // Exit and background paths never throw.
+  }
+}
+
+void Outbox::syncSoon() {
+  std::weak_ptr<Outbox> weak = weak_from_this();
+  queue_->async([weak] {
+    if (const auto self = weak.lock())
+      self->drainAndSync();
+  });
+}
+
+OutboxStats Outbox::stats() const {
+  OutboxStats s;
+  s.accepted = accepted_.load();
+  s.delivered = delivered_.load();
+  s.waiting = waiting_.load();
+  s.droppedForBytes = droppedForBytes_.load();
+  s.droppedForAge = droppedForAge_.load();
+  s.droppedByRule = droppedByRule_.load();
+  s.repeated = repeated_.load();
+  s.handedToFolder = handedOver_.load();
+  return s;
+}
+
+}  // namespace quorvel

@@ -1,0 +1,208 @@
+// Outbox: every report a public call accepts is written to durable storage before it is
+// sent, and stays there until the service has answered it.
+//
+// Why it exists: a report that lives only in memory between the host's call and the
+// service's answer is lost when the process is killed, exits under load or meets a slow
+// service. The kept-request folder (QuorvelRequestCache) only takes requests whose transport
+// already failed, and only 41 of them; the outbox covers the whole way, from the call on.
+//
+// The host's thread only appends a small record of the call to a buffer; the outbox's own
+// queue writes the buffer in one transaction per batch within a few milliseconds, syncs to
+// the disk at most once a second (and at the move to the background and at exit), enforces
+// the bounds, and replays what a previous process left unanswered.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include <quorvel/Json.h>
+#include <quorvel/Platform.h>
+
+#include "cache/QuorvelRequestCacheData.h"
+#include "log/Log.h"
+
+namespace quorvel {
+
+// One report in the outbox. Its number in the store is given by the outbox's queue, after
+// the store was read, so that the host's thread never waits for the storage.
+class OutboxSlot {
+ public:
+  explicit OutboxSlot(platform::TimePoint acceptedAt) : acceptedAt_(acceptedAt) {}
+  platform::TimePoint acceptedAt() const noexcept { return acceptedAt_; }
+  // Claims the report for one send; false while it is already on the wire.
+  bool startSending() noexcept { return !inFlight_.exchange(true); }
+  void stopSending() noexcept { inFlight_ = false; }
+
+ private:
+  friend class Outbox;
+  const platform::TimePoint acceptedAt_;
+  std::int64_t id_ = 0;  // set and read on the outbox's queue only
+  std::atomic<bool> inFlight_{false};
+  std::atomic<bool> settled_{false};  // answered or dropped: no further change
+};
+using OutboxSlotPtr = std::shared_ptr<OutboxSlot>;
+
+// What a report needs to be built later: the call that made it.
+struct OutboxIntent {
+  enum class Kind { launch, event, eventWithValues };
+  Kind kind = Kind::event;
+  std::string name;
+  std::optional<std::string> value;  // event
+  std::optional<Json> values;        // eventWithValues
+};
+
+// Counts of this process's reports (and of those it found left by an earlier one).
+struct OutboxStats {
+  std::uint64_t accepted = 0;   // reports accepted, plus those found at start
+  std::uint64_t delivered = 0;  // answered by the service
+  std::uint64_t waiting = 0;    // in the outbox now, or on their way into it
+  std::uint64_t droppedForBytes = 0;
+  std::uint64_t droppedForAge = 0;
+  std::uint64_t droppedByRule = 0;   // a launch too soon after the last, no developer key
+  std::uint64_t repeated = 0;        // requests sent again after an earlier process had sent them
+  std::uint64_t handedToFolder = 0;  // failed in transport and kept in the kept-request folder
+};
+
+class Outbox : public std::enable_shared_from_this<Outbox> {
+ public:
+  struct Limits {
+    std::uint64_t maxBytes = std::uint64_t{16} * 1024 * 1024;
+    std::chrono::seconds maxAge = std::chrono::hours(24 * 30);
+  };
+
+  // A report left by an earlier process: built (its request) or not (its intent).
+  struct Leftover {
+    OutboxSlotPtr slot;
+    std::optional<OutboxIntent> intent;
+    std::optional<QuorvelRequestCacheData> request;
+    bool wasSent = false;  // its request may have reached the service already
+  };
+
+  // `store` may be null: the outbox then keeps nothing (and says so once).
+  Outbox(std::shared_ptr<platform::OutboxStore> store,
+         std::shared_ptr<platform::DispatchQueue> queue,
+         std::shared_ptr<const platform::Clock> clock, std::shared_ptr<const Log> log,
+         Limits limits);
+  ~Outbox();
+  Outbox(const Outbox&) = delete;
+  Outbox& operator=(const Outbox&) = delete;
+
+  void setLimits(Limits limits);
+
+  // --- Any thread, cheap: the host's calls ------------------------------------------------
+  // A new report made by a call at `at`.
+  OutboxSlotPtr accept(OutboxIntent intent, platform::TimePoint at);
+  // A report built without an earlier acceptance (a purchase report), at once with its request.
+  OutboxSlotPtr acceptBuilt(const QuorvelRequestCacheData& request);
+  // The report's request is built and about to leave.
+  void built(const OutboxSlotPtr& slot, const QuorvelRequestCacheData& request);
+  // The service answered: the report is done.
+  void answered(const OutboxSlotPtr& slot);
+  // The report leaves the outbox unsent, counted under its reason.
+  // `handedOver`: not dropped, but kept as a file in the kept-request folder from now on.
+  enum class DropReason { rule, bytes, age, handedOver };
+  void dropped(const OutboxSlotPtr& slot, DropReason reason);
+  // Its request failed in transport and was not handed to the kept-request folder: it waits
+  // here and goes again after a backoff.
+  void failed(const OutboxSlotPtr& slot);
+
+  // --- Replay -----------------------------------------------------------------------------
+  // What sends a built report again (set once by the tracker). Called on the outbox's queue.
+  using Resend = std::function<void(const OutboxSlotPtr&, const QuorvelRequestCacheData&,
+                                    double secondsWaiting)>;
+  void setResend(Resend resend);
+  // Hands what an earlier process left to `take`, once, on the outbox's queue. Built reports
+  // are resent through the Resend first; `take` gets the unbuilt ones.
+  void resume(std::function<void(std::vector<Leftover>)> take);
+  // A send succeeded: the backoff starts over.
+  void transportRecovered();
+
+  // --- Durability ---------------------------------------------------------------------------
+  // Writes what is buffered and syncs, now, on the calling thread (exit, background).
+  void drainAndSync() noexcept;
+  // The same on the outbox's queue.
+  void syncSoon();
+
+  OutboxStats stats() const;
+  // False when no store could be opened (nothing survives this process).
+  bool durable() const noexcept { return durable_.load(); }
+
+  // Full-jitter exponential backoff: a random delay up to min(cap, base * 2^attempt).
+  static std::chrono::milliseconds backoffDelay(int attempt, double unitRandom);
+
+ private:
+  struct Put {
+    OutboxSlotPtr slot;
+    std::string content;  // empty: serialise `intent` on the queue
+    std::optional<OutboxIntent> intent;
+    std::optional<QuorvelRequestCacheData> request;  // a built report's, for its retries
+  };
+  struct Remove {
+    OutboxSlotPtr slot;
+  };
+  using Op = std::variant<Put, Remove>;
+
+  void enqueue(Op op);
+  void scheduleWrite();
+  // The queue's side; `mutex_` for the store is held.
+  void writeBufferedLocked();
+  void openLocked();
+  void enforceBoundsLocked(std::vector<platform::OutboxChange>& changes);
+  void scheduleRetry();
+  void retryFailed();
+  static std::string serialise(const Put& put);
+
+  std::shared_ptr<platform::OutboxStore> store_;
+  std::shared_ptr<platform::DispatchQueue> queue_;
+  std::shared_ptr<const platform::Clock> clock_;
+  std::shared_ptr<const Log> log_;
+
+  // The buffer the host's thread appends to; swapped out by the writer.
+  mutable std::mutex bufferMutex_;
+  std::vector<Op> buffer_;
+  std::atomic<bool> writeScheduled_{false};
+
+  // The writer's state.
+  std::mutex storeMutex_;
+  bool opened_ = false;
+  std::int64_t lastId_ = 0;
+  struct Held {
+    OutboxSlotPtr slot;
+    std::size_t bytes = 0;
+    std::optional<QuorvelRequestCacheData> request;  // built
+    bool failed = false;
+  };
+  std::map<std::int64_t, Held> held_;  // by id: oldest first
+  std::uint64_t heldBytes_ = 0;
+  std::vector<Leftover> leftovers_;
+  bool resumed_ = false;
+  bool overBoundLogged_ = false;
+  bool writeFailureLogged_ = false;
+  platform::TimePoint lastSync_{};
+  bool syncScheduled_ = false;
+  Limits limits_;
+  Resend resend_;
+  int retryAttempt_ = 0;
+  bool retryScheduled_ = false;
+
+  std::atomic<bool> durable_{true};
+  std::atomic<std::uint64_t> accepted_{0};
+  std::atomic<std::uint64_t> delivered_{0};
+  std::atomic<std::uint64_t> waiting_{0};
+  std::atomic<std::uint64_t> droppedForBytes_{0};
+  std::atomic<std::uint64_t> droppedForAge_{0};
+  std::atomic<std::uint64_t> droppedByRule_{0};
+  std::atomic<std::uint64_t> repeated_{0};
+  std::atomic<std::uint64_t> handedOver_{0};
+};
+
+}  // namespace quorvel

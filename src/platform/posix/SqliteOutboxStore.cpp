@@ -1,0 +1,149 @@
+// SQLite keeps the outbox: its journal survives the death of the process at any instruction,
+// which a hand-written file format would have to prove again. WAL mode with synchronous=NORMAL
+// makes a committed batch survive the process; sync() checkpoints, which flushes it to the
+// disk itself.
+#include "platform/posix/SqliteOutboxStore.h"
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+
+namespace quorvel::platform {
+namespace {
+
+// Finalises a statement on every path out of a scope.
+class Statement {
+ public:
+  Statement(sqlite3* db, const char* sql) noexcept {
+    if (sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr) != SQLITE_OK)
+      stmt_ = nullptr;
+  }
+  ~Statement() { sqlite3_finalize(stmt_); }
+  Statement(const Statement&) = delete;
+  Statement& operator=(const Statement&) = delete;
+  sqlite3_stmt* get() const noexcept { return stmt_; }
+  explicit operator bool() const noexcept { return stmt_ != nullptr; }
+
+ private:
+  sqlite3_stmt* stmt_ = nullptr;
+};
+
+}  // namespace
+
+SqliteOutboxStore::SqliteOutboxStore(std::string path) : path_(std::move(path)) {}
+
+SqliteOutboxStore::~SqliteOutboxStore() {
+  close();
+}
+
+void SqliteOutboxStore::close() noexcept {
+  if (db_ != nullptr) {
+    sqlite3_close_v2(db_);
+    db_ = nullptr;
+  }
+  if (lockFd_ >= 0) {
+    ::close(lockFd_);  // releases the advisory lock
+    lockFd_ = -1;
+  }
+}
+
+bool SqliteOutboxStore::exec(const char* sql) noexcept {
+  return sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+bool SqliteOutboxStore::open(std::string& reason) noexcept {
+  if (db_ != nullptr)
+    return true;
+  std::error_code ec;
+  std::filesystem::create_directories(std::filesystem::path(path_).parent_path(), ec);
+  const std::string lockPath = path_ + ".lock";
+  lockFd_ = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+  if (lockFd_ < 0) {
+    reason = "cannot open " + lockPath + ": " + std::strerror(errno);
+    return false;
+  }
+  if (::flock(lockFd_, LOCK_EX | LOCK_NB) != 0) {
+    reason = "another process uses the data directory (" + lockPath + " is locked)";
+    close();
+    return false;
+  }
+  const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
+  if (sqlite3_open_v2(path_.c_str(), &db_, flags, nullptr) != SQLITE_OK) {
+    reason = "cannot open " + path_ + ": " + (db_ ? sqlite3_errmsg(db_) : "out of memory");
+    close();
+    return false;
+  }
+  ::chmod(path_.c_str(), 0600);
+  sqlite3_busy_timeout(db_, 1000);
+  if (!exec("PRAGMA journal_mode=WAL") || !exec("PRAGMA synchronous=NORMAL") ||
+      !exec("PRAGMA wal_autocheckpoint=0") ||
+      !exec("CREATE TABLE IF NOT EXISTS outbox (id INTEGER PRIMARY KEY, content BLOB NOT NULL)")) {
+    reason = "cannot prepare " + path_ + ": " + sqlite3_errmsg(db_);
+    close();
+    return false;
+  }
+  return true;
+}
+
+bool SqliteOutboxStore::apply(const std::vector<OutboxChange>& changes) noexcept {
+  if (db_ == nullptr)
+    return false;
+  if (!exec("BEGIN IMMEDIATE"))
+    return false;
+  Statement put(db_, "INSERT OR REPLACE INTO outbox (id, content) VALUES (?1, ?2)");
+  Statement remove(db_, "DELETE FROM outbox WHERE id = ?1");
+  bool ok = put && remove;
+  for (const auto& change : changes) {
+    if (!ok)
+      break;
+    sqlite3_stmt* const s = change.content ? put.get() : remove.get();
+    sqlite3_bind_int64(s, 1, change.id);
+    if (change.content) {
+      sqlite3_bind_blob64(s, 2, change.content->data(), change.content->size(), SQLITE_STATIC);
+    }
+    ok = sqlite3_step(s) == SQLITE_DONE;
+    sqlite3_reset(s);
+    sqlite3_clear_bindings(s);
+  }
+  if (!ok) {
+    exec("ROLLBACK");
+    return false;
+  }
+  return exec("COMMIT");
+}
+
+std::vector<OutboxRecord> SqliteOutboxStore::load() noexcept {
+  std::vector<OutboxRecord> records;
+  if (db_ == nullptr)
+    return records;
+  try {
+    Statement all(db_, "SELECT id, content FROM outbox ORDER BY id");
+    while (all && sqlite3_step(all.get()) == SQLITE_ROW) {
+      OutboxRecord r;
+      r.id = sqlite3_column_int64(all.get(), 0);
+      const auto* data = static_cast<const char*>(sqlite3_column_blob(all.get(), 1));
+      r.content.assign(data != nullptr ? data : "",
+                       static_cast<std::size_t>(sqlite3_column_bytes(all.get(), 1)));
+      records.push_back(std::move(r));
+    }
+  } catch (...) {
+    // Out of memory: what was read so far.
+  }
+  return records;
+}
+
+bool SqliteOutboxStore::sync() noexcept {
+  if (db_ == nullptr)
+    return false;
+  // A checkpoint syncs the log, copies it into the database and syncs that.
+  return sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr) ==
+         SQLITE_OK;
+}
+
+}  // namespace quorvel::platform

@@ -1,0 +1,35 @@
+// The outbox on POSIX: one SQLite database in write-ahead-log mode beside the app's data,
+// guarded by an advisory lock so that two processes never share (and never send or delete)
+// each other's reports.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include <quorvel/platform/OutboxStore.h>
+
+struct sqlite3;
+
+namespace quorvel::platform {
+
+class SqliteOutboxStore final : public OutboxStore {
+ public:
+  // The database file is `path`; its lock file is `path` + ".lock".
+  explicit SqliteOutboxStore(std::string path);
+  ~SqliteOutboxStore() override;
+
+  bool open(std::string& reason) noexcept override;
+  bool apply(const std::vector<OutboxChange>& changes) noexcept override;
+  std::vector<OutboxRecord> load() noexcept override;
+  bool sync() noexcept override;
+
+ private:
+  bool exec(const char* sql) noexcept;
+  void close() noexcept;
+
+  std::string path_;
+  sqlite3* db_ = nullptr;
+  int lockFd_ = -1;
+};
+
+}  // namespace quorvel::platform

@@ -1,0 +1,88 @@
+// The tracker's side of the outbox: reports accepted at the host's call, what an earlier
+// process left unanswered, and the delivery figures.
+#include "tracker/TrackerCore.h"
+
+#include "log/Log.h"
+#include "tracker/TrackerLifetime.h"
+#include "tracker/TrackerNames.h"
+#include "util/WorkContext.h"
+
+namespace quorvel {
+
+ReportLedger::TicketPtr TrackerCore::acceptReport(OutboxIntent intent) {
+  resumeOutboxOnce();
+  auto ticket = ledger_->open();
+  ticket->setOutbox(outbox_->accept(std::move(intent), platform_->clock->now()));
+  return ticket;
+}
+
+void TrackerCore::resumeOutboxOnce() {
+  if (outboxResumed_.exchange(true))
+    return;
+  // Built reports go out at once from the outbox's queue; unbuilt ones are built here, once
+  // the host has configured the tracker (this runs at its first tracking call).
+  outbox_->resume([self = self_](std::vector<Outbox::Leftover> leftovers) {
+    if (const auto tracker = self->pin())
+      tracker->rebuildLeftovers(std::move(leftovers));
+  });
+}
+
+void TrackerCore::rebuildLeftovers(std::vector<Outbox::Leftover> leftovers) {
+  log_->log(kLogDebug, "-[QuorvelTracker resumeOutbox]",
+            "Quorvel: %lu reports of an earlier run are built now",
+            static_cast<unsigned long>(leftovers.size()));
+  for (auto& left : leftovers) {
+    if (!left.intent)
+      continue;
+    auto ticket = ledger_->open();
+    ticket->setOutbox(left.slot);
+    mBackgroundQueue_->async(
+        carryReport(std::move(ticket), [self = self_, intent = std::move(*left.intent)]() mutable {
+          const auto tracker = self->pin();
+          if (!tracker)
+            return;
+          tracker->ledger_->buildWhenThereIsRoom(
+              tracker->mBackgroundQueue_, inCurrentWorkContext([self, intent = std::move(intent)] {
+                const auto pinned = self->pin();
+                if (!pinned)
+                  return;
+                switch (intent.kind) {
+                  case OutboxIntent::Kind::launch:
+                    pinned->callServerWithEventName(kLaunchEventName);
+                    break;
+                  case OutboxIntent::Kind::eventWithValues:
+                    pinned->buildEventWithValues(intent.name, intent.values);
+                    break;
+                  case OutboxIntent::Kind::event:
+                    pinned->callServerWithEventName(intent.name, intent.value, true, false);
+                    break;
+                }
+              }));
+        }));
+  }
+}
+
+void TrackerCore::dropCurrentReport() {
+  if (const auto ticket = ReportLedger::current(); ticket && ticket->outbox())
+    outbox_->dropped(ticket->outbox(), Outbox::DropReason::rule);
+}
+
+void TrackerCore::setOutboxLimits(std::uint64_t maxBytes, std::chrono::seconds maxAge) {
+  outbox_->setLimits(Outbox::Limits{maxBytes, maxAge});
+}
+
+QuorvelDeliveryStats TrackerCore::deliveryStats() const {
+  const OutboxStats s = outbox_->stats();
+  QuorvelDeliveryStats out;
+  out.accepted = s.accepted;
+  out.delivered = s.delivered;
+  out.waiting = s.waiting;
+  out.keptAsFiles = s.handedToFolder;
+  out.droppedOverSize = s.droppedForBytes;
+  out.droppedOverAge = s.droppedForAge;
+  out.droppedByRule = s.droppedByRule;
+  out.repeated = s.repeated;
+  return out;
+}
+
+}  // namespace quorvel
