@@ -7,7 +7,8 @@
 // already failed, and only 41 of them; the outbox covers the whole way, from the call on.
 //
 // The host's thread only appends a small record of the call to a buffer; the outbox's own
-// queue writes the buffer in one transaction per batch within a few milliseconds, syncs to
+// queue writes the buffer in one transaction per batch (what arrived while the previous
+// batch was written: a group commit), syncs to
 // the disk at most once a second (and at the move to the background and at exit), enforces
 // the bounds, and replays what a previous process left unanswered.
 #pragma once
@@ -101,10 +102,20 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // --- Any thread, cheap: the host's calls ------------------------------------------------
   // A new report made by a call at `at`.
   OutboxSlotPtr accept(OutboxIntent intent, platform::TimePoint at);
-  // A report built without an earlier acceptance (a purchase report), at once with its request.
-  OutboxSlotPtr acceptBuilt(const QuorvelRequestCacheData& request);
-  // The report's request is built and about to leave.
-  void built(const OutboxSlotPtr& slot, const QuorvelRequestCacheData& request);
+  // A report built without an earlier acceptance (a purchase report); built() follows.
+  OutboxSlotPtr acceptBuilt();
+
+  // Counters whose values a request carries ("iaecounter", the launch counter) are kept
+  // with the requests, in the same transaction, so that a kill right after a send can never
+  // give the next process the same value for another report.
+  void noteCounter(const std::string& key, std::int64_t value);
+  // The highest value kept for `key` (0 when none); waits until the store was read.
+  std::int64_t counterFloor(const std::string& key);
+  // The report's request is built. `send` runs once it is written (on the outbox's queue):
+  // a request never leaves before its record, so that a report the service may have seen
+  // is never built a second time. While the store refuses writes (a full disk), it waits.
+  void built(const OutboxSlotPtr& slot, const QuorvelRequestCacheData& request,
+             std::function<void()> send);
   // The service answered: the report is done.
   void answered(const OutboxSlotPtr& slot);
   // The report leaves the outbox unsent, counted under its reason.
@@ -145,6 +156,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
     std::string content;  // empty: serialise `intent` on the queue
     std::optional<OutboxIntent> intent;
     std::optional<QuorvelRequestCacheData> request;  // a built report's, for its retries
+    std::function<void()> then;                      // runs once the record is written
   };
   struct Remove {
     OutboxSlotPtr slot;
@@ -169,11 +181,14 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // The buffer the host's thread appends to; swapped out by the writer.
   mutable std::mutex bufferMutex_;
   std::vector<Op> buffer_;
+  std::map<std::string, std::int64_t> noted_;  // counters noted since the last batch
   std::atomic<bool> writeScheduled_{false};
 
   // The writer's state.
   std::mutex storeMutex_;
   bool opened_ = false;
+  Json counters_ = Json::object();  // the kept counters (record 0)
+  bool countersDirty_ = false;
   std::int64_t lastId_ = 0;
   struct Held {
     OutboxSlotPtr slot;

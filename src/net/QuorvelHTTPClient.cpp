@@ -77,20 +77,22 @@ void QuorvelHTTPClient::sendRequestEventToServer(const QuorvelRequestCacheData& 
     return;
   }
   auto ticket = reportOfNewRequest();
-  OutboxSlotPtr slot = ticket ? ticket->outbox() : nullptr;
-  if (outbox_) {
-    // On disk before it leaves: a report accepted earlier now has its request; one made
-    // without a host's call (a purchase report) enters the outbox here.
-    if (slot)
-      outbox_->built(slot, request);
-    else
-      slot = outbox_->acceptBuilt(request);
-    slot->startSending();
-  }
   if (ticket)
     ticket->attach();
-  post(request, std::move(url), Origin::fresh, std::move(slot), std::move(onSuccess),
-       std::move(ticket));
+  if (!outbox_) {
+    post(request, std::move(url), Origin::fresh, nullptr, std::move(onSuccess), std::move(ticket));
+    return;
+  }
+  // On disk before it leaves: a report accepted earlier now has its request; one made
+  // without a host's call (a purchase report) enters the outbox here.
+  OutboxSlotPtr slot = ticket && ticket->outbox() ? ticket->outbox() : outbox_->acceptBuilt();
+  slot->startSending();
+  outbox_->built(slot, request,
+                 [self = shared_from_this(), request, url = std::move(url), slot,
+                  onSuccess = std::move(onSuccess), ticket = std::move(ticket)]() mutable {
+                   self->post(request, std::move(url), Origin::fresh, slot, std::move(onSuccess),
+                              std::move(ticket));
+                 });
 }
 
 void QuorvelHTTPClient::sendOutboxRequest(const OutboxSlotPtr& slot,

@@ -26,8 +26,12 @@ int TrackerCore::getCounter(bool increase) {
     log_->log(kLogDebug, kMethod, "1st launch");
   }
   if (increase) {
+    // Never below what the outbox kept with the last requests: the preferences may not have
+    // reached the disk before the process died.
+    value = std::max(value, clampToInt(outbox_->counterFloor(keys::kCounter)));
     value = value == INT32_MAX ? value : value + 1;
     prefs.setInteger(keys::kCounter, value);
+    outbox_->noteCounter(keys::kCounter, value);
     // Durable before the launch request leaves: the dispatch writes it then.
     persistPreferencesSoon();
     log_->log(kLogDebug, kMethod, "save counter %d", value);
@@ -46,8 +50,12 @@ int TrackerCore::getInAppCounter(bool increase) {
     log_->log(kLogDebug, kMethod, "no in-app yet");
   }
   if (increase) {
+    value = std::max(value, clampToInt(outbox_->counterFloor(keys::kInAppCounter)));
     value = value == INT32_MAX ? value : value + 1;
     prefs.setInteger(keys::kInAppCounter, value);
+    // Kept with the request in the outbox, durable before it leaves; the preferences follow
+    // in their group commit.
+    outbox_->noteCounter(keys::kInAppCounter, value);
     persistPreferencesSoon();
   }
   // Written with or without an increase, unlike the launch counter's line.

@@ -30,7 +30,9 @@ struct TestPlatform {
 
   // Requests sent so far through `session` (any when empty), oldest first. Each stays
   // unanswered until the test answers it by its index among all requests.
+  // Work due now runs first: a request leaves once the outbox's queue has written it.
   std::vector<platform::URLRequest> requests(std::string_view session = {}) const {
+    dispatcher->runUntilIdle();
     std::vector<platform::URLRequest> out;
     for (const auto& r : transport->sent()) {
       if (session.empty() || r.session == session)
@@ -40,9 +42,11 @@ struct TestPlatform {
   }
   void respond(std::size_t index, long status, std::string body,
                std::string mimeType = "application/json") const {
+    dispatcher->runUntilIdle();  // what is due is sent first
     transport->answer(index, {status, std::move(body), std::move(mimeType), std::nullopt});
   }
   void fail(std::size_t index, const Error& error) const {
+    dispatcher->runUntilIdle();
     transport->answer(index, {0, "", "", error});
   }
 

@@ -60,10 +60,11 @@ TEST_F(HostEventsTest, PurchaseEventThenValidation) {
   tracker->validateAndTrackInAppPurchase(
       std::string("com.game.gems"), std::nullopt, std::string("EUR"), std::string("tx-1"),
       Json{{"ignored", true}}, [&](const Json& r) { successes.push_back(r); }, nullptr);
+  // The validation leaves at once; the report once the outbox has written it.
   ASSERT_EQ(sent().size(), 2U);
-  EXPECT_EQ(request(0).url,
+  EXPECT_EQ(request(1).url,
             "https://validate.svc.example/api/v4.8/iosevent?app_id=123&buildnumber=4.8.0");
-  const Json event = test::decryptPayload(kDevKey, request(0).body);
+  const Json event = test::decryptPayload(kDevKey, request(1).body);
   EXPECT_EQ(event["event"], "qv_purchase");
   EXPECT_EQ(event["currency"], "EUR");
   EXPECT_EQ(event["price"], "");
@@ -72,7 +73,7 @@ TEST_F(HostEventsTest, PurchaseEventThenValidation) {
   EXPECT_EQ(event["is_sandbox"], "false");
   EXPECT_EQ(event["receipt_data"], (Json{{"data", Json{{"receipt-data", "cmNw"}}}}));
 
-  const auto& v = request(1);
+  const auto& v = request(0);
   EXPECT_EQ(v.url,
             "https://sdk-services.svc.example/validate-ios-receipt-server?app_id=123&quorvel_id=" +
                 tracker->getQuorvelUID() + "&dev_key=" + kDevKey +
@@ -81,7 +82,7 @@ TEST_F(HostEventsTest, PurchaseEventThenValidation) {
                                              {"Content-Type", "application/json"}}));
   EXPECT_EQ(std::string(v.body.begin(), v.body.end()), R"({"receipt-data":"cmNw"})");
   EXPECT_TRUE(tracker->validateRequest());
-  fakes.respond(1, 200, R"({"status":0,"transaction_id":"tx-1"})");
+  fakes.respond(0, 200, R"({"status":0,"transaction_id":"tx-1"})");
   fakes.dispatcher->runUntilIdle();
   ASSERT_EQ(successes.size(), 1U);
   EXPECT_EQ(successes[0]["transaction_id"], "tx-1");
@@ -111,19 +112,20 @@ TEST_F(HostEventsTest, PurchaseFailures) {
   EXPECT_TRUE(sent().empty());
 
   auto rejected = attempt(std::string("p"), std::string("tx"));
-  fakes.respond(1, 200, R"({"status":21002})");
+  // Each purchase sends its validation at once and its report after the outbox's write.
+  fakes.respond(0, 200, R"({"status":21002})");
   fakes.dispatcher->runUntilIdle();
   EXPECT_EQ(rejected->calls, 1);
   EXPECT_FALSE(rejected->error);
   EXPECT_EQ(rejected->response, (Json{{"status", 21002}}));
 
   auto broken = attempt(std::string("p"), std::string("tx"));
-  fakes.respond(3, 200, "<html>");
+  fakes.respond(2, 200, "<html>");
   fakes.dispatcher->runUntilIdle();
   EXPECT_EQ(broken->error->code, 3840);
 
   auto offline = attempt(std::string("p"), std::string("tx"));
-  fakes.fail(5, Error{platform::kURLErrorDomain, -1009, "offline"});
+  fakes.fail(4, Error{platform::kURLErrorDomain, -1009, "offline"});
   fakes.dispatcher->runUntilIdle();
   EXPECT_EQ(offline->error->code, -1009);
   EXPECT_EQ(fakes.systemLog->count(

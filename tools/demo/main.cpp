@@ -298,6 +298,16 @@ Json launchOptions(const std::vector<std::string>& steps) {
   return options;
 }
 
+// What became of this run's reports (and of those an earlier run left), as the library counts.
+void printDeliveryStats(const quorvel::QuorvelDeliveryStats& s) {
+  std::cout << "Delivery\n"
+            << "  accepted " << s.accepted << ", delivered " << s.delivered << ", waiting "
+            << s.waiting << ", kept as files " << s.keptAsFiles << "\n"
+            << "  dropped: over size " << s.droppedOverSize << ", over age " << s.droppedOverAge
+            << ", by rule " << s.droppedByRule << "; sent again after a lost answer " << s.repeated
+            << "\n";
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -355,5 +365,6 @@ int main(int argc, char** argv) {
                 << " s; the exit flush keeps what is unanswered for the next run\n";
     }
   }
+  printDeliveryStats(tracker.deliveryStats());
   return 0;
 }

@@ -97,7 +97,7 @@ void printRequestsJson(std::ostream& out, const std::vector<StoredRequest>& requ
     Json item = {{"id", r.id},       {"time", r.time},       {"method", r.method},
                  {"host", r.host},   {"service", r.service}, {"path", r.path},
                  {"query", r.query}, {"headers", r.headers}, {"status", r.status},
-                 {"note", r.note}};
+                 {"note", r.note},   {"repeat", r.repeat}};
     if (isUtf8(r.body))
       item["body"] = r.body;
     else
@@ -110,7 +110,9 @@ void printRequestsJson(std::ostream& out, const std::vector<StoredRequest>& requ
 
 void printRequestsText(std::ostream& out, const std::vector<StoredRequest>& requests, bool full) {
   std::map<std::string, std::map<int, int>> totals;
+  std::size_t repeats = 0;
   for (const auto& r : requests) {
+    repeats += r.repeat ? 1 : 0;
     out << "#" << r.id << "  " << clockTime(r.time) << "  " << r.method << " " << r.host << r.path
         << "  -> " << r.status << (r.note.empty() ? "" : "  " + r.note) << "\n";
     std::optional<Json> shown = r.decrypted;
@@ -126,6 +128,9 @@ void printRequestsText(std::ostream& out, const std::vector<StoredRequest>& requ
     ++totals[r.service.empty() ? "(no service)" : r.service][r.status];
   }
   out << requests.size() << " request" << (requests.size() == 1 ? "" : "s") << " received";
+  if (repeats > 0)
+    out << " (" << repeats << " repeat" << (repeats == 1 ? "" : "s")
+        << " of reports received before)";
   if (!totals.empty())
     out << ":";
   out << "\n";

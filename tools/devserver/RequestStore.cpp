@@ -53,7 +53,8 @@ RequestStore::RequestStore(const std::string& path) {
   exec(
       "CREATE TABLE IF NOT EXISTS requests (id INTEGER PRIMARY KEY AUTOINCREMENT, time REAL, "
       "method TEXT, host TEXT, service TEXT, path TEXT, query TEXT, headers TEXT, body BLOB, "
-      "decrypted TEXT, status INTEGER, note TEXT)");
+      "decrypted TEXT, status INTEGER, note TEXT, repeat INTEGER DEFAULT 0)");
+  exec("CREATE TABLE IF NOT EXISTS reports_seen (app TEXT, key TEXT, PRIMARY KEY (app, key))");
   exec(
       "CREATE TABLE IF NOT EXISTS conversion_data_served (app TEXT, device TEXT, "
       "PRIMARY KEY (app, device))");
@@ -137,8 +138,8 @@ void RequestStore::add(StoredRequest request) {
 void RequestStore::insertLocked(const StoredRequest& r) const {
   const Statement s = prepare(db_.get(),
                               "INSERT INTO requests (time, method, host, service, path, query, "
-                              "headers, body, decrypted, status, note) "
-                              "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+                              "headers, body, decrypted, status, note, repeat) "
+                              "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
   sqlite3_bind_double(s.get(), 1, r.time);
   bindText(s.get(), 2, r.method);
   bindText(s.get(), 3, r.host);
@@ -153,14 +154,15 @@ void RequestStore::insertLocked(const StoredRequest& r) const {
     sqlite3_bind_null(s.get(), 9);
   sqlite3_bind_int(s.get(), 10, r.status);
   bindText(s.get(), 11, r.note);
+  sqlite3_bind_int(s.get(), 12, r.repeat ? 1 : 0);
   step(db_.get(), s.get());
 }
 
 namespace {
 
 constexpr const char* kColumns =
-    "SELECT id, time, method, host, service, path, query, headers, body, decrypted, status, note "
-    "FROM requests ";
+    "SELECT id, time, method, host, service, path, query, headers, body, decrypted, status, note, "
+    "repeat FROM requests ";
 
 std::vector<StoredRequest> readRequests(sqlite3_stmt* s) {
   std::vector<StoredRequest> out;
@@ -182,6 +184,7 @@ std::vector<StoredRequest> readRequests(sqlite3_stmt* s) {
     }
     r.status = sqlite3_column_int(s, 10);
     r.note = columnText(s, 11);
+    r.repeat = sqlite3_column_int(s, 12) != 0;
     out.push_back(std::move(r));
   }
   return out;
@@ -204,6 +207,16 @@ std::vector<StoredRequest> RequestStore::newerThan(std::int64_t id, std::size_t 
   sqlite3_bind_int64(s.get(), 1, id);
   sqlite3_bind_int64(s.get(), 2, static_cast<sqlite3_int64>(limit));
   return readRequests(s.get());
+}
+
+bool RequestStore::markReportSeen(const std::string& appId, const std::string& key) {
+  const std::lock_guard lock(mutex_);
+  const Statement s =
+      prepare(db_.get(), "INSERT OR IGNORE INTO reports_seen (app, key) VALUES (?, ?)");
+  bindText(s.get(), 1, appId);
+  bindText(s.get(), 2, key);
+  step(db_.get(), s.get());
+  return sqlite3_changes(db_.get()) == 0;
 }
 
 bool RequestStore::markConversionDataServed(const std::string& appId, const std::string& deviceId) {

@@ -32,6 +32,8 @@ struct StoredRequest {
   std::optional<Json> decrypted;  // the clear payload, where there is one
   int status = 0;
   std::string note;
+  // The report was received before (same install and counter): answered, not counted again.
+  bool repeat = false;
 };
 
 struct ShortLink {
@@ -62,6 +64,9 @@ class RequestStore {
 
   // True when this device of this app was given conversion data before; marks it as given.
   bool markConversionDataServed(const std::string& appId, const std::string& deviceId);
+
+  // True when the report `key` of this app was received before; marks it as received.
+  bool markReportSeen(const std::string& appId, const std::string& key);
 
   void addShortLink(const ShortLink& link);
   std::optional<ShortLink> shortLink(const std::string& templateId, const std::string& id) const;

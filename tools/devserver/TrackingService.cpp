@@ -27,6 +27,23 @@ std::string describePayload(const Json& payload) {
   return note;
 }
 
+// What names one report of one install: a launch by its launch counter, an event by its event
+// counter. Empty when the payload carries neither (nothing to compare).
+std::string reportKey(const std::string& service, const Json& payload) {
+  if (!payload.is_object())
+    return {};
+  const auto text = [&](const char* key) {
+    const auto it = payload.find(key);
+    return it != payload.end() && it->is_string() ? it->get<std::string>() : std::string();
+  };
+  const std::string uid = text("uid");
+  const bool launch = text("event") == "Launched";
+  const std::string counter = launch ? text("counter") : text("iaecounter");
+  if (uid.empty() || counter.empty())
+    return {};
+  return service + "|" + uid + "|" + (launch ? "launch " : "event ") + counter;
+}
+
 ServiceResponse jsonOk(const Json& body, std::string note) {
   ServiceResponse r;
   r.body = body.dump();
@@ -54,11 +71,17 @@ ServiceResponse Emulator::tracking(const ServiceRequest& request, StoredRequest&
     return errorResponse(400, "decrypted body is not JSON");
   }
   record.decrypted = payload;
+  // A library sends a report again when its answer never reached it (a kill, a cut
+  // connection): answered as the first was, kept apart as a repeat.
+  const std::string key = reportKey(record.service, payload);
+  if (!key.empty() && store_.markReportSeen(*appId, key))
+    record.repeat = true;
   Json answer = {{"monitor", monitor()},
                  {"hl_domain", std::string(kShortLinkPrefix) + "." + serviceDomain()},
                  {"hl_ver", "1"},
                  {"hl_scheme", "qv" + *appId + "://"}};
-  return jsonOk(std::move(answer), describePayload(payload));
+  return jsonOk(std::move(answer), (record.repeat ? "repeat of " + key + ": " : std::string()) +
+                                       describePayload(payload));
 }
 
 ServiceResponse Emulator::stats(const ServiceRequest& request, StoredRequest& record) {
