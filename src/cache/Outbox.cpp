@@ -185,7 +185,6 @@ void Outbox::openLocked() {
               reason);
     return;
   }
-  const double now = seconds(clock_->now());
   std::vector<platform::OutboxChange> expired;
   for (auto& record : store_->load()) {
     lastId_ = std::max(lastId_, record.id);
@@ -198,7 +197,7 @@ void Outbox::openLocked() {
     const double at = parsed.is_object() ? parsed.value("at", 0.0) : 0.0;
     auto slot = std::make_shared<OutboxSlot>(fromSeconds(at));
     slot->id_ = record.id;
-    if (!parsed.is_object() || now - at > static_cast<double>(limits_.maxAge.count())) {
+    if (!parsed.is_object()) {
       expired.push_back({record.id, std::nullopt});
       droppedForAge_.fetch_add(1, std::memory_order_relaxed);
       accepted_.fetch_add(1, std::memory_order_relaxed);
@@ -236,11 +235,37 @@ void Outbox::openLocked() {
     leftovers_.push_back(std::move(left));
   }
   if (!expired.empty()) {
-    log_->log(kLogWarning, kMethod, "Quorvel outbox: %lu reports older than %lld s dropped",
-              static_cast<unsigned long>(expired.size()),
-              static_cast<long long>(limits_.maxAge.count()));
+    log_->log(kLogWarning, kMethod, "Quorvel outbox: %lu unreadable reports dropped",
+              static_cast<unsigned long>(expired.size()));
     store_->apply(expired);
   }
+}
+
+// The age bound is applied when the leftovers go, not when the store opens: by then the host
+// has set its own limits.
+void Outbox::dropExpiredLeftoversLocked() {
+  const auto now = clock_->now();
+  std::vector<platform::OutboxChange> expired;
+  std::erase_if(leftovers_, [&](const Leftover& left) {
+    if (now - left.slot->acceptedAt() <= limits_.maxAge)
+      return false;
+    const auto id = left.slot->id_;
+    if (const auto it = held_.find(id); it != held_.end()) {
+      heldBytes_ -= it->second.bytes;
+      held_.erase(it);
+    }
+    expired.push_back({id, std::nullopt});
+    waiting_.fetch_sub(1, std::memory_order_relaxed);
+    droppedForAge_.fetch_add(1, std::memory_order_relaxed);
+    return true;
+  });
+  if (expired.empty())
+    return;
+  log_->log(kLogWarning, kMethod, "Quorvel outbox: %lu reports older than %lld s dropped",
+            static_cast<unsigned long>(expired.size()),
+            static_cast<long long>(limits_.maxAge.count()));
+  if (store_)
+    store_->apply(expired);
 }
 
 std::string Outbox::serialise(const Put& put) {
@@ -339,7 +364,8 @@ void Outbox::writeBufferedLocked() {
     });
     return;
   }
-  writeFailureLogged_ = false;
+  if (!changes.empty())
+    writeFailureLogged_ = false;  // a write went through: the next failure is a new episode
   countersDirty_ = false;
   // Written: now the requests may leave.
   for (const auto& send : sends)
@@ -409,6 +435,7 @@ void Outbox::resume(std::function<void(std::vector<Leftover>)> take) {
       if (self->resumed_)
         return;
       self->resumed_ = true;
+      self->dropExpiredLeftoversLocked();
       for (auto& left : self->leftovers_) {
         if (!left.request) {
           unbuilt.push_back(std::move(left));

@@ -168,6 +168,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // The queue's side; `mutex_` for the store is held.
   void writeBufferedLocked();
   void openLocked();
+  void dropExpiredLeftoversLocked();
   void enforceBoundsLocked(std::vector<platform::OutboxChange>& changes);
   void scheduleRetry();
   void retryFailed();

@@ -194,7 +194,7 @@ std::vector<QuorvelRequestCacheData> QuorvelRequestCache::getCachedRequests() {
     return result;
   const double now = secondsSince2001(platform_->clock->now());
   for (const auto& name : *names) {
-    if (!isCacheEntry(name))
+    if (!isCacheEntry(name) || isSettledButKept(name))
       continue;
     const auto bytes = fs.readFile(*directory + "/" + name);
     const std::string text = bytes ? std::string(bytes->begin(), bytes->end()) : std::string();
@@ -237,6 +237,11 @@ void QuorvelRequestCache::processCache() {
     std::lock_guard guard(lock_);
     cachedRequests_ = std::move(batch);
     loaded = cachedRequests_->size();
+    // Set while a batch is on its way, until the answer to its last request: the batch is
+    // empty as soon as that request is handed over, and a fresh answer arriving meanwhile
+    // would otherwise load its file again and send it a second time.
+    if (loaded > 0)
+      isSendingCachedData_ = true;
   }
   log_->log(kLogDebug, "-[QuorvelRequestCache processCache]", "Cache size %d", loaded);
   auto self = shared_from_this();
@@ -260,21 +265,26 @@ void QuorvelRequestCache::sendNextCachedEvents() {
     if (!cachedRequests_ || cachedRequests_->empty())
       return;
     const QuorvelRequestCacheData next = cachedRequests_->front();
-    sendCachedRequest(next);
+    const bool started = sendCachedRequest(next);
     // Out of the batch as soon as it is handed over; its file stays until answered.
     cachedRequests_->erase(cachedRequests_->begin());
+    // No answer will come to move the chain on: a later answer starts a new one.
+    if (!started && cachedRequests_->empty())
+      isSendingCachedData_ = false;
   } catch (const std::exception& e) {
     log_->log(kLogError, kMethod, "Error fetching requestData: %@", e.what());
   }
 }
 
-void QuorvelRequestCache::sendCachedRequest(const QuorvelRequestCacheData& request) {
+bool QuorvelRequestCache::sendCachedRequest(const QuorvelRequestCacheData& request) {
   try {
     if (sender_)
       sender_(request);
+    return sender_ != nullptr;
   } catch (...) {
     log_->log(kLogError, "-[QuorvelRequestCache sendCachedRequest:]",
               "failed to start connection %@", request.requestURL());
+    return false;
   }
 }
 
@@ -286,7 +296,18 @@ void QuorvelRequestCache::deleteRequest(const QuorvelRequestCacheData& request) 
   if (!platform_->fileSystem->removeFile(path, &reason)) {
     log_->log(kLogError, "-[QuorvelRequestCache deleteRequest:]", "Error deleting file at %@\n%@",
               path, reason);
+    // Answered (or given up) all the same: a file that cannot go (a read-only folder) is
+    // not replayed again by this process after every answer.
+    if (request.cacheKey()) {
+      std::lock_guard guard(lock_);
+      settledButKept_.insert(*request.cacheKey());
+    }
   }
+}
+
+bool QuorvelRequestCache::isSettledButKept(const std::string& name) const {
+  std::lock_guard guard(lock_);
+  return settledButKept_.count(name) > 0;
 }
 
 std::optional<std::vector<QuorvelRequestCacheData>> QuorvelRequestCache::cachedRequests() const {

@@ -8,6 +8,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -44,7 +45,8 @@ class QuorvelRequestCache : public std::enable_shared_from_this<QuorvelRequestCa
   void processCache();
   // Replays the next record of the batch.
   void sendNextCachedEvents();
-  void sendCachedRequest(const QuorvelRequestCacheData& request);
+  // False when the record could not be handed over (no sender, or it threw).
+  bool sendCachedRequest(const QuorvelRequestCacheData& request);
   void deleteRequest(const QuorvelRequestCacheData& request);
 
   bool failedToInitialize() const noexcept { return failedToInitialize_; }
@@ -61,6 +63,9 @@ class QuorvelRequestCache : public std::enable_shared_from_this<QuorvelRequestCa
   mutable std::recursive_mutex lock_;  // the lock on the cache object
   std::optional<std::vector<QuorvelRequestCacheData>> cachedRequests_;
   std::atomic<bool> isSendingCachedData_{false};
+  // Files answered (or given up) that could not be deleted: skipped from then on.
+  std::set<std::string> settledButKept_;
+  bool isSettledButKept(const std::string& name) const;
   std::mutex pathMutex_;
   std::optional<std::string> cacheDirectoryPath_;
   std::atomic<bool> failedToInitialize_{false};

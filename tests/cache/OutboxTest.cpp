@@ -1,0 +1,232 @@
+// Delivery from the call on, on virtual time: a kill (a tracker dropped without a flush, the
+// next one made on the same stores), an answer that never came, the replay of the kept
+// folder while its last request is on the wire, a full folder, a full disk, the bounds, and
+// the moment an event's timestamp names.
+#include <gtest/gtest.h>
+
+#include "cache/Outbox.h"
+#include "support/TrackerFixture.h"
+#include "util/PreferenceKeys.h"
+
+namespace quorvel {
+namespace {
+
+using namespace std::chrono_literals;
+
+const Error kOutboxRefused{platform::kURLErrorDomain, -1004, "refused"};
+
+class OutboxTest : public test::TrackerFixture {
+ protected:
+  // A new process on the same disk: what the dropped tracker wrote of its preferences and
+  // outbox is all the next one finds.
+  std::unique_ptr<QuorvelTracker> restart() {
+    facade.reset();
+    auto durable = fakes.preferences->durable();
+    fakes.preferences = std::make_shared<test::MemoryPreferencesStore>();
+    for (const auto& [key, value] : durable)
+      fakes.preferences->setObject(key, value);
+    auto next = std::make_unique<QuorvelTracker>(fakes.shared());
+    auto& core = coreOf(*next);
+    core.logger().switches().setDebug(true);
+    core.setQuorvelDevKey(std::string(kDevKey));
+    core.setAppleAppID(std::string("123"));
+    core.setHost(std::string("svc.example"));
+    tracker = &core;
+    return next;
+  }
+  std::vector<Json> payloadsOf(const std::string& event) {
+    std::vector<Json> out;
+    for (std::size_t i = 0; i < sent().size(); ++i) {
+      if (request(i).url.find("/api/v4.8/iosevent") == std::string::npos)
+        continue;
+      const Json p = payload(i);
+      if (p.value("event", "") == event)
+        out.push_back(p);
+    }
+    return out;
+  }
+};
+
+TEST_F(OutboxTest, AKillLosesNothingAndRepeatsOnlyWhatMayHaveArrived) {
+  tracker->trackAppLaunch();
+  tracker->trackEvent("answered", std::string("1"));
+  tracker->trackEvent("answered", std::string("2"));
+  fakes.dispatcher->advance(250ms);
+  ASSERT_EQ(sent().size(), 3U);  // two events, then the launch, which stays on the wire
+  fakes.respond(0, 200, "{}");
+  fakes.respond(1, 200, "{}");
+  fakes.dispatcher->runUntilIdle();
+  const double calledAt = platform::secondsSince1970(fakes.clock->now());
+  tracker->trackEvent("not_built", std::string("3"));
+  fakes.dispatcher->advance(0ms);  // its record is written; the kill comes before its 1 ms
+  EXPECT_EQ(fakes.outbox->size(), 2U + 1U);  // two reports and the kept counters
+  const auto before = tracker->deliveryStats();
+  EXPECT_EQ(before.accepted, 4U);
+  EXPECT_EQ(before.delivered, 2U);
+  EXPECT_EQ(before.waiting, 2U);
+
+  fakes.clock->advance(30s);
+  const auto next = restart();
+  tracker->trackAppLaunch();  // the first call of the new process sends what was left
+  fakes.dispatcher->advance(250ms);
+  // The launch that was on the wire goes again unchanged, marked as a replay; the event
+  // is built now, stamped with the moment of its call, its counter after the ones sent.
+  std::vector<std::size_t> replays;
+  for (std::size_t i = 3; i < sent().size(); ++i)
+    if (request(i).url.find("&isCachedRequest=true") != std::string::npos)
+      replays.push_back(i);
+  ASSERT_EQ(replays.size(), 1U);
+  EXPECT_NE(request(replays[0]).url.find("&timeincache=30.25"), std::string::npos);
+  EXPECT_EQ(request(replays[0]).body, request(2).body);
+  const auto rebuilt = payloadsOf("not_built");
+  ASSERT_EQ(rebuilt.size(), 1U);
+  EXPECT_EQ(rebuilt[0]["eventvalue"], "3");
+  EXPECT_NEAR(std::stod(rebuilt[0]["timestamp"].get<std::string>()), calledAt, 0.001);
+  EXPECT_EQ(rebuilt[0]["iaecounter"], "3");
+  ASSERT_EQ(sent().size(), 6U);
+  EXPECT_EQ(payload(5)["counter"], "2");
+  for (std::size_t i = 3; i < sent().size(); ++i)
+    fakes.respond(i, 200, "{}");
+  fakes.dispatcher->runUntilIdle();
+  const auto after = tracker->deliveryStats();
+  EXPECT_EQ(after.repeated, 1U);
+  EXPECT_EQ(after.waiting, 0U);
+  EXPECT_EQ(fakes.outbox->size(), 1U);  // the counters only
+}
+
+// A kill right after a send, before the preferences' group commit: the next process must
+// not give another event the counter the service already has.
+TEST_F(OutboxTest, CountersSentBeforeAKillAreNeverGivenAgain) {
+  tracker->trackEvent("first", std::nullopt);
+  fakes.dispatcher->advance(1ms);
+  ASSERT_EQ(sent().size(), 1U);
+  fakes.respond(0, 200, "{}");
+  fakes.dispatcher->runUntilIdle();
+  fakes.preferences->removeObjectForKey(keys::kInAppCounter);
+  fakes.preferences->synchronize();  // the preferences lost their last write
+  const auto next = restart();
+  tracker->trackEvent("second", std::nullopt);
+  fakes.dispatcher->advance(1ms);
+  EXPECT_EQ(payloadsOf("second").at(0)["iaecounter"], "2");
+}
+
+// The kept folder's replay while its last request is still unanswered: a fresh answer then
+// must not load that file again.
+TEST_F(OutboxTest, AKeptRequestIsNeverOnTheWireTwice) {
+  tracker->trackEvent("kept", std::nullopt);
+  fakes.dispatcher->advance(1ms);
+  fakes.fail(0, kOutboxRefused);
+  fakes.dispatcher->runUntilIdle();
+  EXPECT_EQ(tracker->requestCache()->getCacheSize(), 1U);
+  EXPECT_EQ(tracker->deliveryStats().keptAsFiles, 1U);
+  tracker->trackEvent("fresh", std::nullopt);
+  fakes.dispatcher->advance(1ms);
+  fakes.respond(1, 200, "{}");
+  fakes.dispatcher->advance(100ms);  // the replay starts
+  ASSERT_EQ(sent().size(), 3U);
+  EXPECT_NE(request(2).url.find("isCachedRequest=true"), std::string::npos);
+  tracker->trackEvent("another", std::nullopt);
+  fakes.dispatcher->advance(1ms);
+  fakes.respond(3, 200, "{}");  // answered while the replay is on the wire
+  fakes.dispatcher->advance(200ms);
+  EXPECT_EQ(sent().size(), 4U);
+  fakes.respond(2, 200, "{}");
+  fakes.dispatcher->advance(200ms);
+  EXPECT_EQ(sent().size(), 4U);
+  EXPECT_EQ(tracker->requestCache()->getCacheSize(), 0U);
+}
+
+// With the folder full, a failed request waits in the outbox and goes again after a jittered
+// backoff; a success resets it; with nothing to send, nothing is scheduled.
+TEST_F(OutboxTest, AFailedRequestTheFolderCannotTakeWaitsAndRetriesWithBackoff) {
+  for (int i = 0; i < 41; ++i)
+    fakes.fileSystem->writeFileAtomically("/app/Library/Caches/QuorvelCache/x" + std::to_string(i),
+                                          Bytes{'x'});
+  tracker->trackEvent("waits", std::nullopt);
+  fakes.dispatcher->advance(1ms);
+  fakes.fail(0, kOutboxRefused);
+  fakes.dispatcher->runUntilIdle();
+  EXPECT_EQ(tracker->deliveryStats().waiting, 1U);
+  fakes.dispatcher->advance(2s);  // the first retry comes within 2 s
+  ASSERT_EQ(sent().size(), 2U);
+  EXPECT_NE(request(1).url.find("isCachedRequest=true"), std::string::npos);
+  fakes.fail(1, kOutboxRefused);
+  fakes.dispatcher->advance(4s);  // then within 4 s
+  ASSERT_EQ(sent().size(), 3U);
+  fakes.respond(2, 200, "{}");
+  fakes.dispatcher->runUntilIdle();
+  EXPECT_EQ(tracker->deliveryStats().delivered, 1U);
+  EXPECT_EQ(tracker->deliveryStats().waiting, 0U);
+  fakes.dispatcher->advance(2s);  // the store's sync
+  EXPECT_EQ(fakes.dispatcher->pendingCount(), 0U);
+}
+
+TEST_F(OutboxTest, BackoffIsFullJitterUpToItsCap) {
+  EXPECT_EQ(Outbox::backoffDelay(0, 1.0), 2s);
+  EXPECT_EQ(Outbox::backoffDelay(3, 1.0), 16s);
+  EXPECT_EQ(Outbox::backoffDelay(3, 0.0), 0s);
+  EXPECT_EQ(Outbox::backoffDelay(30, 1.0), 15min);
+}
+
+// A full disk at the first launch: the launch waits until its record is written, then goes
+// once; the process dying meanwhile leaves nothing sent, so the next start's launch is the
+// first, once.
+TEST_F(OutboxTest, ALaunchWaitsForItsRecordWhenTheDiskIsFull) {
+  fakes.outbox->setFailWrites(true);
+  tracker->trackAppLaunch();
+  fakes.dispatcher->advance(5s);
+  EXPECT_TRUE(sent().empty());
+  EXPECT_EQ(fakes.systemLog->count("Quorvel outbox: cannot write"), 1U);
+  fakes.outbox->setFailWrites(false);
+  fakes.dispatcher->advance(1s);
+  ASSERT_FALSE(sent().empty());
+  std::size_t launches = 0;
+  for (const auto& r : sent())
+    launches += r.url.starts_with("https://t.svc.example/") ? 1U : 0U;
+  EXPECT_EQ(launches, 1U);
+  EXPECT_EQ(payload(0)["counter"], "1");
+}
+
+TEST_F(OutboxTest, BoundsDropTheOldestAndCountThem) {
+  tracker->setOutboxLimits(600, std::chrono::hours(1));
+  for (int i = 0; i < 20; ++i)
+    tracker->trackEvent("e" + std::to_string(i), std::string(100, 'v'));
+  fakes.dispatcher->advance(0ms);
+  const auto stats = tracker->deliveryStats();
+  EXPECT_GT(stats.droppedOverSize, 0U);
+  EXPECT_EQ(stats.accepted, stats.waiting + stats.droppedOverSize);
+  EXPECT_EQ(fakes.systemLog->count("Quorvel outbox is full"), 1U);  // once per episode
+  fakes.dispatcher->advance(1ms);
+  EXPECT_EQ(sent().size(), stats.waiting);  // the dropped ones never go
+
+  // Unanswered reports older than the age bound are dropped at the next start.
+  tracker->setOutboxLimits(1U << 20U, std::chrono::hours(1));
+  for (int i = 0; i < 3; ++i)
+    tracker->trackEvent("old", std::nullopt);
+  fakes.dispatcher->advance(1ms);
+  fakes.clock->advance(std::chrono::hours(2));
+  const auto next = restart();
+  tracker->setOutboxLimits(1U << 20U, std::chrono::hours(1));
+  tracker->trackEvent("late", std::nullopt);
+  fakes.dispatcher->runUntilIdle();
+  EXPECT_EQ(tracker->deliveryStats().droppedOverAge, 3U);
+  EXPECT_EQ(fakes.systemLog->count("reports older than 3600 s dropped"), 1U);
+  EXPECT_EQ(payloadsOf("old").size(), 3U);  // none of them went again
+}
+
+// Under a burst the builds wait for the network; each event still carries its call's time.
+TEST_F(OutboxTest, AnEventsTimestampIsTheMomentOfTheCall) {
+  const double called = platform::secondsSince1970(fakes.clock->now());
+  for (int i = 0; i < 130; ++i)
+    tracker->trackEvent("burst", std::nullopt);
+  fakes.dispatcher->advance(10s);
+  ASSERT_EQ(sent().size(), 128U);
+  fakes.respond(0, 200, "{}");
+  fakes.respond(1, 200, "{}");
+  fakes.dispatcher->runUntilIdle();
+  ASSERT_EQ(sent().size(), 130U);
+  EXPECT_EQ(std::stod(payload(129)["timestamp"].get<std::string>()), called);
+}
+
+}  // namespace
+}  // namespace quorvel
