@@ -36,10 +36,9 @@
 #include <quorvel/Platform.h>
 #include <quorvel/QuorvelTracker.h>
 
+#include "Devserver.h"
 #include "common/QuorvelAES128Crypto.h"
 #include "log/Log.h"
-
-extern char** environ;
 
 namespace {
 
@@ -83,93 +82,6 @@ Options parse(int argc, char** argv) {
 class NullLog final : public quorvel::platform::SystemLog {
  public:
   void write(std::string_view) noexcept override {}
-};
-
-// quorvel-devserver as a child process, stopped with SIGTERM at the end.
-class Devserver {
- public:
-  Devserver(const std::string& binary, const fs::path& dir) : dir_(dir) {
-    const std::vector<std::string> args = {binary,
-                                           "--port",
-                                           "0",
-                                           "--data-dir",
-                                           dir.string(),
-                                           "--app",
-                                           std::string(kApp) + "=" + kDevKey,
-                                           "--quiet"};
-    std::vector<char*> argv;
-    for (const auto& a : args)
-      argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    const std::string log = (dir.parent_path() / "devserver.log").string();
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, log.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
-    if (posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ) != 0)
-      throw std::runtime_error("cannot start " + binary);
-    posix_spawn_file_actions_destroy(&actions);
-    const auto deadline = Clock::now() + 30s;
-    while (!fs::exists(dir / "server.json")) {
-      if (Clock::now() > deadline)
-        throw std::runtime_error("quorvel-devserver did not start");
-      std::this_thread::sleep_for(20ms);
-    }
-    std::ifstream in(dir / "server.json");
-    state_ = quorvel::Json::parse(in);
-  }
-  ~Devserver() {
-    ::kill(pid_, SIGTERM);
-    int status = 0;
-    ::waitpid(pid_, &status, 0);
-  }
-  std::string domain() const { return state_["service_domain"].get<std::string>(); }
-  std::string caFile() const { return state_["ca_file"].get<std::string>(); }
-  int port() const { return state_["port"].get<int>(); }
-  int adminPort() const { return state_["admin_port"].get<int>(); }
-  std::string database() const { return state_["database"].get<std::string>(); }
-
-  // Tracking requests recorded with an answer of 200.
-  long long delivered() const {
-    sqlite3* db = nullptr;
-    long long count = -1;
-    if (sqlite3_open_v2(database().c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
-      sqlite3_busy_timeout(db, 2000);
-      sqlite3_stmt* s = nullptr;
-      if (sqlite3_prepare_v2(db,
-                             "SELECT count(*) FROM requests WHERE service IN ('t','events') "
-                             "AND status = 200",
-                             -1, &s, nullptr) == SQLITE_OK &&
-          sqlite3_step(s) == SQLITE_ROW)
-        count = sqlite3_column_int64(s, 0);
-      sqlite3_finalize(s);
-    }
-    sqlite3_close(db);
-    return count;
-  }
-
-  quorvel::Json stats() const {
-    std::string body;
-    CURL* e = curl_easy_init();
-    const std::string url = "http://127.0.0.1:" + std::to_string(adminPort()) + "/stats";
-    curl_easy_setopt(e, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(
-        e, CURLOPT_WRITEFUNCTION,
-        +[](char* d, std::size_t s, std::size_t n, void* u) -> std::size_t {
-          static_cast<std::string*>(u)->append(d, s * n);
-          return s * n;
-        });
-    curl_easy_setopt(e, CURLOPT_WRITEDATA, &body);
-    curl_easy_perform(e);
-    curl_easy_cleanup(e);
-    return quorvel::Json::parse(body, nullptr, false);
-  }
-
- private:
-  fs::path dir_;
-  pid_t pid_ = -1;
-  quorvel::Json state_;
 };
 
 long peakRssKiB() {
@@ -264,7 +176,7 @@ int runBurst(const Options& o, const fs::path& root) {
         },
         [] { return std::string("(see the server's log)"); });
   }
-  Devserver server(o.devserver, root / "server");
+  quorvel::bench::Devserver server(o.devserver, root / "server", kApp, kDevKey);
   return burst(
       o, root, server.domain(), server.caFile(), "quorvel-devserver, HTTP/1.1 on loopback",
       [&] { return server.delivered(); },
@@ -277,7 +189,7 @@ int runBurst(const Options& o, const fs::path& root) {
 // Requests/s the emulator answers to one client over kept-alive HTTP/1.1 connections:
 // launch-sized encrypted bodies posted over 6 connections through libcurl's multi interface.
 int runEmulator(const Options& o, const fs::path& root) {
-  Devserver server(o.devserver, root / "emulator");
+  quorvel::bench::Devserver server(o.devserver, root / "emulator", kApp, kDevKey);
   const std::string url = "https://events." + server.domain() +
                           "/api/v4.8/iosevent?app_id=" + kApp + "&buildnumber=4.8.0";
   // A launch-sized payload sealed for the app, so that every request is decrypted.

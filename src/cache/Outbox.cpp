@@ -5,7 +5,6 @@
 #include <cmath>
 #include <random>
 
-#include "util/Base64.h"
 #include "util/BoundedJson.h"
 
 namespace quorvel {
@@ -101,20 +100,25 @@ void Outbox::built(const OutboxSlotPtr& slot, const QuorvelRequestCacheData& req
                    std::function<void()> send) {
   if (!slot || slot->settled_)
     return;
-  Json record = Json::object();
-  record["at"] = seconds(slot->acceptedAt());
-  record["kind"] = "request";
-  record["url"] = request.requestURL().value_or(std::string());
-  record["data"] = base64Encode(request.postData().value_or(Bytes()));
-  record["version"] = request.sdkVersion().value_or(std::string());
-  enqueue(Put{slot, record.dump(-1, ' ', false, Json::error_handler_t::replace), std::nullopt,
-              request, std::move(send)});
+  // A one-line JSON head, then the body's bytes as they are: every event's request passes
+  // here, and neither base64 nor JSON escaping of the body is worth its cost.
+  Json head = Json::object();
+  head["at"] = seconds(slot->acceptedAt());
+  head["kind"] = "request";
+  head["url"] = request.requestURL().value_or(std::string());
+  head["version"] = request.sdkVersion().value_or(std::string());
+  std::string content = head.dump(-1, ' ', false, Json::error_handler_t::replace);
+  content += '\n';
+  if (const auto& body = request.postData())
+    content.append(body->begin(), body->end());
+  enqueue(Put{slot, std::move(content), std::nullopt, request, std::move(send)});
 }
 
 void Outbox::answered(const OutboxSlotPtr& slot) {
   if (!slot || slot->settled_.exchange(true))
     return;
   slot->stopSending();
+  replayCameBack(slot);
   delivered_.fetch_add(1, std::memory_order_relaxed);
   waiting_.fetch_sub(1, std::memory_order_relaxed);
   enqueue(Remove{slot});
@@ -124,6 +128,7 @@ void Outbox::dropped(const OutboxSlotPtr& slot, DropReason reason) {
   if (!slot || slot->settled_.exchange(true))
     return;
   slot->stopSending();
+  replayCameBack(slot);
   auto& counter = reason == DropReason::rule         ? droppedByRule_
                   : reason == DropReason::bytes      ? droppedForBytes_
                   : reason == DropReason::handedOver ? handedOver_
@@ -137,6 +142,7 @@ void Outbox::failed(const OutboxSlotPtr& slot) {
   if (!slot || slot->settled_)
     return;
   slot->stopSending();
+  replayCameBack(slot);
   std::weak_ptr<Outbox> weak = weak_from_this();
   queue_->async([weak, slot] {
     const auto self = weak.lock();
@@ -188,7 +194,8 @@ void Outbox::openLocked() {
   std::vector<platform::OutboxChange> expired;
   for (auto& record : store_->load()) {
     lastId_ = std::max(lastId_, record.id);
-    const Json parsed = parseBoundedJson(record.content);
+    const auto headEnd = record.content.find('\n');
+    const Json parsed = parseBoundedJson(record.content.substr(0, headEnd));
     if (record.id == kCountersRecord) {
       if (parsed.is_object())
         counters_ = parsed;
@@ -207,8 +214,10 @@ void Outbox::openLocked() {
     left.slot = slot;
     const std::string kind = parsed.value("kind", "");
     if (kind == "request") {
-      QuorvelRequestCacheData request(parsed.value("url", ""),
-                                      base64DecodeLenient(parsed.value("data", "")),
+      const std::string_view body = headEnd == std::string::npos
+                                        ? std::string_view()
+                                        : std::string_view(record.content).substr(headEnd + 1);
+      QuorvelRequestCacheData request(parsed.value("url", ""), Bytes(body.begin(), body.end()),
                                       parsed.value("version", ""));
       left.request = request;
       left.wasSent = true;
@@ -437,20 +446,60 @@ void Outbox::resume(std::function<void(std::vector<Leftover>)> take) {
       self->resumed_ = true;
       self->dropExpiredLeftoversLocked();
       for (auto& left : self->leftovers_) {
-        if (!left.request) {
+        if (!left.request)
           unbuilt.push_back(std::move(left));
-          continue;
-        }
-        if (self->resend_ && left.slot->startSending()) {
-          self->repeated_.fetch_add(1, std::memory_order_relaxed);
-          const double waited = seconds(self->clock_->now()) - seconds(left.slot->acceptedAt());
-          self->resend_(left.slot, *left.request, waited);
-        }
+        else
+          self->replays_.push_back(std::move(left));
       }
+      self->replayChunkLocked();
       self->leftovers_.clear();
     }
     if (!unbuilt.empty())
       take(std::move(unbuilt));
+  });
+}
+
+// An earlier run may have left thousands of built requests. They go in chunks, each a task of
+// its own, so that the writes of this run's reports (queued meanwhile) are never held up
+// behind all of them, and no more than the build throttle's worth are on the wire at once.
+void Outbox::replayChunkLocked() {
+  constexpr std::size_t kChunk = 64;
+  constexpr std::size_t kMaxInFlight = 128;
+  replayChunkScheduled_ = false;
+  for (std::size_t n = 0; n < kChunk && !replays_.empty() && replaysInFlight_ < kMaxInFlight; ++n) {
+    Leftover left = std::move(replays_.front());
+    replays_.pop_front();
+    if (resend_ && !left.slot->settled_ && left.slot->startSending()) {
+      left.slot->replay_ = true;
+      replaysInFlight_.fetch_add(1);
+      repeated_.fetch_add(1, std::memory_order_relaxed);
+      const double waited = seconds(clock_->now()) - seconds(left.slot->acceptedAt());
+      resend_(left.slot, *left.request, waited);
+    }
+  }
+  if (replays_.empty() || replaysInFlight_ >= kMaxInFlight || replayChunkScheduled_.exchange(true))
+    return;
+  std::weak_ptr<Outbox> weak = weak_from_this();
+  queue_->async([weak] {
+    if (const auto self = weak.lock()) {
+      const std::lock_guard lock(self->storeMutex_);
+      self->replayChunkLocked();
+    }
+  });
+}
+
+void Outbox::replayCameBack(const OutboxSlotPtr& slot) {
+  if (!slot->replay_.exchange(false))
+    return;
+  replaysInFlight_.fetch_sub(1);
+  if (replayChunkScheduled_.exchange(true))
+    return;
+  std::weak_ptr<Outbox> weak = weak_from_this();
+  queue_->async([weak] {
+    if (const auto self = weak.lock()) {
+      const std::lock_guard lock(self->storeMutex_);
+      self->replayChunkLocked();
+    }
   });
 }
 

@@ -16,6 +16,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -49,6 +50,7 @@ class OutboxSlot {
   std::int64_t id_ = 0;  // set and read on the outbox's queue only
   std::atomic<bool> inFlight_{false};
   std::atomic<bool> settled_{false};  // answered or dropped: no further change
+  std::atomic<bool> replay_{false};   // sent again from an earlier run, not yet come back
 };
 using OutboxSlotPtr = std::shared_ptr<OutboxSlot>;
 
@@ -169,6 +171,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   void writeBufferedLocked();
   void openLocked();
   void dropExpiredLeftoversLocked();
+  void replayChunkLocked();
   void enforceBoundsLocked(std::vector<platform::OutboxChange>& changes);
   void scheduleRetry();
   void retryFailed();
@@ -200,6 +203,10 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   std::map<std::int64_t, Held> held_;  // by id: oldest first
   std::uint64_t heldBytes_ = 0;
   std::vector<Leftover> leftovers_;
+  std::deque<Leftover> replays_;  // built leftovers not yet sent again
+  std::atomic<std::size_t> replaysInFlight_{0};
+  std::atomic<bool> replayChunkScheduled_{false};
+  void replayCameBack(const OutboxSlotPtr& slot);
   bool resumed_ = false;
   bool overBoundLogged_ = false;
   bool writeFailureLogged_ = false;

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -217,6 +218,7 @@ class TrackerCore {
   int getCounter(bool increase);
   // The in-app event count, raised first when `increase`.
   int getInAppCounter(bool increase);
+  int counterFloorLocked(const char* key);
   // Moves to the background so far, plus the session in progress.
   int getRealLaunchCounter();
   void incrementRealLaunchCounter();
@@ -378,6 +380,10 @@ class TrackerCore {
   std::shared_ptr<ReportLedger> ledger_;
   std::shared_ptr<Outbox> outbox_;
   std::atomic<bool> outboxResumed_{false};
+  // Reports are built on more than one queue; a counter is read, raised and written as one
+  // step. The outbox's floor is read once: from then on the preferences in memory are above it.
+  std::mutex countersMutex_;
+  std::map<std::string, int, std::less<>> counterFloors_;
   std::atomic<bool> preferencesWriteScheduled_{false};
   std::atomic<std::int64_t> exitFlushMs_{2000};
   // The application notifications the tracker follows; destroying them waits out a handler

@@ -14,9 +14,19 @@ int clampToInt(std::int64_t v) {
 
 }  // namespace
 
+int TrackerCore::counterFloorLocked(const char* key) {
+  const auto it = counterFloors_.find(key);
+  if (it != counterFloors_.end())
+    return it->second;
+  const int floor = clampToInt(outbox_->counterFloor(key));
+  counterFloors_.emplace(key, floor);
+  return floor;
+}
+
 int TrackerCore::getCounter(bool increase) {
   static constexpr const char* kMethod = "-[QuorvelTracker getCounter:]";
   auto& prefs = *platform_->preferences;
+  const std::lock_guard lock(countersMutex_);
   log_->log(kLogDebug, kMethod, "increase=%d", increase ? 1 : 0);
   int value = 0;
   if (prefs.objectForKey(keys::kCounter)) {
@@ -28,7 +38,7 @@ int TrackerCore::getCounter(bool increase) {
   if (increase) {
     // Never below what the outbox kept with the last requests: the preferences may not have
     // reached the disk before the process died.
-    value = std::max(value, clampToInt(outbox_->counterFloor(keys::kCounter)));
+    value = std::max(value, counterFloorLocked(keys::kCounter));
     value = value == INT32_MAX ? value : value + 1;
     prefs.setInteger(keys::kCounter, value);
     outbox_->noteCounter(keys::kCounter, value);
@@ -42,6 +52,7 @@ int TrackerCore::getCounter(bool increase) {
 int TrackerCore::getInAppCounter(bool increase) {
   static constexpr const char* kMethod = "-[QuorvelTracker getInAppCounter:]";
   auto& prefs = *platform_->preferences;
+  const std::lock_guard lock(countersMutex_);
   int value = 0;
   if (prefs.objectForKey(keys::kInAppCounter)) {
     value = clampToInt(prefs.integerForKey(keys::kInAppCounter));
@@ -50,7 +61,7 @@ int TrackerCore::getInAppCounter(bool increase) {
     log_->log(kLogDebug, kMethod, "no in-app yet");
   }
   if (increase) {
-    value = std::max(value, clampToInt(outbox_->counterFloor(keys::kInAppCounter)));
+    value = std::max(value, counterFloorLocked(keys::kInAppCounter));
     value = value == INT32_MAX ? value : value + 1;
     prefs.setInteger(keys::kInAppCounter, value);
     // Kept with the request in the outbox, durable before it leaves; the preferences follow

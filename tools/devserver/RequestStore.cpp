@@ -55,6 +55,7 @@ RequestStore::RequestStore(const std::string& path) {
       "method TEXT, host TEXT, service TEXT, path TEXT, query TEXT, headers TEXT, body BLOB, "
       "decrypted TEXT, status INTEGER, note TEXT, repeat INTEGER DEFAULT 0)");
   exec("CREATE TABLE IF NOT EXISTS reports_seen (app TEXT, key TEXT, PRIMARY KEY (app, key))");
+  loadReportsSeen();
   exec(
       "CREATE TABLE IF NOT EXISTS conversion_data_served (app TEXT, device TEXT, "
       "PRIMARY KEY (app, device))");
@@ -156,6 +157,13 @@ void RequestStore::insertLocked(const StoredRequest& r) const {
   bindText(s.get(), 11, r.note);
   sqlite3_bind_int(s.get(), 12, r.repeat ? 1 : 0);
   step(db_.get(), s.get());
+  if (r.firstReport) {
+    const Statement seen =
+        prepare(db_.get(), "INSERT OR IGNORE INTO reports_seen (app, key) VALUES (?, ?)");
+    bindText(seen.get(), 1, r.firstReport->first);
+    bindText(seen.get(), 2, r.firstReport->second);
+    step(db_.get(), seen.get());
+  }
 }
 
 namespace {
@@ -209,14 +217,22 @@ std::vector<StoredRequest> RequestStore::newerThan(std::int64_t id, std::size_t 
   return readRequests(s.get());
 }
 
+// Every tracking request asks; an autocommit write per request would cost more than the rest
+// of its handling, so the set lives in memory and is written in the request's group.
 bool RequestStore::markReportSeen(const std::string& appId, const std::string& key) {
-  const std::lock_guard lock(mutex_);
-  const Statement s =
-      prepare(db_.get(), "INSERT OR IGNORE INTO reports_seen (app, key) VALUES (?, ?)");
-  bindText(s.get(), 1, appId);
-  bindText(s.get(), 2, key);
-  step(db_.get(), s.get());
-  return sqlite3_changes(db_.get()) == 0;
+  const std::lock_guard lock(seenMutex_);
+  return !seen_.insert(appId + '\n' + key).second;
+}
+
+void RequestStore::loadReportsSeen() {
+  const Statement s = prepare(db_.get(), "SELECT app, key FROM reports_seen");
+  while (sqlite3_step(s.get()) == SQLITE_ROW) {
+    const auto text = [&](int column) {
+      const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(s.get(), column));
+      return p != nullptr ? std::string(p) : std::string();
+    };
+    seen_.insert(text(0) + '\n' + text(1));
+  }
 }
 
 bool RequestStore::markConversionDataServed(const std::string& appId, const std::string& deviceId) {

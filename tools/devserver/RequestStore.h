@@ -11,6 +11,8 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -34,6 +36,8 @@ struct StoredRequest {
   std::string note;
   // The report was received before (same install and counter): answered, not counted again.
   bool repeat = false;
+  // The first receipt of a report: its app and key, written with the request.
+  std::optional<std::pair<std::string, std::string>> firstReport;
 };
 
 struct ShortLink {
@@ -65,7 +69,8 @@ class RequestStore {
   // True when this device of this app was given conversion data before; marks it as given.
   bool markConversionDataServed(const std::string& appId, const std::string& deviceId);
 
-  // True when the report `key` of this app was received before; marks it as received.
+  // True when the report `key` of this app was received before; marks it as received. The
+  // mark is kept in memory and reaches the database with the request (`firstReport`).
   bool markReportSeen(const std::string& appId, const std::string& key);
 
   void addShortLink(const ShortLink& link);
@@ -77,6 +82,7 @@ class RequestStore {
   // Takes the queue and commits it; the database lock is held.
   void commitQueuedLocked() const;
   void writeGroups();
+  void loadReportsSeen();
 
   struct Closer {
     void operator()(sqlite3* db) const { sqlite3_close(db); }
@@ -90,6 +96,8 @@ class RequestStore {
   mutable std::uint64_t committedCount_ = 0;
   bool stopping_ = false;
   std::thread writer_;
+  std::mutex seenMutex_;
+  std::unordered_set<std::string> seen_;  // "app\nkey"
 };
 
 }  // namespace quorvel::devserver

@@ -74,8 +74,11 @@ ServiceResponse Emulator::tracking(const ServiceRequest& request, StoredRequest&
   // A library sends a report again when its answer never reached it (a kill, a cut
   // connection): answered as the first was, kept apart as a repeat.
   const std::string key = reportKey(record.service, payload);
-  if (!key.empty() && store_.markReportSeen(*appId, key))
-    record.repeat = true;
+  if (!key.empty()) {
+    record.repeat = store_.markReportSeen(*appId, key);
+    if (!record.repeat)
+      record.firstReport = std::pair(*appId, key);
+  }
   Json answer = {{"monitor", monitor()},
                  {"hl_domain", std::string(kShortLinkPrefix) + "." + serviceDomain()},
                  {"hl_ver", "1"},

@@ -81,8 +81,10 @@ bool SqliteOutboxStore::open(std::string& reason) noexcept {
   }
   ::chmod(path_.c_str(), 0600);
   sqlite3_busy_timeout(db_, 1000);
-  if (!exec("PRAGMA journal_mode=WAL") || !exec("PRAGMA synchronous=NORMAL") ||
-      !exec("PRAGMA wal_autocheckpoint=0") ||
+  // Exclusive: the advisory lock already keeps every other process out, and an exclusive
+  // connection keeps its page cache across transactions instead of reading pages back.
+  if (!exec("PRAGMA locking_mode=EXCLUSIVE") || !exec("PRAGMA journal_mode=WAL") ||
+      !exec("PRAGMA synchronous=NORMAL") || !exec("PRAGMA wal_autocheckpoint=0") ||
       !exec("CREATE TABLE IF NOT EXISTS outbox (id INTEGER PRIMARY KEY, content BLOB NOT NULL)")) {
     reason = "cannot prepare " + path_ + ": " + sqlite3_errmsg(db_);
     close();

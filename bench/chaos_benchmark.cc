@@ -1,0 +1,454 @@
+// Delivery under chaos: a host process sends paced bursts of trackEvent to quorvel-devserver
+// while this harness kills it with SIGKILL at random moments and the emulator goes offline
+// and answers late at random; one clean start then drains everything. Figures, not a test:
+//
+//   quorvel_chaos [--kills N] [--rate EVENTS_PER_S] [--min-life MS] [--max-life MS]
+//                 [--bound SECONDS] [--seed N] [--devserver PATH]
+//
+// Prints accepted, arrived, lost, repeats (and how many were marked as replays), avoidable
+// repeats and the spread between each event's timestamp and its call. Each event's value is
+// "SEQ/CALL_MS"; the host appends "SEQ CALL_MS" to a file with write(2) once the call has
+// returned, so what a killed host accepted is known from the kernel's copy. A repeat counts as
+// avoidable when it is not marked as a replay, or when it and its previous copy were both
+// recorded within the life of one host. The emulator records a request after its delay, so
+// under late answers that count is an upper bound: a copy sent by a host that died meanwhile
+// can be recorded during the next one's life.
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <map>
+#include <optional>
+#include <random>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <quorvel/Json.h>
+#include <quorvel/Platform.h>
+#include <quorvel/QuorvelTracker.h>
+
+#include "Devserver.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+constexpr const char* kApp = "123456789";
+constexpr const char* kDevKey = "CHAOS-DEV-KEY-0001";
+
+double wallSeconds() {
+  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
+struct Options {
+  int kills = 200;
+  int rate = 1500;  // events per second while a host lives
+  int minLifeMs = 100;
+  int maxLifeMs = 900;
+  int boundSeconds = 300;
+  unsigned seed = 1;
+  std::string devserver = QUORVEL_DEVSERVER_BIN;
+};
+
+Options parse(int argc, char** argv) {
+  Options o;
+  for (int i = 1; i + 1 < argc; i += 2) {
+    const std::string flag = argv[i];
+    const std::string value = argv[i + 1];
+    if (flag == "--kills")
+      o.kills = std::stoi(value);
+    else if (flag == "--rate")
+      o.rate = std::max(1, std::stoi(value));
+    else if (flag == "--min-life")
+      o.minLifeMs = std::stoi(value);
+    else if (flag == "--max-life")
+      o.maxLifeMs = std::stoi(value);
+    else if (flag == "--bound")
+      o.boundSeconds = std::stoi(value);
+    else if (flag == "--seed")
+      o.seed = static_cast<unsigned>(std::stoul(value));
+    else if (flag == "--devserver")
+      o.devserver = value;
+  }
+  o.maxLifeMs = std::max(o.maxLifeMs, o.minLifeMs);
+  return o;
+}
+
+// --- The host ---------------------------------------------------------------------------------
+
+struct HostArgs {
+  fs::path root;
+  std::string domain;
+  std::string caFile;
+  long long firstSeq = 0;
+  int rate = 0;
+  bool drain = false;
+};
+
+// With QUORVEL_CHAOS_LOG set, a host writes its outbox's log lines to host.log.
+class OutboxLines final : public quorvel::platform::SystemLog {
+ public:
+  void write(std::string_view line) noexcept override {
+    if (line.find("outbox") != std::string_view::npos ||
+        line.find("Outbox") != std::string_view::npos)
+      std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
+  }
+};
+
+// Sends paced bursts until killed; a draining host only starts, waits for the harness's stop
+// file and returns from main, as an app that the user opens once more would.
+int runHost(const HostArgs& a) {
+  quorvel::PosixPlatformOptions options;
+  options.bundleIdentifier = "com.example.chaos";
+  options.dataDirectory = (a.root / "app").string();
+  options.keychainDirectory = (a.root / "keychain").string();
+  options.extraCAFile = a.caFile;
+  quorvel::Platform platform = quorvel::makePosixPlatform(options);
+  if (std::getenv("QUORVEL_CHAOS_LOG") != nullptr)
+    platform.systemLog = std::make_shared<OutboxLines>();
+  quorvel::installPlatform(platform);
+  auto& tracker = quorvel::QuorvelTracker::sharedTracker();
+  if (std::getenv("QUORVEL_CHAOS_LOG") != nullptr)
+    tracker.setIsDebug(true);
+  tracker.setQuorvelDevKey(std::string(kDevKey));
+  tracker.setAppleAppID(std::string(kApp));
+  tracker.setHost(a.domain);
+  tracker.setDisableIAdTracking(true);
+  tracker.trackAppLaunch();
+  if (a.drain) {
+    const auto deadline = std::chrono::steady_clock::now() + 30min;
+    while (!fs::exists(a.root / "stop") && std::chrono::steady_clock::now() < deadline)
+      std::this_thread::sleep_for(50ms);
+    return 0;
+  }
+  const int fd = ::open((a.root / "accepted").c_str(), O_WRONLY | O_APPEND | O_CREAT, 0600);
+  if (fd < 0)
+    return 2;
+  const int perTick = std::max(1, a.rate / 50);
+  for (long long seq = a.firstSeq;;) {
+    for (int i = 0; i < perTick; ++i, ++seq) {
+      const auto callMs = static_cast<long long>(std::llround(wallSeconds() * 1000.0));
+      tracker.trackEvent("chaos", std::to_string(seq) + "/" + std::to_string(callMs));
+      const std::string line = std::to_string(seq) + " " + std::to_string(callMs) + "\n";
+      if (::write(fd, line.data(), line.size()) != static_cast<ssize_t>(line.size()))
+        return 2;
+    }
+    std::this_thread::sleep_for(20ms);
+  }
+}
+
+// --- The harness ------------------------------------------------------------------------------
+
+struct Run {
+  double start = 0;  // wall seconds
+  double end = 0;
+  double killedAt = 0;
+};
+
+pid_t spawnHost(const Options& o, const HostArgs& a) {
+  const std::vector<std::string> args = {"/proc/self/exe",
+                                         "--host",
+                                         a.root.string(),
+                                         a.domain,
+                                         a.caFile,
+                                         std::to_string(a.firstSeq),
+                                         std::to_string(a.rate),
+                                         a.drain ? "drain" : "send"};
+  std::vector<char*> argv;
+  for (const auto& s : args)
+    argv.push_back(const_cast<char*>(s.c_str()));
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  const std::string log = (a.root / "host.log").string();
+  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, log.c_str(),
+                                   O_WRONLY | O_CREAT | O_APPEND, 0600);
+  pid_t pid = -1;
+  const int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  (void)o;
+  return rc == 0 ? pid : -1;
+}
+
+std::map<long long, long long> readAccepted(const fs::path& file) {
+  std::map<long long, long long> accepted;  // seq -> call ms
+  std::ifstream in(file);
+  long long seq = 0;
+  long long ms = 0;
+  while (in >> seq >> ms)
+    accepted[seq] = ms;
+  return accepted;
+}
+
+struct Arrival {
+  long long seq = 0;
+  double serverTime = 0;
+  double timestamp = 0;
+  bool marked = false;
+};
+
+std::vector<Arrival> readArrivals(const std::string& database) {
+  std::vector<Arrival> out;
+  sqlite3* db = nullptr;
+  if (sqlite3_open_v2(database.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
+    sqlite3_close(db);
+    return out;
+  }
+  sqlite3_busy_timeout(db, 2000);
+  sqlite3_stmt* s = nullptr;
+  if (sqlite3_prepare_v2(db,
+                         "SELECT time, query, decrypted FROM requests WHERE service = 'events' "
+                         "AND status = 200 ORDER BY id",
+                         -1, &s, nullptr) == SQLITE_OK) {
+    while (sqlite3_step(s) == SQLITE_ROW) {
+      const auto text = [&](int column) {
+        const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(s, column));
+        return p != nullptr ? std::string(p) : std::string();
+      };
+      const quorvel::Json payload = quorvel::Json::parse(text(2), nullptr, false);
+      if (!payload.is_object() || payload.value("event", "") != "chaos")
+        continue;
+      const std::string value = payload.value("eventvalue", "");
+      Arrival a;
+      a.seq = std::atoll(value.substr(0, value.find('/')).c_str());
+      a.serverTime = sqlite3_column_double(s, 0);
+      a.timestamp = std::atof(payload.value("timestamp", "0").c_str());
+      a.marked = text(1).find("isCachedRequest=true") != std::string::npos;
+      out.push_back(a);
+    }
+  }
+  sqlite3_finalize(s);
+  sqlite3_close(db);
+  return out;
+}
+
+// What a killed host left: its outbox's records (intents by their first and last sequence
+// number, built requests by count) and the files of the offline cache.
+void audit(const fs::path& root, int run, long long firstSeq) {
+  sqlite3* db = nullptr;
+  const std::string path = (root / "app/Library/QuorvelOutbox.sqlite").string();
+  long long intents = 0;
+  long long built = 0;
+  long long lowest = -1;
+  long long highest = -1;
+  if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
+    sqlite3_stmt* s = nullptr;
+    if (sqlite3_prepare_v2(db, "SELECT id, content FROM outbox", -1, &s, nullptr) == SQLITE_OK) {
+      while (sqlite3_step(s) == SQLITE_ROW) {
+        const std::string content(static_cast<const char*>(sqlite3_column_blob(s, 1)),
+                                  static_cast<std::size_t>(sqlite3_column_bytes(s, 1)));
+        const auto at = content.find("\"value\":\"");
+        if (content.find("\"kind\":\"request\"") != std::string::npos) {
+          ++built;
+        } else if (at != std::string::npos) {
+          ++intents;
+          const long long seq = std::atoll(content.c_str() + at + 9);
+          lowest = lowest < 0 ? seq : std::min(lowest, seq);
+          highest = std::max(highest, seq);
+        }
+      }
+    }
+    sqlite3_finalize(s);
+  }
+  sqlite3_close(db);
+  std::size_t files = 0;
+  std::error_code ec;
+  for (auto it = fs::directory_iterator(root / "app/Library/Caches/QuorvelCache", ec);
+       !ec && it != fs::directory_iterator(); ++it)
+    ++files;
+  std::fprintf(stderr, "run %d from %lld: %lld intents (%lld..%lld), %lld built, %zu files\n", run,
+               firstSeq, intents, lowest, highest, built, files);
+}
+
+std::size_t runOf(const std::vector<Run>& runs, double at) {
+  // The last host started before the request was recorded sent it (or the one before, just
+  // before its death, which only makes a repeat look unavoidable).
+  std::size_t run = 0;
+  for (std::size_t i = 0; i < runs.size(); ++i)
+    if (at >= runs[i].start)
+      run = i;
+  return run;
+}
+
+// One random fault (or none) before each host's life: offline for a while, late answers, or
+// back to normal. None of them answers an error: an error status is an answer, not a loss.
+void playFault(quorvel::bench::Devserver& server, std::mt19937& random) {
+  switch (std::uniform_int_distribution<int>(0, 5)(random)) {
+    case 0:
+      server.fault("/faults/offline?seconds=" +
+                   std::to_string(std::uniform_int_distribution<int>(1, 2)(random)));
+      break;
+    case 1:
+      server.fault("/faults/delay?service=*&ms=" +
+                   std::to_string(std::uniform_int_distribution<int>(50, 1500)(random)));
+      break;
+    case 2:
+      server.fault("/faults/clear");
+      break;
+    default:
+      break;
+  }
+}
+
+int runHarness(const Options& o, const fs::path& root) {
+  quorvel::bench::Devserver server(o.devserver, root / "server", kApp, kDevKey);
+  std::mt19937 random(o.seed);
+  std::vector<Run> runs;
+  HostArgs host{root, server.domain(), server.caFile(), 0, o.rate, false};
+  const auto started = std::chrono::steady_clock::now();
+  for (int k = 0; k < o.kills; ++k) {
+    playFault(server, random);
+    host.firstSeq = static_cast<long long>(readAccepted(root / "accepted").size());
+    Run run{wallSeconds(), 0};
+    const pid_t pid = spawnHost(o, host);
+    if (pid < 0)
+      throw std::runtime_error("cannot start the host");
+    std::this_thread::sleep_for(std::chrono::milliseconds(
+        std::uniform_int_distribution<int>(o.minLifeMs, o.maxLifeMs)(random)));
+    run.killedAt = wallSeconds();
+    ::kill(pid, SIGKILL);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    run.end = wallSeconds();
+    runs.push_back(run);
+    if (std::getenv("QUORVEL_CHAOS_LOG") != nullptr)
+      audit(root, k, host.firstSeq);
+    if (!WIFSIGNALED(status))
+      std::fprintf(stderr, "quorvel_chaos: host %d ended by itself (status %d)\n", k, status);
+  }
+  const auto accepted = readAccepted(root / "accepted");
+
+  // One clean start drains what the killed hosts left.
+  server.fault("/faults/clear");
+  server.fault("/faults/online");
+  host.drain = true;
+  Run drain{wallSeconds(), 0};
+  const pid_t pid = spawnHost(o, host);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(o.boundSeconds);
+  std::set<long long> distinct;
+  while (std::chrono::steady_clock::now() < deadline) {
+    distinct.clear();
+    for (const auto& a : readArrivals(server.database()))
+      if (accepted.count(a.seq) > 0)
+        distinct.insert(a.seq);
+    if (distinct.size() >= accepted.size())
+      break;
+    std::this_thread::sleep_for(200ms);
+  }
+  std::this_thread::sleep_for(1s);  // late repeats, if any, show up too
+  { std::ofstream(root / "stop") << "stop\n"; }
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  drain.end = wallSeconds();
+  runs.push_back(drain);
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+
+  const auto arrivals = readArrivals(server.database());
+  std::map<long long, std::vector<const Arrival*>> bySeq;
+  for (const auto& a : arrivals)
+    bySeq[a.seq].push_back(&a);
+  std::size_t arrived = 0;
+  std::size_t unrecorded = 0;  // arrived, but the host died before noting that its call returned
+  std::size_t repeats = 0;
+  std::size_t marked = 0;
+  std::size_t avoidable = 0;
+  double spread = 0;
+  for (const auto& [seq, copies] : bySeq) {
+    const auto call = accepted.find(seq);
+    if (call == accepted.end()) {
+      ++unrecorded;
+    } else {
+      ++arrived;
+      spread = std::max(spread, std::fabs(copies.front()->timestamp -
+                                          static_cast<double>(call->second) / 1000.0));
+    }
+    for (std::size_t i = 1; i < copies.size(); ++i) {
+      ++repeats;
+      marked += copies[i]->marked ? 1U : 0U;
+      if (!copies[i]->marked ||
+          runOf(runs, copies[i]->serverTime) == runOf(runs, copies[i - 1]->serverTime))
+        ++avoidable;
+    }
+  }
+  // The outbox's promise is a write within 10 ms of the call: a kill inside that window may
+  // take the last calls with it, and those are counted apart.
+  std::size_t lost = 0;
+  std::size_t lostInWindow = 0;
+  for (const auto& [seq, callMs] : accepted) {
+    if (bySeq.count(seq) > 0)
+      continue;
+    const double call = static_cast<double>(callMs) / 1000.0;
+    const auto& run = runs[runOf(runs, call)];
+    if (run.killedAt > 0 && run.killedAt - call < 0.010)
+      ++lostInWindow;
+    else
+      ++lost;
+  }
+  std::printf(
+      "chaos: %d hosts killed at random (%d-%d ms lives, %d events/s), then one clean "
+      "start; %.0f s\n",
+      o.kills, o.minLifeMs, o.maxLifeMs, o.rate, seconds);
+  std::printf("  accepted                  %zu\n", accepted.size());
+  std::printf("  arrived                   %zu (+%zu accepted just before a kill noted it)\n",
+              arrived, unrecorded);
+  std::printf("  lost                      %zu (+%zu called within 10 ms of a kill)\n", lost,
+              lostInWindow);
+  std::printf("  repeats                   %zu (%zu marked as replays)\n", repeats, marked);
+  std::printf("  avoidable repeats         %zu at most (unmarked, or both copies in one life)\n",
+              avoidable);
+  std::printf("  timestamp - call, max     %.1f ms\n", spread * 1000.0);
+  std::fflush(stdout);
+  return lost == 0 && avoidable == 0 ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc > 1 && std::string(argv[1]) == "--host") {
+    if (argc != 8)
+      return 2;  // never the harness: a host that starts hosts would never stop
+    HostArgs a{argv[2],
+               argv[3],
+               argv[4],
+               std::atoll(argv[5]),
+               std::atoi(argv[6]),
+               std::string(argv[7]) == "drain"};
+    return runHost(a);
+  }
+  const Options o = parse(argc, argv);
+  char pattern[] = "/tmp/quorvel-chaos-XXXXXX";
+  const char* made = ::mkdtemp(pattern);
+  if (made == nullptr) {
+    std::perror("mkdtemp");
+    return 2;
+  }
+  const fs::path root = made;
+  int rc = 0;
+  try {
+    rc = runHarness(o, root);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "quorvel_chaos: %s\n", e.what());
+    rc = 2;
+  }
+  if (rc == 0) {
+    std::error_code ignored;
+    fs::remove_all(root, ignored);
+  } else {
+    std::fprintf(stderr, "quorvel_chaos: the run's files are kept in %s\n", root.c_str());
+  }
+  return rc;
+}
