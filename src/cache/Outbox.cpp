@@ -115,20 +115,22 @@ void Outbox::built(const OutboxSlotPtr& slot, const QuorvelRequestCacheData& req
 }
 
 void Outbox::answered(const OutboxSlotPtr& slot) {
+  if (slot)
+    replayCameBack(slot);
   if (!slot || slot->settled_.exchange(true))
     return;
   slot->stopSending();
-  replayCameBack(slot);
   delivered_.fetch_add(1, std::memory_order_relaxed);
   waiting_.fetch_sub(1, std::memory_order_relaxed);
   enqueue(Remove{slot});
 }
 
 void Outbox::dropped(const OutboxSlotPtr& slot, DropReason reason) {
+  if (slot)
+    replayCameBack(slot);
   if (!slot || slot->settled_.exchange(true))
     return;
   slot->stopSending();
-  replayCameBack(slot);
   auto& counter = reason == DropReason::rule         ? droppedByRule_
                   : reason == DropReason::bytes      ? droppedForBytes_
                   : reason == DropReason::handedOver ? handedOver_
@@ -139,10 +141,11 @@ void Outbox::dropped(const OutboxSlotPtr& slot, DropReason reason) {
 }
 
 void Outbox::failed(const OutboxSlotPtr& slot) {
+  if (slot)
+    replayCameBack(slot);
   if (!slot || slot->settled_)
     return;
   slot->stopSending();
-  replayCameBack(slot);
   std::weak_ptr<Outbox> weak = weak_from_this();
   queue_->async([weak, slot] {
     const auto self = weak.lock();
@@ -407,6 +410,8 @@ void Outbox::enforceBoundsLocked(std::vector<platform::OutboxChange>& changes) {
     const auto slot = oldest->second.slot;
     changes.push_back({oldest->first, std::nullopt});
     held_.erase(oldest);
+    if (slot)
+      replayCameBack(slot);
     if (slot && !slot->settled_.exchange(true)) {
       droppedForBytes_.fetch_add(1, std::memory_order_relaxed);
       waiting_.fetch_sub(1, std::memory_order_relaxed);
