@@ -170,13 +170,7 @@ void Outbox::enqueue(Op op) {
 void Outbox::scheduleWrite() {
   if (writeScheduled_.exchange(true))
     return;
-  std::weak_ptr<Outbox> weak = weak_from_this();
-  queue_->async([weak] {
-    if (const auto self = weak.lock()) {
-      const std::lock_guard lock(self->storeMutex_);
-      self->writeBufferedLocked();
-    }
-  });
+  runLocked(&Outbox::writeBufferedLocked);
 }
 
 // --- The writer ---------------------------------------------------------------------------------
@@ -367,13 +361,7 @@ void Outbox::writeBufferedLocked() {
                    std::make_move_iterator(buffer_.end()));
       buffer_.swap(batch);
     }
-    std::weak_ptr<Outbox> weak = weak_from_this();
-    queue_->asyncAfter(kSyncInterval, [weak] {
-      if (const auto self = weak.lock()) {
-        const std::lock_guard lock(self->storeMutex_);
-        self->writeBufferedLocked();
-      }
-    });
+    runLocked(&Outbox::writeBufferedLocked, kSyncInterval);
     return;
   }
   if (!changes.empty())
@@ -484,13 +472,7 @@ void Outbox::replayChunkLocked() {
   }
   if (replays_.empty() || replaysInFlight_ >= kMaxInFlight || replayChunkScheduled_.exchange(true))
     return;
-  std::weak_ptr<Outbox> weak = weak_from_this();
-  queue_->async([weak] {
-    if (const auto self = weak.lock()) {
-      const std::lock_guard lock(self->storeMutex_);
-      self->replayChunkLocked();
-    }
-  });
+  runLocked(&Outbox::replayChunkLocked);
 }
 
 void Outbox::replayCameBack(const OutboxSlotPtr& slot) {
@@ -499,13 +481,22 @@ void Outbox::replayCameBack(const OutboxSlotPtr& slot) {
   replaysInFlight_.fetch_sub(1);
   if (replayChunkScheduled_.exchange(true))
     return;
+  runLocked(&Outbox::replayChunkLocked);
+}
+
+// Runs `method` on the outbox's queue with the store's lock held, if the outbox still exists.
+void Outbox::runLocked(void (Outbox::*method)(), std::chrono::nanoseconds after) {
   std::weak_ptr<Outbox> weak = weak_from_this();
-  queue_->async([weak] {
+  auto work = [weak, method] {
     if (const auto self = weak.lock()) {
       const std::lock_guard lock(self->storeMutex_);
-      self->replayChunkLocked();
+      ((*self).*method)();
     }
-  });
+  };
+  if (after > std::chrono::nanoseconds::zero())
+    queue_->asyncAfter(after, std::move(work));
+  else
+    queue_->async(std::move(work));
 }
 
 void Outbox::transportRecovered() {

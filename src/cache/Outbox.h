@@ -172,6 +172,8 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   void openLocked();
   void dropExpiredLeftoversLocked();
   void replayChunkLocked();
+  void runLocked(void (Outbox::*method)(),
+                 std::chrono::nanoseconds after = std::chrono::nanoseconds::zero());
   void enforceBoundsLocked(std::vector<platform::OutboxChange>& changes);
   void scheduleRetry();
   void retryFailed();
