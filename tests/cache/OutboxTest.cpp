@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "cache/Outbox.h"
+#include "cache/QuorvelRequestCache.h"
 #include "support/TrackerFixture.h"
 #include "util/PreferenceKeys.h"
 
