@@ -349,6 +349,8 @@ int runHarness(const Options& o, const fs::path& root) {
         distinct.insert(a.seq);
     if (distinct.size() >= accepted.size())
       break;
+    if (std::getenv("QUORVEL_CHAOS_LOG") != nullptr)
+      std::fprintf(stderr, "drain: %zu of %zu arrived\n", distinct.size(), accepted.size());
     std::this_thread::sleep_for(200ms);
   }
   std::this_thread::sleep_for(1s);  // late repeats, if any, show up too

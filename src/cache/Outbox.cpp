@@ -40,12 +40,36 @@ const char* kindName(OutboxIntent::Kind kind) {
 
 }  // namespace
 
+void OutboxSlot::holdUntilSettled(std::shared_ptr<void> hold) {
+  const std::lock_guard lock(holdMutex_);
+  if (!settled_)
+    hold_ = std::move(hold);
+}
+
+bool OutboxSlot::holdsPlace() {
+  const std::lock_guard lock(holdMutex_);
+  return hold_ != nullptr;
+}
+
+bool OutboxSlot::settle() {
+  if (settled_.exchange(true))
+    return false;
+  std::shared_ptr<void> released;  // let go outside the lock: it may start a build
+  {
+    const std::lock_guard lock(holdMutex_);
+    released.swap(hold_);
+  }
+  return true;
+}
+
 Outbox::Outbox(std::shared_ptr<platform::OutboxStore> store,
                std::shared_ptr<platform::DispatchQueue> queue,
+               std::shared_ptr<platform::DispatchQueue> syncQueue,
                std::shared_ptr<const platform::Clock> clock, std::shared_ptr<const Log> log,
                Limits limits)
     : store_(std::move(store)),
       queue_(std::move(queue)),
+      syncQueue_(std::move(syncQueue)),
       clock_(std::move(clock)),
       log_(std::move(log)),
       limits_(limits) {}
@@ -117,7 +141,7 @@ void Outbox::built(const OutboxSlotPtr& slot, const QuorvelRequestCacheData& req
 void Outbox::answered(const OutboxSlotPtr& slot) {
   if (slot)
     replayCameBack(slot);
-  if (!slot || slot->settled_.exchange(true))
+  if (!slot || !slot->settle())
     return;
   slot->stopSending();
   delivered_.fetch_add(1, std::memory_order_relaxed);
@@ -128,7 +152,7 @@ void Outbox::answered(const OutboxSlotPtr& slot) {
 void Outbox::dropped(const OutboxSlotPtr& slot, DropReason reason) {
   if (slot)
     replayCameBack(slot);
-  if (!slot || slot->settled_.exchange(true))
+  if (!slot || !slot->settle())
     return;
   slot->stopSending();
   auto& counter = reason == DropReason::rule         ? droppedByRule_
@@ -140,11 +164,13 @@ void Outbox::dropped(const OutboxSlotPtr& slot, DropReason reason) {
   enqueue(Remove{slot});
 }
 
-void Outbox::failed(const OutboxSlotPtr& slot) {
+void Outbox::failed(const OutboxSlotPtr& slot, std::shared_ptr<void> hold) {
   if (slot)
     replayCameBack(slot);
   if (!slot || slot->settled_)
     return;
+  if (hold)
+    slot->holdUntilSettled(std::move(hold));
   slot->stopSending();
   std::weak_ptr<Outbox> weak = weak_from_this();
   queue_->async([weak, slot] {
@@ -188,63 +214,121 @@ void Outbox::openLocked() {
               reason);
     return;
   }
-  std::vector<platform::OutboxChange> expired;
-  for (auto& record : store_->load()) {
-    lastId_ = std::max(lastId_, record.id);
-    const auto headEnd = record.content.find('\n');
-    const Json parsed = parseBoundedJson(record.content.substr(0, headEnd));
-    if (record.id == kCountersRecord) {
-      if (parsed.is_object())
-        counters_ = parsed;
-      continue;
-    }
-    const double at = parsed.is_object() ? parsed.value("at", 0.0) : 0.0;
-    auto slot = std::make_shared<OutboxSlot>(fromSeconds(at));
-    slot->id_ = record.id;
-    if (!parsed.is_object()) {
-      expired.push_back({record.id, std::nullopt});
-      droppedForAge_.fetch_add(1, std::memory_order_relaxed);
-      accepted_.fetch_add(1, std::memory_order_relaxed);
-      continue;
-    }
-    Leftover left;
-    left.slot = slot;
-    const std::string kind = parsed.value("kind", "");
-    if (kind == "request") {
-      const std::string_view body = headEnd == std::string::npos
-                                        ? std::string_view()
-                                        : std::string_view(record.content).substr(headEnd + 1);
-      QuorvelRequestCacheData request(parsed.value("url", ""), Bytes(body.begin(), body.end()),
-                                      parsed.value("version", ""));
-      left.request = request;
-      left.wasSent = true;
-    } else {
-      OutboxIntent intent;
-      intent.kind = kind == "launch"   ? OutboxIntent::Kind::launch
-                    : kind == "values" ? OutboxIntent::Kind::eventWithValues
-                                       : OutboxIntent::Kind::event;
-      intent.name = parsed.value("name", "");
-      if (const auto v = parsed.find("value"); v != parsed.end() && v->is_string())
-        intent.value = v->get<std::string>();
-      if (const auto v = parsed.find("values"); v != parsed.end())
-        intent.values = *v;
-      left.intent = std::move(intent);
-    }
-    Held held;
-    held.slot = slot;
-    held.bytes = record.content.size();
-    held.request = left.request;
-    heldBytes_ += held.bytes;
-    held_.emplace(record.id, std::move(held));
-    accepted_.fetch_add(1, std::memory_order_relaxed);
-    waiting_.fetch_add(1, std::memory_order_relaxed);
-    leftovers_.push_back(std::move(left));
+  // Only the counters and the highest number are read now: this process's reports are
+  // written from the first batch on, and what an earlier one left is read a page at a time
+  // between those writes.
+  const auto first = store_->load(kCountersRecord - 1, 1);
+  if (!first.empty() && first.front().id == kCountersRecord) {
+    const Json parsed = parseBoundedJson(first.front().content);
+    if (parsed.is_object())
+      counters_ = parsed;
   }
-  if (!expired.empty()) {
-    log_->log(kLogWarning, kMethod, "Quorvel outbox: %lu unreadable reports dropped",
-              static_cast<unsigned long>(expired.size()));
-    store_->apply(expired);
+  leftoversEnd_ = store_->highestId();
+  lastId_ = std::max(lastId_, leftoversEnd_);
+  loadedUpTo_ = kCountersRecord;
+  if (loadedUpTo_ < leftoversEnd_)
+    scheduleLeftoverPage();
+}
+
+void Outbox::scheduleLeftoverPage() {
+  std::weak_ptr<Outbox> weak = weak_from_this();
+  queue_->async([weak] {
+    if (const auto self = weak.lock())
+      self->loadLeftoverPage();
+  });
+}
+
+void Outbox::loadLeftoverPage() {
+  constexpr std::size_t kPage = 100;
+  std::vector<Leftover> unbuilt;
+  std::function<void(std::vector<Leftover>)> take;
+  {
+    const std::lock_guard lock(storeMutex_);
+    if (!store_ || loadedUpTo_ >= leftoversEnd_)
+      return;
+    std::vector<platform::OutboxChange> unreadable;
+    const auto page = store_->load(loadedUpTo_, kPage);
+    for (const auto& record : page) {
+      if (record.id > leftoversEnd_)
+        break;  // this process's own
+      loadedUpTo_ = record.id;
+      readLeftoverLocked(record, unreadable);
+    }
+    if (page.size() < kPage)
+      loadedUpTo_ = leftoversEnd_;
+    if (!unreadable.empty()) {
+      log_->log(kLogWarning, kMethod, "Quorvel outbox: %lu unreadable reports dropped",
+                static_cast<unsigned long>(unreadable.size()));
+      store_->apply(unreadable);
+    }
+    if (resumed_) {
+      unbuilt = releaseLeftoversLocked();
+      take = take_;
+    }
+    if (loadedUpTo_ < leftoversEnd_)
+      scheduleLeftoverPage();
   }
+  if (!unbuilt.empty() && take)
+    take(std::move(unbuilt));
+}
+
+void Outbox::readLeftoverLocked(const platform::OutboxRecord& record,
+                                std::vector<platform::OutboxChange>& unreadable) {
+  const auto headEnd = record.content.find('\n');
+  const Json parsed = parseBoundedJson(record.content.substr(0, headEnd));
+  accepted_.fetch_add(1, std::memory_order_relaxed);
+  if (!parsed.is_object()) {
+    unreadable.push_back({record.id, std::nullopt});
+    droppedForAge_.fetch_add(1, std::memory_order_relaxed);
+    return;
+  }
+  auto slot = std::make_shared<OutboxSlot>(fromSeconds(parsed.value("at", 0.0)));
+  slot->id_ = record.id;
+  Leftover left;
+  left.slot = slot;
+  const std::string kind = parsed.value("kind", "");
+  if (kind == "request") {
+    const std::string_view body = headEnd == std::string::npos
+                                      ? std::string_view()
+                                      : std::string_view(record.content).substr(headEnd + 1);
+    left.request = QuorvelRequestCacheData(parsed.value("url", ""), Bytes(body.begin(), body.end()),
+                                           parsed.value("version", ""));
+    left.wasSent = true;
+  } else {
+    OutboxIntent intent;
+    intent.kind = kind == "launch"   ? OutboxIntent::Kind::launch
+                  : kind == "values" ? OutboxIntent::Kind::eventWithValues
+                                     : OutboxIntent::Kind::event;
+    intent.name = parsed.value("name", "");
+    if (const auto v = parsed.find("value"); v != parsed.end() && v->is_string())
+      intent.value = v->get<std::string>();
+    if (const auto v = parsed.find("values"); v != parsed.end())
+      intent.values = *v;
+    left.intent = std::move(intent);
+  }
+  Held held;
+  held.slot = slot;
+  held.bytes = record.content.size();
+  held.request = left.request;
+  heldBytes_ += held.bytes;
+  held_.emplace(record.id, std::move(held));
+  waiting_.fetch_add(1, std::memory_order_relaxed);
+  leftovers_.push_back(std::move(left));
+}
+
+// Leftovers read so far go: built ones to the replay, unbuilt ones to the caller.
+std::vector<Outbox::Leftover> Outbox::releaseLeftoversLocked() {
+  dropExpiredLeftoversLocked();
+  std::vector<Leftover> unbuilt;
+  for (auto& left : leftovers_) {
+    if (!left.request)
+      unbuilt.push_back(std::move(left));
+    else
+      replays_.push_back(std::move(left));
+  }
+  leftovers_.clear();
+  replayChunkLocked();
+  return unbuilt;
 }
 
 // The age bound is applied when the leftovers go, not when the store opens: by then the host
@@ -377,15 +461,21 @@ void Outbox::writeBufferedLocked() {
         since >= kSyncInterval
             ? std::chrono::nanoseconds::zero()
             : std::chrono::duration_cast<std::chrono::nanoseconds>(kSyncInterval - since);
+    // On a queue of its own: a flush to a slow disk never holds up the writes.
     std::weak_ptr<Outbox> weak = weak_from_this();
-    queue_->asyncAfter(wait, [weak] {
-      if (const auto self = weak.lock()) {
+    syncQueue_->asyncAfter(wait, [weak] {
+      const auto self = weak.lock();
+      if (!self)
+        return;
+      std::shared_ptr<platform::OutboxStore> store;
+      {
         const std::lock_guard lock(self->storeMutex_);
         self->syncScheduled_ = false;
         self->lastSync_ = self->clock_->now();
-        if (self->store_)
-          self->store_->sync();
+        store = self->store_;
       }
+      if (store)
+        store->sync();
     });
   }
 }
@@ -400,7 +490,7 @@ void Outbox::enforceBoundsLocked(std::vector<platform::OutboxChange>& changes) {
     held_.erase(oldest);
     if (slot)
       replayCameBack(slot);
-    if (slot && !slot->settled_.exchange(true)) {
+    if (slot && slot->settle()) {
       droppedForBytes_.fetch_add(1, std::memory_order_relaxed);
       waiting_.fetch_sub(1, std::memory_order_relaxed);
     }
@@ -437,15 +527,8 @@ void Outbox::resume(std::function<void(std::vector<Leftover>)> take) {
       if (self->resumed_)
         return;
       self->resumed_ = true;
-      self->dropExpiredLeftoversLocked();
-      for (auto& left : self->leftovers_) {
-        if (!left.request)
-          unbuilt.push_back(std::move(left));
-        else
-          self->replays_.push_back(std::move(left));
-      }
-      self->replayChunkLocked();
-      self->leftovers_.clear();
+      self->take_ = take;
+      unbuilt = self->releaseLeftoversLocked();
     }
     if (!unbuilt.empty())
       take(std::move(unbuilt));

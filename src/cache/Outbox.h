@@ -43,9 +43,17 @@ class OutboxSlot {
   // Claims the report for one send; false while it is already on the wire.
   bool startSending() noexcept { return !inFlight_.exchange(true); }
   void stopSending() noexcept { inFlight_ = false; }
+  // True while it keeps a place in the build throttle (a failed request waiting).
+  bool holdsPlace();
 
  private:
   friend class Outbox;
+  // Keeps `hold` (the build throttle's place of a failed request) until the report settles.
+  void holdUntilSettled(std::shared_ptr<void> hold);
+  // Marks the report settled; false when it already was.
+  bool settle();
+  std::mutex holdMutex_;
+  std::shared_ptr<void> hold_;
   const platform::TimePoint acceptedAt_;
   std::int64_t id_ = 0;  // set and read on the outbox's queue only
   std::atomic<bool> inFlight_{false};
@@ -91,8 +99,10 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   };
 
   // `store` may be null: the outbox then keeps nothing (and says so once).
+  // The store's writes run on `queue`, its periodic syncs on `syncQueue`.
   Outbox(std::shared_ptr<platform::OutboxStore> store,
          std::shared_ptr<platform::DispatchQueue> queue,
+         std::shared_ptr<platform::DispatchQueue> syncQueue,
          std::shared_ptr<const platform::Clock> clock, std::shared_ptr<const Log> log,
          Limits limits);
   ~Outbox();
@@ -125,8 +135,8 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   enum class DropReason { rule, bytes, age, handedOver };
   void dropped(const OutboxSlotPtr& slot, DropReason reason);
   // Its request failed in transport and was not handed to the kept-request folder: it waits
-  // here and goes again after a backoff.
-  void failed(const OutboxSlotPtr& slot);
+  // here and goes again after a backoff. `hold` is kept until the report settles.
+  void failed(const OutboxSlotPtr& slot, std::shared_ptr<void> hold = nullptr);
 
   // --- Replay -----------------------------------------------------------------------------
   // What sends a built report again (set once by the tracker). Called on the outbox's queue.
@@ -170,6 +180,11 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // The queue's side; `mutex_` for the store is held.
   void writeBufferedLocked();
   void openLocked();
+  void scheduleLeftoverPage();
+  void loadLeftoverPage();
+  void readLeftoverLocked(const platform::OutboxRecord& record,
+                          std::vector<platform::OutboxChange>& unreadable);
+  std::vector<Leftover> releaseLeftoversLocked();
   void dropExpiredLeftoversLocked();
   void replayChunkLocked();
   void runLocked(void (Outbox::*method)(),
@@ -181,6 +196,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
 
   std::shared_ptr<platform::OutboxStore> store_;
   std::shared_ptr<platform::DispatchQueue> queue_;
+  std::shared_ptr<platform::DispatchQueue> syncQueue_;
   std::shared_ptr<const platform::Clock> clock_;
   std::shared_ptr<const Log> log_;
 
@@ -204,7 +220,10 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   };
   std::map<std::int64_t, Held> held_;  // by id: oldest first
   std::uint64_t heldBytes_ = 0;
-  std::vector<Leftover> leftovers_;
+  std::vector<Leftover> leftovers_;  // read, not yet released by resume()
+  std::int64_t leftoversEnd_ = 0;    // the highest number an earlier process left
+  std::int64_t loadedUpTo_ = 0;      // read so far, up to this number
+  std::function<void(std::vector<Leftover>)> take_;
   std::deque<Leftover> replays_;  // built leftovers not yet sent again
   std::atomic<std::size_t> replaysInFlight_{0};
   std::atomic<bool> replayChunkScheduled_{false};

@@ -100,7 +100,13 @@ void QuorvelHTTPClient::sendOutboxRequest(const OutboxSlotPtr& slot,
                                           double secondsWaiting) {
   const std::string url = request.requestURL().value_or(std::string()) +
                           format("&timeincache=%f", secondsWaiting) + "&isCachedRequest=true";
-  post(request, url, Origin::outbox, slot, nullptr, reportOfNewRequest());
+  // A report of its own, whatever work sent it; one that holds no place in the build
+  // throttle yet (an earlier run's) takes one, so that new reports are built only as fast
+  // as the old ones leave.
+  auto ticket = ledger_ ? ledger_->open() : nullptr;
+  if (ticket && !slot->holdsPlace())
+    ticket->attach();
+  post(request, url, Origin::outbox, slot, nullptr, std::move(ticket));
 }
 
 void QuorvelHTTPClient::post(const QuorvelRequestCacheData& request, std::string url, Origin origin,
@@ -148,8 +154,10 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
       if (outbox_)
         outbox_->dropped(slot, Outbox::DropReason::handedOver);
     } else if (outbox_) {
-      // The folder is full (or this was the outbox's own try): it waits in the outbox.
-      outbox_->failed(slot);
+      // The folder is full (or this was the outbox's own try): it waits in the outbox, and
+      // keeps its place in the build throttle while it waits.
+      const auto ticket = ReportLedger::current();
+      outbox_->failed(slot, ticket ? ticket->buildPermit() : nullptr);
     }
     return;
   }

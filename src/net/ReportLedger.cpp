@@ -5,12 +5,12 @@
 
 namespace quorvel {
 ReportLedger::Ticket::~Ticket() {
-  state_->settle(id_, built_);
+  state_->settle(id_);
 }
 
 void ReportLedger::Ticket::attach() {
   if (!built_.exchange(true))
-    state_->built();
+    permit_ = state_->takePermit();
 }
 
 ReportLedger::ReportLedger() : state_(std::make_shared<State>()) {}
@@ -31,9 +31,29 @@ void ReportLedger::buildWhenThereIsRoom(const std::shared_ptr<platform::Dispatch
   build();
 }
 
-void ReportLedger::State::built() {
-  const std::lock_guard lock(mutex);
-  ++builtAhead;
+std::shared_ptr<void> ReportLedger::State::takePermit() {
+  {
+    const std::lock_guard lock(mutex);
+    ++builtAhead;
+  }
+  // The place is given back when its last holder lets it go.
+  auto self = shared_from_this();
+  return {self.get(), [self](State*) { self->releasePermit(); }};
+}
+
+void ReportLedger::State::releasePermit() {
+  std::pair<std::shared_ptr<platform::DispatchQueue>, platform::Work> next;
+  {
+    const std::lock_guard lock(mutex);
+    if (builtAhead > 0)
+      --builtAhead;
+    if (!waiting.empty() && builtAhead < maxBuiltAhead) {
+      next = std::move(waiting.front());
+      waiting.pop_front();
+    }
+  }
+  if (next.first)
+    next.first->async(std::move(next.second));
 }
 
 ReportLedger::TicketPtr ReportLedger::open() {
@@ -77,26 +97,15 @@ std::vector<ReportLedger::TicketPtr> ReportLedger::unsettled() const {
   return result;
 }
 
-void ReportLedger::State::settle(std::uint64_t id, bool built) {
-  std::pair<std::shared_ptr<platform::DispatchQueue>, platform::Work> next;
-  {
-    const std::lock_guard lock(mutex);
-    if (id >= firstId && id - firstId < entries.size())
-      entries[id - firstId].open = false;
-    while (!entries.empty() && !entries.front().open) {
-      entries.pop_front();
-      ++firstId;
-    }
-    if (built && builtAhead > 0)
-      --builtAhead;
-    if (!waiting.empty() && builtAhead < maxBuiltAhead) {
-      next = std::move(waiting.front());
-      waiting.pop_front();
-    }
-    settled.notify_all();
+void ReportLedger::State::settle(std::uint64_t id) {
+  const std::lock_guard lock(mutex);
+  if (id >= firstId && id - firstId < entries.size())
+    entries[id - firstId].open = false;
+  while (!entries.empty() && !entries.front().open) {
+    entries.pop_front();
+    ++firstId;
   }
-  if (next.first)
-    next.first->async(std::move(next.second));
+  settled.notify_all();
 }
 
 }  // namespace quorvel

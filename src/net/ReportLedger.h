@@ -40,8 +40,13 @@ class ReportLedger {
     Ticket(const Ticket&) = delete;
     Ticket& operator=(const Ticket&) = delete;
 
-    // The report's request is built and on the wire.
+    // The report's request is built and on the wire: it takes one of the build throttle's
+    // places, held until the ticket settles and by whoever keeps `buildPermit()` longer.
     void attach();
+    // The throttle's place this report holds (null before attach()). A request that failed
+    // and waits in the outbox keeps it until the service answers, so that no more requests
+    // are built while they cannot leave: unbuilt reports wait as small intents instead.
+    std::shared_ptr<void> buildPermit() const { return permit_; }
 
     // Where the report waits for its answer, and when the host's call made it. Set by the
     // call that opens the ticket, before the ticket is shared.
@@ -56,6 +61,7 @@ class ReportLedger {
     friend class ReportLedger;
     std::uint64_t id_ = 0;  // set once by open(), before the ticket is shared
     std::atomic<bool> built_{false};
+    std::shared_ptr<void> permit_;  // set once by attach()
     OutboxSlotPtr outbox_;
   };
   using TicketPtr = std::shared_ptr<Ticket>;
@@ -91,7 +97,7 @@ class ReportLedger {
                             platform::Work build);
 
  private:
-  struct State {
+  struct State : std::enable_shared_from_this<State> {
     mutable std::mutex mutex;
     mutable std::condition_variable settled;
     // The reports from the oldest open one on, by id: front() has id `firstId`.
@@ -104,8 +110,9 @@ class ReportLedger {
     std::size_t maxBuiltAhead = kMaxBuiltAhead;
     std::size_t builtAhead = 0;
     std::deque<std::pair<std::shared_ptr<platform::DispatchQueue>, platform::Work>> waiting;
-    void settle(std::uint64_t id, bool built);
-    void built();
+    void settle(std::uint64_t id);
+    std::shared_ptr<void> takePermit();
+    void releasePermit();
   };
   std::shared_ptr<State> state_;
 };

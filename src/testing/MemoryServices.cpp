@@ -75,15 +75,21 @@ bool MemoryOutboxStore::apply(const std::vector<platform::OutboxChange>& changes
   }
 }
 
-std::vector<platform::OutboxRecord> MemoryOutboxStore::load() noexcept {
+std::vector<platform::OutboxRecord> MemoryOutboxStore::load(std::int64_t afterId,
+                                                            std::size_t limit) noexcept {
   std::lock_guard lock(mutex_);
   std::vector<platform::OutboxRecord> out;
   try {
-    for (const auto& [id, content] : records_)
-      out.push_back({id, content});
+    for (auto it = records_.upper_bound(afterId); it != records_.end() && out.size() < limit; ++it)
+      out.push_back({it->first, it->second});
   } catch (...) {
   }
   return out;
+}
+
+std::int64_t MemoryOutboxStore::highestId() noexcept {
+  std::lock_guard lock(mutex_);
+  return records_.empty() ? -1 : records_.rbegin()->first;
 }
 
 bool MemoryOutboxStore::sync() noexcept {

@@ -19,6 +19,7 @@ namespace {
 
 constexpr const char* kSerialQueueLabel = "com.quorvel.serial";
 constexpr const char* kOutboxQueueLabel = "com.quorvel.outbox";
+constexpr const char* kOutboxSyncQueueLabel = "com.quorvel.outbox.sync";
 
 std::optional<std::string> stringEntry(const Json& dictionary, const char* key) {
   if (!dictionary.is_object())
@@ -61,6 +62,7 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
   // Its own queue, so that a burst of builds on the serial queue never delays the writes.
   outbox_ = std::make_shared<Outbox>(platform_->outbox,
                                      platform_->dispatcher->makeSerialQueue(kOutboxQueueLabel),
+                                     platform_->dispatcher->makeSerialQueue(kOutboxSyncQueueLabel),
                                      platform_->clock, log_, Outbox::Limits{});
   httpClient_ =
       QuorvelHTTPClient::create(platform_, remoteDebugging_, log_, requestCache_, ledger_, outbox_);

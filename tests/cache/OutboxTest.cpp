@@ -162,6 +162,38 @@ TEST_F(OutboxTest, AFailedRequestTheFolderCannotTakeWaitsAndRetriesWithBackoff) 
   EXPECT_EQ(fakes.dispatcher->pendingCount(), 0U);
 }
 
+// While requests cannot leave, no more are built: the reports behind them wait as intents,
+// and after a kill all of them, read back a page at a time, go once.
+TEST_F(OutboxTest, FailedRequestsHoldTheBuildsBackAndAllGoAfterAKill) {
+  for (int i = 0; i < 41; ++i)
+    fakes.fileSystem->writeFileAtomically("/app/Library/Caches/QuorvelCache/x" + std::to_string(i),
+                                          Bytes{'x'});
+  for (int i = 0; i < 250; ++i)
+    tracker->trackEvent("offline", std::to_string(i));
+  fakes.dispatcher->advance(10ms);
+  ASSERT_EQ(sent().size(), 128U);
+  for (std::size_t i = 0; i < 128; ++i)
+    fakes.fail(i, kOutboxRefused);
+  fakes.dispatcher->advance(1ms);
+  EXPECT_EQ(sent().size(), 128U);  // the failed ones keep their places until answered
+
+  const auto next = restart();
+  tracker->trackEvent("new", std::nullopt);
+  for (std::size_t answered = 128; answered < sent().size() || answered == 128;) {
+    fakes.dispatcher->advance(10ms);
+    for (; answered < sent().size(); ++answered)
+      fakes.respond(answered, 200, "{}");
+  }
+  const auto offline = payloadsOf("offline");
+  std::set<std::string> values;
+  for (const auto& p : offline)
+    values.insert(p.value("eventvalue", ""));
+  EXPECT_EQ(values.size(), 250U);
+  EXPECT_EQ(offline.size(), 128U + 250U);  // the 128 sent before went again, marked
+  EXPECT_EQ(payloadsOf("new").size(), 1U);
+  EXPECT_EQ(tracker->deliveryStats().waiting, 0U);
+}
+
 TEST_F(OutboxTest, BackoffIsFullJitterUpToItsCap) {
   EXPECT_EQ(Outbox::backoffDelay(0, 1.0), 2s);
   EXPECT_EQ(Outbox::backoffDelay(3, 1.0), 16s);

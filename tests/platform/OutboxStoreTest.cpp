@@ -18,7 +18,7 @@ namespace {
 
 std::vector<std::pair<std::int64_t, std::string>> contents(OutboxStore& store) {
   std::vector<std::pair<std::int64_t, std::string>> out;
-  for (auto& record : store.load())
+  for (auto& record : store.load(-1, SIZE_MAX))
     out.emplace_back(record.id, std::move(record.content));
   return out;
 }
@@ -50,6 +50,11 @@ TEST_F(OutboxStoreTest, ABatchSurvivesTheKillOfItsProcessWithoutASync) {
   ASSERT_TRUE(store.open(reason)) << reason;
   using Contents = std::vector<std::pair<std::int64_t, std::string>>;
   EXPECT_EQ(contents(store), (Contents{{1, "one, built"}, {3, "three"}}));
+  // Read a page at a time: after a number, at most so many.
+  const auto page = store.load(1, 1);
+  ASSERT_EQ(page.size(), 1U);
+  EXPECT_EQ(page.front().id, 3);
+  EXPECT_EQ(store.highestId(), 3);
   struct stat info {};
   ASSERT_EQ(::stat(file().c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 0777U, 0600U);
@@ -65,12 +70,12 @@ TEST_F(OutboxStoreTest, ASecondOpenerIsRefusedUntilTheFirstCloses) {
     EXPECT_FALSE(second.open(reason));
     EXPECT_NE(reason.find("another process uses the data directory"), std::string::npos) << reason;
   }
-  EXPECT_EQ(first->load().size(), 1U);  // the refused opener touched nothing
+  EXPECT_EQ(contents(*first).size(), 1U);  // the refused opener touched nothing
   EXPECT_TRUE(first->sync());
   first.reset();
   SqliteOutboxStore third(file());
   ASSERT_TRUE(third.open(reason)) << reason;
-  EXPECT_EQ(third.load().size(), 1U);
+  EXPECT_EQ(contents(third).size(), 1U);
 }
 
 TEST_F(OutboxStoreTest, AStoreThatCannotBeOpenedSaysWhy) {
@@ -80,7 +85,8 @@ TEST_F(OutboxStoreTest, AStoreThatCannotBeOpenedSaysWhy) {
   EXPECT_FALSE(store.open(reason));
   EXPECT_NE(reason.find("cannot open"), std::string::npos) << reason;
   EXPECT_FALSE(store.apply({{1, "x"}}));
-  EXPECT_TRUE(store.load().empty());
+  EXPECT_TRUE(contents(store).empty());
+  EXPECT_EQ(store.highestId(), -1);
 }
 
 }  // namespace

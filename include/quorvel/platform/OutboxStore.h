@@ -22,7 +22,8 @@ struct OutboxChange {
   std::optional<std::string> content;
 };
 
-// Called from the library's outbox thread only, one call at a time.
+// Called from the library's outbox thread, one call at a time, except sync(): it may run on
+// another thread at the same time as the others, so that writes never wait for the disk.
 class OutboxStore {
  public:
   OutboxStore() = default;
@@ -36,8 +37,11 @@ class OutboxStore {
   // Applies the changes in order, all or none. Once it returns true they survive the death
   // of the process; `sync` makes them survive the machine's.
   virtual bool apply(const std::vector<OutboxChange>& changes) noexcept = 0;
-  // Every record, by id, oldest first.
-  virtual std::vector<OutboxRecord> load() noexcept = 0;
+  // The records with ids above `afterId`, oldest first, at most `limit` of them: a store
+  // left large by an earlier process is read a page at a time, between this process's writes.
+  virtual std::vector<OutboxRecord> load(std::int64_t afterId, std::size_t limit) noexcept = 0;
+  // The highest id in the store; -1 when it is empty.
+  virtual std::int64_t highestId() noexcept = 0;
   virtual bool sync() noexcept = 0;
 };
 

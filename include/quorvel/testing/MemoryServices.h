@@ -95,7 +95,9 @@ class MemoryOutboxStore final : public platform::OutboxStore {
  public:
   bool open(std::string& reason) noexcept override;
   bool apply(const std::vector<platform::OutboxChange>& changes) noexcept override;
-  std::vector<platform::OutboxRecord> load() noexcept override;
+  std::vector<platform::OutboxRecord> load(std::int64_t afterId,
+                                           std::size_t limit) noexcept override;
+  std::int64_t highestId() noexcept override;
   bool sync() noexcept override;
 
   std::size_t size() const;

@@ -1,7 +1,8 @@
 // SQLite keeps the outbox: its journal survives the death of the process at any instruction,
 // which a hand-written file format would have to prove again. WAL mode with synchronous=NORMAL
 // makes a committed batch survive the process; sync() checkpoints, which flushes it to the
-// disk itself.
+// disk itself. The checkpoint runs on a second connection of its own: a flush to a slow disk
+// takes tens of milliseconds, and the writes of new reports go on meanwhile.
 #include "platform/posix/SqliteOutboxStore.h"
 
 #include <fcntl.h>
@@ -10,7 +11,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
 
@@ -43,6 +46,10 @@ SqliteOutboxStore::~SqliteOutboxStore() {
 }
 
 void SqliteOutboxStore::close() noexcept {
+  if (syncDb_ != nullptr) {
+    sqlite3_close_v2(syncDb_);
+    syncDb_ = nullptr;
+  }
   if (db_ != nullptr) {
     sqlite3_close_v2(db_);
     db_ = nullptr;
@@ -81,12 +88,27 @@ bool SqliteOutboxStore::open(std::string& reason) noexcept {
   }
   ::chmod(path_.c_str(), 0600);
   sqlite3_busy_timeout(db_, 1000);
-  // Exclusive: the advisory lock already keeps every other process out, and an exclusive
-  // connection keeps its page cache across transactions instead of reading pages back.
-  if (!exec("PRAGMA locking_mode=EXCLUSIVE") || !exec("PRAGMA journal_mode=WAL") ||
-      !exec("PRAGMA synchronous=NORMAL") || !exec("PRAGMA wal_autocheckpoint=0") ||
+  // No checkpoint inside a write: sync() does them, on its own connection.
+  if (!exec("PRAGMA journal_mode=WAL") || !exec("PRAGMA synchronous=NORMAL") ||
+      !exec("PRAGMA wal_autocheckpoint=0") ||
       !exec("CREATE TABLE IF NOT EXISTS outbox (id INTEGER PRIMARY KEY, content BLOB NOT NULL)")) {
     reason = "cannot prepare " + path_ + ": " + sqlite3_errmsg(db_);
+    close();
+    return false;
+  }
+  if (sqlite3_open_v2(path_.c_str(), &syncDb_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX,
+                      nullptr) != SQLITE_OK) {
+    reason =
+        "cannot open " + path_ + " twice: " + (syncDb_ ? sqlite3_errmsg(syncDb_) : "out of memory");
+    close();
+    return false;
+  }
+  sqlite3_busy_timeout(syncDb_, 1000);
+  // A connection that has not read the database yet does not know its log, and its
+  // checkpoints would do nothing.
+  if (sqlite3_exec(syncDb_, "SELECT count(*) FROM sqlite_schema", nullptr, nullptr, nullptr) !=
+      SQLITE_OK) {
+    reason = "cannot read " + path_ + ": " + sqlite3_errmsg(syncDb_);
     close();
     return false;
   }
@@ -120,12 +142,18 @@ bool SqliteOutboxStore::apply(const std::vector<OutboxChange>& changes) noexcept
   return exec("COMMIT");
 }
 
-std::vector<OutboxRecord> SqliteOutboxStore::load() noexcept {
+std::vector<OutboxRecord> SqliteOutboxStore::load(std::int64_t afterId,
+                                                  std::size_t limit) noexcept {
   std::vector<OutboxRecord> records;
   if (db_ == nullptr)
     return records;
   try {
-    Statement all(db_, "SELECT id, content FROM outbox ORDER BY id");
+    Statement all(db_, "SELECT id, content FROM outbox WHERE id > ?1 ORDER BY id LIMIT ?2");
+    if (all) {
+      sqlite3_bind_int64(all.get(), 1, afterId);
+      sqlite3_bind_int64(all.get(), 2,
+                         static_cast<sqlite3_int64>(std::min<std::size_t>(limit, INT64_MAX)));
+    }
     while (all && sqlite3_step(all.get()) == SQLITE_ROW) {
       OutboxRecord r;
       r.id = sqlite3_column_int64(all.get(), 0);
@@ -140,12 +168,29 @@ std::vector<OutboxRecord> SqliteOutboxStore::load() noexcept {
   return records;
 }
 
-bool SqliteOutboxStore::sync() noexcept {
+std::int64_t SqliteOutboxStore::highestId() noexcept {
   if (db_ == nullptr)
+    return -1;
+  Statement highest(db_, "SELECT max(id) FROM outbox");
+  if (!highest || sqlite3_step(highest.get()) != SQLITE_ROW ||
+      sqlite3_column_type(highest.get(), 0) == SQLITE_NULL)
+    return -1;
+  return sqlite3_column_int64(highest.get(), 0);
+}
+
+bool SqliteOutboxStore::sync() noexcept {
+  const std::lock_guard lock(syncMutex_);
+  if (syncDb_ == nullptr)
     return false;
-  // A checkpoint syncs the log, copies it into the database and syncs that.
-  return sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr) ==
-         SQLITE_OK;
+  // A checkpoint syncs the log, copies it into the database and syncs that. A passive one
+  // never waits for the writer, so it does the slow part; a truncating one then copies what
+  // came meanwhile, holding the writer back only for that, and empties the log, which would
+  // otherwise grow for as long as writes keep coming (and be read whole at the next open).
+  const bool copied = sqlite3_wal_checkpoint_v2(syncDb_, nullptr, SQLITE_CHECKPOINT_PASSIVE,
+                                                nullptr, nullptr) == SQLITE_OK;
+  return sqlite3_wal_checkpoint_v2(syncDb_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr,
+                                   nullptr) == SQLITE_OK ||
+         copied;
 }
 
 }  // namespace quorvel::platform

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include <quorvel/platform/OutboxStore.h>
@@ -20,7 +21,8 @@ class SqliteOutboxStore final : public OutboxStore {
 
   bool open(std::string& reason) noexcept override;
   bool apply(const std::vector<OutboxChange>& changes) noexcept override;
-  std::vector<OutboxRecord> load() noexcept override;
+  std::vector<OutboxRecord> load(std::int64_t afterId, std::size_t limit) noexcept override;
+  std::int64_t highestId() noexcept override;
   bool sync() noexcept override;
 
  private:
@@ -29,6 +31,8 @@ class SqliteOutboxStore final : public OutboxStore {
 
   std::string path_;
   sqlite3* db_ = nullptr;
+  std::mutex syncMutex_;
+  sqlite3* syncDb_ = nullptr;  // sync()'s own connection
   int lockFd_ = -1;
 };
 
