@@ -320,13 +320,27 @@ void Outbox::readLeftoverLocked(const platform::OutboxRecord& record,
 std::vector<Outbox::Leftover> Outbox::releaseLeftoversLocked() {
   dropExpiredLeftoversLocked();
   std::vector<Leftover> unbuilt;
+  std::vector<platform::OutboxChange> twins;
   for (auto& left : leftovers_) {
-    if (!left.request)
+    if (!left.request) {
       unbuilt.push_back(std::move(left));
-    else
+    } else if (keptElsewhere_ && keptElsewhere_(*left.request)) {
+      if (const auto it = held_.find(left.slot->id_); it != held_.end()) {
+        heldBytes_ -= it->second.bytes;
+        held_.erase(it);
+      }
+      twins.push_back({left.slot->id_, std::nullopt});
+      if (left.slot->settle()) {
+        handedOver_.fetch_add(1, std::memory_order_relaxed);
+        waiting_.fetch_sub(1, std::memory_order_relaxed);
+      }
+    } else {
       replays_.push_back(std::move(left));
+    }
   }
   leftovers_.clear();
+  if (!twins.empty() && store_)
+    store_->apply(twins);
   replayChunkLocked();
   return unbuilt;
 }
@@ -512,6 +526,11 @@ void Outbox::enforceBoundsLocked(std::vector<platform::OutboxChange>& changes) {
 void Outbox::setResend(Resend resend) {
   const std::lock_guard lock(storeMutex_);
   resend_ = std::move(resend);
+}
+
+void Outbox::setKeptElsewhere(std::function<bool(const QuorvelRequestCacheData&)> keptElsewhere) {
+  const std::lock_guard lock(storeMutex_);
+  keptElsewhere_ = std::move(keptElsewhere);
 }
 
 void Outbox::resume(std::function<void(std::vector<Leftover>)> take) {

@@ -143,6 +143,10 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   using Resend = std::function<void(const OutboxSlotPtr&, const QuorvelRequestCacheData&,
                                     double secondsWaiting)>;
   void setResend(Resend resend);
+  // Whether a request is also kept as a file of the kept-request folder. A process killed
+  // between writing that file and removing the report here leaves both: the folder's copy
+  // is the one that goes. Called on the outbox's queue.
+  void setKeptElsewhere(std::function<bool(const QuorvelRequestCacheData&)> keptElsewhere);
   // Hands what an earlier process left to `take`, once, on the outbox's queue. Built reports
   // are resent through the Resend first; `take` gets the unbuilt ones.
   void resume(std::function<void(std::vector<Leftover>)> take);
@@ -235,6 +239,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   bool syncScheduled_ = false;
   Limits limits_;
   Resend resend_;
+  std::function<bool(const QuorvelRequestCacheData&)> keptElsewhere_;
   int retryAttempt_ = 0;
   bool retryScheduled_ = false;
 

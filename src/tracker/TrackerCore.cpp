@@ -3,6 +3,8 @@
 #include <quorvel/Logger.h>
 #include <quorvel/Version.h>
 
+#include <set>
+
 #include "cache/QuorvelRequestCache.h"
 #include "common/QuorvelAES128Crypto.h"
 #include "common/QuorvelUtils.h"
@@ -71,6 +73,19 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
           const OutboxSlotPtr& slot, const QuorvelRequestCacheData& request, double waited) {
         if (const auto http = client.lock())
           http->sendOutboxRequest(slot, request, waited);
+      });
+  // The folder's requests as this process found them: its own later files are never the
+  // twin of an earlier process's report.
+  outbox_->setKeptElsewhere(
+      [cache = std::weak_ptr<QuorvelRequestCache>(requestCache_),
+       kept = std::optional<std::set<Bytes>>()](const QuorvelRequestCacheData& request) mutable {
+        if (!kept) {
+          kept.emplace();
+          if (const auto folder = cache.lock())
+            for (const auto& file : folder->getCachedRequests())
+              kept->insert(file.postData().value_or(Bytes()));
+        }
+        return request.postData() && kept->count(*request.postData()) > 0;
       });
   iAdClient_ = std::make_shared<const QVSDKiAdClient>(platform_, log_);
   mBackgroundQueue_ = platform_->dispatcher->makeSerialQueue(kSerialQueueLabel);
