@@ -10,9 +10,9 @@
 // "SEQ/CALL_MS"; the host appends "SEQ CALL_MS" to a file with write(2) once the call has
 // returned, so what a killed host accepted is known from the kernel's copy. A repeat counts as
 // avoidable when it is not marked as a replay, or when it and its previous copy were both
-// recorded within the life of one host. The emulator records a request after its delay, so
-// under late answers that count is an upper bound: a copy sent by a host that died meanwhile
-// can be recorded during the next one's life.
+// sent within the life of one host. A replay's send time is its call plus its "timeincache";
+// a first copy's is when the emulator recorded it, which is after the emulator's delay, so
+// a first copy sent by a host that died meanwhile can still look as if sent by the next one.
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -199,6 +199,7 @@ std::map<long long, long long> readAccepted(const fs::path& file) {
 struct Arrival {
   long long seq = 0;
   double serverTime = 0;
+  double sentAt = 0;  // a replay's own account; else when the emulator recorded it
   double timestamp = 0;
   bool marked = false;
 };
@@ -228,6 +229,12 @@ std::vector<Arrival> readArrivals(const std::string& database) {
       Arrival a;
       a.seq = std::atoll(value.substr(0, value.find('/')).c_str());
       a.serverTime = sqlite3_column_double(s, 0);
+      a.sentAt = a.serverTime;
+      const std::string query = text(1);
+      if (const auto at = query.find("timeincache="); at != std::string::npos) {
+        const double callMs = std::atof(value.substr(value.find('/') + 1).c_str());
+        a.sentAt = callMs / 1000.0 + std::atof(query.c_str() + at + 12);
+      }
       a.timestamp = std::atof(payload.value("timestamp", "0").c_str());
       a.marked = text(1).find("isCachedRequest=true") != std::string::npos;
       out.push_back(a);
@@ -345,13 +352,21 @@ int runHarness(const Options& o, const fs::path& root) {
   const pid_t pid = spawnHost(o, host);
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(o.boundSeconds);
   std::set<long long> distinct;
-  while (std::chrono::steady_clock::now() < deadline) {
+  // Done when all arrived, or when nothing more arrived for a while (the rest is lost).
+  auto lastProgress = std::chrono::steady_clock::now();
+  std::size_t lastCount = 0;
+  while (std::chrono::steady_clock::now() < deadline &&
+         std::chrono::steady_clock::now() - lastProgress < 20s) {
     distinct.clear();
     for (const auto& a : readArrivals(server.database()))
       if (accepted.count(a.seq) > 0)
         distinct.insert(a.seq);
     if (distinct.size() >= accepted.size())
       break;
+    if (distinct.size() != lastCount) {
+      lastCount = distinct.size();
+      lastProgress = std::chrono::steady_clock::now();
+    }
     if (std::getenv("QUORVEL_CHAOS_LOG") != nullptr)
       std::fprintf(stderr, "drain: %zu of %zu arrived\n", distinct.size(), accepted.size());
     std::this_thread::sleep_for(200ms);
@@ -388,7 +403,7 @@ int runHarness(const Options& o, const fs::path& root) {
       ++repeats;
       marked += copies[i]->marked ? 1U : 0U;
       if (!copies[i]->marked ||
-          runOf(runs, copies[i]->serverTime) == runOf(runs, copies[i - 1]->serverTime))
+          runOf(runs, copies[i]->sentAt) == runOf(runs, copies[i - 1]->sentAt))
         ++avoidable;
     }
   }

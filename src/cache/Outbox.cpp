@@ -12,6 +12,8 @@ namespace {
 
 constexpr const char* kMethod = "-[QuorvelOutbox write]";
 constexpr std::chrono::seconds kSyncInterval{1};
+// Well within the promise of a record on disk 10 ms after the call.
+constexpr std::chrono::microseconds kBatchWindow{500};
 constexpr std::chrono::milliseconds kRetryBase{2'000};
 constexpr std::chrono::milliseconds kRetryCap{15 * 60 * 1'000};
 // The record that keeps the counters; reports are numbered from 1.
@@ -186,17 +188,21 @@ void Outbox::failed(const OutboxSlotPtr& slot, std::shared_ptr<void> hold) {
 }
 
 void Outbox::enqueue(Op op) {
+  // A built request waits for its record before it leaves: it is written at once. What the
+  // host's calls accept, and removals, wait for a short window, so that a burst costs the
+  // host's thread no wake-up of the writer per call, and the disk one transaction per window.
+  const auto* put = std::get_if<Put>(&op);
+  const bool sendWaits = put != nullptr && put->then;
   {
     const std::lock_guard lock(bufferMutex_);
     buffer_.push_back(std::move(op));
   }
-  scheduleWrite();
-}
-
-void Outbox::scheduleWrite() {
-  if (writeScheduled_.exchange(true))
-    return;
-  runLocked(&Outbox::writeBufferedLocked);
+  if (sendWaits) {
+    if (!promptWriteScheduled_.exchange(true))
+      runLocked(&Outbox::writeBufferedLocked);
+  } else if (!writeScheduled_.exchange(true)) {
+    runLocked(&Outbox::writeBufferedLocked, kBatchWindow);
+  }
 }
 
 // --- The writer ---------------------------------------------------------------------------------
@@ -388,8 +394,12 @@ std::string Outbox::serialise(const Put& put) {
 
 void Outbox::writeBufferedLocked() {
   writeScheduled_ = false;
+  promptWriteScheduled_ = false;
   openLocked();
-  std::vector<Op> batch;
+  // The buffer the host's calls append to next is the last batch's, emptied: its room is
+  // already there, so that a burst does not grow it again from nothing.
+  std::vector<Op> batch = std::move(spareBuffer_);
+  batch.clear();
   std::map<std::string, std::int64_t> noted;
   {
     const std::lock_guard lock(bufferMutex_);
@@ -465,6 +475,11 @@ void Outbox::writeBufferedLocked() {
   if (!changes.empty())
     writeFailureLogged_ = false;  // a write went through: the next failure is a new episode
   countersDirty_ = false;
+  constexpr std::size_t kKeptRoom = 4'096;
+  if (batch.capacity() <= kKeptRoom) {
+    batch.clear();
+    spareBuffer_ = std::move(batch);
+  }
   // Written: now the requests may leave.
   for (const auto& send : sends)
     send();

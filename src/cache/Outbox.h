@@ -180,7 +180,6 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   using Op = std::variant<Put, Remove>;
 
   void enqueue(Op op);
-  void scheduleWrite();
   // The queue's side; `mutex_` for the store is held.
   void writeBufferedLocked();
   void openLocked();
@@ -208,11 +207,13 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   mutable std::mutex bufferMutex_;
   std::vector<Op> buffer_;
   std::map<std::string, std::int64_t> noted_;  // counters noted since the last batch
-  std::atomic<bool> writeScheduled_{false};
+  std::atomic<bool> writeScheduled_{false};        // within the batch window
+  std::atomic<bool> promptWriteScheduled_{false};  // at once: a request waits for it
 
   // The writer's state.
   std::mutex storeMutex_;
   bool opened_ = false;
+  std::vector<Op> spareBuffer_;
   Json counters_ = Json::object();  // the kept counters (record 0)
   bool countersDirty_ = false;
   std::int64_t lastId_ = 0;

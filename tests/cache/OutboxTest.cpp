@@ -68,7 +68,7 @@ TEST_F(OutboxTest, AKillLosesNothingAndRepeatsOnlyWhatMayHaveArrived) {
   fakes.dispatcher->runUntilIdle();
   const double calledAt = platform::secondsSince1970(fakes.clock->now());
   tracker->trackEvent("not_built", std::string("3"));
-  fakes.dispatcher->advance(0ms);  // its record is written; the kill comes before its 1 ms
+  fakes.dispatcher->advance(500us);  // its record is written; the kill comes before its build
   EXPECT_EQ(fakes.outbox->size(), 2U + 1U);  // two reports and the kept counters
   const auto before = tracker->deliveryStats();
   EXPECT_EQ(before.accepted, 4U);
@@ -97,7 +97,7 @@ TEST_F(OutboxTest, AKillLosesNothingAndRepeatsOnlyWhatMayHaveArrived) {
   EXPECT_EQ(payload(5)["counter"], "2");
   for (std::size_t i = 3; i < sent().size(); ++i)
     fakes.respond(i, 200, "{}");
-  fakes.dispatcher->runUntilIdle();
+  fakes.dispatcher->advance(1ms);  // the removals' batch
   const auto after = tracker->deliveryStats();
   EXPECT_EQ(after.repeated, 1U);
   EXPECT_EQ(after.waiting, 0U);
@@ -248,7 +248,7 @@ TEST_F(OutboxTest, BoundsDropTheOldestAndCountThem) {
   tracker->setOutboxLimits(600, std::chrono::hours(1));
   for (int i = 0; i < 20; ++i)
     tracker->trackEvent("e" + std::to_string(i), std::string(100, 'v'));
-  fakes.dispatcher->advance(0ms);
+  fakes.dispatcher->advance(500us);
   const auto stats = tracker->deliveryStats();
   EXPECT_GT(stats.droppedOverSize, 0U);
   EXPECT_EQ(stats.accepted, stats.waiting + stats.droppedOverSize);
