@@ -660,6 +660,8 @@ void Outbox::retryFailed() {
 // --- Durability and figures ---------------------------------------------------------------
 
 void Outbox::drainAndSync() noexcept {
+  if (platform::forkGeneration() != forkGeneration_)
+    return;  // a forked child's copy: the store is its parent's
   try {
     const std::lock_guard lock(storeMutex_);
     writeBufferedLocked();

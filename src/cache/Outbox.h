@@ -31,6 +31,7 @@
 
 #include "cache/QuorvelRequestCacheData.h"
 #include "log/Log.h"
+#include "platform/ForkGeneration.h"
 
 namespace quorvel {
 
@@ -206,7 +207,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // The buffer the host's thread appends to; swapped out by the writer.
   mutable std::mutex bufferMutex_;
   std::vector<Op> buffer_;
-  std::map<std::string, std::int64_t> noted_;  // counters noted since the last batch
+  std::map<std::string, std::int64_t> noted_;      // counters noted since the last batch
   std::atomic<bool> writeScheduled_{false};        // within the batch window
   std::atomic<bool> promptWriteScheduled_{false};  // at once: a request waits for it
 
@@ -244,6 +245,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   int retryAttempt_ = 0;
   bool retryScheduled_ = false;
 
+  const std::uint64_t forkGeneration_ = platform::forkGeneration();
   std::atomic<bool> durable_{true};
   std::atomic<std::uint64_t> accepted_{0};
   std::atomic<std::uint64_t> delivered_{0};

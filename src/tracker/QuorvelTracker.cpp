@@ -13,8 +13,13 @@
 namespace quorvel {
 namespace {
 
+// In a child made by fork() after the tracker, every call does nothing: see
+// platform/ForkGeneration.h. Nothing is logged there either, as the log's lock may have been
+// held by a thread that did not come along.
 template <typename R, typename F>
 R guarded(const TrackerCore& core, const char* method, R fallback, F&& call) noexcept {
+  if (core.inertAfterFork())
+    return fallback;
   try {
     return std::forward<F>(call)();
   } catch (const std::exception& e) {
@@ -27,6 +32,8 @@ R guarded(const TrackerCore& core, const char* method, R fallback, F&& call) noe
 
 template <typename F>
 void guarded(const TrackerCore& core, const char* method, F&& call) noexcept {
+  if (core.inertAfterFork())
+    return;
   try {
     std::forward<F>(call)();
   } catch (const std::exception& e) {
@@ -284,7 +291,7 @@ void QuorvelTracker::trackLocation(double longitude, double latitude) noexcept {
 // --- Delivery -----------------------------------------------------------------------------
 
 bool QuorvelTracker::flush(std::chrono::milliseconds timeout) noexcept {
-  return core_->flush(timeout);
+  return !core_->inertAfterFork() && core_->flush(timeout);
 }
 std::chrono::milliseconds QuorvelTracker::exitFlushTimeout() const noexcept {
   return core_->exitFlushTimeout();
@@ -294,7 +301,8 @@ void QuorvelTracker::setExitFlushTimeout(std::chrono::milliseconds timeout) noex
           [&] { core_->setExitFlushTimeout(timeout); });
 }
 bool QuorvelTracker::flushAtExit() noexcept {
-  return core_->flushAtExit();
+  // A forked child's exit never flushes its parent's reports.
+  return !core_->inertAfterFork() && core_->flushAtExit();
 }
 void QuorvelTracker::setOutboxLimits(std::uint64_t maxBytes, std::chrono::seconds maxAge) noexcept {
   guarded(*core_, "-[QuorvelTracker setOutboxLimits:]",

@@ -22,6 +22,7 @@
 
 #include "cache/Outbox.h"
 #include "net/ReportLedger.h"
+#include "platform/ForkGeneration.h"
 
 namespace quorvel {
 
@@ -289,6 +290,8 @@ class TrackerCore {
   const Platform& platform() const { return *platform_; }
   // The tracker's logger, which its collaborators were given.
   const Log& logger() const { return *log_; }
+  // True in a child made by fork() after this tracker: its calls then do nothing.
+  bool inertAfterFork() const noexcept { return platform::forkGeneration() != forkGeneration_; }
   std::shared_ptr<const Log> log() const { return log_; }
   std::shared_ptr<const QuorvelAES128Crypto> crypto() const;
   std::shared_ptr<platform::DispatchQueue> backgroundQueue() const { return mBackgroundQueue_; }
@@ -296,6 +299,7 @@ class TrackerCore {
   std::optional<std::string> sourceApplication() const;
 
  private:
+  const std::uint64_t forkGeneration_ = platform::forkGeneration();
   template <typename T>
   T read(const T& field) const {
     std::lock_guard lock(fieldsMutex_);

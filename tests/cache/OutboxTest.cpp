@@ -2,6 +2,11 @@
 // next one made on the same stores), an answer that never came, the replay of the kept
 // folder while its last request is on the wire, a full folder, a full disk, the bounds, and
 // the moment an event's timestamp names.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
 #include <gtest/gtest.h>
 
 #include "cache/Outbox.h"
@@ -216,6 +221,26 @@ TEST_F(OutboxTest, FailedRequestsHoldTheBuildsBackAndAllGoAfterAKill) {
   EXPECT_EQ(offline.size(), 128U + 210U);  // the 128 sent before went again, marked
   EXPECT_EQ(payloadsOf("new").size(), 1U);
   EXPECT_EQ(tracker->deliveryStats().waiting, 0U);
+}
+
+// A child made by fork() holds an inert copy of its parent's tracker: its calls and its exit
+// flush write nothing to the parent's outbox.
+TEST_F(OutboxTest, AForkedChildsTrackerIsInert) {
+  tracker->trackEvent("parent", std::nullopt);
+  fakes.dispatcher->advance(500us);
+  const auto before = fakes.outbox->size();
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    facade->trackEvent("child", std::nullopt);
+    facade->flushAtExit();
+    const bool inert = fakes.outbox->size() == before && facade->deliveryStats().accepted == 0;
+    std::_Exit(inert ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  EXPECT_EQ(facade->deliveryStats().accepted, 1U);  // the parent's own goes on
 }
 
 TEST_F(OutboxTest, BackoffIsFullJitterUpToItsCap) {

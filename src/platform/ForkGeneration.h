@@ -1,0 +1,13 @@
+// Which process image this is, as fork() sees it: 0 in the process that loaded the library, one
+// more in each child made by fork() since. A child's copy of a tracker has none of the threads
+// that drive it, and shares its parent's open outbox: a tracker made before the fork stays
+// inert there, and the child makes its own when it wants one.
+#pragma once
+
+#include <cstdint>
+
+namespace quorvel::platform {
+
+std::uint64_t forkGeneration() noexcept;
+
+}  // namespace quorvel::platform
