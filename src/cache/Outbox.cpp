@@ -331,10 +331,7 @@ std::vector<Outbox::Leftover> Outbox::releaseLeftoversLocked() {
     if (!left.request) {
       unbuilt.push_back(std::move(left));
     } else if (keptElsewhere_ && keptElsewhere_(*left.request)) {
-      if (const auto it = held_.find(left.slot->id_); it != held_.end()) {
-        heldBytes_ -= it->second.bytes;
-        held_.erase(it);
-      }
+      forgetHeldLocked(left.slot->id_);
       twins.push_back({left.slot->id_, std::nullopt});
       if (left.slot->settle()) {
         handedOver_.fetch_add(1, std::memory_order_relaxed);
@@ -360,10 +357,7 @@ void Outbox::dropExpiredLeftoversLocked() {
     if (now - left.slot->acceptedAt() <= limits_.maxAge)
       return false;
     const auto id = left.slot->id_;
-    if (const auto it = held_.find(id); it != held_.end()) {
-      heldBytes_ -= it->second.bytes;
-      held_.erase(it);
-    }
+    forgetHeldLocked(id);
     expired.push_back({id, std::nullopt});
     waiting_.fetch_sub(1, std::memory_order_relaxed);
     droppedForAge_.fetch_add(1, std::memory_order_relaxed);
@@ -446,10 +440,7 @@ void Outbox::writeBufferedLocked() {
       const auto& slot = std::get<Remove>(op).slot;
       if (slot->id_ == 0)
         continue;  // never written
-      if (const auto it = held_.find(slot->id_); it != held_.end()) {
-        heldBytes_ -= it->second.bytes;
-        held_.erase(it);
-      }
+      forgetHeldLocked(slot->id_);
       changes.push_back({slot->id_, std::nullopt});
     }
   }
@@ -506,6 +497,13 @@ void Outbox::writeBufferedLocked() {
       if (store)
         store->sync();
     });
+  }
+}
+
+void Outbox::forgetHeldLocked(std::int64_t id) {
+  if (const auto it = held_.find(id); it != held_.end()) {
+    heldBytes_ -= it->second.bytes;
+    held_.erase(it);
   }
 }
 

@@ -193,6 +193,8 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   void replayChunkLocked();
   void runLocked(void (Outbox::*method)(),
                  std::chrono::nanoseconds after = std::chrono::nanoseconds::zero());
+  // Drops a record from the held ones and their byte count.
+  void forgetHeldLocked(std::int64_t id);
   void enforceBoundsLocked(std::vector<platform::OutboxChange>& changes);
   void scheduleRetry();
   void retryFailed();
