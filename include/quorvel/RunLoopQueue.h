@@ -27,6 +27,8 @@ class RunLoopQueue final : public platform::DispatchQueue {
   void async(platform::Work work) noexcept override;
   void asyncAfter(std::chrono::nanoseconds delay, platform::Work work) noexcept override;
   bool isCurrent() const noexcept override;
+  // Drains here unless another thread is draining the queue at this moment.
+  std::size_t runDueItemsHere() noexcept override;
 
   // Runs every item that is due now, in order; returns how many ran. Call from one thread.
   std::size_t drain();
@@ -34,6 +36,8 @@ class RunLoopQueue final : public platform::DispatchQueue {
   std::optional<std::chrono::nanoseconds> timeUntilNextItem() const;
 
  private:
+  std::size_t runDueItems() noexcept;
+
   struct State;
   std::string label_;
   std::function<void()> wakeUp_;

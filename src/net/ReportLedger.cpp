@@ -80,11 +80,22 @@ std::uint64_t ReportLedger::newest() const {
   return state_->firstId + state_->entries.size() - 1;
 }
 
-bool ReportLedger::waitSettled(std::uint64_t mark, std::chrono::milliseconds timeout) const {
+bool ReportLedger::waitSettled(std::uint64_t mark, std::chrono::milliseconds timeout,
+                               std::uint64_t except) const {
   std::unique_lock lock(state_->mutex);
-  // Settled reports leave the front at once, so the front is the oldest open one.
-  return state_->settled.wait_for(
-      lock, timeout, [&] { return state_->entries.empty() || state_->firstId > mark; });
+  // Settled reports leave the front at once, so the front is the oldest open one; only the
+  // excepted report can hold settled ones behind it.
+  return state_->settled.wait_for(lock, timeout, [&] {
+    std::uint64_t id = state_->firstId;
+    for (const auto& entry : state_->entries) {
+      if (id > mark)
+        return true;
+      if (entry.open && id != except)
+        return false;
+      ++id;
+    }
+    return true;
+  });
 }
 
 std::vector<ReportLedger::TicketPtr> ReportLedger::unsettled() const {

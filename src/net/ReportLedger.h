@@ -52,6 +52,7 @@ class ReportLedger {
     // call that opens the ticket, before the ticket is shared.
     void setOutbox(OutboxSlotPtr slot) { outbox_ = std::move(slot); }
     const OutboxSlotPtr& outbox() const noexcept { return outbox_; }
+    std::uint64_t id() const noexcept { return id_; }
     std::optional<platform::TimePoint> callTime() const {
       return outbox_ ? std::optional(outbox_->acceptedAt()) : std::nullopt;
     }
@@ -81,7 +82,10 @@ class ReportLedger {
   // The id of the newest report opened so far (0 when none).
   std::uint64_t newest() const;
   // Waits until every report up to `mark` has settled, or `timeout` passed. True when settled.
-  bool waitSettled(std::uint64_t mark, std::chrono::milliseconds timeout) const;
+  // `except` is left out: the report whose work runs on the waiting thread, which cannot
+  // settle before that work returns.
+  bool waitSettled(std::uint64_t mark, std::chrono::milliseconds timeout,
+                   std::uint64_t except = 0) const;
   // The reports still open, oldest first.
   std::vector<TicketPtr> unsettled() const;
 

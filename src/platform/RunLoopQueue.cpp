@@ -2,6 +2,8 @@
 
 #include <cstdint>
 #include <map>
+#include <mutex>
+#include <thread>
 #include <utility>
 
 namespace quorvel {
@@ -14,6 +16,9 @@ struct RunLoopQueue::State {
   mutable std::mutex mutex;
   std::multimap<std::pair<SteadyTime, std::uint64_t>, platform::Work> items;
   std::uint64_t sequence = 0;
+  // The thread inside drain() and how deep: runDueItemsHere() leaves the queue to it.
+  std::thread::id drainer;
+  int depth = 0;
 };
 
 RunLoopQueue::RunLoopQueue(std::string label, std::function<void()> wakeUp)
@@ -50,7 +55,28 @@ bool RunLoopQueue::isCurrent() const noexcept {
   return tDraining == this;
 }
 
+std::size_t RunLoopQueue::runDueItemsHere() noexcept {
+  {
+    std::lock_guard lock(state_->mutex);
+    if (state_->depth > 0 && state_->drainer != std::this_thread::get_id())
+      return 0;
+    state_->drainer = std::this_thread::get_id();
+    ++state_->depth;
+  }
+  return runDueItems();
+}
+
 std::size_t RunLoopQueue::drain() {
+  {
+    std::lock_guard lock(state_->mutex);
+    state_->drainer = std::this_thread::get_id();
+    ++state_->depth;
+  }
+  return runDueItems();
+}
+
+// Runs what is due, then leaves the queue that drain() or runDueItemsHere() entered.
+std::size_t RunLoopQueue::runDueItems() noexcept {
   std::size_t ran = 0;
   const auto* previous = tDraining;
   tDraining = this;
@@ -70,6 +96,10 @@ std::size_t RunLoopQueue::drain() {
     } catch (...) {
     }
     ++ran;
+  }
+  {
+    std::lock_guard lock(state_->mutex);
+    --state_->depth;
   }
   tDraining = previous;
   return ran;

@@ -299,6 +299,7 @@ class TrackerCore {
   std::optional<std::string> sourceApplication() const;
 
  private:
+  bool waitSettledTurningOwnQueues(std::uint64_t mark, std::chrono::milliseconds timeout);
   const std::uint64_t forkGeneration_ = platform::forkGeneration();
   template <typename T>
   T read(const T& field) const {

@@ -6,14 +6,47 @@
 #include "net/ReportLedger.h"
 #include "tracker/TrackerLifetime.h"
 
+#include <algorithm>
+
 namespace quorvel {
 namespace {
 constexpr std::chrono::milliseconds kGroupCommitDelay{100};
+// How often a waiting flush looks for queued work that only it can run.
+constexpr std::chrono::milliseconds kQueueTurn{2};
 }  // namespace
+
+// Reports are built on the main and background queues, their answers arrive on the shared
+// session's queue, delegates are called on these. When the thread that waits here is the one
+// that turns one of them (a flush or exit() from a delegate callback, a host's loop that
+// stopped turning at exit), nothing there would run and the wait would last its whole bound:
+// so the wait runs that work itself, a few milliseconds at a time. The report of the callback
+// that waits cannot settle before the callback returns, so it is not waited for.
+bool TrackerCore::waitSettledTurningOwnQueues(std::uint64_t mark,
+                                              std::chrono::milliseconds timeout) {
+  const std::shared_ptr<platform::DispatchQueue> queues[] = {
+      platform_->dispatcher->mainQueue(), mBackgroundQueue_,
+      platform_->urlSessions ? platform_->urlSessions->sharedSession()->delegateQueue() : nullptr};
+  const auto ownReport = ReportLedger::current();
+  const std::uint64_t except = ownReport ? ownReport->id() : 0;
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  for (;;) {
+    for (const auto& queue : queues) {
+      if (queue)
+        queue->runDueItemsHere();
+    }
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    const auto slice = std::clamp(left, std::chrono::milliseconds::zero(), kQueueTurn);
+    if (ledger_->waitSettled(mark, slice, except))
+      return true;
+    if (left <= kQueueTurn)
+      return false;
+  }
+}
 
 bool TrackerCore::flush(std::chrono::milliseconds timeout) noexcept {
   try {
-    const bool settled = ledger_->waitSettled(ledger_->newest(), timeout);
+    const bool settled = waitSettledTurningOwnQueues(ledger_->newest(), timeout);
     persistPreferencesNow();
     return settled;
   } catch (const std::exception& e) {

@@ -104,5 +104,35 @@ TEST(RunLoopQueue, HostDrainsOnItsOwnThread) {
   EXPECT_GT(*queue.timeUntilNextItem(), 59min);
 }
 
+// Only the thread that turns a queue may run its items early: never a second thread beside it.
+TEST(DispatchQueues, RunDueItemsHereOnlyOnTheThreadThatTurnsTheQueue) {
+  ThreadQueue serial("q", 1);
+  RunLoopQueue loop("main");
+  for (DispatchQueue* queue : std::initializer_list<DispatchQueue*>{&serial, &loop}) {
+    SCOPED_TRACE(queue->label());
+    std::promise<void> entered;
+    std::promise<void> release;
+    std::promise<std::size_t> ranInside;
+    std::atomic<int> later{0};
+    queue->async([&] {
+      entered.set_value();
+      release.get_future().wait();
+      ranInside.set_value(queue->runDueItemsHere());
+    });
+    std::thread turner;
+    if (queue == &loop)
+      turner = std::thread([&] { loop.drain(); });
+    entered.get_future().wait();
+    queue->async([&] { ++later; });
+    EXPECT_EQ(queue->runDueItemsHere(), 0U);  // another thread turns it at this moment
+    EXPECT_EQ(later.load(), 0);
+    release.set_value();
+    EXPECT_EQ(ranInside.get_future().get(), 1U);
+    if (turner.joinable())
+      turner.join();
+    EXPECT_EQ(later.load(), 1);
+  }
+}
+
 }  // namespace
 }  // namespace quorvel::platform

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
@@ -27,6 +28,13 @@ class DispatchQueue {
   virtual void asyncAfter(std::chrono::nanoseconds delay, Work work) noexcept = 0;
   // True when called from a work item of this queue.
   virtual bool isCurrent() const noexcept = 0;
+  // Runs on the calling thread the items that are due now, when this queue can let it: a
+  // serial queue when called from one of its own items, a host-turned loop when no other
+  // thread turns it at that moment. Returns how many ran. A flush calls it while it waits,
+  // so that what is queued here is not stranded when the thread that would run it is the
+  // one waiting (a flush or exit() from a callback, a host's loop that no longer turns).
+  // Queues that cannot, return 0.
+  virtual std::size_t runDueItemsHere() noexcept { return 0; }
 };
 
 // Makes queues and hands out the process-wide main and global queues.

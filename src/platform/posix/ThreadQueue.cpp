@@ -54,6 +54,24 @@ struct ThreadQueue::State {
 namespace {
 thread_local const ThreadQueue::State* tCurrentQueue = nullptr;
 
+// Takes the first item if it is due; the lock is held.
+Work takeDueItem(ThreadQueue::State& state) {
+  if (state.items.empty() || state.items.top().due > std::chrono::steady_clock::now())
+    return nullptr;
+  Work work = std::move(const_cast<ThreadQueue::State::Item&>(state.items.top()).work);
+  state.items.pop();
+  return work;
+}
+
+void runItem(Work& work) noexcept {
+  try {
+    work();
+  } catch (...) {
+    // A work item that throws must not take the queue down with it.
+  }
+  work = nullptr;
+}
+
 void serve(const std::shared_ptr<ThreadQueue::State>& state) {
   tCurrentQueue = state.get();
   std::unique_lock lock(state->mutex);
@@ -62,20 +80,13 @@ void serve(const std::shared_ptr<ThreadQueue::State>& state) {
       state->wake.wait(lock);
       continue;
     }
-    const auto due = state->items.top().due;
-    if (due > std::chrono::steady_clock::now()) {
-      state->wake.wait_until(lock, due);
+    Work work = takeDueItem(*state);
+    if (!work) {
+      state->wake.wait_until(lock, state->items.top().due);
       continue;
     }
-    Work work = std::move(const_cast<ThreadQueue::State::Item&>(state->items.top()).work);
-    state->items.pop();
     lock.unlock();
-    try {
-      work();
-    } catch (...) {
-      // A work item that throws must not take the queue down with it.
-    }
-    work = nullptr;
+    runItem(work);
     lock.lock();
   }
   tCurrentQueue = nullptr;
@@ -121,6 +132,26 @@ void ThreadQueue::asyncAfter(std::chrono::nanoseconds delay, Work work) noexcept
 
 bool ThreadQueue::isCurrent() const noexcept {
   return tCurrentQueue == state_.get();
+}
+
+std::size_t ThreadQueue::runDueItemsHere() noexcept {
+  if (threads_.size() != 1 || !isCurrent())
+    return 0;
+  std::size_t ran = 0;
+  for (;;) {
+    Work work;
+    {
+      std::lock_guard lock(state_->mutex);
+      if (state_->stopping)
+        break;
+      work = takeDueItem(*state_);
+    }
+    if (!work)
+      break;
+    runItem(work);
+    ++ran;
+  }
+  return ran;
 }
 
 }  // namespace quorvel::platform

@@ -25,6 +25,9 @@ class ThreadQueue final : public DispatchQueue {
   void async(Work work) noexcept override;
   void asyncAfter(std::chrono::nanoseconds delay, Work work) noexcept override;
   bool isCurrent() const noexcept override;
+  // Only from one of its own items and only when serial: more threads would run items of
+  // one queue side by side anyway, and another thread must never run them.
+  std::size_t runDueItemsHere() noexcept override;
 
   struct State;
 
