@@ -85,6 +85,9 @@ struct QuorvelDeliveryStats {
   // Requests sent again after an earlier process had sent them without an answer: the
   // only repeats, each marked on the wire as a replay.
   std::uint64_t repeated = 0;
+  // Another process holds this app's data directory (the same app started twice): this
+  // tracker sends from memory only, and nothing of the directory's reports is its to send.
+  bool dataDirectoryHeldElsewhere = false;
 };
 
 enum class QuorvelEmailCryptType : int { none = 0, sha1 = 1, md5 = 2, sha256 = 3 };

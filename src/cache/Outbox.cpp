@@ -214,10 +214,18 @@ void Outbox::openLocked() {
   std::string reason = "no outbox store";
   if (!store_ || !store_->open(reason)) {
     durable_ = false;
+    if (store_ && store_->heldByAnotherProcess()) {
+      heldElsewhere_ = true;
+      log_->log(kLogError, kMethod,
+                "Quorvel: another process uses this app's data directory (%@): this tracker keeps "
+                "its reports in memory only and leaves the kept requests there to that process",
+                reason);
+    } else {
+      log_->log(kLogError, kMethod,
+                "Quorvel outbox unavailable (%@): this process's reports are kept in memory only",
+                reason);
+    }
     store_.reset();
-    log_->log(kLogError, kMethod,
-              "Quorvel outbox unavailable (%@): this process's reports are kept in memory only",
-              reason);
     return;
   }
   // Only the counters and the highest number are read now: this process's reports are

@@ -163,6 +163,9 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   OutboxStats stats() const;
   // False when no store could be opened (nothing survives this process).
   bool durable() const noexcept { return durable_.load(); }
+  // Another process holds this app's data directory: this one keeps its reports in memory
+  // and leaves the kept-request folder, and the reports in it, to that process.
+  bool dataDirectoryHeldElsewhere() const noexcept { return heldElsewhere_.load(); }
 
   // Full-jitter exponential backoff: a random delay up to min(cap, base * 2^attempt).
   static std::chrono::milliseconds backoffDelay(int attempt, double unitRandom);
@@ -249,6 +252,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
 
   const std::uint64_t forkGeneration_ = platform::forkGeneration();
   std::atomic<bool> durable_{true};
+  std::atomic<bool> heldElsewhere_{false};
   std::atomic<std::uint64_t> accepted_{0};
   std::atomic<std::uint64_t> delivered_{0};
   std::atomic<std::uint64_t> waiting_{0};

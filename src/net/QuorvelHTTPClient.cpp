@@ -132,6 +132,10 @@ void QuorvelHTTPClient::post(const QuorvelRequestCacheData& request, std::string
   task->resume();
 }
 
+bool QuorvelHTTPClient::ownsKeptFolder() const {
+  return !outbox_ || !outbox_->dataDirectoryHeldElsewhere();
+}
+
 void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& request, Origin origin,
                                              const OutboxSlotPtr& slot,
                                              const std::optional<Bytes>& body,
@@ -149,7 +153,7 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
       if (request.sdkVersion() != std::optional<std::string>(kQuorvelSDKVersion))
         cache_->deleteRequest(request);
       cache_->sendNextCachedEvents();
-    } else if (origin == Origin::fresh && cache_->cacheRequest(request)) {
+    } else if (origin == Origin::fresh && ownsKeptFolder() && cache_->cacheRequest(request)) {
       // The kept-request folder holds it now, and replays it after the next answer.
       if (outbox_)
         outbox_->dropped(slot, Outbox::DropReason::handedOver);
@@ -172,7 +176,7 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
   if (origin == Origin::cache) {
     cache_->deleteRequest(request);
     cache_->sendNextCachedEvents();
-  } else {
+  } else if (ownsKeptFolder()) {
     cache_->processCache();
   }
   if (onSuccess)

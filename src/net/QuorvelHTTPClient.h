@@ -97,6 +97,8 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
                                                        platform::TimePoint now);
 
  private:
+  // False while another process holds the data directory: its folder is that process's.
+  bool ownsKeptFolder() const;
   // Where a tracking request comes from: a fresh report, the kept-request folder, the outbox.
   enum class Origin { fresh, cache, outbox };
   void post(const QuorvelRequestCacheData& request, std::string url, Origin origin,

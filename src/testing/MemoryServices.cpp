@@ -56,6 +56,11 @@ bool MemoryOutboxStore::open(std::string& reason) noexcept {
   return !heldElsewhere_;
 }
 
+bool MemoryOutboxStore::heldByAnotherProcess() const noexcept {
+  std::lock_guard lock(mutex_);
+  return heldElsewhere_;
+}
+
 bool MemoryOutboxStore::apply(const std::vector<platform::OutboxChange>& changes) noexcept {
   std::lock_guard lock(mutex_);
   if (failWrites_)

@@ -82,6 +82,7 @@ QuorvelDeliveryStats TrackerCore::deliveryStats() const {
   out.droppedOverAge = s.droppedForAge;
   out.droppedByRule = s.droppedByRule;
   out.repeated = s.repeated;
+  out.dataDirectoryHeldElsewhere = outbox_->dataDirectoryHeldElsewhere();
   return out;
 }
 

@@ -195,6 +195,35 @@ TEST_F(OutboxTest, AFailedRequestTheFolderCannotTakeWaitsAndRetriesWithBackoff) 
   EXPECT_EQ(fakes.dispatcher->pendingCount(), 0U);
 }
 
+// The same app started twice on one data directory: the second tracker says so, sends its
+// own reports from memory, and neither replays nor adds to the first one's kept folder.
+TEST_F(OutboxTest, ASecondProcessOnTheDataDirectoryLeavesTheFirstOnesReportsAlone) {
+  tracker->trackEvent("first_process", std::nullopt);
+  fakes.dispatcher->advance(1ms);
+  fakes.fail(0, kOutboxRefused);
+  fakes.dispatcher->runUntilIdle();
+  ASSERT_EQ(tracker->requestCache()->getCacheSize(), 1U);
+  fakes.outbox->setHeldElsewhere(true);
+  const auto second = restart();
+  tracker->trackEvent("second_process", std::nullopt);
+  fakes.dispatcher->advance(1ms);
+  ASSERT_EQ(sent().size(), 2U);
+  fakes.fail(1, kOutboxRefused);
+  fakes.dispatcher->runUntilIdle();
+  const auto stats = tracker->deliveryStats();
+  EXPECT_TRUE(stats.dataDirectoryHeldElsewhere);
+  EXPECT_EQ(stats.waiting, 1U);
+  EXPECT_EQ(tracker->requestCache()->getCacheSize(), 1U);
+  EXPECT_EQ(fakes.systemLog->count("another process uses this app's data directory"), 1U);
+  fakes.dispatcher->advance(2s);  // its retry, from memory
+  ASSERT_EQ(sent().size(), 3U);
+  EXPECT_EQ(payload(2)["event"], "second_process");
+  fakes.respond(2, 200, "{}");
+  fakes.dispatcher->advance(1s);
+  EXPECT_EQ(sent().size(), 3U);  // the answer starts no replay of the other's folder
+  EXPECT_EQ(tracker->deliveryStats().delivered, 1U);
+}
+
 // While requests cannot leave, no more are built: the reports behind them wait as intents,
 // and after a kill all of them, read back a page at a time, go once.
 TEST_F(OutboxTest, FailedRequestsHoldTheBuildsBackAndAllGoAfterAKill) {

@@ -34,6 +34,8 @@ class OutboxStore {
   // False when the store cannot be used: its storage cannot be opened, or another process
   // holds it. `reason` then says why.
   virtual bool open(std::string& reason) noexcept = 0;
+  // After a refused open(): true when the refusal was another process holding the store.
+  virtual bool heldByAnotherProcess() const noexcept { return false; }
   // Applies the changes in order, all or none. Once it returns true they survive the death
   // of the process; `sync` makes them survive the machine's.
   virtual bool apply(const std::vector<OutboxChange>& changes) noexcept = 0;

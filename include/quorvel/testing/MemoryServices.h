@@ -94,6 +94,7 @@ class MemoryFileSystem final : public platform::FileSystem {
 class MemoryOutboxStore final : public platform::OutboxStore {
  public:
   bool open(std::string& reason) noexcept override;
+  bool heldByAnotherProcess() const noexcept override;
   bool apply(const std::vector<platform::OutboxChange>& changes) noexcept override;
   std::vector<platform::OutboxRecord> load(std::int64_t afterId,
                                            std::size_t limit) noexcept override;

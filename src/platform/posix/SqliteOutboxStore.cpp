@@ -76,6 +76,7 @@ bool SqliteOutboxStore::open(std::string& reason) noexcept {
     return false;
   }
   if (::flock(lockFd_, LOCK_EX | LOCK_NB) != 0) {
+    heldElsewhere_ = errno == EWOULDBLOCK;
     reason = "another process uses the data directory (" + lockPath + " is locked)";
     close();
     return false;

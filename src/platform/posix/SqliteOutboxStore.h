@@ -20,6 +20,7 @@ class SqliteOutboxStore final : public OutboxStore {
   ~SqliteOutboxStore() override;
 
   bool open(std::string& reason) noexcept override;
+  bool heldByAnotherProcess() const noexcept override { return heldElsewhere_; }
   bool apply(const std::vector<OutboxChange>& changes) noexcept override;
   std::vector<OutboxRecord> load(std::int64_t afterId, std::size_t limit) noexcept override;
   std::int64_t highestId() noexcept override;
@@ -34,6 +35,7 @@ class SqliteOutboxStore final : public OutboxStore {
   std::mutex syncMutex_;
   sqlite3* syncDb_ = nullptr;  // sync()'s own connection
   int lockFd_ = -1;
+  bool heldElsewhere_ = false;
 };
 
 }  // namespace quorvel::platform
