@@ -66,7 +66,9 @@ struct PosixPlatformOptions {
   std::string dataDirectory;               // the app's own data (Library, tmp)
   // Outlives the app's data; one per app (the default is kept per bundle identifier).
   std::string keychainDirectory;
-  std::optional<std::string> deviceName;     // default: host name
+  // Default: the machine's model (DMI product name, else "Linux PC"), never the host name,
+  // which often names the machine's owner.
+  std::optional<std::string> deviceName;
   std::optional<std::string> systemVersion;  // default: os-release VERSION_ID
   bool multitaskingSupported = true;
   // Extra CA certificates (PEM) trusted besides the system's, for a local service.

@@ -83,11 +83,7 @@ const Bytes& QuorvelAES128Crypto::derivedKey() const {
 std::optional<Bytes> QuorvelAES128Crypto::encrypt(const Bytes& data) const {
   static constexpr const char* kMethod = "-[QuorvelAES128Crypto encrypt:]";
   const Bytes& key = derivedKey();
-  if (log_->traceWanted()) {
-    log_->trace(
-        kMethod, "key: %@",
-        bytesAsText(std::string_view(reinterpret_cast<const char*>(key.data()), key.size())));
-  }
+  // The derived key is never logged: with it, every payload of this app could be read.
   if (data.size() > static_cast<std::size_t>(INT32_MAX - 32)) {
     log_->log(kLogError, kMethod, "Unable to encrypt data");
     return std::nullopt;

@@ -8,9 +8,12 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include <quorvel/Logger.h>
 #include <quorvel/platform/Clock.h>
@@ -62,6 +65,22 @@ class LogSwitches {
   std::atomic<std::int64_t>* sessionStart_ = &ownSessionStart_;
 };
 
+// Secrets that never reach a log line: before a line is printed or collected for remote
+// debugging, each secret in it is replaced by its masked form. A tracker registers its
+// developer key here, so that no line (a URL, a payload) can give it away, whatever prints it.
+class LogRedactions {
+ public:
+  void add(const std::string& secret, std::string mask);
+  std::string apply(std::string line) const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::pair<std::string, std::string>> secrets_;
+};
+
+// "DEMO... (17 characters)": enough to tell keys apart in a log, too little to use one.
+std::string maskedSecret(std::string_view secret);
+
 namespace detail {
 // The console line of a message: "[LEVEL] Quorvel: method message", or with the elapsed
 // session time first when tracing.
@@ -88,6 +107,8 @@ class Log {
   static std::shared_ptr<const Log> silent();
 
   LogSwitches& switches() const noexcept { return *switches_; }
+  // From now on `secret` shows only as its masked form in this logger's lines.
+  void redact(const std::string& secret) const;
 
   // Logs at `level` and mirrors the line to the remote buffer when that collects.
   template <typename... A>
@@ -126,7 +147,7 @@ class Log {
     }
   }
   void deliver(bool console, QuorvelProxyManager* mirror, int level, bool alsoAsDebug,
-               const std::string& message, const char* method) const noexcept;
+               const std::string& rawMessage, const char* method) const noexcept;
   void print(int level, const char* method, const std::string& message) const noexcept;
   void record(QuorvelProxyManager& mirror, int level, const char* method,
               const std::string& message) const noexcept;
@@ -135,6 +156,7 @@ class Log {
   std::shared_ptr<const platform::Clock> clock_;
   std::shared_ptr<platform::SystemLog> systemLog_;
   QuorvelProxyManager* mirror_;  // outlives the logger; nullptr mirrors nowhere
+  std::shared_ptr<LogRedactions> redactions_ = std::make_shared<LogRedactions>();
 };
 
 }  // namespace quorvel

@@ -6,6 +6,8 @@
 #include "platform/posix/PosixServices.h"
 #include "util/NoDestructor.h"
 
+#include <algorithm>
+
 namespace quorvel {
 
 std::atomic<bool> kQVLoggerShowLogs{false};
@@ -162,8 +164,55 @@ std::shared_ptr<const Log> Log::silent() {
                                      std::make_shared<platform::StderrSystemLog>(), nullptr);
 }
 
+void LogRedactions::add(const std::string& secret, std::string mask) {
+  if (secret.empty())
+    return;
+  const std::lock_guard lock(mutex_);
+  for (const auto& known : secrets_) {
+    if (known.first == secret)
+      return;
+  }
+  secrets_.emplace_back(secret, std::move(mask));
+  // Longest first, so that a key that contains another is masked whole.
+  std::sort(secrets_.begin(), secrets_.end(),
+            [](const auto& a, const auto& b) { return a.first.size() > b.first.size(); });
+}
+
+std::string LogRedactions::apply(std::string line) const {
+  const std::lock_guard lock(mutex_);
+  for (const auto& [secret, mask] : secrets_) {
+    for (auto at = line.find(secret); at != std::string::npos;
+         at = line.find(secret, at + mask.size()))
+      line.replace(at, secret.size(), mask);
+  }
+  return line;
+}
+
+std::string maskedSecret(std::string_view secret) {
+  // At most four characters, and never more than half of a short secret.
+  const std::size_t show = std::min<std::size_t>(4, secret.size() / 2);
+  std::size_t cut = 0;
+  for (std::size_t shown = 0; shown < show && cut < secret.size(); ++shown) {
+    ++cut;
+    while (cut < secret.size() && (static_cast<unsigned char>(secret[cut]) & 0xC0U) == 0x80U)
+      ++cut;  // whole UTF-8 characters only
+  }
+  return std::string(secret.substr(0, cut)) + "... (" + std::to_string(secret.size()) +
+         " characters)";
+}
+
+void Log::redact(const std::string& secret) const {
+  redactions_->add(secret, maskedSecret(secret));
+}
+
 void Log::deliver(bool console, QuorvelProxyManager* mirror, int level, bool alsoAsDebug,
-                  const std::string& message, const char* method) const noexcept {
+                  const std::string& rawMessage, const char* method) const noexcept {
+  std::string message;
+  try {
+    message = redactions_->apply(rawMessage);
+  } catch (...) {
+    return;  // a line that cannot be masked is not written
+  }
   if (console)
     print(level, method, message);
   if (mirror != nullptr) {

@@ -8,9 +8,9 @@
 #include "platform/posix/CurlURLSession.h"
 #include "platform/posix/FileSecureStore.h"
 #include "platform/posix/JsonFilePreferencesStore.h"
-#include "platform/posix/SqliteOutboxStore.h"
 #include "platform/posix/OpenSslLifetime.h"
 #include "platform/posix/PosixServices.h"
+#include "platform/posix/SqliteOutboxStore.h"
 
 namespace quorvel {
 namespace {
@@ -74,8 +74,9 @@ void fillWithPosixDefaults(Platform& p, const PosixPlatformOptions& options) {
   if (!p.notificationCenter)
     p.notificationCenter = std::make_shared<InProcessNotificationCenter>();
   if (!p.device) {
-    p.device = std::make_shared<PosixDevice>(options.deviceName, options.systemVersion,
-                                             options.multitaskingSupported);
+    p.device =
+        std::make_shared<PosixDevice>(options.deviceName, options.systemVersion,
+                                      options.multitaskingSupported, options.bundleIdentifier);
   }
   if (!p.bundle) {
     Json info = Json::object();

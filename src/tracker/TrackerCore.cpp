@@ -137,6 +137,8 @@ std::optional<std::string> TrackerCore::quorvelDevKey() const {
 
 void TrackerCore::setQuorvelDevKey(std::optional<std::string> key) {
   key = hostText(key);
+  if (key)
+    log_->redact(*key);
   write(quorvelDevKey_, key);
   // Key derivation is deferred to each encryption; making the cipher only draws the IV.
   auto cipher =

@@ -38,8 +38,9 @@ void TrackerCore::callServerWithEventName(const std::string& name,
   log_->log(kLogDebug, kCallServerMethod, "(%@): entered callServerWithEventName. ",
             kQuorvelSDKVersion);
   const auto devKey = quorvelDevKey();
+  // Masked: a log travels (bug reports, remote debugging) further than the key should.
   log_->log(kLogDebug, kCallServerMethod, "dev key: %@",
-            devKey && !devKey->empty() ? *devKey : std::string("missing!!!"));
+            devKey && !devKey->empty() ? maskedSecret(*devKey) : std::string("missing!!!"));
   if (!devKey) {
     log_->log(kLogError, kCallServerMethod, "Quorvel dev key is missing");
     dropCurrentReport();

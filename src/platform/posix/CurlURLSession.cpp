@@ -1,4 +1,6 @@
 #include "platform/posix/CurlURLSession.h"
+
+#include "platform/ForkGeneration.h"
 #include "platform/posix/OpenSslLifetime.h"
 
 #include <curl/curl.h>
@@ -48,6 +50,9 @@ class Teardowns {
       done_.notify_all();
   }
   void waitAtExit() {
+    // A forked child has its parent's count and none of the threads that would lower it.
+    if (forkGeneration() != generation_)
+      return;
     std::unique_lock lock(mutex_);
     done_.wait_for(lock, std::chrono::seconds(2), [this] { return count_ == 0; });
   }
@@ -56,6 +61,7 @@ class Teardowns {
   std::mutex mutex_;
   std::condition_variable done_;
   int count_ = 0;
+  const std::uint64_t generation_ = forkGeneration();
 };
 
 Teardowns& teardowns() {

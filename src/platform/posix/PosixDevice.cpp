@@ -4,6 +4,7 @@
 #include <fstream>
 
 #include <openssl/evp.h>
+#include <openssl/hmac.h>
 
 #include "platform/posix/PosixServices.h"
 
@@ -32,6 +33,33 @@ std::map<std::string, std::string> readOsRelease() {
   return values;
 }
 
+std::string firstLine(const std::string& path) {
+  std::ifstream in(path);
+  std::string line;
+  if (!in || !std::getline(in, line))
+    return {};
+  while (!line.empty() && (line.back() == ' ' || line.back() == '\r' || line.back() == '\t'))
+    line.pop_back();
+  return line;
+}
+
+// "com.example.game" is made by "com.example": every app of one vendor shares the vendor's id.
+std::string vendorOf(const std::string& bundleIdentifier) {
+  const auto dot = bundleIdentifier.rfind('.');
+  return dot == std::string::npos || dot == 0 ? bundleIdentifier : bundleIdentifier.substr(0, dot);
+}
+
+// The machine id's 16 bytes when it is the usual 32 hex digits; its text otherwise.
+std::string machineKey(const std::string& machineId) {
+  if (machineId.size() != 32 ||
+      machineId.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
+    return machineId;
+  std::string key;
+  for (std::size_t i = 0; i < 32; i += 2)
+    key.push_back(static_cast<char>(std::stoi(machineId.substr(i, 2), nullptr, 16)));
+  return key;
+}
+
 std::string unameRelease() {
   utsname u{};
   return uname(&u) == 0 ? std::string(u.release) : std::string();
@@ -40,19 +68,21 @@ std::string unameRelease() {
 }  // namespace
 
 PosixDevice::PosixDevice(std::optional<std::string> name, std::optional<std::string> systemVersion,
-                         bool multitasking)
+                         bool multitasking, std::string bundleIdentifier,
+                         PosixDeviceSources sources)
     : name_(std::move(name)),
       systemVersion_(std::move(systemVersion)),
       multitasking_(multitasking),
+      bundleIdentifier_(std::move(bundleIdentifier)),
+      sources_(std::move(sources)),
       osRelease_(readOsRelease()) {}
 
+// The machine's model, not its host name: a host name is often its owner's name.
 std::string PosixDevice::name() const {
   if (name_)
     return *name_;
-  char host[256] = {};
-  if (gethostname(host, sizeof host - 1) == 0 && host[0] != '\0')
-    return host;
-  return "localhost";
+  const std::string product = firstLine(sources_.productNameFile);
+  return product.empty() ? "Linux PC" : product;
 }
 
 std::string PosixDevice::systemName() const {
@@ -75,16 +105,21 @@ std::string PosixDevice::operatingSystemVersionString() const {
   return "Version " + systemVersion() + " (Build " + unameRelease() + ")";
 }
 
+// One id per vendor on this machine, as the phone platforms give it: an HMAC keyed with the
+// machine id over the vendor, so that two vendors' apps never share an id and the machine id
+// cannot be read back from it. Formatted as a version 4 UUID.
 std::optional<std::string> PosixDevice::identifierForVendor() const {
-  // Stable per machine: derived from the machine identifier, formatted as a UUID.
-  std::ifstream in("/etc/machine-id");
-  std::string machineId;
-  if (!in || !std::getline(in, machineId) || machineId.empty())
+  const std::string machineId = firstLine(sources_.machineIdFile);
+  if (machineId.empty())
     return std::nullopt;
-  const std::string seed = "quorvel.vendor:" + machineId;
+  const std::string key = machineKey(machineId);
+  const std::string vendor = vendorOf(bundleIdentifier_);
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int length = 0;
-  if (EVP_Digest(seed.data(), seed.size(), digest, &length, EVP_sha256(), nullptr) != 1) {
+  if (HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()),
+           reinterpret_cast<const unsigned char*>(vendor.data()), vendor.size(), digest,
+           &length) == nullptr ||
+      length < 16) {
     return std::nullopt;
   }
   static constexpr char kHex[] = "0123456789ABCDEF";
@@ -94,7 +129,7 @@ std::optional<std::string> PosixDevice::identifierForVendor() const {
       uuid.push_back('-');
     unsigned char b = digest[i];
     if (i == 6)
-      b = static_cast<unsigned char>((b & 0x0FU) | 0x50U);
+      b = static_cast<unsigned char>((b & 0x0FU) | 0x40U);
     if (i == 8)
       b = static_cast<unsigned char>((b & 0x3FU) | 0x80U);
     uuid.push_back(kHex[b >> 4U]);

@@ -46,10 +46,17 @@ class InProcessNotificationCenter final : public NotificationCenter {
   std::vector<Entry> entries_;
 };
 
+// Where the machine's identity is read: tests point these at files of their own.
+struct PosixDeviceSources {
+  std::string machineIdFile = "/etc/machine-id";
+  std::string productNameFile = "/sys/class/dmi/id/product_name";
+};
+
 class PosixDevice final : public Device {
  public:
   PosixDevice(std::optional<std::string> name, std::optional<std::string> systemVersion,
-              bool multitasking);
+              bool multitasking, std::string bundleIdentifier = {},
+              PosixDeviceSources sources = {});
   std::string name() const override;
   std::string model() const override { return "PC"; }
   std::string localizedModel() const override { return "PC"; }
@@ -65,6 +72,8 @@ class PosixDevice final : public Device {
   std::optional<std::string> name_;
   std::optional<std::string> systemVersion_;
   bool multitasking_;
+  std::string bundleIdentifier_;
+  PosixDeviceSources sources_;
   std::map<std::string, std::string> osRelease_;
 };
 
