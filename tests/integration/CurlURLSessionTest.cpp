@@ -140,7 +140,7 @@ TEST_F(CurlSessionTest, TransportFailuresAreErrorsAndAnswersThatArrivedAreRespon
       {"https://localhost:1/", -1004},  // refused
       {base + "/slow", -1001},          // timeout
       {base + "/cut", -1005},           // connection closed mid-body
-      {base + "/redirect", -1000},      // a redirect out of TLS is not followed
+      {base + "/redirect", -1007},      // a redirect out of TLS (and its origin) is refused
       {"https://other.localhost:" + std::to_string(server.port()) + "/", -1202},      // wrong name
       {base + "/", -1202, 0, makeCurlURLSession(CurlSessionOptions{}, "untrusted")},  // unknown CA
       // Answers that reached us are responses, whatever their size: the service has the

@@ -7,6 +7,7 @@
 #include <openssl/ssl.h>
 #include <openssl/x509_vfy.h>
 #include <pthread.h>
+#include <strings.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -112,19 +113,24 @@ class TrustStore {
   X509_STORE* store_;
 };
 
-// "scheme://host:port" of a URL: the unit that connections are counted and reused by.
-std::string originOf(const std::string& url) {
+// "scheme://host:port" of a URL: the unit that connections are counted and reused by, and
+// that a redirect must stay within. A relative `url` is resolved against `base`.
+std::string originOf(const std::string& url, const std::string& base = {}) {
   CURLU* u = curl_url();
   if (u == nullptr)
     return url;
   std::string origin;
-  if (curl_url_set(u, CURLUPART_URL, url.c_str(), 0) == CURLUE_OK) {
+  if ((base.empty() || curl_url_set(u, CURLUPART_URL, base.c_str(), 0) == CURLUE_OK) &&
+      curl_url_set(u, CURLUPART_URL, url.c_str(), 0) == CURLUE_OK) {
     for (const auto part : {CURLUPART_SCHEME, CURLUPART_HOST, CURLUPART_PORT}) {
       char* text = nullptr;
       const auto flags = part == CURLUPART_PORT ? CURLU_DEFAULT_PORT : 0U;
       if (curl_url_get(u, part, &text, flags) == CURLUE_OK) {
-        origin += text;
+        std::string value(text);
         curl_free(text);
+        std::transform(value.begin(), value.end(), value.begin(),
+                       [](unsigned char c) { return std::tolower(c); });
+        origin += value;
       }
       origin += part == CURLUPART_SCHEME ? "://" : (part == CURLUPART_HOST ? ":" : "");
     }
@@ -161,6 +167,9 @@ Error transportError(CURLcode code, const std::string& detail) {
       break;
     case CURLE_SSL_CONNECT_ERROR:
       urlCode = -1200;
+      break;
+    case CURLE_TOO_MANY_REDIRECTS:
+      urlCode = -1007;
       break;
     case CURLE_PEER_FAILED_VERIFICATION:
     case CURLE_SSL_CACERT_BADFILE:
@@ -312,6 +321,9 @@ class CurlURLSession final : public URLSession,
     HeaderList responseHeaders;
     bool tooLarge = false;
     std::size_t limit = 0;
+    long status = 0;              // of the response whose headers arrive
+    std::string refusedRedirect;  // the other origin a redirect pointed to
+
     char errorBuffer[CURL_ERROR_SIZE] = {};
   };
 
@@ -332,9 +344,15 @@ class CurlURLSession final : public URLSession,
     std::string line(data, n);
     if (line.rfind("HTTP/", 0) == 0) {
       t->responseHeaders.clear();  // a new response (after a redirect or 100-continue)
+      const auto space = line.find(' ');
+      t->status = space == std::string::npos ? 0 : std::atol(line.c_str() + space + 1);
       return n;
     }
     const auto colon = line.find(':');
+    if (t->status >= 300 && t->status < 400 && colon == 8 &&
+        strncasecmp(line.c_str(), "location", 8) == 0 && !followsWithinOrigin(*t, line)) {
+      return 0;  // ends the transfer before curl follows: a transport failure
+    }
     if (colon != std::string::npos && t->responseHeaders.size() < 200) {
       std::string value = line.substr(colon + 1);
       const auto first = value.find_first_not_of(" \t");
@@ -343,6 +361,21 @@ class CurlURLSession final : public URLSession,
       t->responseHeaders.emplace_back(line.substr(0, colon), value);
     }
     return n;
+  }
+
+  // A redirect is followed only within the request's origin (scheme, host, port): elsewhere its
+  // body and headers, plain JSON for some services, would go to a host the caller never named.
+  static bool followsWithinOrigin(Transfer& t, const std::string& locationLine) {
+    std::string target = locationLine.substr(9);
+    const auto first = target.find_first_not_of(" \t");
+    const auto last = target.find_last_not_of(" \t\r\n");
+    target = first == std::string::npos ? std::string() : target.substr(first, last - first + 1);
+    const std::string& url = t.task->originalRequest().url;
+    const std::string to = originOf(target, url);
+    if (to == originOf(url))
+      return true;
+    t.refusedRedirect = to;
+    return false;
   }
 
   void wake() {
@@ -494,7 +527,12 @@ class CurlURLSession final : public URLSession,
       return;
     std::unique_ptr<Transfer> t = std::move(it->second);
     active_.erase(it);
-    if (code != CURLE_OK && !t->tooLarge) {
+    if (!t->refusedRedirect.empty()) {
+      deliver(*t, transportError(CURLE_TOO_MANY_REDIRECTS,
+                                 "redirect to another origin refused (" + t->refusedRedirect +
+                                     "): a request goes only to the origin it names, " +
+                                     originOf(t->task->originalRequest().url)));
+    } else if (code != CURLE_OK && !t->tooLarge) {
       deliver(*t, transportError(code, std::string(t->errorBuffer)));
     } else {
       // An answer over the cap did reach us: the service has the request, so it is an answer
