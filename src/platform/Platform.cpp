@@ -1,9 +1,12 @@
 #include <quorvel/Platform.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <mutex>
+
+#include <quorvel/Format.h>
 
 #include "platform/posix/CurlURLSession.h"
 #include "platform/posix/FileSecureStore.h"
@@ -15,13 +18,14 @@
 namespace quorvel {
 namespace {
 
-std::string homeBased(const char* xdgVariable, const char* fallbackUnderHome) {
+std::string homeBased(const char* xdgVariable, const char* fallbackUnderHome,
+                      platform::SystemLog& log) {
   if (const char* xdg = std::getenv(xdgVariable); xdg != nullptr && *xdg == '/')
     return xdg;
   if (const char* home = std::getenv("HOME"); home != nullptr && *home == '/') {
     return std::string(home) + "/" + fallbackUnderHome;
   }
-  return "/tmp/quorvel-" + std::to_string(getuid());
+  return platform::privateFallbackDirectory("/tmp", log);
 }
 
 // A bundle identifier as one directory name: it must not climb out of its parent.
@@ -44,23 +48,44 @@ PosixPlatformOptions defaultPosixOptions() {
   return PosixPlatformOptions{};
 }
 
+std::string privateFallbackDirectory(const std::string& base, SystemLog& log) {
+  const std::string path = base + "/quorvel-" + std::to_string(getuid());
+  ::mkdir(path.c_str(), 0700);
+  struct stat info {};
+  // lstat: a symbolic link planted at this name by another user is never followed.
+  if (::lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode) && info.st_uid == getuid() &&
+      (info.st_mode & 07777U) == 0700U) {
+    return path;
+  }
+  // Someone else's, or open to others: this process's data goes to a fresh private folder,
+  // and does not outlive it.
+  std::string pattern = path + "-XXXXXX";
+  const char* made = ::mkdtemp(pattern.data());
+  log.write(
+      format("[ERROR] Quorvel: %@ is not a private folder of this user (not a folder, "
+             "another owner, or open to others); using %@, which the next start will not "
+             "find. Set HOME or a data directory.",
+             path, std::string(made != nullptr ? made : "nothing")));
+  return made != nullptr ? std::string(made) : path + "-unavailable";
+}
+
 void fillWithPosixDefaults(Platform& p, const PosixPlatformOptions& options) {
-  const std::string dataDirectory = !options.dataDirectory.empty()
-                                        ? options.dataDirectory
-                                        : homeBased("XDG_DATA_HOME", ".local/share") + "/quorvel/" +
-                                              directoryNameOf(options.bundleIdentifier);
+  if (!p.systemLog)
+    p.systemLog = std::make_shared<StderrSystemLog>();
+  const std::string dataDirectory =
+      !options.dataDirectory.empty() ? options.dataDirectory
+                                     : homeBased("XDG_DATA_HOME", ".local/share", *p.systemLog) +
+                                           "/quorvel/" + directoryNameOf(options.bundleIdentifier);
   // One secure store per app: another app of the same user must not read this one's
   // identifiers and take itself for a reinstall.
-  const std::string keychainDirectory = !options.keychainDirectory.empty()
-                                            ? options.keychainDirectory
-                                            : homeBased("XDG_STATE_HOME", ".local/state") +
-                                                  "/quorvel/keychain/" +
-                                                  directoryNameOf(options.bundleIdentifier);
+  const std::string keychainDirectory =
+      !options.keychainDirectory.empty()
+          ? options.keychainDirectory
+          : homeBased("XDG_STATE_HOME", ".local/state", *p.systemLog) + "/quorvel/keychain/" +
+                directoryNameOf(options.bundleIdentifier);
 
   if (!p.clock)
     p.clock = std::make_shared<PosixClock>();
-  if (!p.systemLog)
-    p.systemLog = std::make_shared<StderrSystemLog>();
   if (!p.dispatcher)
     p.dispatcher = std::make_shared<PosixDispatcher>();
   if (!p.fileSystem)

@@ -44,8 +44,8 @@ std::size_t jsonTextDepth(std::string_view text, std::size_t limit) noexcept {
   return deepest;
 }
 
-Json parseBoundedJson(std::string_view text) {
-  if (jsonTextDepth(text) > kMaxJsonDepth)
+Json parseBoundedJson(std::string_view text, std::size_t limit) {
+  if (jsonTextDepth(text, limit) > limit)
     return discardedJson();
   return Json::parse(text.begin(), text.end(), nullptr, /*allow_exceptions=*/false);
 }

@@ -22,8 +22,8 @@ inline Json discardedJson() {
 }
 
 // The parsed value, or a discarded value for text that is not JSON or nests deeper than
-// kMaxJsonDepth: callers keep their existing bad-JSON path.
-Json parseBoundedJson(std::string_view text);
+// `limit`: callers keep their existing bad-JSON path.
+Json parseBoundedJson(std::string_view text, std::size_t limit = kMaxJsonDepth);
 
 // Whether a value built in memory nests deeper than `limit`, checked without recursion.
 bool jsonDeeperThan(const Json& value, std::size_t limit = kMaxJsonDepth) noexcept;

@@ -9,6 +9,7 @@
 
 #include "platform/AtomicFile.h"
 #include "platform/posix/JsonFilePreferencesStore.h"
+#include "util/BoundedJson.h"
 #include "support/TempDir.h"
 #include "support/TestPlatform.h"
 
@@ -39,6 +40,11 @@ TEST_F(PreferencesStoreTest, EveryValueTypeSurvivesARestart) {
     store.setDate("date", date);
     store.setObject("data", Json::binary({0, 1, 255}));
     store.setObject("dict", Json{{"nested", Json::array({1, "two"})}});
+    // As deep as any answer is read (binary data at the bottom): the file nests it deeper.
+    Json deep = Json::binary({7});
+    for (std::size_t level = 0; level < kMaxJsonDepth; ++level)
+      deep = Json{{"d", std::move(deep)}};
+    store.setObject("deep", deep);
     EXPECT_TRUE(store.synchronize());
   }
   JsonFilePreferencesStore reopened(file(), fakes.systemLog);
@@ -49,6 +55,10 @@ TEST_F(PreferencesStoreTest, EveryValueTypeSurvivesARestart) {
   EXPECT_EQ(reopened.objectForKey("data"), Json::binary({0, 1, 255}));
   EXPECT_EQ(reopened.objectForKey("dict"), (Json{{"nested", Json::array({1, "two"})}}));
   EXPECT_EQ(reopened.objectForKey("missing"), std::nullopt);
+  const auto deep = reopened.objectForKey("deep");
+  ASSERT_TRUE(deep);
+  EXPECT_FALSE(jsonDeeperThan(*deep));
+  EXPECT_TRUE(jsonDeeperThan(*deep, kMaxJsonDepth - 1));
 }
 
 TEST_F(PreferencesStoreTest, TypedReadsCoerceLikeThePlatform) {

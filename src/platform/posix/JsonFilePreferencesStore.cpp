@@ -111,7 +111,10 @@ void JsonFilePreferencesStore::loadLocked() const {
                path_, std::string(std::strerror(error))));
     return;
   }
-  Json parsed = parseBoundedJson(text);
+  // The file nests its values two levels deeper than they are (the object of all keys, the
+  // envelope of binary data): a value at the depth bound must read back, or one deep answer
+  // stored today would make the whole file unreadable at the next start.
+  Json parsed = parseBoundedJson(text, kMaxJsonDepth + 2);
   if (parsed.is_discarded() || !parsed.is_object()) {
     const std::string aside = path_ + ".corrupt";
     std::rename(path_.c_str(), aside.c_str());
