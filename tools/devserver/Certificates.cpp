@@ -1,10 +1,12 @@
 #include "Certificates.h"
 
+#include <fcntl.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <ctime>
@@ -29,9 +31,9 @@ using Key = std::unique_ptr<EVP_PKEY, KeyDeleter>;
 using Cert = std::unique_ptr<X509, CertDeleter>;
 using File = std::unique_ptr<FILE, FileCloser>;
 
-void check(bool ok, const char* what) {
+void check(bool ok, const std::string& what) {
   if (!ok)
-    throw std::runtime_error(std::string("certificates: ") + what);
+    throw std::runtime_error("certificates: " + what);
 }
 
 Key makeKey() {
@@ -64,12 +66,45 @@ Cert makeCert(EVP_PKEY* key, const std::string& commonName, X509* issuer, long s
   return cert;
 }
 
+// A new file every time, made with its final mode: a link or a file that someone else left
+// at this name is replaced, never written through.
 File openForWriting(const std::string& path, mode_t mode) {
-  const mode_t old = ::umask(0777 & ~mode);
-  File f(std::fopen(path.c_str(), "w"));
-  ::umask(old);
+  ::unlink(path.c_str());
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
+  check(fd >= 0, "create " + path);
+  ::fchmod(fd, mode);  // whatever the umask
+  File f(::fdopen(fd, "w"));
+  if (f == nullptr)
+    ::close(fd);
   check(f != nullptr, "open for writing");
   return f;
+}
+
+// The CA key is reused only when this emulator made it: a regular file of this user that no
+// one else can read or write. A key planted by someone else would let them pose as the
+// services that developers trust this CA for.
+File openOwnKey(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0)
+    return File(nullptr);
+  struct stat info {};
+  if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid != ::geteuid() ||
+      (info.st_mode & 077U) != 0) {
+    ::close(fd);
+    return File(nullptr);
+  }
+  File f(::fdopen(fd, "r"));
+  if (f == nullptr)
+    ::close(fd);
+  return f;
+}
+
+// The certificate folder is this user's alone.
+void makePrivateDirectory(const std::string& directory) {
+  std::filesystem::create_directories(directory);
+  struct stat info {};
+  if (::lstat(directory.c_str(), &info) == 0 && info.st_uid == ::geteuid())
+    ::chmod(directory.c_str(), 0700);
 }
 
 void writeCert(const std::string& path, X509* cert) {
@@ -105,7 +140,7 @@ Authority makeAuthority() {
 
 std::optional<Authority> loadAuthority(const std::string& certPath, const std::string& keyPath) {
   const File certFile(std::fopen(certPath.c_str(), "r"));
-  const File keyFile(std::fopen(keyPath.c_str(), "r"));
+  const File keyFile = openOwnKey(keyPath);
   if (!certFile || !keyFile)
     return std::nullopt;
   Authority ca{Key(PEM_read_PrivateKey(keyFile.get(), nullptr, nullptr, nullptr)),
@@ -147,7 +182,7 @@ CertificateFiles writeServerCertificate(const std::string& directory, const Auth
 
 CertificateFiles makeCertificates(const std::string& directory,
                                   const std::vector<std::string>& hosts) {
-  std::filesystem::create_directories(directory);
+  makePrivateDirectory(directory);
   const Authority ca = makeAuthority();
   writeCert(directory + "/ca.pem", ca.cert.get());
   writeKey(directory + "/ca-key.pem", ca.key.get());
@@ -156,7 +191,7 @@ CertificateFiles makeCertificates(const std::string& directory,
 
 CertificateFiles ensureCertificates(const std::string& directory,
                                     const std::vector<std::string>& hosts) {
-  std::filesystem::create_directories(directory);
+  makePrivateDirectory(directory);
   auto ca = loadAuthority(directory + "/ca.pem", directory + "/ca-key.pem");
   if (!ca)
     return makeCertificates(directory, hosts);
