@@ -96,6 +96,10 @@ class Devserver {
     CURL* e = curl_easy_init();
     const std::string url = "http://127.0.0.1:" + std::to_string(adminPort()) + pathAndQuery;
     curl_easy_setopt(e, CURLOPT_URL, url.c_str());
+    // State changes carry the run's token, which the emulator keeps in server.json.
+    const std::string token = "X-Quorvel-Admin-Token: " + state_.value("admin_token", "");
+    curl_slist* headers = curl_slist_append(nullptr, token.c_str());
+    curl_easy_setopt(e, CURLOPT_HTTPHEADER, headers);
     if (post)
       curl_easy_setopt(e, CURLOPT_POSTFIELDS, "");
     curl_easy_setopt(
@@ -107,6 +111,7 @@ class Devserver {
     curl_easy_setopt(e, CURLOPT_WRITEDATA, &body);
     curl_easy_perform(e);
     curl_easy_cleanup(e);
+    curl_slist_free_all(headers);
     return quorvel::Json::parse(body, nullptr, false);
   }
 

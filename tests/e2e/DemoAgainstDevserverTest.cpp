@@ -267,6 +267,17 @@ TEST_F(DemoAgainstDevserver, TheInspectorShowsRequestsAndSwitchesFaults) {
   EXPECT_EQ(cachedFiles(), 1U);
   ASSERT_TRUE(browser.click("#online"));
   ASSERT_TRUE(test::eventually([&] { return test::connectToLoopback(state["port"].get<int>()); }));
+
+  // A page of another origin posts a form to the admin port: refused, nothing switched.
+  const std::string admin = "http://127.0.0.1:" + std::to_string(state["admin_port"].get<int>());
+  browser.open("data:text/html,<form id=f method=post action='" + admin +
+               "/faults/offline'></form><script>document.getElementById('f').submit()</script>");
+  ASSERT_TRUE(test::eventually([&] {
+    return browser.run("return document.body ? document.body.textContent : ''")
+               .get<std::string>()
+               .find("inspector's own origin") != std::string::npos;
+  }));
+  EXPECT_TRUE(test::connectToLoopback(state["port"].get<int>()));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include <httplib.h>
+#include <openssl/rand.h>
 
 #include "HttpsFrontend.h"
 #include "InspectorPage.h"
@@ -46,11 +47,50 @@ Json describe(const StoredRequest& r) {
               {"body_size", r.body.size()}};
 }
 
+std::string randomToken() {
+  unsigned char bytes[16];
+  if (RAND_bytes(bytes, sizeof bytes) != 1)
+    throw std::runtime_error("no random bytes for the admin token");
+  static constexpr char kHex[] = "0123456789abcdef";
+  std::string token;
+  for (const unsigned char b : bytes) {
+    token.push_back(kHex[b >> 4U]);
+    token.push_back(kHex[b & 0xFU]);
+  }
+  return token;
+}
+
+bool isOneOf(const std::string& value, const std::string& prefix, int port) {
+  for (const char* host : {"127.0.0.1", "localhost", "[::1]"}) {
+    if (value == prefix + host + ":" + std::to_string(port))
+      return true;
+  }
+  return false;
+}
+
+// Why a request is refused, or nullopt when it may go on.
+std::optional<std::string> refusal(const httplib::Request& req, int port,
+                                   const std::string& token) {
+  if (!isOneOf(req.get_header_value("Host"), "", port))
+    return "the Host header must name this port on 127.0.0.1, localhost or [::1]";
+  if (req.method == "GET" || req.method == "HEAD")
+    return std::nullopt;
+  if (req.has_header("Origin") && !isOneOf(req.get_header_value("Origin"), "http://", port))
+    return "state changes come from the inspector's own origin only";
+  if (req.get_header_value(AdminServer::kTokenHeader) != token)
+    return std::string("state changes need this run's token in ") + AdminServer::kTokenHeader;
+  return std::nullopt;
+}
+
 }  // namespace
 
 AdminServer::AdminServer(Emulator& emulator, Faults& faults, const RequestStore& store,
                          Emulator::LogSink log)
-    : emulator_(emulator), faults_(faults), store_(store), log_(std::move(log)) {}
+    : emulator_(emulator),
+      faults_(faults),
+      store_(store),
+      log_(std::move(log)),
+      token_(randomToken()) {}
 
 AdminServer::~AdminServer() {
   stop();
@@ -65,6 +105,14 @@ Json AdminServer::state() const {
 void AdminServer::start(int port) {
   auto server = std::make_unique<httplib::Server>();
   auto& s = *server;
+  s.set_pre_routing_handler([this](const httplib::Request& req, httplib::Response& res) {
+    if (const auto why = refusal(req, port_, token_)) {
+      log_("admin: refused " + req.method + " " + req.path + ": " + *why);
+      answer(res, 403, Json{{"error", *why}});
+      return httplib::Server::HandlerResponse::Handled;
+    }
+    return httplib::Server::HandlerResponse::Unhandled;
+  });
   s.Get("/faults",
         [this](const httplib::Request&, httplib::Response& res) { answer(res, 200, state()); });
   s.Post("/faults/offline", [this](const httplib::Request& req, httplib::Response& res) {
@@ -103,8 +151,8 @@ void AdminServer::start(int port) {
     log_("admin: faults cleared");
     answer(res, 200, state());
   });
-  s.Get("/", [](const httplib::Request&, httplib::Response& res) {
-    res.set_content(inspectorPage(), "text/html; charset=utf-8");
+  s.Get("/", [this](const httplib::Request&, httplib::Response& res) {
+    res.set_content(inspectorPage(token_), "text/html; charset=utf-8");
   });
   s.Get("/requests", [this](const httplib::Request& req, httplib::Response& res) {
     const auto after = numberParam(req, "after");

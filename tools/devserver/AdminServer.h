@@ -12,6 +12,11 @@
 //   GET  /                                the web inspector (a page on the endpoints below)
 //   GET  /requests?after=ID               requests recorded after ID, newest first (200 at most)
 //   GET  /services                        the service prefixes the emulator answers
+//
+// A web page open in the developer's browser can reach this port too (a form post, or DNS
+// rebinding of its own host name to 127.0.0.1). So every request must name this port by a
+// loopback host, and every state change must carry this run's token (the inspector page and
+// server.json have it) and, when it comes from a browser, the inspector's own origin.
 #pragma once
 
 #include <memory>
@@ -36,6 +41,9 @@ class AdminServer {
   void start(int port);
   void stop();
   int port() const { return port_; }
+  // The token that state changes carry in the "X-Quorvel-Admin-Token" header.
+  const std::string& token() const { return token_; }
+  static constexpr const char* kTokenHeader = "X-Quorvel-Admin-Token";
 
  private:
   Json state() const;
@@ -46,6 +54,7 @@ class AdminServer {
   Emulator::LogSink log_;
   ListenerThread listener_;
   int port_ = 0;
+  std::string token_;
 };
 
 }  // namespace quorvel::devserver

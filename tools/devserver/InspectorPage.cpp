@@ -4,11 +4,14 @@ namespace quorvel::devserver {
 
 // One page, no build step and nothing fetched from elsewhere: it polls the admin port's
 // JSON and posts to its fault switches.
-const char* inspectorPage() {
+std::string inspectorPage(const std::string& token) {
+  // The token is hex: nothing in it needs escaping in an attribute.
   return R"HTML(<!doctype html>
 <html lang="en">
 <head>
 <meta charset="utf-8">
+<meta name="admin-token" content=")HTML" +
+         token + R"HTML(">
 <title>quorvel-devserver inspector</title>
 <style>
   body { font: 14px system-ui, sans-serif; margin: 0; color: #1d2330; background: #f5f6f8; }
@@ -148,7 +151,8 @@ function showState(state) {
 }
 
 async function post(path) {
-  const answer = await fetch(path, { method: "POST" });
+  const token = document.querySelector('meta[name="admin-token"]').content;
+  const answer = await fetch(path, { method: "POST", headers: { "X-Quorvel-Admin-Token": token } });
   showState(await answer.json());
 }
 

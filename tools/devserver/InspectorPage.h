@@ -2,8 +2,11 @@
 // headers and decrypted payload, filters, and the fault switches.
 #pragma once
 
+#include <string>
+
 namespace quorvel::devserver {
 
-const char* inspectorPage();
+// The page, carrying the admin token that its state changes send.
+std::string inspectorPage(const std::string& token);
 
 }  // namespace quorvel::devserver

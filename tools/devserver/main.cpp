@@ -50,7 +50,7 @@ std::mutex gLogMutex;
 
 void logLine(const std::string& line) {
   const std::lock_guard lock(gLogMutex);
-  std::cerr << "quorvel-devserver: " << line << std::endl;
+  std::cerr << "quorvel-devserver: " << terminalSafe(line, false) << std::endl;
 }
 
 // "A=B" split at the first "="; nothing when there is none or a side is empty.
@@ -70,7 +70,10 @@ std::optional<int> wholeNumber(const std::string& text) {
 void writeFileAtomically(const fs::path& path, const std::string& content) {
   const fs::path temporary = path.string() + ".tmp";
   {
+    fs::remove(temporary);
     std::ofstream out(temporary, std::ios::trunc);
+    // Private: it carries the admin token.
+    fs::permissions(temporary, fs::perms::owner_read | fs::perms::owner_write);
     out << content;
     if (!out.flush())
       throw std::runtime_error("cannot write " + temporary.string());
@@ -149,6 +152,7 @@ int serve(const ServeOptions& o) {
   const Json state = {{"pid", ::getpid()},
                       {"port", frontend.port()},
                       {"admin_port", admin.port()},
+                      {"admin_token", admin.token()},
                       {"service_domain", emulator.serviceDomain()},
                       {"ca_file", certificates.caFile},
                       {"database", (dataDir / "requests.sqlite").string()}};
@@ -192,17 +196,22 @@ int showRequests(const std::string& dataDir, bool json, bool full) {
   return 0;
 }
 
-int adminPortFrom(const std::string& dataDir) {
+Json serverState(const std::string& dataDir) {
   std::ifstream in(fs::path(dataDir) / "server.json");
   const Json state = Json::parse(in, nullptr, false);
-  if (!state.is_object() || !state.contains("admin_port") || !state["admin_port"].is_number())
+  return state.is_object() ? state : Json::object();
+}
+
+int adminPortFrom(const Json& state) {
+  if (!state.contains("admin_port") || !state["admin_port"].is_number())
     return 0;
   return state["admin_port"].get<int>();
 }
 
 int fault(const std::string& dataDir, int adminPort, const std::vector<std::string>& words) {
+  const Json state = serverState(dataDir);
   if (adminPort == 0)
-    adminPort = adminPortFrom(dataDir);
+    adminPort = adminPortFrom(state);
   if (adminPort == 0) {
     std::cerr << "quorvel-devserver: no running server found in " << dataDir
               << " (give --admin-port)\n";
@@ -232,7 +241,10 @@ int fault(const std::string& dataDir, int adminPort, const std::vector<std::stri
   httplib::Client client("127.0.0.1", adminPort);
   client.set_connection_timeout(5, 0);
   client.set_read_timeout(10, 0);
-  const auto result = path.empty() ? client.Get("/faults") : client.Post(path);
+  const httplib::Headers headers = {
+      {AdminServer::kTokenHeader, state.value("admin_token", std::string())}};
+  const auto result =
+      path.empty() ? client.Get("/faults", headers) : client.Post(path, headers, "", "text/plain");
   if (!result) {
     std::cerr << "quorvel-devserver: admin port " << adminPort << " does not answer\n";
     return 1;
