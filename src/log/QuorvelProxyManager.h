@@ -103,7 +103,9 @@ class QuorvelProxyManager {
   Json proxyRdDict_ = Json::object();  // guarded by lock_
   // Updated without the lock: a race may let the total drift slightly, which is accepted.
   std::atomic<std::int32_t> requestSize_{0};
-  std::atomic<bool> shouldCollectDebugData_{true};
+  // Nothing is collected until the service asks for it ("monitor" 1 in an answer): a log
+  // kept from the start would hold lines, and keys, that no service ever asked to see.
+  std::atomic<bool> shouldCollectDebugData_{false};
   std::atomic<bool> proxyEnabledFromServer_{false};
 };
 

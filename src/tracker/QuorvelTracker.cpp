@@ -69,8 +69,8 @@ QuorvelTracker& QuorvelTracker::sharedTracker() noexcept {
 }
 
 namespace {
-// The process's remote-debugging collection, which every tracker's logger mirrors into; it
-// dates its own lines by the clock of the latest tracker's platform.
+// The process's remote-debugging collection: the shared tracker's, which the exported logging
+// functions feed too. It dates its own lines by the clock of the shared tracker's platform.
 QuorvelProxyManager& remoteDebugging(const Platform& platform) {
   auto& manager = QuorvelProxyManager::sharedManager();
   manager.setClock(platform.clock);
@@ -78,8 +78,10 @@ QuorvelProxyManager& remoteDebugging(const Platform& platform) {
 }
 }  // namespace
 
+// A tracker of its own collects its own lines for its own service: the lines of one tracker,
+// with its developer key, must never be shipped to another's service.
 QuorvelTracker::QuorvelTracker(std::shared_ptr<const Platform> platform)  // NOLINT: public ABI
-    : QuorvelTracker(platform, std::make_shared<LogSwitches>()) {}
+    : core_(TrackerCore::withOwnRemoteDebugging(platform, std::make_shared<LogSwitches>())) {}
 
 QuorvelTracker::QuorvelTracker(const std::shared_ptr<const Platform>& platform,
                                std::shared_ptr<LogSwitches> logSwitches)

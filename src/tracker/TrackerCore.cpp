@@ -34,6 +34,14 @@ std::optional<std::string> stringEntry(const Json& dictionary, const char* key) 
 
 }  // namespace
 
+std::shared_ptr<TrackerCore> TrackerCore::withOwnRemoteDebugging(
+    const std::shared_ptr<const Platform>& platform, std::shared_ptr<LogSwitches> logSwitches) {
+  auto own = std::make_shared<QuorvelProxyManager>(platform->clock);
+  auto core = std::make_shared<TrackerCore>(platform, *own, nullptr, std::move(logSwitches));
+  core->ownRemoteDebugging_ = std::move(own);
+  return core;
+}
+
 TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
                          QuorvelProxyManager& remoteDebugging,
                          std::shared_ptr<QuorvelRequestCache> cache,

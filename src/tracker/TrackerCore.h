@@ -49,6 +49,9 @@ class TrackerCore {
   // caches directory, replaying through this tracker), HTTP client, ledger, keychain and
   // Search Ads client. `remoteDebugging` is the log collection the service may switch on.
   // `logSwitches`: the switches of the tracker's logger; its own (all off) when nullptr.
+  // A tracker with a remote-debugging collection of its own, kept as long as the tracker.
+  static std::shared_ptr<TrackerCore> withOwnRemoteDebugging(
+      const std::shared_ptr<const Platform>& platform, std::shared_ptr<LogSwitches> logSwitches);
   TrackerCore(std::shared_ptr<const Platform> platform, QuorvelProxyManager& remoteDebugging,
               std::shared_ptr<QuorvelRequestCache> cache = nullptr,
               std::shared_ptr<LogSwitches> logSwitches = nullptr);
@@ -280,6 +283,7 @@ class TrackerCore {
 
   // --- Internal collaborators (not for hosts) -----------------------------------------
   std::shared_ptr<QuorvelHTTPClient> httpClient() const { return httpClient_; }
+  QuorvelProxyManager& remoteDebugging() const { return remoteDebugging_; }
   std::shared_ptr<QuorvelRequestCache> requestCache() const { return requestCache_; }
   // Follows the reports that flush() waits for.
   std::shared_ptr<ReportLedger> reportLedger() const { return ledger_; }
@@ -338,6 +342,7 @@ class TrackerCore {
 
   std::shared_ptr<const Platform> platform_;
   QuorvelProxyManager& remoteDebugging_;
+  std::shared_ptr<QuorvelProxyManager> ownRemoteDebugging_;  // null: the process's
   std::shared_ptr<const Log> log_;
 
   // Plain switches: single words, read and written without a lock.

@@ -11,15 +11,19 @@ namespace {
 
 class ProxyManagerTest : public ::testing::Test {
  protected:
+  void SetUp() override { proxy.startRemoteDebugging(); }
   test::TestPlatform fakes;
   QuorvelProxyManager proxy{fakes.clock};
 };
 
-// A line built from raw bytes (the cipher's trace of its key) must not make the whole
-// upload unserialisable.
-TEST_F(ProxyManagerTest, CollectsBeforeAnyServerAnswerAndLinesWithRawBytesStaySerialisable) {
+// Nothing is collected before the service asks. A line built from raw bytes must not make the
+// whole upload unserialisable.
+TEST_F(ProxyManagerTest, CollectsOnlyOnceAskedAndLinesWithRawBytesStaySerialisable) {
+  QuorvelProxyManager fresh{fakes.clock};
+  EXPECT_FALSE(fresh.isRemoteDebugging());
+  fresh.addEventWithString("before any answer");
+  EXPECT_TRUE(fresh.events().empty());
   EXPECT_TRUE(proxy.isRemoteDebugging());
-  EXPECT_FALSE(proxy.proxyEnabledFromServer());
   const std::string key =
       "\xE4~\x80"
       "0\xFF";

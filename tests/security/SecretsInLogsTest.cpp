@@ -27,9 +27,7 @@ std::string hexOf(const Bytes& bytes) {
 }
 
 TEST_F(SecretsInLogs, NoLineOfASessionCarriesTheDeveloperKeyOrTheKeyDerivedFromIt) {
-  auto& mirror = QuorvelProxyManager::sharedManager();
-  mirror.clearData();
-  mirror.startRemoteDebugging();
+  auto& mirror = tracker->remoteDebugging();
   tracker->logger().switches().setTrace(true);
   tracker->setCustomerUserID(std::string("user-1"));
   tracker->trackAppLaunch();
