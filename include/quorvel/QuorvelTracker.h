@@ -190,8 +190,9 @@ class QuorvelTracker {
   // background statistics, uninstall registrations, and what a launch's answer starts, such
   // as the conversion data for the delegate) has been answered by the service or written to
   // the offline cache, or until `timeout` passed. True when all of them settled. Pending
-  // preference writes are made durable too. Never call it from the thread that drains a
-  // host-installed main queue (RunLoopQueue): events wait on that queue.
+  // preference writes are made durable too. Called on a thread that turns one of the queues
+  // this work needs (a delegate callback, the thread that drains a RunLoopQueue), it runs the
+  // work due there while it waits.
   bool flush(std::chrono::milliseconds timeout) noexcept;
   // How long the shared tracker flushes when the process exits normally (return from main,
   // exit()): 2 s by default; zero or less opts out.
@@ -206,6 +207,14 @@ class QuorvelTracker {
   // counted and logged.
   void setOutboxLimits(std::uint64_t maxBytes, std::chrono::seconds maxAge) noexcept;
   QuorvelDeliveryStats deliveryStats() const noexcept;
+
+  // --- Consent ---------------------------------------------------------------------------
+  // Stops the library, now and at every later start until setStopped(false): while stopped it
+  // collects, builds, stores and sends nothing, and every call other than these two, the log
+  // switches, flush and deliveryStats returns at once with one debug line. What was accepted
+  // before the stop stays in the outbox and goes once the library runs again.
+  void setStopped(bool stopped) noexcept;
+  bool isStopped() const noexcept;
 
   // --- Deep links and push payloads ----------------------------------------------------
   // The app was opened with a URL. The first link of a launch wins over later ones.

@@ -114,6 +114,12 @@ void QuorvelHTTPClient::post(const QuorvelRequestCacheData& request, std::string
                              ReportLedger::TicketPtr ticket) {
   static constexpr const char* kMethod =
       "-[QuorvelHTTPClient sendRequestEventToServer:isRequestFromCache:appID:isDebug:onSuccess:]";
+  if (stopped_ && stopped_()) {
+    const ReportLedger::Scope scope(ticket);
+    handleTrackingAnswer(request, origin, slot, std::nullopt, std::nullopt,
+                         Error{platform::kURLErrorDomain, -999, "Quorvel is stopped"}, onSuccess);
+    return;
+  }
   platform::URLRequest http;
   http.url = legacyPercentEscape(url);
   http.method = "POST";

@@ -96,6 +96,10 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
   static std::pair<std::string, std::string> signature(const std::string& devKey,
                                                        platform::TimePoint now);
 
+  // While it answers true, tracking requests fail at once, without a connection: what was
+  // already under way when the host stopped the library goes no further than the outbox.
+  void setStopCheck(std::function<bool()> stopped) { stopped_ = std::move(stopped); }
+
  private:
   // False while another process holds the data directory: its folder is that process's.
   bool ownsKeptFolder() const;
@@ -114,6 +118,7 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
 
   std::shared_ptr<const Platform> platform_;
   QuorvelProxyManager& remoteDebugging_;
+  std::function<bool()> stopped_;
   std::shared_ptr<const Log> log_;
   std::shared_ptr<QuorvelRequestCache> cache_;
   std::shared_ptr<ReportLedger> ledger_;

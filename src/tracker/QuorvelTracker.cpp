@@ -2,8 +2,11 @@
 // reaches the host. A failure is logged with the method it came from.
 #include <quorvel/QuorvelTracker.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <exception>
+#include <iterator>
+#include <string_view>
 #include <utility>
 
 #include "log/Log.h"
@@ -16,11 +19,27 @@ namespace {
 // In a child made by fork() after the tracker, every call does nothing: see
 // platform/ForkGeneration.h. Nothing is logged there either, as the log's lock may have been
 // held by a thread that did not come along.
+// While the host has stopped the library, a call does nothing but say so, except what the host
+// needs to see and leave that state: the log switches, flush and the delivery figures.
+bool refusedWhileStopped(const TrackerCore& core, std::string_view method) {
+  static constexpr std::string_view kAllowed[] = {
+      "-[QuorvelTracker setIsDebug:]", "-[QuorvelTracker setIsTrace:]", "-[QuorvelTracker isDebug]",
+      "-[QuorvelTracker deliveryStats]"};
+  if (!core.isStopped() ||
+      std::find(std::begin(kAllowed), std::end(kAllowed), method) != std::end(kAllowed))
+    return false;
+  core.logger().log(kLogDebug, std::string(method).c_str(),
+                    "Quorvel is stopped: the call did nothing");
+  return true;
+}
+
 template <typename R, typename F>
 R guarded(const TrackerCore& core, const char* method, R fallback, F&& call) noexcept {
   if (core.inertAfterFork())
     return fallback;
   try {
+    if (refusedWhileStopped(core, method))
+      return fallback;
     return std::forward<F>(call)();
   } catch (const std::exception& e) {
     core.logger().log(kLogError, method, "failed: %@", std::string(e.what()));
@@ -35,6 +54,8 @@ void guarded(const TrackerCore& core, const char* method, F&& call) noexcept {
   if (core.inertAfterFork())
     return;
   try {
+    if (refusedWhileStopped(core, method))
+      return;
     std::forward<F>(call)();
   } catch (const std::exception& e) {
     core.logger().log(kLogError, method, "failed: %@", std::string(e.what()));
@@ -310,6 +331,24 @@ void QuorvelTracker::setOutboxLimits(std::uint64_t maxBytes, std::chrono::second
   guarded(*core_, "-[QuorvelTracker setOutboxLimits:]",
           [&] { core_->setOutboxLimits(maxBytes, maxAge); });
 }
+void QuorvelTracker::setStopped(bool stopped) noexcept {
+  if (core_->inertAfterFork())
+    return;
+  try {
+    core_->setStopped(stopped);
+  } catch (...) {
+    core_->logger().log(kLogError, "-[QuorvelTracker setStopped:]", "failed");
+  }
+}
+
+bool QuorvelTracker::isStopped() const noexcept {
+  try {
+    return core_->isStopped();
+  } catch (...) {
+    return false;
+  }
+}
+
 QuorvelDeliveryStats QuorvelTracker::deliveryStats() const noexcept {
   return guarded(*core_, "-[QuorvelTracker deliveryStats]", QuorvelDeliveryStats{},
                  [&] { return core_->deliveryStats(); });

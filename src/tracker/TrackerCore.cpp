@@ -76,6 +76,10 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
                                      platform_->clock, log_, Outbox::Limits{});
   httpClient_ =
       QuorvelHTTPClient::create(platform_, remoteDebugging_, log_, requestCache_, ledger_, outbox_);
+  httpClient_->setStopCheck([self = self_] {
+    const auto tracker = self->pin();
+    return tracker && tracker->isStopped();
+  });
   outbox_->setResend(
       [client = std::weak_ptr<QuorvelHTTPClient>(httpClient_)](
           const OutboxSlotPtr& slot, const QuorvelRequestCacheData& request, double waited) {
@@ -349,7 +353,7 @@ void TrackerCore::removeNotificationObserver(const platform::Notification& /*not
 
 void TrackerCore::handleDidFinishLaunch(const platform::Notification& notification) {
   static constexpr const char* kMethod = "-[QuorvelTracker handleDidFinishLaunch:]";
-  if (notification.userInfo.is_null())
+  if (notification.userInfo.is_null() || isStopped())
     return;
   auto source = stringEntry(notification.userInfo, platform::kLaunchOptionsSourceApplicationKey);
   write(sourceApplication_, source);

@@ -296,6 +296,9 @@ class TrackerCore {
   const Log& logger() const { return *log_; }
   // True in a child made by fork() after this tracker: its calls then do nothing.
   bool inertAfterFork() const noexcept { return platform::forkGeneration() != forkGeneration_; }
+  // The host's consent switch, kept in the preferences (read once, at the first question).
+  bool isStopped() const;
+  void setStopped(bool stopped);
   std::shared_ptr<const Log> log() const { return log_; }
   std::shared_ptr<const QuorvelAES128Crypto> crypto() const;
   std::shared_ptr<platform::DispatchQueue> backgroundQueue() const { return mBackgroundQueue_; }
@@ -342,6 +345,8 @@ class TrackerCore {
 
   std::shared_ptr<const Platform> platform_;
   QuorvelProxyManager& remoteDebugging_;
+  mutable std::once_flag stoppedRead_;
+  mutable std::atomic<bool> stopped_{false};
   std::shared_ptr<QuorvelProxyManager> ownRemoteDebugging_;  // null: the process's
   std::shared_ptr<const Log> log_;
 

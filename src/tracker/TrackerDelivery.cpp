@@ -5,6 +5,7 @@
 #include "log/Log.h"
 #include "net/ReportLedger.h"
 #include "tracker/TrackerLifetime.h"
+#include "util/PreferenceKeys.h"
 
 #include <algorithm>
 
@@ -88,6 +89,32 @@ bool TrackerCore::flushAtExit() noexcept {
     log_->log(kLogError, kMethod, "exit flush failed: %@", e.what());
     return false;
   }
+}
+
+bool TrackerCore::isStopped() const {
+  std::call_once(stoppedRead_,
+                 [this] { stopped_ = platform_->preferences->boolForKey(keys::kStopped); });
+  return stopped_.load();
+}
+
+void TrackerCore::setStopped(bool stopped) {
+  static constexpr const char* kMethod = "-[QuorvelTracker setStopped:]";
+  isStopped();  // read first, so that a later first read cannot overwrite this
+  stopped_ = stopped;
+  auto& prefs = *platform_->preferences;
+  if (stopped)
+    prefs.setBool(keys::kStopped, true);
+  else
+    prefs.removeObjectForKey(keys::kStopped);
+  // On the caller's thread: a consent given must hold even if the app is killed right after.
+  if (!prefs.synchronize())
+    log_->log(kLogError, kMethod, "Quorvel could not store the stop switch; it holds until exit");
+  log_->log(kLogInfo, kMethod,
+            stopped ? "Quorvel stopped: nothing is collected, stored or sent until "
+                      "setStopped(false), in this start and the next ones"
+                    : "Quorvel runs again");
+  if (!stopped)
+    outbox_->transportRecovered();  // what waited during the stop goes now
 }
 
 void TrackerCore::persistPreferencesSoon() {

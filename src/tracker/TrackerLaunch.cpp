@@ -74,6 +74,8 @@ void TrackerCore::sendLaunchToServer() {
 }
 
 void TrackerCore::handleEnteredBackground() {
+  if (isStopped())
+    return;
   if (!platform_->device->capabilities().backgroundTasks)
     return;
   const ReportLedger::Scope report(ledger_->currentOrOpen());

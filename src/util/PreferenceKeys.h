@@ -5,6 +5,8 @@ namespace quorvel::keys {
 
 inline constexpr const char* kCounter = "QuorvelCounter";
 inline constexpr const char* kInAppCounter = "QuorvelInAppCounter";
+// The host stopped the library (setStopped): it stays stopped across starts.
+inline constexpr const char* kStopped = "QuorvelStopped";
 inline constexpr const char* kRealLaunchCounter = "QuorvelRealLaunchCounter";
 inline constexpr const char* kFirstLaunchDate = "QuorvelFirstLaunchDate";
 inline constexpr const char* kInstallDate = "QuorvelInstallDate";
