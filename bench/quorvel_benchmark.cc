@@ -13,6 +13,7 @@
 #include "util/QuorvelDictionary.h"
 
 #include <quorvel/QuorvelTracker.h>
+#include <quorvel/testing/TestPlatform.h>
 
 namespace {
 
@@ -141,5 +142,39 @@ void BM_LaunchPayloadBuildSerialiseEncrypt(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_LaunchPayloadBuildSerialiseEncrypt)->Unit(benchmark::kMicrosecond);
+
+// Forgetting an install that holds all it can: a full kept-request folder, reports waiting in
+// the outbox, identifiers, counters and the uninstall token, on the real files. Goal: 100 ms.
+void BM_ForgetThisInstall(benchmark::State& state) {
+  using namespace std::chrono_literals;
+  constexpr const char* kKey = "0123456789ABCDEF";
+  quorvel::PosixPlatformOptions options;
+  options.bundleIdentifier = "com.quorvel.bench";
+  options.dataDirectory = "/tmp/quorvel-bench/data";
+  options.keychainDirectory = "/tmp/quorvel-bench/keychain";
+  std::optional<quorvel::testkit::TestPlatform> kit;
+  std::optional<quorvel::QuorvelTracker> tracker;
+  for (auto _ : state) {
+    state.PauseTiming();
+    tracker.reset();  // the last one's end is not the forgetting's cost
+    kit.reset();
+    std::error_code ignored;
+    std::filesystem::remove_all("/tmp/quorvel-bench", ignored);
+    kit = quorvel::testkit::makeTestPlatform(options, kKey);
+    tracker.emplace(kit->platform);
+    tracker->setQuorvelDevKey(std::string(kKey));
+    tracker->setAppleAppID(std::string("123456789"));
+    tracker->trackAppLaunch();
+    kit->dispatcher->advance(10s);
+    tracker->registerUninstall(quorvel::Bytes{1, 2, 3, 4});
+    kit->transport->setResponder([](const auto&) { return quorvel::testkit::Answer::offline(); });
+    for (int i = 0; i < 200; ++i)
+      tracker->trackEvent("waiting", std::nullopt);
+    kit->dispatcher->advance(10s);
+    state.ResumeTiming();
+    benchmark::DoNotOptimize(tracker->forgetThisInstall());
+  }
+}
+BENCHMARK(BM_ForgetThisInstall)->Unit(benchmark::kMillisecond)->Iterations(5);
 
 }  // namespace

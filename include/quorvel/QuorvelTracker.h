@@ -215,6 +215,11 @@ class QuorvelTracker {
   // before the stop stays in the outbox and goes once the library runs again.
   void setStopped(bool stopped) noexcept;
   bool isStopped() const noexcept;
+  // Stops, then removes everything the library keeps for this app: identifiers, counters,
+  // kept requests, the outbox, conversion data, secure-store items. The next start after
+  // setStopped(false) is a fresh install. Idempotent; a kill during it is finished by the next
+  // start. False when something could not be removed now (logged; the next start retries).
+  bool forgetThisInstall() noexcept;
 
   // --- Deep links and push payloads ----------------------------------------------------
   // The app was opened with a URL. The first link of a launch wins over later ones.

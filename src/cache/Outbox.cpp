@@ -397,6 +397,12 @@ std::string Outbox::serialise(const Put& put) {
 void Outbox::writeBufferedLocked() {
   writeScheduled_ = false;
   promptWriteScheduled_ = false;
+  if (!opened_) {
+    // Nothing to write is no reason to make the store (after a forgetting, none is there).
+    const std::lock_guard lock(bufferMutex_);
+    if (buffer_.empty() && noted_.empty())
+      return;
+  }
   openLocked();
   // The buffer the host's calls append to next is the last batch's, emptied: its room is
   // already there, so that a burst does not grow it again from nothing.
@@ -685,6 +691,61 @@ void Outbox::syncSoon() {
     if (const auto self = weak.lock())
       self->drainAndSync();
   });
+}
+
+bool Outbox::forgetAll() noexcept {
+  try {
+    const std::lock_guard lock(storeMutex_);
+    openLocked();
+    std::vector<OutboxSlotPtr> slots;
+    {
+      const std::lock_guard buffer(bufferMutex_);
+      for (auto& op : buffer_) {
+        if (const auto* put = std::get_if<Put>(&op))
+          slots.push_back(put->slot);
+      }
+      buffer_.clear();
+      noted_.clear();
+    }
+    for (const auto& [id, held] : held_)
+      slots.push_back(held.slot);
+    for (const auto& left : leftovers_)
+      slots.push_back(left.slot);
+    for (const auto& left : replays_)
+      slots.push_back(left.slot);
+    for (const auto& slot : slots) {
+      if (slot && slot->settle())
+        waiting_.fetch_sub(1, std::memory_order_relaxed);
+    }
+    held_.clear();
+    heldBytes_ = 0;
+    leftovers_.clear();
+    replays_.clear();
+    loadedUpTo_ = leftoversEnd_;
+    counters_ = Json::object();
+    countersDirty_ = false;
+    if (!store_)
+      return !heldElsewhere_;  // another process's store is not this one's to forget
+    if (store_->destroy()) {
+      // Opened again, new and empty, only when a report comes: a stopped library leaves no file.
+      opened_ = false;
+      return true;
+    }
+    std::vector<platform::OutboxChange> removals;
+    for (std::int64_t after = kCountersRecord - 1;;) {
+      const auto page = store_->load(after, 1000);
+      if (page.empty())
+        break;
+      for (const auto& record : page)
+        removals.push_back({record.id, std::nullopt});
+      after = page.back().id;
+    }
+    if (!removals.empty() && !store_->apply(removals))
+      return false;
+    return store_->sync();
+  } catch (...) {
+    return false;  // the caller's marker stays: the next start finishes the job
+  }
 }
 
 OutboxStats Outbox::stats() const {

@@ -160,6 +160,12 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // The same on the outbox's queue.
   void syncSoon();
 
+  // Forgets every report, in memory and in the store (this process's and an earlier one's),
+  // and the kept counters: the install is being forgotten. Answers that come back later for
+  // forgotten reports change nothing. On the calling thread.
+  // False when the store could not be emptied.
+  bool forgetAll() noexcept;
+
   OutboxStats stats() const;
   // False when no store could be opened (nothing survives this process).
   bool durable() const noexcept { return durable_.load(); }

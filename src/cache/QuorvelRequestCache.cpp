@@ -221,6 +221,11 @@ std::vector<QuorvelRequestCacheData> QuorvelRequestCache::getCachedRequests() {
   return result;
 }
 
+bool QuorvelRequestCache::removeAll() {
+  return platform_->fileSystem->removeFilesIn(platform_->fileSystem->cachesDirectory() + "/" +
+                                              std::string(kDirectoryName));
+}
+
 void QuorvelRequestCache::processCache() {
   if (isSendingCachedData_)
     return;

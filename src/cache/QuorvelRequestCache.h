@@ -39,6 +39,9 @@ class QuorvelRequestCache : public std::enable_shared_from_this<QuorvelRequestCa
   std::uint64_t getCacheSize();
   static std::uint64_t getCacheSize(const platform::FileSystem& fileSystem,
                                     const std::string& path);
+  // Removes every file of the directory, whole or not: the install is being forgotten. False
+  // when one could not be removed.
+  bool removeAll();
   // Every readable record of the directory; unreadable files stay on disk untouched.
   std::vector<QuorvelRequestCacheData> getCachedRequests();
   // Loads a batch and starts its replay 0.1 s later on the main queue.

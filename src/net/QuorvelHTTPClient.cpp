@@ -159,7 +159,8 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
       if (request.sdkVersion() != std::optional<std::string>(kQuorvelSDKVersion))
         cache_->deleteRequest(request);
       cache_->sendNextCachedEvents();
-    } else if (origin == Origin::fresh && ownsKeptFolder() && cache_->cacheRequest(request)) {
+    } else if (origin == Origin::fresh && ownsKeptFolder() && !(stopped_ && stopped_()) &&
+               cache_->cacheRequest(request)) {
       // The kept-request folder holds it now, and replays it after the next answer.
       if (outbox_)
         outbox_->dropped(slot, Outbox::DropReason::handedOver);

@@ -30,6 +30,12 @@ void MemoryPreferencesStore::removeObjectForKey(std::string_view key) {
     values_.erase(it);
 }
 
+bool MemoryPreferencesStore::removeAllObjects() {
+  std::lock_guard lock(mutex_);
+  values_.clear();
+  return true;
+}
+
 bool MemoryPreferencesStore::synchronize() {
   std::lock_guard lock(mutex_);
   ++synchronizeCount_;
@@ -101,6 +107,14 @@ bool MemoryOutboxStore::sync() noexcept {
   std::lock_guard lock(mutex_);
   ++syncCount_;
   return !failWrites_;
+}
+
+bool MemoryOutboxStore::destroy() noexcept {
+  std::lock_guard lock(mutex_);
+  if (failWrites_)
+    return false;
+  records_.clear();
+  return true;
 }
 
 std::size_t MemoryOutboxStore::size() const {

@@ -341,6 +341,17 @@ void QuorvelTracker::setStopped(bool stopped) noexcept {
   }
 }
 
+bool QuorvelTracker::forgetThisInstall() noexcept {
+  if (core_->inertAfterFork())
+    return false;
+  try {
+    return core_->forgetThisInstall();
+  } catch (...) {
+    core_->logger().log(kLogError, "-[QuorvelTracker forgetThisInstall]", "failed");
+    return false;
+  }
+}
+
 bool QuorvelTracker::isStopped() const noexcept {
   try {
     return core_->isStopped();

@@ -104,6 +104,8 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
   // Written through the system log itself, so that it shows even with debugging off.
   platform_->systemLog->write(format("Quorvel SDK version %@ started build (%@)",
                                      kQuorvelSDKVersion, kQuorvelSDKBuildNumber));
+  // Before anything reads the app's state: a forgetting cut short by a kill ends now.
+  finishForgettingIfStarted();
   if (platform_->device->isMultitaskingSupported()) {
     subscribeToLifecycleNotifications();
   }

@@ -299,6 +299,10 @@ class TrackerCore {
   // The host's consent switch, kept in the preferences (read once, at the first question).
   bool isStopped() const;
   void setStopped(bool stopped);
+  // Stops, then removes every identifier, counter, kept request, outbox record, conversion
+  // datum and secure-store item of this app. False when some of it is left for the next
+  // start to finish.
+  bool forgetThisInstall();
   std::shared_ptr<const Log> log() const { return log_; }
   std::shared_ptr<const QuorvelAES128Crypto> crypto() const;
   std::shared_ptr<platform::DispatchQueue> backgroundQueue() const { return mBackgroundQueue_; }
@@ -306,6 +310,9 @@ class TrackerCore {
   std::optional<std::string> sourceApplication() const;
 
  private:
+  std::string forgetMarkerPath() const;
+  void finishForgettingIfStarted();
+  bool eraseInstall();
   bool waitSettledTurningOwnQueues(std::uint64_t mark, std::chrono::milliseconds timeout);
   const std::uint64_t forkGeneration_ = platform::forkGeneration();
   template <typename T>

@@ -33,6 +33,11 @@ void TrackerCore::callServerWithEventName(const std::string& name,
                                           const std::optional<std::string>& value,
                                           const std::optional<Json>& /*dictionary*/, bool isEvent,
                                           bool isIAd) {
+  if (isStopped()) {
+    // Accepted before the stop: it waits in the outbox, unbuilt, for a start that runs.
+    log_->log(kLogDebug, kCallServerMethod, "Quorvel is stopped: %@ waits in the outbox", name);
+    return;
+  }
   const Platform& p = *platform_;
   auto& prefs = *p.preferences;
   log_->log(kLogDebug, kCallServerMethod, "(%@): entered callServerWithEventName. ",

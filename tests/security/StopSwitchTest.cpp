@@ -16,7 +16,7 @@ TEST_F(StopSwitch, AStoppedLibraryDoesNothingAcrossStartsUntilItRunsAgain) {
   tracker->trackEvent("before_stop", std::nullopt);  // accepted, not yet sent
   facade->setStopped(true);
   fakes.dispatcher->advance(1s);
-  EXPECT_TRUE(sent().empty());  // what was under way fails at once, without a connection
+  EXPECT_TRUE(sent().empty());  // what was under way waits, unbuilt and unsent
   const auto recordsAtStop = fakes.outbox->size();
   const auto preferencesAtStop = fakes.preferences->durable();
   fakes.systemLog->clear();
@@ -45,14 +45,12 @@ TEST_F(StopSwitch, AStoppedLibraryDoesNothingAcrossStartsUntilItRunsAgain) {
   tracker->setHost(std::string("svc.example"));
   facade->trackEvent("after_stop", std::nullopt);
   fakes.dispatcher->advance(1s);
-  ASSERT_EQ(sent().size(), 1U);
-  fakes.respond(0, 200, "{}");  // the answer replays what the stop made fail
-  fakes.dispatcher->advance(1s);
   std::vector<std::string> events;
   for (std::size_t i = 0; i < sent().size(); ++i)
     events.push_back(payload(i).value("event", ""));
   std::sort(events.begin(), events.end());
-  // What was accepted before the stop goes too, once; nothing of the stopped time does.
+  // What was accepted before the stop goes at the first start that runs, once; nothing of the
+  // stopped time does.
   EXPECT_EQ(events, (std::vector<std::string>{"after_stop", "before_stop"}));
 }
 

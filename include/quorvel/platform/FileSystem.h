@@ -42,6 +42,16 @@ class FileSystem {
   }
   virtual bool removeFile(const std::string& path, std::string* errorReason) = 0;
   bool removeFile(const std::string& path) { return removeFile(path, nullptr); }
+  // Removes every file of `directory` (not its subdirectories). False when one is left.
+  virtual bool removeFilesIn(const std::string& directory) {
+    bool all = true;
+    for (const auto& name : contentsOfDirectory(directory).value_or(std::vector<std::string>{}))
+      all = removeFile(directory + "/" + name) && all;
+    return all;
+  }
+  // Removes whatever the file system wrote to date the app's directories (where the system
+  // records no creation time itself): the install is being forgotten. False when it could not.
+  virtual bool forgetCreationDates() { return true; }
 };
 
 }  // namespace quorvel::platform

@@ -45,6 +45,10 @@ class OutboxStore {
   // The highest id in the store; -1 when it is empty.
   virtual std::int64_t highestId() noexcept = 0;
   virtual bool sync() noexcept = 0;
+  // Removes the store with every file it keeps, so that nothing of its records is left on the
+  // disk; a later open() makes a new, empty one. False when it cannot (the library then
+  // removes the records one by one).
+  virtual bool destroy() noexcept { return false; }
 };
 
 }  // namespace quorvel::platform

@@ -26,6 +26,10 @@ class PreferencesStore {
   // Storing a null Json removes the key, as storing nil does.
   virtual void setObject(std::string_view key, Json value) = 0;
   virtual void removeObjectForKey(std::string_view key) = 0;
+  // Removes every key, and whatever an interrupted write left behind: the store is the
+  // library's own, one per app. False when the store cannot (the library then removes the
+  // keys it knows one by one).
+  virtual bool removeAllObjects() { return false; }
   // Writes pending changes to durable storage now. False when that failed.
   virtual bool synchronize() = 0;
 

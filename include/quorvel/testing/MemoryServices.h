@@ -22,6 +22,7 @@ class MemoryPreferencesStore final : public platform::PreferencesStore {
   std::optional<Json> objectForKey(std::string_view key) const override;
   void setObject(std::string_view key, Json value) override;
   void removeObjectForKey(std::string_view key) override;
+  bool removeAllObjects() override;
   bool synchronize() override;
 
   int synchronizeCount() const;
@@ -100,6 +101,7 @@ class MemoryOutboxStore final : public platform::OutboxStore {
                                            std::size_t limit) noexcept override;
   std::int64_t highestId() noexcept override;
   bool sync() noexcept override;
+  bool destroy() noexcept override;
 
   std::size_t size() const;
   int syncCount() const;

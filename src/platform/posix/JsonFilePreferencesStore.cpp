@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 
 #include <quorvel/Format.h>
 
@@ -94,10 +95,32 @@ JsonFilePreferencesStore::~JsonFilePreferencesStore() {
   }
 }
 
+void JsonFilePreferencesStore::removeLeftoverFiles(bool all) const {
+  // A write cut short by a kill leaves its temp file, with whatever that write held. One
+  // a minute old is no longer being written by anyone.
+  const std::filesystem::path file(path_);
+  const std::string temp = file.filename().string() + ".tmp-";
+  const std::string aside = file.filename().string() + ".corrupt";
+  const auto recent = std::filesystem::file_time_type::clock::now() - std::chrono::minutes(1);
+  std::error_code ec;
+  for (std::filesystem::directory_iterator it(file.parent_path(), ec), end; !ec && it != end;
+       it.increment(ec)) {
+    const std::string name = it->path().filename().string();
+    std::error_code timeError;
+    const bool stray = name.rfind(temp, 0) == 0 &&
+                       (all || std::filesystem::last_write_time(it->path(), timeError) < recent);
+    if (stray || (all && name == aside)) {
+      std::error_code removeError;
+      std::filesystem::remove(it->path(), removeError);
+    }
+  }
+}
+
 void JsonFilePreferencesStore::loadLocked() const {
   if (loaded_)
     return;
   loaded_ = true;
+  removeLeftoverFiles(false);
   std::string text;
   if (const int error = readWholeFile(path_, text); error == ENOENT || error == ENOTDIR) {
     return;  // no file: a first run
@@ -155,6 +178,18 @@ void JsonFilePreferencesStore::removeObjectForKey(std::string_view key) {
   loadLocked();
   if (values_.erase(std::string(key)) > 0)
     dirty_ = true;
+}
+
+bool JsonFilePreferencesStore::removeAllObjects() {
+  {
+    std::lock_guard lock(mutex_);
+    loadLocked();
+    values_ = Json::object();
+    dirty_ = true;
+  }
+  std::lock_guard writer(writeMutex_);
+  removeLeftoverFiles(true);
+  return true;
 }
 
 bool JsonFilePreferencesStore::synchronize() {

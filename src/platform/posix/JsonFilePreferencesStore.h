@@ -23,12 +23,16 @@ class JsonFilePreferencesStore final : public PreferencesStore {
   std::optional<Json> objectForKey(std::string_view key) const override;
   void setObject(std::string_view key, Json value) override;
   void removeObjectForKey(std::string_view key) override;
+  // Also removes the temp files of interrupted writes and a corrupt file set aside.
+  bool removeAllObjects() override;
   bool synchronize() override;
 
   const std::string& path() const noexcept { return path_; }
 
  private:
   void loadLocked() const;
+  // Temp files of interrupted writes (all of them, or those no one can still be writing).
+  void removeLeftoverFiles(bool all) const;
 
   std::string path_;
   std::shared_ptr<SystemLog> log_;

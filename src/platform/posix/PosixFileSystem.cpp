@@ -114,6 +114,28 @@ bool PosixFileSystem::writeFileAtomically(const std::string& path, const Bytes& 
          AtomicWriteResult::written;
 }
 
+bool PosixFileSystem::removeFilesIn(const std::string& directory) {
+  bool all = true;
+  bool any = false;
+  for (const auto& name : contentsOfDirectory(directory).value_or(std::vector<std::string>{})) {
+    const std::string path = directory + "/" + name;
+    struct stat st {};
+    if (::lstat(path.c_str(), &st) != 0 || S_ISDIR(st.st_mode))
+      continue;
+    const bool removed = ::unlink(path.c_str()) == 0 || errno == ENOENT;
+    any = any || removed;
+    all = all && removed;
+  }
+  if (any)
+    syncDirectory(directory);
+  return all;
+}
+
+bool PosixFileSystem::forgetCreationDates() {
+  const std::string marker = libraryDirectory() + "/" + kCreationMarker;
+  return ::unlink(marker.c_str()) == 0 || errno == ENOENT;
+}
+
 bool PosixFileSystem::removeFile(const std::string& path, std::string* errorReason) {
   if (::unlink(path.c_str()) == 0) {
     // Durable before anyone lists the directory again: a deleted request that came back

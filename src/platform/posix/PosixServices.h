@@ -127,6 +127,9 @@ class PosixFileSystem final : public FileSystem {
   bool removeFile(const std::string& path, std::string* errorReason) override;
   using FileSystem::removeFile;
   using FileSystem::writeFileAtomically;
+  bool forgetCreationDates() override;
+  // Syncs the directory once, after the last file rather than after each.
+  bool removeFilesIn(const std::string& directory) override;
 
   static constexpr const char* kCreationMarker = ".quorvel-created";
 

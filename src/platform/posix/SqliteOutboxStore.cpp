@@ -194,4 +194,22 @@ bool SqliteOutboxStore::sync() noexcept {
          copied;
 }
 
+bool SqliteOutboxStore::destroy() noexcept {
+  const std::lock_guard lock(syncMutex_);
+  // The lock is held until the files are gone, so that no other process opens them halfway.
+  const int heldLock = lockFd_;
+  lockFd_ = -1;
+  close();
+  bool removed = true;
+  // The log first: a log left without its database would be read into a new one.
+  for (const char* suffix : {"-wal", "-shm", "", ".lock"}) {
+    const std::string file = path_ + suffix;
+    removed = (::unlink(file.c_str()) == 0 || errno == ENOENT) && removed;
+  }
+  if (heldLock >= 0)
+    ::close(heldLock);
+  heldElsewhere_ = false;
+  return removed;
+}
+
 }  // namespace quorvel::platform

@@ -25,6 +25,7 @@ class SqliteOutboxStore final : public OutboxStore {
   std::vector<OutboxRecord> load(std::int64_t afterId, std::size_t limit) noexcept override;
   std::int64_t highestId() noexcept override;
   bool sync() noexcept override;
+  bool destroy() noexcept override;
 
  private:
   bool exec(const char* sql) noexcept;

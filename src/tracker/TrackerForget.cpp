@@ -1,0 +1,98 @@
+// Forgetting the install, for consent flows: everything the library keeps for this app goes,
+// and the library stays stopped. A marker written first makes the job whole whatever stops
+// it: a kill before the marker leaves everything as it was, a kill after it leaves the marker,
+// and the next start finishes the job before anything else reads the app's state.
+#include "tracker/TrackerCore.h"
+
+#include "cache/Outbox.h"
+#include "cache/QuorvelRequestCache.h"
+#include "log/Log.h"
+#include "log/QuorvelProxyManager.h"
+#include "util/PreferenceKeys.h"
+
+namespace quorvel {
+namespace {
+
+constexpr const char* kMethod = "-[QuorvelTracker forgetThisInstall]";
+constexpr const char* kMarkerName = "QuorvelForgetting";
+
+// For a preferences store that cannot remove everything at once.
+constexpr const char* kPreferenceKeys[] = {keys::kCounter,
+                                           keys::kInAppCounter,
+                                           keys::kRealLaunchCounter,
+                                           keys::kFirstLaunchDate,
+                                           keys::kInstallDate,
+                                           keys::kLastVersion,
+                                           keys::kDate3,
+                                           keys::kTimePassedSincePrevLaunch,
+                                           keys::kUserId,
+                                           keys::kOriginalUserId,
+                                           keys::kReInstallCounter,
+                                           keys::kConversionDataRequestRetries,
+                                           keys::kHoplineDomain,
+                                           keys::kHoplineVersion,
+                                           keys::kHoplineScheme,
+                                           keys::kInstallTimestamp,
+                                           keys::kSearchAdsAttribution,
+                                           keys::kConversionData,
+                                           keys::kConversionDataCacheExpiration,
+                                           keys::kGetConversionDataTiming,
+                                           keys::kDeviceToken};
+
+}  // namespace
+
+std::string TrackerCore::forgetMarkerPath() const {
+  return platform_->fileSystem->libraryDirectory() + "/" + kMarkerName;
+}
+
+bool TrackerCore::forgetThisInstall() {
+  setStopped(true);
+  auto& fs = *platform_->fileSystem;
+  fs.createDirectory(fs.libraryDirectory());
+  std::string reason;
+  if (!fs.writeFileAtomically(forgetMarkerPath(), Bytes{'1'}, &reason)) {
+    log_->log(kLogError, kMethod, "Quorvel cannot forget this install now (%@); nothing changed",
+              reason);
+    return false;
+  }
+  return eraseInstall();
+}
+
+void TrackerCore::finishForgettingIfStarted() {
+  if (!platform_->fileSystem->fileExists(forgetMarkerPath()))
+    return;
+  log_->log(kLogInfo, kMethod, "Quorvel finishes forgetting this install, cut short before");
+  eraseInstall();
+}
+
+bool TrackerCore::eraseInstall() {
+  bool whole = true;
+  for (const char* item : {keys::kKeychainIdItem, keys::kKeychainReinstallCounterItem}) {
+    const auto status = platform_->secureStore->remove(keys::kKeychainService, item);
+    whole = whole && (status == platform::SecureStatus::success ||
+                      status == platform::SecureStatus::itemNotFound);
+  }
+  whole = requestCache_->removeAll() && whole;
+  whole = platform_->fileSystem->forgetCreationDates() && whole;
+  whole = outbox_->forgetAll() && whole;
+  auto& prefs = *platform_->preferences;
+  if (!prefs.removeAllObjects()) {
+    for (const char* key : kPreferenceKeys)
+      prefs.removeObjectForKey(key);
+  }
+  prefs.setBool(keys::kStopped, true);  // forgetting stops; only the host lets it run again
+  whole = prefs.synchronize() && whole;
+  remoteDebugging_.clearData();
+  if (!whole) {
+    log_->log(kLogError, kMethod,
+              "Quorvel could not remove all of this install's data; the next start tries again");
+    return false;
+  }
+  platform_->fileSystem->removeFile(forgetMarkerPath());
+  log_->log(kLogInfo, kMethod,
+            "Quorvel forgot this install; it stays stopped until setStopped(false), and then "
+            "starts as a fresh install");
+  return true;
+}
+
+}  // namespace quorvel
