@@ -160,6 +160,31 @@ TEST(Forget, ForgettingLeavesOnlyTheStopFlagAndTheNextRunIsAFreshInstall) {
   EXPECT_FALSE(reports[0].contains("appUID"));
 }
 
+TEST(Forget, TheHostTestKitForgetsInMemoryAsWell) {
+  auto kit = testkit::makeTestPlatform(kKey);
+  QuorvelTracker tracker(kit.platform);
+  tracker.setQuorvelDevKey(std::string(kKey));
+  tracker.setAppleAppID(std::string("123456789"));
+  tracker.trackAppLaunch();
+  kit.transport->setResponder([](const auto&) { return testkit::Answer::offline(); });
+  tracker.trackEvent("kept", std::nullopt);
+  kit.dispatcher->advance(10s);
+  kit.transport->holdAnswers(true);
+  tracker.trackEvent("waiting", std::nullopt);
+  kit.dispatcher->advance(10s);
+  ASSERT_GT(kit.secureStore->size(), 0U);
+  ASSERT_GT(kit.outbox->size(), 0U);
+  const std::string kept = kit.fileSystem->cachesDirectory() + "/QuorvelCache";
+  ASSERT_EQ(kit.fileSystem->contentsOfDirectory(kept).value_or(std::vector<std::string>{}).size(),
+            3U);  // what went out while offline
+
+  EXPECT_TRUE(tracker.forgetThisInstall());
+  EXPECT_EQ(kit.secureStore->size(), 0U);
+  EXPECT_EQ(kit.outbox->size(), 0U);
+  EXPECT_EQ(Json(kit.preferences->durable()), stoppedOnly());
+  EXPECT_EQ(kit.fileSystem->contentsOfDirectory(kept), std::vector<std::string>{});
+}
+
 // One trial, in a process of its own so that the test's process never forks with threads:
 // copies the install, forgets it in a child killed after `delay` (none: never killed), then
 // starts once more and says what that start found. Exit 0: all of the install, 1: none of it,
