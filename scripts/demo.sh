@@ -60,6 +60,13 @@ demo=("$bin/demo/quorvel-demo" --host "$domain" --ca-file "$ca_file" --dev-key "
       --customer-id demo-user --currency EUR --min-session 0 --receipt "$state/receipt"
       --invite-template inv1)
 cache="$state/app/Library/Caches/QuorvelCache"
+# The demo's output without its indented detail, but for what describes the installation and
+# the device: those headings stand for the lines under them.
+brief() {
+  awk '/^[^ ]/ { whole = ($0 == "Installation" || $0 == "Device") }
+       /^  / && !whole { next }
+       { print; fflush() }'
+}
 
 if [ "$#" -gt 0 ]; then
   "${demo[@]}" "$@"
@@ -70,24 +77,24 @@ else
     "event purchase_made 9.99" 'event-values level_reached {"level": 3, "name": "castle"}' \
     "location 13.4 52.5" "emails 3 user@example.com" "purchase gems 0.99 USD tx-1001" \
     "register-token 0a1b2c3d4e5f6071" "invite sms" "cross-promo 987654321 spring" \
-    "impression 987654321 spring" idle background | tee "$state/first.out" | grep -v '^  '
+    "impression 987654321 spring" idle background | tee "$state/first.out" | brief
   invite=$(sed -n 's/^< invite link \[[^]]*\] //p' "$state/first.out" | head -1)
 
   echo
   echo "=== 2. second launch, opened through the invite's short link"
-  "${demo[@]}" "universal-link $invite" launch conversion-data | grep -v '^  '
+  "${demo[@]}" "universal-link $invite" launch conversion-data | brief
 
   echo
   echo "=== 3. the service goes offline: events are kept as files"
   fault offline
-  "${demo[@]}" "event tutorial_done 1" "event level_reached 4" | grep -v '^  '
+  "${demo[@]}" "event tutorial_done 1" "event level_reached 4" | brief
   echo "kept for replay:"
   ls -1 "$cache"
 
   echo
   echo "=== 4. the service is back: the next launch succeeds and the kept events are replayed"
   fault online
-  "${demo[@]}" launch | grep -v '^  '
+  "${demo[@]}" launch | brief
   echo "left in the cache: $(ls -1 "$cache" | wc -l) files"
 fi
 
