@@ -8,7 +8,7 @@ cmake_minimum_required(VERSION 3.25)
 
 set(facade_headers QuorvelTracker.h QuorvelLinkGenerator.h QuorvelShareInviteHelper.h
     QuorvelCrossPromotionHelper.h)
-set(facade_layers tracker links)
+set(facade_layers tracker links capi)
 set(same_rank device cache)
 
 string(REPLACE "," ";" LAYERS "${LAYERS}")

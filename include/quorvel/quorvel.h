@@ -1,0 +1,219 @@
+/* Quorvel's C API: for hosts that cannot hold a C++ class across a library boundary (engines
+ * through P/Invoke or their plugin interfaces, scripting languages through their foreign
+ * function interfaces).
+ *
+ * Conventions:
+ * - A tracker is an opaque handle, made by quorvel_tracker_create and released by
+ *   quorvel_tracker_destroy. Every function may be called from any thread.
+ * - Strings are UTF-8 and passed with their length in bytes; they need no terminating zero.
+ *   A NULL pointer with length 0 is "not set". The library copies what it keeps.
+ * - Strings the library hands out are copied into the caller's buffer: the function writes
+ *   at most `capacity` bytes, sets `*length` to the whole length, and returns
+ *   QUORVEL_ERROR_BUFFER_TOO_SMALL when the buffer was too small (call again with a larger one).
+ * - Structs that may grow carry their own size in their first field: set it to
+ *   sizeof(the struct) (the *_init functions do), so that a library newer than the header a
+ *   host was built with reads only the fields that host knows.
+ * - Nothing throws; a failure is a status code and a line in the library's log.
+ * - Callbacks are a function pointer and a `user_data` pointer handed back unchanged. Each
+ *   says which thread it arrives on; none arrives while the library holds a lock, so a
+ *   callback may call the library back, but it should return quickly.
+ */
+#ifndef QUORVEL_QUORVEL_H
+#define QUORVEL_QUORVEL_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#if defined(__GNUC__)
+#define QUORVEL_C_API __attribute__((visibility("default")))
+#else
+#define QUORVEL_C_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* The version of the C API this header describes. A library accepts hosts built with its own
+ * version or an older one of the same major version. */
+#define QUORVEL_C_API_VERSION_MAJOR 1
+#define QUORVEL_C_API_VERSION_MINOR 0
+#define QUORVEL_C_API_VERSION (QUORVEL_C_API_VERSION_MAJOR * 1000 + QUORVEL_C_API_VERSION_MINOR)
+
+typedef enum quorvel_status {
+  QUORVEL_OK = 0,
+  QUORVEL_ERROR_INVALID_ARGUMENT = 1, /* a NULL handle, a bad struct size, malformed JSON */
+  QUORVEL_ERROR_BUFFER_TOO_SMALL = 2, /* `*length` says how many bytes are needed */
+  QUORVEL_ERROR_VERSION_MISMATCH = 3, /* the header is newer than the library */
+  QUORVEL_ERROR_FAILED = 4,           /* the library could not do it (see its log) */
+  QUORVEL_ERROR_TIMED_OUT = 5         /* a flush ended with reports still unanswered */
+} quorvel_status;
+
+typedef struct quorvel_tracker quorvel_tracker;
+
+/* The library's version text ("4.8.0"), zero-terminated, static. */
+QUORVEL_C_API const char* quorvel_version(void);
+/* The C API version the library implements (QUORVEL_C_API_VERSION of its own header). */
+QUORVEL_C_API int quorvel_api_version(void);
+/* QUORVEL_OK when a host built with `header_version` can use this library: call it as
+ * quorvel_check_version(QUORVEL_C_API_VERSION) before anything else. */
+QUORVEL_C_API quorvel_status quorvel_check_version(int header_version);
+/* A short English text for a status code, static. */
+QUORVEL_C_API const char* quorvel_status_text(quorvel_status status);
+
+/* --- Creating a tracker ------------------------------------------------------------------ */
+
+typedef struct quorvel_options {
+  size_t struct_size; /* sizeof(quorvel_options) */
+  /* The app's own data folder (the library's files go under it) and its secure-store folder.
+   * Not set: the defaults for the bundle identifier under the user's data folder. */
+  const char* data_directory;
+  size_t data_directory_length;
+  const char* keychain_directory;
+  size_t keychain_directory_length;
+  /* The app's bundle identifier ("com.example.game"). */
+  const char* bundle_identifier;
+  size_t bundle_identifier_length;
+  /* The collection services' domain (default: the production domain). */
+  const char* service_domain;
+  size_t service_domain_length;
+  /* A PEM file of extra certificate authorities to trust beside the system's. */
+  const char* extra_ca_file;
+  size_t extra_ca_file_length;
+} quorvel_options;
+
+/* Sets `struct_size` and leaves every option unset. */
+QUORVEL_C_API void quorvel_options_init(quorvel_options* options);
+
+/* Makes a tracker on the POSIX platform with `options` (NULL: all defaults). */
+QUORVEL_C_API quorvel_status quorvel_tracker_create(const quorvel_options* options,
+                                                    quorvel_tracker** tracker);
+/* Releases the tracker: it stops calling the host's callbacks before this returns. Reports
+ * not yet answered stay in the outbox for the next start (flush first to wait for them). */
+QUORVEL_C_API void quorvel_tracker_destroy(quorvel_tracker* tracker);
+
+/* --- Settings -------------------------------------------------------------------------- */
+
+QUORVEL_C_API quorvel_status quorvel_set_dev_key(quorvel_tracker* tracker, const char* key,
+                                                 size_t length);
+QUORVEL_C_API quorvel_status quorvel_set_app_id(quorvel_tracker* tracker, const char* app_id,
+                                                size_t length);
+QUORVEL_C_API quorvel_status quorvel_set_customer_user_id(quorvel_tracker* tracker, const char* id,
+                                                          size_t length);
+QUORVEL_C_API quorvel_status quorvel_set_currency_code(quorvel_tracker* tracker, const char* code,
+                                                       size_t length);
+QUORVEL_C_API quorvel_status quorvel_set_debug(quorvel_tracker* tracker, int on);
+QUORVEL_C_API quorvel_status quorvel_set_min_time_between_sessions(quorvel_tracker* tracker,
+                                                                   uint64_t seconds);
+/* The install's identifier, made at the first call. */
+QUORVEL_C_API quorvel_status quorvel_get_uid(quorvel_tracker* tracker, char* buffer,
+                                             size_t capacity, size_t* length);
+
+/* --- Reports ------------------------------------------------------------------------------ */
+
+/* The app became active. */
+QUORVEL_C_API quorvel_status quorvel_track_app_launch(quorvel_tracker* tracker);
+/* An in-app event with one optional value. */
+QUORVEL_C_API quorvel_status quorvel_track_event(quorvel_tracker* tracker, const char* name,
+                                                 size_t name_length, const char* value,
+                                                 size_t value_length);
+/* An in-app event with values: `values_json` is a JSON object. */
+QUORVEL_C_API quorvel_status quorvel_track_event_with_values(quorvel_tracker* tracker,
+                                                             const char* name, size_t name_length,
+                                                             const char* values_json,
+                                                             size_t values_json_length);
+/* The app was opened with a URL (a deep link), from the source application if known. */
+QUORVEL_C_API quorvel_status quorvel_handle_open_url(quorvel_tracker* tracker, const char* url,
+                                                     size_t url_length, const char* source,
+                                                     size_t source_length);
+/* The app was opened through a web link (a universal link). */
+QUORVEL_C_API quorvel_status quorvel_continue_web_link(quorvel_tracker* tracker, const char* url,
+                                                       size_t url_length);
+
+/* What became of a purchase's validation: `succeeded` 1 with the service's verdict, 0 with
+ * the error or the service's answer. `json` (not zero-terminated) is valid during the call.
+ * Arrives on a library thread. */
+typedef void (*quorvel_purchase_callback)(void* user_data, int succeeded, const char* json,
+                                          size_t json_length);
+typedef struct quorvel_purchase {
+  size_t struct_size; /* sizeof(quorvel_purchase) */
+  const char* product_id;
+  size_t product_id_length;
+  const char* price;
+  size_t price_length;
+  const char* currency;
+  size_t currency_length;
+  const char* transaction_id;
+  size_t transaction_id_length;
+  quorvel_purchase_callback callback; /* optional */
+  void* user_data;
+} quorvel_purchase;
+QUORVEL_C_API void quorvel_purchase_init(quorvel_purchase* purchase);
+/* Reports a store purchase and has its receipt validated by the service. */
+QUORVEL_C_API quorvel_status quorvel_validate_and_track_purchase(quorvel_tracker* tracker,
+                                                                 const quorvel_purchase* purchase);
+/* The push token, for uninstall measurement. */
+QUORVEL_C_API quorvel_status quorvel_register_uninstall(quorvel_tracker* tracker,
+                                                        const uint8_t* token, size_t length);
+
+/* --- Attribution callbacks ---------------------------------------------------------------- */
+
+/* `json` (not zero-terminated) is valid during the call only. */
+typedef void (*quorvel_json_callback)(void* user_data, const char* json, size_t json_length);
+/* An error: its code and its description. */
+typedef void (*quorvel_error_callback)(void* user_data, int64_t code, const char* message,
+                                       size_t message_length);
+typedef struct quorvel_callbacks {
+  size_t struct_size; /* sizeof(quorvel_callbacks) */
+  void* user_data;
+  /* The install's conversion data: on a library thread when fresh from the service, on the
+   * library's main-queue thread when from the stored copy. */
+  quorvel_json_callback on_conversion_data;
+  /* Conversion data could not be loaded: on a library thread. */
+  quorvel_error_callback on_conversion_data_failure;
+  /* The app was opened through an attributed link: on the library's main-queue thread. */
+  quorvel_json_callback on_app_open_attribution;
+} quorvel_callbacks;
+QUORVEL_C_API void quorvel_callbacks_init(quorvel_callbacks* callbacks);
+/* Installs the callbacks (a copy; NULL removes them). No callback runs after the next
+ * quorvel_set_callbacks or quorvel_tracker_destroy has returned. */
+QUORVEL_C_API quorvel_status quorvel_set_callbacks(quorvel_tracker* tracker,
+                                                   const quorvel_callbacks* callbacks);
+/* Asks for the install's conversion data, delivered to on_conversion_data. */
+QUORVEL_C_API quorvel_status quorvel_get_conversion_data(quorvel_tracker* tracker);
+
+/* --- Delivery ----------------------------------------------------------------------------- */
+
+/* Waits at most `timeout_ms` until every report accepted so far is answered (or kept).
+ * QUORVEL_ERROR_TIMED_OUT when some were still on their way. */
+QUORVEL_C_API quorvel_status quorvel_flush(quorvel_tracker* tracker, uint32_t timeout_ms);
+
+typedef struct quorvel_delivery_stats {
+  size_t struct_size; /* sizeof(quorvel_delivery_stats) */
+  uint64_t accepted;
+  uint64_t delivered;
+  uint64_t waiting;
+  uint64_t kept_as_files;
+  uint64_t dropped_over_size;
+  uint64_t dropped_over_age;
+  uint64_t dropped_by_rule;
+  uint64_t repeated;
+  int data_directory_held_elsewhere;
+} quorvel_delivery_stats;
+/* Fills `stats`, whose struct_size the caller sets. */
+QUORVEL_C_API quorvel_status quorvel_get_delivery_stats(quorvel_tracker* tracker,
+                                                        quorvel_delivery_stats* stats);
+
+/* --- Consent ------------------------------------------------------------------------------ */
+
+/* Stops (1) or lets run (0); kept across starts. */
+QUORVEL_C_API quorvel_status quorvel_set_stopped(quorvel_tracker* tracker, int stopped);
+QUORVEL_C_API int quorvel_is_stopped(quorvel_tracker* tracker);
+/* Stops, then removes everything the library keeps for the app. */
+QUORVEL_C_API quorvel_status quorvel_forget_this_install(quorvel_tracker* tracker);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* QUORVEL_QUORVEL_H */

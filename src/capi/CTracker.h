@@ -1,0 +1,70 @@
+// What a C handle holds: the tracker and the host's callbacks, which are guarded so that none
+// runs once the host has replaced them or destroyed the handle.
+#pragma once
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string_view>
+
+#include <quorvel/QuorvelTracker.h>
+#include <quorvel/quorvel.h>
+
+namespace quorvel::capi {
+
+// The host's callbacks, shared with the library's threads. A call runs outside the lock; a
+// replacement waits for the calls under way, unless it is made from inside one of them.
+class CallbackBox {
+ public:
+  // Runs `call` with the current callbacks unless the box is closed. False when closed.
+  template <typename Call>
+  bool invoke(Call&& call) {
+    quorvel_callbacks current{};
+    {
+      const std::lock_guard lock(mutex_);
+      if (closed_)
+        return false;
+      current = callbacks_;
+      ++running_;
+    }
+    ++depth();
+    call(current);
+    --depth();
+    const std::lock_guard lock(mutex_);
+    if (--running_ == 0)
+      idle_.notify_all();
+    return true;
+  }
+  void replace(const quorvel_callbacks& callbacks);
+  // No callback of this box runs once this returns (but for one that makes the call).
+  void close();
+
+ private:
+  static int& depth();
+  void waitForCallsLocked(std::unique_lock<std::mutex>& lock);
+
+  std::mutex mutex_;
+  std::condition_variable idle_;
+  quorvel_callbacks callbacks_{};
+  int running_ = 0;
+  bool closed_ = false;
+};
+
+}  // namespace quorvel::capi
+
+struct quorvel_tracker {
+  std::shared_ptr<quorvel::capi::CallbackBox> callbacks =
+      std::make_shared<quorvel::capi::CallbackBox>();
+  std::shared_ptr<quorvel::QuorvelTrackerDelegate> delegate;
+  std::unique_ptr<quorvel::QuorvelTracker> tracker;
+};
+
+namespace quorvel::capi {
+
+// The text of (pointer, length), or nullopt for NULL.
+std::optional<std::string> textOf(const char* data, std::size_t length);
+// Copies `text` out through the caller's buffer.
+quorvel_status copyOut(std::string_view text, char* buffer, std::size_t capacity,
+                       std::size_t* length);
+
+}  // namespace quorvel::capi

@@ -1,0 +1,440 @@
+// The C API over the tracker: handles, length-delimited strings, status codes, and callbacks
+// that never run once the host has replaced them or destroyed the handle.
+#include <quorvel/CHandle.h>
+#include <quorvel/Platform.h>
+#include <quorvel/QuorvelTracker.h>
+#include <quorvel/Version.h>
+#include <quorvel/quorvel.h>
+
+#include <cstring>
+
+#include "capi/CTracker.h"
+
+namespace quorvel::capi {
+
+int& CallbackBox::depth() {
+  thread_local int calls = 0;
+  return calls;
+}
+
+void CallbackBox::waitForCallsLocked(std::unique_lock<std::mutex>& lock) {
+  // From inside a callback the call under way is the caller's own: waiting would never end.
+  if (depth() == 0)
+    idle_.wait(lock, [this] { return running_ == 0; });
+}
+
+void CallbackBox::replace(const quorvel_callbacks& callbacks) {
+  std::unique_lock lock(mutex_);
+  callbacks_ = callbacks;
+  waitForCallsLocked(lock);
+}
+
+void CallbackBox::close() {
+  std::unique_lock lock(mutex_);
+  closed_ = true;
+  waitForCallsLocked(lock);
+}
+
+std::optional<std::string> textOf(const char* data, std::size_t length) {
+  if (data == nullptr)
+    return std::nullopt;
+  return std::string(data, length);
+}
+
+quorvel_status copyOut(std::string_view text, char* buffer, std::size_t capacity,
+                       std::size_t* length) {
+  if (length != nullptr)
+    *length = text.size();
+  if (buffer != nullptr && capacity > 0)
+    std::memcpy(buffer, text.data(), std::min(capacity, text.size()));
+  return capacity >= text.size() ? QUORVEL_OK : QUORVEL_ERROR_BUFFER_TOO_SMALL;
+}
+
+namespace {
+
+// A struct from a host built against an older header carries fewer fields: copy what it has.
+template <typename Struct>
+bool readSized(const Struct* given, Struct& out) {
+  if (given == nullptr || given->struct_size < sizeof(std::size_t))
+    return false;
+  std::memset(&out, 0, sizeof out);
+  std::memcpy(&out, given, std::min(given->struct_size, sizeof out));
+  out.struct_size = sizeof out;
+  return true;
+}
+
+std::string jsonText(const Json& value) {
+  return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+std::shared_ptr<QuorvelTrackerDelegate> delegateFor(std::shared_ptr<CallbackBox> box) {
+  auto delegate = std::make_shared<QuorvelTrackerDelegate>();
+  delegate->onConversionDataReceived = [box](const Json& data) {
+    const std::string text = jsonText(data);
+    box->invoke([&](const quorvel_callbacks& c) {
+      if (c.on_conversion_data != nullptr)
+        c.on_conversion_data(c.user_data, text.data(), text.size());
+    });
+  };
+  delegate->onConversionDataRequestFailure = [box](const Error& error) {
+    const std::string text = error.localizedDescription;
+    box->invoke([&](const quorvel_callbacks& c) {
+      if (c.on_conversion_data_failure != nullptr)
+        c.on_conversion_data_failure(c.user_data, error.code, text.data(), text.size());
+    });
+  };
+  delegate->onAppOpenAttribution = [box](const Json& data) {
+    const std::string text = jsonText(data);
+    box->invoke([&](const quorvel_callbacks& c) {
+      if (c.on_app_open_attribution != nullptr)
+        c.on_app_open_attribution(c.user_data, text.data(), text.size());
+    });
+  };
+  return delegate;
+}
+
+// Runs `call` on the handle's tracker, turning a missing handle into a status.
+template <typename Call>
+quorvel_status withTracker(quorvel_tracker* handle, Call&& call) {
+  if (handle == nullptr || !handle->tracker)
+    return QUORVEL_ERROR_INVALID_ARGUMENT;
+  try {
+    return call(*handle->tracker);
+  } catch (...) {
+    return QUORVEL_ERROR_FAILED;  // out of memory while copying the arguments
+  }
+}
+
+}  // namespace
+}  // namespace quorvel::capi
+
+namespace quorvel {
+
+quorvel_tracker* makeCTrackerHandle(std::shared_ptr<const Platform> platform) noexcept {
+  try {
+    auto handle = std::make_unique<quorvel_tracker>();
+    handle->tracker = std::make_unique<QuorvelTracker>(std::move(platform));
+    handle->delegate = capi::delegateFor(handle->callbacks);
+    handle->tracker->setDelegate(handle->delegate);
+    return handle.release();  // owned by the host until quorvel_tracker_destroy
+  } catch (...) {
+    return nullptr;
+  }
+}
+
+}  // namespace quorvel
+
+using quorvel::Json;
+using quorvel::QuorvelTracker;
+using quorvel::capi::textOf;
+using quorvel::capi::withTracker;
+
+extern "C" {
+
+const char* quorvel_version(void) {
+  return quorvel::kQuorvelSDKVersion;
+}
+
+int quorvel_api_version(void) {
+  return QUORVEL_C_API_VERSION;
+}
+
+quorvel_status quorvel_check_version(int header_version) {
+  const bool sameMajor = header_version / 1000 == QUORVEL_C_API_VERSION_MAJOR;
+  return sameMajor && header_version <= QUORVEL_C_API_VERSION ? QUORVEL_OK
+                                                              : QUORVEL_ERROR_VERSION_MISMATCH;
+}
+
+const char* quorvel_status_text(quorvel_status status) {
+  switch (status) {
+    case QUORVEL_OK:
+      return "ok";
+    case QUORVEL_ERROR_INVALID_ARGUMENT:
+      return "invalid argument";
+    case QUORVEL_ERROR_BUFFER_TOO_SMALL:
+      return "buffer too small";
+    case QUORVEL_ERROR_VERSION_MISMATCH:
+      return "the library is older than the header";
+    case QUORVEL_ERROR_FAILED:
+      return "failed";
+    case QUORVEL_ERROR_TIMED_OUT:
+      return "timed out";
+  }
+  return "unknown status";
+}
+
+void quorvel_options_init(quorvel_options* options) {
+  if (options == nullptr)
+    return;
+  std::memset(options, 0, sizeof *options);
+  options->struct_size = sizeof *options;
+}
+
+quorvel_status quorvel_tracker_create(const quorvel_options* given, quorvel_tracker** tracker) {
+  if (tracker == nullptr)
+    return QUORVEL_ERROR_INVALID_ARGUMENT;
+  *tracker = nullptr;
+  quorvel_options o;
+  quorvel_options_init(&o);
+  if (given != nullptr && !quorvel::capi::readSized(given, o))
+    return QUORVEL_ERROR_INVALID_ARGUMENT;
+  try {
+    quorvel::PosixPlatformOptions options;
+    if (auto v = textOf(o.data_directory, o.data_directory_length))
+      options.dataDirectory = *v;
+    if (auto v = textOf(o.keychain_directory, o.keychain_directory_length))
+      options.keychainDirectory = *v;
+    if (auto v = textOf(o.bundle_identifier, o.bundle_identifier_length))
+      options.bundleIdentifier = *v;
+    options.extraCAFile = textOf(o.extra_ca_file, o.extra_ca_file_length);
+    auto platform = std::make_shared<const quorvel::Platform>(quorvel::makePosixPlatform(options));
+    quorvel_tracker* handle = quorvel::makeCTrackerHandle(std::move(platform));
+    if (handle == nullptr)
+      return QUORVEL_ERROR_FAILED;
+    if (auto domain = textOf(o.service_domain, o.service_domain_length))
+      handle->tracker->setHost(domain);
+    *tracker = handle;
+    return QUORVEL_OK;
+  } catch (...) {
+    return QUORVEL_ERROR_FAILED;
+  }
+}
+
+void quorvel_tracker_destroy(quorvel_tracker* tracker) {
+  if (tracker == nullptr)
+    return;
+  tracker->callbacks->close();
+  delete tracker;  // NOLINT(cppcoreguidelines-owning-memory): the host's handle ends here
+}
+
+quorvel_status quorvel_set_dev_key(quorvel_tracker* tracker, const char* key, size_t length) {
+  return withTracker(tracker, [&](QuorvelTracker& t) {
+    t.setQuorvelDevKey(textOf(key, length));
+    return QUORVEL_OK;
+  });
+}
+
+quorvel_status quorvel_set_app_id(quorvel_tracker* tracker, const char* app_id, size_t length) {
+  return withTracker(tracker, [&](QuorvelTracker& t) {
+    t.setAppleAppID(textOf(app_id, length));
+    return QUORVEL_OK;
+  });
+}
+
+quorvel_status quorvel_set_customer_user_id(quorvel_tracker* tracker, const char* id,
+                                            size_t length) {
+  return withTracker(tracker, [&](QuorvelTracker& t) {
+    t.setCustomerUserID(textOf(id, length));
+    return QUORVEL_OK;
+  });
+}
+
+quorvel_status quorvel_set_currency_code(quorvel_tracker* tracker, const char* code,
+                                         size_t length) {
+  return withTracker(tracker, [&](QuorvelTracker& t) {
+    t.setCurrencyCode(textOf(code, length));
+    return QUORVEL_OK;
+  });
+}
+
+quorvel_status quorvel_set_debug(quorvel_tracker* tracker, int on) {
+  return withTracker(tracker, [&](QuorvelTracker& t) {
+    t.setIsDebug(on != 0);
+    return QUORVEL_OK;
+  });
+}
+
+quorvel_status quorvel_set_min_time_between_sessions(quorvel_tracker* tracker, uint64_t seconds) {
+  return withTracker(tracker, [&](QuorvelTracker& t) {
+    t.setMinTimeBetweenSessions(seconds);
+    return QUORVEL_OK;
+  });
+}
+
+quorvel_status quorvel_get_uid(quorvel_tracker* tracker, char* buffer, size_t capacity,
+                               size_t* length) {
+  return withTracker(tracker, [&](QuorvelTracker& t) {
+    return quorvel::capi::copyOut(t.getQuorvelUID(), buffer, capacity, length);
+  });
+}
+
+quorvel_status quorvel_track_app_launch(quorvel_tracker* tracker) {
+  return withTracker(tracker, [&](QuorvelTracker& t) {
+    t.trackAppLaunch();
+    return QUORVEL_OK;
+  });
+}
+
+quorvel_status quorvel_track_event(quorvel_tracker* tracker, const char* name, size_t name_length,
+                                   const char* value, size_t value_length) {
+  if (name == nullptr)
+    return QUORVEL_ERROR_INVALID_ARGUMENT;
+  return withTracker(tracker, [&](QuorvelTracker& t) {
+    t.trackEvent(std::string(name, name_length), textOf(value, value_length));
+    return QUORVEL_OK;
+  });
+}
+
+quorvel_status quorvel_track_event_with_values(quorvel_tracker* tracker, const char* name,
+                                               size_t name_length, const char* values_json,
+                                               size_t values_json_length) {
+  if (name == nullptr || values_json == nullptr)
+    return QUORVEL_ERROR_INVALID_ARGUMENT;
+  return withTracker(tracker, [&](QuorvelTracker& t) {
+    Json values = Json::parse(std::string_view(values_json, values_json_length), nullptr, false);
+    if (!values.is_object())
+      return QUORVEL_ERROR_INVALID_ARGUMENT;
+    t.trackEventWithValues(std::string(name, name_length), std::move(values));
+    return QUORVEL_OK;
+  });
+}
+
+quorvel_status quorvel_handle_open_url(quorvel_tracker* tracker, const char* url, size_t url_length,
+                                       const char* source, size_t source_length) {
+  if (url == nullptr)
+    return QUORVEL_ERROR_INVALID_ARGUMENT;
+  return withTracker(tracker, [&](QuorvelTracker& t) {
+    t.handleOpenURL(std::string(url, url_length), textOf(source, source_length));
+    return QUORVEL_OK;
+  });
+}
+
+quorvel_status quorvel_continue_web_link(quorvel_tracker* tracker, const char* url,
+                                         size_t url_length) {
+  if (url == nullptr)
+    return QUORVEL_ERROR_INVALID_ARGUMENT;
+  return withTracker(tracker, [&](QuorvelTracker& t) {
+    quorvel::QuorvelUserActivity activity;
+    activity.activityType = quorvel::kQuorvelUserActivityTypeBrowsingWeb;
+    activity.webpageURL = std::string(url, url_length);
+    t.continueUserActivity(activity, nullptr);
+    return QUORVEL_OK;
+  });
+}
+
+void quorvel_purchase_init(quorvel_purchase* purchase) {
+  if (purchase == nullptr)
+    return;
+  std::memset(purchase, 0, sizeof *purchase);
+  purchase->struct_size = sizeof *purchase;
+}
+
+quorvel_status quorvel_validate_and_track_purchase(quorvel_tracker* tracker,
+                                                   const quorvel_purchase* given) {
+  quorvel_purchase p;
+  if (!quorvel::capi::readSized(given, p))
+    return QUORVEL_ERROR_INVALID_ARGUMENT;
+  return withTracker(tracker, [&](QuorvelTracker& t) {
+    const auto box = tracker->callbacks;
+    const auto report = [box, callback = p.callback, userData = p.user_data](
+                            bool succeeded, const quorvel::Json& answer) {
+      if (callback == nullptr)
+        return;
+      const std::string text = quorvel::capi::jsonText(answer);
+      // Through the handle's box, so that no purchase outcome arrives after its destruction.
+      box->invoke([&](const quorvel_callbacks&) {
+        callback(userData, succeeded ? 1 : 0, text.data(), text.size());
+      });
+    };
+    t.validateAndTrackInAppPurchase(
+        textOf(p.product_id, p.product_id_length), textOf(p.price, p.price_length),
+        textOf(p.currency, p.currency_length), textOf(p.transaction_id, p.transaction_id_length),
+        std::nullopt, [report](const quorvel::Json& response) { report(true, response); },
+        [report](const std::optional<quorvel::Error>& error, const quorvel::Json& response) {
+          quorvel::Json failure = quorvel::Json::object();
+          if (error) {
+            failure["error"] = {{"domain", error->domain},
+                                {"code", error->code},
+                                {"description", error->localizedDescription}};
+          }
+          failure["response"] = response.is_binary() ? quorvel::Json(nullptr) : response;
+          report(false, failure);
+        });
+    return QUORVEL_OK;
+  });
+}
+
+quorvel_status quorvel_register_uninstall(quorvel_tracker* tracker, const uint8_t* token,
+                                          size_t length) {
+  if (token == nullptr || length == 0)
+    return QUORVEL_ERROR_INVALID_ARGUMENT;
+  return withTracker(tracker, [&](QuorvelTracker& t) {
+    t.registerUninstall(quorvel::Bytes(token, token + length));
+    return QUORVEL_OK;
+  });
+}
+
+void quorvel_callbacks_init(quorvel_callbacks* callbacks) {
+  if (callbacks == nullptr)
+    return;
+  std::memset(callbacks, 0, sizeof *callbacks);
+  callbacks->struct_size = sizeof *callbacks;
+}
+
+quorvel_status quorvel_set_callbacks(quorvel_tracker* tracker, const quorvel_callbacks* given) {
+  if (tracker == nullptr)
+    return QUORVEL_ERROR_INVALID_ARGUMENT;
+  quorvel_callbacks c;
+  quorvel_callbacks_init(&c);
+  if (given != nullptr && !quorvel::capi::readSized(given, c))
+    return QUORVEL_ERROR_INVALID_ARGUMENT;
+  tracker->callbacks->replace(c);
+  return QUORVEL_OK;
+}
+
+quorvel_status quorvel_get_conversion_data(quorvel_tracker* tracker) {
+  return withTracker(tracker, [&](QuorvelTracker& t) {
+    t.getConversionData();
+    return QUORVEL_OK;
+  });
+}
+
+quorvel_status quorvel_flush(quorvel_tracker* tracker, uint32_t timeout_ms) {
+  return withTracker(tracker, [&](QuorvelTracker& t) {
+    return t.flush(std::chrono::milliseconds(timeout_ms)) ? QUORVEL_OK : QUORVEL_ERROR_TIMED_OUT;
+  });
+}
+
+quorvel_status quorvel_get_delivery_stats(quorvel_tracker* tracker, quorvel_delivery_stats* stats) {
+  if (stats == nullptr || stats->struct_size < sizeof(std::size_t))
+    return QUORVEL_ERROR_INVALID_ARGUMENT;
+  return withTracker(tracker, [&](QuorvelTracker& t) {
+    const quorvel::QuorvelDeliveryStats s = t.deliveryStats();
+    quorvel_delivery_stats out{};
+    out.struct_size = sizeof out;
+    out.accepted = s.accepted;
+    out.delivered = s.delivered;
+    out.waiting = s.waiting;
+    out.kept_as_files = s.keptAsFiles;
+    out.dropped_over_size = s.droppedOverSize;
+    out.dropped_over_age = s.droppedOverAge;
+    out.dropped_by_rule = s.droppedByRule;
+    out.repeated = s.repeated;
+    out.data_directory_held_elsewhere = s.dataDirectoryHeldElsewhere ? 1 : 0;
+    // Only the fields the caller's struct has; its size stays the caller's.
+    const std::size_t size = std::min(stats->struct_size, sizeof out);
+    std::memcpy(reinterpret_cast<char*>(stats) + sizeof(std::size_t),
+                reinterpret_cast<const char*>(&out) + sizeof(std::size_t),
+                size - sizeof(std::size_t));
+    return QUORVEL_OK;
+  });
+}
+
+quorvel_status quorvel_set_stopped(quorvel_tracker* tracker, int stopped) {
+  return withTracker(tracker, [&](QuorvelTracker& t) {
+    t.setStopped(stopped != 0);
+    return QUORVEL_OK;
+  });
+}
+
+int quorvel_is_stopped(quorvel_tracker* tracker) {
+  return tracker != nullptr && tracker->tracker && tracker->tracker->isStopped() ? 1 : 0;
+}
+
+quorvel_status quorvel_forget_this_install(quorvel_tracker* tracker) {
+  return withTracker(tracker, [&](QuorvelTracker& t) {
+    return t.forgetThisInstall() ? QUORVEL_OK : QUORVEL_ERROR_FAILED;
+  });
+}
+
+}  // extern "C"
