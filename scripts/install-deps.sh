@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the project needs: to build the library and its tools (the
 # main job), and with --tests also what the test command uses (GoogleTest, Google Benchmark,
-# clang for the fuzzers, Chromium for the inspector's test, the format and lint tools).
+# clang for the fuzzers, Chromium for the inspector's test, the format and lint tools,
+# abigail-tools for the C API's ABI check).
 # Idempotent; needs root (or sudo).
 set -euo pipefail
 
@@ -14,7 +15,7 @@ if [ "${1:-}" = "--tests" ]; then
   packages+=(
     libgtest-dev libgmock-dev libbenchmark-dev
     clang-format clang-tidy clang libclang-rt-dev
-    chromium chromium-driver
+    chromium chromium-driver abigail-tools
   )
 fi
 

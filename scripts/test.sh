@@ -2,7 +2,8 @@
 # Installs what is needed, builds and runs the whole test suite: plain, under
 # AddressSanitizer + UndefinedBehaviorSanitizer, and under ThreadSanitizer (warnings are errors
 # in each); smoke-runs the benchmarks; builds the plain and shared configurations without a
-# preset; then runs each fuzz target for a bounded time.
+# preset; checks the C API against its ABI baseline; then runs each fuzz target for a bounded
+# time.
 # Choose presets with QUORVEL_TEST_PRESETS="dev asan-ubsan".
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -34,6 +35,9 @@ if [ "${QUORVEL_TEST_CONFIGURATIONS:-1}" != 0 ]; then
     cmake --build "build/plain-shared-$shared" --parallel "$jobs" >/dev/null
   done
 fi
+# The C API against its baseline: a removed or changed C function fails.
+step "C API: ABI check against abi/libquorvel.abi"
+bash scripts/abi-check.sh
 # Each fuzz target for a bounded time (QUORVEL_FUZZ_SECONDS=0 skips it).
 fuzz_seconds="${QUORVEL_FUZZ_SECONDS:-30}"
 if [ "$fuzz_seconds" -gt 0 ]; then

@@ -51,8 +51,12 @@ for kind in static shared; do
     if grep -q "quorvel::QuorvelHTTPClient::" <<<"$exported"; then
       echo "internal classes are exported"; exit 1
     fi
-    # Its threads run its code until exit: dlclose() must leave it mapped. (Exported unique
-    # symbols of the standard library happen to pin it too; the flag does not rely on them.)
+    # Nothing but the C API and the quorvel namespace: the standard library's templates stay in.
+    grep -q -E " quorvel_track_event(@@.*)?$" <<<"$exported" || { echo "the C API is not exported"; exit 1; }
+    if grep -v -E " (quorvel_|quorvel::|typeinfo|vtable|VTT|non-virtual thunk|virtual thunk|guard variable)|QUORVEL_" <<<"$exported"; then
+      echo "symbols outside the API are exported"; exit 1
+    fi
+    # Its threads run its code until exit: dlclose() must leave it mapped.
     readelf -d "$library" | grep -q NODELETE || { echo "libquorvel can be unloaded"; exit 1; }
   fi
 
@@ -71,6 +75,13 @@ for kind in static shared; do
   run_demo "$work/demo-pc-$kind" "$work/run-pc-$kind"
 
   if [ "$kind" = shared ]; then
+    echo "=== shared: a host written in C"
+    # shellcheck disable=SC2086
+    cc -std=c99 -Wall -Werror "$consumer/c_host.c" -o "$work/c_host" $flags -Wl,-rpath,"$libdir"
+    "$work/c_host" "$work/run-c/data"
+    [ -n "$(ls -A "$work/run-c/data/Library/Caches/QuorvelCache")" ] ||
+      { echo "the C host's event was not kept"; exit 1; }
+
     echo "=== shared: a plugin that brings the library in is unloaded while it works"
     # shellcheck disable=SC2086
     c++ -std=c++20 -shared -fPIC "$consumer/plugin.cpp" -o "$work/plugin.so" $flags \
@@ -81,4 +92,4 @@ for kind in static shared; do
       { echo "the plugin's events were not kept"; exit 1; }
   fi
 done
-echo "the demo built and ran four ways; the host test passed against the kit, static and shared; the library outlived its unloaded plugin"
+echo "the demo built and ran four ways; the host test passed against the kit, static and shared; a C host ran; the library outlived its unloaded plugin"
