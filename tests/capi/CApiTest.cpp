@@ -7,7 +7,8 @@
 #include <atomic>
 #include <thread>
 
-#include "capi/CSession.h"
+// In CSession.c: 1 when the session went as expected; otherwise 0 and the failed check.
+extern "C" int run_c_session(char* failure, size_t capacity);
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <stdio.h>
 #include <string.h>
 
-#include "capi/CSession.h"
+int run_c_session(char* failure, size_t capacity);
 
 #define KEY "C-API-DEV-KEY"
 #define ATTRIBUTION "{\"status\": \"unpaid\"}"
@@ -26,14 +26,6 @@ static void count_conversion_data(void* user_data, const char* json, size_t leng
 }
 
 /* The number of sent reports whose service is `service` and whose payload holds `text`. */
-static void count_conversion_failure(void* user_data, int64_t code, const char* message,
-                                     size_t length) {
-  (void)code;
-  (void)message;
-  (void)length;
-  *(int*)user_data += 100;
-}
-
 static int count_sent(quorvel_testkit* kit, const char* service, const char* text) {
   char buffer[8192];
   size_t length = 0;
@@ -70,7 +62,6 @@ int run_c_session(char* failure, size_t capacity) {
   quorvel_callbacks_init(&callbacks);
   callbacks.user_data = &conversions;
   callbacks.on_conversion_data = count_conversion_data;
-  callbacks.on_conversion_data_failure = count_conversion_failure;
   CHECK(quorvel_set_callbacks(tracker, &callbacks) == QUORVEL_OK);
   /* Lengths, not terminators: only the first 13 bytes are the key. */
   CHECK(quorvel_set_dev_key(tracker, KEY "-and-more", strlen(KEY)) == QUORVEL_OK);
@@ -104,6 +95,13 @@ int run_c_session(char* failure, size_t capacity) {
   stats.struct_size = sizeof stats;
   CHECK(quorvel_get_delivery_stats(tracker, &stats) == QUORVEL_OK);
   CHECK(stats.accepted >= 3 && stats.delivered == stats.accepted && stats.waiting == 0);
+
+  /* Forgetting, in the kit's memory: stopped, and nothing more leaves. */
+  CHECK(quorvel_forget_this_install(tracker) == QUORVEL_OK && quorvel_is_stopped(tracker) == 1);
+  length = quorvel_testkit_sent_count(kit);
+  CHECK(quorvel_track_event(tracker, "after", 5, NULL, 0) == QUORVEL_OK);
+  CHECK(quorvel_testkit_advance(kit, 10000) == QUORVEL_OK);
+  CHECK(quorvel_testkit_sent_count(kit) == length);
   ok = 1;
 
 done:
