@@ -2,7 +2,7 @@
 # Installs the Debian packages the project needs: to build the library and its tools (the
 # main job), and with --tests also what the test command uses (GoogleTest, Google Benchmark,
 # clang for the fuzzers, Chromium for the inspector's test, the format and lint tools,
-# abigail-tools for the C API's ABI check).
+# abigail-tools for the C API's ABI check, Python and pytest for the Python package's tests).
 # Idempotent; needs root (or sudo).
 set -euo pipefail
 
@@ -16,6 +16,7 @@ if [ "${1:-}" = "--tests" ]; then
     libgtest-dev libgmock-dev libbenchmark-dev
     clang-format clang-tidy clang libclang-rt-dev
     chromium chromium-driver abigail-tools
+    python3-venv python3-pip python3-setuptools python3-pytest
   )
 fi
 

@@ -2,8 +2,8 @@
 # Installs what is needed, builds and runs the whole test suite: plain, under
 # AddressSanitizer + UndefinedBehaviorSanitizer, and under ThreadSanitizer (warnings are errors
 # in each); smoke-runs the benchmarks; builds the plain and shared configurations without a
-# preset; checks the C API against its ABI baseline; then runs each fuzz target for a bounded
-# time.
+# preset and runs the Python package's tests on the shared one; checks the C API against its
+# ABI baseline; then runs each fuzz target for a bounded time.
 # Choose presets with QUORVEL_TEST_PRESETS="dev asan-ubsan".
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -34,6 +34,8 @@ if [ "${QUORVEL_TEST_CONFIGURATIONS:-1}" != 0 ]; then
       -DQUORVEL_WERROR=ON >/dev/null
     cmake --build "build/plain-shared-$shared" --parallel "$jobs" >/dev/null
   done
+  step "Python package: installed into a virtual environment, tested against the shared build"
+  bash scripts/python-test.sh build/plain-shared-ON
 fi
 # The C API against its baseline: a removed or changed C function fails.
 step "C API: ABI check against abi/libquorvel.abi"

@@ -1,0 +1,90 @@
+"""A whole session from Python against quorvel-devserver, and misuse raising Python errors."""
+
+import json
+import os
+import subprocess
+import threading
+import time
+from pathlib import Path
+from urllib.parse import unquote
+
+import pytest
+
+import quorvel
+
+APP_ID = "123456789"
+DEV_KEY = "PYTHON-DEV-KEY-01"
+ROOT = Path(__file__).resolve().parents[3]
+
+
+@pytest.fixture
+def devserver(tmp_path):
+    binary = os.environ.get("QUORVEL_DEVSERVER", "quorvel-devserver")
+    data = tmp_path / "devserver"
+    process = subprocess.Popen(
+        [binary, "--port", "0", "--data-dir", str(data), "--app", f"{APP_ID}={DEV_KEY}",
+         "--conversion-data", str(ROOT / "tools/devserver/examples/conversion-data.json")],
+        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    state = data / "server.json"
+    deadline = time.monotonic() + 20
+    while not (state.exists() and state.stat().st_size) and time.monotonic() < deadline:
+        assert process.poll() is None, "quorvel-devserver stopped"
+        time.sleep(0.05)
+    server = json.loads(state.read_text())
+
+    def received():
+        out = subprocess.run([binary, "requests", "--json", "--data-dir", str(data)],
+                             check=True, capture_output=True, text=True).stdout
+        return json.loads(out)
+
+    yield {"domain": server["service_domain"], "ca_file": server["ca_file"],
+           "received": received}
+    process.terminate()
+    process.wait(timeout=20)
+
+
+def test_a_whole_session_from_python_arrives(devserver, tmp_path):
+    conversions = []
+    arrived = threading.Event()
+
+    def on_conversion_data(data):
+        assert threading.current_thread() is not threading.main_thread()
+        conversions.append(data)
+        arrived.set()
+
+    with quorvel.Tracker(tmp_path / "app", keychain_directory=tmp_path / "keychain",
+                         service_domain=devserver["domain"], extra_ca_file=devserver["ca_file"],
+                         dev_key=DEV_KEY, app_id=APP_ID) as tracker:
+        tracker.set_callbacks(on_conversion_data=on_conversion_data)
+        tracker.track_app_launch()
+        tracker.track_event("level_up", {"level": 3, "name": "castle"})
+        tracker.track_event("purchase_made", "9.99")
+        tracker.flush(30)
+        assert arrived.wait(30)
+        stats = tracker.delivery_stats()
+        assert stats.accepted >= 3 and stats.delivered == stats.accepted and stats.waiting == 0
+        uid = tracker.uid
+
+    assert conversions and conversions[0].get("campaign") == "spring"
+    reports = [r["decrypted"] for r in devserver["received"]() if r.get("decrypted")]
+    events = sorted(r.get("event") for r in reports if r.get("uid") == uid)
+    assert events.count("Launched") >= 1
+    assert "level_up" in events and "purchase_made" in events
+    level = next(r for r in reports if r.get("event") == "level_up")
+    # The service receives the values percent-escaped, as every host's do.
+    assert json.loads(unquote(level["eventvalue"])) == {"level": 3, "name": "castle"}
+
+
+def test_misuse_raises_python_errors(tmp_path):
+    tracker = quorvel.Tracker(tmp_path / "app", keychain_directory=tmp_path / "keychain")
+    with pytest.raises(TypeError):
+        tracker.track_event(42)
+    with pytest.raises(TypeError):
+        tracker.track_event("level_up", 3)
+    with pytest.raises(ValueError):
+        tracker.flush(-1)
+    tracker.close()
+    tracker.close()  # idempotent
+    with pytest.raises(quorvel.QuorvelError):
+        tracker.track_app_launch()
+    assert quorvel.version().startswith("4.")
