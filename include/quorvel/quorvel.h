@@ -21,6 +21,8 @@
 #ifndef QUORVEL_QUORVEL_H
 #define QUORVEL_QUORVEL_H
 
+/* A C header: C types and typedefs throughout. */
+/* NOLINTBEGIN(modernize-use-using,modernize-deprecated-headers) */
 #include <stddef.h>
 #include <stdint.h>
 
@@ -215,5 +217,7 @@ QUORVEL_C_API quorvel_status quorvel_forget_this_install(quorvel_tracker* tracke
 #ifdef __cplusplus
 }
 #endif
+
+/* NOLINTEND(modernize-use-using,modernize-deprecated-headers) */
 
 #endif /* QUORVEL_QUORVEL_H */

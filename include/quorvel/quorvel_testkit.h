@@ -12,7 +12,7 @@
 extern "C" {
 #endif
 
-typedef struct quorvel_testkit quorvel_testkit;
+typedef struct quorvel_testkit quorvel_testkit; /* NOLINT(modernize-use-using): C */
 
 /* A kit with everything in memory (a fresh install) and a tracker on it; `developer_key`
  * decrypts what the tracker sends (set the same key on the tracker). Destroy the tracker

@@ -67,7 +67,7 @@ std::string jsonText(const Json& value) {
   return value.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-std::shared_ptr<QuorvelTrackerDelegate> delegateFor(std::shared_ptr<CallbackBox> box) {
+std::shared_ptr<QuorvelTrackerDelegate> delegateFor(const std::shared_ptr<CallbackBox>& box) {
   auto delegate = std::make_shared<QuorvelTrackerDelegate>();
   delegate->onConversionDataReceived = [box](const Json& data) {
     const std::string text = jsonText(data);

@@ -4,6 +4,8 @@
 // and the next start finishes the job before anything else reads the app's state.
 #include "tracker/TrackerCore.h"
 
+#include <array>
+
 #include "cache/Outbox.h"
 #include "cache/QuorvelRequestCache.h"
 #include "log/Log.h"
@@ -17,27 +19,27 @@ constexpr const char* kMethod = "-[QuorvelTracker forgetThisInstall]";
 constexpr const char* kMarkerName = "QuorvelForgetting";
 
 // For a preferences store that cannot remove everything at once.
-constexpr const char* kPreferenceKeys[] = {keys::kCounter,
-                                           keys::kInAppCounter,
-                                           keys::kRealLaunchCounter,
-                                           keys::kFirstLaunchDate,
-                                           keys::kInstallDate,
-                                           keys::kLastVersion,
-                                           keys::kDate3,
-                                           keys::kTimePassedSincePrevLaunch,
-                                           keys::kUserId,
-                                           keys::kOriginalUserId,
-                                           keys::kReInstallCounter,
-                                           keys::kConversionDataRequestRetries,
-                                           keys::kHoplineDomain,
-                                           keys::kHoplineVersion,
-                                           keys::kHoplineScheme,
-                                           keys::kInstallTimestamp,
-                                           keys::kSearchAdsAttribution,
-                                           keys::kConversionData,
-                                           keys::kConversionDataCacheExpiration,
-                                           keys::kGetConversionDataTiming,
-                                           keys::kDeviceToken};
+constexpr std::array kPreferenceKeys = {keys::kCounter,
+                                        keys::kInAppCounter,
+                                        keys::kRealLaunchCounter,
+                                        keys::kFirstLaunchDate,
+                                        keys::kInstallDate,
+                                        keys::kLastVersion,
+                                        keys::kDate3,
+                                        keys::kTimePassedSincePrevLaunch,
+                                        keys::kUserId,
+                                        keys::kOriginalUserId,
+                                        keys::kReInstallCounter,
+                                        keys::kConversionDataRequestRetries,
+                                        keys::kHoplineDomain,
+                                        keys::kHoplineVersion,
+                                        keys::kHoplineScheme,
+                                        keys::kInstallTimestamp,
+                                        keys::kSearchAdsAttribution,
+                                        keys::kConversionData,
+                                        keys::kConversionDataCacheExpiration,
+                                        keys::kGetConversionDataTiming,
+                                        keys::kDeviceToken};
 
 }  // namespace
 

@@ -45,8 +45,11 @@ class FileSystem {
   // Removes every file of `directory` (not its subdirectories). False when one is left.
   virtual bool removeFilesIn(const std::string& directory) {
     bool all = true;
-    for (const auto& name : contentsOfDirectory(directory).value_or(std::vector<std::string>{}))
-      all = removeFile(directory + "/" + name) && all;
+    for (const auto& name : contentsOfDirectory(directory).value_or(std::vector<std::string>{})) {
+      std::string path = directory;
+      path.append("/").append(name);
+      all = removeFile(path) && all;
+    }
     return all;
   }
   // Removes whatever the file system wrote to date the app's directories (where the system

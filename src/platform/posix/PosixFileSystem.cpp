@@ -118,7 +118,8 @@ bool PosixFileSystem::removeFilesIn(const std::string& directory) {
   bool all = true;
   bool any = false;
   for (const auto& name : contentsOfDirectory(directory).value_or(std::vector<std::string>{})) {
-    const std::string path = directory + "/" + name;
+    std::string path = directory;
+    path.append("/").append(name);
     struct stat st {};
     if (::lstat(path.c_str(), &st) != 0 || S_ISDIR(st.st_mode))
       continue;
