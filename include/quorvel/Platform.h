@@ -33,6 +33,8 @@
 
 namespace quorvel {
 
+class Transport;
+
 struct Platform {
   std::shared_ptr<platform::Clock> clock;
   std::shared_ptr<platform::Dispatcher> dispatcher;
@@ -80,6 +82,9 @@ struct PosixPlatformOptions {
   // Connections a URL session opens to one host at most; further requests wait in the
   // session and reuse the kept-alive connections.
   std::size_t maxConnectionsPerHost = 6;
+  // The host's own HTTP stack (quorvel/Transport.h), used instead of libcurl when set; the
+  // options above for libcurl then do not apply.
+  std::shared_ptr<Transport> transport;
 };
 
 // Builds the POSIX default of every service.

@@ -39,7 +39,7 @@ extern "C" {
 /* The version of the C API this header describes. A library accepts hosts built with its own
  * version or an older one of the same major version. */
 #define QUORVEL_C_API_VERSION_MAJOR 1
-#define QUORVEL_C_API_VERSION_MINOR 0
+#define QUORVEL_C_API_VERSION_MINOR 1 /* 1: the host-supplied transport */
 #define QUORVEL_C_API_VERSION (QUORVEL_C_API_VERSION_MAJOR * 1000 + QUORVEL_C_API_VERSION_MINOR)
 
 typedef enum quorvel_status {
@@ -63,6 +63,38 @@ QUORVEL_C_API quorvel_status quorvel_check_version(int header_version);
 /* A short English text for a status code, static. */
 QUORVEL_C_API const char* quorvel_status_text(quorvel_status status);
 
+/* --- A transport of the host's own ---------------------------------------------------------- */
+
+/* One request for the host's HTTP stack; valid during the call that hands it over only. */
+typedef struct quorvel_transport_request {
+  size_t struct_size;
+  const char* method; /* "GET" or "POST" */
+  size_t method_length;
+  const char* url;
+  size_t url_length;
+  const char* headers; /* "Name: value\r\n" lines */
+  size_t headers_length;
+  const uint8_t* body;
+  size_t body_length;
+  uint32_t timeout_ms; /* fail the request when no answer came in this time */
+} quorvel_transport_request;
+
+/* Where the answer to one request goes: answered exactly once, by quorvel_transport_respond
+ * or quorvel_transport_fail, from any thread, during the send call or later. */
+typedef struct quorvel_transport_reply quorvel_transport_reply;
+
+/* Sends `request`; called on a library thread. */
+typedef void (*quorvel_transport_send)(void* user_data, const quorvel_transport_request* request,
+                                       quorvel_transport_reply* reply);
+
+/* The service's answer, whatever its status; `headers` as in the request. Ends `reply`. */
+QUORVEL_C_API void quorvel_transport_respond(quorvel_transport_reply* reply, int status,
+                                             const char* headers, size_t headers_length,
+                                             const uint8_t* body, size_t body_length);
+/* No answer came (no network, a timeout, a refused certificate). Ends `reply`. */
+QUORVEL_C_API void quorvel_transport_fail(quorvel_transport_reply* reply, int64_t code,
+                                          const char* message, size_t message_length);
+
 /* --- Creating a tracker ------------------------------------------------------------------ */
 
 typedef struct quorvel_options {
@@ -82,6 +114,9 @@ typedef struct quorvel_options {
   /* A PEM file of extra certificate authorities to trust beside the system's. */
   const char* extra_ca_file;
   size_t extra_ca_file_length;
+  /* Since 1.1: the host's transport, used instead of the built-in one when set. */
+  quorvel_transport_send transport;
+  void* transport_user_data;
 } quorvel_options;
 
 /* Sets `struct_size` and leaves every option unset. */

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include <quorvel/QuorvelTracker.h>
+#include <quorvel/Transport.h>
 #include <quorvel/quorvel.h>
 
 namespace quorvel::capi {
@@ -61,6 +62,8 @@ struct quorvel_tracker {
 
 namespace quorvel::capi {
 
+// A transport that hands each request to the host's C function.
+std::shared_ptr<Transport> makeCTransport(quorvel_transport_send send, void* userData);
 // The text of (pointer, length), or nullopt for NULL.
 std::optional<std::string> textOf(const char* data, std::size_t length);
 // Copies `text` out through the caller's buffer.

@@ -107,6 +107,9 @@ class Log {
   static std::shared_ptr<const Log> silent();
 
   LogSwitches& switches() const noexcept { return *switches_; }
+  // Keeps `owner` (what owns the mirror) alive as long as this logger. Call it once, before the
+  // logger is shared.
+  void ownMirror(std::shared_ptr<const void> owner) const { mirrorOwner_ = std::move(owner); }
   // From now on `secret` shows only as its masked form in this logger's lines.
   void redact(const std::string& secret) const;
 
@@ -156,6 +159,9 @@ class Log {
   std::shared_ptr<const platform::Clock> clock_;
   std::shared_ptr<platform::SystemLog> systemLog_;
   QuorvelProxyManager* mirror_;  // outlives the logger; nullptr mirrors nowhere
+  // A tracker's own collection lives as long as its logger: work queued by the tracker that
+  // runs after it is gone still logs through it.
+  mutable std::shared_ptr<const void> mirrorOwner_;
   std::shared_ptr<LogRedactions> redactions_ = std::make_shared<LogRedactions>();
 };
 

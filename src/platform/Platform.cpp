@@ -1,4 +1,5 @@
 #include <quorvel/Platform.h>
+#include <quorvel/Transport.h>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -129,6 +130,10 @@ void fillWithPosixDefaults(Platform& p, const PosixPlatformOptions& options) {
     p.application = std::make_shared<PosixApplication>();
   if (!p.outbox)
     p.outbox = std::make_shared<SqliteOutboxStore>(dataDirectory + "/Library/QuorvelOutbox.sqlite");
+  if (!p.urlSessions && options.transport) {
+    p.urlSessions =
+        makeTransportSessions(options.transport, p.dispatcher, p.fileSystem->temporaryDirectory());
+  }
   if (!p.urlSessions) {
     CurlSessionOptions curl;
     curl.extraCAFile = options.extraCAFile;

@@ -38,6 +38,7 @@ std::shared_ptr<TrackerCore> TrackerCore::withOwnRemoteDebugging(
     const std::shared_ptr<const Platform>& platform, std::shared_ptr<LogSwitches> logSwitches) {
   auto own = std::make_shared<QuorvelProxyManager>(platform->clock);
   auto core = std::make_shared<TrackerCore>(platform, *own, nullptr, std::move(logSwitches));
+  core->log_->ownMirror(own);
   core->ownRemoteDebugging_ = std::move(own);
   return core;
 }

@@ -4,12 +4,13 @@ import ctypes
 import json
 import sys
 import threading
-from dataclasses import dataclass
+from concurrent.futures import ThreadPoolExecutor
+from dataclasses import dataclass, field
 
 from . import _native
 from ._native import lib
 
-__all__ = ["DeliveryStats", "QuorvelError", "Tracker", "version"]
+__all__ = ["DeliveryStats", "QuorvelError", "Request", "Response", "Tracker", "version"]
 
 
 class QuorvelError(Exception):
@@ -32,6 +33,73 @@ class DeliveryStats:
     dropped_by_rule: int
     repeated: int
     data_directory_held_elsewhere: bool
+
+
+@dataclass(frozen=True)
+class Request:
+    """A request for a host's own transport."""
+    method: str
+    url: str
+    headers: list  # (name, value) pairs
+    body: bytes
+    timeout: float  # seconds
+
+
+@dataclass(frozen=True)
+class Response:
+    """What a host's transport returns: the service's answer, whatever its status."""
+    status: int
+    headers: list = field(default_factory=list)  # (name, value) pairs
+    body: bytes = b""
+
+
+def _header_pairs(text):
+    pairs = []
+    for line in text.split("\r\n"):
+        name, colon, value = line.partition(":")
+        if colon:
+            pairs.append((name, value.lstrip()))
+    return pairs
+
+
+_LIVE_FOREVER = []
+
+
+class _Transport:
+    """Calls a Python transport on worker threads of its own, so that a slow request never
+    holds a library thread, and answers the library through the reply handle."""
+
+    def __init__(self, send, workers=4):
+        self._send = send
+        self._pool = ThreadPoolExecutor(max_workers=workers, thread_name_prefix="quorvel-http")
+        self.c_function = _native.TRANSPORT_SEND(self._hand_over)
+        # The library may still hand over a request while a tracker goes away: the function
+        # it calls lives as long as the process.
+        _LIVE_FOREVER.append(self.c_function)
+
+    def _hand_over(self, _user_data, c_request, reply):
+        r = c_request.contents
+        request = Request(
+            method=ctypes.string_at(r.method, r.method_length).decode(),
+            url=ctypes.string_at(r.url, r.url_length).decode(),
+            headers=_header_pairs(ctypes.string_at(r.headers, r.headers_length).decode()),
+            body=ctypes.string_at(r.body, r.body_length) if r.body_length else b"",
+            timeout=r.timeout_ms / 1000.0)
+        self._pool.submit(self._answer, request, reply)
+
+    def _answer(self, request, reply):
+        try:
+            response = self._send(request)
+            headers = "".join(f"{name}: {value}\r\n" for name, value in response.headers)
+            data = headers.encode()
+            lib.quorvel_transport_respond(reply, int(response.status), data, len(data),
+                                          bytes(response.body), len(response.body))
+        except Exception as error:  # noqa: BLE001 - any failure is a transport failure
+            message = str(error).encode()
+            lib.quorvel_transport_fail(reply, -1004, message, len(message))
+
+    def close(self):
+        self._pool.shutdown(wait=True)
 
 
 def version():
@@ -66,7 +134,7 @@ class Tracker:
 
     def __init__(self, data_directory=None, *, keychain_directory=None, bundle_identifier=None,
                  service_domain=None, extra_ca_file=None, dev_key=None, app_id=None,
-                 flush_timeout=5.0):
+                 transport=None, flush_timeout=5.0):
         options = _native.Options()
         lib.quorvel_options_init(ctypes.byref(options))
         # Kept referenced until the call returns: the library copies what it keeps.
@@ -80,6 +148,11 @@ class Tracker:
             self._keep.append(data)
             setattr(options, field, data)
             setattr(options, field + "_length", length)
+        # A callable taking a Request and returning a Response (raising when no answer came),
+        # used instead of the library's own HTTP client.
+        self._transport = None if transport is None else _Transport(transport)
+        if self._transport is not None:
+            options.transport = self._transport.c_function
         handle = ctypes.c_void_p()
         self._check(lib.quorvel_tracker_create(ctypes.byref(options), ctypes.byref(handle)),
                     "creating the tracker")
@@ -115,6 +188,8 @@ class Tracker:
             handle, self._handle = self._handle, None
         if handle is not None:
             lib.quorvel_tracker_destroy(handle)
+        if self._transport is not None:
+            self._transport.close()
 
     def __del__(self):
         if getattr(self, "_handle", None) is not None:

@@ -5,11 +5,31 @@ import ctypes.util
 import os
 from pathlib import Path
 
-C_API_VERSION = 1000  # QUORVEL_C_API_VERSION of the header these declarations follow
+C_API_VERSION = 1001  # QUORVEL_C_API_VERSION of the header these declarations follow
 
 OK = 0
 BUFFER_TOO_SMALL = 2
 TIMED_OUT = 5
+
+
+class TransportRequest(ctypes.Structure):
+    _fields_ = [
+        ("struct_size", ctypes.c_size_t),
+        ("method", ctypes.c_void_p),
+        ("method_length", ctypes.c_size_t),
+        ("url", ctypes.c_void_p),
+        ("url_length", ctypes.c_size_t),
+        ("headers", ctypes.c_void_p),
+        ("headers_length", ctypes.c_size_t),
+        ("body", ctypes.c_void_p),
+        ("body_length", ctypes.c_size_t),
+        ("timeout_ms", ctypes.c_uint32),
+    ]
+
+
+TRANSPORT_SEND = ctypes.CFUNCTYPE(
+    None, ctypes.c_void_p, ctypes.POINTER(TransportRequest), ctypes.c_void_p
+)
 
 
 class Options(ctypes.Structure):
@@ -25,6 +45,8 @@ class Options(ctypes.Structure):
         ("service_domain_length", ctypes.c_size_t),
         ("extra_ca_file", ctypes.c_char_p),
         ("extra_ca_file_length", ctypes.c_size_t),
+        ("transport", TRANSPORT_SEND),
+        ("transport_user_data", ctypes.c_void_p),
     ]
 
 
@@ -147,6 +169,15 @@ def _declare(lib):
         "quorvel_set_stopped": ([tracker, ctypes.c_int], ctypes.c_int),
         "quorvel_is_stopped": ([tracker], ctypes.c_int),
         "quorvel_forget_this_install": ([tracker], ctypes.c_int),
+        "quorvel_transport_respond": (
+            [ctypes.c_void_p, ctypes.c_int, ctypes.c_char_p, ctypes.c_size_t, ctypes.c_char_p,
+             ctypes.c_size_t],
+            None,
+        ),
+        "quorvel_transport_fail": (
+            [ctypes.c_void_p, ctypes.c_int64, ctypes.c_char_p, ctypes.c_size_t],
+            None,
+        ),
     }
     for name, (arguments, result) in signatures.items():
         function = getattr(lib, name)

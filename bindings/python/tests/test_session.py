@@ -1,7 +1,10 @@
 """A whole session from Python against quorvel-devserver, and misuse raising Python errors."""
 
+import http.client
 import json
 import os
+import socket
+import ssl
 import subprocess
 import threading
 import time
@@ -73,6 +76,44 @@ def test_a_whole_session_from_python_arrives(devserver, tmp_path):
     level = next(r for r in reports if r.get("event") == "level_up")
     # The service receives the values percent-escaped, as every host's do.
     assert json.loads(unquote(level["eventvalue"])) == {"level": 3, "name": "castle"}
+
+
+class _LoopbackHTTPS(http.client.HTTPSConnection):
+    """HTTPS to the emulator on loopback, with the service's host name for TLS."""
+
+    def connect(self):
+        sock = socket.create_connection(("127.0.0.1", self.port), self.timeout)
+        self.sock = self._context.wrap_socket(sock, server_hostname=self.host)
+
+
+def test_a_session_through_a_python_transport(devserver, tmp_path):
+    context = ssl.create_default_context(cafile=devserver["ca_file"])
+    seen = []
+
+    def transport(request):
+        seen.append(request.url)
+        parts = request.url.split("/", 3)  # https: '' host[:port] path
+        host, _, port = parts[2].partition(":")
+        connection = _LoopbackHTTPS(host, int(port or 443), timeout=request.timeout,
+                                    context=context)
+        try:
+            connection.request(request.method, "/" + parts[3], body=request.body or None,
+                               headers=dict(request.headers))
+            answer = connection.getresponse()
+            return quorvel.Response(answer.status, answer.getheaders(), answer.read())
+        finally:
+            connection.close()
+
+    with quorvel.Tracker(tmp_path / "app", keychain_directory=tmp_path / "keychain",
+                         service_domain=devserver["domain"], dev_key=DEV_KEY, app_id=APP_ID,
+                         transport=transport) as tracker:
+        tracker.track_app_launch()
+        tracker.track_event("through_python", "1")
+        tracker.flush(30)
+        assert tracker.delivery_stats().waiting == 0
+
+    assert any("through_python" in str(r.get("decrypted")) for r in devserver["received"]())
+    assert len(seen) >= 2
 
 
 def test_misuse_raises_python_errors(tmp_path):

@@ -82,7 +82,10 @@ void serve(const std::shared_ptr<ThreadQueue::State>& state) {
     }
     Work work = takeDueItem(*state);
     if (!work) {
-      state->wake.wait_until(lock, state->items.top().due);
+      // A copy: the wait reads its deadline again after waking, when a push may have moved
+      // the item it came from.
+      const auto due = state->items.top().due;
+      state->wake.wait_until(lock, due);
       continue;
     }
     lock.unlock();

@@ -1,0 +1,118 @@
+// The host's transport through the C API: each request is handed over with a reply handle
+// that carries the library's completion until the host answers.
+#include <quorvel/Transport.h>
+#include <quorvel/quorvel.h>
+
+#include <string_view>
+
+#include "capi/CTracker.h"
+
+struct quorvel_transport_reply {
+  quorvel::TransportDone done;
+};
+
+namespace quorvel::capi {
+namespace {
+
+std::string headerLines(const platform::HeaderList& headers) {
+  std::string lines;
+  for (const auto& [name, value] : headers)
+    lines.append(name).append(": ").append(value).append("\r\n");
+  return lines;
+}
+
+platform::HeaderList parseHeaderLines(std::string_view text) {
+  platform::HeaderList headers;
+  while (!text.empty()) {
+    const auto end = text.find('\n');
+    std::string_view line = text.substr(0, end);
+    text = end == std::string_view::npos ? std::string_view() : text.substr(end + 1);
+    if (!line.empty() && line.back() == '\r')
+      line.remove_suffix(1);
+    const auto colon = line.find(':');
+    if (colon == std::string_view::npos)
+      continue;
+    std::string_view value = line.substr(colon + 1);
+    while (!value.empty() && value.front() == ' ')
+      value.remove_prefix(1);
+    headers.emplace_back(std::string(line.substr(0, colon)), std::string(value));
+  }
+  return headers;
+}
+
+class CTransport final : public Transport {
+ public:
+  CTransport(quorvel_transport_send send, void* userData) : send_(send), userData_(userData) {}
+
+  void send(TransportRequest request, TransportDone done) noexcept override {
+    try {
+      const std::string headers = headerLines(request.headers);
+      quorvel_transport_request c{};
+      c.struct_size = sizeof c;
+      c.method = request.method.data();
+      c.method_length = request.method.size();
+      c.url = request.url.data();
+      c.url_length = request.url.size();
+      c.headers = headers.data();
+      c.headers_length = headers.size();
+      c.body = request.body.data();
+      c.body_length = request.body.size();
+      c.timeout_ms = static_cast<std::uint32_t>(request.timeout.count());
+      // Owned by the host from here until it answers.
+      auto* reply =
+          new quorvel_transport_reply{std::move(done)};  // NOLINT(cppcoreguidelines-owning-memory)
+      send_(userData_, &c, reply);
+    } catch (...) {
+      if (done)
+        done(std::nullopt, Error{platform::kURLErrorDomain, -1004, "transport failed"});
+    }
+  }
+
+ private:
+  quorvel_transport_send send_;
+  void* userData_;
+};
+
+}  // namespace
+
+std::shared_ptr<Transport> makeCTransport(quorvel_transport_send send, void* userData) {
+  return std::make_shared<CTransport>(send, userData);
+}
+
+}  // namespace quorvel::capi
+
+extern "C" {
+
+void quorvel_transport_respond(quorvel_transport_reply* reply, int status, const char* headers,
+                               size_t headers_length, const uint8_t* body, size_t body_length) {
+  if (reply == nullptr)
+    return;
+  const std::unique_ptr<quorvel_transport_reply> owned(reply);
+  try {
+    quorvel::TransportResponse response;
+    response.status = status;
+    if (headers != nullptr)
+      response.headers = quorvel::capi::parseHeaderLines(std::string_view(headers, headers_length));
+    if (body != nullptr)
+      response.body.assign(body, body + body_length);
+    owned->done(std::move(response), std::nullopt);
+  } catch (...) {
+    owned->done(std::nullopt, quorvel::Error{quorvel::platform::kURLErrorDomain, -1004,
+                                             "the answer could not be read"});
+  }
+}
+
+void quorvel_transport_fail(quorvel_transport_reply* reply, int64_t code, const char* message,
+                            size_t message_length) {
+  if (reply == nullptr)
+    return;
+  const std::unique_ptr<quorvel_transport_reply> owned(reply);
+  std::string text;
+  try {
+    text = message != nullptr ? std::string(message, message_length) : std::string();
+  } catch (...) {
+  }
+  owned->done(std::nullopt, quorvel::Error{quorvel::platform::kURLErrorDomain, code, text});
+}
+
+}  // extern "C"
