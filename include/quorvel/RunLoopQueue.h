@@ -32,6 +32,9 @@ class RunLoopQueue final : public platform::DispatchQueue {
 
   // Runs every item that is due now, in order; returns how many ran. Call from one thread.
   std::size_t drain();
+  // Drops every item still waiting, due or not, releasing what they hold: for a host whose
+  // loop has ended for good. Returns how many were dropped.
+  std::size_t discardPending() noexcept;
   // Time until the next delayed item is due; nullopt when nothing waits.
   std::optional<std::chrono::nanoseconds> timeUntilNextItem() const;
 

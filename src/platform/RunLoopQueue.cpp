@@ -51,6 +51,15 @@ void RunLoopQueue::asyncAfter(std::chrono::nanoseconds delay, platform::Work wor
   }
 }
 
+std::size_t RunLoopQueue::discardPending() noexcept {
+  decltype(state_->items) dropped;  // destroyed outside the lock: items may queue more
+  {
+    std::lock_guard lock(state_->mutex);
+    dropped.swap(state_->items);
+  }
+  return dropped.size();
+}
+
 bool RunLoopQueue::isCurrent() const noexcept {
   return tDraining == this;
 }
