@@ -115,6 +115,8 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
 TrackerCore::~TrackerCore() {
   // First, so that no lifecycle handler is running or can start while the tracker goes away.
   unsubscribeFromLifecycleNotifications();
+  // Calls still in the intake go into the outbox, and so to the next start.
+  acceptIntake();
   self_->end();
   platform_->preferences->synchronize();
   outbox_->drainAndSync();

@@ -23,6 +23,7 @@
 #include "cache/Outbox.h"
 #include "net/ReportLedger.h"
 #include "platform/ForkGeneration.h"
+#include "util/MpscQueue.h"
 
 namespace quorvel {
 
@@ -154,7 +155,7 @@ class TrackerCore {
   // What is unanswered at exit stays in the outbox, written and synced.
   bool flushAtExit() noexcept;
   void setOutboxLimits(std::uint64_t maxBytes, std::chrono::seconds maxAge);
-  QuorvelDeliveryStats deliveryStats() const;
+  QuorvelDeliveryStats deliveryStats();
   std::shared_ptr<Outbox> outbox() const { return outbox_; }
 
   // --- Deep links and push payloads ----------------------------------------------------
@@ -338,7 +339,19 @@ class TrackerCore {
   void persistPreferencesSoon();
   void persistPreferencesNow();
   // A host's call accepted a report: into the outbox with the call's time, on a new ticket.
+  ReportLedger::TicketPtr acceptReport(OutboxIntent intent, platform::TimePoint at);
   ReportLedger::TicketPtr acceptReport(OutboxIntent intent);
+  // Events come in through the intake: the host's thread only pushes its call there (no lock
+  // that a library thread holds, no wake-up of one per call), and the serial queue accepts
+  // what it finds, in order. Whoever reads the ledger or the outbox takes the intake first.
+  struct IntakeCall {
+    OutboxIntent intent;
+    platform::TimePoint at;
+  };
+  void takeIntake(IntakeCall call);
+  void acceptIntake();
+  void acceptIntakeLocked();
+  void scheduleIntake(const IntakeCall& call);
   // The first tracking call of the process sends what an earlier one left unanswered.
   void resumeOutboxOnce();
   void rebuildLeftovers(std::vector<Outbox::Leftover> leftovers);
@@ -402,6 +415,9 @@ class TrackerCore {
   std::shared_ptr<ReportLedger> ledger_;
   std::shared_ptr<Outbox> outbox_;
   std::atomic<bool> outboxResumed_{false};
+  MpscQueue<IntakeCall> intake_;
+  std::mutex intakeConsumer_;  // one thread at a time takes the intake
+  std::atomic<bool> intakeScheduled_{false};
   // Reports are built on more than one queue; a counter is read, raised and written as one
   // step. The outbox's floor is read once: from then on the preferences in memory are above it.
   std::mutex countersMutex_;

@@ -47,6 +47,7 @@ bool TrackerCore::waitSettledTurningOwnQueues(std::uint64_t mark,
 
 bool TrackerCore::flush(std::chrono::milliseconds timeout) noexcept {
   try {
+    acceptIntake();
     const bool settled = waitSettledTurningOwnQueues(ledger_->newest(), timeout);
     persistPreferencesNow();
     return settled;

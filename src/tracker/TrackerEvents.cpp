@@ -8,6 +8,8 @@
 #include "tracker/TrackerLifetime.h"
 #include "util/HostInput.h"
 
+#include <algorithm>
+
 namespace quorvel {
 namespace {
 
@@ -57,30 +59,70 @@ void scheduleEventBuild(const std::shared_ptr<TrackerLifetime>& self,
 
 void TrackerCore::trackEvent(const std::string& hostEventName,
                              const std::optional<std::string>& hostValue) {
-  const std::string eventName = hostText(hostEventName);
-  const auto value = hostText(hostValue);
+  std::string eventName = hostText(hostEventName);
+  auto value = hostText(hostValue);
   if (looksLikeRevenue(value)) {
     log_->log(kLogDebug, "-[QuorvelTracker trackEvent:withValue:]",
               "Quorvel: numeric value '%@' for event '%@' will be categorized as a revenue event.",
               *value, eventName);
   }
-  auto ticket = acceptReport({OutboxIntent::Kind::event, eventName, value, std::nullopt});
-  scheduleEventBuild(self_, std::move(ticket), *platform_->dispatcher->mainQueue(), true,
-                     std::chrono::milliseconds(1), [eventName, value](TrackerCore& tracker) {
-                       tracker.callServerWithEventName(eventName, value, true, false);
-                     });
+  takeIntake({{OutboxIntent::Kind::event, std::move(eventName), std::move(value), std::nullopt},
+              platform_->clock->now()});
 }
 
 void TrackerCore::trackEventWithValues(const std::string& hostEventName,
                                        const std::optional<Json>& hostValues) {
-  const std::string eventName = hostText(hostEventName);
-  const auto values = hostJson(hostValues);
-  auto ticket =
-      acceptReport({OutboxIntent::Kind::eventWithValues, eventName, std::nullopt, values});
-  scheduleEventBuild(self_, std::move(ticket), *mBackgroundQueue_, false,
-                     std::chrono::milliseconds(100), [eventName, values](TrackerCore& tracker) {
-                       tracker.buildEventWithValues(eventName, values);
-                     });
+  takeIntake({{OutboxIntent::Kind::eventWithValues, hostText(hostEventName), std::nullopt,
+               hostJson(hostValues)},
+              platform_->clock->now()});
+}
+
+void TrackerCore::takeIntake(IntakeCall call) {
+  intake_.push(std::move(call));
+  if (intakeScheduled_.exchange(true))
+    return;  // a turn of the serial queue is on its way and takes this call along
+  mBackgroundQueue_->async([self = self_] {
+    if (const auto tracker = self->pin())
+      tracker->acceptIntake();
+  });
+}
+
+void TrackerCore::acceptIntake() {
+  const std::lock_guard lock(intakeConsumer_);
+  for (;;) {
+    acceptIntakeLocked();
+    intakeScheduled_.store(false);
+    // A call pushed after the last look but before the flag fell found it still set.
+    if (intake_.empty() || intakeScheduled_.exchange(true))
+      return;
+  }
+}
+
+void TrackerCore::acceptIntakeLocked() {
+  while (auto call = intake_.pop())
+    scheduleIntake(*call);
+}
+
+// An event is built a moment after its call (1 ms on the main queue; with values, 100 ms on
+// the serial queue), counted from the call, not from its acceptance here.
+void TrackerCore::scheduleIntake(const IntakeCall& call) {
+  const bool withValues = call.intent.kind == OutboxIntent::Kind::eventWithValues;
+  const std::chrono::nanoseconds delay =
+      withValues ? std::chrono::milliseconds(100) : std::chrono::milliseconds(1);
+  const auto wait =
+      std::max(std::chrono::nanoseconds::zero(), call.at + delay - platform_->clock->now());
+  auto ticket = acceptReport(call.intent, call.at);
+  if (withValues) {
+    scheduleEventBuild(self_, std::move(ticket), *mBackgroundQueue_, false, wait,
+                       [name = call.intent.name, values = call.intent.values](TrackerCore& t) {
+                         t.buildEventWithValues(name, values);
+                       });
+  } else {
+    scheduleEventBuild(self_, std::move(ticket), *platform_->dispatcher->mainQueue(), true, wait,
+                       [name = call.intent.name, value = call.intent.value](TrackerCore& t) {
+                         t.callServerWithEventName(name, value, true, false);
+                       });
+  }
 }
 
 void TrackerCore::buildEventWithValues(const std::string& eventName,

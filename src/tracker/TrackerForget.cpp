@@ -49,6 +49,8 @@ std::string TrackerCore::forgetMarkerPath() const {
 
 bool TrackerCore::forgetThisInstall() {
   setStopped(true);
+  // Calls made before the stop are forgotten with the rest, not accepted after it.
+  acceptIntake();
   auto& fs = *platform_->fileSystem;
   fs.createDirectory(fs.libraryDirectory());
   std::string reason;

@@ -82,6 +82,7 @@ void TrackerCore::handleEnteredBackground() {
   incrementRealLaunchCounter();
   // The app may be suspended or killed from here on: what is pending is written now.
   persistPreferencesNow();
+  acceptIntake();
   outbox_->syncSoon();
   backgroundstatCall();
   auto& proxy = remoteDebugging_;

@@ -9,11 +9,17 @@
 
 namespace quorvel {
 
-ReportLedger::TicketPtr TrackerCore::acceptReport(OutboxIntent intent) {
+ReportLedger::TicketPtr TrackerCore::acceptReport(OutboxIntent intent, platform::TimePoint at) {
   resumeOutboxOnce();
   auto ticket = ledger_->open();
-  ticket->setOutbox(outbox_->accept(std::move(intent), platform_->clock->now()));
+  ticket->setOutbox(outbox_->accept(std::move(intent), at));
   return ticket;
+}
+
+ReportLedger::TicketPtr TrackerCore::acceptReport(OutboxIntent intent) {
+  // Events called before this report come first.
+  acceptIntake();
+  return acceptReport(std::move(intent), platform_->clock->now());
 }
 
 void TrackerCore::resumeOutboxOnce() {
@@ -71,7 +77,8 @@ void TrackerCore::setOutboxLimits(std::uint64_t maxBytes, std::chrono::seconds m
   outbox_->setLimits(Outbox::Limits{maxBytes, maxAge});
 }
 
-QuorvelDeliveryStats TrackerCore::deliveryStats() const {
+QuorvelDeliveryStats TrackerCore::deliveryStats() {
+  acceptIntake();
   const OutboxStats s = outbox_->stats();
   QuorvelDeliveryStats out;
   out.accepted = s.accepted;

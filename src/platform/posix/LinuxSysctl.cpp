@@ -65,40 +65,43 @@ std::optional<std::uint64_t> cpuFrequencyHz() {
 
 }  // namespace
 
+const LinuxSysctl::Facts& LinuxSysctl::facts() const {
+  std::call_once(once_, [this] {
+    facts_.machine = machine();
+    const long pages = sysconf(_SC_PHYS_PAGES);
+    const long pageSize = sysconf(_SC_PAGE_SIZE);
+    if (pages > 0 && pageSize > 0)
+      facts_.memoryBytes = static_cast<std::uint64_t>(pages) * static_cast<std::uint64_t>(pageSize);
+    if (const long n = sysconf(_SC_NPROCESSORS_ONLN); n > 0)
+      facts_.processors = static_cast<std::int32_t>(n);
+    facts_.cpuHz = cpuFrequencyHz();
+    // x86 names it "model name"; some ARM kernels "Model" or "Hardware".
+    for (const char* field : {"model name", "Model", "Hardware"}) {
+      if (auto brand = cpuInfoField(field)) {
+        facts_.brand = std::move(brand);
+        break;
+      }
+    }
+  });
+  return facts_;
+}
+
 std::optional<Bytes> LinuxSysctl::byName(std::string_view name) const {
-  const std::string m = machine();
+  const Facts& f = facts();
+  const std::string& m = f.machine;
   if (name == "hw.machine") {
     if (m.empty())
       return std::nullopt;
     return textOf(m);
   }
-  if (name == "hw.memsize") {
-    const long pages = sysconf(_SC_PHYS_PAGES);
-    const long pageSize = sysconf(_SC_PAGE_SIZE);
-    if (pages <= 0 || pageSize <= 0)
-      return std::nullopt;
-    return bytesOf<std::uint64_t>(static_cast<std::uint64_t>(pages) *
-                                  static_cast<std::uint64_t>(pageSize));
-  }
-  if (name == "hw.ncpu") {
-    const long n = sysconf(_SC_NPROCESSORS_ONLN);
-    if (n <= 0)
-      return std::nullopt;
-    return bytesOf<std::int32_t>(static_cast<std::int32_t>(n));
-  }
-  if (name == "hw.cpufrequency") {
-    if (auto hz = cpuFrequencyHz())
-      return bytesOf<std::uint64_t>(*hz);
-    return std::nullopt;
-  }
-  if (name == "machdep.cpu.brand_string") {
-    // x86 names it "model name"; some ARM kernels "Model" or "Hardware".
-    for (const char* field : {"model name", "Model", "Hardware"}) {
-      if (auto brand = cpuInfoField(field))
-        return textOf(*brand);
-    }
-    return std::nullopt;
-  }
+  if (name == "hw.memsize")
+    return f.memoryBytes ? std::optional(bytesOf<std::uint64_t>(*f.memoryBytes)) : std::nullopt;
+  if (name == "hw.ncpu")
+    return f.processors ? std::optional(bytesOf<std::int32_t>(*f.processors)) : std::nullopt;
+  if (name == "hw.cpufrequency")
+    return f.cpuHz ? std::optional(bytesOf<std::uint64_t>(*f.cpuHz)) : std::nullopt;
+  if (name == "machdep.cpu.brand_string")
+    return f.brand ? std::optional(textOf(*f.brand)) : std::nullopt;
   if (name == "hw.cputype") {
     // The kernel's processor type numbers: x86 7, ARM 12, 64-bit ARM 0x0100000C, PowerPC 18.
     if (isX86(m))
@@ -129,7 +132,7 @@ std::optional<Bytes> LinuxSysctl::byName(std::string_view name) const {
 std::optional<Bytes> LinuxSysctl::byMib(const std::vector<int>& mib) const {
   // {CTL_HW, HW_CPU_FREQ}: the processor frequency in Hz, 64 bits wide.
   if (mib == std::vector<int>{6, 15}) {
-    if (auto hz = cpuFrequencyHz())
+    if (const auto hz = facts().cpuHz)
       return bytesOf<std::uint64_t>(*hz);
   }
   return std::nullopt;

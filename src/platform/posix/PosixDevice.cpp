@@ -65,55 +65,15 @@ std::string unameRelease() {
   return uname(&u) == 0 ? std::string(u.release) : std::string();
 }
 
-}  // namespace
-
-PosixDevice::PosixDevice(std::optional<std::string> name, std::optional<std::string> systemVersion,
-                         bool multitasking, std::string bundleIdentifier,
-                         PosixDeviceSources sources)
-    : name_(std::move(name)),
-      systemVersion_(std::move(systemVersion)),
-      multitasking_(multitasking),
-      bundleIdentifier_(std::move(bundleIdentifier)),
-      sources_(std::move(sources)),
-      osRelease_(readOsRelease()) {}
-
-// The machine's model, not its host name: a host name is often its owner's name.
-std::string PosixDevice::name() const {
-  if (name_)
-    return *name_;
-  const std::string product = firstLine(sources_.productNameFile);
-  return product.empty() ? "Linux PC" : product;
-}
-
-std::string PosixDevice::systemName() const {
-  const auto it = osRelease_.find("NAME");
-  if (it != osRelease_.end() && !it->second.empty())
-    return it->second;
-  return "Linux";
-}
-
-std::string PosixDevice::systemVersion() const {
-  if (systemVersion_)
-    return *systemVersion_;
-  const auto it = osRelease_.find("VERSION_ID");
-  if (it != osRelease_.end() && !it->second.empty())
-    return it->second;
-  return unameRelease();
-}
-
-std::string PosixDevice::operatingSystemVersionString() const {
-  return "Version " + systemVersion() + " (Build " + unameRelease() + ")";
-}
-
 // One id per vendor on this machine, as the phone platforms give it: an HMAC keyed with the
 // machine id over the vendor, so that two vendors' apps never share an id and the machine id
 // cannot be read back from it. Formatted as a version 4 UUID.
-std::optional<std::string> PosixDevice::identifierForVendor() const {
-  const std::string machineId = firstLine(sources_.machineIdFile);
+std::optional<std::string> vendorIdentifier(const std::string& machineId,
+                                            const std::string& bundleIdentifier) {
   if (machineId.empty())
     return std::nullopt;
   const std::string key = machineKey(machineId);
-  const std::string vendor = vendorOf(bundleIdentifier_);
+  const std::string vendor = vendorOf(bundleIdentifier);
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int length = 0;
   if (HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()),
@@ -136,6 +96,52 @@ std::optional<std::string> PosixDevice::identifierForVendor() const {
     uuid.push_back(kHex[b & 0xFU]);
   }
   return uuid;
+}
+
+}  // namespace
+
+PosixDevice::PosixDevice(std::optional<std::string> name, std::optional<std::string> systemVersion,
+                         bool multitasking, std::string bundleIdentifier,
+                         PosixDeviceSources sources)
+    : name_(std::move(name)),
+      systemVersion_(std::move(systemVersion)),
+      multitasking_(multitasking),
+      bundleIdentifier_(std::move(bundleIdentifier)),
+      sources_(std::move(sources)),
+      osRelease_(readOsRelease()),
+      productName_(firstLine(sources_.productNameFile)),
+      kernelRelease_(unameRelease()),
+      vendorId_(vendorIdentifier(firstLine(sources_.machineIdFile), bundleIdentifier_)) {}
+
+// The machine's model, not its host name: a host name is often its owner's name.
+std::string PosixDevice::name() const {
+  if (name_)
+    return *name_;
+  return productName_.empty() ? "Linux PC" : productName_;
+}
+
+std::string PosixDevice::systemName() const {
+  const auto it = osRelease_.find("NAME");
+  if (it != osRelease_.end() && !it->second.empty())
+    return it->second;
+  return "Linux";
+}
+
+std::string PosixDevice::systemVersion() const {
+  if (systemVersion_)
+    return *systemVersion_;
+  const auto it = osRelease_.find("VERSION_ID");
+  if (it != osRelease_.end() && !it->second.empty())
+    return it->second;
+  return kernelRelease_;
+}
+
+std::string PosixDevice::operatingSystemVersionString() const {
+  return "Version " + systemVersion() + " (Build " + kernelRelease_ + ")";
+}
+
+std::optional<std::string> PosixDevice::identifierForVendor() const {
+  return vendorId_;
 }
 
 }  // namespace quorvel::platform

@@ -7,7 +7,9 @@
 
 namespace quorvel::platform {
 
-std::optional<std::vector<InterfaceAddress>> PosixNetworkInterfaces::addresses() const {
+namespace {
+
+std::optional<std::vector<InterfaceAddress>> readAddresses() {
   ifaddrs* list = nullptr;
   if (getifaddrs(&list) != 0)
     return std::nullopt;
@@ -33,6 +35,19 @@ std::optional<std::vector<InterfaceAddress>> PosixNetworkInterfaces::addresses()
   }
   freeifaddrs(list);
   return out;
+}
+
+}  // namespace
+
+std::optional<std::vector<InterfaceAddress>> PosixNetworkInterfaces::addresses() const {
+  const auto now = std::chrono::steady_clock::now();
+  const std::lock_guard lock(mutex_);
+  if (!read_ || now - readAt_ >= std::chrono::seconds(1)) {
+    last_ = readAddresses();
+    readAt_ = now;
+    read_ = true;
+  }
+  return last_;
 }
 
 }  // namespace quorvel::platform

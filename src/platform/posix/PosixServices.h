@@ -1,6 +1,8 @@
 // The POSIX implementations of the platform services.
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -74,7 +76,11 @@ class PosixDevice final : public Device {
   bool multitasking_;
   std::string bundleIdentifier_;
   PosixDeviceSources sources_;
+  // Read once: none of them changes while the process runs, and every request carries them.
   std::map<std::string, std::string> osRelease_;
+  std::string productName_;
+  std::string kernelRelease_;
+  std::optional<std::string> vendorId_;
 };
 
 class StaticBundle final : public Bundle {
@@ -138,15 +144,37 @@ class PosixFileSystem final : public FileSystem {
 };
 
 // Kernel facts from /proc, sysconf and uname under the names the library asks for.
+// The machine's facts are read from the kernel once, at the first question: every request
+// asks for them, and reading /proc/cpuinfo per request costs more than building the request.
 class LinuxSysctl final : public Sysctl {
  public:
   std::optional<Bytes> byName(std::string_view name) const override;
   std::optional<Bytes> byMib(const std::vector<int>& mib) const override;
+
+ private:
+  struct Facts {
+    std::string machine;
+    std::optional<std::uint64_t> memoryBytes;
+    std::optional<std::int32_t> processors;
+    std::optional<std::uint64_t> cpuHz;
+    std::optional<std::string> brand;
+  };
+  const Facts& facts() const;
+  mutable std::once_flag once_;
+  mutable Facts facts_;
 };
 
+// Interfaces come and go (a network change), so the list is read again, but at most once a
+// second: a burst of requests would otherwise ask the kernel for every one of them.
 class PosixNetworkInterfaces final : public NetworkInterfaces {
  public:
   std::optional<std::vector<InterfaceAddress>> addresses() const override;
+
+ private:
+  mutable std::mutex mutex_;
+  mutable std::optional<std::vector<InterfaceAddress>> last_;
+  mutable std::chrono::steady_clock::time_point readAt_{};
+  mutable bool read_ = false;
 };
 
 class InMemoryClassRegistry final : public ClassRegistry {
