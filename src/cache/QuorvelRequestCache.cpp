@@ -1,8 +1,8 @@
 #include "cache/QuorvelRequestCache.h"
 
-#include <quorvel/Version.h>
-
 #include <algorithm>
+
+#include <quorvel/Version.h>
 
 #include "log/Log.h"
 #include "util/Trim.h"
@@ -154,7 +154,8 @@ std::string QuorvelRequestCache::fileContent(const QuorvelRequestCacheData& r) {
 }
 
 std::optional<std::string> QuorvelRequestCache::cacheRequest(
-    const std::optional<QuorvelRequestCacheData>& request) {
+    const std::optional<QuorvelRequestCacheData>& request,
+    std::optional<platform::TimePoint> madeAt) {
   static constexpr const char* kMethod = "-[QuorvelRequestCache cacheRequest:]";
   if (!request)
     return std::nullopt;
@@ -166,8 +167,11 @@ std::optional<std::string> QuorvelRequestCache::cacheRequest(
   }
   log_->log(kLogDebug, kMethod, "Caching request...(cache size: %d)", count);
   auto& fs = *platform_->fileSystem;
-  // The name is the creation time; a name already taken moves on by a microsecond.
-  double seconds = secondsSince2001(platform_->clock->now());
+  // The name is the time the report was made (its call): files replay in name order, and two
+  // requests that fail at once come back in either order. A name already taken moves on by a
+  // microsecond.
+  const auto now = platform_->clock->now();
+  double seconds = secondsSince2001(madeAt ? std::min(*madeAt, now) : now);
   std::string path = format("%@/%f.qv", directory.value_or(std::string()), seconds);
   for (int i = 0; i < 1000 && directory && fs.fileExists(path); ++i) {
     seconds += 0.000001;

@@ -35,7 +35,9 @@ class QuorvelRequestCache : public std::enable_shared_from_this<QuorvelRequestCa
   void initialize();
   // Stores one request as a file, unless the directory holds 41 entries already. Returns
   // the file's name (the record's cache key) when it was written.
-  std::optional<std::string> cacheRequest(const std::optional<QuorvelRequestCacheData>& request);
+  // `madeAt`: when the host's call made the report (now, when not given).
+  std::optional<std::string> cacheRequest(const std::optional<QuorvelRequestCacheData>& request,
+                                          std::optional<platform::TimePoint> madeAt = {});
   std::uint64_t getCacheSize();
   static std::uint64_t getCacheSize(const platform::FileSystem& fileSystem,
                                     const std::string& path);

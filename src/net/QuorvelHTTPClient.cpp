@@ -160,7 +160,8 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
         cache_->deleteRequest(request);
       cache_->sendNextCachedEvents();
     } else if (origin == Origin::fresh && ownsKeptFolder() && !(stopped_ && stopped_()) &&
-               cache_->cacheRequest(request)) {
+               cache_->cacheRequest(request,
+                                    slot ? std::optional(slot->acceptedAt()) : std::nullopt)) {
       // The kept-request folder holds it now, and replays it after the next answer.
       if (outbox_)
         outbox_->dropped(slot, Outbox::DropReason::handedOver);
