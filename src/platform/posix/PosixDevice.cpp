@@ -1,7 +1,9 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <array>
 #include <fstream>
+#include <string_view>
 
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
@@ -74,20 +76,20 @@ std::optional<std::string> vendorIdentifier(const std::string& machineId,
     return std::nullopt;
   const std::string key = machineKey(machineId);
   const std::string vendor = vendorOf(bundleIdentifier);
-  unsigned char digest[EVP_MAX_MD_SIZE];
+  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
   unsigned int length = 0;
   if (HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()),
-           reinterpret_cast<const unsigned char*>(vendor.data()), vendor.size(), digest,
+           reinterpret_cast<const unsigned char*>(vendor.data()), vendor.size(), digest.data(),
            &length) == nullptr ||
       length < 16) {
     return std::nullopt;
   }
-  static constexpr char kHex[] = "0123456789ABCDEF";
+  static constexpr std::string_view kHex = "0123456789ABCDEF";
   std::string uuid;
   for (int i = 0; i < 16; ++i) {
     if (i == 4 || i == 6 || i == 8 || i == 10)
       uuid.push_back('-');
-    unsigned char b = digest[i];
+    unsigned char b = digest[static_cast<std::size_t>(i)];
     if (i == 6)
       b = static_cast<unsigned char>((b & 0x0FU) | 0x40U);
     if (i == 8)

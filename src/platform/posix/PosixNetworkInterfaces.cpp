@@ -3,6 +3,8 @@
 #include <net/if.h>
 #include <netinet/in.h>
 
+#include <array>
+
 #include "platform/posix/PosixServices.h"
 
 namespace quorvel::platform {
@@ -19,17 +21,17 @@ std::optional<std::vector<InterfaceAddress>> readAddresses() {
     entry.name = a->ifa_name != nullptr ? a->ifa_name : "";
     entry.isUp = (a->ifa_flags & IFF_UP) != 0U;
     entry.isLoopback = (a->ifa_flags & IFF_LOOPBACK) != 0U;
-    char text[INET6_ADDRSTRLEN] = {};
+    std::array<char, INET6_ADDRSTRLEN> text{};
     if (a->ifa_addr != nullptr && a->ifa_addr->sa_family == AF_INET) {
       entry.family = InterfaceAddress::Family::ipv4;
       const auto* in = reinterpret_cast<const sockaddr_in*>(a->ifa_addr);
-      if (inet_ntop(AF_INET, &in->sin_addr, text, sizeof text) != nullptr)
-        entry.address = text;
+      if (inet_ntop(AF_INET, &in->sin_addr, text.data(), text.size()) != nullptr)
+        entry.address = text.data();
     } else if (a->ifa_addr != nullptr && a->ifa_addr->sa_family == AF_INET6) {
       entry.family = InterfaceAddress::Family::ipv6;
       const auto* in6 = reinterpret_cast<const sockaddr_in6*>(a->ifa_addr);
-      if (inet_ntop(AF_INET6, &in6->sin6_addr, text, sizeof text) != nullptr)
-        entry.address = text;
+      if (inet_ntop(AF_INET6, &in6->sin6_addr, text.data(), text.size()) != nullptr)
+        entry.address = text.data();
     }
     out.push_back(std::move(entry));
   }
