@@ -24,6 +24,7 @@
 #include <fstream>
 #include <functional>
 #include <iostream>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -53,6 +54,7 @@ struct Options {
   int events = 10'000;
   int emulatorRequests = 20'000;
   int boundSeconds = 300;
+  int idleSeconds = 10;  // how long the tracker idles after the burst before its threads are counted
   std::string devserver = QUORVEL_DEVSERVER_BIN;
   std::optional<std::string> host;  // another server instead of quorvel-devserver
   std::string caFile;
@@ -67,6 +69,8 @@ Options parse(int argc, char** argv) {
       o.events = std::stoi(value);
     else if (flag == "--emulator-requests")
       o.emulatorRequests = std::stoi(value);
+    else if (flag == "--idle")
+      o.idleSeconds = std::stoi(value);
     else if (flag == "--bound")
       o.boundSeconds = std::stoi(value);
     else if (flag == "--devserver")
@@ -95,6 +99,28 @@ std::size_t filesIn(const fs::path& dir) {
   if (!fs::exists(dir, ec))
     return 0;
   return static_cast<std::size_t>(std::distance(fs::directory_iterator(dir, ec), {}));
+}
+
+// The library's threads: every thread of this process but the one running the benchmark.
+long libraryThreads() {
+  std::error_code ec;
+  const auto tasks = std::distance(fs::directory_iterator("/proc/self/task", ec), {});
+  return static_cast<long>(tasks) - 1;
+}
+
+std::string threadNames() {
+  std::error_code ec;
+  std::map<std::string, int> names;
+  for (const auto& task : fs::directory_iterator("/proc/self/task", ec)) {
+    std::ifstream in(task.path() / "comm");
+    std::string name;
+    std::getline(in, name);
+    ++names[name];
+  }
+  std::string out;
+  for (const auto& [name, count] : names)
+    out += (out.empty() ? "" : ", ") + name + (count > 1 ? " x" + std::to_string(count) : "");
+  return out;
 }
 
 double percentile(std::vector<double> values, double p) {
@@ -126,6 +152,12 @@ int burst(const Options& o, const fs::path& root, const std::string& domain,
   tracker.setDisableIAdTracking(true);
   tracker.trackAppLaunch();
   const long rssBefore = peakRssKiB();
+  // After init: the launch has gone out and its answer is in.
+  for (const auto until = Clock::now() + 10s; delivered() < 1 && Clock::now() < until;)
+    std::this_thread::sleep_for(20ms);
+  std::this_thread::sleep_for(200ms);
+  const long threadsAfterInit = libraryThreads();
+  const std::string namesAfterInit = threadNames();
 
   std::vector<double> callNs;
   callNs.reserve(static_cast<std::size_t>(o.events));
@@ -141,12 +173,16 @@ int burst(const Options& o, const fs::path& root, const std::string& domain,
   const double hostSeconds = std::chrono::duration<double>(Clock::now() - start).count();
   rusage threadAfter{};
   getrusage(RUSAGE_THREAD, &threadAfter);
+  long threadsInBurst = libraryThreads();
   const long long expected = o.events + 1;  // the launch too
   const auto deadline = start + std::chrono::seconds(o.boundSeconds);
   long long arrived = 0;
-  while ((arrived = delivered()) < expected && Clock::now() < deadline)
+  while ((arrived = delivered()) < expected && Clock::now() < deadline) {
     std::this_thread::sleep_for(20ms);
+    threadsInBurst = std::max(threadsInBurst, libraryThreads());
+  }
   const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  std::this_thread::sleep_for(std::chrono::seconds(o.idleSeconds));
 
   std::printf("burst of %d trackEvent (+1 launch) against %s\n", o.events, serverName.c_str());
   std::printf("  delivered                 %lld of %lld in %.2f s\n", arrived, expected, seconds);
@@ -165,6 +201,10 @@ int burst(const Options& o, const fs::path& root, const std::string& domain,
       threadAfter.ru_minflt - threadBefore.ru_minflt,
       static_cast<long>(
           std::count_if(callNs.begin(), callNs.end(), [](double ns) { return ns > 2000; })));
+  std::printf("  library threads           %ld after init (%s); at most %ld during the burst; %ld after %d s "
+              "idle (%s)\n",
+              threadsAfterInit, namesAfterInit.c_str(), threadsInBurst, libraryThreads(),
+              o.idleSeconds, threadNames().c_str());
   std::printf("  left in the offline cache %zu\n",
               filesIn(root / "app" / "Library" / "Caches" / "QuorvelCache"));
   std::fflush(stdout);

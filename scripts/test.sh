@@ -21,7 +21,7 @@ for preset in $presets; do
   if [ "$preset" = dev ]; then
     step "$preset: benchmarks, smoke run"
     build/dev/bench/quorvel_benchmark --benchmark_min_time=0.001 >/dev/null 2>&1
-    build/dev/bench/quorvel_burst --events 300 --emulator-requests 300 --bound 120
+    build/dev/bench/quorvel_burst --events 300 --emulator-requests 300 --bound 120 --idle 1
     build/dev/bench/quorvel_chaos --kills 3 --bound 120
   fi
 done

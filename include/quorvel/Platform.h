@@ -100,9 +100,10 @@ void installPlatform(const Platform& platform);
 // The platform in use, built from POSIX defaults on first use when nothing was installed.
 std::shared_ptr<const Platform> currentPlatform();
 
-// The POSIX dispatcher: one thread per serial queue, a small pool for the global queue.
-// `mainQueue` replaces the default main queue (a library thread named "quorvel.main"),
-// for hosts that run delegate callbacks on their own loop (see RunLoopQueue.h).
+// The POSIX dispatcher: every serial queue, and the default main queue, is a lane on one
+// pool of two threads (named "quorvel.pool"), which is also the global queue; a pool thread
+// ends after half a second without work. `mainQueue` replaces the default main queue, for
+// hosts that run delegate callbacks on their own loop (see RunLoopQueue.h).
 std::shared_ptr<platform::Dispatcher> makePosixDispatcher(
     std::shared_ptr<platform::DispatchQueue> mainQueue = nullptr);
 

@@ -141,6 +141,7 @@ void fillWithPosixDefaults(Platform& p, const PosixPlatformOptions& options) {
     curl.maxResponseBytes = options.maxResponseBytes;
     curl.maxConnectionsPerHost = options.maxConnectionsPerHost;
     curl.downloadDirectory = p.fileSystem->temporaryDirectory();
+    curl.dispatcher = p.dispatcher;
     p.urlSessions = std::make_shared<CurlURLSessionFactory>(std::move(curl));
   }
 }

@@ -115,7 +115,7 @@ TEST_F(DemoAgainstDevserver, AWholeSessionArrivesDecryptedKeyByKey) {
                          "event purchase_made 9.99", "purchase gems 0.99 USD tx-7",
                          "register-token 0a1b2c3d", "invite sms", "idle", "background"});
   EXPECT_NE(run.out.find("< purchase validated"), std::string::npos) << run.out;
-  EXPECT_NE(run.out.find("< invite link [thread quorvel.http.cb] https://quorvel.link.localhost:"),
+  EXPECT_NE(run.out.find("< invite link [thread quorvel.pool] https://quorvel.link.localhost:"),
             std::string::npos)
       << run.out;
 

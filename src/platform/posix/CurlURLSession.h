@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include <quorvel/platform/DispatchQueue.h>
 #include <quorvel/platform/URLSession.h>
 
 namespace quorvel::platform {
@@ -26,6 +27,9 @@ struct CurlSessionOptions {
   // When set, counts every connection the session opens (benchmarks and tests read it).
   std::shared_ptr<std::atomic<std::uint64_t>> connectionsOpened;
   std::string downloadDirectory = "/tmp";  // where download tasks put their bodies
+  // Makes the session's callback queue (a lane of the platform's pool); a thread of the
+  // session's own when not given.
+  std::shared_ptr<Dispatcher> dispatcher;
 };
 
 class CurlURLSession;

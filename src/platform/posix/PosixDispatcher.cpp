@@ -1,21 +1,22 @@
+#include "platform/posix/LaneQueue.h"
 #include "platform/posix/PosixServices.h"
 #include "platform/posix/ThreadQueue.h"
 
 namespace quorvel::platform {
 namespace {
-// "com.quorvel.serial" runs on a thread named "quorvel.serial".
-std::string threadLabel(const std::string& label) {
-  return label.rfind("com.", 0) == 0 ? label.substr(4) : label;
-}
+// A pool thread that found nothing to do for this long ends; the next item starts one.
+constexpr std::chrono::milliseconds kPoolIdleTime{500};
 }  // namespace
 
+// Every queue the library makes is a lane on one pool of two threads, which is also the
+// global queue: two threads between them under load, none when the library is idle.
 PosixDispatcher::PosixDispatcher(std::shared_ptr<DispatchQueue> mainQueue)
-    : main_(mainQueue ? std::move(mainQueue) : std::make_shared<ThreadQueue>("quorvel.main", 1)),
-      global_(std::make_shared<ThreadQueue>("quorvel.global", 2)) {}
+    : pool_(std::make_shared<ThreadQueue>("com.quorvel.pool", 2, "quorvel.pool", kPoolIdleTime)),
+      main_(mainQueue ? std::move(mainQueue) : std::make_shared<LaneQueue>("quorvel.main", pool_)) {
+}
 
 std::shared_ptr<DispatchQueue> PosixDispatcher::makeSerialQueue(std::string label) {
-  const std::string name = threadLabel(label);
-  return std::make_shared<ThreadQueue>(std::move(label), 1, name);
+  return std::make_shared<LaneQueue>(std::move(label), pool_);
 }
 
 }  // namespace quorvel::platform

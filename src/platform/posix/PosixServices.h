@@ -25,11 +25,11 @@ class PosixDispatcher final : public Dispatcher {
   explicit PosixDispatcher(std::shared_ptr<DispatchQueue> mainQueue = nullptr);
   std::shared_ptr<DispatchQueue> makeSerialQueue(std::string label) override;
   std::shared_ptr<DispatchQueue> mainQueue() override { return main_; }
-  std::shared_ptr<DispatchQueue> globalQueue() override { return global_; }
+  std::shared_ptr<DispatchQueue> globalQueue() override { return pool_; }
 
  private:
+  std::shared_ptr<DispatchQueue> pool_;
   std::shared_ptr<DispatchQueue> main_;
-  std::shared_ptr<DispatchQueue> global_;
 };
 
 class InProcessNotificationCenter final : public NotificationCenter {

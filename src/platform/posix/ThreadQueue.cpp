@@ -22,33 +22,24 @@ struct ThreadQueue::State {
     }
   };
 
+  State(std::string name, unsigned maxThreads, std::optional<std::chrono::milliseconds> idle)
+      : threadName(std::move(name)), maxThreads(maxThreads), idleTime(idle) {}
+
+  const std::string threadName;
+  const unsigned maxThreads;
+  const std::optional<std::chrono::milliseconds> idleTime;
   std::mutex mutex;
   std::condition_variable wake;
+  std::condition_variable ended;  // a thread ended (the destructor waits for the last)
   std::priority_queue<Item, std::vector<Item>, Later> items;
   std::uint64_t nextSequence = 0;
+  unsigned threads = 0;  // alive
+  unsigned waiting = 0;  // alive and waiting for work
   bool stopping = false;
 
-  void enqueue(SteadyTime due, Work work) noexcept {
-    if (!work)
-      return;
-    try {
-      bool earliest = false;
-      {
-        std::lock_guard lock(mutex);
-        if (stopping)
-          return;
-        earliest = items.empty() || due < items.top().due;
-        items.push(Item{due, nextSequence++, std::move(work)});
-      }
-      // A thread that waits does so for the earliest item, or for any when there is none:
-      // only a new earliest item changes what it waits for. Waking it for every item made a
-      // burst of host calls pay a system call each.
-      if (earliest)
-        wake.notify_one();
-    } catch (...) {
-      // Out of memory: the item is lost, the caller is never disturbed.
-    }
-  }
+  void enqueue(const std::shared_ptr<State>& self, SteadyTime due, Work work) noexcept;
+  // A new thread, when every thread is busy and there is room for one; the lock is held.
+  void startThreadIfNeededLocked(const std::shared_ptr<State>& self);
 };
 
 namespace {
@@ -77,7 +68,18 @@ void serve(const std::shared_ptr<ThreadQueue::State>& state) {
   std::unique_lock lock(state->mutex);
   while (!state->stopping) {
     if (state->items.empty()) {
-      state->wake.wait(lock);
+      ++state->waiting;
+      bool idleTooLong = false;
+      if (state->idleTime) {
+        idleTooLong = !state->wake.wait_for(lock, *state->idleTime, [&] {
+          return state->stopping || !state->items.empty();
+        });
+      } else {
+        state->wake.wait(lock);
+      }
+      --state->waiting;
+      if (idleTooLong)
+        break;  // nothing came for the idle time: the thread ends, the next item starts one
       continue;
     }
     Work work = takeDueItem(*state);
@@ -85,50 +87,89 @@ void serve(const std::shared_ptr<ThreadQueue::State>& state) {
       // A copy: the wait reads its deadline again after waking, when a push may have moved
       // the item it came from.
       const auto due = state->items.top().due;
+      ++state->waiting;
       state->wake.wait_until(lock, due);
+      --state->waiting;
       continue;
     }
+    // More due work than this thread: another one takes it meanwhile.
+    if (!state->items.empty() && state->items.top().due <= std::chrono::steady_clock::now())
+      state->startThreadIfNeededLocked(state);
     lock.unlock();
     runItem(work);
     lock.lock();
   }
+  --state->threads;
   tCurrentQueue = nullptr;
+  state->ended.notify_all();
 }
 }  // namespace
 
-ThreadQueue::ThreadQueue(std::string label, unsigned threadCount, std::string threadName)
-    : label_(std::move(label)), state_(std::make_shared<State>()) {
-  const std::string name = (threadName.empty() ? label_ : threadName).substr(0, 15);
-  const unsigned count = threadCount == 0 ? 1 : threadCount;
-  threads_.reserve(count);
-  for (unsigned i = 0; i < count; ++i) {
-    threads_.emplace_back([state = state_] { serve(state); });
-    pthread_setname_np(threads_.back().native_handle(), name.c_str());
+void ThreadQueue::State::startThreadIfNeededLocked(const std::shared_ptr<State>& self) {
+  if (stopping || waiting > 0 || threads >= maxThreads)
+    return;
+  try {
+    std::thread thread([self] { serve(self); });
+    pthread_setname_np(thread.native_handle(), threadName.c_str());
+    // Detached: a thread ends by itself, and the destructor waits for the count to fall.
+    thread.detach();
+    ++threads;
+  } catch (...) {
+    // No thread now: the next item tries again.
   }
 }
 
-ThreadQueue::~ThreadQueue() {
-  {
-    std::lock_guard lock(state_->mutex);
-    state_->stopping = true;
-  }
-  state_->wake.notify_all();
-  for (auto& t : threads_) {
-    if (t.get_id() == std::this_thread::get_id()) {
-      t.detach();
-    } else if (t.joinable()) {
-      t.join();
+void ThreadQueue::State::enqueue(const std::shared_ptr<State>& self, SteadyTime due,
+                                 Work work) noexcept {
+  if (!work)
+    return;
+  try {
+    bool earliest = false;
+    {
+      std::lock_guard lock(mutex);
+      if (stopping)
+        return;
+      earliest = items.empty() || due < items.top().due;
+      items.push(Item{due, nextSequence++, std::move(work)});
+      startThreadIfNeededLocked(self);
     }
+    // A thread that waits does so for the earliest item, or for any when there is none:
+    // only a new earliest item changes what it waits for. Waking it for every item made a
+    // burst of host calls pay a system call each.
+    if (earliest)
+      wake.notify_one();
+  } catch (...) {
+    // Out of memory: the item is lost, the caller is never disturbed.
   }
+}
+
+ThreadQueue::ThreadQueue(std::string label, unsigned threadCount, std::string threadName,
+                         std::optional<std::chrono::milliseconds> idleTime)
+    : label_(std::move(label)),
+      state_(std::make_shared<State>((threadName.empty() ? label_ : threadName).substr(0, 15),
+                                     threadCount == 0 ? 1 : threadCount, idleTime)) {}
+
+ThreadQueue::~ThreadQueue() {
+  std::unique_lock lock(state_->mutex);
+  state_->stopping = true;
+  // Items not yet started are dropped outside the lock: their captures may queue more.
+  std::priority_queue<State::Item, std::vector<State::Item>, State::Later> pending;
+  pending.swap(state_->items);
+  state_->wake.notify_all();
+  // A thread of this queue destroying it finishes its item and ends by itself.
+  const unsigned own = isCurrent() ? 1 : 0;
+  state_->ended.wait(lock, [&] { return state_->threads <= own; });
+  lock.unlock();
 }
 
 void ThreadQueue::async(Work work) noexcept {
-  state_->enqueue(std::chrono::steady_clock::now(), std::move(work));
+  state_->enqueue(state_, std::chrono::steady_clock::now(), std::move(work));
 }
 
 void ThreadQueue::asyncAfter(std::chrono::nanoseconds delay, Work work) noexcept {
   const auto clamped = delay.count() < 0 ? std::chrono::nanoseconds(0) : delay;
-  state_->enqueue(std::chrono::steady_clock::now() +
+  state_->enqueue(state_,
+                  std::chrono::steady_clock::now() +
                       std::chrono::duration_cast<std::chrono::steady_clock::duration>(clamped),
                   std::move(work));
 }
@@ -137,8 +178,13 @@ bool ThreadQueue::isCurrent() const noexcept {
   return tCurrentQueue == state_.get();
 }
 
+std::size_t ThreadQueue::threadCount() const noexcept {
+  std::lock_guard lock(state_->mutex);
+  return state_->threads;
+}
+
 std::size_t ThreadQueue::runDueItemsHere() noexcept {
-  if (threads_.size() != 1 || !isCurrent())
+  if (state_->maxThreads != 1 || !isCurrent())
     return 0;
   std::size_t ran = 0;
   for (;;) {
