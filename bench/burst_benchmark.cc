@@ -54,7 +54,8 @@ struct Options {
   int events = 10'000;
   int emulatorRequests = 20'000;
   int boundSeconds = 300;
-  int idleSeconds = 10;  // how long the tracker idles after the burst before its threads are counted
+  int idleSeconds =
+      10;  // how long the tracker idles after the burst before its threads are counted
   std::string devserver = QUORVEL_DEVSERVER_BIN;
   std::optional<std::string> host;  // another server instead of quorvel-devserver
   std::string caFile;
@@ -201,10 +202,12 @@ int burst(const Options& o, const fs::path& root, const std::string& domain,
       threadAfter.ru_minflt - threadBefore.ru_minflt,
       static_cast<long>(
           std::count_if(callNs.begin(), callNs.end(), [](double ns) { return ns > 2000; })));
-  std::printf("  library threads           %ld after init (%s); at most %ld during the burst; %ld after %d s "
-              "idle (%s)\n",
-              threadsAfterInit, namesAfterInit.c_str(), threadsInBurst, libraryThreads(),
-              o.idleSeconds, threadNames().c_str());
+  std::printf(
+      "  library threads           %ld after init (%s); at most %ld during the burst; %ld after %d "
+      "s "
+      "idle (%s)\n",
+      threadsAfterInit, namesAfterInit.c_str(), threadsInBurst, libraryThreads(), o.idleSeconds,
+      threadNames().c_str());
   std::printf("  left in the offline cache %zu\n",
               filesIn(root / "app" / "Library" / "Caches" / "QuorvelCache"));
   std::fflush(stdout);

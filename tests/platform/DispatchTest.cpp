@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/posix/LaneQueue.h"
 #include "platform/posix/PosixServices.h"
 #include "platform/posix/ThreadQueue.h"
 #include "support/VirtualTime.h"
@@ -38,28 +39,57 @@ TEST(VirtualDispatcher, DelayedWorkRunsInDueOrderAsTimeAdvances) {
   EXPECT_FALSE(serial->isCurrent());
 }
 
-TEST(ThreadQueue, SerialQueueRunsOneItemAtATimeInOrder) {
-  ThreadQueue queue("com.quorvel.serial", 1, "quorvel.serial");
+// A serial queue of its own thread, and lanes sharing a two-thread pool with another busy
+// lane: either way one item at a time, in order, and isCurrent only inside.
+class SerialQueues : public ::testing::TestWithParam<bool> {};
+
+TEST_P(SerialQueues, RunOneItemAtATimeInOrder) {
+  const bool lanes = GetParam();
+  auto pool = std::make_shared<ThreadQueue>("pool", 2, "", 50ms);
+  std::shared_ptr<DispatchQueue> queue =
+      lanes ? std::shared_ptr<DispatchQueue>(std::make_shared<LaneQueue>("a", pool))
+            : std::make_shared<ThreadQueue>("com.quorvel.serial", 1, "quorvel.serial");
+  auto neighbour = std::make_shared<LaneQueue>("b", pool);
   std::vector<int> seen;
   std::atomic<int> running{0};
-  bool overlapped = false;
+  std::atomic<bool> overlapped{false};
   std::promise<void> done;
-  for (int i = 0; i < 200; ++i) {
-    queue.async([&, i] {
-      if (running.fetch_add(1) != 0 || !queue.isCurrent())
+  for (int i = 0; i < 500; ++i) {
+    neighbour->async([&] { overlapped = overlapped || queue->isCurrent(); });
+    queue->async([&, i] {
+      if (running.fetch_add(1) != 0 || !queue->isCurrent())
         overlapped = true;
       seen.push_back(i);
       running.fetch_sub(1);
-      if (i == 199)
+      if (i == 499)
         done.set_value();
     });
   }
   ASSERT_EQ(done.get_future().wait_for(10s), std::future_status::ready);
   EXPECT_FALSE(overlapped);
-  EXPECT_FALSE(queue.isCurrent());
-  ASSERT_EQ(seen.size(), 200U);
-  for (int i = 0; i < 200; ++i)
+  EXPECT_FALSE(queue->isCurrent());
+  ASSERT_EQ(seen.size(), 500U);
+  for (int i = 0; i < 500; ++i)
     EXPECT_EQ(seen[static_cast<std::size_t>(i)], i);
+  EXPECT_LE(pool->threadCount(), 2U);
+}
+
+INSTANTIATE_TEST_SUITE_P(OwnThreadOrLane, SerialQueues, ::testing::Bool());
+
+// A pool whose threads end as soon as it is empty still runs what comes next; a lane that
+// goes away drops what it has not started.
+TEST(LaneQueue, PoolThreadsEndWhenIdleAndADroppedLaneRunsNothingMore) {
+  auto pool = std::make_shared<ThreadQueue>("pool", 2, "", 0ms);
+  {
+    LaneQueue lane("a", pool);
+    std::promise<void> ran;
+    lane.async([&] { ran.set_value(); });
+    ASSERT_EQ(ran.get_future().wait_for(10s), std::future_status::ready);
+    lane.asyncAfter(1h, [] { ADD_FAILURE() << "pending work must be dropped"; });
+  }
+  std::promise<void> again;
+  pool->async([&] { again.set_value(); });
+  EXPECT_EQ(again.get_future().wait_for(10s), std::future_status::ready);
 }
 
 TEST(ThreadQueue, DelayedItemWaitsBehindLaterImmediateOnes) {
@@ -108,7 +138,8 @@ TEST(RunLoopQueue, HostDrainsOnItsOwnThread) {
 TEST(DispatchQueues, RunDueItemsHereOnlyOnTheThreadThatTurnsTheQueue) {
   ThreadQueue serial("q", 1);
   RunLoopQueue loop("main");
-  for (DispatchQueue* queue : std::initializer_list<DispatchQueue*>{&serial, &loop}) {
+  LaneQueue lane("lane", std::make_shared<ThreadQueue>("pool", 2));
+  for (DispatchQueue* queue : std::initializer_list<DispatchQueue*>{&serial, &loop, &lane}) {
     SCOPED_TRACE(queue->label());
     std::promise<void> entered;
     std::promise<void> release;

@@ -234,9 +234,9 @@ class CurlURLSession final : public URLSession,
                  std::weak_ptr<URLSessionDownloadDelegate> delegate)
       : options_(std::move(options)),
         delegate_(std::move(delegate)),
-        callbacks_(options_.dispatcher
-                       ? options_.dispatcher->makeSerialQueue(label + ".callbacks")
-                       : std::make_shared<ThreadQueue>(label + ".callbacks", 1, "quorvel.http.cb")) {
+        callbacks_(options_.dispatcher ? options_.dispatcher->makeSerialQueue(label + ".callbacks")
+                                       : std::make_shared<ThreadQueue>(label + ".callbacks", 1,
+                                                                       "quorvel.http.cb")) {
     initCurlOnce();
     trustStore_ = std::make_unique<TrustStore>(options_.extraCAFile);
     options_.maxConnectionsPerHost = std::max<std::size_t>(options_.maxConnectionsPerHost, 1);

@@ -121,8 +121,8 @@ void LaneQueue::State::turn() noexcept {
   running = false;
   std::optional<std::chrono::nanoseconds> ask;
   if (!items.empty())
-    ask = claimTurnLocked(ran == kItemsPerTurn ? std::chrono::steady_clock::now()
-                                               : items.top().due);
+    ask =
+        claimTurnLocked(ran == kItemsPerTurn ? std::chrono::steady_clock::now() : items.top().due);
   lock.unlock();
   idle.notify_all();
   if (ask)

@@ -71,9 +71,8 @@ void serve(const std::shared_ptr<ThreadQueue::State>& state) {
       ++state->waiting;
       bool idleTooLong = false;
       if (state->idleTime) {
-        idleTooLong = !state->wake.wait_for(lock, *state->idleTime, [&] {
-          return state->stopping || !state->items.empty();
-        });
+        idleTooLong = !state->wake.wait_for(
+            lock, *state->idleTime, [&] { return state->stopping || !state->items.empty(); });
       } else {
         state->wake.wait(lock);
       }
