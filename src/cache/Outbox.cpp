@@ -98,7 +98,7 @@ OutboxSlotPtr Outbox::accept(OutboxIntent intent, platform::TimePoint at) {
   auto slot = std::make_shared<OutboxSlot>(at);
   accepted_.fetch_add(1, std::memory_order_relaxed);
   waiting_.fetch_add(1, std::memory_order_relaxed);
-  enqueue(Put{slot, {}, std::move(intent), std::nullopt, nullptr});
+  enqueue(Put{slot, {}, std::move(intent), nullptr, nullptr});
   return slot;
 }
 
@@ -137,7 +137,8 @@ void Outbox::built(const OutboxSlotPtr& slot, const QuorvelRequestCacheData& req
   content += '\n';
   if (const auto& body = request.postData())
     content.append(body->begin(), body->end());
-  enqueue(Put{slot, std::move(content), std::nullopt, request, std::move(send)});
+  enqueue(Put{slot, std::move(content), std::nullopt,
+              std::make_shared<const QuorvelRequestCacheData>(request), std::move(send)});
 }
 
 void Outbox::answered(const OutboxSlotPtr& slot) {
@@ -323,7 +324,8 @@ void Outbox::readLeftoverLocked(const platform::OutboxRecord& record,
   Held held;
   held.slot = slot;
   held.bytes = record.content.size();
-  held.request = left.request;
+  if (left.request)
+    held.request = std::make_shared<const QuorvelRequestCacheData>(*left.request);
   heldBytes_ += held.bytes;
   held_.emplace(record.id, std::move(held));
   waiting_.fetch_add(1, std::memory_order_relaxed);

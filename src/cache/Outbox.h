@@ -181,8 +181,10 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
     OutboxSlotPtr slot;
     std::string content;  // empty: serialise `intent` on the queue
     std::optional<OutboxIntent> intent;
-    std::optional<QuorvelRequestCacheData> request;  // a built report's, for its retries
-    std::function<void()> then;                      // runs once the record is written
+    // A built report's, for its retries: held by pointer, as most reports wait unbuilt and
+    // thousands of them may wait at once.
+    std::shared_ptr<const QuorvelRequestCacheData> request;
+    std::function<void()> then;  // runs once the record is written
   };
   struct Remove {
     OutboxSlotPtr slot;
@@ -232,7 +234,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   struct Held {
     OutboxSlotPtr slot;
     std::size_t bytes = 0;
-    std::optional<QuorvelRequestCacheData> request;  // built
+    std::shared_ptr<const QuorvelRequestCacheData> request;  // built
     bool failed = false;
   };
   std::map<std::int64_t, Held> held_;  // by id: oldest first

@@ -415,9 +415,9 @@ class TrackerCore {
   std::shared_ptr<ReportLedger> ledger_;
   std::shared_ptr<Outbox> outbox_;
   std::atomic<bool> outboxResumed_{false};
-  // Room for a burst of 16,384 calls between two turns of the serial queue (about 2 MB, made
+  // Room for a burst of 8,192 calls between two turns of the serial queue (about 1 MB, made
   // with the tracker); a longer one goes on in allocated nodes.
-  MpscQueue<IntakeCall> intake_{16384};
+  MpscQueue<IntakeCall> intake_{8192};
   std::mutex intakeConsumer_;  // one thread at a time takes the intake
   std::atomic<bool> intakeScheduled_{false};
   // Reports are built on more than one queue; a counter is read, raised and written as one
