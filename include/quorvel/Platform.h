@@ -101,8 +101,9 @@ void installPlatform(const Platform& platform);
 std::shared_ptr<const Platform> currentPlatform();
 
 // The POSIX dispatcher: every serial queue, and the default main queue, is a lane on one
-// pool of two threads (named "quorvel.pool"), which is also the global queue; a pool thread
-// ends after half a second without work. `mainQueue` replaces the default main queue, for
+// pool of two threads (named "quorvel.pool"), which is also the global queue; a queue that
+// waits for the disk has a thread of its own. Each of these threads ends after half a second
+// without work. `mainQueue` replaces the default main queue, for
 // hosts that run delegate callbacks on their own loop (see RunLoopQueue.h).
 std::shared_ptr<platform::Dispatcher> makePosixDispatcher(
     std::shared_ptr<platform::DispatchQueue> mainQueue = nullptr);

@@ -72,8 +72,8 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
   advertiserId_ = "";
   // Its own queue, so that a burst of builds on the serial queue never delays the writes.
   outbox_ = std::make_shared<Outbox>(platform_->outbox,
-                                     platform_->dispatcher->makeSerialQueue(kOutboxQueueLabel),
-                                     platform_->dispatcher->makeSerialQueue(kOutboxSyncQueueLabel),
+                                     platform_->dispatcher->makeDiskQueue(kOutboxQueueLabel),
+                                     platform_->dispatcher->makeDiskQueue(kOutboxSyncQueueLabel),
                                      platform_->clock, log_, Outbox::Limits{});
   httpClient_ =
       QuorvelHTTPClient::create(platform_, remoteDebugging_, log_, requestCache_, ledger_, outbox_);

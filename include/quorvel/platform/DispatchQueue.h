@@ -47,6 +47,11 @@ class Dispatcher {
 
   // A new serial queue: one item at a time, in queue order.
   virtual std::shared_ptr<DispatchQueue> makeSerialQueue(std::string label) = 0;
+  // A serial queue whose items wait for the disk (writes, syncs): where queues share threads,
+  // it gets one of its own, so that a slow disk never holds up the others.
+  virtual std::shared_ptr<DispatchQueue> makeDiskQueue(std::string label) {
+    return makeSerialQueue(std::move(label));
+  }
   // The main queue: where delegate callbacks go. Serial.
   virtual std::shared_ptr<DispatchQueue> mainQueue() = 0;
   // The global concurrent queue of default priority.

@@ -22,8 +22,9 @@ struct LaneQueue::State : std::enable_shared_from_this<LaneQueue::State> {
       return a.due != b.due ? a.due > b.due : a.sequence > b.sequence;
     }
   };
-  // A turn runs at most this many items before it gives the pool's thread to other lanes.
-  static constexpr int kItemsPerTurn = 64;
+  // A turn gives the pool's thread to the other lanes once it has run this long: a lane
+  // that builds requests must not keep the one that writes them to disk waiting.
+  static constexpr std::chrono::microseconds kTurnLength{500};
 
   explicit State(std::shared_ptr<DispatchQueue> p) : pool(std::move(p)) {}
 
@@ -108,21 +109,25 @@ void LaneQueue::State::turn() noexcept {
   turnAskedFor = SteadyTime::max();
   const State* const outer = tCurrentLane;
   tCurrentLane = this;
-  int ran = 0;
-  for (; ran < kItemsPerTurn; ++ran) {
+  const auto turnEnd = std::chrono::steady_clock::now() + kTurnLength;
+  bool yielded = false;
+  for (;;) {
     Work work = takeDueLocked();
     if (!work)
       break;
     lock.unlock();
     runItem(work);
     lock.lock();
+    if (std::chrono::steady_clock::now() >= turnEnd) {
+      yielded = true;
+      break;
+    }
   }
   tCurrentLane = outer;
   running = false;
   std::optional<std::chrono::nanoseconds> ask;
   if (!items.empty())
-    ask =
-        claimTurnLocked(ran == kItemsPerTurn ? std::chrono::steady_clock::now() : items.top().due);
+    ask = claimTurnLocked(yielded ? std::chrono::steady_clock::now() : items.top().due);
   lock.unlock();
   idle.notify_all();
   if (ask)

@@ -24,6 +24,7 @@ class PosixDispatcher final : public Dispatcher {
   // `mainQueue` replaces the default main queue thread when given.
   explicit PosixDispatcher(std::shared_ptr<DispatchQueue> mainQueue = nullptr);
   std::shared_ptr<DispatchQueue> makeSerialQueue(std::string label) override;
+  std::shared_ptr<DispatchQueue> makeDiskQueue(std::string label) override;
   std::shared_ptr<DispatchQueue> mainQueue() override { return main_; }
   std::shared_ptr<DispatchQueue> globalQueue() override { return pool_; }
 
