@@ -2,26 +2,15 @@
 
 #include <algorithm>
 #include <condition_variable>
-#include <cstdint>
 #include <mutex>
 #include <optional>
-#include <queue>
-#include <vector>
+
+#include "platform/posix/DueItems.h"
 
 namespace quorvel::platform {
 
 struct LaneQueue::State : std::enable_shared_from_this<LaneQueue::State> {
-  using SteadyTime = std::chrono::steady_clock::time_point;
-  struct Item {
-    SteadyTime due;
-    std::uint64_t sequence;
-    Work work;
-  };
-  struct Later {
-    bool operator()(const Item& a, const Item& b) const {
-      return a.due != b.due ? a.due > b.due : a.sequence > b.sequence;
-    }
-  };
+  using SteadyTime = DueItems::Clock::time_point;
   // A turn gives the pool's thread to the other lanes once it has run this long: a lane
   // that builds requests must not keep the one that writes them to disk waiting.
   static constexpr std::chrono::microseconds kTurnLength{500};
@@ -34,13 +23,11 @@ struct LaneQueue::State : std::enable_shared_from_this<LaneQueue::State> {
   // Returns the delay to ask with, or nothing.
   std::optional<std::chrono::nanoseconds> claimTurnLocked(SteadyTime due);
   void askForTurn(std::chrono::nanoseconds delay) noexcept;
-  Work takeDueLocked();
 
   const std::shared_ptr<DispatchQueue> pool;
   std::mutex mutex;
   std::condition_variable idle;  // the running item ended
-  std::priority_queue<Item, std::vector<Item>, Later> items;
-  std::uint64_t nextSequence = 0;
+  DueItems items;
   bool running = false;
   bool stopping = false;
   SteadyTime turnAskedFor = SteadyTime::max();
@@ -48,15 +35,6 @@ struct LaneQueue::State : std::enable_shared_from_this<LaneQueue::State> {
 
 namespace {
 thread_local const LaneQueue::State* tCurrentLane = nullptr;
-
-void runItem(Work& work) noexcept {
-  try {
-    work();
-  } catch (...) {
-    // A work item that throws must not take the lane down with it.
-  }
-  work = nullptr;
-}
 }  // namespace
 
 std::optional<std::chrono::nanoseconds> LaneQueue::State::claimTurnLocked(SteadyTime due) {
@@ -74,14 +52,6 @@ void LaneQueue::State::askForTurn(std::chrono::nanoseconds delay) noexcept {
   });
 }
 
-Work LaneQueue::State::takeDueLocked() {
-  if (items.empty() || items.top().due > std::chrono::steady_clock::now())
-    return nullptr;
-  Work work = std::move(const_cast<Item&>(items.top()).work);
-  items.pop();
-  return work;
-}
-
 void LaneQueue::State::enqueue(SteadyTime due, Work work) noexcept {
   if (!work)
     return;
@@ -91,7 +61,7 @@ void LaneQueue::State::enqueue(SteadyTime due, Work work) noexcept {
       const std::lock_guard lock(mutex);
       if (stopping)
         return;
-      items.push(Item{due, nextSequence++, std::move(work)});
+      items.push(due, std::move(work));
       ask = claimTurnLocked(due);
     }
     if (ask)
@@ -112,7 +82,7 @@ void LaneQueue::State::turn() noexcept {
   const auto turnEnd = std::chrono::steady_clock::now() + kTurnLength;
   bool yielded = false;
   for (;;) {
-    Work work = takeDueLocked();
+    Work work = items.takeDue();
     if (!work)
       break;
     lock.unlock();
@@ -127,7 +97,7 @@ void LaneQueue::State::turn() noexcept {
   running = false;
   std::optional<std::chrono::nanoseconds> ask;
   if (!items.empty())
-    ask = claimTurnLocked(yielded ? std::chrono::steady_clock::now() : items.top().due);
+    ask = claimTurnLocked(yielded ? std::chrono::steady_clock::now() : items.firstDue());
   lock.unlock();
   idle.notify_all();
   if (ask)
@@ -138,10 +108,10 @@ LaneQueue::LaneQueue(std::string label, std::shared_ptr<DispatchQueue> pool)
     : label_(std::move(label)), state_(std::make_shared<State>(std::move(pool))) {}
 
 LaneQueue::~LaneQueue() {
-  std::priority_queue<State::Item, std::vector<State::Item>, State::Later> pending;
+  DueItems pending;
   std::unique_lock lock(state_->mutex);
   state_->stopping = true;
-  pending.swap(state_->items);
+  state_->items.moveAllTo(pending);
   if (!isCurrent())
     state_->idle.wait(lock, [&] { return !state_->running; });
   lock.unlock();
@@ -149,14 +119,11 @@ LaneQueue::~LaneQueue() {
 }
 
 void LaneQueue::async(Work work) noexcept {
-  state_->enqueue(std::chrono::steady_clock::now(), std::move(work));
+  state_->enqueue(DueItems::Clock::now(), std::move(work));
 }
 
 void LaneQueue::asyncAfter(std::chrono::nanoseconds delay, Work work) noexcept {
-  const auto clamped = delay.count() < 0 ? std::chrono::nanoseconds(0) : delay;
-  state_->enqueue(std::chrono::steady_clock::now() +
-                      std::chrono::duration_cast<std::chrono::steady_clock::duration>(clamped),
-                  std::move(work));
+  state_->enqueue(DueItems::dueAfter(delay), std::move(work));
 }
 
 bool LaneQueue::isCurrent() const noexcept {
@@ -173,7 +140,7 @@ std::size_t LaneQueue::runDueItemsHere() noexcept {
       const std::lock_guard lock(state_->mutex);
       if (state_->stopping)
         break;
-      work = state_->takeDueLocked();
+      work = state_->items.takeDue();
     }
     if (!work)
       break;

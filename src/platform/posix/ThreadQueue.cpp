@@ -3,24 +3,14 @@
 #include <pthread.h>
 
 #include <condition_variable>
-#include <cstdint>
 #include <mutex>
-#include <queue>
+
+#include "platform/posix/DueItems.h"
 
 namespace quorvel::platform {
 
 struct ThreadQueue::State {
-  using SteadyTime = std::chrono::steady_clock::time_point;
-  struct Item {
-    SteadyTime due;
-    std::uint64_t sequence;
-    Work work;
-  };
-  struct Later {
-    bool operator()(const Item& a, const Item& b) const {
-      return a.due != b.due ? a.due > b.due : a.sequence > b.sequence;
-    }
-  };
+  using SteadyTime = DueItems::Clock::time_point;
 
   State(std::string name, unsigned maxThreads, std::optional<std::chrono::milliseconds> idle)
       : threadName(std::move(name)), maxThreads(maxThreads), idleTime(idle) {}
@@ -31,8 +21,7 @@ struct ThreadQueue::State {
   std::mutex mutex;
   std::condition_variable wake;
   std::condition_variable ended;  // a thread ended (the destructor waits for the last)
-  std::priority_queue<Item, std::vector<Item>, Later> items;
-  std::uint64_t nextSequence = 0;
+  DueItems items;
   unsigned threads = 0;  // alive
   unsigned waiting = 0;  // alive and waiting for work
   bool stopping = false;
@@ -44,24 +33,6 @@ struct ThreadQueue::State {
 
 namespace {
 thread_local const ThreadQueue::State* tCurrentQueue = nullptr;
-
-// Takes the first item if it is due; the lock is held.
-Work takeDueItem(ThreadQueue::State& state) {
-  if (state.items.empty() || state.items.top().due > std::chrono::steady_clock::now())
-    return nullptr;
-  Work work = std::move(const_cast<ThreadQueue::State::Item&>(state.items.top()).work);
-  state.items.pop();
-  return work;
-}
-
-void runItem(Work& work) noexcept {
-  try {
-    work();
-  } catch (...) {
-    // A work item that throws must not take the queue down with it.
-  }
-  work = nullptr;
-}
 
 void serve(const std::shared_ptr<ThreadQueue::State>& state) {
   tCurrentQueue = state.get();
@@ -81,18 +52,16 @@ void serve(const std::shared_ptr<ThreadQueue::State>& state) {
         break;  // nothing came for the idle time: the thread ends, the next item starts one
       continue;
     }
-    Work work = takeDueItem(*state);
+    Work work = state->items.takeDue();
     if (!work) {
-      // A copy: the wait reads its deadline again after waking, when a push may have moved
-      // the item it came from.
-      const auto due = state->items.top().due;
+      const auto due = state->items.firstDue();
       ++state->waiting;
       state->wake.wait_until(lock, due);
       --state->waiting;
       continue;
     }
     // More due work than this thread: another one takes it meanwhile.
-    if (!state->items.empty() && state->items.top().due <= std::chrono::steady_clock::now())
+    if (!state->items.empty() && state->items.firstDue() <= DueItems::Clock::now())
       state->startThreadIfNeededLocked(state);
     lock.unlock();
     runItem(work);
@@ -128,8 +97,7 @@ void ThreadQueue::State::enqueue(const std::shared_ptr<State>& self, SteadyTime 
       std::lock_guard lock(mutex);
       if (stopping)
         return;
-      earliest = items.empty() || due < items.top().due;
-      items.push(Item{due, nextSequence++, std::move(work)});
+      earliest = items.push(due, std::move(work));
       startThreadIfNeededLocked(self);
     }
     // A thread that waits does so for the earliest item, or for any when there is none:
@@ -152,8 +120,8 @@ ThreadQueue::~ThreadQueue() {
   std::unique_lock lock(state_->mutex);
   state_->stopping = true;
   // Items not yet started are dropped outside the lock: their captures may queue more.
-  std::priority_queue<State::Item, std::vector<State::Item>, State::Later> pending;
-  pending.swap(state_->items);
+  DueItems pending;
+  state_->items.moveAllTo(pending);
   state_->wake.notify_all();
   // A thread of this queue destroying it finishes its item and ends by itself.
   const unsigned own = isCurrent() ? 1 : 0;
@@ -162,15 +130,11 @@ ThreadQueue::~ThreadQueue() {
 }
 
 void ThreadQueue::async(Work work) noexcept {
-  state_->enqueue(state_, std::chrono::steady_clock::now(), std::move(work));
+  state_->enqueue(state_, DueItems::Clock::now(), std::move(work));
 }
 
 void ThreadQueue::asyncAfter(std::chrono::nanoseconds delay, Work work) noexcept {
-  const auto clamped = delay.count() < 0 ? std::chrono::nanoseconds(0) : delay;
-  state_->enqueue(state_,
-                  std::chrono::steady_clock::now() +
-                      std::chrono::duration_cast<std::chrono::steady_clock::duration>(clamped),
-                  std::move(work));
+  state_->enqueue(state_, DueItems::dueAfter(delay), std::move(work));
 }
 
 bool ThreadQueue::isCurrent() const noexcept {
@@ -192,7 +156,7 @@ std::size_t ThreadQueue::runDueItemsHere() noexcept {
       std::lock_guard lock(state_->mutex);
       if (state_->stopping)
         break;
-      work = takeDueItem(*state_);
+      work = state_->items.takeDue();
     }
     if (!work)
       break;
