@@ -70,10 +70,12 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
   shouldCollectDeviceName_ = true;
   platfromDevName_ = QuorvelUtils::develomentPlatformName(*platform_->classRegistry);
   advertiserId_ = "";
-  // Its own queue, so that a burst of builds on the serial queue never delays the writes.
+  // The writes have a queue of their own, so that a burst of builds on the serial queue never
+  // delays them. The sync, once a second at most, takes a turn of the shared queues: it holds
+  // one thread of their pool for a checkpoint and leaves the other to the rest.
   outbox_ = std::make_shared<Outbox>(platform_->outbox,
                                      platform_->dispatcher->makeDiskQueue(kOutboxQueueLabel),
-                                     platform_->dispatcher->makeDiskQueue(kOutboxSyncQueueLabel),
+                                     platform_->dispatcher->makeSerialQueue(kOutboxSyncQueueLabel),
                                      platform_->clock, log_, Outbox::Limits{});
   httpClient_ =
       QuorvelHTTPClient::create(platform_, remoteDebugging_, log_, requestCache_, ledger_, outbox_);

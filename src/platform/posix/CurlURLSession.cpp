@@ -226,10 +226,14 @@ class CurlTask final : public URLSessionTask, public std::enable_shared_from_thi
 }  // namespace curl_detail
 using namespace curl_detail;
 
-// One session: a worker thread, a multi handle, a callback queue.
+// One session: a worker thread while it has transfers, a multi handle, a callback queue.
 class CurlURLSession final : public URLSession,
                              public std::enable_shared_from_this<CurlURLSession> {
  public:
+  // A worker with nothing to do for this long ends: an idle library holds no thread for a
+  // session, and a session the library made but seldom uses holds none under a burst.
+  static constexpr std::chrono::milliseconds kWorkerIdleTime{500};
+
   CurlURLSession(CurlSessionOptions options, std::string label,
                  std::weak_ptr<URLSessionDownloadDelegate> delegate)
       : options_(std::move(options)),
@@ -254,8 +258,7 @@ class CurlURLSession final : public URLSession,
       curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
       curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
     }
-    worker_ = std::thread([this] { run(); });
-    pthread_setname_np(worker_.native_handle(), "quorvel.http");
+    // The worker starts with the first task (startWorker).
   }
 
   ~CurlURLSession() override {
@@ -267,6 +270,7 @@ class CurlURLSession final : public URLSession,
       stopping_ = true;
     }
     wake();
+    const std::lock_guard workerLock(workerMutex_);
     if (worker_.joinable()) {
       if (worker_.get_id() == std::this_thread::get_id()) {
         worker_.detach();
@@ -303,14 +307,20 @@ class CurlURLSession final : public URLSession,
   bool idle() const { return *unfinished_ == 0; }
 
   void start(std::shared_ptr<CurlTask> task) {
+    bool needsWorker = false;
     {
       std::lock_guard lock(mutex_);
       if (stopping_)
         return;
       ++*unfinished_;
       pending_.push_back(std::move(task));
+      needsWorker = !workerRunning_;
+      workerRunning_ = true;
     }
-    wake();
+    if (needsWorker)
+      startWorker();
+    else
+      wake();
   }
 
  private:
@@ -606,17 +616,37 @@ class CurlURLSession final : public URLSession,
     });
   }
 
+  // Only where the worker has ended or never ran: the task that needs one is pending.
+  void startWorker() {
+    const std::lock_guard workerLock(workerMutex_);
+    if (worker_.joinable())
+      worker_.join();  // the last one ended for want of work, or is returning now
+    try {
+      worker_ = std::thread([this] { run(); });
+      pthread_setname_np(worker_.native_handle(), "quorvel.http");
+    } catch (...) {
+      // No thread now: the task waits and the next one tries again.
+      const std::lock_guard lock(mutex_);
+      workerRunning_ = false;
+    }
+  }
+
   void run() {
     while (true) {
       std::deque<std::shared_ptr<CurlTask>> incoming;
       {
         std::unique_lock lock(mutex_);
-        // Idle: sleep until a task arrives; nothing polls.
-        cv_.wait(lock, [&] {
+        // Idle: sleep until a task arrives, nothing polls, and after a while the thread ends
+        // (idle connections stay with the multi handle for the next worker).
+        const bool hasWork = cv_.wait_for(lock, kWorkerIdleTime, [&] {
           return stopping_ || !pending_.empty() || !active_.empty() || originsWaiting_ > 0;
         });
         if (stopping_)
           break;
+        if (!hasWork) {
+          workerRunning_ = false;
+          return;
+        }
         incoming.swap(pending_);
       }
       for (auto& task : incoming)
@@ -669,6 +699,7 @@ class CurlURLSession final : public URLSession,
   std::condition_variable cv_;
   std::deque<std::shared_ptr<CurlTask>> pending_;
   bool stopping_ = false;
+  bool workerRunning_ = false;
   // Started, completion not yet run. Shared with the callback queue, which can outlive the
   // session.
   std::shared_ptr<std::atomic<std::size_t>> unfinished_ =
@@ -677,6 +708,7 @@ class CurlURLSession final : public URLSession,
   std::map<CURL*, std::unique_ptr<Transfer>> active_;
   std::unordered_map<std::string, Origin> origins_;
   std::size_t originsWaiting_ = 0;  // origins with waiting tasks
+  std::mutex workerMutex_;          // guards worker_ (started again after each idle end)
   std::thread worker_;
 };
 

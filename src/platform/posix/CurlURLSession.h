@@ -1,7 +1,8 @@
-// URL sessions on libcurl: one worker thread drives a curl multi handle; completions and
-// delegate calls run on the session's own serial callback queue. Like the platform's own
-// sessions, a session opens a few connections per host and reuses them: TLS sessions, DNS
-// answers and the trust store are loaded once and shared by every transfer of the session.
+// URL sessions on libcurl: a worker thread drives a curl multi handle while there are
+// transfers (it ends after 0.5 s without); completions and delegate calls run on the
+// session's own serial callback queue. Like the platform's own sessions, a session opens a
+// few connections per host and reuses them: TLS sessions, DNS answers and the trust store
+// are loaded once and shared by every transfer of the session.
 #pragma once
 
 #include <atomic>
