@@ -24,8 +24,8 @@ struct Outcome {
 class CurlSessionTest : public ::testing::Test {
  protected:
   std::shared_ptr<URLSession> session(std::chrono::milliseconds timeout = 10s,
-                                      std::size_t maxBytes = 1 << 20) {
-    CurlSessionOptions options;
+                                      std::size_t maxBytes = 1 << 20,
+                                      CurlSessionOptions options = {}) {
     options.extraCAFile = server.caFile();
     options.requestTimeout = timeout;
     options.maxResponseBytes = maxBytes;
@@ -53,12 +53,20 @@ TEST_F(CurlSessionTest, PostReachesTheServerAndTheAnswerComesBackOnTheCallbackQu
     res.set_header("X-Echo", req.get_header_value("Content-Type"));
     res.set_content(req.body, "application/json; charset=utf-8");
   });
-  auto s = session();
+  // A worker that ends as soon as it is idle: every request below starts a new one, which
+  // takes over the kept-alive connection.
+  CurlSessionOptions options;
+  options.workerIdleTime = 0ms;
+  options.connectionsOpened = std::make_shared<std::atomic<std::uint64_t>>(0);
+  auto s = session(10s, 1 << 20, options);
   URLRequest request;
   request.url = "https://t." + server.domain() + "/api/v4.8/iosevent?app_id=1";
   request.method = "POST";
   request.headers = {{"Content-Type", "application/octet-stream"}};
   request.body = Bytes{'{', '}', 0, 0xff};
+  for (int i = 0; i < 2; ++i)
+    ASSERT_FALSE(run(*s, request).error);
+  EXPECT_EQ(options.connectionsOpened->load(), 1U);
   const Outcome o = run(*s, request);
   ASSERT_FALSE(o.error) << o.error->localizedDescription;
   EXPECT_TRUE(o.onCallbackQueue);
@@ -66,7 +74,7 @@ TEST_F(CurlSessionTest, PostReachesTheServerAndTheAnswerComesBackOnTheCallbackQu
   EXPECT_EQ(o.response->mimeType, "application/json");
   EXPECT_EQ(o.body, request.body);
   const auto received = server.received();
-  ASSERT_EQ(received.size(), 1U);
+  ASSERT_EQ(received.size(), 3U);
   EXPECT_EQ(received[0].host, "t." + server.domain());
   EXPECT_EQ(received[0].target, "/api/v4.8/iosevent?app_id=1");
   bool echoed = false;

@@ -230,10 +230,6 @@ using namespace curl_detail;
 class CurlURLSession final : public URLSession,
                              public std::enable_shared_from_this<CurlURLSession> {
  public:
-  // A worker with nothing to do for this long ends: an idle library holds no thread for a
-  // session, and a session the library made but seldom uses holds none under a burst.
-  static constexpr std::chrono::milliseconds kWorkerIdleTime{500};
-
   CurlURLSession(CurlSessionOptions options, std::string label,
                  std::weak_ptr<URLSessionDownloadDelegate> delegate)
       : options_(std::move(options)),
@@ -638,7 +634,7 @@ class CurlURLSession final : public URLSession,
         std::unique_lock lock(mutex_);
         // Idle: sleep until a task arrives, nothing polls, and after a while the thread ends
         // (idle connections stay with the multi handle for the next worker).
-        const bool hasWork = cv_.wait_for(lock, kWorkerIdleTime, [&] {
+        const bool hasWork = cv_.wait_for(lock, options_.workerIdleTime, [&] {
           return stopping_ || !pending_.empty() || !active_.empty() || originsWaiting_ > 0;
         });
         if (stopping_)

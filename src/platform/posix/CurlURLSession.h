@@ -28,6 +28,9 @@ struct CurlSessionOptions {
   // When set, counts every connection the session opens (benchmarks and tests read it).
   std::shared_ptr<std::atomic<std::uint64_t>> connectionsOpened;
   std::string downloadDirectory = "/tmp";  // where download tasks put their bodies
+  // A worker with nothing to do for this long ends: an idle library holds no thread for a
+  // session, and a session the library made but seldom uses holds none under a burst.
+  std::chrono::milliseconds workerIdleTime{500};
   // Makes the session's callback queue (a lane of the platform's pool); a thread of the
   // session's own when not given.
   std::shared_ptr<Dispatcher> dispatcher;
