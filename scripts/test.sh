@@ -2,7 +2,8 @@
 # Installs what is needed, builds and runs the whole test suite: plain, under
 # AddressSanitizer + UndefinedBehaviorSanitizer, and under ThreadSanitizer (warnings are errors
 # in each); smoke-runs the benchmarks; builds the plain and shared configurations without a
-# preset and runs the Python package's tests on the shared one; checks the C API against its
+# preset and runs the Python package's tests on the shared one (and, on a shared build without
+# libcurl, those that bring their own transport); checks the C API against its
 # ABI baseline; then runs each fuzz target for a bounded time.
 # Choose presets with QUORVEL_TEST_PRESETS="dev asan-ubsan".
 set -euo pipefail
@@ -36,6 +37,16 @@ if [ "${QUORVEL_TEST_CONFIGURATIONS:-1}" != 0 ]; then
   done
   step "Python package: installed into a virtual environment, tested against the shared build"
   bash scripts/python-test.sh build/plain-shared-ON
+  # Without libcurl the library needs none at run time and sends through a host's transport.
+  step "shared library without libcurl: no libcurl needed, a session through the Python transport"
+  cmake -S . -B build/no-curl -G Ninja -DBUILD_SHARED_LIBS=ON -DQUORVEL_WITH_CURL=OFF \
+    -DQUORVEL_BUILD_TOOLS=OFF -DQUORVEL_WERROR=ON >/dev/null
+  cmake --build build/no-curl --parallel "$jobs" --target quorvel >/dev/null
+  if readelf -d build/no-curl/src/libquorvel.so | grep -q 'NEEDED.*libcurl'; then
+    echo "libquorvel.so built without libcurl still needs it"; exit 1
+  fi
+  QUORVEL_DEVSERVER=build/plain-shared-ON/tools/devserver/quorvel-devserver \
+    bash scripts/python-test.sh build/no-curl -k "transport or misuse"
 fi
 # The C API against its baseline: a removed or changed C function fails.
 step "C API: ABI check against abi/libquorvel.abi"

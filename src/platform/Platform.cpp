@@ -9,7 +9,9 @@
 
 #include <quorvel/Format.h>
 
+#if QUORVEL_WITH_CURL
 #include "platform/posix/CurlURLSession.h"
+#endif
 #include "platform/posix/FileSecureStore.h"
 #include "platform/posix/JsonFilePreferencesStore.h"
 #include "platform/posix/OpenSslLifetime.h"
@@ -69,6 +71,45 @@ std::string privateFallbackDirectory(const std::string& base, SystemLog& log) {
              path, std::string(made != nullptr ? made : "nothing")));
   return made != nullptr ? std::string(made) : path + "-unavailable";
 }
+
+namespace {
+#if QUORVEL_WITH_CURL
+std::shared_ptr<URLSessionFactory> defaultSessions(const Platform& p,
+                                                   const PosixPlatformOptions& options) {
+  CurlSessionOptions curl;
+  curl.extraCAFile = options.extraCAFile;
+  curl.requestTimeout = options.requestTimeout;
+  curl.maxResponseBytes = options.maxResponseBytes;
+  curl.maxConnectionsPerHost = options.maxConnectionsPerHost;
+  curl.downloadDirectory = p.fileSystem->temporaryDirectory();
+  curl.dispatcher = p.dispatcher;
+  return std::make_shared<CurlURLSessionFactory>(std::move(curl));
+}
+#else
+// Built without libcurl and given no transport: every request fails as offline, so reports
+// wait on disk (and go with the next run that has a transport) instead of being lost.
+class NoTransport final : public Transport {
+ public:
+  void send(TransportRequest /*request*/, TransportDone done) noexcept override {
+    try {
+      done(std::nullopt, Error{kURLErrorDomain, -1009,
+                               "Quorvel was built without libcurl and given no transport"});
+    } catch (...) {
+      // The library's completion never throws; a failure here has nowhere to go.
+    }
+  }
+};
+
+std::shared_ptr<URLSessionFactory> defaultSessions(const Platform& p,
+                                                   const PosixPlatformOptions& /*options*/) {
+  p.systemLog->write(
+      "[ERROR] Quorvel: built without libcurl and given no transport "
+      "(PosixPlatformOptions::transport): reports wait on disk and nothing is sent");
+  return makeTransportSessions(std::make_shared<NoTransport>(), p.dispatcher,
+                               p.fileSystem->temporaryDirectory());
+}
+#endif
+}  // namespace
 
 void fillWithPosixDefaults(Platform& p, const PosixPlatformOptions& options) {
   if (!p.systemLog)
@@ -134,16 +175,8 @@ void fillWithPosixDefaults(Platform& p, const PosixPlatformOptions& options) {
     p.urlSessions =
         makeTransportSessions(options.transport, p.dispatcher, p.fileSystem->temporaryDirectory());
   }
-  if (!p.urlSessions) {
-    CurlSessionOptions curl;
-    curl.extraCAFile = options.extraCAFile;
-    curl.requestTimeout = options.requestTimeout;
-    curl.maxResponseBytes = options.maxResponseBytes;
-    curl.maxConnectionsPerHost = options.maxConnectionsPerHost;
-    curl.downloadDirectory = p.fileSystem->temporaryDirectory();
-    curl.dispatcher = p.dispatcher;
-    p.urlSessions = std::make_shared<CurlURLSessionFactory>(std::move(curl));
-  }
+  if (!p.urlSessions)
+    p.urlSessions = defaultSessions(p, options);
 }
 
 }  // namespace platform

@@ -1,4 +1,5 @@
-// A parsed URL: a thin value over libcurl's URL parser.
+// A parsed URL, read as a lenient parser reads typed input: blanks and bytes beyond ASCII are
+// escaped, "." and ".." segments resolved, an empty path is "/".
 #pragma once
 
 #include <optional>
