@@ -46,6 +46,9 @@ class OutboxSlot {
   void stopSending() noexcept { inFlight_ = false; }
   // True while it keeps a place in the build throttle (a failed request waiting).
   bool holdsPlace();
+  // Claims the report for its one request; false once a request was made for it. Work that
+  // runs inside a report (a delegate called from its answer) may make requests of its own.
+  bool claimForRequest() noexcept { return !requestMade_.exchange(true); }
 
  private:
   friend class Outbox;
@@ -58,6 +61,7 @@ class OutboxSlot {
   const platform::TimePoint acceptedAt_;
   std::int64_t id_ = 0;  // set and read on the outbox's queue only
   std::atomic<bool> inFlight_{false};
+  std::atomic<bool> requestMade_{false};
   std::atomic<bool> settled_{false};  // answered or dropped: no further change
   std::atomic<bool> replay_{false};   // sent again from an earlier run, not yet come back
 };

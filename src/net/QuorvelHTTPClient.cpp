@@ -84,8 +84,11 @@ void QuorvelHTTPClient::sendRequestEventToServer(const QuorvelRequestCacheData& 
     return;
   }
   // On disk before it leaves: a report accepted earlier now has its request; one made
-  // without a host's call (a purchase report) enters the outbox here.
-  OutboxSlotPtr slot = ticket && ticket->outbox() ? ticket->outbox() : outbox_->acceptBuilt();
+  // without a host's call (a purchase report), or inside a report that has its request already
+  // (a purchase from a callback of the launch's answer), enters the outbox here.
+  OutboxSlotPtr slot = ticket ? ticket->outbox() : nullptr;
+  if (!slot || !slot->claimForRequest())
+    slot = outbox_->acceptBuilt();
   slot->startSending();
   outbox_->built(slot, request,
                  [self = shared_from_this(), request, url = std::move(url), slot,

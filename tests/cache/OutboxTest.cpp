@@ -339,5 +339,48 @@ TEST_F(OutboxTest, AnEventsTimestampIsTheMomentOfTheCall) {
   EXPECT_EQ(std::stod(payload(129)["timestamp"].get<std::string>()), called);
 }
 
+// A purchase started in a delegate callback runs inside the report whose answer called the
+// delegate (the launch's): its own event is still a report of its own, which a kill before its
+// answer does not lose.
+TEST_F(OutboxTest, APurchaseFromADelegateCallbackIsAReportOfItsOwn) {
+  fakes.bundle->receiptPath = "/app/receipt";
+  fakes.fileSystem->writeFileAtomically("/app/receipt", Bytes{'r', 'c', 'p'});
+  auto delegate = std::make_shared<QuorvelTrackerDelegate>();
+  delegate->onConversionDataReceived = [this](const Json&) {
+    tracker->validateAndTrackInAppPurchase(std::string("gems"), std::string("1"),
+                                           std::string("EUR"), std::string("tx-9"), std::nullopt,
+                                           nullptr, nullptr);
+  };
+  tracker->setDelegate(delegate);
+  tracker->trackAppLaunch();
+  fakes.dispatcher->advance(250ms);
+  ASSERT_EQ(sent().size(), 1U);
+  fakes.respond(0, 200, "{}");  // the launch's answer fetches the conversion data
+  fakes.dispatcher->advance(10ms);
+  ASSERT_EQ(sent().size(), 2U);
+  fakes.respond(1, 200, R"({"origin":"paid"})");
+  fakes.dispatcher->advance(10ms);
+  std::size_t purchases = 0;
+  for (std::size_t i = 2; i < sent().size(); ++i)
+    purchases += request(i).url.starts_with("https://validate.") ? 1U : 0U;
+  ASSERT_EQ(purchases, 1U);
+  EXPECT_EQ(tracker->deliveryStats().waiting, 1U);
+
+  const auto next = restart();  // killed before the purchase's answer
+  const std::size_t before = sent().size();
+  tracker->trackEvent("after", std::nullopt);  // the next start sends what was left
+  fakes.dispatcher->advance(250ms);
+  answerAllFrom(before);
+  std::size_t again = 0;
+  for (std::size_t i = before; i < sent().size(); ++i) {
+    if (request(i).url.starts_with("https://validate.")) {
+      ++again;
+      EXPECT_NE(request(i).url.find("isCachedRequest=true"), std::string::npos);
+    }
+  }
+  EXPECT_EQ(again, 1U);
+  EXPECT_EQ(tracker->deliveryStats().waiting, 0U);
+}
+
 }  // namespace
 }  // namespace quorvel
