@@ -4,6 +4,10 @@
 //
 //   quorvel_chaos [--kills N] [--rate EVENTS_PER_S] [--min-life MS] [--max-life MS]
 //                 [--bound SECONDS] [--seed N] [--devserver PATH] [--strict 1]
+//                 [--disk-full-trials N]
+//
+// --strict 1 exits 1 when an event was lost, a repeat may have been avoidable or a trial's
+// first launch did not arrive exactly once.
 //
 // Prints accepted, arrived, lost, repeats (and how many were marked as replays), avoidable
 // repeats and the spread between each event's timestamp and its call. Each event's value is
@@ -13,10 +17,15 @@
 // sent within the life of one host. A replay's send time is its call plus its "timeincache";
 // a first copy's is when the emulator recorded it, which is after the emulator's delay, so
 // a first copy sent by a host that died meanwhile can still look as if sent by the next one.
+//
+// Then each disk-full trial starts a fresh install on a disk that takes no byte (the file
+// size limit at 0): its first launch is killed or returns from main, and a start with room
+// follows. It prints in how many trials that install's first launch arrived once.
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sqlite3.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -61,6 +70,7 @@ struct Options {
   int boundSeconds = 300;
   unsigned seed = 1;
   bool strict = false;  // exit 1 when an event was lost or a repeat may have been avoidable
+  int diskFullTrials = 0;
   std::string devserver = QUORVEL_DEVSERVER_BIN;
 };
 
@@ -83,6 +93,8 @@ Options parse(int argc, char** argv) {
       o.seed = static_cast<unsigned>(std::stoul(value));
     else if (flag == "--devserver")
       o.devserver = value;
+    else if (flag == "--disk-full-trials")
+      o.diskFullTrials = std::atoi(value.c_str());
     else if (flag == "--strict")
       o.strict = value == "1";
   }
@@ -98,7 +110,10 @@ struct HostArgs {
   std::string caFile;
   long long firstSeq = 0;
   int rate = 0;
-  bool drain = false;
+  // "send" (paced bursts until killed), "drain" (start, wait for the stop file, return) or
+  // "full-launch" (a launch on a disk that takes no byte, then a return from main)
+  std::string mode = "send";
+  std::string trial = "-";  // the customer user id that names a disk-full trial's install
 };
 
 // With QUORVEL_CHAOS_LOG set, a host writes its outbox's log lines to host.log.
@@ -114,6 +129,13 @@ class OutboxLines final : public quorvel::platform::SystemLog {
 // Sends paced bursts until killed; a draining host only starts, waits for the harness's stop
 // file and returns from main, as an app that the user opens once more would.
 int runHost(const HostArgs& a) {
+  if (a.mode == "full-launch") {
+    // No file may grow: every write of the library fails, as on a full disk.
+    ::signal(SIGXFSZ, SIG_IGN);
+    const rlimit none{0, 0};
+    if (::setrlimit(RLIMIT_FSIZE, &none) != 0)
+      return 2;
+  }
   quorvel::PosixPlatformOptions options;
   options.bundleIdentifier = "com.example.chaos";
   options.dataDirectory = (a.root / "app").string();
@@ -130,8 +152,14 @@ int runHost(const HostArgs& a) {
   tracker.setAppleAppID(std::string(kApp));
   tracker.setHost(a.domain);
   tracker.setDisableIAdTracking(true);
+  if (a.trial != "-")
+    tracker.setCustomerUserID(a.trial);
   tracker.trackAppLaunch();
-  if (a.drain) {
+  if (a.mode == "full-launch") {
+    std::this_thread::sleep_for(400ms);
+    return 0;  // the exit flush runs, on a disk that is still full
+  }
+  if (a.mode == "drain") {
     const auto deadline = std::chrono::steady_clock::now() + 30min;
     while (!fs::exists(a.root / "stop") && std::chrono::steady_clock::now() < deadline)
       std::this_thread::sleep_for(50ms);
@@ -169,7 +197,8 @@ pid_t spawnHost(const Options& o, const HostArgs& a) {
                                          a.caFile,
                                          std::to_string(a.firstSeq),
                                          std::to_string(a.rate),
-                                         a.drain ? "drain" : "send"};
+                                         a.mode,
+                                         a.trial};
   std::vector<char*> argv;
   for (const auto& s : args)
     argv.push_back(const_cast<char*>(s.c_str()));
@@ -313,11 +342,90 @@ void playFault(quorvel::bench::Devserver& server, std::mt19937& random) {
   }
 }
 
+// How many first launches (launch counter 1) of each trial's install arrived.
+std::map<std::string, int> firstLaunchesByTrial(const std::string& database) {
+  std::map<std::string, int> out;
+  sqlite3* db = nullptr;
+  if (sqlite3_open_v2(database.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
+    sqlite3_close(db);
+    return out;
+  }
+  sqlite3_busy_timeout(db, 2000);
+  sqlite3_stmt* s = nullptr;
+  if (sqlite3_prepare_v2(db,
+                         "SELECT decrypted FROM requests WHERE service = 't' AND status = 200 "
+                         "ORDER BY id",
+                         -1, &s, nullptr) == SQLITE_OK) {
+    while (sqlite3_step(s) == SQLITE_ROW) {
+      const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(s, 0));
+      const quorvel::Json payload =
+          quorvel::Json::parse(text != nullptr ? text : "", nullptr, false);
+      if (payload.is_object() && payload.value("counter", "") == "1" && payload.contains("appUID"))
+        ++out[payload.value("appUID", "")];
+    }
+  }
+  sqlite3_finalize(s);
+  sqlite3_close(db);
+  return out;
+}
+
+// A fresh install's first launch on a full disk, killed or returning from main, then a start
+// with room: the install's first launch must arrive once.
+bool runDiskFullTrials(const Options& o, quorvel::bench::Devserver& server, std::mt19937& random,
+                       const fs::path& root) {
+  int killed = 0;
+  for (int t = 0; t < o.diskFullTrials; ++t) {
+    HostArgs host{
+        root / ("full-" + std::to_string(t)), server.domain(), server.caFile(), 0, 0, "full-launch",
+        "trial-" + std::to_string(t)};
+    fs::create_directories(host.root);
+    const pid_t full = spawnHost(o, host);
+    if (full < 0)
+      throw std::runtime_error("cannot start the host");
+    if (t % 2 == 1) {
+      ++killed;
+      std::this_thread::sleep_for(
+          std::chrono::milliseconds(std::uniform_int_distribution<int>(50, 350)(random)));
+      ::kill(full, SIGKILL);
+    }
+    int status = 0;
+    ::waitpid(full, &status, 0);
+    host.mode = "drain";
+    const pid_t clean = spawnHost(o, host);
+    if (clean < 0)
+      throw std::runtime_error("cannot start the host");
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (std::chrono::steady_clock::now() < deadline &&
+           firstLaunchesByTrial(server.database()).count(host.trial) == 0)
+      std::this_thread::sleep_for(50ms);
+    std::this_thread::sleep_for(300ms);  // a second first launch, if any, shows up too
+    { std::ofstream(host.root / "stop") << "stop\n"; }
+    ::waitpid(clean, &status, 0);
+  }
+  const auto arrived = firstLaunchesByTrial(server.database());
+  int once = 0;
+  int twice = 0;
+  for (int t = 0; t < o.diskFullTrials; ++t) {
+    const auto it = arrived.find("trial-" + std::to_string(t));
+    const int count = it == arrived.end() ? 0 : it->second;
+    once += count == 1 ? 1 : 0;
+    twice += count > 1 ? 1 : 0;
+  }
+  std::printf(
+      "disk full at the first launch: %d trials (%d killed, %d returned from main), "
+      "then a start with room\n",
+      o.diskFullTrials, killed, o.diskFullTrials - killed);
+  std::printf("  first launch arrived      once in %d, more than once in %d, never in %d\n", once,
+              twice, o.diskFullTrials - once - twice);
+  std::fflush(stdout);
+  return once == o.diskFullTrials;
+}
+
 int runHarness(const Options& o, const fs::path& root) {
   quorvel::bench::Devserver server(o.devserver, root / "server", kApp, kDevKey);
   std::mt19937 random(o.seed);
   std::vector<Run> runs;
-  HostArgs host{root, server.domain(), server.caFile(), 0, o.rate, false};
+  HostArgs host{root, server.domain(), server.caFile(), 0, o.rate, "send", "-"};
   const auto started = std::chrono::steady_clock::now();
   for (int k = 0; k < o.kills; ++k) {
     playFault(server, random);
@@ -347,7 +455,7 @@ int runHarness(const Options& o, const fs::path& root) {
   // One clean start drains what the killed hosts left.
   server.fault("/faults/clear");
   server.fault("/faults/online");
-  host.drain = true;
+  host.mode = "drain";
   Run drain{wallSeconds(), 0};
   const pid_t pid = spawnHost(o, host);
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(o.boundSeconds);
@@ -435,21 +543,18 @@ int runHarness(const Options& o, const fs::path& root) {
               avoidable);
   std::printf("  timestamp - call, max     %.1f ms\n", spread * 1000.0);
   std::fflush(stdout);
-  return !o.strict || (lost == 0 && avoidable == 0) ? 0 : 1;
+  const bool launchesOnce = o.diskFullTrials == 0 || runDiskFullTrials(o, server, random, root);
+  return !o.strict || (lost == 0 && avoidable == 0 && launchesOnce) ? 0 : 1;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc > 1 && std::string(argv[1]) == "--host") {
-    if (argc != 8)
+    if (argc != 9)
       return 2;  // never the harness: a host that starts hosts would never stop
-    HostArgs a{argv[2],
-               argv[3],
-               argv[4],
-               std::atoll(argv[5]),
-               std::atoi(argv[6]),
-               std::string(argv[7]) == "drain"};
+    HostArgs a{argv[2], argv[3], argv[4], std::atoll(argv[5]), std::atoi(argv[6]),
+               argv[7], argv[8]};
     return runHost(a);
   }
   const Options o = parse(argc, argv);

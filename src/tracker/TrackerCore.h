@@ -338,6 +338,8 @@ class TrackerCore {
   // flush and at exit.
   void persistPreferencesSoon();
   void persistPreferencesNow();
+  // Sends a launch once its counters are on disk, trying the write again while they are not.
+  void sendLaunchOnceDurable(QuorvelRequestCacheData record, std::function<void()> answered);
   // A host's call accepted a report: into the outbox with the call's time, on a new ticket.
   ReportLedger::TicketPtr acceptReport(OutboxIntent intent, platform::TimePoint at);
   ReportLedger::TicketPtr acceptReport(OutboxIntent intent);
@@ -425,6 +427,7 @@ class TrackerCore {
   std::mutex countersMutex_;
   std::map<std::string, int, std::less<>> counterFloors_;
   std::atomic<bool> preferencesWriteScheduled_{false};
+  std::atomic<bool> launchWaitLogged_{false};  // once per episode of a launch that cannot go
   std::atomic<std::int64_t> exitFlushMs_{2000};
   // The application notifications the tracker follows; destroying them waits out a handler
   // running on another thread. Swapped out under the lock, destroyed outside it.

@@ -8,6 +8,7 @@
 #include "common/QuorvelUtils.h"
 #include "log/Log.h"
 #include "net/QuorvelHTTPClient.h"
+#include "net/ReportLedger.h"
 #include "tracker/TrackerLifetime.h"
 #include "tracker/TrackerNames.h"
 #include "util/PreferenceKeys.h"
@@ -94,13 +95,9 @@ void TrackerCore::callServerWithEventName(const std::string& name,
       isLaunch ? kRequestLaunch : kRequestEvent, url,
       QuorvelUtils::getJsonStringFromDictionary(parameters.dict(), *log_).value_or(std::string()),
       *log_);
-  const QuorvelRequestCacheData record(url, body, kQuorvelSDKVersion);
-  // A launch's counters and identifiers are on disk before it leaves, so that a crash right
-  // after can never count the same launch again; an event's wait for the group commit.
-  if (isLaunch)
-    persistPreferencesNow();
+  QuorvelRequestCacheData record(url, body, kQuorvelSDKVersion);
   auto self = self_;
-  httpClient_->sendRequestEventToServer(record, false, appleAppID(), isDebug(), [self, isLaunch] {
+  std::function<void()> answered = [self, isLaunch] {
     const auto tracker = self->pin();
     if (!tracker || !isLaunch)
       return;
@@ -113,7 +110,43 @@ void TrackerCore::callServerWithEventName(const std::string& name,
           "Quorvel: loading attribution data");
       tracker->getConversionData();
     }
-  });
+  };
+  // An event's counters wait for the group commit (the outbox keeps them with its request).
+  if (isLaunch)
+    sendLaunchOnceDurable(std::move(record), std::move(answered));
+  else
+    httpClient_->sendRequestEventToServer(record, false, appleAppID(), isDebug(),
+                                          std::move(answered));
+}
+
+// A launch's counters and identifiers are on disk before it leaves, so that a crash right
+// after can never count the same launch again. The outbox keeps the counters with the request;
+// without an outbox on disk the preferences are their only copy, and while those cannot be
+// written either (a full disk) the launch waits and the write is tried again each second. A
+// process that ends meanwhile sent nothing, so the next start's launch is the first, once.
+void TrackerCore::sendLaunchOnceDurable(QuorvelRequestCacheData record,
+                                        std::function<void()> answered) {
+  preferencesWriteScheduled_ = false;
+  const bool written = platform_->preferences->synchronize();
+  if (written || outbox_->durable()) {
+    launchWaitLogged_ = false;
+    httpClient_->sendRequestEventToServer(record, false, appleAppID(), isDebug(),
+                                          std::move(answered));
+    return;
+  }
+  if (!launchWaitLogged_.exchange(true)) {
+    log_->log(kLogError, "-[QuorvelTracker callServerWithEventName:]",
+              "Quorvel: the launch's counters cannot be written (no outbox, and the preferences "
+              "cannot be saved): the launch waits until they are");
+  }
+  constexpr std::chrono::seconds kLaunchWriteRetry{1};
+  mBackgroundQueue_->asyncAfter(
+      kLaunchWriteRetry, [self = self_, record = std::move(record), answered = std::move(answered),
+                          ticket = ReportLedger::current()]() mutable {
+        const ReportLedger::Scope scope(ticket);
+        if (const auto tracker = self->pin())
+          tracker->sendLaunchOnceDurable(std::move(record), std::move(answered));
+      });
 }
 
 void TrackerCore::validateAppID() const {
