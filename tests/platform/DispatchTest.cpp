@@ -96,7 +96,7 @@ TEST(ThreadQueue, DelayedItemWaitsBehindLaterImmediateOnes) {
   ThreadQueue queue("q", 1);
   std::vector<std::string> order;
   std::promise<void> done;
-  queue.asyncAfter(20ms, [&] {
+  queue.asyncAfter(200ms, [&] {
     order.push_back("delayed");
     done.set_value();
   });

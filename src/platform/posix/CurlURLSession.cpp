@@ -226,6 +226,12 @@ class CurlTask final : public URLSessionTask, public std::enable_shared_from_thi
 }  // namespace curl_detail
 using namespace curl_detail;
 
+class CurlURLSession;
+namespace {
+// The session whose worker this thread is, if any.
+thread_local const CurlURLSession* tWorkerOf = nullptr;
+}  // namespace
+
 // One session: a worker thread while it has transfers, a multi handle, a callback queue.
 class CurlURLSession final : public URLSession,
                              public std::enable_shared_from_this<CurlURLSession> {
@@ -266,16 +272,15 @@ class CurlURLSession final : public URLSession,
       stopping_ = true;
     }
     wake();
-    const std::lock_guard workerLock(workerMutex_);
-    if (worker_.joinable()) {
-      if (worker_.get_id() == std::this_thread::get_id()) {
-        worker_.detach();
-        // The worker still runs on this stack: its handles and trust store stay with the
-        // process.
-        (void)trustStore_.release();  // NOLINT(bugprone-unused-return-value)
-        return;
-      }
-      worker_.join();
+    if (tWorkerOf == this) {
+      // The worker still runs on this stack: its handles and trust store stay with the
+      // process.
+      (void)trustStore_.release();  // NOLINT(bugprone-unused-return-value)
+      return;
+    }
+    {
+      std::unique_lock lock(mutex_);
+      workerEnded_.wait(lock, [this] { return !workerRunning_; });
     }
     if (multi_ != nullptr)
       curl_multi_cleanup(multi_);
@@ -612,14 +617,14 @@ class CurlURLSession final : public URLSession,
     });
   }
 
-  // Only where the worker has ended or never ran: the task that needs one is pending.
+  // Only where the worker has ended or never ran: the task that needs one is pending. The
+  // thread is detached: it ends by itself (when idle or stopping) and says so through
+  // workerRunning_, which the destructor waits for.
   void startWorker() {
-    const std::lock_guard workerLock(workerMutex_);
-    if (worker_.joinable())
-      worker_.join();  // the last one ended for want of work, or is returning now
     try {
-      worker_ = std::thread([this] { run(); });
-      pthread_setname_np(worker_.native_handle(), "quorvel.http");
+      std::thread worker([this] { run(); });
+      pthread_setname_np(worker.native_handle(), "quorvel.http");
+      worker.detach();
     } catch (...) {
       // No thread now: the task waits and the next one tries again.
       const std::lock_guard lock(mutex_);
@@ -627,7 +632,14 @@ class CurlURLSession final : public URLSession,
     }
   }
 
+  void endWorkerLocked() {
+    workerRunning_ = false;
+    tWorkerOf = nullptr;
+    workerEnded_.notify_all();
+  }
+
   void run() {
+    tWorkerOf = this;
     while (true) {
       std::deque<std::shared_ptr<CurlTask>> incoming;
       {
@@ -640,7 +652,7 @@ class CurlURLSession final : public URLSession,
         if (stopping_)
           break;
         if (!hasWork) {
-          workerRunning_ = false;
+          endWorkerLocked();
           return;
         }
         incoming.swap(pending_);
@@ -671,6 +683,8 @@ class CurlURLSession final : public URLSession,
     }
     // The multi handle is cleaned up by the destructor once this thread has ended: a wake-up
     // from the destructor may still be writing to it.
+    const std::lock_guard lock(mutex_);
+    endWorkerLocked();
   }
 
   void cancelRequested() {
@@ -695,7 +709,8 @@ class CurlURLSession final : public URLSession,
   std::condition_variable cv_;
   std::deque<std::shared_ptr<CurlTask>> pending_;
   bool stopping_ = false;
-  bool workerRunning_ = false;
+  bool workerRunning_ = false;  // a worker thread is alive, or about to be
+  std::condition_variable workerEnded_;
   // Started, completion not yet run. Shared with the callback queue, which can outlive the
   // session.
   std::shared_ptr<std::atomic<std::size_t>> unfinished_ =
@@ -704,8 +719,6 @@ class CurlURLSession final : public URLSession,
   std::map<CURL*, std::unique_ptr<Transfer>> active_;
   std::unordered_map<std::string, Origin> origins_;
   std::size_t originsWaiting_ = 0;  // origins with waiting tasks
-  std::mutex workerMutex_;          // guards worker_ (started again after each idle end)
-  std::thread worker_;
 };
 
 namespace curl_detail {
