@@ -3,6 +3,8 @@
 // service was away arrives once it is back.
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <set>
 
 #include <gtest/gtest.h>
 
@@ -48,6 +50,12 @@ class DemoAgainstDevserver : public ::testing::Test {
   }
 
   test::ProcessResult demo(std::vector<std::string> steps) {
+    auto result = test::runProcess(demoArgv(std::move(steps)), dir / "scratch", 90s);
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    return result;
+  }
+
+  std::vector<std::string> demoArgv(std::vector<std::string> steps) const {
     std::vector<std::string> argv = {QUORVEL_DEMO_BIN,
                                      "--host",
                                      state["service_domain"].get<std::string>(),
@@ -68,15 +76,26 @@ class DemoAgainstDevserver : public ::testing::Test {
                                      "--customer-id",
                                      "e2e-user"};
     argv.insert(argv.end(), steps.begin(), steps.end());
-    auto result = test::runProcess(argv, dir / "scratch", 90s);
-    EXPECT_EQ(result.exitCode, 0) << result.err;
-    return result;
+    return argv;
   }
 
-  void fault(const std::string& action) {
-    const auto r = test::runProcess(
-        {QUORVEL_DEVSERVER_BIN, "fault", "--data-dir", serverDir(), action}, dir / "scratch", 20s);
+  // A script of `count` steps "event NAME i" (i from 0), for a burst.
+  std::string burstScript(const std::string& name, int count) const {
+    const std::string path = dir / (name + ".steps");
+    std::ofstream out(path);
+    for (int i = 0; i < count; ++i)
+      out << "event " << name << " " << i << "\n";
+    return path;
+  }
+
+  void fault(const std::string& action, std::vector<std::string> arguments = {}) {
+    std::vector<std::string> argv = {QUORVEL_DEVSERVER_BIN, "fault", "--data-dir", serverDir(),
+                                     action};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    const auto r = test::runProcess(argv, dir / "scratch", 20s);
     ASSERT_EQ(r.exitCode, 0) << r.err;
+    if (action != "online" && action != "offline")
+      return;
     const bool wantOnline = action == "online";
     ASSERT_TRUE(test::eventually([&] {
       return test::connectToLoopback(state["port"].get<int>()) == wantOnline;
@@ -103,6 +122,36 @@ class DemoAgainstDevserver : public ::testing::Test {
       found.push_back(r);
     }
     return found;
+  }
+
+  // Each value of `event` that arrived stored, and copies beyond the first sent without the
+  // replay mark (the emulator answers a repeat without storing it again). A first copy that
+  // the emulator held past its sender's exit is recorded after its replay, so it is the
+  // unmarked copy that a value may have once.
+  struct Arrivals {
+    std::set<std::string> values;
+    std::size_t stored = 0;
+    std::size_t repeats = 0;
+    std::size_t unmarkedTwice = 0;  // values sent more than once without the mark
+  };
+  Arrivals arrivalsOf(const std::string& event) {
+    Arrivals a;
+    std::map<std::string, int> unmarked;
+    for (const auto& r : find(received(), "events", event)) {
+      if (r["status"] != 200)
+        continue;
+      const auto value = r["decrypted"]["eventvalue"].get<std::string>();
+      if (r["query"].get<std::string>().find("isCachedRequest=true") == std::string::npos &&
+          ++unmarked[value] == 2)
+        ++a.unmarkedTwice;
+      if (r["repeat"] == true) {
+        ++a.repeats;
+        continue;
+      }
+      ++a.stored;
+      a.values.insert(value);
+    }
+    return a;
   }
 
   test::TempDir dir;
@@ -214,6 +263,61 @@ TEST_F(DemoAgainstDevserver, EventsSentWhileTheServiceIsAwayOrAtExitArriveExactl
   EXPECT_NE(query.find("isCachedRequest=true"), std::string::npos) << query;
   EXPECT_EQ(cachedFiles(), 0U);
   EXPECT_EQ(find(requests, "t", "Launched").size(), 1U);
+}
+
+// The four ways a report was lost or sent twice, as a user meets them with the demo: every
+// event arrives and is stored once; a copy sent again is marked as a replay.
+TEST_F(DemoAgainstDevserver, NoEventIsLostOrStoredTwiceByAKillAnExitOrASlowService) {
+  // A kill during a burst of 1,000, the service answering in 50 ms; then one clean start.
+  fault("delay", {"events", "50"});
+  {
+    test::BackgroundProcess killed(demoArgv({"--script", burstScript("killed", 1000), "wait 60"}),
+                                   dir / "killed.out", dir / "killed.err");
+    ASSERT_TRUE(test::eventually([&] { return arrivalsOf("killed").stored >= 50; }, 60s));
+    killed.killNow();
+  }
+  fault("clear");
+  demo({"launch", "wait 1", "idle"});
+  auto killed = arrivalsOf("killed");
+  EXPECT_EQ(killed.values.size(), 1000U);
+  EXPECT_EQ(killed.stored, 1000U);
+  EXPECT_EQ(killed.unmarkedTwice, 0U);
+
+  // A return from main right after 300 events, the service answering in 2 s and the exit
+  // flush bounded at 1 s; then a start with the service quick again.
+  fault("delay", {"events", "2000"});
+  demo({"--final-flush", "0", "--exit-flush", "1", "--script", burstScript("exiting", 300)});
+  fault("clear");
+  demo({"launch", "wait 1", "idle"});
+  const auto exiting = arrivalsOf("exiting");
+  EXPECT_EQ(exiting.values.size(), 300U);
+  EXPECT_EQ(exiting.stored, 300U);
+  EXPECT_EQ(exiting.unmarkedTwice, 0U);
+
+  // Five events kept while the service was away; back, it answers in 1.2 s while a fresh
+  // event comes every 0.7 s.
+  fault("offline");
+  demo({"--script", burstScript("kept", 5)});
+  fault("online");
+  fault("delay", {"events", "1200"});
+  demo({"event fresh 0", "wait 0.7", "event fresh 1", "wait 0.7", "event fresh 2", "wait 0.7",
+        "event fresh 3", "idle"});
+  fault("clear");
+  const auto kept = arrivalsOf("kept");
+  EXPECT_EQ(kept.values.size(), 5U);
+  EXPECT_EQ(kept.stored, 5U);
+  EXPECT_EQ(kept.repeats, 0U);
+  EXPECT_EQ(arrivalsOf("fresh").stored, 4U);
+
+  // A service slower than the exit flush: two events on the wire at exit; the next start.
+  fault("delay", {"events", "3000"});
+  demo({"--final-flush", "0", "--exit-flush", "1", "event in_flight 0", "event in_flight 1"});
+  fault("clear");
+  demo({"launch", "wait 1", "idle"});
+  const auto inFlight = arrivalsOf("in_flight");
+  EXPECT_EQ(inFlight.values.size(), 2U);
+  EXPECT_EQ(inFlight.stored, 2U);
+  EXPECT_EQ(inFlight.unmarkedTwice, 0U);
 }
 
 // The inspector in a real browser: a request shows up after a demo step, a fault switched

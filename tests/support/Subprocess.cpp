@@ -97,4 +97,12 @@ int BackgroundProcess::stop(std::chrono::milliseconds bound) {
   return status_;
 }
 
+void BackgroundProcess::killNow() {
+  if (pid_ < 0)
+    return;
+  kill(pid_, SIGKILL);
+  waitpid(pid_, nullptr, 0);
+  pid_ = -1;
+}
+
 }  // namespace quorvel::test

@@ -30,6 +30,8 @@ class BackgroundProcess {
 
   // The exit status after a stop: 0 for a clean exit on SIGTERM.
   int stop(std::chrono::milliseconds bound = std::chrono::seconds(20));
+  // Ends it with SIGKILL, as the system kills an app: nothing of it runs any more.
+  void killNow();
 
  private:
   pid_t pid_ = -1;
