@@ -71,11 +71,12 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
   platfromDevName_ = QuorvelUtils::develomentPlatformName(*platform_->classRegistry);
   advertiserId_ = "";
   // The writes have a queue of their own, so that a burst of builds on the serial queue never
-  // delays them. The sync, once a second at most, takes a turn of the shared queues: it holds
-  // one thread of their pool for a checkpoint and leaves the other to the rest.
+  // delays them; so has the sync, once a second at most, so that a checkpoint holds up neither
+  // the writes (which then wait past their 10 ms) nor the shared queues' pool, which accepts
+  // the host's calls: either way, a kill lost more of what was called before it.
   outbox_ = std::make_shared<Outbox>(platform_->outbox,
                                      platform_->dispatcher->makeDiskQueue(kOutboxQueueLabel),
-                                     platform_->dispatcher->makeSerialQueue(kOutboxSyncQueueLabel),
+                                     platform_->dispatcher->makeDiskQueue(kOutboxSyncQueueLabel),
                                      platform_->clock, log_, Outbox::Limits{});
   httpClient_ =
       QuorvelHTTPClient::create(platform_, remoteDebugging_, log_, requestCache_, ledger_, outbox_);
