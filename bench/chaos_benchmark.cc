@@ -35,6 +35,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <map>
 #include <optional>
@@ -233,44 +234,51 @@ struct Arrival {
   bool marked = false;
 };
 
+// Calls `row` for each row of `sql` over the emulator's requests, read-only; none when the
+// database cannot be read (yet).
+void forEachRow(const std::string& database, const char* sql,
+                const std::function<void(sqlite3_stmt*)>& row) {
+  sqlite3* db = nullptr;
+  if (sqlite3_open_v2(database.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
+    sqlite3_busy_timeout(db, 2000);
+    sqlite3_stmt* s = nullptr;
+    if (sqlite3_prepare_v2(db, sql, -1, &s, nullptr) == SQLITE_OK) {
+      while (sqlite3_step(s) == SQLITE_ROW)
+        row(s);
+    }
+    sqlite3_finalize(s);
+  }
+  sqlite3_close(db);
+}
+
+std::string columnText(sqlite3_stmt* s, int column) {
+  const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(s, column));
+  return p != nullptr ? std::string(p) : std::string();
+}
+
 std::vector<Arrival> readArrivals(const std::string& database) {
   std::vector<Arrival> out;
-  sqlite3* db = nullptr;
-  if (sqlite3_open_v2(database.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
-    sqlite3_close(db);
-    return out;
-  }
-  sqlite3_busy_timeout(db, 2000);
-  sqlite3_stmt* s = nullptr;
-  if (sqlite3_prepare_v2(db,
-                         "SELECT time, query, decrypted FROM requests WHERE service = 'events' "
-                         "AND status = 200 ORDER BY id",
-                         -1, &s, nullptr) == SQLITE_OK) {
-    while (sqlite3_step(s) == SQLITE_ROW) {
-      const auto text = [&](int column) {
-        const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(s, column));
-        return p != nullptr ? std::string(p) : std::string();
-      };
-      const quorvel::Json payload = quorvel::Json::parse(text(2), nullptr, false);
-      if (!payload.is_object() || payload.value("event", "") != "chaos")
-        continue;
-      const std::string value = payload.value("eventvalue", "");
-      Arrival a;
-      a.seq = std::atoll(value.substr(0, value.find('/')).c_str());
-      a.serverTime = sqlite3_column_double(s, 0);
-      a.sentAt = a.serverTime;
-      const std::string query = text(1);
-      if (const auto at = query.find("timeincache="); at != std::string::npos) {
-        const double callMs = std::atof(value.substr(value.find('/') + 1).c_str());
-        a.sentAt = callMs / 1000.0 + std::atof(query.c_str() + at + 12);
-      }
-      a.timestamp = std::atof(payload.value("timestamp", "0").c_str());
-      a.marked = text(1).find("isCachedRequest=true") != std::string::npos;
-      out.push_back(a);
-    }
-  }
-  sqlite3_finalize(s);
-  sqlite3_close(db);
+  forEachRow(database,
+             "SELECT time, query, decrypted FROM requests WHERE service = 'events' AND "
+             "status = 200 ORDER BY id",
+             [&](sqlite3_stmt* s) {
+               const quorvel::Json payload = quorvel::Json::parse(columnText(s, 2), nullptr, false);
+               if (!payload.is_object() || payload.value("event", "") != "chaos")
+                 return;
+               const std::string value = payload.value("eventvalue", "");
+               Arrival a;
+               a.seq = std::atoll(value.substr(0, value.find('/')).c_str());
+               a.serverTime = sqlite3_column_double(s, 0);
+               a.sentAt = a.serverTime;
+               const std::string query = columnText(s, 1);
+               if (const auto at = query.find("timeincache="); at != std::string::npos) {
+                 const double callMs = std::atof(value.substr(value.find('/') + 1).c_str());
+                 a.sentAt = callMs / 1000.0 + std::atof(query.c_str() + at + 12);
+               }
+               a.timestamp = std::atof(payload.value("timestamp", "0").c_str());
+               a.marked = query.find("isCachedRequest=true") != std::string::npos;
+               out.push_back(a);
+             });
   return out;
 }
 
@@ -345,27 +353,14 @@ void playFault(quorvel::bench::Devserver& server, std::mt19937& random) {
 // How many first launches (launch counter 1) of each trial's install arrived.
 std::map<std::string, int> firstLaunchesByTrial(const std::string& database) {
   std::map<std::string, int> out;
-  sqlite3* db = nullptr;
-  if (sqlite3_open_v2(database.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
-    sqlite3_close(db);
-    return out;
-  }
-  sqlite3_busy_timeout(db, 2000);
-  sqlite3_stmt* s = nullptr;
-  if (sqlite3_prepare_v2(db,
-                         "SELECT decrypted FROM requests WHERE service = 't' AND status = 200 "
-                         "ORDER BY id",
-                         -1, &s, nullptr) == SQLITE_OK) {
-    while (sqlite3_step(s) == SQLITE_ROW) {
-      const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(s, 0));
-      const quorvel::Json payload =
-          quorvel::Json::parse(text != nullptr ? text : "", nullptr, false);
-      if (payload.is_object() && payload.value("counter", "") == "1" && payload.contains("appUID"))
-        ++out[payload.value("appUID", "")];
-    }
-  }
-  sqlite3_finalize(s);
-  sqlite3_close(db);
+  forEachRow(database,
+             "SELECT decrypted FROM requests WHERE service = 't' AND status = 200 ORDER BY id",
+             [&](sqlite3_stmt* s) {
+               const quorvel::Json payload = quorvel::Json::parse(columnText(s, 0), nullptr, false);
+               if (payload.is_object() && payload.value("counter", "") == "1" &&
+                   payload.contains("appUID"))
+                 ++out[payload.value("appUID", "")];
+             });
   return out;
 }
 

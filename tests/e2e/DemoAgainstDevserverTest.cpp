@@ -154,6 +154,16 @@ class DemoAgainstDevserver : public ::testing::Test {
     return a;
   }
 
+  // Each of `count` values of `event` stored once, none sent twice without the replay mark.
+  Arrivals expectEachStoredOnce(const std::string& event, std::size_t count) {
+    SCOPED_TRACE(event);
+    const auto a = arrivalsOf(event);
+    EXPECT_EQ(a.values.size(), count);
+    EXPECT_EQ(a.stored, count);
+    EXPECT_EQ(a.unmarkedTwice, 0U);
+    return a;
+  }
+
   test::TempDir dir;
   std::unique_ptr<test::BackgroundProcess> server;
   Json state;
@@ -278,10 +288,7 @@ TEST_F(DemoAgainstDevserver, NoEventIsLostOrStoredTwiceByAKillAnExitOrASlowServi
   }
   fault("clear");
   demo({"launch", "wait 1", "idle"});
-  auto killed = arrivalsOf("killed");
-  EXPECT_EQ(killed.values.size(), 1000U);
-  EXPECT_EQ(killed.stored, 1000U);
-  EXPECT_EQ(killed.unmarkedTwice, 0U);
+  expectEachStoredOnce("killed", 1000);
 
   // A return from main right after 300 events, the service answering in 2 s and the exit
   // flush bounded at 1 s; then a start with the service quick again.
@@ -289,10 +296,7 @@ TEST_F(DemoAgainstDevserver, NoEventIsLostOrStoredTwiceByAKillAnExitOrASlowServi
   demo({"--final-flush", "0", "--exit-flush", "1", "--script", burstScript("exiting", 300)});
   fault("clear");
   demo({"launch", "wait 1", "idle"});
-  const auto exiting = arrivalsOf("exiting");
-  EXPECT_EQ(exiting.values.size(), 300U);
-  EXPECT_EQ(exiting.stored, 300U);
-  EXPECT_EQ(exiting.unmarkedTwice, 0U);
+  expectEachStoredOnce("exiting", 300);
 
   // Five events kept while the service was away; back, it answers in 1.2 s while a fresh
   // event comes every 0.7 s.
@@ -303,10 +307,7 @@ TEST_F(DemoAgainstDevserver, NoEventIsLostOrStoredTwiceByAKillAnExitOrASlowServi
   demo({"event fresh 0", "wait 0.7", "event fresh 1", "wait 0.7", "event fresh 2", "wait 0.7",
         "event fresh 3", "idle"});
   fault("clear");
-  const auto kept = arrivalsOf("kept");
-  EXPECT_EQ(kept.values.size(), 5U);
-  EXPECT_EQ(kept.stored, 5U);
-  EXPECT_EQ(kept.repeats, 0U);
+  EXPECT_EQ(expectEachStoredOnce("kept", 5).repeats, 0U);
   EXPECT_EQ(arrivalsOf("fresh").stored, 4U);
 
   // A service slower than the exit flush: two events on the wire at exit; the next start.
@@ -314,10 +315,7 @@ TEST_F(DemoAgainstDevserver, NoEventIsLostOrStoredTwiceByAKillAnExitOrASlowServi
   demo({"--final-flush", "0", "--exit-flush", "1", "event in_flight 0", "event in_flight 1"});
   fault("clear");
   demo({"launch", "wait 1", "idle"});
-  const auto inFlight = arrivalsOf("in_flight");
-  EXPECT_EQ(inFlight.values.size(), 2U);
-  EXPECT_EQ(inFlight.stored, 2U);
-  EXPECT_EQ(inFlight.unmarkedTwice, 0U);
+  expectEachStoredOnce("in_flight", 2);
 }
 
 // The inspector in a real browser: a request shows up after a demo step, a fault switched
