@@ -15,8 +15,11 @@
 // returned, so what a killed host accepted is known from the kernel's copy. A repeat counts as
 // avoidable when it is not marked as a replay, or when it and its previous copy were both
 // sent within the life of one host. A replay's send time is its call plus its "timeincache";
-// a first copy's is when the emulator recorded it, which is after the emulator's delay, so
-// a first copy sent by a host that died meanwhile can still look as if sent by the next one.
+// a first copy's is its call: only the life that made the call sends it unmarked, even when
+// the emulator holds it past that life's death and records it after its replay.
+//
+// With QUORVEL_CHAOS_LOG set, each host's outbox lines go to host.log, the lost events and
+// avoidable repeats are listed, and the run's files are kept.
 //
 // Then each disk-full trial starts a fresh install on a disk that takes no byte (the file
 // size limit at 0): its first launch is killed or returns from main, and a start with room
@@ -117,7 +120,6 @@ struct HostArgs {
   std::string trial = "-";  // the customer user id that names a disk-full trial's install
 };
 
-// With QUORVEL_CHAOS_LOG set, a host writes its outbox's log lines to host.log.
 class OutboxLines final : public quorvel::platform::SystemLog {
  public:
   void write(std::string_view line) noexcept override {
@@ -228,8 +230,7 @@ std::map<long long, long long> readAccepted(const fs::path& file) {
 
 struct Arrival {
   long long seq = 0;
-  double serverTime = 0;
-  double sentAt = 0;  // a replay's own account; else when the emulator recorded it
+  double sentAt = 0;  // the call, plus a replay's own account of its wait
   double timestamp = 0;
   bool marked = false;
 };
@@ -259,22 +260,22 @@ std::string columnText(sqlite3_stmt* s, int column) {
 std::vector<Arrival> readArrivals(const std::string& database) {
   std::vector<Arrival> out;
   forEachRow(database,
-             "SELECT time, query, decrypted FROM requests WHERE service = 'events' AND "
+             "SELECT query, decrypted FROM requests WHERE service = 'events' AND "
              "status = 200 ORDER BY id",
              [&](sqlite3_stmt* s) {
-               const quorvel::Json payload = quorvel::Json::parse(columnText(s, 2), nullptr, false);
+               const quorvel::Json payload = quorvel::Json::parse(columnText(s, 1), nullptr, false);
                if (!payload.is_object() || payload.value("event", "") != "chaos")
                  return;
                const std::string value = payload.value("eventvalue", "");
                Arrival a;
                a.seq = std::atoll(value.substr(0, value.find('/')).c_str());
-               a.serverTime = sqlite3_column_double(s, 0);
-               a.sentAt = a.serverTime;
-               const std::string query = columnText(s, 1);
-               if (const auto at = query.find("timeincache="); at != std::string::npos) {
-                 const double callMs = std::atof(value.substr(value.find('/') + 1).c_str());
-                 a.sentAt = callMs / 1000.0 + std::atof(query.c_str() + at + 12);
-               }
+               // A first send leaves in the life that made the call (the emulator may hold
+               // it past that life's death); a replay says how long it waited.
+               const double callMs = std::atof(value.substr(value.find('/') + 1).c_str());
+               a.sentAt = callMs / 1000.0;
+               const std::string query = columnText(s, 0);
+               if (const auto at = query.find("timeincache="); at != std::string::npos)
+                 a.sentAt += std::atof(query.c_str() + at + 12);
                a.timestamp = std::atof(payload.value("timestamp", "0").c_str());
                a.marked = query.find("isCachedRequest=true") != std::string::npos;
                out.push_back(a);
@@ -487,6 +488,9 @@ int runHarness(const Options& o, const fs::path& root) {
   std::map<long long, std::vector<const Arrival*>> bySeq;
   for (const auto& a : arrivals)
     bySeq[a.seq].push_back(&a);
+  for (auto& [seq, copies] : bySeq)
+    std::stable_sort(copies.begin(), copies.end(),
+                     [](const Arrival* x, const Arrival* y) { return x->sentAt < y->sentAt; });
   std::size_t arrived = 0;
   std::size_t unrecorded = 0;  // arrived, but the host died before noting that its call returned
   std::size_t repeats = 0;
@@ -506,8 +510,13 @@ int runHarness(const Options& o, const fs::path& root) {
       ++repeats;
       marked += copies[i]->marked ? 1U : 0U;
       if (!copies[i]->marked ||
-          runOf(runs, copies[i]->sentAt) == runOf(runs, copies[i - 1]->sentAt))
+          runOf(runs, copies[i]->sentAt) == runOf(runs, copies[i - 1]->sentAt)) {
         ++avoidable;
+        if (std::getenv("QUORVEL_CHAOS_LOG") != nullptr)
+          std::fprintf(stderr, "avoidable %lld: marked %d, lives %zu and %zu, sent %.3f and %.3f\n",
+                       seq, copies[i]->marked ? 1 : 0, runOf(runs, copies[i - 1]->sentAt),
+                       runOf(runs, copies[i]->sentAt), copies[i - 1]->sentAt, copies[i]->sentAt);
+      }
     }
   }
   // The outbox's promise is a write within 10 ms of the call: a kill inside that window may
@@ -519,10 +528,15 @@ int runHarness(const Options& o, const fs::path& root) {
       continue;
     const double call = static_cast<double>(callMs) / 1000.0;
     const auto& run = runs[runOf(runs, call)];
-    if (run.killedAt > 0 && run.killedAt - call < 0.010)
+    if (run.killedAt > 0 && run.killedAt - call < 0.010) {
       ++lostInWindow;
-    else
+    } else {
       ++lost;
+      if (std::getenv("QUORVEL_CHAOS_LOG") != nullptr)
+        std::fprintf(
+            stderr, "lost %lld: life %zu, %.1f ms after its start, %.1f ms before its kill\n", seq,
+            runOf(runs, call), (call - run.start) * 1000.0, (run.killedAt - call) * 1000.0);
+    }
   }
   std::printf(
       "chaos: %d hosts killed at random (%d-%d ms lives, %d events/s), then one clean "
@@ -567,7 +581,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "quorvel_chaos: %s\n", e.what());
     rc = 2;
   }
-  if (rc == 0) {
+  if (rc == 0 && std::getenv("QUORVEL_CHAOS_LOG") == nullptr) {
     std::error_code ignored;
     fs::remove_all(root, ignored);
   } else {

@@ -14,6 +14,8 @@ constexpr const char* kMethod = "-[QuorvelOutbox write]";
 constexpr std::chrono::seconds kSyncInterval{1};
 // Well within the promise of a record on disk 10 ms after the call.
 constexpr std::chrono::microseconds kBatchWindow{500};
+// The promise: a report is on its way to the disk (written to the kernel) this soon.
+constexpr std::chrono::milliseconds kPromptWrite{10};
 constexpr std::chrono::milliseconds kRetryBase{2'000};
 constexpr std::chrono::milliseconds kRetryCap{15 * 60 * 1'000};
 // The record that keeps the counters; reports are numbered from 1.
@@ -430,10 +432,16 @@ void Outbox::writeBufferedLocked() {
   if (countersDirty_)
     changes.push_back({kCountersRecord, counters_.dump()});
   std::vector<std::function<void()>> sends;
+  std::optional<platform::TimePoint> firstCall;
+  std::size_t calls = 0;
   for (auto& op : batch) {
     if (auto* put = std::get_if<Put>(&op)) {
       if (put->slot->settled_)
         continue;  // answered or dropped before it was written: nothing to keep
+      if (put->intent) {
+        ++calls;
+        firstCall = std::min(firstCall.value_or(put->slot->acceptedAt()), put->slot->acceptedAt());
+      }
       if (put->slot->id_ == 0)
         put->slot->id_ = ++lastId_;
       std::string content;
@@ -481,6 +489,16 @@ void Outbox::writeBufferedLocked() {
   }
   if (!changes.empty())
     writeFailureLogged_ = false;  // a write went through: the next failure is a new episode
+  // Shown when debugging: a kill in such a gap takes these calls with it.
+  if (const auto late =
+          firstCall ? clock_->now() - *firstCall : platform::TimePoint::duration::zero();
+      late > kPromptWrite) {
+    log_->log(kLogDebug, kMethod,
+              "Quorvel outbox: %lu reports reached the disk %lld ms after the first was called",
+              static_cast<unsigned long>(calls),
+              static_cast<long long>(
+                  std::chrono::duration_cast<std::chrono::milliseconds>(late).count()));
+  }
   countersDirty_ = false;
   constexpr std::size_t kKeptRoom = 4'096;
   if (batch.capacity() <= kKeptRoom) {
