@@ -74,14 +74,21 @@ bool isCacheEntry(const std::string& name) {
   return !isTempFile(name);
 }
 
-void removeStrayTempFiles(platform::FileSystem& fs, const std::string& directory, const Log& log) {
+// One written to within the last minute may belong to a write under way in another process
+// (a second process on the same data) and stays.
+void removeStrayTempFiles(platform::FileSystem& fs, const std::string& directory,
+                          platform::TimePoint now, const Log& log) {
   const auto names = fs.contentsOfDirectory(directory);
   for (const auto& name : names.value_or(std::vector<std::string>{})) {
-    if (isTempFile(name)) {
-      fs.removeFile(directory + "/" + name);
-      log.log(kLogDebug, "-[QuorvelRequestCache getCacheDirectoryPath]",
-              "removed %@, left by a write that did not finish", name);
-    }
+    if (!isTempFile(name))
+      continue;
+    const std::string path = directory + "/" + name;
+    if (const auto modified = fs.modificationDate(path);
+        modified && now - *modified < std::chrono::minutes(1))
+      continue;
+    fs.removeFile(path);
+    log.log(kLogDebug, "-[QuorvelRequestCache getCacheDirectoryPath]",
+            "removed %@, left by a write that did not finish", name);
   }
 }
 
@@ -109,7 +116,7 @@ std::optional<std::string> QuorvelRequestCache::getCacheDirectoryPath() {
     }
     path = caches + "/" + kDirectoryName;
     // Before the path is handed out, so that no write of this process can be under way.
-    removeStrayTempFiles(*platform_->fileSystem, path, *log_);
+    removeStrayTempFiles(*platform_->fileSystem, path, platform_->clock->now(), *log_);
     // Stored before anything else: later calls return it without trying again.
     cacheDirectoryPath_ = path;
   }
