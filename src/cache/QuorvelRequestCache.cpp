@@ -82,7 +82,8 @@ void removeStrayTempFiles(platform::FileSystem& fs, const std::string& directory
   for (const auto& name : names.value_or(std::vector<std::string>{})) {
     if (!isTempFile(name))
       continue;
-    const std::string path = directory + "/" + name;
+    std::string path = directory;
+    path.append("/").append(name);
     if (const auto modified = fs.modificationDate(path);
         modified && now - *modified < std::chrono::minutes(1))
       continue;
