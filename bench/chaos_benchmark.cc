@@ -120,13 +120,21 @@ struct HostArgs {
   std::string trial = "-";  // the customer user id that names a disk-full trial's install
 };
 
+// Each line starts with the milliseconds since the host made its platform.
 class OutboxLines final : public quorvel::platform::SystemLog {
  public:
   void write(std::string_view line) noexcept override {
-    if (line.find("outbox") != std::string_view::npos ||
-        line.find("Outbox") != std::string_view::npos)
-      std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
+    if (line.find("outbox") == std::string_view::npos &&
+        line.find("Outbox") == std::string_view::npos)
+      return;
+    const double ms =
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start_)
+            .count();
+    std::fprintf(stderr, "%8.1f %.*s\n", ms, static_cast<int>(line.size()), line.data());
   }
+
+ private:
+  const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
 // Sends paced bursts until killed; a draining host only starts, waits for the harness's stop
