@@ -62,6 +62,12 @@ using namespace std::chrono_literals;
 constexpr const char* kApp = "123456789";
 constexpr const char* kDevKey = "CHAOS-DEV-KEY-0001";
 
+// QUORVEL_CHAOS_LOG set: host logs, lost events and avoidable repeats listed, files kept.
+bool logging() {
+  static const bool on = std::getenv("QUORVEL_CHAOS_LOG") != nullptr;
+  return on;
+}
+
 double wallSeconds() {
   return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
@@ -153,11 +159,11 @@ int runHost(const HostArgs& a) {
   options.keychainDirectory = (a.root / "keychain").string();
   options.extraCAFile = a.caFile;
   quorvel::Platform platform = quorvel::makePosixPlatform(options);
-  if (std::getenv("QUORVEL_CHAOS_LOG") != nullptr)
+  if (logging())
     platform.systemLog = std::make_shared<OutboxLines>();
   quorvel::installPlatform(platform);
   auto& tracker = quorvel::QuorvelTracker::sharedTracker();
-  if (std::getenv("QUORVEL_CHAOS_LOG") != nullptr)
+  if (logging())
     tracker.setIsDebug(true);
   tracker.setQuorvelDevKey(std::string(kDevKey));
   tracker.setAppleAppID(std::string(kApp));
@@ -449,7 +455,7 @@ int runHarness(const Options& o, const fs::path& root) {
     ::waitpid(pid, &status, 0);
     run.end = wallSeconds();
     runs.push_back(run);
-    if (std::getenv("QUORVEL_CHAOS_LOG") != nullptr)
+    if (logging())
       audit(root, k, host.firstSeq);
     if (!WIFSIGNALED(status))
       std::fprintf(stderr, "quorvel_chaos: host %d ended by itself (status %d)\n", k, status);
@@ -479,7 +485,7 @@ int runHarness(const Options& o, const fs::path& root) {
       lastCount = distinct.size();
       lastProgress = std::chrono::steady_clock::now();
     }
-    if (std::getenv("QUORVEL_CHAOS_LOG") != nullptr)
+    if (logging())
       std::fprintf(stderr, "drain: %zu of %zu arrived\n", distinct.size(), accepted.size());
     std::this_thread::sleep_for(200ms);
   }
@@ -520,7 +526,7 @@ int runHarness(const Options& o, const fs::path& root) {
       if (!copies[i]->marked ||
           runOf(runs, copies[i]->sentAt) == runOf(runs, copies[i - 1]->sentAt)) {
         ++avoidable;
-        if (std::getenv("QUORVEL_CHAOS_LOG") != nullptr)
+        if (logging())
           std::fprintf(stderr, "avoidable %lld: marked %d, lives %zu and %zu, sent %.3f and %.3f\n",
                        seq, copies[i]->marked ? 1 : 0, runOf(runs, copies[i - 1]->sentAt),
                        runOf(runs, copies[i]->sentAt), copies[i - 1]->sentAt, copies[i]->sentAt);
@@ -540,7 +546,7 @@ int runHarness(const Options& o, const fs::path& root) {
       ++lostInWindow;
     } else {
       ++lost;
-      if (std::getenv("QUORVEL_CHAOS_LOG") != nullptr)
+      if (logging())
         std::fprintf(
             stderr, "lost %lld: life %zu, %.1f ms after its start, %.1f ms before its kill\n", seq,
             runOf(runs, call), (call - run.start) * 1000.0, (run.killedAt - call) * 1000.0);
@@ -589,7 +595,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "quorvel_chaos: %s\n", e.what());
     rc = 2;
   }
-  if (rc == 0 && std::getenv("QUORVEL_CHAOS_LOG") == nullptr) {
+  if (rc == 0 && !logging()) {
     std::error_code ignored;
     fs::remove_all(root, ignored);
   } else {
