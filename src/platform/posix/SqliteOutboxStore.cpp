@@ -1,8 +1,12 @@
 // SQLite keeps the outbox: its journal survives the death of the process at any instruction,
-// which a hand-written file format would have to prove again. WAL mode with synchronous=NORMAL
-// makes a committed batch survive the process; sync() checkpoints, which flushes it to the
-// disk itself. The checkpoint runs on a second connection of its own: a flush to a slow disk
-// takes tens of milliseconds, and the writes of new reports go on meanwhile.
+// which a hand-written file format would have to prove again, and it reads a page of records
+// by number. But a write into it can wait: for the checkpoint of another connection, and at
+// the first write after a kill, for the recovery of the log the killed process left. A batch
+// must reach the kernel within a few milliseconds of the host's call, so apply() only appends
+// it to the intake file, one write() however busy the database is; sync(), at most once a
+// second on a thread of its own, moves what the intake holds into the database in one
+// transaction and checkpoints, which flushes it to the disk itself. Until then load() reads
+// the database with the intake's changes laid over it.
 #include "platform/posix/SqliteOutboxStore.h"
 
 #include <fcntl.h>
@@ -16,6 +20,7 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <limits>
 
 namespace quorvel::platform {
 namespace {
@@ -37,6 +42,50 @@ class Statement {
   sqlite3_stmt* stmt_ = nullptr;
 };
 
+// One batch of changes, all or nothing: rolled back unless committed.
+class Transaction {
+ public:
+  explicit Transaction(sqlite3* db) noexcept
+      : db_(db),
+        begun_(sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) == SQLITE_OK),
+        put_(db, "INSERT OR REPLACE INTO outbox (id, content) VALUES (?1, ?2)"),
+        remove_(db, "DELETE FROM outbox WHERE id = ?1") {}
+  ~Transaction() {
+    if (begun_ && !committed_)
+      sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+  }
+  Transaction(const Transaction&) = delete;
+  Transaction& operator=(const Transaction&) = delete;
+
+  bool ok() const noexcept { return begun_ && put_ && remove_; }
+  // `content` null removes the record.
+  bool change(std::int64_t id, const std::string* content) noexcept {
+    sqlite3_stmt* const s = content ? put_.get() : remove_.get();
+    sqlite3_bind_int64(s, 1, id);
+    if (content)
+      sqlite3_bind_blob64(s, 2, content->data(), content->size(), SQLITE_STATIC);
+    const bool done = sqlite3_step(s) == SQLITE_DONE;
+    sqlite3_reset(s);
+    sqlite3_clear_bindings(s);
+    return done;
+  }
+  bool commit() noexcept {
+    committed_ = sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK;
+    return committed_;
+  }
+
+ private:
+  sqlite3* db_;
+  bool begun_;
+  bool committed_ = false;
+  Statement put_;
+  Statement remove_;
+};
+
+// The intake files, oldest first: "-prev" is being moved into the database, "-next" is the
+// one that replaces the current one.
+constexpr const char* kIntakeSuffixes[] = {".intake-prev", ".intake", ".intake-next"};
+
 }  // namespace
 
 SqliteOutboxStore::SqliteOutboxStore(std::string path) : path_(std::move(path)) {}
@@ -46,6 +95,13 @@ SqliteOutboxStore::~SqliteOutboxStore() {
 }
 
 void SqliteOutboxStore::close() noexcept {
+  {
+    const std::lock_guard lock(intakeMutex_);
+    intake_.reset();
+    pending_.clear();
+    committing_.clear();
+    prevOnDisk_ = false;
+  }
   if (syncDb_ != nullptr) {
     sqlite3_close_v2(syncDb_);
     syncDb_ = nullptr;
@@ -81,10 +137,24 @@ bool SqliteOutboxStore::open(std::string& reason) noexcept {
     close();
     return false;
   }
+  if (!openDatabase(reason) || !takeInLeftIntake(reason)) {
+    close();
+    return false;
+  }
+  auto intake = OutboxIntake::create(path_ + ".intake", false, reason);
+  if (!intake) {
+    close();
+    return false;
+  }
+  const std::lock_guard lock(intakeMutex_);
+  intake_ = std::move(intake);
+  return true;
+}
+
+bool SqliteOutboxStore::openDatabase(std::string& reason) noexcept {
   const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
   if (sqlite3_open_v2(path_.c_str(), &db_, flags, nullptr) != SQLITE_OK) {
     reason = "cannot open " + path_ + ": " + (db_ ? sqlite3_errmsg(db_) : "out of memory");
-    close();
     return false;
   }
   ::chmod(path_.c_str(), 0600);
@@ -96,105 +166,243 @@ bool SqliteOutboxStore::open(std::string& reason) noexcept {
       !exec("PRAGMA wal_autocheckpoint=0") || !exec("PRAGMA cache_size=-1024") ||
       !exec("CREATE TABLE IF NOT EXISTS outbox (id INTEGER PRIMARY KEY, content BLOB NOT NULL)")) {
     reason = "cannot prepare " + path_ + ": " + sqlite3_errmsg(db_);
-    close();
     return false;
   }
   if (sqlite3_open_v2(path_.c_str(), &syncDb_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX,
                       nullptr) != SQLITE_OK) {
     reason =
         "cannot open " + path_ + " twice: " + (syncDb_ ? sqlite3_errmsg(syncDb_) : "out of memory");
-    close();
     return false;
   }
   sqlite3_busy_timeout(syncDb_, 1000);
   sqlite3_exec(syncDb_, "PRAGMA cache_size=-256", nullptr, nullptr, nullptr);
+  sqlite3_exec(syncDb_, "PRAGMA synchronous=NORMAL", nullptr, nullptr, nullptr);
   // A connection that has not read the database yet does not know its log, and its
   // checkpoints would do nothing.
   if (sqlite3_exec(syncDb_, "SELECT count(*) FROM sqlite_schema", nullptr, nullptr, nullptr) !=
       SQLITE_OK) {
     reason = "cannot read " + path_ + ": " + sqlite3_errmsg(syncDb_);
-    close();
     return false;
   }
   return true;
 }
 
-bool SqliteOutboxStore::apply(const std::vector<OutboxChange>& changes) noexcept {
-  if (db_ == nullptr)
-    return false;
-  if (!exec("BEGIN IMMEDIATE"))
-    return false;
-  Statement put(db_, "INSERT OR REPLACE INTO outbox (id, content) VALUES (?1, ?2)");
-  Statement remove(db_, "DELETE FROM outbox WHERE id = ?1");
-  bool ok = put && remove;
-  for (const auto& change : changes) {
-    if (!ok)
-      break;
-    sqlite3_stmt* const s = change.content ? put.get() : remove.get();
-    sqlite3_bind_int64(s, 1, change.id);
-    if (change.content) {
-      sqlite3_bind_blob64(s, 2, change.content->data(), change.content->size(), SQLITE_STATIC);
-    }
-    ok = sqlite3_step(s) == SQLITE_DONE;
-    sqlite3_reset(s);
-    sqlite3_clear_bindings(s);
-  }
-  if (!ok) {
-    exec("ROLLBACK");
-    return false;
-  }
-  return exec("COMMIT");
-}
-
-std::vector<OutboxRecord> SqliteOutboxStore::load(std::int64_t afterId,
-                                                  std::size_t limit) noexcept {
-  std::vector<OutboxRecord> records;
-  if (db_ == nullptr)
-    return records;
+// Replaying an intake over the database is harmless when part of it is there already: each
+// change sets or removes a record by its number, in the order they were made.
+bool SqliteOutboxStore::takeInLeftIntake(std::string& reason) noexcept {
   try {
-    Statement all(db_, "SELECT id, content FROM outbox WHERE id > ?1 ORDER BY id LIMIT ?2");
-    if (all) {
-      sqlite3_bind_int64(all.get(), 1, afterId);
-      sqlite3_bind_int64(all.get(), 2,
-                         static_cast<sqlite3_int64>(std::min<std::size_t>(limit, INT64_MAX)));
+    std::vector<OutboxChange> changes;
+    for (const char* suffix : kIntakeSuffixes) {
+      auto more = OutboxIntake::read(path_ + suffix);
+      changes.insert(changes.end(), std::make_move_iterator(more.begin()),
+                     std::make_move_iterator(more.end()));
     }
-    while (all && sqlite3_step(all.get()) == SQLITE_ROW) {
-      OutboxRecord r;
-      r.id = sqlite3_column_int64(all.get(), 0);
-      const auto* data = static_cast<const char*>(sqlite3_column_blob(all.get(), 1));
-      r.content.assign(data != nullptr ? data : "",
-                       static_cast<std::size_t>(sqlite3_column_bytes(all.get(), 1)));
-      records.push_back(std::move(r));
+    if (!changes.empty()) {
+      Transaction batch(db_);
+      bool ok = batch.ok();
+      for (const auto& change : changes) {
+        if (!ok)
+          break;
+        ok = batch.change(change.id, change.content ? &*change.content : nullptr);
+      }
+      if (!ok || !batch.commit()) {
+        reason = "cannot take in the reports a stopped process left in " + path_ + ": " +
+                 sqlite3_errmsg(db_);
+        return false;
+      }
     }
   } catch (...) {
-    // Out of memory: what was read so far.
+    reason = "out of memory reading " + path_ + ".intake";
+    return false;
+  }
+  for (const char* suffix : kIntakeSuffixes)
+    ::unlink((path_ + suffix).c_str());
+  return true;
+}
+
+bool SqliteOutboxStore::apply(const std::vector<OutboxChange>& changes) noexcept {
+  const std::lock_guard lock(intakeMutex_);
+  if (!intake_)
+    return false;
+  try {
+    std::vector<OutboxIntake::Place> places;
+    if (!intake_->append(changes, places))
+      return false;
+    for (std::size_t i = 0; i < changes.size(); ++i)
+      pending_.insert_or_assign(changes[i].id, Pending{intake_, places[i], !changes[i].content});
+    return true;
+  } catch (...) {
+    // Out of memory after the append: the batch is in the intake, and the next start takes it
+    // in; this process cannot read it back.
+    return false;
+  }
+}
+
+std::vector<OutboxRecord> SqliteOutboxStore::databasePage(std::int64_t afterId,
+                                                          std::size_t limit) {
+  std::vector<OutboxRecord> records;
+  Statement page(db_, "SELECT id, content FROM outbox WHERE id > ?1 ORDER BY id LIMIT ?2");
+  if (!page)
+    return records;
+  sqlite3_bind_int64(page.get(), 1, afterId);
+  sqlite3_bind_int64(page.get(), 2,
+                     static_cast<sqlite3_int64>(std::min<std::size_t>(limit, INT64_MAX)));
+  while (sqlite3_step(page.get()) == SQLITE_ROW) {
+    OutboxRecord r;
+    r.id = sqlite3_column_int64(page.get(), 0);
+    const auto* data = static_cast<const char*>(sqlite3_column_blob(page.get(), 1));
+    r.content.assign(data != nullptr ? data : "",
+                     static_cast<std::size_t>(sqlite3_column_bytes(page.get(), 1)));
+    records.push_back(std::move(r));
   }
   return records;
 }
 
+// The database's pages with the intake's changes laid over them. Both maps of pending changes
+// are read before the database: sync() may commit meanwhile, and laying a change over a
+// database that already has it changes nothing.
+std::vector<OutboxRecord> SqliteOutboxStore::mergedPage(std::int64_t afterId, std::size_t limit) {
+  std::map<std::int64_t, const Pending*> over;
+  for (const auto* changes : {&committing_, &pending_}) {
+    for (auto it = changes->upper_bound(afterId); it != changes->end(); ++it)
+      over.insert_or_assign(it->first, &it->second);
+  }
+  std::map<std::int64_t, std::string> merged;
+  std::map<std::int64_t, const Pending*> fromIntake;
+  for (std::int64_t cursor = afterId; merged.size() + fromIntake.size() < limit;) {
+    auto page = databasePage(cursor, limit);
+    const bool full = page.size() == limit;
+    // A full page says nothing of the numbers past its last: those wait for the next round.
+    const std::int64_t through = full ? page.back().id : std::numeric_limits<std::int64_t>::max();
+    for (auto& record : page)
+      merged.insert_or_assign(record.id, std::move(record.content));
+    for (auto it = over.upper_bound(cursor); it != over.end() && it->first <= through; ++it) {
+      merged.erase(it->first);
+      if (it->second->removed)
+        fromIntake.erase(it->first);
+      else
+        fromIntake.insert_or_assign(it->first, it->second);
+    }
+    if (!full)
+      break;
+    cursor = through;
+  }
+  std::vector<OutboxRecord> records;
+  auto a = merged.begin();
+  auto b = fromIntake.begin();
+  while (records.size() < limit && (a != merged.end() || b != fromIntake.end())) {
+    if (b == fromIntake.end() || (a != merged.end() && a->first < b->first)) {
+      records.push_back({a->first, std::move(a->second)});
+      ++a;
+    } else {
+      OutboxRecord r{b->first, {}};
+      if (b->second->file->readAt(b->second->place, r.content))
+        records.push_back(std::move(r));
+      ++b;
+    }
+  }
+  return records;
+}
+
+std::vector<OutboxRecord> SqliteOutboxStore::load(std::int64_t afterId,
+                                                  std::size_t limit) noexcept {
+  if (db_ == nullptr || limit == 0)
+    return {};
+  try {
+    const std::lock_guard lock(intakeMutex_);
+    return mergedPage(afterId, limit);
+  } catch (...) {
+    return {};  // out of memory
+  }
+}
+
+// May count a record whose removal is still in the intake: a number above the highest is
+// all the outbox needs of it.
 std::int64_t SqliteOutboxStore::highestId() noexcept {
   if (db_ == nullptr)
     return -1;
-  Statement highest(db_, "SELECT max(id) FROM outbox");
-  if (!highest || sqlite3_step(highest.get()) != SQLITE_ROW ||
-      sqlite3_column_type(highest.get(), 0) == SQLITE_NULL)
-    return -1;
-  return sqlite3_column_int64(highest.get(), 0);
+  std::int64_t highest = -1;
+  const std::lock_guard lock(intakeMutex_);
+  for (const auto* changes : {&committing_, &pending_}) {
+    if (!changes->empty())
+      highest = std::max(highest, changes->rbegin()->first);
+  }
+  Statement max(db_, "SELECT max(id) FROM outbox");
+  if (max && sqlite3_step(max.get()) == SQLITE_ROW &&
+      sqlite3_column_type(max.get(), 0) != SQLITE_NULL)
+    highest = std::max(highest, static_cast<std::int64_t>(sqlite3_column_int64(max.get(), 0)));
+  return highest;
+}
+
+// The intake being moved into the database becomes "-prev" and a new one takes the
+// appends, so that once the move is committed the old file can go whole.
+void SqliteOutboxStore::rotateIntakeLocked() noexcept {
+  const std::string current = path_ + ".intake";
+  const std::string next = path_ + ".intake-next";
+  std::string reason;
+  auto fresh = OutboxIntake::create(next, true, reason);
+  if (!fresh)
+    return;  // the current one goes on growing until a later sync
+  if (::rename(current.c_str(), (path_ + ".intake-prev").c_str()) != 0) {
+    ::unlink(next.c_str());
+    return;
+  }
+  intake_ = std::move(fresh);
+  prevOnDisk_ = true;
+  // Should this fail, "-next" stays the current intake: a reader takes all three, in order.
+  ::rename(next.c_str(), current.c_str());
+}
+
+bool SqliteOutboxStore::commitToDatabase(const PendingMap& changes) noexcept {
+  try {
+    Transaction batch(syncDb_);
+    if (!batch.ok())
+      return false;
+    std::string content;
+    for (const auto& [id, change] : changes) {
+      if (change.removed ? !batch.change(id, nullptr)
+                         : !change.file->readAt(change.place, content) ||
+                               !batch.change(id, &content))
+        return false;
+    }
+    return batch.commit();
+  } catch (...) {
+    return false;
+  }
 }
 
 bool SqliteOutboxStore::sync() noexcept {
   const std::lock_guard lock(syncMutex_);
   if (syncDb_ == nullptr)
     return false;
+  {
+    const std::lock_guard intake(intakeMutex_);
+    if (!pending_.empty() && !prevOnDisk_)
+      rotateIntakeLocked();
+    for (auto& [id, change] : pending_)
+      committing_.insert_or_assign(id, std::move(change));
+    pending_.clear();
+  }
+  // Only this thread changes `committing_`, so it reads it without the intake's lock.
+  const bool committed = committing_.empty() || commitToDatabase(committing_);
+  if (committed) {
+    const std::lock_guard intake(intakeMutex_);
+    committing_.clear();
+    if (prevOnDisk_) {
+      ::unlink((path_ + ".intake-prev").c_str());
+      prevOnDisk_ = false;
+    }
+  }
   // A checkpoint syncs the log, copies it into the database and syncs that. A passive one
-  // never waits for the writer, so it does the slow part; a truncating one then copies what
-  // came meanwhile, holding the writer back only for that, and empties the log, which would
-  // otherwise grow for as long as writes keep coming (and be read whole at the next open).
+  // never waits for a reader, so it does the slow part; a truncating one then copies what
+  // came meanwhile and empties the log, which would otherwise grow for as long as writes keep
+  // coming (and be read whole at the next open).
   const bool copied = sqlite3_wal_checkpoint_v2(syncDb_, nullptr, SQLITE_CHECKPOINT_PASSIVE,
                                                 nullptr, nullptr) == SQLITE_OK;
-  return sqlite3_wal_checkpoint_v2(syncDb_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr,
-                                   nullptr) == SQLITE_OK ||
-         copied;
+  const bool checkpointed = sqlite3_wal_checkpoint_v2(syncDb_, nullptr, SQLITE_CHECKPOINT_TRUNCATE,
+                                                      nullptr, nullptr) == SQLITE_OK ||
+                            copied;
+  return committed && checkpointed;
 }
 
 bool SqliteOutboxStore::destroy() noexcept {
@@ -204,8 +412,10 @@ bool SqliteOutboxStore::destroy() noexcept {
   lockFd_ = -1;
   close();
   bool removed = true;
-  // The log first: a log left without its database would be read into a new one.
-  for (const char* suffix : {"-wal", "-shm", "", ".lock"}) {
+  // The intake and the log first: either, left without its database, would be read into a
+  // new one.
+  for (const char* suffix :
+       {".intake-prev", ".intake", ".intake-next", "-wal", "-shm", "", ".lock"}) {
     const std::string file = path_ + suffix;
     removed = (::unlink(file.c_str()) == 0 || errno == ENOENT) && removed;
   }
