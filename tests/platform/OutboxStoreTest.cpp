@@ -6,7 +6,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
+#include <functional>
 
 #include <gtest/gtest.h>
 
@@ -21,6 +23,10 @@ std::vector<std::pair<std::int64_t, std::string>> contents(OutboxStore& store) {
   for (auto& record : store.load(-1, SIZE_MAX))
     out.emplace_back(record.id, std::move(record.content));
   return out;
+}
+
+off_t fileSize(const std::string& file) {
+  return static_cast<off_t>(std::filesystem::file_size(file));
 }
 
 class OutboxStoreTest : public ::testing::Test {
@@ -58,6 +64,83 @@ TEST_F(OutboxStoreTest, ABatchSurvivesTheKillOfItsProcessWithoutASync) {
   struct stat info {};
   ASSERT_EQ(::stat(file().c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 0777U, 0600U);
+}
+
+// Each life is dropped without a sync, as a kill would: what it wrote (to its intake, or to the
+// database by a sync halfway) and what it found must all be there for the next.
+TEST_F(OutboxStoreTest, LivesThatEndWithoutASyncHandEverythingOn) {
+  using Contents = std::vector<std::pair<std::int64_t, std::string>>;
+  const struct {
+    std::vector<OutboxChange> before, after;  // a sync between them
+    Contents expected;
+  } lives[] = {
+      {{{1, "a"}, {2, "b"}}, {}, {{1, "a"}, {2, "b"}}},
+      {{{3, "c"}}, {{1, std::nullopt}, {4, "d"}}, {{2, "b"}, {3, "c"}, {4, "d"}}},
+      {{{2, "b2"}}, {{3, std::nullopt}}, {{2, "b2"}, {4, "d"}}},
+      {{}, {{5, "e"}, {2, std::nullopt}}, {{4, "d"}, {5, "e"}}},
+  };
+  for (const auto& life : lives) {
+    SqliteOutboxStore store(file());
+    std::string reason;
+    ASSERT_TRUE(store.open(reason)) << reason;
+    ASSERT_TRUE(store.apply(life.before));
+    ASSERT_TRUE(store.sync());
+    ASSERT_TRUE(store.apply(life.after));
+    EXPECT_EQ(contents(store), life.expected);
+  }
+  SqliteOutboxStore last(file());
+  std::string reason;
+  ASSERT_TRUE(last.open(reason)) << reason;
+  EXPECT_EQ(contents(last), lives[3].expected);
+  // A page whose every record has a removal waiting in the intake reads on past it.
+  ASSERT_TRUE(last.apply({{4, std::nullopt}}));
+  const auto page = last.load(-1, 1);
+  ASSERT_EQ(page.size(), 1U);
+  EXPECT_EQ(page.front().id, 5);
+}
+
+// A power cut can leave an intake file cut short or with garbage at its end: the batches before
+// the damage count, the damaged one and any after it do not, and nothing else breaks.
+TEST_F(OutboxStoreTest, ADamagedIntakeKeepsTheBatchesBeforeTheDamage) {
+  using Contents = std::vector<std::pair<std::int64_t, std::string>>;
+  const struct {
+    const char* damage;
+    std::function<void(const std::string&)> apply;
+    Contents expected;
+  } cases[] = {
+      {"none", [](const std::string&) {}, {{1, "one"}, {2, "two"}, {3, "three"}}},
+      {"cut short",
+       [](const std::string& f) { ::truncate(f.c_str(), fileSize(f) - 3); },
+       {{1, "one"}}},  // a batch is all or nothing
+      {"a byte of the second batch changed",
+       [](const std::string& f) {
+         std::fstream io(f, std::ios::in | std::ios::out | std::ios::binary);
+         io.seekp(fileSize(f) - 20);
+         io.put('#');
+       },
+       {{1, "one"}}},
+      {"garbage after the last batch",
+       [](const std::string& f) { std::ofstream(f, std::ios::app) << "garbage of a power cut"; },
+       {{1, "one"}, {2, "two"}, {3, "three"}}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.damage);
+    std::string reason;
+    {
+      SqliteOutboxStore store(file());
+      ASSERT_TRUE(store.open(reason)) << reason;
+      ASSERT_TRUE(store.apply({{1, "one"}}));
+      ASSERT_TRUE(store.apply({{2, "two"}, {3, "three"}}));
+    }
+    c.apply(file() + ".intake-1");
+    {
+      SqliteOutboxStore store(file());
+      ASSERT_TRUE(store.open(reason)) << reason;
+      EXPECT_EQ(contents(store), c.expected);
+      EXPECT_TRUE(store.sync());
+      EXPECT_TRUE(store.destroy());
+    }
+  }
 }
 
 TEST_F(OutboxStoreTest, ASecondOpenerIsRefusedUntilTheFirstCloses) {

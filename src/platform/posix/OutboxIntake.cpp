@@ -4,9 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <iterator>
 #include <limits>
 
@@ -62,38 +62,36 @@ bool writeAll(int fd, const char* data, std::size_t size) {
   return true;
 }
 
-// Appends the frame's changes to `out`; false when the payload does not parse.
-bool readPayload(const char* p, std::size_t size, std::vector<OutboxChange>& out) {
-  std::vector<OutboxChange> changes;
+// Adds the frame's changes, found at `offset` in the file, to `out`; false when the payload
+// does not parse.
+bool readPayload(const char* p, std::size_t size, std::uint64_t offset,
+                 std::vector<OutboxIntake::Entry>& out) {
+  std::vector<OutboxIntake::Entry> entries;
   while (size > 0) {
     if (size < kChangeHead)
       return false;
-    OutboxChange change;
-    change.id = get<std::int64_t>(p);
-    const bool hasContent = p[8] != 0;
-    const auto length = get<std::uint32_t>(p + 9);
+    OutboxIntake::Entry entry;
+    entry.id = get<std::int64_t>(p);
+    entry.removed = p[8] == 0;
+    entry.place = {offset + kChangeHead, get<std::uint32_t>(p + 9)};
     p += kChangeHead;
     size -= kChangeHead;
-    if (length > size)
+    if (entry.place.length > size)
       return false;
-    if (hasContent)
-      change.content.emplace(p, length);
-    p += length;
-    size -= length;
-    changes.push_back(std::move(change));
+    p += entry.place.length;
+    size -= entry.place.length;
+    offset += kChangeHead + entry.place.length;
+    entries.push_back(entry);
   }
-  out.insert(out.end(), std::make_move_iterator(changes.begin()),
-             std::make_move_iterator(changes.end()));
+  out.insert(out.end(), entries.begin(), entries.end());
   return true;
 }
 
 }  // namespace
 
-std::shared_ptr<OutboxIntake> OutboxIntake::create(const std::string& path, bool exclusive,
-                                                   std::string& reason) {
-  const int flags =
-      O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | (exclusive ? O_EXCL : O_TRUNC);
-  const int fd = ::open(path.c_str(), flags, 0600);
+std::shared_ptr<OutboxIntake> OutboxIntake::create(const std::string& path, std::string& reason) {
+  const int fd =
+      ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd < 0) {
     reason = "cannot create " + path + ": " + std::strerror(errno);
     return nullptr;
@@ -101,12 +99,19 @@ std::shared_ptr<OutboxIntake> OutboxIntake::create(const std::string& path, bool
   return std::shared_ptr<OutboxIntake>(new OutboxIntake(fd));
 }
 
-std::vector<OutboxChange> OutboxIntake::read(const std::string& path) {
-  std::vector<OutboxChange> changes;
-  std::ifstream in(path, std::ios::binary);
-  if (!in)
-    return changes;
-  const std::string file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+std::shared_ptr<OutboxIntake> OutboxIntake::adopt(const std::string& path,
+                                                  std::vector<Entry>& entries) {
+  const int fd = ::open(path.c_str(), O_RDWR | O_APPEND | O_CLOEXEC | O_NOFOLLOW);
+  if (fd < 0)
+    return nullptr;
+  std::shared_ptr<OutboxIntake> intake(new OutboxIntake(fd));
+  struct stat info {};
+  if (::fstat(fd, &info) != 0)
+    return nullptr;
+  std::string file(static_cast<std::size_t>(std::max<off_t>(info.st_size, 0)), '\0');
+  Place whole{0, static_cast<std::uint32_t>(std::min<std::size_t>(file.size(), kMaxPayload))};
+  if (!intake->readAt(whole, file))
+    return nullptr;
   std::size_t at = 0;
   while (file.size() - at >= kFrameHead) {
     const auto sum = get<std::uint64_t>(file.data() + at);
@@ -114,11 +119,12 @@ std::vector<OutboxChange> OutboxIntake::read(const std::string& path) {
     if (length > file.size() - at - kFrameHead)
       break;  // cut short
     const char* payload = file.data() + at + kFrameHead;
-    if (checksum(payload, length) != sum || !readPayload(payload, length, changes))
+    if (checksum(payload, length) != sum || !readPayload(payload, length, at + kFrameHead, entries))
       break;  // garbled: nothing after it can be trusted
     at += kFrameHead + length;
   }
-  return changes;
+  intake->size_ = file.size();
+  return intake;
 }
 
 OutboxIntake::~OutboxIntake() {

@@ -22,11 +22,18 @@ class OutboxIntake {
     std::uint32_t length = 0;
   };
 
-  // Creates `path` empty (replacing a file of that name unless `exclusive`).
-  static std::shared_ptr<OutboxIntake> create(const std::string& path, bool exclusive,
-                                              std::string& reason);
-  // The whole batches a file holds, in the order they were written; none when it is missing.
-  static std::vector<OutboxChange> read(const std::string& path);
+  // A change a file holds: its content is read back through readAt() when it is needed.
+  struct Entry {
+    std::int64_t id = 0;
+    Place place;
+    bool removed = false;
+  };
+
+  // Creates `path`, which must not exist yet.
+  static std::shared_ptr<OutboxIntake> create(const std::string& path, std::string& reason);
+  // Opens a file an earlier process wrote; `entries` gets the changes of its whole batches, in
+  // the order they were written. Null when it cannot be opened.
+  static std::shared_ptr<OutboxIntake> adopt(const std::string& path, std::vector<Entry>& entries);
 
   ~OutboxIntake();
   OutboxIntake(const OutboxIntake&) = delete;

@@ -6,7 +6,8 @@
 // it to the intake file, one write() however busy the database is; sync(), at most once a
 // second on a thread of its own, moves what the intake holds into the database in one
 // transaction and checkpoints, which flushes it to the disk itself. Until then load() reads
-// the database with the intake's changes laid over it.
+// the database with the intake's changes laid over it. The intake files a killed process left
+// are laid over it the same way at open, and moved in by the first sync().
 #include "platform/posix/SqliteOutboxStore.h"
 
 #include <fcntl.h>
@@ -82,9 +83,7 @@ class Transaction {
   Statement remove_;
 };
 
-// The intake files, oldest first: "-prev" is being moved into the database, "-next" is the
-// one that replaces the current one.
-constexpr const char* kIntakeSuffixes[] = {".intake-prev", ".intake", ".intake-next"};
+constexpr const char* kIntakeSuffix = ".intake-";
 
 }  // namespace
 
@@ -98,9 +97,9 @@ void SqliteOutboxStore::close() noexcept {
   {
     const std::lock_guard lock(intakeMutex_);
     intake_.reset();
+    retired_.clear();
     pending_.clear();
     committing_.clear();
-    prevOnDisk_ = false;
   }
   if (syncDb_ != nullptr) {
     sqlite3_close_v2(syncDb_);
@@ -137,18 +136,18 @@ bool SqliteOutboxStore::open(std::string& reason) noexcept {
     close();
     return false;
   }
-  if (!openDatabase(reason) || !takeInLeftIntake(reason)) {
+  if (!openDatabase(reason)) {
     close();
     return false;
   }
-  auto intake = OutboxIntake::create(path_ + ".intake", false, reason);
-  if (!intake) {
-    close();
-    return false;
+  try {
+    if (adoptIntakes(reason))
+      return true;
+  } catch (...) {
+    reason = "out of memory reading " + path_ + kIntakeSuffix + "*";
   }
-  const std::lock_guard lock(intakeMutex_);
-  intake_ = std::move(intake);
-  return true;
+  close();
+  return false;
 }
 
 bool SqliteOutboxStore::openDatabase(std::string& reason) noexcept {
@@ -187,37 +186,46 @@ bool SqliteOutboxStore::openDatabase(std::string& reason) noexcept {
   return true;
 }
 
-// Replaying an intake over the database is harmless when part of it is there already: each
-// change sets or removes a record by its number, in the order they were made.
-bool SqliteOutboxStore::takeInLeftIntake(std::string& reason) noexcept {
-  try {
-    std::vector<OutboxChange> changes;
-    for (const char* suffix : kIntakeSuffixes) {
-      auto more = OutboxIntake::read(path_ + suffix);
-      changes.insert(changes.end(), std::make_move_iterator(more.begin()),
-                     std::make_move_iterator(more.end()));
-    }
-    if (!changes.empty()) {
-      Transaction batch(db_);
-      bool ok = batch.ok();
-      for (const auto& change : changes) {
-        if (!ok)
-          break;
-        ok = batch.change(change.id, change.content ? &*change.content : nullptr);
-      }
-      if (!ok || !batch.commit()) {
-        reason = "cannot take in the reports a stopped process left in " + path_ + ": " +
-                 sqlite3_errmsg(db_);
-        return false;
-      }
-    }
-  } catch (...) {
-    reason = "out of memory reading " + path_ + ".intake";
-    return false;
+std::vector<std::pair<std::uint64_t, std::string>> SqliteOutboxStore::intakeFiles() const {
+  const std::filesystem::path database(path_);
+  const std::string prefix = database.filename().string() + kIntakeSuffix;
+  std::vector<std::pair<std::uint64_t, std::string>> files;
+  std::error_code ec;
+  for (std::filesystem::directory_iterator it(database.parent_path(), ec), end; !ec && it != end;
+       it.increment(ec)) {
+    const std::string name = it->path().filename().string();
+    if (name.size() <= prefix.size() || name.compare(0, prefix.size(), prefix) != 0 ||
+        name.find_first_not_of("0123456789", prefix.size()) != std::string::npos ||
+        name.size() - prefix.size() > 18)
+      continue;
+    files.emplace_back(std::stoull(name.substr(prefix.size())), it->path().string());
   }
-  for (const char* suffix : kIntakeSuffixes)
-    ::unlink((path_ + suffix).c_str());
-  return true;
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
+// An earlier process's changes are laid over the database in the order they were made, and
+// moved into it by the first sync(), on its own thread: reading them is cheap, writing them
+// into the database at open would hold up this process's first reports. Should this process
+// die first, the next one finds the same files and does the same, which is harmless: each
+// change sets or removes a record by its number.
+bool SqliteOutboxStore::adoptIntakes(std::string& reason) {
+  const std::lock_guard lock(intakeMutex_);
+  std::vector<OutboxIntake::Entry> entries;
+  for (const auto& [number, file] : intakeFiles()) {
+    entries.clear();
+    const auto intake = OutboxIntake::adopt(file, entries);
+    if (!intake) {
+      reason = "cannot read " + file + ": " + std::strerror(errno);
+      return false;
+    }
+    for (const auto& entry : entries)
+      committing_.insert_or_assign(entry.id, Pending{intake, entry.place, entry.removed});
+    retired_.push_back(file);
+    intakeNumber_ = number;
+  }
+  intake_ = OutboxIntake::create(path_ + kIntakeSuffix + std::to_string(++intakeNumber_), reason);
+  return intake_ != nullptr;
 }
 
 bool SqliteOutboxStore::apply(const std::vector<OutboxChange>& changes) noexcept {
@@ -238,8 +246,7 @@ bool SqliteOutboxStore::apply(const std::vector<OutboxChange>& changes) noexcept
   }
 }
 
-std::vector<OutboxRecord> SqliteOutboxStore::databasePage(std::int64_t afterId,
-                                                          std::size_t limit) {
+std::vector<OutboxRecord> SqliteOutboxStore::databasePage(std::int64_t afterId, std::size_t limit) {
   std::vector<OutboxRecord> records;
   Statement page(db_, "SELECT id, content FROM outbox WHERE id > ?1 ORDER BY id LIMIT ?2");
   if (!page)
@@ -334,23 +341,22 @@ std::int64_t SqliteOutboxStore::highestId() noexcept {
   return highest;
 }
 
-// The intake being moved into the database becomes "-prev" and a new one takes the
-// appends, so that once the move is committed the old file can go whole.
+// Each sync() starts a new intake file, so that the current one can go whole once what it
+// holds is in the database.
 void SqliteOutboxStore::rotateIntakeLocked() noexcept {
-  const std::string current = path_ + ".intake";
-  const std::string next = path_ + ".intake-next";
   std::string reason;
-  auto fresh = OutboxIntake::create(next, true, reason);
+  const std::string current = path_ + kIntakeSuffix + std::to_string(intakeNumber_);
+  auto fresh =
+      OutboxIntake::create(path_ + kIntakeSuffix + std::to_string(intakeNumber_ + 1), reason);
   if (!fresh)
     return;  // the current one goes on growing until a later sync
-  if (::rename(current.c_str(), (path_ + ".intake-prev").c_str()) != 0) {
-    ::unlink(next.c_str());
+  try {
+    retired_.push_back(current);
+  } catch (...) {
     return;
   }
   intake_ = std::move(fresh);
-  prevOnDisk_ = true;
-  // Should this fail, "-next" stays the current intake: a reader takes all three, in order.
-  ::rename(next.c_str(), current.c_str());
+  ++intakeNumber_;
 }
 
 bool SqliteOutboxStore::commitToDatabase(const PendingMap& changes) noexcept {
@@ -360,9 +366,9 @@ bool SqliteOutboxStore::commitToDatabase(const PendingMap& changes) noexcept {
       return false;
     std::string content;
     for (const auto& [id, change] : changes) {
-      if (change.removed ? !batch.change(id, nullptr)
-                         : !change.file->readAt(change.place, content) ||
-                               !batch.change(id, &content))
+      if (change.removed
+              ? !batch.change(id, nullptr)
+              : !change.file->readAt(change.place, content) || !batch.change(id, &content))
         return false;
     }
     return batch.commit();
@@ -375,26 +381,30 @@ bool SqliteOutboxStore::sync() noexcept {
   const std::lock_guard lock(syncMutex_);
   if (syncDb_ == nullptr)
     return false;
-  {
+  std::vector<std::string> covered;  // the retired files whose changes this commit moves
+  try {
     const std::lock_guard intake(intakeMutex_);
-    if (!pending_.empty() && !prevOnDisk_)
+    if (!pending_.empty())
       rotateIntakeLocked();
     for (auto& [id, change] : pending_)
       committing_.insert_or_assign(id, std::move(change));
     pending_.clear();
+    covered = retired_;
+  } catch (...) {
+    return false;  // out of memory: the next sync tries again
   }
   // Only this thread changes `committing_`, so it reads it without the intake's lock.
   const bool committed = committing_.empty() || commitToDatabase(committing_);
   if (committed) {
     const std::lock_guard intake(intakeMutex_);
     committing_.clear();
-    if (prevOnDisk_) {
-      ::unlink((path_ + ".intake-prev").c_str());
-      prevOnDisk_ = false;
-    }
+    for (const auto& file : covered)
+      ::unlink(file.c_str());
+    retired_.erase(retired_.begin(),
+                   retired_.begin() + static_cast<std::ptrdiff_t>(covered.size()));
   }
   // A checkpoint syncs the log, copies it into the database and syncs that. A passive one
-  // never waits for a reader, so it does the slow part; a truncating one then copies what
+  // never waits, so it does the slow part; a truncating one then copies what
   // came meanwhile and empties the log, which would otherwise grow for as long as writes keep
   // coming (and be read whole at the next open).
   const bool copied = sqlite3_wal_checkpoint_v2(syncDb_, nullptr, SQLITE_CHECKPOINT_PASSIVE,
@@ -411,11 +421,16 @@ bool SqliteOutboxStore::destroy() noexcept {
   const int heldLock = lockFd_;
   lockFd_ = -1;
   close();
-  bool removed = true;
   // The intake and the log first: either, left without its database, would be read into a
   // new one.
-  for (const char* suffix :
-       {".intake-prev", ".intake", ".intake-next", "-wal", "-shm", "", ".lock"}) {
+  bool removed = true;
+  try {
+    for (const auto& [number, file] : intakeFiles())
+      removed = (::unlink(file.c_str()) == 0 || errno == ENOENT) && removed;
+  } catch (...) {
+    removed = false;
+  }
+  for (const char* suffix : {"-wal", "-shm", "", ".lock"}) {
     const std::string file = path_ + suffix;
     removed = (::unlink(file.c_str()) == 0 || errno == ENOENT) && removed;
   }

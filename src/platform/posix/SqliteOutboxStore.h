@@ -9,6 +9,8 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <quorvel/platform/OutboxStore.h>
 
@@ -21,7 +23,7 @@ namespace quorvel::platform {
 class SqliteOutboxStore final : public OutboxStore {
  public:
   // The database file is `path`; its lock file is `path` + ".lock", its intake files `path`
-  // + ".intake" (and "-prev", "-next" while sync() moves one into the database).
+  // + ".intake-" and a number, a newer file a higher number.
   explicit SqliteOutboxStore(std::string path);
   ~SqliteOutboxStore() override;
 
@@ -45,9 +47,12 @@ class SqliteOutboxStore final : public OutboxStore {
   bool exec(const char* sql) noexcept;
   void close() noexcept;
   bool openDatabase(std::string& reason) noexcept;
-  // Moves what a killed process left in its intake files into the database.
-  bool takeInLeftIntake(std::string& reason) noexcept;
-  // Starts a new intake file, the current one becoming "-prev"; `intakeMutex_` held.
+  // The intake files an earlier process left, oldest first.
+  std::vector<std::pair<std::uint64_t, std::string>> intakeFiles() const;
+  // Lays what earlier processes left in their intake files over the database, for the next
+  // sync() to move into it, and starts this process's intake file.
+  bool adoptIntakes(std::string& reason);
+  // Starts a new intake file: the current one is retired; `intakeMutex_` held.
   void rotateIntakeLocked() noexcept;
   bool commitToDatabase(const PendingMap& changes) noexcept;
   // The records after `afterId` that the database and the pending changes make together.
@@ -55,7 +60,7 @@ class SqliteOutboxStore final : public OutboxStore {
   std::vector<OutboxRecord> databasePage(std::int64_t afterId, std::size_t limit);
 
   std::string path_;
-  sqlite3* db_ = nullptr;      // reads, and the intake a killed process left
+  sqlite3* db_ = nullptr;  // reads, and the intake a killed process left
   std::mutex syncMutex_;
   sqlite3* syncDb_ = nullptr;  // sync()'s own connection: the commits and checkpoints
   int lockFd_ = -1;
@@ -63,9 +68,12 @@ class SqliteOutboxStore final : public OutboxStore {
 
   std::mutex intakeMutex_;
   std::shared_ptr<OutboxIntake> intake_;
+  std::uint64_t intakeNumber_ = 0;
+  // Intake files no longer appended to: every change in them is in `pending_` or `committing_`,
+  // and they go once those are in the database.
+  std::vector<std::string> retired_;
   PendingMap pending_;     // appended since the last sync() began
   PendingMap committing_;  // being moved into the database by sync() (or failed to be)
-  bool prevOnDisk_ = false;
 };
 
 }  // namespace quorvel::platform
