@@ -247,9 +247,11 @@ void Outbox::openLocked() {
     scheduleLeftoverPage();
 }
 
+// Pages are read and parsed on the sync thread, outside the store's lock: a page takes
+// milliseconds, which the writer's thread must not spend while this run's calls wait for it.
 void Outbox::scheduleLeftoverPage() {
   std::weak_ptr<Outbox> weak = weak_from_this();
-  queue_->async([weak] {
+  syncQueue_->async([weak] {
     if (const auto self = weak.lock())
       self->loadLeftoverPage();
   });
@@ -257,19 +259,48 @@ void Outbox::scheduleLeftoverPage() {
 
 void Outbox::loadLeftoverPage() {
   constexpr std::size_t kPage = 100;
-  std::vector<Leftover> unbuilt;
-  std::function<void(std::vector<Leftover>)> take;
+  std::shared_ptr<platform::OutboxStore> store;
+  std::int64_t after = 0;
+  std::int64_t end = 0;
+  std::uint64_t generation = 0;
   {
     const std::lock_guard lock(storeMutex_);
     if (!store_ || loadedUpTo_ >= leftoversEnd_)
       return;
+    store = store_;
+    after = loadedUpTo_;
+    end = leftoversEnd_;
+    generation = forgetGeneration_;
+  }
+  const auto page = store->load(after, kPage);
+  struct Read {
+    std::int64_t id;
+    std::size_t bytes;
+    std::optional<Leftover> left;  // none: unreadable
+  };
+  std::vector<Read> read;
+  read.reserve(page.size());
+  for (const auto& record : page) {
+    if (record.id > end)
+      break;  // this process's own
+    read.push_back({record.id, record.content.size(), parseLeftover(record)});
+  }
+  std::vector<Leftover> unbuilt;
+  std::function<void(std::vector<Leftover>)> take;
+  {
+    const std::lock_guard lock(storeMutex_);
+    if (store_ != store || generation != forgetGeneration_ || after != loadedUpTo_)
+      return;  // forgotten meanwhile
     std::vector<platform::OutboxChange> unreadable;
-    const auto page = store_->load(loadedUpTo_, kPage);
-    for (const auto& record : page) {
-      if (record.id > leftoversEnd_)
-        break;  // this process's own
-      loadedUpTo_ = record.id;
-      readLeftoverLocked(record, unreadable);
+    for (auto& r : read) {
+      loadedUpTo_ = r.id;
+      accepted_.fetch_add(1, std::memory_order_relaxed);
+      if (r.left) {
+        keepLeftoverLocked(std::move(*r.left), r.bytes);
+      } else {
+        unreadable.push_back({r.id, std::nullopt});
+        droppedForAge_.fetch_add(1, std::memory_order_relaxed);
+      }
     }
     if (page.size() < kPage)
       loadedUpTo_ = leftoversEnd_;
@@ -289,16 +320,11 @@ void Outbox::loadLeftoverPage() {
     take(std::move(unbuilt));
 }
 
-void Outbox::readLeftoverLocked(const platform::OutboxRecord& record,
-                                std::vector<platform::OutboxChange>& unreadable) {
+std::optional<Outbox::Leftover> Outbox::parseLeftover(const platform::OutboxRecord& record) {
   const auto headEnd = record.content.find('\n');
   const Json parsed = parseBoundedJson(record.content.substr(0, headEnd));
-  accepted_.fetch_add(1, std::memory_order_relaxed);
-  if (!parsed.is_object()) {
-    unreadable.push_back({record.id, std::nullopt});
-    droppedForAge_.fetch_add(1, std::memory_order_relaxed);
-    return;
-  }
+  if (!parsed.is_object())
+    return std::nullopt;
   auto slot = std::make_shared<OutboxSlot>(fromSeconds(parsed.value("at", 0.0)));
   slot->id_ = record.id;
   Leftover left;
@@ -323,13 +349,17 @@ void Outbox::readLeftoverLocked(const platform::OutboxRecord& record,
       intent.values = *v;
     left.intent = std::move(intent);
   }
+  return left;
+}
+
+void Outbox::keepLeftoverLocked(Leftover left, std::size_t bytes) {
   Held held;
-  held.slot = slot;
-  held.bytes = record.content.size();
+  held.slot = left.slot;
+  held.bytes = bytes;
   if (left.request)
     held.request = std::make_shared<const QuorvelRequestCacheData>(*left.request);
   heldBytes_ += held.bytes;
-  held_.emplace(record.id, std::move(held));
+  held_.emplace(left.slot->id_, std::move(held));
   waiting_.fetch_add(1, std::memory_order_relaxed);
   leftovers_.push_back(std::move(left));
 }
@@ -742,6 +772,7 @@ bool Outbox::forgetAll() noexcept {
     leftovers_.clear();
     replays_.clear();
     loadedUpTo_ = leftoversEnd_;
+    ++forgetGeneration_;  // a page being read now is dropped
     counters_ = Json::object();
     countersDirty_ = false;
     if (!store_)

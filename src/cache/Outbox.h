@@ -201,8 +201,9 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   void openLocked();
   void scheduleLeftoverPage();
   void loadLeftoverPage();
-  void readLeftoverLocked(const platform::OutboxRecord& record,
-                          std::vector<platform::OutboxChange>& unreadable);
+  // A record an earlier process left; none when it cannot be read.
+  static std::optional<Leftover> parseLeftover(const platform::OutboxRecord& record);
+  void keepLeftoverLocked(Leftover left, std::size_t bytes);
   std::vector<Leftover> releaseLeftoversLocked();
   void dropExpiredLeftoversLocked();
   void replayChunkLocked();
@@ -243,9 +244,10 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   };
   std::map<std::int64_t, Held> held_;  // by id: oldest first
   std::uint64_t heldBytes_ = 0;
-  std::vector<Leftover> leftovers_;  // read, not yet released by resume()
-  std::int64_t leftoversEnd_ = 0;    // the highest number an earlier process left
-  std::int64_t loadedUpTo_ = 0;      // read so far, up to this number
+  std::vector<Leftover> leftovers_;     // read, not yet released by resume()
+  std::int64_t leftoversEnd_ = 0;       // the highest number an earlier process left
+  std::int64_t loadedUpTo_ = 0;         // read so far, up to this number
+  std::uint64_t forgetGeneration_ = 0;  // one more at each forgetting
   std::function<void(std::vector<Leftover>)> take_;
   std::deque<Leftover> replays_;  // built leftovers not yet sent again
   std::atomic<std::size_t> replaysInFlight_{0};

@@ -70,12 +70,12 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
   shouldCollectDeviceName_ = true;
   platfromDevName_ = QuorvelUtils::develomentPlatformName(*platform_->classRegistry);
   advertiserId_ = "";
-  // The writes have a queue of their own, so that a burst of builds on the serial queue never
-  // delays them; so has the sync, once a second at most, so that a checkpoint holds up neither
-  // the writes (which then wait past their 10 ms) nor the shared queues' pool, which accepts
-  // the host's calls: either way, a kill lost more of what was called before it.
-  outbox_ = std::make_shared<Outbox>(platform_->outbox,
-                                     platform_->dispatcher->makeDiskQueue(kOutboxQueueLabel),
+  // The writes have a queue of their own, which also takes the host's calls from the intake,
+  // so that a burst of builds on the shared pool never delays them; so has the sync (and the
+  // reading of what an earlier process left), so that neither holds up the writes, which
+  // would then reach the disk past their 10 ms: a kill lost more of what was called before it.
+  outboxQueue_ = platform_->dispatcher->makeDiskQueue(kOutboxQueueLabel);
+  outbox_ = std::make_shared<Outbox>(platform_->outbox, outboxQueue_,
                                      platform_->dispatcher->makeDiskQueue(kOutboxSyncQueueLabel),
                                      platform_->clock, log_, Outbox::Limits{});
   httpClient_ =

@@ -22,8 +22,9 @@ struct OutboxChange {
   std::optional<std::string> content;
 };
 
-// Called from the library's outbox thread, one call at a time, except sync(): it may run on
-// another thread at the same time as the others, so that writes never wait for the disk.
+// Called from the library's outbox thread, one call at a time, except sync() and load(): they
+// may run on another thread at the same time as the others, so that writes never wait for the
+// disk, nor for a page of an earlier process's records being read.
 class OutboxStore {
  public:
   OutboxStore() = default;

@@ -93,14 +93,17 @@ SqliteOutboxStore::~SqliteOutboxStore() {
   close();
 }
 
+// Under the intake's lock: load() may be reading on another thread.
 void SqliteOutboxStore::close() noexcept {
-  {
-    const std::lock_guard lock(intakeMutex_);
-    intake_.reset();
-    retired_.clear();
-    pending_.clear();
-    committing_.clear();
-  }
+  const std::lock_guard lock(intakeMutex_);
+  closeLocked();
+}
+
+void SqliteOutboxStore::closeLocked() noexcept {
+  intake_.reset();
+  retired_.clear();
+  pending_.clear();
+  committing_.clear();
   if (syncDb_ != nullptr) {
     sqlite3_close_v2(syncDb_);
     syncDb_ = nullptr;
@@ -120,8 +123,8 @@ bool SqliteOutboxStore::exec(const char* sql) noexcept {
 }
 
 bool SqliteOutboxStore::open(std::string& reason) noexcept {
-  if (db_ != nullptr)
-    return true;
+  if (lockFd_ >= 0)
+    return true;  // open already
   std::error_code ec;
   std::filesystem::create_directories(std::filesystem::path(path_).parent_path(), ec);
   const std::string lockPath = path_ + ".lock";
@@ -136,21 +139,18 @@ bool SqliteOutboxStore::open(std::string& reason) noexcept {
     close();
     return false;
   }
-  if (!openDatabase(reason)) {
-    close();
-    return false;
-  }
+  const std::lock_guard lock(intakeMutex_);
   try {
-    if (adoptIntakes(reason))
+    if (openDatabaseLocked(reason) && adoptIntakesLocked(reason))
       return true;
   } catch (...) {
     reason = "out of memory reading " + path_ + kIntakeSuffix + "*";
   }
-  close();
+  closeLocked();
   return false;
 }
 
-bool SqliteOutboxStore::openDatabase(std::string& reason) noexcept {
+bool SqliteOutboxStore::openDatabaseLocked(std::string& reason) noexcept {
   const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
   if (sqlite3_open_v2(path_.c_str(), &db_, flags, nullptr) != SQLITE_OK) {
     reason = "cannot open " + path_ + ": " + (db_ ? sqlite3_errmsg(db_) : "out of memory");
@@ -209,8 +209,7 @@ std::vector<std::pair<std::uint64_t, std::string>> SqliteOutboxStore::intakeFile
 // into the database at open would hold up this process's first reports. Should this process
 // die first, the next one finds the same files and does the same, which is harmless: each
 // change sets or removes a record by its number.
-bool SqliteOutboxStore::adoptIntakes(std::string& reason) {
-  const std::lock_guard lock(intakeMutex_);
+bool SqliteOutboxStore::adoptIntakesLocked(std::string& reason) {
   std::vector<OutboxIntake::Entry> entries;
   for (const auto& [number, file] : intakeFiles()) {
     entries.clear();
@@ -313,10 +312,10 @@ std::vector<OutboxRecord> SqliteOutboxStore::mergedPage(std::int64_t afterId, st
 
 std::vector<OutboxRecord> SqliteOutboxStore::load(std::int64_t afterId,
                                                   std::size_t limit) noexcept {
-  if (db_ == nullptr || limit == 0)
-    return {};
   try {
     const std::lock_guard lock(intakeMutex_);
+    if (db_ == nullptr || limit == 0)
+      return {};
     return mergedPage(afterId, limit);
   } catch (...) {
     return {};  // out of memory
@@ -326,10 +325,10 @@ std::vector<OutboxRecord> SqliteOutboxStore::load(std::int64_t afterId,
 // May count a record whose removal is still in the intake: a number above the highest is
 // all the outbox needs of it.
 std::int64_t SqliteOutboxStore::highestId() noexcept {
+  const std::lock_guard lock(intakeMutex_);
   if (db_ == nullptr)
     return -1;
   std::int64_t highest = -1;
-  const std::lock_guard lock(intakeMutex_);
   for (const auto* changes : {&committing_, &pending_}) {
     if (!changes->empty())
       highest = std::max(highest, changes->rbegin()->first);

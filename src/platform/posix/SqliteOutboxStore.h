@@ -46,12 +46,14 @@ class SqliteOutboxStore final : public OutboxStore {
 
   bool exec(const char* sql) noexcept;
   void close() noexcept;
-  bool openDatabase(std::string& reason) noexcept;
+  // `intakeMutex_` held by these.
+  void closeLocked() noexcept;
+  bool openDatabaseLocked(std::string& reason) noexcept;
   // The intake files an earlier process left, oldest first.
   std::vector<std::pair<std::uint64_t, std::string>> intakeFiles() const;
   // Lays what earlier processes left in their intake files over the database, for the next
   // sync() to move into it, and starts this process's intake file.
-  bool adoptIntakes(std::string& reason);
+  bool adoptIntakesLocked(std::string& reason);
   // Starts a new intake file: the current one is retired; `intakeMutex_` held.
   void rotateIntakeLocked() noexcept;
   bool commitToDatabase(const PendingMap& changes) noexcept;
