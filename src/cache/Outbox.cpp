@@ -247,7 +247,7 @@ void Outbox::openLocked() {
     scheduleLeftoverPage();
 }
 
-// Pages are read and parsed on the sync thread, outside the store's lock: a page takes
+// Pages are read and parsed on the sync queue, outside the store's lock: a page takes
 // milliseconds, which the writer's thread must not spend while this run's calls wait for it.
 void Outbox::scheduleLeftoverPage() {
   std::weak_ptr<Outbox> weak = weak_from_this();

@@ -411,8 +411,6 @@ class TrackerCore {
   std::shared_ptr<QuorvelKeychainWrapper> keychain_;
 
   std::shared_ptr<platform::DispatchQueue> mBackgroundQueue_;
-  // The outbox's writes; it also takes the intake (see takeIntake).
-  std::shared_ptr<platform::DispatchQueue> outboxQueue_;
   std::shared_ptr<const QVSDKiAdClient> iAdClient_;
   std::shared_ptr<QuorvelRequestCache> requestCache_;
   std::shared_ptr<QuorvelHTTPClient> httpClient_;

@@ -80,11 +80,8 @@ void TrackerCore::trackEventWithValues(const std::string& hostEventName,
 void TrackerCore::takeIntake(IntakeCall call) {
   intake_.push(std::move(call));
   if (intakeScheduled_.exchange(true))
-    return;  // a turn of the queue is on its way and takes this call along
-  // Taken on the outbox's own thread, which spends microseconds on a batch: the shared pool's
-  // threads may be busy building requests for tens of milliseconds under a burst, and a call
-  // must reach the disk within 10 ms of its return.
-  outboxQueue_->async([self = self_] {
+    return;  // a turn of the serial queue is on its way and takes this call along
+  mBackgroundQueue_->async([self = self_] {
     if (const auto tracker = self->pin())
       tracker->acceptIntake();
   });

@@ -4,7 +4,7 @@
 // the first write after a kill, for the recovery of the log the killed process left. A batch
 // must reach the kernel within a few milliseconds of the host's call, so apply() only appends
 // it to the intake file, one write() however busy the database is; sync(), at most once a
-// second on a thread of its own, moves what the intake holds into the database in one
+// second and off the writer's thread, moves what the intake holds into the database in one
 // transaction and checkpoints, which flushes it to the disk itself. Until then load() reads
 // the database with the intake's changes laid over it. The intake files a killed process left
 // are laid over it the same way at open, and moved in by the first sync().
