@@ -14,6 +14,9 @@ constexpr const char* kMethod = "-[QuorvelOutbox write]";
 constexpr std::chrono::seconds kSyncInterval{1};
 // Well within the promise of a record on disk 10 ms after the call.
 constexpr std::chrono::microseconds kBatchWindow{500};
+// A burst's calls go in batches of a bounded size, so that no batch holds the whole burst
+// serialised in memory at once.
+constexpr std::size_t kMaxBatch = 512;
 // The promise: a report is on its way to the disk (written to the kernel) this soon.
 constexpr std::chrono::milliseconds kPromptWrite{10};
 constexpr std::chrono::milliseconds kRetryBase{2'000};
@@ -195,12 +198,13 @@ void Outbox::enqueue(Op op) {
   // host's calls accept, and removals, wait for a short window, so that a burst costs the
   // host's thread no wake-up of the writer per call, and the disk one transaction per window.
   const auto* put = std::get_if<Put>(&op);
-  const bool sendWaits = put != nullptr && put->then;
+  bool writeNow = put != nullptr && put->then;
   {
     const std::lock_guard lock(bufferMutex_);
     buffer_.push_back(std::move(op));
+    writeNow = writeNow || buffer_.size() >= kMaxBatch;  // a burst: no need to wait for more
   }
-  if (sendWaits) {
+  if (writeNow) {
     if (!promptWriteScheduled_.exchange(true))
       runLocked(&Outbox::writeBufferedLocked);
   } else if (!writeScheduled_.exchange(true)) {
@@ -443,11 +447,21 @@ void Outbox::writeBufferedLocked() {
   std::vector<Op> batch = std::move(spareBuffer_);
   batch.clear();
   std::map<std::string, std::int64_t> noted;
+  bool more = false;
   {
     const std::lock_guard lock(bufferMutex_);
-    batch.swap(buffer_);
+    if (buffer_.size() <= kMaxBatch) {
+      batch.swap(buffer_);
+    } else {
+      const auto cut = buffer_.begin() + static_cast<std::ptrdiff_t>(kMaxBatch);
+      batch.assign(std::make_move_iterator(buffer_.begin()), std::make_move_iterator(cut));
+      buffer_.erase(buffer_.begin(), cut);
+      more = true;
+    }
     noted.swap(noted_);
   }
+  if (more && !promptWriteScheduled_.exchange(true))
+    runLocked(&Outbox::writeBufferedLocked);
   for (const auto& [key, value] : noted) {
     const auto it = counters_.find(key);
     if (it == counters_.end() || !it->is_number_integer() || it->get<std::int64_t>() < value) {

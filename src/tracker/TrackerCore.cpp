@@ -70,14 +70,13 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
   shouldCollectDeviceName_ = true;
   platfromDevName_ = QuorvelUtils::develomentPlatformName(*platform_->classRegistry);
   advertiserId_ = "";
-  // The writes have a thread of their own, so that a burst of builds on the shared pool never
-  // delays them past their 10 ms (a kill loses what was called and not yet written). A write
-  // is one append to a file, so the sync, which moves the appends into the database and
-  // flushes it, and the reading of what an earlier process left run on a lane of the pool:
-  // they never hold up a write. (The host's calls stay on the serial queue's lane: taken on
-  // the writer's thread, a burst's calls were all accepted at once, 2.5 MB more at its peak.)
-  outbox_ = std::make_shared<Outbox>(platform_->outbox,
-                                     platform_->dispatcher->makeDiskQueue(kOutboxQueueLabel),
+  // The writes have a thread of their own, which also takes the host's calls from the intake,
+  // so that a burst of builds on the shared pool never delays them past their 10 ms (a kill
+  // loses what was called and not yet written). A write is one append to a file, so the sync,
+  // which moves the appends into the database and flushes it, and the reading of what an
+  // earlier process left run on a lane of the pool: they never hold up a write.
+  outboxQueue_ = platform_->dispatcher->makeDiskQueue(kOutboxQueueLabel);
+  outbox_ = std::make_shared<Outbox>(platform_->outbox, outboxQueue_,
                                      platform_->dispatcher->makeSerialQueue(kOutboxSyncQueueLabel),
                                      platform_->clock, log_, Outbox::Limits{});
   httpClient_ =

@@ -351,8 +351,13 @@ class TrackerCore {
     platform::TimePoint at;
   };
   void takeIntake(IntakeCall call);
-  void acceptIntake();
-  void acceptIntakeLocked();
+  // Takes at most `most` calls now (all by default); the rest in later turns on the outbox's
+  // queue.
+  void acceptIntake(std::size_t most = SIZE_MAX);
+  // False when calls are left.
+  bool acceptIntakeLocked(std::size_t most = SIZE_MAX);
+  void scheduleIntakeTurn();
+  static constexpr std::size_t kIntakeTurn = 512;
   void scheduleIntake(const IntakeCall& call);
   // The first tracking call of the process sends what an earlier one left unanswered.
   void resumeOutboxOnce();
@@ -411,6 +416,7 @@ class TrackerCore {
   std::shared_ptr<QuorvelKeychainWrapper> keychain_;
 
   std::shared_ptr<platform::DispatchQueue> mBackgroundQueue_;
+  std::shared_ptr<platform::DispatchQueue> outboxQueue_;
   std::shared_ptr<const QVSDKiAdClient> iAdClient_;
   std::shared_ptr<QuorvelRequestCache> requestCache_;
   std::shared_ptr<QuorvelHTTPClient> httpClient_;
