@@ -284,9 +284,13 @@ void Outbox::loadLeftoverPage() {
   };
   std::vector<Read> read;
   read.reserve(page.size());
+  // Records come by number: the first of this process's own ends the earlier one's.
+  bool lastPage = page.size() < kPage;
   for (const auto& record : page) {
-    if (record.id > end)
-      break;  // this process's own
+    if (record.id > end) {
+      lastPage = true;
+      break;
+    }
     read.push_back({record.id, record.content.size(), parseLeftover(record)});
   }
   std::vector<Leftover> unbuilt;
@@ -306,7 +310,7 @@ void Outbox::loadLeftoverPage() {
         droppedForAge_.fetch_add(1, std::memory_order_relaxed);
       }
     }
-    if (page.size() < kPage)
+    if (lastPage)
       loadedUpTo_ = leftoversEnd_;
     if (!unreadable.empty()) {
       log_->log(kLogWarning, kMethod, "Quorvel outbox: %lu unreadable reports dropped",
@@ -460,8 +464,6 @@ void Outbox::writeBufferedLocked() {
     }
     noted.swap(noted_);
   }
-  if (more && !promptWriteScheduled_.exchange(true))
-    runLocked(&Outbox::writeBufferedLocked);
   for (const auto& [key, value] : noted) {
     const auto it = counters_.find(key);
     if (it == counters_.end() || !it->is_number_integer() || it->get<std::int64_t>() < value) {
@@ -533,6 +535,9 @@ void Outbox::writeBufferedLocked() {
   }
   if (!changes.empty())
     writeFailureLogged_ = false;  // a write went through: the next failure is a new episode
+  // The rest of a burst, at once (after a failure it waits for the retry instead).
+  if (more && !promptWriteScheduled_.exchange(true))
+    runLocked(&Outbox::writeBufferedLocked);
   // Shown when debugging: a kill in such a gap takes these calls with it.
   if (const auto late =
           firstCall ? clock_->now() - *firstCall : platform::TimePoint::duration::zero();

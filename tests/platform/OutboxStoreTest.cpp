@@ -97,6 +97,11 @@ TEST_F(OutboxStoreTest, LivesThatEndWithoutASyncHandEverythingOn) {
   const auto page = last.load(-1, 1);
   ASSERT_EQ(page.size(), 1U);
   EXPECT_EQ(page.front().id, 5);
+  // The highest number counts removals waiting in the intake, over the database's records.
+  EXPECT_EQ(last.highestId(), 5);
+  ASSERT_TRUE(last.sync());
+  ASSERT_TRUE(last.apply({{5, std::nullopt}}));
+  EXPECT_EQ(last.highestId(), -1);
 }
 
 // A power cut can leave an intake file cut short or with garbage at its end: the batches before

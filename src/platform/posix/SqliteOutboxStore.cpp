@@ -322,21 +322,35 @@ std::vector<OutboxRecord> SqliteOutboxStore::load(std::int64_t afterId,
   }
 }
 
-// May count a record whose removal is still in the intake: a number above the highest is
-// all the outbox needs of it.
 std::int64_t SqliteOutboxStore::highestId() noexcept {
   const std::lock_guard lock(intakeMutex_);
   if (db_ == nullptr)
     return -1;
+  // The newest change of each number counts: the intake's over the database's.
+  const auto latest = [this](std::int64_t id) -> const Pending* {
+    if (const auto it = pending_.find(id); it != pending_.end())
+      return &it->second;
+    const auto it = committing_.find(id);
+    return it != committing_.end() ? &it->second : nullptr;
+  };
   std::int64_t highest = -1;
   for (const auto* changes : {&committing_, &pending_}) {
-    if (!changes->empty())
-      highest = std::max(highest, changes->rbegin()->first);
+    for (auto it = changes->rbegin(); it != changes->rend() && it->first > highest; ++it) {
+      if (!latest(it->first)->removed) {
+        highest = it->first;
+        break;
+      }
+    }
   }
-  Statement max(db_, "SELECT max(id) FROM outbox");
-  if (max && sqlite3_step(max.get()) == SQLITE_ROW &&
-      sqlite3_column_type(max.get(), 0) != SQLITE_NULL)
-    highest = std::max(highest, static_cast<std::int64_t>(sqlite3_column_int64(max.get(), 0)));
+  Statement newest(db_, "SELECT id FROM outbox WHERE id > ?1 ORDER BY id DESC");
+  if (!newest)
+    return highest;
+  sqlite3_bind_int64(newest.get(), 1, highest);
+  while (sqlite3_step(newest.get()) == SQLITE_ROW) {
+    const std::int64_t id = sqlite3_column_int64(newest.get(), 0);
+    if (const auto* change = latest(id); change == nullptr || !change->removed)
+      return id;
+  }
   return highest;
 }
 
