@@ -264,15 +264,10 @@ std::vector<OutboxRecord> SqliteOutboxStore::databasePage(std::int64_t afterId, 
   return records;
 }
 
-// The database's pages with the intake's changes laid over them. Both maps of pending changes
-// are read before the database: sync() may commit meanwhile, and laying a change over a
-// database that already has it changes nothing.
+// The database's pages with the intake's changes laid over them. sync() may commit some of
+// those changes meanwhile (its transaction runs without the intake's lock), and laying a
+// change over a database that already has it changes nothing.
 std::vector<OutboxRecord> SqliteOutboxStore::mergedPage(std::int64_t afterId, std::size_t limit) {
-  std::map<std::int64_t, const Pending*> over;
-  for (const auto* changes : {&committing_, &pending_}) {
-    for (auto it = changes->upper_bound(afterId); it != changes->end(); ++it)
-      over.insert_or_assign(it->first, &it->second);
-  }
   std::map<std::int64_t, std::string> merged;
   std::map<std::int64_t, const Pending*> fromIntake;
   for (std::int64_t cursor = afterId; merged.size() + fromIntake.size() < limit;) {
@@ -282,12 +277,16 @@ std::vector<OutboxRecord> SqliteOutboxStore::mergedPage(std::int64_t afterId, st
     const std::int64_t through = full ? page.back().id : std::numeric_limits<std::int64_t>::max();
     for (auto& record : page)
       merged.insert_or_assign(record.id, std::move(record.content));
-    for (auto it = over.upper_bound(cursor); it != over.end() && it->first <= through; ++it) {
-      merged.erase(it->first);
-      if (it->second->removed)
-        fromIntake.erase(it->first);
-      else
-        fromIntake.insert_or_assign(it->first, it->second);
+    // The older changes first, so that the newer one of a number wins.
+    for (const auto* changes : {&committing_, &pending_}) {
+      for (auto it = changes->upper_bound(cursor); it != changes->end() && it->first <= through;
+           ++it) {
+        merged.erase(it->first);
+        if (it->second.removed)
+          fromIntake.erase(it->first);
+        else
+          fromIntake.insert_or_assign(it->first, &it->second);
+      }
     }
     if (!full)
       break;
