@@ -62,7 +62,7 @@ class SqliteOutboxStore final : public OutboxStore {
   std::vector<OutboxRecord> databasePage(std::int64_t afterId, std::size_t limit);
 
   std::string path_;
-  sqlite3* db_ = nullptr;  // reads, and the intake a killed process left
+  sqlite3* db_ = nullptr;  // the reads: pages and the highest number
   std::mutex syncMutex_;
   sqlite3* syncDb_ = nullptr;  // sync()'s own connection: the commits and checkpoints
   int lockFd_ = -1;
