@@ -69,7 +69,7 @@ RequestStore::~RequestStore() {
     const std::lock_guard lock(queueMutex_);
     stopping_ = true;
   }
-  queueChanged_.notify_all();
+  requestQueued_.notify_all();
   if (writer_.joinable())
     writer_.join();
 }
@@ -87,7 +87,7 @@ void RequestStore::writeGroups() {
   for (;;) {
     {
       std::unique_lock queue(queueMutex_);
-      queueChanged_.wait(queue, [&] { return stopping_ || !queued_.empty(); });
+      requestQueued_.wait(queue, [&] { return stopping_ || !queued_.empty(); });
       if (queued_.empty())
         return;  // stopping, and everything is committed
     }
@@ -123,7 +123,7 @@ void RequestStore::commitQueuedLocked() const {
     const std::lock_guard queue(queueMutex_);
     committedCount_ = std::max(committedCount_, last);
   }
-  queueChanged_.notify_all();
+  groupCommitted_.notify_all();
 }
 
 void RequestStore::add(StoredRequest request) {
@@ -132,8 +132,8 @@ void RequestStore::add(StoredRequest request) {
     writer_ = std::thread([this] { writeGroups(); });
   queued_.push_back(std::move(request));
   const std::uint64_t mine = ++queuedCount_;
-  queueChanged_.notify_all();
-  queueChanged_.wait(queue, [&] { return committedCount_ >= mine; });
+  requestQueued_.notify_one();
+  groupCommitted_.wait(queue, [&] { return committedCount_ >= mine; });
 }
 
 void RequestStore::insertLocked(const StoredRequest& r) const {

@@ -90,7 +90,10 @@ class RequestStore {
   std::unique_ptr<sqlite3, Closer> db_;
   mutable std::mutex mutex_;       // the database
   mutable std::mutex queueMutex_;  // the queue; never held while waiting for the database
-  mutable std::condition_variable queueChanged_;
+  // Two signals, so that a request queued wakes only the writer and a commit wakes only the
+  // senders: with one, every request woke every waiting connection for nothing.
+  mutable std::condition_variable requestQueued_;
+  mutable std::condition_variable groupCommitted_;
   mutable std::vector<StoredRequest> queued_;
   mutable std::uint64_t queuedCount_ = 0;
   mutable std::uint64_t committedCount_ = 0;
