@@ -141,6 +141,7 @@ void QuorvelRequestCache::initialize() {
   }
   std::lock_guard guard(lock_);
   cachedRequests_.reset();
+  foundNothingAt_ = UINT64_MAX;
 }
 
 std::uint64_t QuorvelRequestCache::getCacheSize(const platform::FileSystem& fileSystem,
@@ -192,6 +193,7 @@ std::optional<std::string> QuorvelRequestCache::cacheRequest(
               reason.empty() ? std::string("the cache directory is not available") : reason);
     return std::nullopt;
   }
+  filesWritten_.fetch_add(1);
   return path.substr(directory->size() + 1);
 }
 
@@ -248,9 +250,14 @@ void QuorvelRequestCache::processCache() {
   }
   if (failedToInitialize_)
     initialize();
+  const std::uint64_t written = filesWritten_.load();
+  if (foundNothingAt_.load() == written)
+    return;
   std::size_t loaded = 0;
   {
     auto batch = getCachedRequests();
+    if (batch.empty())
+      foundNothingAt_ = written;
     std::lock_guard guard(lock_);
     cachedRequests_ = std::move(batch);
     loaded = cachedRequests_->size();
@@ -261,13 +268,13 @@ void QuorvelRequestCache::processCache() {
       isSendingCachedData_ = true;
   }
   log_->log(kLogDebug, "-[QuorvelRequestCache processCache]", "Cache size %d", loaded);
+  if (loaded == 0)
+    return;  // nothing to replay: no timer either
   auto self = shared_from_this();
-  // A replay belongs to the work that started it, so that a flush waits for it too; with
-  // nothing to replay, that work is not held up.
-  auto next = [self] { self->sendNextCachedEvents(); };
+  // A replay belongs to the work that started it, so that a flush waits for it too.
   platform_->dispatcher->mainQueue()->asyncAfter(
       std::chrono::milliseconds(100),
-      loaded > 0 ? platform::Work(inCurrentWorkContext(std::move(next))) : platform::Work(next));
+      inCurrentWorkContext([self] { self->sendNextCachedEvents(); }));
 }
 
 void QuorvelRequestCache::sendNextCachedEvents() {

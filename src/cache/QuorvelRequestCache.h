@@ -74,6 +74,11 @@ class QuorvelRequestCache : public std::enable_shared_from_this<QuorvelRequestCa
   std::mutex pathMutex_;
   std::optional<std::string> cacheDirectoryPath_;
   std::atomic<bool> failedToInitialize_{false};
+  // Files this process wrote into the folder, and the count at which a listing last found
+  // nothing to replay: only this process writes there, so while the two are equal a fresh
+  // answer need not list the folder again (it used to, once per answer).
+  std::atomic<std::uint64_t> filesWritten_{0};
+  std::atomic<std::uint64_t> foundNothingAt_{UINT64_MAX};
 };
 
 }  // namespace quorvel

@@ -160,6 +160,20 @@ TEST_F(RequestCacheTest, ReplayStartsAfterATenthOfASecondOnTheMainQueueOneAtATim
   EXPECT_EQ(sent.size(), 3U);
 }
 
+// A listing that found nothing is not repeated on every answer, but a request kept after it
+// is still found by the next one.
+TEST_F(RequestCacheTest, RequestKeptAfterAnEmptyListingIsReplayed) {
+  cache->processCache();
+  cache->processCache();
+  fakes.dispatcher->advance(1s);
+  EXPECT_TRUE(sent.empty());
+  ASSERT_TRUE(cache->cacheRequest(QuorvelRequestCacheData("u?kept", Bytes{1}, "4.8.0")));
+  cache->processCache();
+  fakes.dispatcher->advance(100ms);
+  ASSERT_EQ(sent.size(), 1U);
+  EXPECT_EQ(sent[0].requestURL().value_or("").rfind("u?kept&timeincache=", 0), 0U);
+}
+
 TEST_F(RequestCacheTest, DeleteAndWriteFailuresAreLogged) {
   QuorvelRequestCacheData r;
   r.setCacheKey("missing.qv");
