@@ -5,6 +5,7 @@
 // in the offline cache. Also measures the emulator alone from one kept-alive client.
 //
 //   quorvel_burst [--events N] [--devserver PATH] [--emulator-requests N] [--bound SECONDS]
+//                 [--connections N]   (per host; the library's default otherwise)
 //                 [--host DOMAIN --ca-file PEM]   (a server of one's own instead)
 #include <fcntl.h>
 #include <signal.h>
@@ -59,6 +60,7 @@ struct Options {
   std::string devserver = QUORVEL_DEVSERVER_BIN;
   std::optional<std::string> host;  // another server instead of quorvel-devserver
   std::string caFile;
+  std::size_t connections = quorvel::PosixPlatformOptions{}.maxConnectionsPerHost;
 };
 
 Options parse(int argc, char** argv) {
@@ -72,6 +74,8 @@ Options parse(int argc, char** argv) {
       o.emulatorRequests = std::stoi(value);
     else if (flag == "--idle")
       o.idleSeconds = std::stoi(value);
+    else if (flag == "--connections")
+      o.connections = static_cast<std::size_t>(std::stoul(value));
     else if (flag == "--bound")
       o.boundSeconds = std::stoi(value);
     else if (flag == "--devserver")
@@ -142,6 +146,7 @@ int burst(const Options& o, const fs::path& root, const std::string& domain,
   options.dataDirectory = (root / "app").string();
   options.keychainDirectory = (root / "keychain").string();
   options.extraCAFile = caFile;
+  options.maxConnectionsPerHost = o.connections;
   quorvel::Platform platform = quorvel::makePosixPlatform(options);
   platform.systemLog = std::make_shared<NullLog>();
   quorvel::installPlatform(platform);

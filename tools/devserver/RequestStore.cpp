@@ -50,6 +50,7 @@ RequestStore::RequestStore(const std::string& path) {
   // rather than at every commit, and a crash loses at most the last commits, never the file.
   exec("PRAGMA journal_mode=WAL");
   exec("PRAGMA synchronous=NORMAL");
+  exec("PRAGMA wal_autocheckpoint=0");
   exec(
       "CREATE TABLE IF NOT EXISTS requests (id INTEGER PRIMARY KEY AUTOINCREMENT, time REAL, "
       "method TEXT, host TEXT, service TEXT, path TEXT, query TEXT, headers TEXT, body BLOB, "
@@ -62,16 +63,73 @@ RequestStore::RequestStore(const std::string& path) {
   exec(
       "CREATE TABLE IF NOT EXISTS short_links (template TEXT, id TEXT, app TEXT, ttl TEXT, "
       "data TEXT, PRIMARY KEY (template, id))");
+  insertRequest_.reset(prepare(db_.get(),
+                               "INSERT INTO requests (time, method, host, service, path, query, "
+                               "headers, body, decrypted, status, note, repeat) "
+                               "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)")
+                           .release());
+  insertSeen_.reset(
+      prepare(db_.get(), "INSERT OR IGNORE INTO reports_seen (app, key) VALUES (?, ?)").release());
+  startCheckpointer(path);
 }
 
 RequestStore::~RequestStore() {
   {
-    const std::lock_guard lock(queueMutex_);
+    const std::lock_guard lock(checkpointMutex_);
     stopping_ = true;
   }
-  requestQueued_.notify_all();
-  if (writer_.joinable())
-    writer_.join();
+  checkpointAsked_.notify_all();
+  if (checkpointer_.joinable())
+    checkpointer_.join();
+}
+
+namespace {
+// Pages in the log after which a checkpoint is asked for: SQLite's own default.
+constexpr int kCheckpointPages = 1000;
+}  // namespace
+
+void RequestStore::startCheckpointer(const std::string& path) {
+  if (path == ":memory:")
+    return;  // no log to copy
+  sqlite3* raw = nullptr;
+  if (sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_FULLMUTEX, nullptr) !=
+      SQLITE_OK) {
+    sqlite3_close(raw);
+    exec("PRAGMA wal_autocheckpoint=1000");  // no second connection: the commits copy
+    return;
+  }
+  checkpointDb_.reset(raw);
+  sqlite3_busy_timeout(raw, 5000);
+  sqlite3_wal_hook(
+      db_.get(),
+      [](void* self, sqlite3*, const char*, int pages) {
+        if (pages >= kCheckpointPages) {
+          auto* store = static_cast<RequestStore*>(self);
+          {
+            const std::lock_guard lock(store->checkpointMutex_);
+            store->checkpointDue_ = true;
+          }
+          store->checkpointAsked_.notify_one();
+        }
+        return SQLITE_OK;
+      },
+      this);
+  checkpointer_ = std::thread([this] { checkpointWhenAsked(); });
+}
+
+void RequestStore::checkpointWhenAsked() {
+  std::unique_lock lock(checkpointMutex_);
+  for (;;) {
+    checkpointAsked_.wait(lock, [&] { return stopping_ || checkpointDue_; });
+    if (stopping_)
+      return;
+    checkpointDue_ = false;
+    lock.unlock();
+    // Passive: it copies what no reader needs and never holds up a commit.
+    sqlite3_wal_checkpoint_v2(checkpointDb_.get(), nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr,
+                              nullptr);
+    lock.lock();
+  }
 }
 
 void RequestStore::exec(const char* sql) const {
@@ -83,21 +141,8 @@ void RequestStore::exec(const char* sql) const {
   }
 }
 
-void RequestStore::writeGroups() {
-  for (;;) {
-    {
-      std::unique_lock queue(queueMutex_);
-      requestQueued_.wait(queue, [&] { return stopping_ || !queued_.empty(); });
-      if (queued_.empty())
-        return;  // stopping, and everything is committed
-    }
-    const std::lock_guard lock(mutex_);
-    commitQueuedLocked();
-  }
-}
-
 void RequestStore::commitQueuedLocked() const {
-  std::vector<StoredRequest> group;
+  std::vector<Row> group;
   std::uint64_t last = 0;
   {
     const std::lock_guard queue(queueMutex_);
@@ -108,8 +153,8 @@ void RequestStore::commitQueuedLocked() const {
     try {
       exec("BEGIN");
       try {
-        for (const auto& r : group)
-          insertLocked(r);
+        for (const auto& row : group)
+          insertLocked(row);
         exec("COMMIT");
       } catch (...) {
         exec("ROLLBACK");
@@ -126,43 +171,72 @@ void RequestStore::commitQueuedLocked() const {
   groupCommitted_.notify_all();
 }
 
-void RequestStore::add(StoredRequest request) {
-  std::unique_lock queue(queueMutex_);
-  if (!writer_.joinable())
-    writer_ = std::thread([this] { writeGroups(); });
-  queued_.push_back(std::move(request));
-  const std::uint64_t mine = ++queuedCount_;
-  requestQueued_.notify_one();
-  groupCommitted_.wait(queue, [&] { return committedCount_ >= mine; });
+RequestStore::Row RequestStore::toRow(StoredRequest request) {
+  Row row;
+  row.headers = request.headers.dump(-1, ' ', false, Json::error_handler_t::replace);
+  if (request.decrypted)
+    row.decrypted = request.decrypted->dump(-1, ' ', false, Json::error_handler_t::replace);
+  row.request = std::move(request);
+  return row;
 }
 
-void RequestStore::insertLocked(const StoredRequest& r) const {
-  const Statement s = prepare(db_.get(),
-                              "INSERT INTO requests (time, method, host, service, path, query, "
-                              "headers, body, decrypted, status, note, repeat) "
-                              "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
-  sqlite3_bind_double(s.get(), 1, r.time);
-  bindText(s.get(), 2, r.method);
-  bindText(s.get(), 3, r.host);
-  bindText(s.get(), 4, r.service);
-  bindText(s.get(), 5, r.path);
-  bindText(s.get(), 6, r.query);
-  bindText(s.get(), 7, r.headers.dump(-1, ' ', false, Json::error_handler_t::replace));
-  sqlite3_bind_blob(s.get(), 8, r.body.data(), static_cast<int>(r.body.size()), SQLITE_TRANSIENT);
-  if (r.decrypted)
-    bindText(s.get(), 9, r.decrypted->dump(-1, ' ', false, Json::error_handler_t::replace));
+// A group commit led by a sender: the first request that finds no commit under way commits
+// everything queued so far on its own thread, and those that arrive meanwhile wait for it and
+// go in the next group together. A burst costs a transaction per group, and no thread
+// switch to a writer and back.
+void RequestStore::add(StoredRequest request) {
+  Row row = toRow(std::move(request));
+  std::unique_lock queue(queueMutex_);
+  queued_.push_back(std::move(row));
+  const std::uint64_t mine = ++queuedCount_;
+  while (committedCount_ < mine) {
+    if (committing_) {
+      groupCommitted_.wait(queue);
+      continue;
+    }
+    committing_ = true;
+    queue.unlock();
+    {
+      // The queue is taken under the database lock, so that counts only rise once their
+      // rows are committed, whoever commits them.
+      const std::lock_guard lock(mutex_);
+      commitQueuedLocked();
+    }
+    queue.lock();
+    committing_ = false;
+    // Those who woke during the commit and saw it under way wait for a signal: the next
+    // group is theirs to lead.
+    groupCommitted_.notify_all();
+  }
+}
+
+void RequestStore::insertLocked(const Row& row) const {
+  const StoredRequest& r = row.request;
+  sqlite3_stmt* s = insertRequest_.get();
+  sqlite3_reset(s);
+  sqlite3_clear_bindings(s);
+  sqlite3_bind_double(s, 1, r.time);
+  bindText(s, 2, r.method);
+  bindText(s, 3, r.host);
+  bindText(s, 4, r.service);
+  bindText(s, 5, r.path);
+  bindText(s, 6, r.query);
+  bindText(s, 7, row.headers);
+  sqlite3_bind_blob(s, 8, r.body.data(), static_cast<int>(r.body.size()), SQLITE_STATIC);
+  if (row.decrypted)
+    bindText(s, 9, *row.decrypted);
   else
-    sqlite3_bind_null(s.get(), 9);
-  sqlite3_bind_int(s.get(), 10, r.status);
-  bindText(s.get(), 11, r.note);
-  sqlite3_bind_int(s.get(), 12, r.repeat ? 1 : 0);
-  step(db_.get(), s.get());
+    sqlite3_bind_null(s, 9);
+  sqlite3_bind_int(s, 10, r.status);
+  bindText(s, 11, r.note);
+  sqlite3_bind_int(s, 12, r.repeat ? 1 : 0);
+  step(db_.get(), s);
   if (r.firstReport) {
-    const Statement seen =
-        prepare(db_.get(), "INSERT OR IGNORE INTO reports_seen (app, key) VALUES (?, ?)");
-    bindText(seen.get(), 1, r.firstReport->first);
-    bindText(seen.get(), 2, r.firstReport->second);
-    step(db_.get(), seen.get());
+    sqlite3_stmt* seen = insertSeen_.get();
+    sqlite3_reset(seen);
+    bindText(seen, 1, r.firstReport->first);
+    bindText(seen, 2, r.firstReport->second);
+    step(db_.get(), seen);
   }
 }
 

@@ -77,28 +77,51 @@ class RequestStore {
   std::optional<ShortLink> shortLink(const std::string& templateId, const std::string& id) const;
 
  private:
+  // A request as its row: the JSON columns are rendered by the connection's own thread,
+  // before the request joins a group, so that the commit only binds and writes.
+  struct Row {
+    StoredRequest request;
+    std::string headers;
+    std::optional<std::string> decrypted;
+  };
+  static Row toRow(StoredRequest request);
+
   void exec(const char* sql) const;
-  void insertLocked(const StoredRequest& request) const;
+  void insertLocked(const Row& row) const;
   // Takes the queue and commits it; the database lock is held.
   void commitQueuedLocked() const;
-  void writeGroups();
   void loadReportsSeen();
+  void startCheckpointer(const std::string& path);
+  void checkpointWhenAsked();
 
   struct Closer {
     void operator()(sqlite3* db) const { sqlite3_close(db); }
   };
+  struct StatementCloser {
+    void operator()(sqlite3_stmt* s) const { sqlite3_finalize(s); }
+  };
   std::unique_ptr<sqlite3, Closer> db_;
+  // Prepared once: every request is a row.
+  std::unique_ptr<sqlite3_stmt, StatementCloser> insertRequest_;
+  std::unique_ptr<sqlite3_stmt, StatementCloser> insertSeen_;
   mutable std::mutex mutex_;       // the database
   mutable std::mutex queueMutex_;  // the queue; never held while waiting for the database
-  // Two signals, so that a request queued wakes only the writer and a commit wakes only the
-  // senders: with one, every request woke every waiting connection for nothing.
-  mutable std::condition_variable requestQueued_;
   mutable std::condition_variable groupCommitted_;
-  mutable std::vector<StoredRequest> queued_;
+  mutable std::vector<Row> queued_;
   mutable std::uint64_t queuedCount_ = 0;
   mutable std::uint64_t committedCount_ = 0;
+  // A sender is committing a group; the others wait for it instead of starting another.
+  mutable bool committing_ = false;
+
+  // The log is copied into the database by a thread of its own, on a connection of its own,
+  // instead of inside whichever commit crossed the threshold: that commit's senders used to
+  // wait for the copy and its syncs.
+  std::unique_ptr<sqlite3, Closer> checkpointDb_;
+  std::mutex checkpointMutex_;
+  std::condition_variable checkpointAsked_;
+  bool checkpointDue_ = false;
   bool stopping_ = false;
-  std::thread writer_;
+  std::thread checkpointer_;
   std::mutex seenMutex_;
   std::unordered_set<std::string> seen_;  // "app\nkey"
 };
