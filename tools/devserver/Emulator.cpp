@@ -118,7 +118,7 @@ ServiceResponse Emulator::handle(const ServiceRequest& request) {
   record.status = response.status;
   record.note = response.note;
   try {
-    store_.add(record);
+    store_.add(std::move(record));  // the decrypted payload is a tree: not worth a copy
   } catch (const std::exception& e) {
     log_(std::string("could not record the request: ") + e.what());
   }
