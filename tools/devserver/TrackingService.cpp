@@ -65,12 +65,12 @@ ServiceResponse Emulator::tracking(const ServiceRequest& request, StoredRequest&
   const auto clear = decryptPayload(*devKey, request.body);
   if (!clear)
     return errorResponse(400, "body does not decrypt with the developer key of app " + *appId);
-  Json payload = parseRequestJson(*clear);
-  if (payload.is_discarded()) {
+  Json parsed = parseRequestJson(*clear);
+  if (parsed.is_discarded()) {
     record.decrypted = Json(*clear);
     return errorResponse(400, "decrypted body is not JSON");
   }
-  record.decrypted = payload;
+  const Json& payload = record.decrypted.emplace(std::move(parsed));
   // A library sends a report again when its answer never reached it (a kill, a cut
   // connection): answered as the first was, kept apart as a repeat.
   const std::string key = reportKey(record.service, payload);
