@@ -79,12 +79,12 @@ ServiceResponse Emulator::tracking(const ServiceRequest& request, StoredRequest&
     if (!record.repeat)
       record.firstReport = std::pair(*appId, key);
   }
-  Json answer = {{"monitor", monitor()},
-                 {"hl_domain", std::string(kShortLinkPrefix) + "." + serviceDomain()},
-                 {"hl_ver", "1"},
-                 {"hl_scheme", "qv" + *appId + "://"}};
-  return jsonOk(std::move(answer), (record.repeat ? "repeat of " + key + ": " : std::string()) +
-                                       describePayload(payload));
+  const Json answer = {{"monitor", monitor()},
+                       {"hl_domain", std::string(kShortLinkPrefix) + "." + serviceDomain()},
+                       {"hl_ver", "1"},
+                       {"hl_scheme", "qv" + *appId + "://"}};
+  return jsonOk(answer, (record.repeat ? "repeat of " + key + ": " : std::string()) +
+                            describePayload(payload));
 }
 
 ServiceResponse Emulator::stats(const ServiceRequest& request, StoredRequest& record) {
