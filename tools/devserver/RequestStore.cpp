@@ -222,7 +222,7 @@ void RequestStore::insertLocked(const Row& row) const {
   bindText(s, 5, r.path);
   bindText(s, 6, r.query);
   bindText(s, 7, row.headers);
-  sqlite3_bind_blob(s, 8, r.body.data(), static_cast<int>(r.body.size()), SQLITE_STATIC);
+  sqlite3_bind_blob(s, 8, r.body.data(), static_cast<int>(r.body.size()), SQLITE_TRANSIENT);
   if (row.decrypted)
     bindText(s, 9, *row.decrypted);
   else
