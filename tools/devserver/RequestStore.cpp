@@ -7,10 +7,7 @@ namespace quorvel::devserver {
 
 namespace {
 
-struct StatementDeleter {
-  void operator()(sqlite3_stmt* s) const { sqlite3_finalize(s); }
-};
-using Statement = std::unique_ptr<sqlite3_stmt, StatementDeleter>;
+using Statement = SqliteStatement;
 
 Statement prepare(sqlite3* db, const char* sql) {
   sqlite3_stmt* raw = nullptr;
@@ -63,13 +60,11 @@ RequestStore::RequestStore(const std::string& path) {
   exec(
       "CREATE TABLE IF NOT EXISTS short_links (template TEXT, id TEXT, app TEXT, ttl TEXT, "
       "data TEXT, PRIMARY KEY (template, id))");
-  insertRequest_.reset(prepare(db_.get(),
-                               "INSERT INTO requests (time, method, host, service, path, query, "
-                               "headers, body, decrypted, status, note, repeat) "
-                               "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)")
-                           .release());
-  insertSeen_.reset(
-      prepare(db_.get(), "INSERT OR IGNORE INTO reports_seen (app, key) VALUES (?, ?)").release());
+  insertRequest_ = prepare(db_.get(),
+                           "INSERT INTO requests (time, method, host, service, path, query, "
+                           "headers, body, decrypted, status, note, repeat) "
+                           "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
+  insertSeen_ = prepare(db_.get(), "INSERT OR IGNORE INTO reports_seen (app, key) VALUES (?, ?)");
   startCheckpointer(path);
 }
 

@@ -48,6 +48,11 @@ struct ShortLink {
   Json data;
 };
 
+struct SqliteStatementCloser {
+  void operator()(sqlite3_stmt* s) const { sqlite3_finalize(s); }
+};
+using SqliteStatement = std::unique_ptr<sqlite3_stmt, SqliteStatementCloser>;
+
 class RequestStore {
  public:
   // Opens (creating when needed) the database at `path`; ":memory:" keeps it in memory.
@@ -97,13 +102,10 @@ class RequestStore {
   struct Closer {
     void operator()(sqlite3* db) const { sqlite3_close(db); }
   };
-  struct StatementCloser {
-    void operator()(sqlite3_stmt* s) const { sqlite3_finalize(s); }
-  };
   std::unique_ptr<sqlite3, Closer> db_;
   // Prepared once: every request is a row.
-  std::unique_ptr<sqlite3_stmt, StatementCloser> insertRequest_;
-  std::unique_ptr<sqlite3_stmt, StatementCloser> insertSeen_;
+  SqliteStatement insertRequest_;
+  SqliteStatement insertSeen_;
   mutable std::mutex mutex_;       // the database
   mutable std::mutex queueMutex_;  // the queue; never held while waiting for the database
   mutable std::condition_variable groupCommitted_;
