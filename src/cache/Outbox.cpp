@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <random>
+#include <utility>
 
 #include "util/BoundedJson.h"
 
@@ -225,8 +226,11 @@ void Outbox::openLocked() {
       heldElsewhere_ = true;
       log_->log(kLogError, kMethod,
                 "Quorvel: another process uses this app's data directory (%@): this tracker keeps "
-                "its reports in memory only and leaves the kept requests there to that process",
+                "its reports in memory, and builds and sends them once that process lets the "
+                "directory go; the kept requests there are left to that process",
                 reason);
+      lockedOut_ = std::move(store_);
+      scheduleLockRetry();
     } else {
       log_->log(kLogError, kMethod,
                 "Quorvel outbox unavailable (%@): this process's reports are kept in memory only",
@@ -235,20 +239,141 @@ void Outbox::openLocked() {
     store_.reset();
     return;
   }
-  // Only the counters and the highest number are read now: this process's reports are
-  // written from the first batch on, and what an earlier one left is read a page at a time
-  // between those writes.
+  readStoreLocked();
+}
+
+// Only the counters and the highest number are read now: this process's reports are written
+// from the first batch on, and what an earlier one left is read a page at a time between
+// those writes.
+void Outbox::readStoreLocked() {
   const auto first = store_->load(kCountersRecord - 1, 1);
   if (!first.empty() && first.front().id == kCountersRecord) {
     const Json parsed = parseBoundedJson(first.front().content);
-    if (parsed.is_object())
-      counters_ = parsed;
+    if (parsed.is_object()) {
+      for (const auto& [key, value] : parsed.items()) {
+        const auto mine = counters_.find(key);
+        if (mine != counters_.end() && mine->is_number_integer() && value.is_number_integer() &&
+            mine->get<std::int64_t>() > value.get<std::int64_t>()) {
+          countersDirty_ = true;
+        } else {
+          counters_[key] = value;
+        }
+      }
+    }
   }
   leftoversEnd_ = store_->highestId();
   lastId_ = std::max(lastId_, leftoversEnd_);
   loadedUpTo_ = kCountersRecord;
   if (loadedUpTo_ < leftoversEnd_)
     scheduleLeftoverPage();
+}
+
+// --- Another process's data directory -------------------------------------------------------
+
+bool Outbox::numberingIsSafe() {
+  if (numberingSafe_.load(std::memory_order_acquire))
+    return true;
+  const std::lock_guard lock(storeMutex_);
+  openLocked();
+  if (heldElsewhere_ || !awaitingNumbering_.empty())
+    return false;
+  numberingSafe_.store(true, std::memory_order_release);
+  return true;
+}
+
+void Outbox::afterNumberingIsSafe(std::shared_ptr<platform::DispatchQueue> queue,
+                                  platform::Work work) {
+  std::weak_ptr<Outbox> weak = weak_from_this();
+  queue_->async([weak, queue = std::move(queue), work = std::move(work)]() mutable {
+    const auto self = weak.lock();
+    if (!self)
+      return;
+    const std::lock_guard lock(self->storeMutex_);
+    self->openLocked();
+    // In line behind what waits already, so that the reports keep the order of their calls.
+    self->awaitingNumbering_.emplace_back(std::move(queue), std::move(work));
+    if (!self->heldElsewhere_)
+      self->releaseNumberingLocked();
+  });
+}
+
+void Outbox::releaseNumberingLocked() {
+  for (auto& [queue, work] : awaitingNumbering_)
+    queue->async(std::move(work));
+  awaitingNumbering_.clear();
+  // Set after the posts: work that finds it set runs after those on its queue.
+  numberingSafe_.store(true, std::memory_order_release);
+}
+
+// The other process may be the one before this, still finishing its exit: the first tries come
+// within seconds; one that stays is looked at no more often than once a minute.
+void Outbox::scheduleLockRetry() {
+  constexpr std::chrono::milliseconds kLockRetryBase{1'000};
+  constexpr std::chrono::milliseconds kLockRetryCap{60'000};
+  const int shift = std::clamp(lockAttempt_++, 0, 10);
+  const auto ceiling = std::min(kLockRetryCap, kLockRetryBase * (std::int64_t{1} << shift));
+  static thread_local std::minstd_rand generator(
+      static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count()));
+  const double unit = std::uniform_real_distribution<double>(0.5, 1.0)(generator);
+  const auto delay = std::chrono::milliseconds(
+      static_cast<std::int64_t>(unit * static_cast<double>(ceiling.count())));
+  std::weak_ptr<Outbox> weak = weak_from_this();
+  queue_->asyncAfter(delay, [weak] {
+    if (const auto self = weak.lock())
+      self->retryLock();
+  });
+}
+
+void Outbox::retryLock() {
+  const std::lock_guard lock(storeMutex_);
+  if (!lockedOut_ || platform::forkGeneration() != forkGeneration_)
+    return;
+  std::string reason;
+  if (!lockedOut_->open(reason)) {
+    if (lockedOut_->heldByAnotherProcess()) {
+      scheduleLockRetry();
+      return;
+    }
+    log_->log(kLogError, kMethod,
+              "Quorvel outbox unavailable (%@): this process's reports are kept in memory only",
+              reason);
+    lockedOut_.reset();
+    heldElsewhere_ = false;
+    releaseNumberingLocked();
+    return;
+  }
+  store_ = std::move(lockedOut_);
+  heldElsewhere_ = false;
+  durable_ = true;
+  log_->log(kLogInfo, kMethod,
+            "Quorvel: this process now holds the app's data directory: its reports are kept on "
+            "disk, numbered and sent from now on");
+  readStoreLocked();
+  writeHeldLocked();
+  releaseNumberingLocked();
+}
+
+void Outbox::writeHeldLocked() {
+  std::map<std::int64_t, Held> renumbered;
+  std::vector<platform::OutboxChange> changes;
+  changes.reserve(held_.size() + 1);
+  if (countersDirty_)
+    changes.push_back({kCountersRecord, counters_.dump()});
+  for (auto& [id, held] : held_) {
+    const std::int64_t number = ++lastId_;
+    held.slot->id_ = number;
+    changes.push_back({number, std::exchange(held.unwritten, {})});
+    renumbered.emplace(number, std::move(held));
+  }
+  held_.swap(renumbered);
+  if (!changes.empty() && !store_->apply(changes)) {
+    log_->log(kLogError, kMethod,
+              "Quorvel outbox: cannot write the %lu reports kept in memory; they are sent from "
+              "there",
+              static_cast<unsigned long>(held_.size()));
+    return;
+  }
+  countersDirty_ = false;
 }
 
 // Pages are read and parsed on the sync queue, outside the store's lock: a page takes
@@ -515,6 +640,13 @@ void Outbox::writeBufferedLocked() {
     }
   }
   enforceBoundsLocked(changes);
+  if (!store_ && heldElsewhere_) {
+    // Written once this process holds the store, under numbers after the other one's.
+    for (auto& change : changes) {
+      if (const auto it = held_.find(change.id); change.content && it != held_.end())
+        it->second.unwritten = std::move(*change.content);
+    }
+  }
   if (store_ && !changes.empty() && !store_->apply(changes)) {
     if (!writeFailureLogged_) {
       writeFailureLogged_ = true;

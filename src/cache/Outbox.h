@@ -173,9 +173,21 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   OutboxStats stats() const;
   // False when no store could be opened (nothing survives this process).
   bool durable() const noexcept { return durable_.load(); }
-  // Another process holds this app's data directory: this one keeps its reports in memory
-  // and leaves the kept-request folder, and the reports in it, to that process.
+  // Another process holds this app's data directory: this one keeps its reports in memory,
+  // unnumbered, and leaves the kept-request folder, and the reports in it, to that process.
   bool dataDirectoryHeldElsewhere() const noexcept { return heldElsewhere_.load(); }
+
+  // --- Numbering ----------------------------------------------------------------------------
+  // Whether this process may give its reports their counters now. The counters are the
+  // install's, shared by every process of the app: only the process that holds the data
+  // directory knows the last values given, so another one would repeat them and its reports
+  // would be taken for repeats. False while another process holds it. The first call opens
+  // the store, as the first counter read would.
+  bool numberingIsSafe();
+  // Posts `work` on `queue` once numbering is safe: at once when the store is this process's
+  // (or none can be used at all), after the other process let the data directory go
+  // otherwise. Meanwhile the store's lock is tried again with a backoff.
+  void afterNumberingIsSafe(std::shared_ptr<platform::DispatchQueue> queue, platform::Work work);
 
   // Full-jitter exponential backoff: a random delay up to min(cap, base * 2^attempt).
   static std::chrono::milliseconds backoffDelay(int attempt, double unitRandom);
@@ -214,6 +226,15 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   void enforceBoundsLocked(std::vector<platform::OutboxChange>& changes);
   void scheduleRetry();
   void retryFailed();
+  // Reads what the store keeps of earlier processes: the counters and the highest number.
+  void readStoreLocked();
+  void scheduleLockRetry();
+  void retryLock();
+  // Writes what this process kept in memory while another one held the store, under numbers
+  // after the store's own.
+  void writeHeldLocked();
+  // Posts the work that waited for numbering; `mutex_` for the store is held.
+  void releaseNumberingLocked();
   static std::string serialise(const Put& put);
 
   std::shared_ptr<platform::OutboxStore> store_;
@@ -241,6 +262,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
     std::size_t bytes = 0;
     std::shared_ptr<const QuorvelRequestCacheData> request;  // built
     bool failed = false;
+    std::string unwritten;  // while another process holds the store: the record to write
   };
   std::map<std::int64_t, Held> held_;  // by id: oldest first
   std::uint64_t heldBytes_ = 0;
@@ -263,6 +285,11 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   std::function<bool(const QuorvelRequestCacheData&)> keptElsewhere_;
   int retryAttempt_ = 0;
   bool retryScheduled_ = false;
+  std::shared_ptr<platform::OutboxStore> lockedOut_;  // held by another process: tried again
+  int lockAttempt_ = 0;
+  std::vector<std::pair<std::shared_ptr<platform::DispatchQueue>, platform::Work>>
+      awaitingNumbering_;
+  std::atomic<bool> numberingSafe_{false};
 
   const std::uint64_t forkGeneration_ = platform::forkGeneration();
   std::atomic<bool> durable_{true};

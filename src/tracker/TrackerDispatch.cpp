@@ -13,6 +13,7 @@
 #include "tracker/TrackerNames.h"
 #include "util/PreferenceKeys.h"
 #include "util/QuorvelDictionary.h"
+#include "util/WorkContext.h"
 
 namespace quorvel {
 namespace {
@@ -37,6 +38,23 @@ void TrackerCore::callServerWithEventName(const std::string& name,
   if (isStopped()) {
     // Accepted before the stop: it waits in the outbox, unbuilt, for a start that runs.
     log_->log(kLogDebug, kCallServerMethod, "Quorvel is stopped: %@ waits in the outbox", name);
+    return;
+  }
+  if (!outbox_->numberingIsSafe()) {
+    // Its counters are given below: not before this process knows the last ones given. It
+    // took no place in the build throttle on its way here, so it queues for one again.
+    outbox_->afterNumberingIsSafe(
+        mBackgroundQueue_, inCurrentWorkContext([self = self_, name, value, isEvent, isIAd] {
+          const auto tracker = self->pin();
+          if (!tracker)
+            return;
+          tracker->ledger_->buildWhenThereIsRoom(
+              tracker->mBackgroundQueue_,
+              inCurrentWorkContext([self, name, value, isEvent, isIAd] {
+                if (const auto pinned = self->pin())
+                  pinned->callServerWithEventName(name, value, std::nullopt, isEvent, isIAd);
+              }));
+        }));
     return;
   }
   const Platform& p = *platform_;

@@ -195,9 +195,10 @@ TEST_F(OutboxTest, AFailedRequestTheFolderCannotTakeWaitsAndRetriesWithBackoff) 
   EXPECT_EQ(fakes.dispatcher->pendingCount(), 0U);
 }
 
-// The same app started twice on one data directory: the second tracker says so, sends its
-// own reports from memory, and neither replays nor adds to the first one's kept folder.
-TEST_F(OutboxTest, ASecondProcessOnTheDataDirectoryLeavesTheFirstOnesReportsAlone) {
+// The same app started twice on one data directory: the second tracker says so, leaves the
+// first one's kept folder alone, and gives its reports no counters while the first one may
+// still give some. Once the first lets the directory go, they go, numbered after its last.
+TEST_F(OutboxTest, ASecondProcessWaitsForTheDataDirectoryAndNumbersAfterTheFirst) {
   tracker->trackEvent("first_process", std::nullopt);
   fakes.dispatcher->advance(1ms);
   fakes.fail(0, kOutboxRefused);
@@ -205,23 +206,33 @@ TEST_F(OutboxTest, ASecondProcessOnTheDataDirectoryLeavesTheFirstOnesReportsAlon
   ASSERT_EQ(tracker->requestCache()->getCacheSize(), 1U);
   fakes.outbox->setHeldElsewhere(true);
   const auto second = restart();
+  // The first process goes on numbering after the second one read the preferences.
+  ASSERT_TRUE(fakes.outbox->apply({{0, Json{{keys::kInAppCounter, 7}}.dump()}}));
   tracker->trackEvent("second_process", std::nullopt);
-  fakes.dispatcher->advance(1ms);
-  ASSERT_EQ(sent().size(), 2U);
-  fakes.fail(1, kOutboxRefused);
-  fakes.dispatcher->runUntilIdle();
-  const auto stats = tracker->deliveryStats();
-  EXPECT_TRUE(stats.dataDirectoryHeldElsewhere);
-  EXPECT_EQ(stats.waiting, 1U);
-  EXPECT_EQ(tracker->requestCache()->getCacheSize(), 1U);
+  fakes.dispatcher->advance(6s);  // the lock is tried again meanwhile
+  EXPECT_EQ(sent().size(), 1U);
+  const auto held = tracker->deliveryStats();
+  EXPECT_TRUE(held.dataDirectoryHeldElsewhere);
+  EXPECT_EQ(held.waiting, 1U);
   EXPECT_EQ(fakes.systemLog->count("another process uses this app's data directory"), 1U);
-  fakes.dispatcher->advance(2s);  // its retry, from memory
-  ASSERT_EQ(sent().size(), 3U);
-  EXPECT_EQ(payload(2)["event"], "second_process");
-  fakes.respond(2, 200, "{}");
+  EXPECT_EQ(fakes.outbox->size(), 1U);  // the first one's counters only
+
+  fakes.outbox->setHeldElsewhere(false);  // the first process exits
+  fakes.dispatcher->advance(10s);
+  ASSERT_EQ(sent().size(), 2U);
+  EXPECT_EQ(payload(1)["event"], "second_process");
+  EXPECT_EQ(payload(1)["iaecounter"], "8");
+  EXPECT_EQ(fakes.outbox->size(), 2U);  // its report, on disk now
+  fakes.respond(1, 200, "{}");
   fakes.dispatcher->advance(1s);
-  EXPECT_EQ(sent().size(), 3U);  // the answer starts no replay of the other's folder
-  EXPECT_EQ(tracker->deliveryStats().delivered, 1U);
+  ASSERT_EQ(sent().size(), 3U);  // the first one's kept request, now this one's to send
+  EXPECT_EQ(payload(2)["event"], "first_process");
+  fakes.respond(2, 200, "{}");
+  fakes.dispatcher->runUntilIdle();
+  const auto taken = tracker->deliveryStats();
+  EXPECT_FALSE(taken.dataDirectoryHeldElsewhere);
+  EXPECT_EQ(taken.delivered, 1U);
+  EXPECT_EQ(taken.waiting, 0U);
 }
 
 // While requests cannot leave, no more are built: the reports behind them wait as intents,
