@@ -169,6 +169,34 @@ TEST_F(PreferencesStoreTest, DeathBetweenWriteAndRenameLeavesTheOldFileWhole) {
   EXPECT_EQ(reopened.stringForKey("k"), "old");
 }
 
+// Two processes of one app on one file: each one's write keeps the keys the other wrote since,
+// and a removal or a forgetting by one reaches the other.
+TEST_F(PreferencesStoreTest, TwoStoresOnOneFileKeepEachOthersKeys) {
+  JsonFilePreferencesStore first(file(), fakes.systemLog);
+  first.setInteger("shared", 1);
+  first.setInteger("first_only", 1);
+  ASSERT_TRUE(first.synchronize());
+  JsonFilePreferencesStore second(file(), fakes.systemLog);
+  EXPECT_EQ(second.integerForKey("shared"), 1);
+
+  first.setInteger("written_by_first", 2);
+  first.removeObjectForKey("first_only");
+  ASSERT_TRUE(first.synchronize());
+  second.setInteger("shared", 3);
+  ASSERT_TRUE(second.synchronize());
+  const Json saved = Json::parse(readText(file()));
+  EXPECT_EQ(saved.value("written_by_first", 0), 2);
+  EXPECT_FALSE(saved.contains("first_only"));
+  EXPECT_EQ(saved.value("shared", 0), 3);
+  EXPECT_EQ(second.integerForKey("written_by_first"), 2);  // seen once written over
+
+  ASSERT_TRUE(first.removeAllObjects());
+  ASSERT_TRUE(first.synchronize());
+  second.setInteger("after_forget", 4);
+  ASSERT_TRUE(second.synchronize());
+  EXPECT_EQ(Json::parse(readText(file())), (Json{{"after_forget", 4}}));
+}
+
 TEST_F(PreferencesStoreTest, ConcurrentWritersNeverCorruptTheFile) {
   JsonFilePreferencesStore store(file(), fakes.systemLog);
   std::vector<std::thread> threads;

@@ -1,12 +1,15 @@
 #include "platform/posix/JsonFilePreferencesStore.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <thread>
+#include <utility>
 
 #include <quorvel/Format.h>
 
@@ -80,6 +83,37 @@ int readWholeFile(const std::string& path, std::string& out) {
   ::close(fd);
   return error;
 }
+
+// The lock two processes take around reading and replacing the file: on its folder, as the
+// file itself is replaced by every write, and a lock file of its own would outlive the
+// forgetting of the install. It is held for the time of one small read and write; a holder
+// that never lets go (a stopped process) is waited for a second, then the write goes on.
+class FolderLock {
+ public:
+  explicit FolderLock(const std::string& folder)
+      : fd_(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    constexpr int kTries = 100;
+    for (int i = 0; fd_ >= 0 && i < kTries; ++i) {
+      if (::flock(fd_, LOCK_EX | LOCK_NB) == 0)
+        return;
+      if (errno != EWOULDBLOCK && errno != EINTR)
+        break;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    if (fd_ >= 0)
+      ::close(fd_);
+    fd_ = -1;
+  }
+  ~FolderLock() {
+    if (fd_ >= 0)
+      ::close(fd_);  // lets the lock go
+  }
+  FolderLock(const FolderLock&) = delete;
+  FolderLock& operator=(const FolderLock&) = delete;
+
+ private:
+  int fd_;
+};
 
 }  // namespace
 
@@ -168,7 +202,8 @@ void JsonFilePreferencesStore::setObject(std::string_view key, Json value) {
   loadLocked();
   auto& slot = values_[std::string(key)];
   if (slot != value) {  // an unchanged value leaves nothing to write
-    slot = std::move(value);
+    slot = value;
+    changes_.insert_or_assign(std::string(key), std::move(value));
     dirty_ = true;
   }
 }
@@ -176,8 +211,10 @@ void JsonFilePreferencesStore::setObject(std::string_view key, Json value) {
 void JsonFilePreferencesStore::removeObjectForKey(std::string_view key) {
   std::lock_guard lock(mutex_);
   loadLocked();
-  if (values_.erase(std::string(key)) > 0)
+  if (values_.erase(std::string(key)) > 0) {
+    changes_.insert_or_assign(std::string(key), std::nullopt);
     dirty_ = true;
+  }
 }
 
 bool JsonFilePreferencesStore::removeAllObjects() {
@@ -185,6 +222,8 @@ bool JsonFilePreferencesStore::removeAllObjects() {
     std::lock_guard lock(mutex_);
     loadLocked();
     values_ = Json::object();
+    changes_.clear();
+    cleared_ = true;
     dirty_ = true;
   }
   std::lock_guard writer(writeMutex_);
@@ -192,27 +231,62 @@ bool JsonFilePreferencesStore::removeAllObjects() {
   return true;
 }
 
+std::optional<Json> JsonFilePreferencesStore::readCurrentFile() const {
+  std::string text;
+  if (readWholeFile(path_, text) != 0)
+    return std::nullopt;
+  Json parsed = parseBoundedJson(text, kMaxJsonDepth + 2);
+  if (parsed.is_discarded() || !parsed.is_object())
+    return std::nullopt;
+  return fromFile(parsed);
+}
+
 bool JsonFilePreferencesStore::synchronize() {
   // One writer at a time, so that an older snapshot never overwrites a newer one.
   std::lock_guard writer(writeMutex_);
-  std::string text;
   {
     std::lock_guard lock(mutex_);
     if (unreadable_)
       return false;
     if (!dirty_)
       return true;
-    text = toFile(values_).dump(1, '\t', false, Json::error_handler_t::replace);
-    dirty_ = false;
   }
   const auto slash = path_.find_last_of('/');
-  if (slash != std::string::npos && slash > 0)
-    makeDirectories(path_.substr(0, slash), 0700);
+  const std::string folder = slash == std::string::npos ? "."
+                             : slash == 0               ? "/"
+                                                        : path_.substr(0, slash);
+  makeDirectories(folder, 0700);
+  const FolderLock across(folder);
+  std::optional<Json> current = readCurrentFile();
+  std::string text;
+  decltype(changes_) written;
+  bool cleared = false;
+  {
+    std::lock_guard lock(mutex_);
+    if (current && !cleared_) {
+      // What another process wrote since this one read the file stays, but for the keys this
+      // one changed; this process sees the other's values from now on.
+      for (auto& [key, value] : changes_) {
+        if (value)
+          (*current)[key] = *value;
+        else
+          current->erase(key);
+      }
+      values_ = std::move(*current);
+    }
+    text = toFile(values_).dump(1, '\t', false, Json::error_handler_t::replace);
+    written.swap(changes_);
+    cleared = std::exchange(cleared_, false);
+    dirty_ = false;
+  }
   std::string error;
   const Bytes content(text.begin(), text.end());
   if (writeFileAtomically(path_, content, {}, &error) != AtomicWriteResult::written) {
     std::lock_guard lock(mutex_);
-    dirty_ = true;  // try again at the next synchronize
+    // Tried again at the next synchronize; changes made meanwhile are newer.
+    changes_.merge(written);
+    cleared_ = cleared_ || cleared;
+    dirty_ = true;
     log_->write(
         format("[ERROR] Quorvel: %s could not save preferences: %@", kSynchronizeMethod, error));
     return false;

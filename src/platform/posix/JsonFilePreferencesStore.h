@@ -1,8 +1,14 @@
 // Preferences kept in one JSON file, replaced atomically on synchronize().
+//
+// Two processes of one app may share the file (an app and its helper, a restart while the last
+// process still exits). synchronize() therefore writes this process's changes over what the
+// file holds now, under a lock on the file, rather than its whole view over the other's keys.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include <quorvel/platform/PreferencesStore.h>
@@ -31,6 +37,8 @@ class JsonFilePreferencesStore final : public PreferencesStore {
 
  private:
   void loadLocked() const;
+  // The file's values now, or nullopt when there is none that can be read.
+  std::optional<Json> readCurrentFile() const;
   // Temp files of interrupted writes (all of them, or those no one can still be writing).
   void removeLeftoverFiles(bool all) const;
 
@@ -42,6 +50,9 @@ class JsonFilePreferencesStore final : public PreferencesStore {
   mutable bool unreadable_ = false;  // exists but cannot be read: never written over
   mutable Json values_ = Json::object();
   bool dirty_ = false;
+  // The keys this process changed since its last write: a value, or nullopt for a removal.
+  std::map<std::string, std::optional<Json>, std::less<>> changes_;
+  bool cleared_ = false;  // removeAllObjects(): the file's other keys go too
 };
 
 }  // namespace quorvel::platform
