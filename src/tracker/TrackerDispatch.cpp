@@ -49,8 +49,7 @@ void TrackerCore::callServerWithEventName(const std::string& name,
           if (!tracker)
             return;
           tracker->ledger_->buildWhenThereIsRoom(
-              tracker->mBackgroundQueue_,
-              inCurrentWorkContext([self, name, value, isEvent, isIAd] {
+              tracker->mBackgroundQueue_, inCurrentWorkContext([self, name, value, isEvent, isIAd] {
                 if (const auto pinned = self->pin())
                   pinned->callServerWithEventName(name, value, std::nullopt, isEvent, isIAd);
               }));

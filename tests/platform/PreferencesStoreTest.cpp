@@ -9,9 +9,9 @@
 
 #include "platform/AtomicFile.h"
 #include "platform/posix/JsonFilePreferencesStore.h"
-#include "util/BoundedJson.h"
 #include "support/TempDir.h"
 #include "support/TestPlatform.h"
+#include "util/BoundedJson.h"
 
 namespace quorvel::platform {
 namespace {
