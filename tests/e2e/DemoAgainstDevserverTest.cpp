@@ -318,6 +318,26 @@ TEST_F(DemoAgainstDevserver, NoEventIsLostOrStoredTwiceByAKillAnExitOrASlowServi
   expectEachStoredOnce("in_flight", 2);
 }
 
+// Two processes of the app on one data directory at once: the second waits until the first
+// lets the directory go, then numbers its events after the first one's. Every event of both
+// is stored once; none is taken for a repeat of the other's.
+TEST_F(DemoAgainstDevserver, TwoProcessesOnOneDataDirectoryLoseNoEvent) {
+  const std::string steps = dir / "first.steps";
+  {
+    std::ofstream out(steps);
+    for (int i = 0; i < 20; ++i)
+      out << "event first " << i << "\nwait 0.1\n";
+  }
+  const test::BackgroundProcess first(demoArgv({"--script", steps}), dir / "first.out",
+                                      dir / "first.err");
+  ASSERT_TRUE(test::eventually([&] { return arrivalsOf("first").stored >= 3; }, 30s));
+  const auto second = demo({"--verbose", "--script", burstScript("second", 10)});
+  EXPECT_NE(second.err.find("another process uses this app's data directory"), std::string::npos);
+  ASSERT_TRUE(test::eventually([&] { return arrivalsOf("first").stored >= 20; }, 30s));
+  EXPECT_EQ(expectEachStoredOnce("first", 20).repeats, 0U);
+  EXPECT_EQ(expectEachStoredOnce("second", 10).repeats, 0U);
+}
+
 // The inspector in a real browser: a request shows up after a demo step, a fault switched
 // from the page reaches the next requests.
 TEST_F(DemoAgainstDevserver, TheInspectorShowsRequestsAndSwitchesFaults) {
