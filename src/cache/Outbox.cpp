@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cmath>
 #include <random>
-#include <utility>
 
 #include "util/BoundedJson.h"
 
@@ -362,10 +361,12 @@ void Outbox::writeHeldLocked() {
   for (auto& [id, held] : held_) {
     const std::int64_t number = ++lastId_;
     held.slot->id_ = number;
-    changes.push_back({number, std::exchange(held.unwritten, {})});
+    if (const auto it = unwritten_.find(id); it != unwritten_.end())
+      changes.push_back({number, std::move(it->second)});
     renumbered.emplace(number, std::move(held));
   }
   held_.swap(renumbered);
+  unwritten_.clear();
   if (!changes.empty() && !store_->apply(changes)) {
     log_->log(kLogError, kMethod,
               "Quorvel outbox: cannot write the %lu reports kept in memory; they are sent from "
@@ -643,8 +644,8 @@ void Outbox::writeBufferedLocked() {
   if (!store_ && heldElsewhere_) {
     // Written once this process holds the store, under numbers after the other one's.
     for (auto& change : changes) {
-      if (const auto it = held_.find(change.id); change.content && it != held_.end())
-        it->second.unwritten = std::move(*change.content);
+      if (change.content && held_.contains(change.id))
+        unwritten_.insert_or_assign(change.id, std::move(*change.content));
     }
   }
   if (store_ && !changes.empty() && !store_->apply(changes)) {
@@ -720,6 +721,8 @@ void Outbox::forgetHeldLocked(std::int64_t id) {
     heldBytes_ -= it->second.bytes;
     held_.erase(it);
   }
+  if (!unwritten_.empty())
+    unwritten_.erase(id);
 }
 
 void Outbox::enforceBoundsLocked(std::vector<platform::OutboxChange>& changes) {
@@ -729,6 +732,7 @@ void Outbox::enforceBoundsLocked(std::vector<platform::OutboxChange>& changes) {
     heldBytes_ -= oldest->second.bytes;
     const auto slot = oldest->second.slot;
     changes.push_back({oldest->first, std::nullopt});
+    unwritten_.erase(oldest->first);
     held_.erase(oldest);
     if (slot)
       replayCameBack(slot);
@@ -919,6 +923,7 @@ bool Outbox::forgetAll() noexcept {
         waiting_.fetch_sub(1, std::memory_order_relaxed);
     }
     held_.clear();
+    unwritten_.clear();
     heldBytes_ = 0;
     leftovers_.clear();
     replays_.clear();

@@ -262,7 +262,6 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
     std::size_t bytes = 0;
     std::shared_ptr<const QuorvelRequestCacheData> request;  // built
     bool failed = false;
-    std::string unwritten;  // while another process holds the store: the record to write
   };
   std::map<std::int64_t, Held> held_;  // by id: oldest first
   std::uint64_t heldBytes_ = 0;
@@ -286,6 +285,9 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   int retryAttempt_ = 0;
   bool retryScheduled_ = false;
   std::shared_ptr<platform::OutboxStore> lockedOut_;  // held by another process: tried again
+  // While another process holds the store: the records to write once this one holds it, by
+  // number (apart from `held_`, whose entries a burst makes by the thousand).
+  std::map<std::int64_t, std::string> unwritten_;
   int lockAttempt_ = 0;
   std::vector<std::pair<std::shared_ptr<platform::DispatchQueue>, platform::Work>>
       awaitingNumbering_;
