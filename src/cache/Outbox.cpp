@@ -120,9 +120,28 @@ void Outbox::noteCounter(const std::string& key, std::int64_t value) {
   noted = std::max(noted, value);
 }
 
+// The kept counters are read the first time one is asked for, on the asking thread and outside
+// the store's lock: the read may wait for the store to take in what an earlier process left,
+// and the writer's batches go on meanwhile.
 std::int64_t Outbox::counterFloor(const std::string& key) {
+  std::shared_ptr<platform::OutboxStore> store;
+  std::uint64_t generation = 0;
+  {
+    const std::lock_guard lock(storeMutex_);
+    openLocked();
+    if (countersRead_ || !store_)
+      return counterLocked(key);
+    store = store_;
+    generation = forgetGeneration_;
+  }
+  const auto first = store->load(kCountersRecord - 1, 1);
   const std::lock_guard lock(storeMutex_);
-  openLocked();
+  if (!countersRead_ && store_ == store && generation == forgetGeneration_)
+    mergeCountersLocked(first);
+  return counterLocked(key);
+}
+
+std::int64_t Outbox::counterLocked(const std::string& key) const {
   const auto it = counters_.find(key);
   return it != counters_.end() && it->is_number_integer() ? it->get<std::int64_t>() : 0;
 }
@@ -241,30 +260,34 @@ void Outbox::openLocked() {
   readStoreLocked();
 }
 
-// Only the counters and the highest number are read now: this process's reports are written
-// from the first batch on, and what an earlier one left is read a page at a time between
-// those writes.
+// Nothing of what an earlier process left is read now: this process's records are numbered
+// above it and written from the first batch on, while those are read a page at a time on
+// the sync queue, and the counters when the first one is asked for.
 void Outbox::readStoreLocked() {
-  const auto first = store_->load(kCountersRecord - 1, 1);
-  if (!first.empty() && first.front().id == kCountersRecord) {
-    const Json parsed = parseBoundedJson(first.front().content);
-    if (parsed.is_object()) {
-      for (const auto& [key, value] : parsed.items()) {
-        const auto mine = counters_.find(key);
-        if (mine != counters_.end() && mine->is_number_integer() && value.is_number_integer() &&
-            mine->get<std::int64_t>() > value.get<std::int64_t>()) {
-          countersDirty_ = true;
-        } else {
-          counters_[key] = value;
-        }
-      }
-    }
-  }
-  leftoversEnd_ = store_->highestId();
+  leftoversEnd_ = store_->idFloor() - 1;
   lastId_ = std::max(lastId_, leftoversEnd_);
+  countersRead_ = false;
   loadedUpTo_ = kCountersRecord;
   if (loadedUpTo_ < leftoversEnd_)
     scheduleLeftoverPage();
+}
+
+void Outbox::mergeCountersLocked(const std::vector<platform::OutboxRecord>& first) {
+  countersRead_ = true;
+  if (first.empty() || first.front().id != kCountersRecord)
+    return;
+  const Json parsed = parseBoundedJson(first.front().content);
+  if (!parsed.is_object())
+    return;
+  for (const auto& [key, value] : parsed.items()) {
+    const auto mine = counters_.find(key);
+    if (mine != counters_.end() && mine->is_number_integer() && value.is_number_integer() &&
+        mine->get<std::int64_t>() > value.get<std::int64_t>()) {
+      countersDirty_ = true;  // this process's is newer: it is written with the next batch
+    } else {
+      counters_[key] = value;
+    }
+  }
 }
 
 // --- Another process's data directory -------------------------------------------------------
@@ -355,9 +378,7 @@ void Outbox::retryLock() {
 void Outbox::writeHeldLocked() {
   std::map<std::int64_t, Held> renumbered;
   std::vector<platform::OutboxChange> changes;
-  changes.reserve(held_.size() + 1);
-  if (countersDirty_)
-    changes.push_back({kCountersRecord, counters_.dump()});
+  changes.reserve(held_.size());
   for (auto& [id, held] : held_) {
     const std::int64_t number = ++lastId_;
     held.slot->id_ = number;
@@ -372,9 +393,7 @@ void Outbox::writeHeldLocked() {
               "Quorvel outbox: cannot write the %lu reports kept in memory; they are sent from "
               "there",
               static_cast<unsigned long>(held_.size()));
-    return;
   }
-  countersDirty_ = false;
 }
 
 // Pages are read and parsed on the sync queue, outside the store's lock: a page takes
@@ -590,6 +609,8 @@ void Outbox::writeBufferedLocked() {
     }
     noted.swap(noted_);
   }
+  if (!noted.empty() && !countersRead_ && store_)
+    mergeCountersLocked(store_->load(kCountersRecord - 1, 1));  // never written over unread
   for (const auto& [key, value] : noted) {
     const auto it = counters_.find(key);
     if (it == counters_.end() || !it->is_number_integer() || it->get<std::int64_t>() < value) {

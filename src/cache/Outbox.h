@@ -226,8 +226,12 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   void enforceBoundsLocked(std::vector<platform::OutboxChange>& changes);
   void scheduleRetry();
   void retryFailed();
-  // Reads what the store keeps of earlier processes: the counters and the highest number.
+  // Takes the store's number floor; what earlier processes left is read later.
   void readStoreLocked();
+  // Lays the kept counters read from the store (record 0, if it is there) under this
+  // process's.
+  void mergeCountersLocked(const std::vector<platform::OutboxRecord>& first);
+  std::int64_t counterLocked(const std::string& key) const;
   void scheduleLockRetry();
   void retryLock();
   // Writes what this process kept in memory while another one held the store, under numbers
@@ -256,6 +260,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   std::vector<Op> spareBuffer_;
   Json counters_ = Json::object();  // the kept counters (record 0)
   bool countersDirty_ = false;
+  bool countersRead_ = false;  // record 0 of the store was read
   std::int64_t lastId_ = 0;
   struct Held {
     OutboxSlotPtr slot;

@@ -79,18 +79,27 @@ TEST_F(OutboxStoreTest, LivesThatEndWithoutASyncHandEverythingOn) {
       {{{2, "b2"}}, {{3, std::nullopt}}, {{2, "b2"}, {4, "d"}}},
       {{}, {{5, "e"}, {2, std::nullopt}}, {{4, "d"}, {5, "e"}}},
   };
+  // Each life numbers its own records from its floor, known before the last one's intake was
+  // read: above every number an earlier life used, synced or not.
+  std::int64_t lastUsed = 5;
   for (const auto& life : lives) {
     SqliteOutboxStore store(file());
     std::string reason;
     ASSERT_TRUE(store.open(reason)) << reason;
+    const std::int64_t floor = store.idFloor();
+    EXPECT_GT(floor, lastUsed);
     ASSERT_TRUE(store.apply(life.before));
     ASSERT_TRUE(store.sync());
     ASSERT_TRUE(store.apply(life.after));
     EXPECT_EQ(contents(store), life.expected);
+    ASSERT_TRUE(store.apply({{floor + 7, "own"}}));
+    ASSERT_TRUE(store.apply({{floor + 7, std::nullopt}}));
+    lastUsed = floor + 7;
   }
   SqliteOutboxStore last(file());
   std::string reason;
   ASSERT_TRUE(last.open(reason)) << reason;
+  EXPECT_GT(last.idFloor(), lastUsed);
   EXPECT_EQ(contents(last), lives[3].expected);
   // A page whose every record has a removal waiting in the intake reads on past it.
   ASSERT_TRUE(last.apply({{4, std::nullopt}}));

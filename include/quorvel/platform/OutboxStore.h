@@ -45,6 +45,11 @@ class OutboxStore {
   virtual std::vector<OutboxRecord> load(std::int64_t afterId, std::size_t limit) noexcept = 0;
   // The highest id in the store; -1 when it is empty.
   virtual std::int64_t highestId() noexcept = 0;
+  // A number above the id of every record the store holds when it opens: the library numbers
+  // its new records from it. A store that can tell without reading its records answers at
+  // once, so that the first batch of a process is written before an earlier one's records
+  // were read.
+  virtual std::int64_t idFloor() noexcept { return highestId() + 1; }
   virtual bool sync() noexcept = 0;
   // Removes the store with every file it keeps, so that nothing of its records is left on the
   // disk; a later open() makes a new, empty one. False when it cannot (the library then

@@ -101,6 +101,7 @@ void SqliteOutboxStore::close() noexcept {
 
 void SqliteOutboxStore::closeLocked() noexcept {
   intake_.reset();
+  idFloor_ = 0;
   retired_.clear();
   pending_.clear();
   committing_.clear();
@@ -139,9 +140,10 @@ bool SqliteOutboxStore::open(std::string& reason) noexcept {
     close();
     return false;
   }
+  const std::lock_guard adopting(adoptMutex_);
   const std::lock_guard lock(intakeMutex_);
   try {
-    if (openDatabaseLocked(reason) && adoptIntakesLocked(reason))
+    if (openDatabaseLocked(reason) && startIntakeLocked(reason))
       return true;
   } catch (...) {
     reason = "out of memory reading " + path_ + kIntakeSuffix + "*";
@@ -209,22 +211,59 @@ std::vector<std::pair<std::uint64_t, std::string>> SqliteOutboxStore::intakeFile
 // into the database at open would hold up this process's first reports. Should this process
 // die first, the next one finds the same files and does the same, which is harmless: each
 // change sets or removes a record by its number.
-bool SqliteOutboxStore::adoptIntakesLocked(std::string& reason) {
-  std::vector<OutboxIntake::Entry> entries;
-  for (const auto& [number, file] : intakeFiles()) {
-    entries.clear();
-    const auto intake = OutboxIntake::adopt(file, entries);
-    if (!intake) {
-      reason = "cannot read " + file + ": " + std::strerror(errno);
-      return false;
-    }
-    for (const auto& entry : entries)
-      committing_.insert_or_assign(entry.id, Pending{intake, entry.place, entry.removed});
-    retired_.push_back(file);
-    intakeNumber_ = number;
+bool SqliteOutboxStore::startIntakeLocked(std::string& reason) {
+  constexpr int kIdShift = 32;
+  toAdopt_ = intakeFiles();
+  adopted_ = toAdopt_.empty();
+  std::int64_t inDatabase = -1;
+  if (Statement newest(db_, "SELECT max(id) FROM outbox");
+      newest && sqlite3_step(newest.get()) == SQLITE_ROW &&
+      sqlite3_column_type(newest.get(), 0) != SQLITE_NULL) {
+    inDatabase = sqlite3_column_int64(newest.get(), 0);
   }
-  intake_ = OutboxIntake::create(path_ + kIntakeSuffix + std::to_string(++intakeNumber_), reason);
+  const std::uint64_t onDisk = toAdopt_.empty() ? 0 : toAdopt_.back().first;
+  const std::uint64_t fromDatabase =
+      inDatabase > 0 ? static_cast<std::uint64_t>(inDatabase) >> kIdShift : 0;
+  intakeNumber_ = std::max(onDisk, fromDatabase) + 1;
+  // Far beyond any real use (one number a second of writing, for decades); past it the floor
+  // is read from the records instead.
+  constexpr std::uint64_t kLastNumber = std::uint64_t{1} << 30;
+  idFloor_ = intakeNumber_ < kLastNumber ? static_cast<std::int64_t>(intakeNumber_ << kIdShift) : 0;
+  intake_ = OutboxIntake::create(path_ + kIntakeSuffix + std::to_string(intakeNumber_), reason);
   return intake_ != nullptr;
+}
+
+void SqliteOutboxStore::adoptLeftIntakes() noexcept {
+  if (adopted_.load(std::memory_order_acquire))
+    return;
+  const std::lock_guard adopting(adoptMutex_);
+  if (adopted_.load())
+    return;
+  try {
+    PendingMap left;
+    std::vector<std::string> files;
+    std::vector<OutboxIntake::Entry> entries;
+    for (const auto& [number, file] : toAdopt_) {
+      entries.clear();
+      const auto intake = OutboxIntake::adopt(file, entries);
+      if (!intake)
+        continue;  // unreadable now: it stays on the disk for a later start
+      for (const auto& entry : entries)
+        left.insert_or_assign(entry.id, Pending{intake, entry.place, entry.removed});
+      files.push_back(file);
+    }
+    const std::lock_guard lock(intakeMutex_);
+    if (intake_) {
+      // No sync() ran yet (each one adopts first): `committing_` is empty, and this
+      // process's changes, all newer, are in `pending_`, laid over these.
+      committing_ = std::move(left);
+      retired_.insert(retired_.begin(), files.begin(), files.end());
+    }
+    toAdopt_.clear();
+    adopted_ = true;
+  } catch (...) {
+    // Out of memory: the next read or sync() tries again.
+  }
 }
 
 bool SqliteOutboxStore::apply(const std::vector<OutboxChange>& changes) noexcept {
@@ -311,6 +350,7 @@ std::vector<OutboxRecord> SqliteOutboxStore::mergedPage(std::int64_t afterId, st
 
 std::vector<OutboxRecord> SqliteOutboxStore::load(std::int64_t afterId,
                                                   std::size_t limit) noexcept {
+  adoptLeftIntakes();
   try {
     const std::lock_guard lock(intakeMutex_);
     if (db_ == nullptr || limit == 0)
@@ -321,7 +361,19 @@ std::vector<OutboxRecord> SqliteOutboxStore::load(std::int64_t afterId,
   }
 }
 
+std::int64_t SqliteOutboxStore::idFloor() noexcept {
+  {
+    const std::lock_guard lock(intakeMutex_);
+    if (db_ == nullptr)
+      return 0;
+    if (idFloor_ > 0)
+      return idFloor_;
+  }
+  return highestId() + 1;
+}
+
 std::int64_t SqliteOutboxStore::highestId() noexcept {
+  adoptLeftIntakes();
   const std::lock_guard lock(intakeMutex_);
   if (db_ == nullptr)
     return -1;
@@ -393,6 +445,7 @@ bool SqliteOutboxStore::sync() noexcept {
   const std::lock_guard lock(syncMutex_);
   if (syncDb_ == nullptr)
     return false;
+  adoptLeftIntakes();
   std::vector<std::string> covered;  // the retired files whose changes this commit moves
   try {
     const std::lock_guard intake(intakeMutex_);

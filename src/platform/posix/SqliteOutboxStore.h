@@ -4,6 +4,7 @@
 // never send or delete) each other's reports.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -32,6 +33,10 @@ class SqliteOutboxStore final : public OutboxStore {
   bool apply(const std::vector<OutboxChange>& changes) noexcept override;
   std::vector<OutboxRecord> load(std::int64_t afterId, std::size_t limit) noexcept override;
   std::int64_t highestId() noexcept override;
+  // Each process numbers its records from its first intake file's number times 2^32: above
+  // what the database and every intake file left on the disk can hold, known from their
+  // names and the database's highest number, without reading the files.
+  std::int64_t idFloor() noexcept override;
   bool sync() noexcept override;
   bool destroy() noexcept override;
 
@@ -51,9 +56,13 @@ class SqliteOutboxStore final : public OutboxStore {
   bool openDatabaseLocked(std::string& reason) noexcept;
   // The intake files an earlier process left, oldest first.
   std::vector<std::pair<std::uint64_t, std::string>> intakeFiles() const;
-  // Lays what earlier processes left in their intake files over the database, for the next
-  // sync() to move into it, and starts this process's intake file.
-  bool adoptIntakesLocked(std::string& reason);
+  // Starts this process's intake file, numbered after those earlier processes left.
+  bool startIntakeLocked(std::string& reason);
+  // Lays what earlier processes left in their intake files under this process's changes, for
+  // the next sync() to move into the database. Done once, by the first read or sync(), not by
+  // open(): the files are read outside the intake's lock, so that this process's first
+  // batches are written meanwhile.
+  void adoptLeftIntakes() noexcept;
   // Starts a new intake file: the current one is retired; `intakeMutex_` held.
   void rotateIntakeLocked() noexcept;
   bool commitToDatabase(const PendingMap& changes) noexcept;
@@ -68,8 +77,13 @@ class SqliteOutboxStore final : public OutboxStore {
   int lockFd_ = -1;
   bool heldElsewhere_ = false;
 
+  std::mutex adoptMutex_;  // taken before the intake's
+  std::vector<std::pair<std::uint64_t, std::string>> toAdopt_;
+  std::atomic<bool> adopted_{true};
+
   std::mutex intakeMutex_;
   std::shared_ptr<OutboxIntake> intake_;
+  std::int64_t idFloor_ = 0;  // 0: not known without reading
   std::uint64_t intakeNumber_ = 0;
   // Intake files no longer appended to: every change in them is in `pending_` or `committing_`,
   // and they go once those are in the database.
