@@ -126,6 +126,7 @@ bool SqliteOutboxStore::exec(const char* sql) noexcept {
 bool SqliteOutboxStore::open(std::string& reason) noexcept {
   if (lockFd_ >= 0)
     return true;  // open already
+  heldElsewhere_ = false;
   std::error_code ec;
   std::filesystem::create_directories(std::filesystem::path(path_).parent_path(), ec);
   const std::string lockPath = path_ + ".lock";
@@ -206,11 +207,9 @@ std::vector<std::pair<std::uint64_t, std::string>> SqliteOutboxStore::intakeFile
   return files;
 }
 
-// An earlier process's changes are laid over the database in the order they were made, and
-// moved into it by the first sync(), on its own thread: reading them is cheap, writing them
-// into the database at open would hold up this process's first reports. Should this process
-// die first, the next one finds the same files and does the same, which is harmless: each
-// change sets or removes a record by its number.
+// Only the names of the intake files an earlier process left, and the database's highest
+// number, are read at open: enough to number this process's records above theirs. Reading the
+// files (megabytes after a kill in a burst) waits for the first read or sync().
 bool SqliteOutboxStore::startIntakeLocked(std::string& reason) {
   constexpr int kIdShift = 32;
   toAdopt_ = intakeFiles();
@@ -233,6 +232,10 @@ bool SqliteOutboxStore::startIntakeLocked(std::string& reason) {
   return intake_ != nullptr;
 }
 
+// An earlier process's changes are laid over the database in the order they were made, and
+// moved into it by the first sync(), on its own thread. Should this process die first, the
+// next one finds the same files and does the same, which is harmless: each change sets or
+// removes a record by its number.
 void SqliteOutboxStore::adoptLeftIntakes() noexcept {
   if (adopted_.load(std::memory_order_acquire))
     return;
