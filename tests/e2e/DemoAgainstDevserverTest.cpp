@@ -324,9 +324,12 @@ TEST_F(DemoAgainstDevserver, NoEventIsLostOrStoredTwiceByAKillAnExitOrASlowServi
 TEST_F(DemoAgainstDevserver, TwoProcessesOnOneDataDirectoryLoseNoEvent) {
   const std::string steps = dir / "first.steps";
   {
+    // Alive for seconds after its third event arrived: longer than the second one takes to
+    // start, even under a sanitizer on a busy machine.
     std::ofstream out(steps);
     for (int i = 0; i < 20; ++i)
-      out << "event first " << i << "\nwait 0.1\n";
+      out << "event first " << i << "\nwait 0.2\n";
+    out << "wait 3\n";
   }
   const test::BackgroundProcess first(demoArgv({"--script", steps}), dir / "first.out",
                                       dir / "first.err");
