@@ -237,7 +237,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // Writes what this process kept in memory while another one held the store, under numbers
   // after the store's own.
   void writeHeldLocked();
-  // Posts the work that waited for numbering; `mutex_` for the store is held.
+  // Posts the work that waited for numbering; `storeMutex_` is held.
   void releaseNumberingLocked();
   static std::string serialise(const Put& put);
 

@@ -2,7 +2,8 @@
 //
 // Two processes of one app may share the file (an app and its helper, a restart while the last
 // process still exits). synchronize() therefore writes this process's changes over what the
-// file holds now, under a lock on the file, rather than its whole view over the other's keys.
+// file holds now, under a lock on the file's folder, rather than its whole view over the
+// other's keys.
 #pragma once
 
 #include <map>
