@@ -339,15 +339,10 @@ void Outbox::scheduleLockRetry() {
   const double unit = std::uniform_real_distribution<double>(0.5, 1.0)(generator);
   const auto delay = std::chrono::milliseconds(
       static_cast<std::int64_t>(unit * static_cast<double>(ceiling.count())));
-  std::weak_ptr<Outbox> weak = weak_from_this();
-  queue_->asyncAfter(delay, [weak] {
-    if (const auto self = weak.lock())
-      self->retryLock();
-  });
+  runLocked(&Outbox::retryLockLocked, delay);
 }
 
-void Outbox::retryLock() {
-  const std::lock_guard lock(storeMutex_);
+void Outbox::retryLockLocked() {
   if (!lockedOut_ || platform::forkGeneration() != forkGeneration_)
     return;
   std::string reason;
@@ -874,15 +869,10 @@ void Outbox::scheduleRetry() {
   const auto delay = backoffDelay(retryAttempt_++, unit);
   log_->log(kLogDebug, kMethod, "Quorvel outbox: reports wait; next try in %lld ms",
             static_cast<long long>(delay.count()));
-  std::weak_ptr<Outbox> weak = weak_from_this();
-  queue_->asyncAfter(delay, [weak] {
-    if (const auto self = weak.lock())
-      self->retryFailed();
-  });
+  runLocked(&Outbox::retryFailedLocked, delay);
 }
 
-void Outbox::retryFailed() {
-  const std::lock_guard lock(storeMutex_);
+void Outbox::retryFailedLocked() {
   retryScheduled_ = false;
   if (!resend_)
     return;

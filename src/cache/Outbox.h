@@ -225,7 +225,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   void forgetHeldLocked(std::int64_t id);
   void enforceBoundsLocked(std::vector<platform::OutboxChange>& changes);
   void scheduleRetry();
-  void retryFailed();
+  void retryFailedLocked();
   // Takes the store's number floor; what earlier processes left is read later.
   void readStoreLocked();
   // Lays the kept counters read from the store (record 0, if it is there) under this
@@ -233,7 +233,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   void mergeCountersLocked(const std::vector<platform::OutboxRecord>& first);
   std::int64_t counterLocked(const std::string& key) const;
   void scheduleLockRetry();
-  void retryLock();
+  void retryLockLocked();
   // Writes what this process kept in memory while another one held the store, under numbers
   // after the store's own.
   void writeHeldLocked();
