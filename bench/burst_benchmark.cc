@@ -248,7 +248,8 @@ int runBurst(const Options& o, const fs::path& root) {
 }
 
 // Requests/s the emulator answers to one client over kept-alive HTTP/1.1 connections:
-// launch-sized encrypted bodies posted over 6 connections through libcurl's multi interface.
+// launch-sized encrypted bodies posted over `--connections` connections (the library's default
+// otherwise) through libcurl's multi interface.
 int runEmulator(const Options& o, const fs::path& root) {
   quorvel::bench::Devserver server(o.devserver, root / "emulator", kApp, kDevKey);
   const std::string url = "https://events." + server.domain() +
@@ -263,7 +264,8 @@ int runEmulator(const Options& o, const fs::path& root) {
   const auto sealed = crypto.encrypt(quorvel::Bytes(text.begin(), text.end()));
   const std::string body(sealed->begin(), sealed->end());
   CURLM* multi = curl_multi_init();
-  curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, 6L);
+  const long connections = static_cast<long>(o.connections);
+  curl_multi_setopt(multi, CURLMOPT_MAX_HOST_CONNECTIONS, connections);
   const int total = o.emulatorRequests;
   int started = 0;
   int finished = 0;
@@ -282,7 +284,7 @@ int runEmulator(const Options& o, const fs::path& root) {
     ++started;
   };
   const auto start = Clock::now();
-  for (int i = 0; i < 6 && started < total; ++i)
+  for (long i = 0; i < connections && started < total; ++i)
     add();
   while (finished < total) {
     int running = 0;
