@@ -48,11 +48,16 @@ RequestStore::RequestStore(const std::string& path) {
   exec("PRAGMA journal_mode=WAL");
   exec("PRAGMA synchronous=NORMAL");
   exec("PRAGMA wal_autocheckpoint=0");
+  // Rows are never deleted, so a plain rowid key already rises with every insert; AUTOINCREMENT
+  // would write its counter page in every commit. The seen reports are only ever looked up by
+  // their key, so they are one b-tree rather than a table and its index.
   exec(
-      "CREATE TABLE IF NOT EXISTS requests (id INTEGER PRIMARY KEY AUTOINCREMENT, time REAL, "
+      "CREATE TABLE IF NOT EXISTS requests (id INTEGER PRIMARY KEY, time REAL, "
       "method TEXT, host TEXT, service TEXT, path TEXT, query TEXT, headers TEXT, body BLOB, "
       "decrypted TEXT, status INTEGER, note TEXT, repeat INTEGER DEFAULT 0)");
-  exec("CREATE TABLE IF NOT EXISTS reports_seen (app TEXT, key TEXT, PRIMARY KEY (app, key))");
+  exec(
+      "CREATE TABLE IF NOT EXISTS reports_seen (app TEXT, key TEXT, PRIMARY KEY (app, key)) "
+      "WITHOUT ROWID");
   loadReportsSeen();
   exec(
       "CREATE TABLE IF NOT EXISTS conversion_data_served (app TEXT, device TEXT, "
@@ -65,13 +70,24 @@ RequestStore::RequestStore(const std::string& path) {
                            "headers, body, decrypted, status, note, repeat) "
                            "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
   insertSeen_ = prepare(db_.get(), "INSERT OR IGNORE INTO reports_seen (app, key) VALUES (?, ?)");
+  begin_ = prepare(db_.get(), "BEGIN");
+  commit_ = prepare(db_.get(), "COMMIT");
+  rollback_ = prepare(db_.get(), "ROLLBACK");
   startCheckpointer(path);
+  writer_ = std::thread([this] { writeWhileQueued(); });
 }
 
 RequestStore::~RequestStore() {
   {
-    const std::lock_guard lock(checkpointMutex_);
+    const std::lock_guard queue(queueMutex_);
     stopping_ = true;
+  }
+  rowsQueued_.notify_all();
+  if (writer_.joinable())
+    writer_.join();
+  {
+    const std::lock_guard lock(checkpointMutex_);
+    checkpointStopping_ = true;
   }
   checkpointAsked_.notify_all();
   if (checkpointer_.joinable())
@@ -115,8 +131,8 @@ void RequestStore::startCheckpointer(const std::string& path) {
 void RequestStore::checkpointWhenAsked() {
   std::unique_lock lock(checkpointMutex_);
   for (;;) {
-    checkpointAsked_.wait(lock, [&] { return stopping_ || checkpointDue_; });
-    if (stopping_)
+    checkpointAsked_.wait(lock, [&] { return checkpointStopping_ || checkpointDue_; });
+    if (checkpointStopping_)
       return;
     checkpointDue_ = false;
     lock.unlock();
@@ -136,34 +152,32 @@ void RequestStore::exec(const char* sql) const {
   }
 }
 
+void RequestStore::runPrepared(sqlite3_stmt* statement) const {
+  sqlite3_reset(statement);
+  step(db_.get(), statement);
+}
+
 void RequestStore::commitQueuedLocked() const {
   std::vector<Row> group;
-  std::uint64_t last = 0;
   {
     const std::lock_guard queue(queueMutex_);
     group.swap(queued_);
-    last = queuedCount_;
   }
-  if (!group.empty()) {
+  if (group.empty())
+    return;
+  try {
+    runPrepared(begin_.get());
     try {
-      exec("BEGIN");
-      try {
-        for (const auto& row : group)
-          insertLocked(row);
-        exec("COMMIT");
-      } catch (...) {
-        exec("ROLLBACK");
-        throw;
-      }
-    } catch (const std::exception&) {
-      // A store that cannot write loses the group; its senders are not kept waiting.
+      for (const auto& row : group)
+        insertLocked(row);
+      runPrepared(commit_.get());
+    } catch (...) {
+      runPrepared(rollback_.get());
+      throw;
     }
+  } catch (const std::exception&) {
+    // A store that cannot write loses the group; the writer goes on with the next one.
   }
-  {
-    const std::lock_guard queue(queueMutex_);
-    committedCount_ = std::max(committedCount_, last);
-  }
-  groupCommitted_.notify_all();
 }
 
 RequestStore::Row RequestStore::toRow(StoredRequest request) {
@@ -175,33 +189,29 @@ RequestStore::Row RequestStore::toRow(StoredRequest request) {
   return row;
 }
 
-// A group commit led by a sender: the first request that finds no commit under way commits
-// everything queued so far on its own thread, and those that arrive meanwhile wait for it and
-// go in the next group together. A burst costs a transaction per group, and no thread
-// switch to a writer and back.
 void RequestStore::add(StoredRequest request) {
   Row row = toRow(std::move(request));
+  {
+    const std::lock_guard queue(queueMutex_);
+    queued_.push_back(std::move(row));
+  }
+  rowsQueued_.notify_one();
+}
+
+// Commits whatever was queued since its last commit, for as long as rows come: a burst costs
+// a transaction per group, and the group grows with the load by itself.
+void RequestStore::writeWhileQueued() {
   std::unique_lock queue(queueMutex_);
-  queued_.push_back(std::move(row));
-  const std::uint64_t mine = ++queuedCount_;
-  while (committedCount_ < mine) {
-    if (committing_) {
-      groupCommitted_.wait(queue);
-      continue;
-    }
-    committing_ = true;
+  for (;;) {
+    rowsQueued_.wait(queue, [&] { return stopping_ || !queued_.empty(); });
+    if (queued_.empty())
+      return;  // stopping, and everything is written
     queue.unlock();
     {
-      // The queue is taken under the database lock, so that counts only rise once their
-      // rows are committed, whoever commits them.
       const std::lock_guard lock(mutex_);
       commitQueuedLocked();
     }
     queue.lock();
-    committing_ = false;
-    // Those who woke during the commit and saw it under way wait for a signal: the next
-    // group is theirs to lead.
-    groupCommitted_.notify_all();
   }
 }
 
