@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
@@ -136,11 +137,41 @@ double percentile(std::vector<double> values, double p) {
   return values[index];
 }
 
-// The burst itself, against `domain`; `delivered` tells how many requests arrived.
+// Each arrived burst event's counter and `timestamp`, read from the emulator's requests.
+using Stamps = std::map<long long, double>;
+
+Stamps burstTimestamps(const std::string& database) {
+  Stamps stamps;
+  sqlite3* db = nullptr;
+  if (sqlite3_open_v2(database.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
+    sqlite3_busy_timeout(db, 2000);
+    sqlite3_stmt* s = nullptr;
+    if (sqlite3_prepare_v2(db,
+                           "SELECT decrypted FROM requests WHERE service = 'events' AND "
+                           "status = 200 AND repeat = 0",
+                           -1, &s, nullptr) == SQLITE_OK) {
+      while (sqlite3_step(s) == SQLITE_ROW) {
+        const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(s, 0));
+        const quorvel::Json payload =
+            quorvel::Json::parse(text != nullptr ? text : "", nullptr, false);
+        if (payload.is_object() && payload.value("event", "") == "burst_event")
+          stamps[std::atoll(payload.value("iaecounter", "0").c_str())] =
+              std::atof(payload.value("timestamp", "0").c_str());
+      }
+    }
+    sqlite3_finalize(s);
+  }
+  sqlite3_close(db);
+  return stamps;
+}
+
+// The burst itself, against `domain`; `delivered` tells how many requests arrived, and
+// `timestamps` what their events carried (none when the server's store cannot be read).
 int burst(const Options& o, const fs::path& root, const std::string& domain,
           const std::string& caFile, const std::string& serverName,
           const std::function<long long()>& delivered,
-          const std::function<std::string()>& connections) {
+          const std::function<std::string()>& connections,
+          const std::function<Stamps()>& timestamps) {
   quorvel::PosixPlatformOptions options;
   options.bundleIdentifier = "com.quorvel.burst";
   options.dataDirectory = (root / "app").string();
@@ -167,12 +198,17 @@ int burst(const Options& o, const fs::path& root, const std::string& domain,
 
   std::vector<double> callNs;
   callNs.reserve(static_cast<std::size_t>(o.events));
+  std::vector<Clock::time_point> callAt;  // to compare with each event's `timestamp`
+  callAt.reserve(static_cast<std::size_t>(o.events));
   const std::optional<std::string> value("9.99");
   rusage threadBefore{};
   getrusage(RUSAGE_THREAD, &threadBefore);
   const auto start = Clock::now();
+  const double wallAtStart =
+      std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
   for (int i = 0; i < o.events; ++i) {
     const auto before = Clock::now();
+    callAt.push_back(before);
     tracker.trackEvent("burst_event", value);
     callNs.push_back(std::chrono::duration<double, std::nano>(Clock::now() - before).count());
   }
@@ -194,6 +230,19 @@ int burst(const Options& o, const fs::path& root, const std::string& domain,
   std::printf("  delivered                 %lld of %lld in %.2f s\n", arrived, expected, seconds);
   std::printf("  events/s end to end       %.0f\n", static_cast<double>(arrived) / seconds);
   std::printf("  connections per host      %s\n", connections().c_str());
+  // The events' counters follow the calls' order: the i-th counter is the i-th call.
+  if (const Stamps stamps = timestamps(); stamps.size() == callAt.size()) {
+    double spread = 0;
+    std::size_t i = 0;
+    for (const auto& [counter, stamp] : stamps) {
+      const double call = wallAtStart + std::chrono::duration<double>(callAt[i++] - start).count();
+      spread = std::max(spread, std::abs(stamp - call));
+    }
+    std::printf("  timestamp - call, max     %.2f ms\n", spread * 1000.0);
+  } else {
+    std::printf("  timestamp - call, max     (read %zu of %zu events)\n", stamps.size(),
+                callAt.size());
+  }
   std::printf("  host peak RSS             %.1f MB (%.1f MB before the burst)\n",
               static_cast<double>(peakRssKiB()) / 1024.0, static_cast<double>(rssBefore) / 1024.0);
   std::printf("  trackEvent on the host    median %.0f ns, p99 %.0f ns, mean %.0f ns\n",
@@ -235,7 +284,7 @@ int runBurst(const Options& o, const fs::path& root) {
                      ? o.events + 1
                      : 0;
         },
-        [] { return std::string("(see the server's log)"); });
+        [] { return std::string("(see the server's log)"); }, [] { return Stamps{}; });
   }
   quorvel::bench::Devserver server(o.devserver, root / "server", kApp, kDevKey);
   return burst(
@@ -244,7 +293,8 @@ int runBurst(const Options& o, const fs::path& root) {
       [&] {
         const quorvel::Json stats = server.stats();
         return stats.is_object() ? stats["connections"].dump() : std::string("(unknown)");
-      });
+      },
+      [&] { return burstTimestamps(server.database()); });
 }
 
 // Requests/s the emulator answers to one client over kept-alive HTTP/1.1 connections:
