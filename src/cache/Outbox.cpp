@@ -345,19 +345,22 @@ void Outbox::scheduleLockRetry() {
 void Outbox::retryLockLocked() {
   if (!lockedOut_ || platform::forkGeneration() != forkGeneration_)
     return;
+  if (!takeFreedLockLocked())
+    scheduleLockRetry();
+}
+
+bool Outbox::takeFreedLockLocked() {
   std::string reason;
   if (!lockedOut_->open(reason)) {
-    if (lockedOut_->heldByAnotherProcess()) {
-      scheduleLockRetry();
-      return;
-    }
+    if (lockedOut_->heldByAnotherProcess())
+      return false;
     log_->log(kLogError, kMethod,
               "Quorvel outbox unavailable (%@): this process's reports are kept in memory only",
               reason);
     lockedOut_.reset();
     heldElsewhere_ = false;
     releaseNumberingLocked();
-    return;
+    return true;
   }
   store_ = std::move(lockedOut_);
   heldElsewhere_ = false;
@@ -368,6 +371,7 @@ void Outbox::retryLockLocked() {
   readStoreLocked();
   writeHeldLocked();
   releaseNumberingLocked();
+  return true;
 }
 
 void Outbox::writeHeldLocked() {
@@ -892,6 +896,10 @@ void Outbox::drainAndSync() noexcept {
     return;  // a forked child's copy: the store is its parent's
   try {
     const std::lock_guard lock(storeMutex_);
+    // The process that held the data directory may have ended since the last try; an exit
+    // that did not try again would lose what this one kept in memory meanwhile.
+    if (lockedOut_)
+      takeFreedLockLocked();
     writeBufferedLocked();
     if (store_)
       store_->sync();

@@ -234,6 +234,9 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   std::int64_t counterLocked(const std::string& key) const;
   void scheduleLockRetry();
   void retryLockLocked();
+  // Opens the store if the other process let it go. False while it still holds it; true
+  // once the wait is over, with the store or without one (the reports stay in memory).
+  bool takeFreedLockLocked();
   // Writes what this process kept in memory while another one held the store, under numbers
   // after the store's own.
   void writeHeldLocked();

@@ -235,6 +235,25 @@ TEST_F(OutboxTest, ASecondProcessWaitsForTheDataDirectoryAndNumbersAfterTheFirst
   EXPECT_EQ(taken.waiting, 0U);
 }
 
+// A second process that ends before its next try at the data directory tries it once more
+// at its exit: the first one may have let it go, and what the second kept in memory then goes
+// at the next start instead of being lost.
+TEST_F(OutboxTest, ASecondProcessThatEndsAfterTheFirstLeavesItsReportsToTheNextStart) {
+  fakes.outbox->setHeldElsewhere(true);
+  auto second = restart();
+  tracker->trackEvent("second_process", std::nullopt);
+  fakes.dispatcher->advance(1ms);
+  EXPECT_TRUE(payloadsOf("second_process").empty());
+  fakes.outbox->setHeldElsewhere(false);  // the first process ends; the next try is 0.5 s away
+  second.reset();
+  const auto next = restart();
+  const std::size_t before = sent().size();
+  tracker->trackEvent("next_start", std::nullopt);
+  answerAllFrom(before);
+  EXPECT_EQ(payloadsOf("second_process").size(), 1U);
+  EXPECT_EQ(tracker->deliveryStats().waiting, 0U);
+}
+
 // While requests cannot leave, no more are built: the reports behind them wait as intents,
 // and after a kill all of them, read back a page at a time, go once.
 TEST_F(OutboxTest, FailedRequestsHoldTheBuildsBackAndAllGoAfterAKill) {
