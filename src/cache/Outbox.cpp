@@ -909,6 +909,18 @@ void Outbox::drainAndSync() noexcept {
   }
 }
 
+void Outbox::tryFreedLock() noexcept {
+  if (platform::forkGeneration() != forkGeneration_)
+    return;
+  try {
+    const std::lock_guard lock(storeMutex_);
+    if (lockedOut_)
+      takeFreedLockLocked();
+  } catch (...) {
+    // The exit path never throws; the lock is tried again as scheduled.
+  }
+}
+
 void Outbox::syncSoon() {
   std::weak_ptr<Outbox> weak = weak_from_this();
   queue_->async([weak] {

@@ -163,6 +163,9 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   void drainAndSync() noexcept;
   // The same on the outbox's queue.
   void syncSoon();
+  // Tries the data directory now, if another process held it at the last try: an exit
+  // flush that finds it free builds and sends within its bound what waited for it.
+  void tryFreedLock() noexcept;
 
   // Forgets every report, in memory and in the store (this process's and an earlier one's),
   // and the kept counters: the install is being forgotten. Answers that come back later for

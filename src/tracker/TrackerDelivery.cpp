@@ -71,6 +71,7 @@ bool TrackerCore::flushAtExit() noexcept {
   if (timeout <= std::chrono::milliseconds::zero())
     return true;
   try {
+    outbox_->tryFreedLock();
     if (flush(timeout)) {
       outbox_->drainAndSync();
       return true;
