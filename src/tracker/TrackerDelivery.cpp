@@ -8,6 +8,7 @@
 #include "util/PreferenceKeys.h"
 
 #include <algorithm>
+#include <array>
 
 namespace quorvel {
 namespace {
@@ -24,7 +25,7 @@ constexpr std::chrono::milliseconds kQueueTurn{2};
 // that waits cannot settle before the callback returns, so it is not waited for.
 bool TrackerCore::waitSettledTurningOwnQueues(std::uint64_t mark,
                                               std::chrono::milliseconds timeout) {
-  const std::shared_ptr<platform::DispatchQueue> queues[] = {
+  const std::array<std::shared_ptr<platform::DispatchQueue>, 3> queues = {
       platform_->dispatcher->mainQueue(), mBackgroundQueue_,
       platform_->urlSessions ? platform_->urlSessions->sharedSession()->delegateQueue() : nullptr};
   const auto ownReport = ReportLedger::current();
