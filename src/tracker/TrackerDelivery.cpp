@@ -82,19 +82,14 @@ bool TrackerCore::flushAtExit() noexcept {
     outbox_->drainAndSync();
     persistPreferencesNow();
     const auto stats = outbox_->stats();
-    if (!outbox_->durable()) {
-      // No outbox (another process still holds the data directory, or the store cannot be
-      // opened): what is unanswered now ends with the process.
-      log_->log(kLogError, kMethod,
-                "exit: %llu reports still unanswered after %lld ms are lost: this process had "
-                "no outbox to keep them",
-                static_cast<unsigned long long>(stats.waiting),
-                static_cast<long long>(timeout.count()));
-      return false;
-    }
-    log_->log(kLogWarning, kMethod,
-              "exit: %llu reports still unanswered after %lld ms wait in the outbox for the next "
-              "start",
+    // Without an outbox (another process still holds the data directory, or the store cannot
+    // be opened) what is unanswered now ends with the process.
+    const bool kept = outbox_->durable();
+    log_->log(kept ? kLogWarning : kLogError, kMethod,
+              kept ? "exit: %llu reports still unanswered after %lld ms wait in the outbox for the "
+                     "next start"
+                   : "exit: %llu reports still unanswered after %lld ms are lost: this process "
+                     "had no outbox to keep them",
               static_cast<unsigned long long>(stats.waiting),
               static_cast<long long>(timeout.count()));
     return false;
