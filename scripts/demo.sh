@@ -60,10 +60,10 @@ demo=("$bin/demo/quorvel-demo" --host "$domain" --ca-file "$ca_file" --dev-key "
       --customer-id demo-user --currency EUR --min-session 0 --receipt "$state/receipt"
       --invite-template inv1)
 cache="$state/app/Library/Caches/QuorvelCache"
-# The demo's output without its indented detail, but for what describes the installation and
-# the device: those headings stand for the lines under them.
+# The demo's output without its indented detail, but for what describes the installation, the
+# device and the delivery figures: those headings stand for the lines under them.
 brief() {
-  awk '/^[^ ]/ { whole = ($0 == "Installation" || $0 == "Device") }
+  awk '/^[^ ]/ { whole = ($0 == "Installation" || $0 == "Device" || $0 == "Delivery") }
        /^  / && !whole { next }
        { print; fflush() }'
 }

@@ -74,7 +74,7 @@ struct QuorvelTrackerDelegate {
 // waiting, or dropped for one of the reasons counted.
 struct QuorvelDeliveryStats {
   std::uint64_t accepted = 0;
-  std::uint64_t delivered = 0;
+  std::uint64_t delivered = 0;  // answered 2xx
   // In the outbox now: not yet answered. Kept-request files are counted apart.
   std::uint64_t waiting = 0;
   // Failed in transport and kept as files for the replay after the next answer.
@@ -88,6 +88,16 @@ struct QuorvelDeliveryStats {
   // Another process holds this app's data directory (the same app started twice): this
   // tracker sends from memory only, and nothing of the directory's reports is its to send.
   bool dataDirectoryHeldElsewhere = false;
+  // Added last, so that the fields before keep their places.
+  // Answered 4xx (but 429): the service will never take them; not sent again.
+  std::uint64_t refused = 0;
+  // Answered 5xx or 429 and waiting to go again (they are among `waiting` too).
+  std::uint64_t retrying = 0;
+  // Reports whose record the disk refused (full, read-only): they went from memory, and were
+  // lost if the process ended before their answer. Said once an episode in the log.
+  std::uint64_t notKept = 0;
+  // Records an earlier run left that could not be read back (a damaged file).
+  std::uint64_t droppedUnreadable = 0;
 };
 
 enum class QuorvelEmailCryptType : int { none = 0, sha1 = 1, md5 = 2, sha256 = 3 };

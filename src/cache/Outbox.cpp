@@ -165,51 +165,76 @@ void Outbox::built(const OutboxSlotPtr& slot, const QuorvelRequestCacheData& req
               std::make_shared<const QuorvelRequestCacheData>(request), std::move(send)});
 }
 
-void Outbox::answered(const OutboxSlotPtr& slot) {
-  if (slot)
-    replayCameBack(slot);
-  if (!slot || !slot->settle())
-    return;
+bool Outbox::settleCounted(const OutboxSlotPtr& slot, std::atomic<std::uint64_t>& counter) {
+  if (!slot)
+    return false;
+  replayCameBack(slot);
+  if (!slot->settle())
+    return false;
   slot->stopSending();
-  delivered_.fetch_add(1, std::memory_order_relaxed);
-  waiting_.fetch_sub(1, std::memory_order_relaxed);
-  enqueue(Remove{slot});
-}
-
-void Outbox::dropped(const OutboxSlotPtr& slot, DropReason reason) {
-  if (slot)
-    replayCameBack(slot);
-  if (!slot || !slot->settle())
-    return;
-  slot->stopSending();
-  auto& counter = reason == DropReason::rule         ? droppedByRule_
-                  : reason == DropReason::bytes      ? droppedForBytes_
-                  : reason == DropReason::handedOver ? handedOver_
-                                                     : droppedForAge_;
+  if (slot->retrying_.exchange(false))
+    retrying_.fetch_sub(1, std::memory_order_relaxed);
   counter.fetch_add(1, std::memory_order_relaxed);
   waiting_.fetch_sub(1, std::memory_order_relaxed);
   enqueue(Remove{slot});
+  return true;
+}
+
+void Outbox::answered(const OutboxSlotPtr& slot) {
+  settleCounted(slot, delivered_);
+}
+
+void Outbox::refused(const OutboxSlotPtr& slot) {
+  settleCounted(slot, refused_);
+}
+
+void Outbox::dropped(const OutboxSlotPtr& slot, DropReason reason) {
+  settleCounted(slot, reason == DropReason::rule         ? droppedByRule_
+                      : reason == DropReason::bytes      ? droppedForBytes_
+                      : reason == DropReason::handedOver ? handedOver_
+                                                         : droppedForAge_);
 }
 
 void Outbox::failed(const OutboxSlotPtr& slot, std::shared_ptr<void> hold) {
+  answeredRetryLater(slot, std::nullopt, std::move(hold));
+}
+
+// A 5xx or a 429 is not a delivery: the service says it did not take the report. The report
+// therefore stays and goes again, where a kept request answered so used to be deleted like
+// one answered 200: a service that is overloaded or restarting would otherwise lose every
+// report it refused in that moment, and an outage on the service's side is exactly when
+// reports pile up.
+void Outbox::answeredRetryLater(const OutboxSlotPtr& slot,
+                                std::optional<std::chrono::seconds> retryAfter,
+                                std::shared_ptr<void> hold) {
   if (slot)
     replayCameBack(slot);
   if (!slot || slot->settled_)
     return;
+  if (retryAfter && !slot->retrying_.exchange(true))
+    retrying_.fetch_add(1, std::memory_order_relaxed);  // an answer: 0 s when it named no time
   if (hold)
     slot->holdUntilSettled(std::move(hold));
   slot->stopSending();
   std::weak_ptr<Outbox> weak = weak_from_this();
-  queue_->async([weak, slot] {
+  queue_->async([weak, slot, retryAfter] {
     const auto self = weak.lock();
     if (!self)
       return;
     const std::lock_guard lock(self->storeMutex_);
-    self->writeBufferedLocked();  // so that the slot has its number
-    if (const auto it = self->held_.find(slot->id_); it != self->held_.end())
-      it->second.failed = true;
-    self->scheduleRetry();
+    if (retryAfter && *retryAfter > std::chrono::seconds::zero()) {
+      const auto wait = std::min<std::chrono::milliseconds>(*retryAfter, kRetryCap);
+      self->notBefore_ = std::max(self->notBefore_, self->clock_->now() + wait);
+    }
+    self->markForRetryLocked(slot);
   });
+}
+
+void Outbox::markForRetryLocked(const OutboxSlotPtr& slot) {
+  writeBufferedLocked();  // so that the slot has its number
+  if (const auto it = held_.find(slot->id_); it != held_.end())
+    it->second.failed = true;
+  scheduleRetry();
 }
 
 void Outbox::enqueue(Op op) {
@@ -240,21 +265,30 @@ void Outbox::openLocked() {
   std::string reason = "no outbox store";
   if (!store_ || !store_->open(reason)) {
     durable_ = false;
-    if (store_ && store_->heldByAnotherProcess()) {
+    if (!store_) {
+      log_->log(kLogError, kMethod,
+                "Quorvel outbox unavailable (%@): this process's reports are kept in memory only",
+                reason);
+      return;
+    }
+    if (store_->heldByAnotherProcess()) {
       heldElsewhere_ = true;
       log_->log(kLogError, kMethod,
                 "Quorvel: another process uses this app's data directory (%@): this tracker keeps "
                 "its reports in memory, and builds and sends them once that process lets the "
                 "directory go; the kept requests there are left to that process",
                 reason);
-      lockedOut_ = std::move(store_);
-      scheduleLockRetry();
     } else {
-      log_->log(kLogError, kMethod,
-                "Quorvel outbox unavailable (%@): this process's reports are kept in memory only",
+      // A full disk or a folder not yet writable passes: the store is tried again, and what
+      // is unanswered then is written.
+      notKeptLogged_ = true;
+      log_->log(kLogWarning, kMethod,
+                "Quorvel outbox unavailable (%@): reports are not kept on disk and go from "
+                "memory; those unanswered when the process ends are lost. It is tried again",
                 reason);
     }
-    store_.reset();
+    lockedOut_ = std::move(store_);
+    scheduleLockRetry();
     return;
   }
   readStoreLocked();
@@ -264,6 +298,7 @@ void Outbox::openLocked() {
 // above it and written from the first batch on, while those are read a page at a time on
 // the sync queue, and the counters when the first one is asked for.
 void Outbox::readStoreLocked() {
+  noteUnreadableLocked();
   leftoversEnd_ = store_->idFloor() - 1;
   lastId_ = std::max(lastId_, leftoversEnd_);
   countersRead_ = false;
@@ -354,13 +389,16 @@ bool Outbox::takeFreedLockLocked() {
   if (!lockedOut_->open(reason)) {
     if (lockedOut_->heldByAnotherProcess())
       return false;
-    log_->log(kLogError, kMethod,
-              "Quorvel outbox unavailable (%@): this process's reports are kept in memory only",
-              reason);
-    lockedOut_.reset();
-    heldElsewhere_ = false;
-    releaseNumberingLocked();
-    return true;
+    if (heldElsewhere_) {
+      log_->log(kLogWarning, kMethod,
+                "Quorvel outbox unavailable (%@): reports are not kept on disk and go from "
+                "memory; those unanswered when the process ends are lost. It is tried again",
+                reason);
+      notKeptLogged_ = true;
+      heldElsewhere_ = false;
+      releaseNumberingLocked();
+    }
+    return false;
   }
   store_ = std::move(lockedOut_);
   heldElsewhere_ = false;
@@ -374,25 +412,24 @@ bool Outbox::takeFreedLockLocked() {
   return true;
 }
 
+// Nothing of this process reached the store: its reports are numbered anew, after the store's
+// own, and what is unanswered of them is written; the counters go as they are.
 void Outbox::writeHeldLocked() {
   std::map<std::int64_t, Held> renumbered;
   std::vector<platform::OutboxChange> changes;
-  changes.reserve(held_.size());
+  changes.reserve(held_.size() + 1);
+  if (const auto it = unwritten_.find(kCountersRecord); it != unwritten_.end() && it->second)
+    changes.push_back({kCountersRecord, std::move(it->second)});
   for (auto& [id, held] : held_) {
     const std::int64_t number = ++lastId_;
     held.slot->id_ = number;
-    if (const auto it = unwritten_.find(id); it != unwritten_.end())
+    if (const auto it = unwritten_.find(id); it != unwritten_.end() && it->second)
       changes.push_back({number, std::move(it->second)});
     renumbered.emplace(number, std::move(held));
   }
   held_.swap(renumbered);
   unwritten_.clear();
-  if (!changes.empty() && !store_->apply(changes)) {
-    log_->log(kLogError, kMethod,
-              "Quorvel outbox: cannot write the %lu reports kept in memory; they are sent from "
-              "there",
-              static_cast<unsigned long>(held_.size()));
-  }
+  writeChangesLocked(changes);
 }
 
 // Pages are read and parsed on the sync queue, outside the store's lock: a page takes
@@ -451,11 +488,12 @@ void Outbox::loadLeftoverPage() {
         keepLeftoverLocked(std::move(*r.left), r.bytes);
       } else {
         unreadable.push_back({r.id, std::nullopt});
-        droppedForAge_.fetch_add(1, std::memory_order_relaxed);
+        droppedUnreadable_.fetch_add(1, std::memory_order_relaxed);
       }
     }
     if (lastPage)
       loadedUpTo_ = leftoversEnd_;
+    noteUnreadableLocked();
     if (!unreadable.empty()) {
       log_->log(kLogWarning, kMethod, "Quorvel outbox: %lu unreadable reports dropped",
                 static_cast<unsigned long>(unreadable.size()));
@@ -508,6 +546,7 @@ void Outbox::keepLeftoverLocked(Leftover left, std::size_t bytes) {
   Held held;
   held.slot = left.slot;
   held.bytes = bytes;
+  held.onDisk = true;
   if (left.request)
     held.request = std::make_shared<const QuorvelRequestCacheData>(*left.request);
   heldBytes_ += held.bytes;
@@ -617,7 +656,7 @@ void Outbox::writeBufferedLocked() {
       countersDirty_ = true;
     }
   }
-  if (batch.empty() && !countersDirty_)
+  if (batch.empty() && !countersDirty_ && (unwritten_.empty() || !store_))
     return;
   std::vector<platform::OutboxChange> changes;
   changes.reserve(batch.size() + 1);
@@ -656,39 +695,17 @@ void Outbox::writeBufferedLocked() {
       const auto& slot = std::get<Remove>(op).slot;
       if (slot->id_ == 0)
         continue;  // never written
+      const auto it = held_.find(slot->id_);
+      const bool onDisk = it == held_.end() || it->second.onDisk;
       forgetHeldLocked(slot->id_);
-      changes.push_back({slot->id_, std::nullopt});
+      if (onDisk)
+        changes.push_back({slot->id_, std::nullopt});
     }
   }
   enforceBoundsLocked(changes);
-  if (!store_ && heldElsewhere_) {
-    // Written once this process holds the store, under numbers after the other one's.
-    for (auto& change : changes) {
-      if (change.content && held_.contains(change.id))
-        unwritten_.insert_or_assign(change.id, std::move(*change.content));
-    }
-  }
-  if (store_ && !changes.empty() && !store_->apply(changes)) {
-    if (!writeFailureLogged_) {
-      writeFailureLogged_ = true;
-      log_->log(kLogError, kMethod,
-                "Quorvel outbox: cannot write %lu changes; their requests wait and the write is "
-                "tried again",
-                static_cast<unsigned long>(changes.size()));
-    }
-    // Back into the buffer, ahead of what came since, for the next attempt.
-    {
-      const std::lock_guard lock(bufferMutex_);
-      batch.insert(batch.end(), std::make_move_iterator(buffer_.begin()),
-                   std::make_move_iterator(buffer_.end()));
-      buffer_.swap(batch);
-    }
-    runLocked(&Outbox::writeBufferedLocked, kSyncInterval);
-    return;
-  }
-  if (!changes.empty())
-    writeFailureLogged_ = false;  // a write went through: the next failure is a new episode
-  // The rest of a burst, at once (after a failure it waits for the retry instead).
+  if (!writeChangesLocked(changes) && !heldElsewhere_)
+    countNotKeptLocked();
+  // The rest of a burst, at once.
   if (more && !promptWriteScheduled_.exchange(true))
     runLocked(&Outbox::writeBufferedLocked);
   // Shown when debugging: a kill in such a gap takes these calls with it.
@@ -730,10 +747,103 @@ void Outbox::writeBufferedLocked() {
         self->lastSync_ = self->clock_->now();
         store = self->store_;
       }
-      if (store)
-        store->sync();
+      const bool synced = !store || store->sync();
+      const std::lock_guard lock(self->storeMutex_);
+      self->noteSyncLocked(synced);
     });
   }
+}
+
+bool Outbox::writeChangesLocked(std::vector<platform::OutboxChange>& changes) {
+  if (!unwritten_.empty() && store_) {
+    // What earlier writes could not take goes first, so that a newer change of a number wins.
+    std::vector<platform::OutboxChange> all;
+    all.reserve(unwritten_.size() + changes.size());
+    for (const auto& [id, content] : unwritten_)
+      all.push_back({id, content});
+    all.insert(all.end(), std::make_move_iterator(changes.begin()),
+               std::make_move_iterator(changes.end()));
+    changes.swap(all);
+  }
+  if (changes.empty())
+    return true;
+  if (store_ && store_->apply(changes)) {
+    for (const auto& change : changes) {
+      if (const auto it = held_.find(change.id); change.content && it != held_.end())
+        it->second.onDisk = true;
+    }
+    if (notKeptLogged_) {
+      notKeptLogged_ = false;  // the episode is over: the next failure is logged again
+      log_->log(kLogWarning, kMethod,
+                "Quorvel outbox: writing works again; the %lu reports still unanswered are kept",
+                static_cast<unsigned long>(held_.size()));
+    }
+    unwritten_.clear();
+    rewriteAttempt_ = 0;
+    return true;
+  }
+  for (auto& change : changes) {
+    // A report settled meanwhile needs no record; its removal matters only if it has one.
+    if (change.content && change.id != kCountersRecord && !held_.contains(change.id))
+      continue;
+    unwritten_.insert_or_assign(change.id, std::move(change.content));
+  }
+  if (store_)
+    scheduleRewrite();
+  return false;
+}
+
+// Reports whose record the store refused go from memory: counted once each, and said once an
+// episode, so that a host can tell what a process dying now would lose.
+void Outbox::countNotKeptLocked() {
+  std::uint64_t count = 0;
+  for (const auto& [id, content] : unwritten_) {
+    const auto it = held_.find(id);
+    if (!content || it == held_.end() || it->second.notKept)
+      continue;
+    it->second.notKept = true;
+    ++count;
+  }
+  notKept_.fetch_add(count, std::memory_order_relaxed);
+  if (count == 0 || notKeptLogged_)
+    return;
+  notKeptLogged_ = true;
+  log_->log(kLogWarning, kMethod,
+            "Quorvel outbox: cannot write to the disk (%@): reports are not kept and go from "
+            "memory; those unanswered when the process ends are lost",
+            store_ ? store_->lastError() : std::string("no store"));
+}
+
+// A store that refuses writes is tried again with a backoff from 1 s up to a minute: a disk
+// that stays full costs a try a minute, one freed is used within seconds.
+void Outbox::scheduleRewrite() {
+  if (rewriteScheduled_)
+    return;
+  rewriteScheduled_ = true;
+  const int shift = std::clamp(rewriteAttempt_++, 0, 6);
+  const auto delay = std::min<std::chrono::milliseconds>(
+      std::chrono::seconds(60), std::chrono::milliseconds(kSyncInterval) * (1 << shift));
+  runLocked(&Outbox::rewriteLocked, delay);
+}
+
+void Outbox::rewriteLocked() {
+  rewriteScheduled_ = false;
+  writeBufferedLocked();
+}
+
+void Outbox::noteSyncLocked(bool synced) {
+  if (synced) {
+    syncFailureLogged_ = false;
+    return;
+  }
+  syncFailures_.fetch_add(1, std::memory_order_relaxed);
+  if (syncFailureLogged_)
+    return;
+  syncFailureLogged_ = true;
+  log_->log(kLogWarning, kMethod,
+            "Quorvel outbox: cannot move the written reports into the database (%@); they stay in "
+            "the intake file and the move is tried again",
+            store_ ? store_->lastError() : std::string("no store"));
 }
 
 void Outbox::forgetHeldLocked(std::int64_t id) {
@@ -757,6 +867,8 @@ void Outbox::enforceBoundsLocked(std::vector<platform::OutboxChange>& changes) {
     if (slot)
       replayCameBack(slot);
     if (slot && slot->settle()) {
+      if (slot->retrying_.exchange(false))
+        retrying_.fetch_sub(1, std::memory_order_relaxed);
       droppedForBytes_.fetch_add(1, std::memory_order_relaxed);
       waiting_.fetch_sub(1, std::memory_order_relaxed);
     }
@@ -820,7 +932,9 @@ void Outbox::replayChunkLocked() {
       left.slot->replay_ = true;
       replaysInFlight_.fetch_add(1);
       repeated_.fetch_add(1, std::memory_order_relaxed);
-      const double waited = seconds(clock_->now()) - seconds(left.slot->acceptedAt());
+      // A clock set back never makes a report younger than its call.
+      const double waited =
+          std::max(0.0, seconds(clock_->now()) - seconds(left.slot->acceptedAt()));
       resend_(left.slot, *left.request, waited);
     }
   }
@@ -870,7 +984,10 @@ void Outbox::scheduleRetry() {
   static thread_local std::minstd_rand generator(
       static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count()));
   const double unit = std::uniform_real_distribution<double>(0.0, 1.0)(generator);
-  const auto delay = backoffDelay(retryAttempt_++, unit);
+  // Never before the time the service asked for (its Retry-After).
+  const auto delay =
+      std::max(backoffDelay(retryAttempt_++, unit),
+               std::chrono::duration_cast<std::chrono::milliseconds>(notBefore_ - clock_->now()));
   log_->log(kLogDebug, kMethod, "Quorvel outbox: reports wait; next try in %lld ms",
             static_cast<long long>(delay.count()));
   runLocked(&Outbox::retryFailedLocked, delay);
@@ -878,14 +995,37 @@ void Outbox::scheduleRetry() {
 
 void Outbox::retryFailedLocked() {
   retryScheduled_ = false;
+  dropExpiredHeldLocked();
   if (!resend_)
     return;
+  if (clock_->now() < notBefore_) {
+    scheduleRetry();
+    return;
+  }
   for (auto& [id, held] : held_) {
     if (!held.failed || !held.request || !held.slot->startSending())
       continue;
     held.failed = false;
-    const double waited = seconds(clock_->now()) - seconds(held.slot->acceptedAt());
+    const double waited = std::max(0.0, seconds(clock_->now()) - seconds(held.slot->acceptedAt()));
     resend_(held.slot, *held.request, waited);
+  }
+}
+
+// The age bound holds for every report that waits, this process's own among them: one that
+// the service refused with 5xx for a month is dropped like one found that old at start.
+void Outbox::dropExpiredHeldLocked() {
+  const auto now = clock_->now();
+  std::vector<OutboxSlotPtr> expired;
+  for (const auto& [id, held] : held_) {
+    if (held.slot && now - held.slot->acceptedAt() > limits_.maxAge && !held.slot->inFlight_)
+      expired.push_back(held.slot);
+  }
+  for (const auto& slot : expired)
+    settleCounted(slot, droppedForAge_);
+  if (!expired.empty()) {
+    log_->log(kLogWarning, kMethod, "Quorvel outbox: %lu reports older than %lld s dropped",
+              static_cast<unsigned long>(expired.size()),
+              static_cast<long long>(limits_.maxAge.count()));
   }
 }
 
@@ -921,6 +1061,22 @@ void Outbox::tryFreedLock() noexcept {
   }
 }
 
+void Outbox::noteUnreadableLocked() {
+  if (!store_)
+    return;
+  if (const std::string note = store_->takeHealingNote(); !note.empty())
+    log_->log(kLogWarning, kMethod, "%@", note);
+  const std::uint64_t now = store_->unreadableRecords();
+  if (now > storeUnreadable_)
+    droppedUnreadable_.fetch_add(now - storeUnreadable_, std::memory_order_relaxed);
+  storeUnreadable_ = now;
+}
+
+bool Outbox::allKept() noexcept {
+  const std::lock_guard lock(storeMutex_);
+  return store_ != nullptr && unwritten_.empty();
+}
+
 void Outbox::syncSoon() {
   std::weak_ptr<Outbox> weak = weak_from_this();
   queue_->async([weak] {
@@ -950,8 +1106,11 @@ bool Outbox::forgetAll() noexcept {
     for (const auto& left : replays_)
       slots.push_back(left.slot);
     for (const auto& slot : slots) {
-      if (slot && slot->settle())
+      if (slot && slot->settle()) {
         waiting_.fetch_sub(1, std::memory_order_relaxed);
+        if (slot->retrying_.exchange(false))
+          retrying_.fetch_sub(1, std::memory_order_relaxed);
+      }
     }
     held_.clear();
     unwritten_.clear();
@@ -990,6 +1149,10 @@ OutboxStats Outbox::stats() const {
   OutboxStats s;
   s.accepted = accepted_.load();
   s.delivered = delivered_.load();
+  s.refused = refused_.load();
+  s.retrying = retrying_.load();
+  s.notKept = notKept_.load();
+  s.droppedUnreadable = droppedUnreadable_.load();
   s.waiting = waiting_.load();
   s.droppedForBytes = droppedForBytes_.load();
   s.droppedForAge = droppedForAge_.load();

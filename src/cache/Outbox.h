@@ -64,6 +64,8 @@ class OutboxSlot {
   std::atomic<bool> requestMade_{false};
   std::atomic<bool> settled_{false};  // answered or dropped: no further change
   std::atomic<bool> replay_{false};   // sent again from an earlier run, not yet come back
+  // Answered 5xx or 429: the service did not take it, and it goes again after a backoff.
+  std::atomic<bool> retrying_{false};
 };
 using OutboxSlotPtr = std::shared_ptr<OutboxSlot>;
 
@@ -79,8 +81,14 @@ struct OutboxIntent {
 // Counts of this process's reports (and of those it found left by an earlier one).
 struct OutboxStats {
   std::uint64_t accepted = 0;   // reports accepted, plus those found at start
-  std::uint64_t delivered = 0;  // answered by the service
-  std::uint64_t waiting = 0;    // in the outbox now, or on their way into it
+  std::uint64_t delivered = 0;  // answered 2xx by the service
+  std::uint64_t refused = 0;    // answered 4xx (but 429): final, the service will not take it
+  std::uint64_t retrying = 0;   // answered 5xx or 429, waiting to go again
+  // Reports whose record could not be written when they were made (a full or read-only
+  // disk): they went from memory, and were lost if the process ended before their answer.
+  std::uint64_t notKept = 0;
+  std::uint64_t droppedUnreadable = 0;  // records of an earlier run that could not be read
+  std::uint64_t waiting = 0;            // in the outbox now, or on their way into it
   std::uint64_t droppedForBytes = 0;
   std::uint64_t droppedForAge = 0;
   std::uint64_t droppedByRule = 0;   // a launch too soon after the last, no developer key
@@ -133,8 +141,14 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // is never built a second time. While the store refuses writes (a full disk), it waits.
   void built(const OutboxSlotPtr& slot, const QuorvelRequestCacheData& request,
              std::function<void()> send);
-  // The service answered: the report is done.
+  // The service answered 2xx: the report is done.
   void answered(const OutboxSlotPtr& slot);
+  // The service answered 4xx (but 429): it will never take the report; done, counted apart.
+  void refused(const OutboxSlotPtr& slot);
+  // The service answered 5xx or 429: it did not take the report, which stays and goes again
+  // after the backoff, and not before `retryAfter` (the answer's Retry-After) if it has one.
+  void answeredRetryLater(const OutboxSlotPtr& slot, std::optional<std::chrono::seconds> retryAfter,
+                          std::shared_ptr<void> hold = nullptr);
   // The report leaves the outbox unsent, counted under its reason.
   // `handedOver`: not dropped, but kept as a file in the kept-request folder from now on.
   enum class DropReason { rule, bytes, age, handedOver };
@@ -176,6 +190,8 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   OutboxStats stats() const;
   // False when no store could be opened (nothing survives this process).
   bool durable() const noexcept { return durable_.load(); }
+  // True when every waiting report has its record on disk: an exit now loses nothing.
+  bool allKept() noexcept;
   // Another process holds this app's data directory: this one keeps its reports in memory,
   // unnumbered, and leaves the kept-request folder, and the reports in it, to that process.
   bool dataDirectoryHeldElsewhere() const noexcept { return heldElsewhere_.load(); }
@@ -229,6 +245,22 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   void enforceBoundsLocked(std::vector<platform::OutboxChange>& changes);
   void scheduleRetry();
   void retryFailedLocked();
+  // Marks the held report `slot` to go again with the next retry.
+  void markForRetryLocked(const OutboxSlotPtr& slot);
+  // Drops every waiting report of this process past the age bound.
+  void dropExpiredHeldLocked();
+  // Writes `changes` after what earlier writes could not; false when the store refused them
+  // (they are kept in `unwritten_`, and what they write goes from memory meanwhile).
+  bool writeChangesLocked(std::vector<platform::OutboxChange>& changes);
+  void scheduleRewrite();
+  void rewriteLocked();
+  // Counts what the store found unreadable since the last look.
+  void noteUnreadableLocked();
+  void countNotKeptLocked();
+  // A sync's result: a failure is counted and said once an episode.
+  void noteSyncLocked(bool synced);
+  // Settles `slot` and counts it under `counter`; false when it was settled already.
+  bool settleCounted(const OutboxSlotPtr& slot, std::atomic<std::uint64_t>& counter);
   // Takes the store's number floor; what earlier processes left is read later.
   void readStoreLocked();
   // Lays the kept counters read from the store (record 0, if it is there) under this
@@ -273,6 +305,8 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
     std::size_t bytes = 0;
     std::shared_ptr<const QuorvelRequestCacheData> request;  // built
     bool failed = false;
+    bool onDisk = false;   // a record of it was written: its removal must be written too
+    bool notKept = false;  // counted once as not kept
   };
   std::map<std::int64_t, Held> held_;  // by id: oldest first
   std::uint64_t heldBytes_ = 0;
@@ -287,7 +321,6 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   void replayCameBack(const OutboxSlotPtr& slot);
   bool resumed_ = false;
   bool overBoundLogged_ = false;
-  bool writeFailureLogged_ = false;
   platform::TimePoint lastSync_{};
   bool syncScheduled_ = false;
   Limits limits_;
@@ -296,9 +329,16 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   int retryAttempt_ = 0;
   bool retryScheduled_ = false;
   std::shared_ptr<platform::OutboxStore> lockedOut_;  // held by another process: tried again
-  // While another process holds the store: the records to write once this one holds it, by
-  // number (apart from `held_`, whose entries a burst makes by the thousand).
-  std::map<std::int64_t, std::string> unwritten_;
+  // Changes the store has not taken yet, by number (apart from `held_`, whose entries a burst
+  // makes by the thousand): while another process holds the store, or while writes fail (a
+  // full or read-only disk). Written, before anything newer, once the store takes writes.
+  std::map<std::int64_t, std::optional<std::string>> unwritten_;
+  bool rewriteScheduled_ = false;
+  int rewriteAttempt_ = 0;
+  std::uint64_t storeUnreadable_ = 0;
+  bool notKeptLogged_ = false;
+  bool syncFailureLogged_ = false;
+  platform::TimePoint notBefore_{};  // the service's Retry-After: no retry before it
   int lockAttempt_ = 0;
   std::vector<std::pair<std::shared_ptr<platform::DispatchQueue>, platform::Work>>
       awaitingNumbering_;
@@ -309,6 +349,11 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   std::atomic<bool> heldElsewhere_{false};
   std::atomic<std::uint64_t> accepted_{0};
   std::atomic<std::uint64_t> delivered_{0};
+  std::atomic<std::uint64_t> refused_{0};
+  std::atomic<std::uint64_t> retrying_{0};
+  std::atomic<std::uint64_t> notKept_{0};
+  std::atomic<std::uint64_t> droppedUnreadable_{0};
+  std::atomic<std::uint64_t> syncFailures_{0};
   std::atomic<std::uint64_t> waiting_{0};
   std::atomic<std::uint64_t> droppedForBytes_{0};
   std::atomic<std::uint64_t> droppedForAge_{0};

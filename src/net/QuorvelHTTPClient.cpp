@@ -8,6 +8,7 @@
 
 #include "common/QuorvelUtils.h"
 #include "log/Log.h"
+#include "net/RetryAfter.h"
 #include "util/BoundedJson.h"
 #include "util/PercentEscape.h"
 #include "util/PreferenceKeys.h"
@@ -176,18 +177,38 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
     }
     return;
   }
-  // Any HTTP answer counts as delivered, whatever its status.
-  log_->log(kLogDebug, kMethod, "sent information to server, status = %ld",
-            response ? response->statusCode : 0L);
+  const long status = response ? response->statusCode : 0L;
+  log_->log(kLogDebug, kMethod, "sent information to server, status = %ld", status);
+  // What runs after any answer runs whatever its status; what is kept depends on it. A 5xx or
+  // a 429 says the service did not take the report: it stays (in the outbox, or as its kept
+  // file) and goes again after a backoff, where an answered request used to be deleted whatever
+  // its status, which lost every report a restarting or overloaded service turned away.
+  const bool takeLater = status >= 500 || status == 429;
+  if (takeLater) {
+    log_->log(kLogWarning, kMethod,
+              "Quorvel: the service answered %ld: the report is kept and goes again later", status);
+  }
   if (outbox_ && slot) {
-    outbox_->answered(slot);
-    outbox_->transportRecovered();
+    if (takeLater) {
+      const auto ticket = ReportLedger::current();
+      outbox_->answeredRetryLater(slot, retryAfterOf(response, platform_->clock->now()),
+                                  ticket ? ticket->buildPermit() : nullptr);
+    } else if (status >= 400) {
+      outbox_->refused(slot);
+    } else {
+      outbox_->answered(slot);
+      outbox_->transportRecovered();
+    }
   }
   applyTrackingAnswer(body);
   if (origin == Origin::cache) {
-    cache_->deleteRequest(request);
-    cache_->sendNextCachedEvents();
-  } else if (ownsKeptFolder()) {
+    // A kept file the service turned away stays for the replay after the next answer that
+    // took a report; going on now would only meet the same refusal.
+    if (!takeLater) {
+      cache_->deleteRequest(request);
+      cache_->sendNextCachedEvents();
+    }
+  } else if (ownsKeptFolder() && !takeLater) {
     cache_->processCache();
   }
   if (onSuccess)

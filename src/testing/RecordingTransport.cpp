@@ -228,6 +228,7 @@ void deliver(RecordedTask& task, const Answer& answer,
     response.statusCode = answer.status;
     response.mimeType = answer.mimeType;
     response.headers = {{"Content-Type", answer.mimeType}};
+    response.headers.insert(response.headers.end(), answer.headers.begin(), answer.headers.end());
     completion(Bytes(answer.body.begin(), answer.body.end()), response, std::nullopt);
     return;
   }

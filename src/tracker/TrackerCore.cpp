@@ -165,6 +165,7 @@ void TrackerCore::setQuorvelDevKey(std::optional<std::string> key) {
   auto cipher =
       std::make_shared<const QuorvelAES128Crypto>(std::move(key), platform_->random, log_);
   write(crypto_, std::move(cipher));
+  scheduleOutboxResume();
 }
 
 std::shared_ptr<const QuorvelAES128Crypto> TrackerCore::crypto() const {
@@ -176,6 +177,7 @@ std::optional<std::string> TrackerCore::appleAppID() const {
 }
 void TrackerCore::setAppleAppID(std::optional<std::string> appID) {
   write(appleAppID_, hostText(appID));
+  scheduleOutboxResume();
 }
 
 std::optional<std::string> TrackerCore::customerUserID() const {

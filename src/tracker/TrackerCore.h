@@ -360,6 +360,9 @@ class TrackerCore {
   static constexpr std::size_t kIntakeTurn = 512;
   void scheduleIntake(const IntakeCall& call);
   // The first tracking call of the process sends what an earlier one left unanswered.
+  // Once the host gave a developer key and an app id: what an earlier run left goes within a
+  // second, whether or not a tracking call comes.
+  void scheduleOutboxResume();
   void resumeOutboxOnce();
   void rebuildLeftovers(std::vector<Outbox::Leftover> leftovers);
   // The report whose work runs now leaves the outbox unsent (a rule decided so).
@@ -423,6 +426,7 @@ class TrackerCore {
   std::shared_ptr<ReportLedger> ledger_;
   std::shared_ptr<Outbox> outbox_;
   std::atomic<bool> outboxResumed_{false};
+  std::atomic<bool> outboxResumeScheduled_{false};
   // Room for a burst of 8,192 calls between two turns of the serial queue (about 1 MB, made
   // with the tracker); a longer one goes on in allocated nodes.
   MpscQueue<IntakeCall> intake_{8192};

@@ -83,13 +83,14 @@ bool TrackerCore::flushAtExit() noexcept {
     persistPreferencesNow();
     const auto stats = outbox_->stats();
     // Without an outbox (another process still holds the data directory, or the store cannot
-    // be opened) what is unanswered now ends with the process.
-    const bool kept = outbox_->durable();
+    // be opened), or with writes it refused (a full disk), what is unanswered now ends with
+    // the process.
+    const bool kept = outbox_->allKept();
     log_->log(kept ? kLogWarning : kLogError, kMethod,
               kept ? "exit: %llu reports still unanswered after %lld ms wait in the outbox for the "
                      "next start"
-                   : "exit: %llu reports still unanswered after %lld ms are lost: this process "
-                     "had no outbox to keep them",
+                   : "exit: %llu reports still unanswered after %lld ms are lost: the outbox "
+                     "could not write them to the disk",
               static_cast<unsigned long long>(stats.waiting),
               static_cast<long long>(timeout.count()));
     return false;

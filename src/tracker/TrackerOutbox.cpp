@@ -33,6 +33,20 @@ void TrackerCore::resumeOutboxOnce() {
   });
 }
 
+// Half a second after the tracker has its key and app id: the host's configuration calls that
+// follow (its domain, its switches) come first, and a tracking call before then resumes at once.
+void TrackerCore::scheduleOutboxResume() {
+  constexpr std::chrono::milliseconds kResumeDelay{500};
+  if (outboxResumed_ || !read(quorvelDevKey_) || !read(appleAppID_) ||
+      outboxResumeScheduled_.exchange(true))
+    return;
+  mBackgroundQueue_->asyncAfter(kResumeDelay, [self = self_] {
+    const auto tracker = self->pin();
+    if (tracker && !tracker->isStopped())
+      tracker->resumeOutboxOnce();
+  });
+}
+
 void TrackerCore::rebuildLeftovers(std::vector<Outbox::Leftover> leftovers) {
   log_->log(kLogDebug, "-[QuorvelTracker resumeOutbox]",
             "Quorvel: %lu reports of an earlier run are built now",
@@ -83,6 +97,10 @@ QuorvelDeliveryStats TrackerCore::deliveryStats() {
   QuorvelDeliveryStats out;
   out.accepted = s.accepted;
   out.delivered = s.delivered;
+  out.refused = s.refused;
+  out.retrying = s.retrying;
+  out.notKept = s.notKept;
+  out.droppedUnreadable = s.droppedUnreadable;
   out.waiting = s.waiting;
   out.keptAsFiles = s.handedToFolder;
   out.droppedOverSize = s.droppedForBytes;

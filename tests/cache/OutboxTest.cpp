@@ -309,23 +309,100 @@ TEST_F(OutboxTest, BackoffIsFullJitterUpToItsCap) {
   EXPECT_EQ(Outbox::backoffDelay(30, 1.0), 15min);
 }
 
-// A full disk at the first launch: the launch waits until its record is written, then goes
-// once; the process dying meanwhile leaves nothing sent, so the next start's launch is the
-// first, once.
-TEST_F(OutboxTest, ALaunchWaitsForItsRecordWhenTheDiskIsFull) {
+// A full disk never stops delivery: the reports go from memory, counted and said once; once
+// the disk takes writes again, what is still unanswered is written, and only that.
+TEST_F(OutboxTest, AFullDiskNeverStopsDeliveryAndKeepsWhatIsUnansweredOnceItFrees) {
   fakes.outbox->setFailWrites(true);
   tracker->trackAppLaunch();
-  fakes.dispatcher->advance(5s);
-  EXPECT_TRUE(sent().empty());
-  EXPECT_EQ(fakes.systemLog->count("Quorvel outbox: cannot write"), 1U);
+  tracker->trackEvent("first", std::nullopt);
+  tracker->trackEvent("second", std::nullopt);
+  fakes.dispatcher->advance(300ms);
+  ASSERT_EQ(sent().size(), 3U);
+  fakes.respond(0, 200, "{}");
+  tracker->trackEvent("third", std::nullopt);
+  fakes.dispatcher->advance(2s);
+  EXPECT_EQ(fakes.systemLog->count("cannot write to the disk"), 1U);
+  const auto refused = tracker->deliveryStats();
+  EXPECT_GE(refused.notKept, 4U);
+  EXPECT_EQ(refused.notKept, refused.accepted);
+  EXPECT_EQ(fakes.outbox->size(), 0U);
+
   fakes.outbox->setFailWrites(false);
+  fakes.dispatcher->advance(4s);  // the next try of the writes
+  const auto freed = tracker->deliveryStats();
+  EXPECT_GE(freed.waiting, 3U);
+  EXPECT_EQ(fakes.outbox->size(), freed.waiting + 1);  // the unanswered and the counters
+  EXPECT_EQ(fakes.systemLog->count("writing works again"), 1U);
+  answerAllFrom(1);
+  fakes.dispatcher->advance(1ms);
+  EXPECT_EQ(fakes.outbox->size(), 1U);
+  EXPECT_EQ(tracker->deliveryStats().delivered, tracker->deliveryStats().accepted);
+}
+
+// A 5xx or a 429 is not a delivery: the report stays, goes again as a replay after the
+// backoff (never before a Retry-After), and counts as delivered only once answered 2xx; a
+// 4xx is final. What runs after any answer runs for each.
+TEST_F(OutboxTest, OnlyA2xxDeliversAnd5xxOr429GoAgain) {
+  struct Case {
+    long status;
+    platform::HeaderList headers;
+    std::chrono::seconds noRetryBefore;
+    bool goesAgain;
+  };
+  const std::vector<Case> cases = {
+      {503, {}, 0s, true},
+      {500, {{"retry-after", "90"}}, 89s, true},
+      {429, {{"Retry-After", "Thu, 01 Jan 2065 00:02:00 GMT"}}, 110s, true},
+      {404, {}, 0s, false}};
+  std::size_t refused = 0;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.status);
+    // The same moment each time: the clock goes back for every case after the first.
+    fakes.clock->set(std::chrono::sys_days(std::chrono::year(2065) / 1 / 1));
+    const std::string name = "e" + std::to_string(c.status);
+    const auto copies = [&] {
+      std::vector<std::size_t> at;
+      for (std::size_t i = 0; i < sent().size(); ++i)
+        if (request(i).url.find("/iosevent") != std::string::npos &&
+            payload(i).value("event", "") == name)
+          at.push_back(i);
+      return at;
+    };
+    tracker->trackEvent(name, std::nullopt);
+    fakes.dispatcher->advance(2ms);
+    ASSERT_EQ(copies().size(), 1U);
+    fakes.respond(copies()[0], c.status, "{}", "application/json", c.headers);
+    fakes.dispatcher->runUntilIdle();
+    EXPECT_EQ(tracker->deliveryStats().retrying, c.goesAgain ? 1U : 0U);
+    fakes.dispatcher->advance(c.noRetryBefore);
+    EXPECT_EQ(copies().size(), 1U);
+    fakes.dispatcher->advance(20min);
+    ASSERT_EQ(copies().size(), c.goesAgain ? 2U : 1U);
+    refused += c.goesAgain ? 0 : 1;
+    if (c.goesAgain) {
+      const std::size_t again = copies()[1];
+      EXPECT_NE(request(again).url.find("isCachedRequest=true"), std::string::npos);
+      EXPECT_EQ(request(again).url.find("timeincache=-"), std::string::npos);
+      fakes.respond(again, 200, "{}");
+      fakes.dispatcher->runUntilIdle();
+    }
+    EXPECT_EQ(tracker->deliveryStats().retrying, 0U);
+    EXPECT_EQ(tracker->deliveryStats().refused, refused);
+  }
+  EXPECT_EQ(tracker->deliveryStats().refused + tracker->deliveryStats().delivered,
+            tracker->deliveryStats().accepted - tracker->deliveryStats().waiting);
+}
+
+// What an earlier run left goes within a second of the key and app id, with no tracking call.
+TEST_F(OutboxTest, WhatAnEarlierRunLeftGoesWithoutATrackingCall) {
+  tracker->trackEvent("left", std::string("1"));
+  fakes.dispatcher->advance(2ms);
+  ASSERT_EQ(sent().size(), 1U);
+  const auto next = restart();
   fakes.dispatcher->advance(1s);
-  ASSERT_FALSE(sent().empty());
-  std::size_t launches = 0;
-  for (const auto& r : sent())
-    launches += r.url.starts_with("https://t.svc.example/") ? 1U : 0U;
-  EXPECT_EQ(launches, 1U);
-  EXPECT_EQ(payload(0)["counter"], "1");
+  ASSERT_EQ(sent().size(), 2U);
+  EXPECT_EQ(request(1).body, request(0).body);
+  EXPECT_NE(request(1).url.find("isCachedRequest=true"), std::string::npos);
 }
 
 TEST_F(OutboxTest, BoundsDropTheOldestAndCountThem) {

@@ -41,13 +41,14 @@ struct TestPlatform {
     return out;
   }
   void respond(std::size_t index, long status, std::string body,
-               std::string mimeType = "application/json") const {
+               std::string mimeType = "application/json", platform::HeaderList headers = {}) const {
     dispatcher->runUntilIdle();  // what is due is sent first
-    transport->answer(index, {status, std::move(body), std::move(mimeType), std::nullopt});
+    transport->answer(
+        index, {status, std::move(body), std::move(mimeType), std::nullopt, std::move(headers)});
   }
   void fail(std::size_t index, const Error& error) const {
     dispatcher->runUntilIdle();
-    transport->answer(index, {0, "", "", error});
+    transport->answer(index, {0, "", "", error, {}});
   }
 
   std::shared_ptr<VirtualClock> clock = std::make_shared<VirtualClock>();

@@ -301,11 +301,13 @@ Json launchOptions(const std::vector<std::string>& steps) {
 // What became of this run's reports (and of those an earlier run left), as the library counts.
 void printDeliveryStats(const quorvel::QuorvelDeliveryStats& s) {
   std::cout << "Delivery\n"
-            << "  accepted " << s.accepted << ", delivered " << s.delivered << ", waiting "
-            << s.waiting << ", kept as files " << s.keptAsFiles << "\n"
+            << "  accepted " << s.accepted << ", delivered " << s.delivered << ", refused "
+            << s.refused << ", waiting " << s.waiting << " (" << s.retrying
+            << " answered 5xx/429, to go again), kept as files " << s.keptAsFiles << "\n"
             << "  dropped: over size " << s.droppedOverSize << ", over age " << s.droppedOverAge
-            << ", by rule " << s.droppedByRule << "; sent again after a lost answer " << s.repeated
-            << "\n";
+            << ", unreadable " << s.droppedUnreadable << ", by rule " << s.droppedByRule
+            << "; not kept on disk " << s.notKept << "; sent again after a lost answer "
+            << s.repeated << "\n";
 }
 
 }  // namespace

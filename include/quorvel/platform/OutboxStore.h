@@ -55,6 +55,14 @@ class OutboxStore {
   // disk; a later open() makes a new, empty one. False when it cannot (the library then
   // removes the records one by one).
   virtual bool destroy() noexcept { return false; }
+  // Why the last open(), apply() or sync() failed, for the log.
+  virtual std::string lastError() const { return "write refused"; }
+  // How many records the store found and could not read back since it opened (a damaged
+  // file whose readable records it saved): counted as lost by the library.
+  virtual std::uint64_t unreadableRecords() const noexcept { return 0; }
+  // What the store did to heal itself (a damaged file set aside, its records saved), once,
+  // for the log; empty when nothing happened since the last call.
+  virtual std::string takeHealingNote() { return {}; }
 };
 
 }  // namespace quorvel::platform

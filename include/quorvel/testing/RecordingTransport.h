@@ -23,6 +23,7 @@ struct Answer {
   std::string body = "{}";
   std::string mimeType = "application/json";
   std::optional<Error> failure;  // set: the request fails in transport (it is then cached)
+  platform::HeaderList headers;  // besides Content-Type (a Retry-After, say)
 
   static Answer offline();
 };

@@ -10,6 +10,8 @@
 // are laid over it the same way at open, and moved in by the first sync().
 #include "platform/posix/SqliteOutboxStore.h"
 
+#include "platform/posix/OutboxSalvage.h"
+
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/file.h>
@@ -18,10 +20,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <limits>
+#include <string_view>
+#include <utility>
 
 namespace quorvel::platform {
 namespace {
@@ -84,6 +89,9 @@ class Transaction {
 };
 
 constexpr const char* kIntakeSuffix = ".intake-";
+// The schema this build writes: `user_version` 1 is the outbox table of (id, content). A
+// database of version 0 with that table is the same schema from before it was numbered.
+constexpr int kSchemaVersion = 1;
 
 }  // namespace
 
@@ -141,21 +149,122 @@ bool SqliteOutboxStore::open(std::string& reason) noexcept {
     close();
     return false;
   }
+  const std::lock_guard syncing(syncMutex_);
   const std::lock_guard adopting(adoptMutex_);
   const std::lock_guard lock(intakeMutex_);
   try {
-    if (openDatabaseLocked(reason) && startIntakeLocked(reason))
+    damage_ = 0;
+    bool opened = openDatabaseLocked(reason);
+    if (!opened && damage_ != 0)
+      opened = healLocked(reason);
+    if (opened && startIntakeLocked(reason))
       return true;
   } catch (...) {
     reason = "out of memory reading " + path_ + kIntakeSuffix + "*";
+  }
+  {
+    const std::lock_guard note(noteMutex_);
+    lastError_ = reason;
   }
   closeLocked();
   return false;
 }
 
+void SqliteOutboxStore::noteFailureLocked(sqlite3* db, const char* what) noexcept {
+  const int code = db ? sqlite3_extended_errcode(db) : SQLITE_NOMEM;
+  if (isDamage(code))
+    damage_ = code;
+  try {
+    const std::lock_guard note(noteMutex_);
+    lastError_ = std::string(what) + " " + path_ + ": " + (db ? sqlite3_errmsg(db) : "no memory");
+  } catch (...) {
+  }
+}
+
+std::string SqliteOutboxStore::lastError() const {
+  const std::lock_guard note(noteMutex_);
+  return lastError_.empty() ? std::string("write refused") : lastError_;
+}
+
+std::string SqliteOutboxStore::takeHealingNote() {
+  const std::lock_guard note(noteMutex_);
+  return std::exchange(healingNote_, std::string());
+}
+
+// Reads every record still readable, sets the file aside (one kept, for whoever wants to look
+// at it), and starts a fresh database holding those records. The intake files are left as
+// they are: their changes are laid over the new database as over the old one.
+bool SqliteOutboxStore::healLocked(std::string& reason) noexcept {
+  try {
+    Salvage saved;
+    if (db_ != nullptr && !isDamage(sqlite3_errcode(db_)) && damage_ != SQLITE_NOTADB)
+      saved = salvageRecords(db_);
+    if (syncDb_ != nullptr)
+      sqlite3_close_v2(std::exchange(syncDb_, nullptr));
+    if (db_ != nullptr)
+      sqlite3_close_v2(std::exchange(db_, nullptr));
+    if (saved.records.empty() && saved.gaps.empty())
+      saved = salvageFile(path_);
+    std::string aside;
+    const auto stamp = std::chrono::duration_cast<std::chrono::seconds>(
+                           std::chrono::system_clock::now().time_since_epoch())
+                           .count();
+    if (!setAside(path_, stamp, aside)) {
+      reason = "cannot set the damaged " + path_ + " aside: " + std::strerror(errno);
+      return false;
+    }
+    damage_ = 0;
+    if (!openDatabaseLocked(reason))
+      return false;
+    {
+      Transaction batch(db_);
+      if (!batch.ok())
+        return false;
+      for (const auto& record : saved.records) {
+        if (!batch.change(record.id, &record.content))
+          return false;
+      }
+      if (!batch.commit())
+        return false;
+    }
+    unreadable_.fetch_add(saved.lost);
+    std::string note = "Quorvel outbox: the damaged database was set aside as " + aside + "; " +
+                       std::to_string(saved.records.size()) + " records saved";
+    for (const auto& [from, to] : saved.gaps)
+      note += "; the records between " + std::to_string(from) + " and " + std::to_string(to) +
+              " could not be read";
+    const std::lock_guard lock(noteMutex_);
+    healingNote_ = std::move(note);
+    return true;
+  } catch (...) {
+    reason = "out of memory healing " + path_;
+    return false;
+  }
+}
+
+void SqliteOutboxStore::healAfterDamage() noexcept {
+  const std::lock_guard syncing(syncMutex_);
+  const std::lock_guard adopting(adoptMutex_);
+  const std::lock_guard lock(intakeMutex_);
+  if (damage_ == 0 || db_ == nullptr)
+    return;
+  // A second look: SQLite's own check of the whole file. Sound, it was a passing fault.
+  if (damage_ != SQLITE_NOTADB && passesQuickCheck(db_)) {
+    damage_ = 0;
+    return;
+  }
+  std::string reason;
+  if (!healLocked(reason)) {
+    const std::lock_guard note(noteMutex_);
+    lastError_ = reason;
+    closeLocked();  // no store now: the library keeps what comes in memory and tries again
+  }
+}
+
 bool SqliteOutboxStore::openDatabaseLocked(std::string& reason) noexcept {
   const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
   if (sqlite3_open_v2(path_.c_str(), &db_, flags, nullptr) != SQLITE_OK) {
+    noteFailureLocked(db_, "cannot open");
     reason = "cannot open " + path_ + ": " + (db_ ? sqlite3_errmsg(db_) : "out of memory");
     return false;
   }
@@ -166,8 +275,10 @@ bool SqliteOutboxStore::openDatabaseLocked(std::string& reason) noexcept {
   // showed in the host's memory under a burst).
   if (!exec("PRAGMA journal_mode=WAL") || !exec("PRAGMA synchronous=NORMAL") ||
       !exec("PRAGMA wal_autocheckpoint=0") || !exec("PRAGMA cache_size=-1024") ||
-      !exec("CREATE TABLE IF NOT EXISTS outbox (id INTEGER PRIMARY KEY, content BLOB NOT NULL)")) {
-    reason = "cannot prepare " + path_ + ": " + sqlite3_errmsg(db_);
+      !checkSchemaLocked(reason)) {
+    noteFailureLocked(db_, "cannot prepare");
+    if (reason.empty())
+      reason = "cannot prepare " + path_ + ": " + sqlite3_errmsg(db_);
     return false;
   }
   if (sqlite3_open_v2(path_.c_str(), &syncDb_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX,
@@ -183,10 +294,49 @@ bool SqliteOutboxStore::openDatabaseLocked(std::string& reason) noexcept {
   // checkpoints would do nothing.
   if (sqlite3_exec(syncDb_, "SELECT count(*) FROM sqlite_schema", nullptr, nullptr, nullptr) !=
       SQLITE_OK) {
+    noteFailureLocked(syncDb_, "cannot read");
     reason = "cannot read " + path_ + ": " + sqlite3_errmsg(syncDb_);
     return false;
   }
   return true;
+}
+
+bool SqliteOutboxStore::checkSchemaLocked(std::string& reason) noexcept {
+  int version = -1;
+  if (Statement v(db_, "PRAGMA user_version"); v && sqlite3_step(v.get()) == SQLITE_ROW)
+    version = sqlite3_column_int(v.get(), 0);
+  if (version < 0)
+    return false;
+  std::vector<std::string> columns;
+  {
+    Statement info(db_, "PRAGMA table_info(outbox)");
+    if (!info)
+      return false;
+    int rc = SQLITE_OK;
+    while ((rc = sqlite3_step(info.get())) == SQLITE_ROW) {
+      const auto* name = reinterpret_cast<const char*>(sqlite3_column_text(info.get(), 1));
+      const auto* type = reinterpret_cast<const char*>(sqlite3_column_text(info.get(), 2));
+      columns.push_back(std::string(name ? name : "") + " " + (type ? type : ""));
+    }
+    if (rc != SQLITE_DONE)
+      return false;
+  }
+  const std::vector<std::string> known = {"id INTEGER", "content BLOB"};
+  if (columns.empty() && version == 0) {
+    return exec(
+               "CREATE TABLE IF NOT EXISTS outbox (id INTEGER PRIMARY KEY, content BLOB NOT "
+               "NULL)") &&
+           exec("PRAGMA user_version=1");
+  }
+  if (columns == known && version == 0)
+    return exec("PRAGMA user_version=1");  // the same table, from before it was numbered
+  if (columns == known && version == kSchemaVersion)
+    return true;
+  // A newer build's schema, or another program's file: set aside, its records saved where
+  // they can be read as ours.
+  damage_ = SQLITE_CORRUPT;
+  reason = "unknown schema in " + path_ + " (version " + std::to_string(version) + ")";
+  return false;
 }
 
 std::vector<std::pair<std::uint64_t, std::string>> SqliteOutboxStore::intakeFiles() const {
@@ -275,8 +425,13 @@ bool SqliteOutboxStore::apply(const std::vector<OutboxChange>& changes) noexcept
     return false;
   try {
     std::vector<OutboxIntake::Place> places;
-    if (!intake_->append(changes, places))
+    if (!intake_->append(changes, places)) {
+      const int error = errno;
+      const std::lock_guard note(noteMutex_);
+      lastError_ = "cannot write " + path_ + kIntakeSuffix + std::to_string(intakeNumber_) + ": " +
+                   std::strerror(error);
       return false;
+    }
     for (std::size_t i = 0; i < changes.size(); ++i)
       pending_.insert_or_assign(changes[i].id, Pending{intake_, places[i], !changes[i].content});
     return true;
@@ -295,7 +450,8 @@ std::vector<OutboxRecord> SqliteOutboxStore::databasePage(std::int64_t afterId, 
   sqlite3_bind_int64(page.get(), 1, afterId);
   sqlite3_bind_int64(page.get(), 2,
                      static_cast<sqlite3_int64>(std::min<std::size_t>(limit, INT64_MAX)));
-  while (sqlite3_step(page.get()) == SQLITE_ROW) {
+  int rc = SQLITE_OK;
+  while ((rc = sqlite3_step(page.get())) == SQLITE_ROW) {
     OutboxRecord r;
     r.id = sqlite3_column_int64(page.get(), 0);
     const auto* data = static_cast<const char*>(sqlite3_column_blob(page.get(), 1));
@@ -303,6 +459,9 @@ std::vector<OutboxRecord> SqliteOutboxStore::databasePage(std::int64_t afterId, 
                      static_cast<std::size_t>(sqlite3_column_bytes(page.get(), 1)));
     records.push_back(std::move(r));
   }
+  // An error is never the end of the data: damage is healed and the page read again.
+  if (rc != SQLITE_DONE)
+    noteFailureLocked(db_, "cannot read");
   return records;
 }
 
@@ -355,10 +514,18 @@ std::vector<OutboxRecord> SqliteOutboxStore::load(std::int64_t afterId,
                                                   std::size_t limit) noexcept {
   adoptLeftIntakes();
   try {
-    const std::lock_guard lock(intakeMutex_);
-    if (db_ == nullptr || limit == 0)
-      return {};
-    return mergedPage(afterId, limit);
+    for (int attempt = 0;; ++attempt) {
+      {
+        const std::lock_guard lock(intakeMutex_);
+        if (db_ == nullptr || limit == 0)
+          return {};
+        damage_ = 0;
+        auto page = mergedPage(afterId, limit);
+        if (damage_ == 0 || attempt > 0)
+          return page;
+      }
+      healAfterDamage();
+    }
   } catch (...) {
     return {};  // out of memory
   }
@@ -429,22 +596,38 @@ void SqliteOutboxStore::rotateIntakeLocked() noexcept {
 bool SqliteOutboxStore::commitToDatabase(const PendingMap& changes) noexcept {
   try {
     Transaction batch(syncDb_);
-    if (!batch.ok())
-      return false;
+    bool done = batch.ok();
     std::string content;
-    for (const auto& [id, change] : changes) {
-      if (change.removed
-              ? !batch.change(id, nullptr)
-              : !change.file->readAt(change.place, content) || !batch.change(id, &content))
-        return false;
+    for (auto it = changes.begin(); done && it != changes.end(); ++it) {
+      const auto& [id, change] = *it;
+      done = change.removed
+                 ? batch.change(id, nullptr)
+                 : change.file->readAt(change.place, content) && batch.change(id, &content);
     }
-    return batch.commit();
+    done = done && batch.commit();
+    if (!done) {
+      const std::lock_guard lock(intakeMutex_);
+      noteFailureLocked(syncDb_, "cannot commit to");
+    }
+    return done;
   } catch (...) {
     return false;
   }
 }
 
 bool SqliteOutboxStore::sync() noexcept {
+  if (syncOnce())
+    return true;
+  {
+    const std::lock_guard lock(intakeMutex_);
+    if (damage_ == 0)
+      return false;  // a passing fault: the next sync tries again
+  }
+  healAfterDamage();
+  return syncOnce();
+}
+
+bool SqliteOutboxStore::syncOnce() noexcept {
   const std::lock_guard lock(syncMutex_);
   if (syncDb_ == nullptr)
     return false;
@@ -452,11 +635,15 @@ bool SqliteOutboxStore::sync() noexcept {
   std::vector<std::string> covered;  // the retired files whose changes this commit moves
   try {
     const std::lock_guard intake(intakeMutex_);
-    if (!pending_.empty())
-      rotateIntakeLocked();
-    for (auto& [id, change] : pending_)
-      committing_.insert_or_assign(id, std::move(change));
-    pending_.clear();
+    // After a failed commit nothing new is started: what failed is tried alone, the intake
+    // file being written goes on growing, and the files stay few whatever the database does.
+    if (committing_.empty()) {
+      if (!pending_.empty())
+        rotateIntakeLocked();
+      for (auto& [id, change] : pending_)
+        committing_.insert_or_assign(id, std::move(change));
+      pending_.clear();
+    }
     covered = retired_;
   } catch (...) {
     return false;  // out of memory: the next sync tries again

@@ -39,6 +39,10 @@ class SqliteOutboxStore final : public OutboxStore {
   std::int64_t idFloor() noexcept override;
   bool sync() noexcept override;
   bool destroy() noexcept override;
+  std::string lastError() const override;
+  std::uint64_t unreadableRecords() const noexcept override { return unreadable_.load(); }
+  // What the last healing did (the file set aside, the records saved), once; empty if none.
+  std::string takeHealingNote() override;
 
  private:
   // A change in an intake file, not yet in the database.
@@ -54,6 +58,16 @@ class SqliteOutboxStore final : public OutboxStore {
   // `intakeMutex_` held by these.
   void closeLocked() noexcept;
   bool openDatabaseLocked(std::string& reason) noexcept;
+  // Checks the table against the schema this build knows, migrating an older one; false with
+  // `damage_` set when it is a newer or a foreign one.
+  bool checkSchemaLocked(std::string& reason) noexcept;
+  // Notes a failed statement's code: damage (not a passing fault) is healed.
+  void noteFailureLocked(sqlite3* db, const char* what) noexcept;
+  // Sets the damaged database aside and starts a fresh one with every record still readable;
+  // `syncMutex_`, `adoptMutex_` and `intakeMutex_` held.
+  bool healLocked(std::string& reason) noexcept;
+  // A damaged page met by a read or a commit: healed unless a second look finds it sound.
+  void healAfterDamage() noexcept;
   // The intake files an earlier process left, oldest first.
   std::vector<std::pair<std::uint64_t, std::string>> intakeFiles() const;
   // Starts this process's intake file, numbered after those earlier processes left.
@@ -66,6 +80,8 @@ class SqliteOutboxStore final : public OutboxStore {
   // Starts a new intake file: the current one is retired; `intakeMutex_` held.
   void rotateIntakeLocked() noexcept;
   bool commitToDatabase(const PendingMap& changes) noexcept;
+  // One move of the intake into the database and a checkpoint.
+  bool syncOnce() noexcept;
   // The records after `afterId` that the database and the pending changes make together.
   std::vector<OutboxRecord> mergedPage(std::int64_t afterId, std::size_t limit);
   std::vector<OutboxRecord> databasePage(std::int64_t afterId, std::size_t limit);
@@ -76,6 +92,11 @@ class SqliteOutboxStore final : public OutboxStore {
   sqlite3* syncDb_ = nullptr;  // sync()'s own connection: the commits and checkpoints
   int lockFd_ = -1;
   bool heldElsewhere_ = false;
+  int damage_ = 0;  // the SQLite code of damage met, until it is healed
+  std::atomic<std::uint64_t> unreadable_{0};
+  mutable std::mutex noteMutex_;
+  std::string lastError_;
+  std::string healingNote_;
 
   std::mutex adoptMutex_;  // taken before the intake's
   std::vector<std::pair<std::uint64_t, std::string>> toAdopt_;

@@ -1,0 +1,212 @@
+// Reads back what a damaged outbox database still holds. SQLite reports a damaged page as an
+// error of the statement that meets it, never as the end of the data: the records past it are
+// reached by seeking beyond the page, and only the records on it are lost.
+#include "platform/posix/OutboxSalvage.h"
+
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <optional>
+
+namespace quorvel::platform {
+namespace {
+
+constexpr std::int64_t kNoRecord = std::numeric_limits<std::int64_t>::min();
+// Each process numbers its records from its own floor (a number times 2^32), one after another.
+constexpr int kProcessShift = 32;
+// A gap estimate past this says more about a damaged interior page than about lost records.
+constexpr std::uint64_t kMaxGapEstimate = 100'000;
+
+class Query {
+ public:
+  Query(sqlite3* db, const char* sql) noexcept {
+    if (sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr) != SQLITE_OK)
+      stmt_ = nullptr;
+  }
+  ~Query() { sqlite3_finalize(stmt_); }
+  Query(const Query&) = delete;
+  Query& operator=(const Query&) = delete;
+  sqlite3_stmt* get() const noexcept { return stmt_; }
+  explicit operator bool() const noexcept { return stmt_ != nullptr; }
+
+ private:
+  sqlite3_stmt* stmt_ = nullptr;
+};
+
+// The first record numbered above `after` that a seek reaches; nullopt when the seek meets a
+// damaged page, kNoRecord when there is none.
+std::optional<std::int64_t> firstAbove(sqlite3* db, std::int64_t after) {
+  Query q(db, "SELECT id FROM outbox WHERE id > ?1 ORDER BY id LIMIT 1");
+  if (!q)
+    return std::nullopt;
+  sqlite3_bind_int64(q.get(), 1, after);
+  const int rc = sqlite3_step(q.get());
+  if (rc == SQLITE_ROW)
+    return sqlite3_column_int64(q.get(), 0);
+  if (rc == SQLITE_DONE)
+    return kNoRecord;
+  return std::nullopt;
+}
+
+// The first readable record past a damaged page met after `cursor`: seeks farther and farther
+// until one succeeds, then narrows down to the nearest start that still does.
+std::optional<std::int64_t> skipDamage(sqlite3* db, std::int64_t cursor) {
+  std::int64_t failing = cursor;
+  for (int bit = 0; bit < 63; ++bit) {
+    const std::int64_t step = std::int64_t{1} << bit;
+    if (cursor > std::numeric_limits<std::int64_t>::max() - step)
+      return std::nullopt;
+    const auto found = firstAbove(db, cursor + step);
+    if (!found) {
+      failing = cursor + step;
+      continue;
+    }
+    std::int64_t good = cursor + step;
+    std::int64_t result = *found;
+    while (good - failing > 1) {
+      const std::int64_t middle = failing + (good - failing) / 2;
+      if (const auto at = firstAbove(db, middle)) {
+        good = middle;
+        result = *at;
+      } else {
+        failing = middle;
+      }
+    }
+    return result == kNoRecord ? std::nullopt : std::optional(result);
+  }
+  return std::nullopt;
+}
+
+std::uint64_t gapEstimate(std::int64_t before, std::int64_t after) {
+  if (before == kNoRecord || (before >> kProcessShift) != (after >> kProcessShift))
+    return 1;  // at least the page that could not be read held one
+  const auto gap = static_cast<std::uint64_t>(after - before - 1);
+  return std::clamp<std::uint64_t>(gap, 1, kMaxGapEstimate);
+}
+
+}  // namespace
+
+bool isDamage(int sqliteCode) noexcept {
+  const int primary = sqliteCode & 0xff;
+  return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB;
+}
+
+bool passesQuickCheck(sqlite3* db) noexcept {
+  Query q(db, "PRAGMA quick_check");
+  if (!q || sqlite3_step(q.get()) != SQLITE_ROW)
+    return false;
+  const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(q.get(), 0));
+  return text != nullptr && std::strcmp(text, "ok") == 0;
+}
+
+Salvage salvageRecords(sqlite3* db) {
+  Salvage out;
+  std::int64_t cursor = kNoRecord;
+  std::int64_t lastRead = kNoRecord;
+  try {
+    for (int guard = 0; guard < 1'000'000; ++guard) {
+      Query page(db, "SELECT id, content FROM outbox WHERE id > ?1 ORDER BY id");
+      if (!page)
+        break;
+      sqlite3_bind_int64(page.get(), 1, cursor);
+      int rc = SQLITE_OK;
+      while ((rc = sqlite3_step(page.get())) == SQLITE_ROW) {
+        OutboxRecord record;
+        record.id = sqlite3_column_int64(page.get(), 0);
+        const auto* data = static_cast<const char*>(sqlite3_column_blob(page.get(), 1));
+        record.content.assign(data != nullptr ? data : "",
+                              static_cast<std::size_t>(sqlite3_column_bytes(page.get(), 1)));
+        cursor = lastRead = record.id;
+        out.records.push_back(std::move(record));
+      }
+      if (rc == SQLITE_DONE)
+        break;
+      const auto next = skipDamage(db, cursor);
+      const std::int64_t end = next ? *next : std::numeric_limits<std::int64_t>::max();
+      out.gaps.emplace_back(cursor, end);
+      out.lost += next ? gapEstimate(lastRead, *next) : 1;
+      if (!next)
+        break;
+      cursor = *next - 1;
+    }
+  } catch (...) {
+    // Out of memory: what was read so far is saved.
+  }
+  return out;
+}
+
+Salvage salvageFile(const std::string& path) {
+  namespace fs = std::filesystem;
+  static constexpr std::array<std::uint16_t, 7> kPageSizes = {
+      4096, 1024, 2048, 8192, 16384, 32768, 1};  // 1 stands for 65536
+  const std::string copy = path + ".salvage";
+  Salvage best;
+  for (const auto pageSize : kPageSizes) {
+    std::error_code ec;
+    fs::copy_file(path, copy, fs::copy_options::overwrite_existing, ec);
+    if (ec)
+      return best;
+    fs::remove(copy + "-wal", ec);
+    fs::remove(copy + "-shm", ec);
+    if (fs::exists(path + "-wal"))
+      fs::copy_file(path + "-wal", copy + "-wal", fs::copy_options::overwrite_existing, ec);
+    {
+      std::fstream file(copy, std::ios::in | std::ios::out | std::ios::binary);
+      std::array<char, 24> header{};
+      std::memcpy(header.data(), "SQLite format 3", 16);
+      header[16] = static_cast<char>(pageSize >> 8);
+      header[17] = static_cast<char>(pageSize & 0xff);
+      header[18] = 2;  // write-ahead log
+      header[19] = 2;
+      header[20] = 0;
+      header[21] = 64;
+      header[22] = 32;
+      header[23] = 32;
+      file.write(header.data(), header.size());
+    }
+    sqlite3* db = nullptr;
+    if (sqlite3_open_v2(copy.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK) {
+      Salvage found = salvageRecords(db);
+      if (found.records.size() > best.records.size() || best.records.empty())
+        best = std::move(found);
+    }
+    sqlite3_close_v2(db);
+    if (!best.records.empty())
+      break;
+  }
+  std::error_code ec;
+  for (const char* suffix : {"", "-wal", "-shm"})
+    fs::remove(copy + suffix, ec);
+  return best;
+}
+
+bool setAside(const std::string& path, std::int64_t stamp, std::string& asideName) {
+  namespace fs = std::filesystem;
+  const fs::path database(path);
+  const std::string prefix = database.filename().string() + ".corrupt-";
+  std::error_code ec;
+  std::vector<fs::path> earlier;
+  for (fs::directory_iterator it(database.parent_path(), ec), end; !ec && it != end;
+       it.increment(ec)) {
+    if (it->path().filename().string().starts_with(prefix))
+      earlier.push_back(it->path());
+  }
+  for (const auto& file : earlier)
+    fs::remove(file, ec);
+  asideName = path + ".corrupt-" + std::to_string(stamp);
+  if (::rename(path.c_str(), asideName.c_str()) != 0 && errno != ENOENT)
+    return false;
+  if (::rename((path + "-wal").c_str(), (asideName + "-wal").c_str()) != 0 && errno != ENOENT)
+    return false;
+  return ::unlink((path + "-shm").c_str()) == 0 || errno == ENOENT;
+}
+
+}  // namespace quorvel::platform

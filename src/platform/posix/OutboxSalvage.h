@@ -1,0 +1,44 @@
+// Healing a damaged outbox database: what counts as damage (and not a passing fault), setting
+// the file aside, and reading back every record that can still be read from it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <quorvel/platform/OutboxStore.h>
+
+struct sqlite3;
+
+namespace quorvel::platform {
+
+// SQLITE_CORRUPT and SQLITE_NOTADB: the file itself is damaged. A full disk, a busy lock or an
+// I/O error are not: they pass, and a database is never set aside for them.
+bool isDamage(int sqliteCode) noexcept;
+
+// True when SQLite's own check finds the database sound (a damage report was a passing
+// fault read as one): it is then kept as it is.
+bool passesQuickCheck(sqlite3* db) noexcept;
+
+struct Salvage {
+  std::vector<OutboxRecord> records;  // every record read back, by number
+  // Records known or estimated to be lost: the numbers skipped over a damaged page within
+  // one process's range (each process numbers its records one after another).
+  std::uint64_t lost = 0;
+  std::vector<std::pair<std::int64_t, std::int64_t>> gaps;  // unreadable ranges, for the log
+};
+
+// Reads the outbox table of `db` one record after another; a damaged page is stepped over by
+// seeking past it, so that the records after it are read too.
+Salvage salvageRecords(sqlite3* db);
+
+// Reads the records of the database at `path`, which cannot be opened as it is. Its header's
+// fixed part (the format's name, the page size and the format numbers the outbox always
+// uses) is written over a copy of it first: a damaged header then no longer hides the pages.
+Salvage salvageFile(const std::string& path);
+
+// Renames `path` (and its write-ahead log) to `path` + ".corrupt-" + `stamp`, after removing
+// any file an earlier setting-aside left: at most one is kept. False when the rename fails.
+bool setAside(const std::string& path, std::int64_t stamp, std::string& asideName);
+
+}  // namespace quorvel::platform
