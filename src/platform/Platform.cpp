@@ -83,6 +83,7 @@ std::shared_ptr<URLSessionFactory> defaultSessions(const Platform& p,
   curl.maxConnectionsPerHost = options.maxConnectionsPerHost;
   curl.downloadDirectory = p.fileSystem->temporaryDirectory();
   curl.dispatcher = p.dispatcher;
+  curl.systemLog = p.systemLog;
   return std::make_shared<CurlURLSessionFactory>(std::move(curl));
 }
 #else
