@@ -51,25 +51,49 @@ PosixPlatformOptions defaultPosixOptions() {
   return PosixPlatformOptions{};
 }
 
-std::string privateFallbackDirectory(const std::string& base, SystemLog& log) {
-  const std::string path = base + "/quorvel-" + std::to_string(getuid());
+namespace {
+
+// Made 0700 when missing; then it must be a folder (a symbolic link planted by another user is
+// never followed), of this user, open to no one else.
+bool isPrivateFolderOfThisUser(const std::string& path) {
   ::mkdir(path.c_str(), 0700);
   struct stat info {};
-  // lstat: a symbolic link planted at this name by another user is never followed.
-  if (::lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode) && info.st_uid == getuid() &&
-      (info.st_mode & 07777U) == 0700U) {
-    return path;
+  return ::lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode) && info.st_uid == getuid() &&
+         (info.st_mode & 07777U) == 0700U;
+}
+
+// Names beside the usual one tried when it is not this user's: enough that a stray folder or
+// two do not cost the install, few enough that a start does not wander.
+constexpr int kAlternativeNames = 8;
+
+}  // namespace
+
+std::string privateFallbackDirectory(const std::string& base, SystemLog& log) {
+  const std::string usual = base + "/quorvel-" + std::to_string(getuid());
+  if (isPrivateFolderOfThisUser(usual))
+    return usual;
+  // Someone else's, or open to others. The first of a few fixed names beside it that is this
+  // user's own: the same at every start, so the install and its queued reports are kept.
+  for (int n = 1; n <= kAlternativeNames; ++n) {
+    const std::string alternative = usual + "-" + std::to_string(n);
+    if (isPrivateFolderOfThisUser(alternative)) {
+      log.write(
+          format("[ERROR] Quorvel: %@ is not a private folder of this user (not a folder, "
+                 "another owner, or open to others); using %@. Set HOME or a data "
+                 "directory.",
+                 usual, alternative));
+      return alternative;
+    }
   }
-  // Someone else's, or open to others: this process's data goes to a fresh private folder,
-  // and does not outlive it.
-  std::string pattern = path + "-XXXXXX";
+  // Every name taken: a fresh private folder, which does not outlive this process.
+  std::string pattern = usual + "-XXXXXX";
   const char* made = ::mkdtemp(pattern.data());
   log.write(
       format("[ERROR] Quorvel: %@ is not a private folder of this user (not a folder, "
-             "another owner, or open to others); using %@, which the next start will not "
-             "find. Set HOME or a data directory.",
-             path, std::string(made != nullptr ? made : "nothing")));
-  return made != nullptr ? std::string(made) : path + "-unavailable";
+             "another owner, or open to others), nor are the names beside it; using %@, which "
+             "the next start will not find. Set HOME or a data directory.",
+             usual, std::string(made != nullptr ? made : "nothing")));
+  return made != nullptr ? std::string(made) : usual + "-unavailable";
 }
 
 namespace {
@@ -83,6 +107,7 @@ std::shared_ptr<URLSessionFactory> defaultSessions(const Platform& p,
   curl.maxConnectionsPerHost = options.maxConnectionsPerHost;
   curl.downloadDirectory = p.fileSystem->temporaryDirectory();
   curl.dispatcher = p.dispatcher;
+  curl.systemLog = p.systemLog;
   return std::make_shared<CurlURLSessionFactory>(std::move(curl));
 }
 #else

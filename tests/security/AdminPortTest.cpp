@@ -42,8 +42,16 @@ TEST_F(AdminPort, AnswersOnlyItsOwnNamesAndChangesStateOnlyWithTheTokenFromItsOw
   };
   const Case cases[] = {
       {"inspector", "GET", "/", {}, 200},
-      {"by localhost", "GET", "/requests", {{"Host", "localhost:" + port}}, 200},
-      {"rebound host name", "GET", "/requests", {{"Host", "rebind.example:" + port}}, 403},
+      {"by localhost",
+       "GET",
+       "/faults",
+       {{"Host", "localhost:" + port}, {AdminServer::kTokenHeader, token}},
+       200},
+      {"rebound host name",
+       "GET",
+       "/faults",
+       {{"Host", "rebind.example:" + port}, {AdminServer::kTokenHeader, token}},
+       403},
       {"another port", "GET", "/faults", {{"Host", "127.0.0.1:1"}}, 403},
       {"form post from a site",
        "POST",
@@ -81,12 +89,33 @@ TEST_F(AdminPort, AnswersOnlyItsOwnNamesAndChangesStateOnlyWithTheTokenFromItsOw
   EXPECT_NE(send("GET", "/", {})->body.find(token), std::string::npos);
 }
 
+// The recorded requests carry developers' keys and their users' clear payloads: only a
+// holder of the token reads them, and no other page can frame the one that has it.
+TEST_F(AdminPort, RecordedRequestsAreReadOnlyWithTheTokenAndNothingIsFramed) {
+  StoredRequest r;
+  r.query = "a=\x9b[31m&b=\xe2\x80\xae";
+  store.add(std::move(r));
+  const auto page = send("GET", "/", {});
+  const auto tokenless = send("GET", "/requests", {});
+  const auto read = send("GET", "/requests", {{AdminServer::kTokenHeader, admin.token()}});
+  ASSERT_TRUE(page && tokenless && read);
+  EXPECT_EQ(tokenless->status, 403);
+  EXPECT_EQ(tokenless->body.find("x9b"), std::string::npos);
+  ASSERT_EQ(read->status, 200);
+  // Escaped, not replaced: a script sees what the client sent.
+  EXPECT_EQ(Json::parse(read->body)[0]["query"], "a=\\x9b[31m&b=\u202e");
+  for (const auto* answer : {&page, &tokenless, &read}) {
+    EXPECT_EQ((*answer)->get_header_value("X-Frame-Options"), "DENY");
+    EXPECT_EQ((*answer)->get_header_value("Content-Security-Policy"), "frame-ancestors 'none'");
+  }
+}
+
 // What a client sent is printed to the developer's terminal: escape sequences in it must not
 // reach the terminal.
 TEST(RequestPrinting, EscapesControlCharactersFromClients) {
   StoredRequest r;
   r.method = "POST";
-  r.host = "t.localhost\x1b]0;owned\x07";
+  r.host = "t.localhost\x1b]0;owned\x07\x9b\xe2\x80\xae";
   r.path = "/a\x1b[2J\r";
   r.body = R"({"event":"e\u001b[31m\u0085"})";
   std::ostringstream out;
@@ -95,7 +124,24 @@ TEST(RequestPrinting, EscapesControlCharactersFromClients) {
   for (const unsigned char c : text)
     EXPECT_TRUE(c == '\n' || (c >= 0x20U && c != 0x7FU)) << static_cast<int>(c) << " in " << text;
   EXPECT_EQ(text.find("\xc2\x85"), std::string::npos);
-  EXPECT_NE(text.find("t.localhost\\x1b]0;owned\\x07"), std::string::npos) << text;
+  EXPECT_NE(text.find("t.localhost\\x1b]0;owned\\x07\\x9b\\u202e"), std::string::npos) << text;
+}
+
+// A script reads `requests --json`: one bad byte from one client must not make the whole list
+// unreadable, and no raw control or override may reach a terminal it is printed to.
+TEST(RequestPrinting, JsonIsAlwaysValidAndEscapesWhatClientsSent) {
+  StoredRequest r;
+  r.query = "a=\x9b[31m&b=\xe2\x80\xae\x7f";
+  r.headers = Json{{"X-Note", "\xc2\x85"}};
+  std::ostringstream out;
+  printRequestsJson(out, {r});
+  const std::string text = out.str();
+  for (const unsigned char c : text)
+    ASSERT_TRUE(c < 0x7FU && (c >= 0x20U || c == '\n')) << static_cast<int>(c) << " in " << text;
+  const Json list = Json::parse(text, nullptr, false);
+  ASSERT_TRUE(list.is_array()) << text;
+  EXPECT_EQ(list[0]["query"], "a=\\x9b[31m&b=\u202e\x7f");  // the characters themselves
+  EXPECT_EQ(list[0]["headers"]["X-Note"], "\xc2\x85");
 }
 
 }  // namespace

@@ -33,6 +33,9 @@ TEST_F(DeviceIdentity, OneVendorsAppsShareTheVendorIdAndNoOtherVendorGetsIt) {
   EXPECT_EQ(vendorIdOf("com.example.editor"), game);
   EXPECT_NE(vendorIdOf("org.example.game"), game);
   EXPECT_NE(vendorIdOf("com.other.game"), game);
+  // Two components name a vendor whole, not two apps of "com".
+  EXPECT_NE(vendorIdOf("com.alpha"), vendorIdOf("com.beta"));
+  EXPECT_EQ(vendorIdOf("com.alpha"), vendorIdOf("com.alpha.game"));
   // Nothing of the machine id shows through.
   std::string hexOnly;
   for (const char c : game)

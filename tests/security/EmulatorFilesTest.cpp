@@ -1,5 +1,7 @@
-// The emulator's CA signs for every service host a developer's build trusts it for: its key
-// files are private, never written through a link, and a CA key it did not make is never used.
+// The emulator's files: its CA signs for every service host a developer's build trusts it
+// for, its database holds developers' keys and their users' clear payloads. Every one is
+// private; key files are never written through a link, and a CA key it did not make is never
+// used.
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -8,6 +10,8 @@
 #include <gtest/gtest.h>
 
 #include "Certificates.h"
+#include "PrivateFiles.h"
+#include "RequestStore.h"
 #include "support/TempDir.h"
 
 namespace quorvel::devserver {
@@ -54,6 +58,34 @@ TEST(EmulatorFiles, KeysArePrivateAndOnlyTheEmulatorsOwnCaIsKept) {
   EXPECT_EQ(contentOf(planted), plantedText);
   EXPECT_FALSE(fs::is_symlink(tls + "/ca-key.pem"));
   EXPECT_FALSE(fs::is_symlink(tls + "/server-key.pem"));
+}
+
+// The database holds developers' keys and clear payloads, server.json the admin token: the
+// folder and every file are private from the start, and an older run's open ones are closed.
+TEST(EmulatorFiles, TheRecordedRequestsAndTheTokenAreTheOwnersAlone) {
+  test::TempDir dir;
+  const mode_t mask = ::umask(022);  // as most shells leave it
+  const std::string fresh = dir / "fresh";
+  const std::string older = dir / "older";
+  fs::create_directories(older);
+  ::chmod(older.c_str(), 0755);
+  std::ofstream(older + "/requests.sqlite") << "";  // SQLite makes a database of it
+  ::chmod((older + "/requests.sqlite").c_str(), 0644);
+  for (const auto& data : {fresh, older}) {
+    SCOPED_TRACE(data);
+    makePrivateDirectory(data);
+    {
+      RequestStore store(data + "/requests.sqlite");
+      store.add(StoredRequest{});
+      EXPECT_EQ(store.all().size(), 1U);  // committed: the log and shared memory exist
+      writePrivateFileAtomically(data + "/server.json", "{}");
+      EXPECT_EQ(modeOf(data), 0700U);
+      for (const char* name :
+           {"/requests.sqlite", "/requests.sqlite-wal", "/requests.sqlite-shm", "/server.json"})
+        EXPECT_EQ(modeOf(data + name), 0600U) << name;
+    }
+  }
+  ::umask(mask);
 }
 
 }  // namespace

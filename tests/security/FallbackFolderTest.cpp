@@ -1,5 +1,6 @@
 // Without HOME the library keeps its data under a shared temporary folder: only in a folder
-// that is this user's own, private, and not a link another user planted.
+// that is this user's own, private, and not a link another user planted; the same one at
+// every start.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -56,6 +57,8 @@ TEST(FallbackFolder, IsUsedOnlyWhenPrivateToThisUser) {
     EXPECT_EQ(info.st_mode & 0777U, 0700U);
     EXPECT_EQ(chosen == expected, c.used) << chosen;
     EXPECT_EQ(fakes.systemLog->count("is not a private folder of this user"), c.used ? 0U : 1U);
+    // The next start finds the same folder, and with it the install.
+    EXPECT_EQ(privateFallbackDirectory(base.path(), *fakes.systemLog), chosen);
     if (fs::exists(elsewhere)) {
       EXPECT_TRUE(fs::is_empty(elsewhere));  // nothing went through the link
     }

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <quorvel/testing/MemoryServices.h>
+
 #include "platform/posix/CurlURLSession.h"
 #include "support/TlsTestServer.h"
 
@@ -31,6 +33,8 @@ TEST(Redirects, AreFollowedWithinTheOriginAndNeverCarryTheBodyElsewhere) {
   });
   CurlSessionOptions options;
   options.extraCAFile = server.caFile();
+  const auto log = std::make_shared<testkit::CapturingSystemLog>();
+  options.systemLog = log;
   const auto session = makeCurlURLSession(options, "redirects");
   struct Case {
     const char* path;
@@ -60,6 +64,8 @@ TEST(Redirects, AreFollowedWithinTheOriginAndNeverCarryTheBodyElsewhere) {
           << error->localizedDescription;
     }
   }
+  // Told even with debug logs off.
+  EXPECT_EQ(log->count("[WARN] Quorvel: redirect to another origin refused"), 2U);
   const auto received = server.received();
   std::vector<std::string> seen;
   for (const auto& r : received) {

@@ -7,6 +7,7 @@
 
 #include "HttpsFrontend.h"
 #include "InspectorPage.h"
+#include "SafeText.h"
 
 namespace quorvel::devserver {
 
@@ -23,8 +24,7 @@ std::optional<long> numberParam(const httplib::Request& req, const char* name) {
 
 void answer(httplib::Response& res, int status, const Json& body) {
   res.status = status;
-  res.set_content(body.dump(2, ' ', false, Json::error_handler_t::replace) + "\n",
-                  "application/json");
+  res.set_content(safeJsonText(body) + "\n", "application/json");
 }
 
 // A request as the inspector lists it.
@@ -73,12 +73,17 @@ std::optional<std::string> refusal(const httplib::Request& req, int port,
                                    const std::string& token) {
   if (!isOneOf(req.get_header_value("Host"), "", port))
     return "the Host header must name this port on 127.0.0.1, localhost or [::1]";
-  if (req.method == "GET" || req.method == "HEAD")
+  const bool read = req.method == "GET" || req.method == "HEAD";
+  // The page is what hands the token out; another site's page cannot read it (no frames,
+  // no cross-origin reads) and without it reads nothing.
+  if (read && req.path == "/")
     return std::nullopt;
-  if (req.has_header("Origin") && !isOneOf(req.get_header_value("Origin"), "http://", port))
+  if (!read && req.has_header("Origin") &&
+      !isOneOf(req.get_header_value("Origin"), "http://", port))
     return "state changes come from the inspector's own origin only";
   if (req.get_header_value(AdminServer::kTokenHeader) != token)
-    return std::string("state changes need this run's token in ") + AdminServer::kTokenHeader;
+    return std::string("everything but the inspector page needs this run's token in ") +
+           AdminServer::kTokenHeader;
   return std::nullopt;
 }
 
@@ -105,6 +110,10 @@ Json AdminServer::state() const {
 void AdminServer::start(int port) {
   auto server = std::make_unique<httplib::Server>();
   auto& s = *server;
+  // Nothing of this port may be shown inside another site's page: a frame would let that page
+  // steer the inspector's buttons.
+  s.set_default_headers(
+      {{"X-Frame-Options", "DENY"}, {"Content-Security-Policy", "frame-ancestors 'none'"}});
   s.set_pre_routing_handler([this](const httplib::Request& req, httplib::Response& res) {
     if (const auto why = refusal(req, port_, token_)) {
       log_("admin: refused " + req.method + " " + req.path + ": " + *why);

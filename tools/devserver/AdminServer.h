@@ -15,8 +15,10 @@
 //
 // A web page open in the developer's browser can reach this port too (a form post, or DNS
 // rebinding of its own host name to 127.0.0.1). So every request must name this port by a
-// loopback host, and every state change must carry this run's token (the inspector page and
-// server.json have it) and, when it comes from a browser, the inspector's own origin.
+// loopback host; everything but the inspector page itself (recorded requests carry developer
+// keys and clear payloads) must carry this run's token (the page and server.json have it);
+// a state change from a browser must come from the inspector's own origin; and no answer may
+// be framed by another page.
 #pragma once
 
 #include <memory>
@@ -41,7 +43,7 @@ class AdminServer {
   void start(int port);
   void stop();
   int port() const { return port_; }
-  // The token that state changes carry in the "X-Quorvel-Admin-Token" header.
+  // The token that every call but the page carries in the "X-Quorvel-Admin-Token" header.
   const std::string& token() const { return token_; }
   static constexpr const char* kTokenHeader = "X-Quorvel-Admin-Token";
 

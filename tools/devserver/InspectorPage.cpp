@@ -68,10 +68,15 @@ std::string inspectorPage(const std::string& token) {
 const rows = [];
 let lastId = 0;
 
+// Every call but the page itself carries the run's token, which only this page was given.
+const token = document.querySelector('meta[name="admin-token"]').content;
+const tokenHeaders = { "X-Quorvel-Admin-Token": token };
+function get(path) { return fetch(path, { headers: tokenHeaders }); }
+
 function text(value) { return value === undefined || value === null ? "" : String(value); }
 
 async function fillServices() {
-  const services = await (await fetch("/services")).json();
+  const services = await (await get("/services")).json();
   for (const id of ["fault-service", "filter-service"]) {
     const select = document.getElementById(id);
     for (const s of (id === "fault-service" ? ["*"] : []).concat(services)) {
@@ -126,7 +131,7 @@ function show(r, tr) {
 
 async function poll() {
   try {
-    const answer = await fetch("/requests?after=" + lastId);
+    const answer = await get("/requests?after=" + lastId);
     const fresh = await answer.json();
     for (const r of fresh) {  // newest first
       lastId = Math.max(lastId, r.id);
@@ -135,7 +140,7 @@ async function poll() {
       rows.unshift(...fresh);
       render();
     }
-    showState(await (await fetch("/faults")).json());
+    showState(await (await get("/faults")).json());
   } catch (e) {
     document.getElementById("state").textContent = "emulator not reachable";
   }
@@ -151,8 +156,7 @@ function showState(state) {
 }
 
 async function post(path) {
-  const token = document.querySelector('meta[name="admin-token"]').content;
-  const answer = await fetch(path, { method: "POST", headers: { "X-Quorvel-Admin-Token": token } });
+  const answer = await fetch(path, { method: "POST", headers: tokenHeaders });
   showState(await answer.json());
 }
 

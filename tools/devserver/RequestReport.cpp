@@ -1,4 +1,5 @@
 #include "RequestReport.h"
+#include "SafeText.h"
 #include "ServiceRequest.h"
 
 #include <openssl/evp.h>
@@ -30,16 +31,6 @@ const std::vector<std::string>& tellingKeys() {
                                                 "timepassedsincelastlaunch",
                                                 "timestamp"};
   return keys;
-}
-
-bool isUtf8(const std::string& text) {
-  Json probe = text;
-  try {
-    (void)probe.dump();
-    return true;
-  } catch (const Json::exception&) {
-    return false;
-  }
 }
 
 std::string base64(const std::string& bytes) {
@@ -133,40 +124,14 @@ void printRequestsJson(std::ostream& out, const std::vector<StoredRequest>& requ
                  {"host", r.host},   {"service", r.service}, {"path", r.path},
                  {"query", r.query}, {"headers", r.headers}, {"status", r.status},
                  {"note", r.note},   {"repeat", r.repeat}};
-    if (isUtf8(r.body))
+    if (isValidUtf8(r.body))
       item["body"] = r.body;
     else
       item["body_base64"] = base64(r.body);
     item["decrypted"] = r.decrypted ? *r.decrypted : Json();
     list.push_back(std::move(item));
   }
-  out << list.dump(2) << "\n";
-}
-
-std::string terminalSafe(std::string_view text, bool keepNewlines) {
-  static constexpr char kHex[] = "0123456789abcdef";
-  std::string safe;
-  safe.reserve(text.size());
-  const auto escape = [&](unsigned char c) {
-    safe += "\\x";
-    safe.push_back(kHex[c >> 4U]);
-    safe.push_back(kHex[c & 0xFU]);
-  };
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const auto c = static_cast<unsigned char>(text[i]);
-    const auto next = i + 1 < text.size() ? static_cast<unsigned char>(text[i + 1]) : 0U;
-    if (c == '\n' && keepNewlines) {
-      safe.push_back('\n');
-    } else if (c < 0x20U || c == 0x7FU) {
-      escape(c);
-    } else if (c == 0xC2U && next >= 0x80U && next <= 0x9FU) {
-      escape(next);  // a C1 control in UTF-8
-      ++i;
-    } else {
-      safe.push_back(static_cast<char>(c));
-    }
-  }
-  return safe;
+  out << safeJsonText(list) << "\n";
 }
 
 void printRequestsText(std::ostream& out, const std::vector<StoredRequest>& requests, bool full) {

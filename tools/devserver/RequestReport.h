@@ -3,7 +3,6 @@
 
 #include <ostream>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "RequestStore.h"
@@ -11,15 +10,12 @@
 namespace quorvel::devserver {
 
 // One JSON array; bodies that are not UTF-8 text are given in base64 under "body_base64".
+// Always valid JSON, escaped as safeJsonText does.
 void printRequestsJson(std::ostream& out, const std::vector<StoredRequest>& requests);
 
 // A block per request (the telling keys of its clear payload) and totals per service.
 // `full` prints every payload whole.
-// Escaped for a terminal (see terminalSafe).
+// Escaped for a terminal (see terminalSafe in SafeText.h).
 void printRequestsText(std::ostream& out, const std::vector<StoredRequest>& requests, bool full);
-
-// `text` with its control characters (C0 but line breaks where `keepNewlines`, DEL, C1) as
-// "\xNN": what a client sent must not move a terminal's cursor, retitle it or worse.
-std::string terminalSafe(std::string_view text, bool keepNewlines = true);
 
 }  // namespace quorvel::devserver

@@ -1,4 +1,5 @@
 #include "RequestStore.h"
+#include "PrivateFiles.h"
 
 #include <algorithm>
 #include <stdexcept>
@@ -34,6 +35,13 @@ void step(sqlite3* db, sqlite3_stmt* s) {
 }  // namespace
 
 RequestStore::RequestStore(const std::string& path) {
+  if (path != ":memory:") {
+    // Made 0600 before SQLite opens it: SQLite gives its log and shared-memory files the
+    // database's mode, and would make the database 0644.
+    makePrivateFile(path);
+    closeIfPresent(path + "-wal");
+    closeIfPresent(path + "-shm");
+  }
   sqlite3* raw = nullptr;
   const int rc =
       sqlite3_open_v2(path.c_str(), &raw,

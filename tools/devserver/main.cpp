@@ -1,6 +1,7 @@
 // quorvel-devserver: the collection services on this machine, for developing and testing an
 // integration of the library without the real ones.
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -16,8 +17,10 @@
 #include "Certificates.h"
 #include "Emulator.h"
 #include "HttpsFrontend.h"
+#include "PrivateFiles.h"
 #include "RequestReport.h"
 #include "RequestStore.h"
+#include "SafeText.h"
 
 namespace fs = std::filesystem;
 using namespace quorvel::devserver;
@@ -67,20 +70,6 @@ std::optional<int> wholeNumber(const std::string& text) {
   return std::stoi(text);
 }
 
-void writeFileAtomically(const fs::path& path, const std::string& content) {
-  const fs::path temporary = path.string() + ".tmp";
-  {
-    fs::remove(temporary);
-    std::ofstream out(temporary, std::ios::trunc);
-    // Private: it carries the admin token.
-    fs::permissions(temporary, fs::perms::owner_read | fs::perms::owner_write);
-    out << content;
-    if (!out.flush())
-      throw std::runtime_error("cannot write " + temporary.string());
-  }
-  fs::rename(temporary, path);
-}
-
 int serve(const ServeOptions& o) {
   EmulatorConfig config;
   config.domain = o.domain;
@@ -128,8 +117,11 @@ int serve(const ServeOptions& o) {
   sigaddset(&signals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
-  fs::create_directories(o.dataDir);
+  // Everything this process writes is its user's alone. The folder and the database are made
+  // private one by one as well; the mask covers the rest (certificates, temporary files).
+  ::umask(077);
   const fs::path dataDir = fs::absolute(o.dataDir);
+  makePrivateDirectory(dataDir);
   RequestStore store((dataDir / "requests.sqlite").string());
   const Emulator::LogSink log =
       o.quiet ? Emulator::LogSink([](const std::string&) {}) : Emulator::LogSink(logLine);
@@ -156,7 +148,7 @@ int serve(const ServeOptions& o) {
                       {"service_domain", emulator.serviceDomain()},
                       {"ca_file", certificates.caFile},
                       {"database", (dataDir / "requests.sqlite").string()}};
-  writeFileAtomically(dataDir / "server.json", state.dump(2) + "\n");
+  writePrivateFileAtomically(dataDir / "server.json", state.dump(2) + "\n");
   std::cout << "quorvel-devserver ready\n"
             << "  service domain  " << emulator.serviceDomain() << "   (the library's host)\n"
             << "  trust CA        " << certificates.caFile << "\n"

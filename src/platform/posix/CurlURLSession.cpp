@@ -541,10 +541,12 @@ class CurlURLSession final : public URLSession,
     std::unique_ptr<Transfer> t = std::move(it->second);
     active_.erase(it);
     if (!t->refusedRedirect.empty()) {
-      deliver(*t, transportError(CURLE_TOO_MANY_REDIRECTS,
-                                 "redirect to another origin refused (" + t->refusedRedirect +
-                                     "): a request goes only to the origin it names, " +
-                                     originOf(t->task->originalRequest().url)));
+      const std::string why = "redirect to another origin refused (" + t->refusedRedirect +
+                              "): a request goes only to the origin it names, " +
+                              originOf(t->task->originalRequest().url);
+      if (options_.systemLog)
+        options_.systemLog->write("[WARN] Quorvel: " + why);
+      deliver(*t, transportError(CURLE_TOO_MANY_REDIRECTS, why));
     } else if (code != CURLE_OK && !t->tooLarge) {
       deliver(*t, transportError(code, std::string(t->errorBuffer)));
     } else {

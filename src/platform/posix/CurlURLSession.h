@@ -15,6 +15,7 @@
 #include <vector>
 
 #include <quorvel/platform/DispatchQueue.h>
+#include <quorvel/platform/SystemLog.h>
 #include <quorvel/platform/URLSession.h>
 
 namespace quorvel::platform {
@@ -34,6 +35,9 @@ struct CurlSessionOptions {
   // Makes the session's callback queue (a lane of the platform's pool); a thread of the
   // session's own when not given.
   std::shared_ptr<Dispatcher> dispatcher;
+  // Where a refused redirect is told at warning level: a service that points the library
+  // elsewhere is worth a look even when debug logs are off.
+  std::shared_ptr<SystemLog> systemLog;
 };
 
 class CurlURLSession;

@@ -1,6 +1,7 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <fstream>
 #include <string_view>
@@ -46,9 +47,12 @@ std::string firstLine(const std::string& path) {
 }
 
 // "com.example.game" is made by "com.example": every app of one vendor shares the vendor's id.
+// An id of two components or fewer is its vendor whole: "com.alpha" and "com.beta" are two
+// vendors, not two apps of "com".
 std::string vendorOf(const std::string& bundleIdentifier) {
-  const auto dot = bundleIdentifier.rfind('.');
-  return dot == std::string::npos || dot == 0 ? bundleIdentifier : bundleIdentifier.substr(0, dot);
+  if (std::count(bundleIdentifier.begin(), bundleIdentifier.end(), '.') < 2)
+    return bundleIdentifier;
+  return bundleIdentifier.substr(0, bundleIdentifier.rfind('.'));
 }
 
 // The machine id's 16 bytes when it is the usual 32 hex digits; its text otherwise.

@@ -214,7 +214,8 @@ class PosixApplication final : public Application {
 // Fills every empty service of `platform` with its POSIX default.
 void fillWithPosixDefaults(Platform& platform, const PosixPlatformOptions& options);
 // "<base>/quorvel-<uid>" when it is this user's own folder, mode 0700 and no symbolic link
-// (made so when missing); a fresh private folder beside it otherwise, said in `log`.
+// (made so when missing); otherwise the first of "<base>/quorvel-<uid>-1" ... "-8" that is,
+// the same at every start, said in `log`; a fresh folder only when none is.
 std::string privateFallbackDirectory(const std::string& base, SystemLog& log);
 PosixPlatformOptions defaultPosixOptions();
 
