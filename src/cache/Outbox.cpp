@@ -299,6 +299,12 @@ void Outbox::openLocked() {
 // the sync queue, and the counters when the first one is asked for.
 void Outbox::readStoreLocked() {
   noteUnreadableLocked();
+  // What other processes kept while they could not open the store: taken off this thread.
+  std::weak_ptr<Outbox> weak = weak_from_this();
+  syncQueue_->async([weak, store = store_] {
+    if (const auto self = weak.lock())
+      self->adoptGuests(store);
+  });
   leftoversEnd_ = store_->idFloor() - 1;
   lastId_ = std::max(lastId_, leftoversEnd_);
   countersRead_ = false;
@@ -647,6 +653,8 @@ void Outbox::writeBufferedLocked() {
     }
     noted.swap(noted_);
   }
+  if (heldElsewhere_ && lockedOut_)
+    handOverToHolderLocked(batch);
   if (!noted.empty() && !countersRead_ && store_)
     mergeCountersLocked(store_->load(kCountersRecord - 1, 1));  // never written over unread
   for (const auto& [key, value] : noted) {
@@ -748,6 +756,8 @@ void Outbox::writeBufferedLocked() {
         store = self->store_;
       }
       const bool synced = !store || store->sync();
+      if (store)
+        self->adoptGuests(store);
       const std::lock_guard lock(self->storeMutex_);
       self->noteSyncLocked(synced);
     });
@@ -1059,6 +1069,102 @@ void Outbox::tryFreedLock() noexcept {
   } catch (...) {
     // The exit path never throws; the lock is tried again as scheduled.
   }
+}
+
+void Outbox::handOverToHolderLocked(std::vector<Op>& batch) {
+  std::vector<platform::OutboxChange> changes;
+  std::vector<OutboxSlotPtr> slots;
+  for (auto& op : batch) {
+    const auto* put = std::get_if<Put>(&op);
+    if (put == nullptr || !put->intent || put->slot->settled_)
+      continue;
+    try {
+      changes.push_back({++lastId_, serialise(*put)});
+    } catch (const std::exception&) {
+      continue;  // kept in memory like the rest
+    }
+    slots.push_back(put->slot);
+  }
+  if (changes.empty() || !lockedOut_->appendAsGuest(changes))
+    return;
+  // Settled here: the builds that wait for the data directory skip them, and the holder sends
+  // them under its own counters.
+  for (const auto& slot : slots)
+    settleCounted(slot, handedOver_);
+  log_->log(kLogDebug, kMethod,
+            "Quorvel: %lu reports kept on disk for the process that holds the data directory",
+            static_cast<unsigned long>(slots.size()));
+}
+
+void Outbox::adoptGuests(const std::shared_ptr<platform::OutboxStore>& store) {
+  std::vector<Leftover> unbuilt;
+  std::function<void(std::vector<Leftover>)> take;
+  const std::size_t taken = store->adoptGuests([&](std::vector<platform::OutboxRecord> records) {
+    const std::lock_guard lock(storeMutex_);
+    if (store_ != store || !keepGuestRecordsLocked(std::move(records)))
+      return false;
+    if (resumed_) {
+      auto more = releaseLeftoversLocked();
+      unbuilt.insert(unbuilt.end(), std::make_move_iterator(more.begin()),
+                     std::make_move_iterator(more.end()));
+      take = take_;
+    }
+    return true;
+  });
+  if (taken > 0) {
+    const std::lock_guard lock(storeMutex_);
+    log_->log(kLogInfo, kMethod,
+              "Quorvel outbox: reports another process of this app kept for this one are sent "
+              "from here");
+    guestWatchUntil_ = clock_->now() + std::chrono::minutes(1);
+    scheduleGuestWatch();
+  }
+  if (!unbuilt.empty() && take)
+    take(std::move(unbuilt));
+}
+
+bool Outbox::keepGuestRecordsLocked(std::vector<platform::OutboxRecord> records) {
+  if (!store_)
+    return false;
+  std::vector<std::pair<Leftover, std::size_t>> adopted;
+  std::vector<platform::OutboxChange> changes;
+  for (auto& record : records) {
+    auto left = parseLeftover(record);
+    if (!left || left->request)
+      continue;  // a guest keeps only reports it has not built
+    left->slot->id_ = ++lastId_;
+    changes.push_back({left->slot->id_, std::move(record.content)});
+    adopted.emplace_back(std::move(*left), changes.back().content->size());
+  }
+  if (!changes.empty() && !store_->apply(changes))
+    return false;
+  for (auto& [left, bytes] : adopted) {
+    accepted_.fetch_add(1, std::memory_order_relaxed);
+    keepLeftoverLocked(std::move(left), bytes);
+  }
+  return true;
+}
+
+void Outbox::scheduleGuestWatch() {
+  if (guestWatchScheduled_ || clock_->now() >= guestWatchUntil_)
+    return;
+  guestWatchScheduled_ = true;
+  std::weak_ptr<Outbox> weak = weak_from_this();
+  syncQueue_->asyncAfter(std::chrono::seconds(2), [weak] {
+    const auto self = weak.lock();
+    if (!self)
+      return;
+    std::shared_ptr<platform::OutboxStore> store;
+    {
+      const std::lock_guard lock(self->storeMutex_);
+      self->guestWatchScheduled_ = false;
+      store = self->store_;
+    }
+    if (store)
+      self->adoptGuests(store);
+    const std::lock_guard lock(self->storeMutex_);
+    self->scheduleGuestWatch();
+  });
 }
 
 void Outbox::noteUnreadableLocked() {

@@ -49,6 +49,9 @@ class OutboxSlot {
   // Claims the report for its one request; false once a request was made for it. Work that
   // runs inside a report (a delegate called from its answer) may make requests of its own.
   bool claimForRequest() noexcept { return !requestMade_.exchange(true); }
+  // Answered, dropped, or handed to the process that holds the data directory: nothing more
+  // is done for it here.
+  bool settled() const noexcept { return settled_.load(); }
 
  private:
   friend class Outbox;
@@ -256,6 +259,16 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   void rewriteLocked();
   // Counts what the store found unreadable since the last look.
   void noteUnreadableLocked();
+  // While another process holds the store: the unbuilt reports of `batch` go to this process's
+  // guest file for that process to send, and leave the batch.
+  void handOverToHolderLocked(std::vector<Op>& batch);
+  // The holder's side: what guests kept is made this process's own (new numbers, written),
+  // then built and sent like an earlier run's reports. Outside the store's lock.
+  void adoptGuests(const std::shared_ptr<platform::OutboxStore>& store);
+  bool keepGuestRecordsLocked(std::vector<platform::OutboxRecord> records);
+  // Looks for guests every 2 s for a minute after one was seen (an idle holder that saw none
+  // never wakes); a sync looks each time too.
+  void scheduleGuestWatch();
   void countNotKeptLocked();
   // A sync's result: a failure is counted and said once an episode.
   void noteSyncLocked(bool synced);
@@ -336,6 +349,8 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   bool rewriteScheduled_ = false;
   int rewriteAttempt_ = 0;
   std::uint64_t storeUnreadable_ = 0;
+  platform::TimePoint guestWatchUntil_{};
+  bool guestWatchScheduled_ = false;
   bool notKeptLogged_ = false;
   bool syncFailureLogged_ = false;
   platform::TimePoint notBefore_{};  // the service's Retry-After: no retry before it

@@ -40,6 +40,10 @@ void TrackerCore::callServerWithEventName(const std::string& name,
     log_->log(kLogDebug, kCallServerMethod, "Quorvel is stopped: %@ waits in the outbox", name);
     return;
   }
+  if (const auto ticket = ReportLedger::current();
+      ticket && ticket->outbox() && ticket->outbox()->settled()) {
+    return;  // handed over (to the process that holds the data directory) or dropped meanwhile
+  }
   if (!outbox_->numberingIsSafe()) {
     // Its counters are given below: not before this process knows the last ones given. It
     // took no place in the build throttle on its way here, so it queues for one again.

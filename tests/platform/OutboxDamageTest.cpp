@@ -135,5 +135,30 @@ TEST_F(OutboxDamageTest, AnOldSchemaIsMigratedInPlace) {
   EXPECT_EQ(filesStartingWith(dir / "Library", "QuorvelOutbox.sqlite.corrupt-"), 0U);
 }
 
+// A second opener, refused the store, keeps its records in a file of its own; the holder takes
+// each file whole, and a guest whose file was taken starts another: nothing is lost or taken
+// twice.
+TEST_F(OutboxDamageTest, AGuestsRecordsGoToTheHolderOnce) {
+  SqliteOutboxStore holder(file());
+  SqliteOutboxStore guest(file());
+  std::string reason;
+  ASSERT_TRUE(holder.open(reason)) << reason;
+  ASSERT_FALSE(guest.open(reason));
+  ASSERT_TRUE(guest.heldByAnotherProcess());
+  std::vector<std::string> taken;
+  const auto keep = [&](const std::vector<OutboxRecord>& records) {
+    for (const auto& r : records)
+      taken.push_back(r.content);
+    return true;
+  };
+  ASSERT_TRUE(guest.appendAsGuest({{1, "a"}, {2, "b"}}));
+  EXPECT_EQ(holder.adoptGuests(keep), 1U);
+  ASSERT_TRUE(guest.appendAsGuest({{3, "c"}}));  // its first file is gone: a new one
+  EXPECT_EQ(holder.adoptGuests([](const std::vector<OutboxRecord>&) { return false; }), 0U);
+  EXPECT_EQ(holder.adoptGuests(keep), 1U);  // refused once, kept for the next look
+  EXPECT_EQ(holder.adoptGuests(keep), 0U);
+  EXPECT_EQ(taken, (std::vector<std::string>{"a", "b", "c"}));
+}
+
 }  // namespace
 }  // namespace quorvel::platform

@@ -2,7 +2,9 @@
 // numbered records of text, changed in batches, each batch all or nothing.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -63,6 +65,20 @@ class OutboxStore {
   // What the store did to heal itself (a damaged file set aside, its records saved), once,
   // for the log; empty when nothing happened since the last call.
   virtual std::string takeHealingNote() { return {}; }
+
+  // While another process holds the store: keeps `changes` (records of reports this process
+  // will not send) in a file of this process's own beside the store, for the holder to take.
+  // False when it cannot; the library then keeps them in memory.
+  virtual bool appendAsGuest(const std::vector<OutboxChange>& /*changes*/) noexcept {
+    return false;
+  }
+  // For the holder: hands the records other processes kept that way to `keep`, one file at a
+  // time, and removes a file once `keep` returned true (it made them its own). The number of
+  // files taken.
+  virtual std::size_t adoptGuests(
+      const std::function<bool(std::vector<OutboxRecord>)>& /*keep*/) noexcept {
+    return 0;
+  }
 };
 
 }  // namespace quorvel::platform

@@ -1,6 +1,7 @@
 #include "platform/posix/OutboxIntake.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -125,6 +126,22 @@ std::shared_ptr<OutboxIntake> OutboxIntake::adopt(const std::string& path,
   }
   intake->size_ = file.size();
   return intake;
+}
+
+bool OutboxIntake::lock() noexcept {
+  int rc = 0;
+  while ((rc = ::flock(fd_, LOCK_EX)) != 0 && errno == EINTR) {
+  }
+  return rc == 0;
+}
+
+void OutboxIntake::unlock() noexcept {
+  ::flock(fd_, LOCK_UN);
+}
+
+bool OutboxIntake::removed() const noexcept {
+  struct stat info {};
+  return ::fstat(fd_, &info) != 0 || info.st_nlink == 0;
 }
 
 OutboxIntake::~OutboxIntake() {

@@ -44,6 +44,11 @@ class OutboxIntake {
   bool append(const std::vector<OutboxChange>& changes, std::vector<Place>& places) noexcept;
   // A content written earlier; false when it cannot be read back.
   bool readAt(Place place, std::string& content) const noexcept;
+  // For a file two processes share: an exclusive advisory lock around a write or a taking.
+  bool lock() noexcept;
+  void unlock() noexcept;
+  // True once the file was removed (another process took what it held).
+  bool removed() const noexcept;
 
  private:
   explicit OutboxIntake(int fd) : fd_(fd) {}

@@ -89,6 +89,7 @@ class Transaction {
 };
 
 constexpr const char* kIntakeSuffix = ".intake-";
+constexpr const char* kGuestSuffix = ".guest-";
 // The schema this build writes: `user_version` 1 is the outbox table of (id, content). A
 // database of version 0 with that table is the same schema from before it was numbered.
 constexpr int kSchemaVersion = 1;
@@ -670,6 +671,80 @@ bool SqliteOutboxStore::syncOnce() noexcept {
   return committed && checkpointed;
 }
 
+// A guest's records go to a file of its own: the holder takes a whole file at a time under its
+// lock and removes it, and a guest that finds its file removed starts another, so that no
+// record is written into a file already taken.
+bool SqliteOutboxStore::appendAsGuest(const std::vector<OutboxChange>& changes) noexcept {
+  try {
+    const std::lock_guard lock(guestMutex_);
+    std::error_code ec;
+    std::filesystem::create_directories(std::filesystem::path(path_).parent_path(), ec);
+    for (int attempt = 0; attempt < 2; ++attempt) {
+      if (!guest_) {
+        std::string reason;
+        const std::string name = path_ + kGuestSuffix + std::to_string(::getpid()) + "-" +
+                                 std::to_string(++guestNumber_);
+        guest_ = OutboxIntake::create(name, reason);
+        if (!guest_)
+          return false;
+      }
+      if (!guest_->lock())
+        return false;
+      if (guest_->removed()) {
+        guest_->unlock();
+        guest_.reset();
+        continue;
+      }
+      std::vector<OutboxIntake::Place> places;
+      const bool written = guest_->append(changes, places);
+      guest_->unlock();
+      return written;
+    }
+  } catch (...) {
+  }
+  return false;
+}
+
+std::size_t SqliteOutboxStore::adoptGuests(
+    const std::function<bool(std::vector<OutboxRecord>)>& keep) noexcept {
+  std::size_t taken = 0;
+  try {
+    const std::filesystem::path database(path_);
+    const std::string prefix = database.filename().string() + kGuestSuffix;
+    std::vector<std::string> files;
+    std::error_code ec;
+    for (std::filesystem::directory_iterator it(database.parent_path(), ec), end; !ec && it != end;
+         it.increment(ec)) {
+      if (it->path().filename().string().starts_with(prefix))
+        files.push_back(it->path().string());
+    }
+    for (const auto& file : files) {
+      std::vector<OutboxIntake::Entry> entries;
+      const auto guest = OutboxIntake::adopt(file, entries);
+      if (!guest || !guest->lock())
+        continue;
+      entries.clear();
+      const auto locked = OutboxIntake::adopt(file, entries);  // read again under the lock
+      std::map<std::int64_t, OutboxIntake::Entry> latest;
+      for (const auto& entry : entries)
+        latest.insert_or_assign(entry.id, entry);
+      std::vector<OutboxRecord> records;
+      for (const auto& [id, entry] : latest) {
+        OutboxRecord record{id, {}};
+        if (!entry.removed && locked && locked->readAt(entry.place, record.content))
+          records.push_back(std::move(record));
+      }
+      if (!guest->removed() && keep(std::move(records))) {
+        ::unlink(file.c_str());
+        ++taken;
+      }
+      guest->unlock();
+    }
+  } catch (...) {
+  }
+  return taken;
+}
+
 bool SqliteOutboxStore::destroy() noexcept {
   const std::lock_guard lock(syncMutex_);
   // The lock is held until the files are gone, so that no other process opens them halfway.
@@ -682,6 +757,8 @@ bool SqliteOutboxStore::destroy() noexcept {
   try {
     for (const auto& [number, file] : intakeFiles())
       removed = (::unlink(file.c_str()) == 0 || errno == ENOENT) && removed;
+    // What other processes kept for this one goes with it.
+    adoptGuests([](const std::vector<OutboxRecord>&) { return true; });
   } catch (...) {
     removed = false;
   }

@@ -43,6 +43,9 @@ class SqliteOutboxStore final : public OutboxStore {
   std::uint64_t unreadableRecords() const noexcept override { return unreadable_.load(); }
   // What the last healing did (the file set aside, the records saved), once; empty if none.
   std::string takeHealingNote() override;
+  bool appendAsGuest(const std::vector<OutboxChange>& changes) noexcept override;
+  std::size_t adoptGuests(
+      const std::function<bool(std::vector<OutboxRecord>)>& keep) noexcept override;
 
  private:
   // A change in an intake file, not yet in the database.
@@ -97,6 +100,12 @@ class SqliteOutboxStore final : public OutboxStore {
   mutable std::mutex noteMutex_;
   std::string lastError_;
   std::string healingNote_;
+
+  // This process's guest file, while another one holds the store: a new one each time the
+  // holder took the last.
+  std::mutex guestMutex_;
+  std::shared_ptr<OutboxIntake> guest_;
+  std::uint64_t guestNumber_ = 0;
 
   std::mutex adoptMutex_;  // taken before the intake's
   std::vector<std::pair<std::uint64_t, std::string>> toAdopt_;
