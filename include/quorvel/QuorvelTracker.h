@@ -221,14 +221,18 @@ class QuorvelTracker {
   // --- Consent ---------------------------------------------------------------------------
   // Stops the library, now and at every later start until setStopped(false): while stopped it
   // collects, builds, stores and sends nothing, and every call other than these two, the log
-  // switches, flush and deliveryStats returns at once with one debug line. What was accepted
+  // switches, flush, deliveryStats and the settings that say nothing about the user (key, app
+  // id, host, delegate, switches) returns at once with one debug line; those settings apply
+  // once it runs again. No answer that comes after the stop is applied. What was accepted
   // before the stop stays in the outbox and goes once the library runs again.
   void setStopped(bool stopped) noexcept;
   bool isStopped() const noexcept;
   // Stops, then removes everything the library keeps for this app: identifiers, counters,
-  // kept requests, the outbox, conversion data, secure-store items. The next start after
-  // setStopped(false) is a fresh install. Idempotent; a kill during it is finished by the next
-  // start. False when something could not be removed now (logged; the next start retries).
+  // kept requests, the outbox, conversion data, secure-store items, and what this process
+  // holds of the user (customer user id, e-mails, custom data). The next launch after
+  // setStopped(false), in this process or a later one, is a fresh install. Idempotent; a kill
+  // during it is finished by the next start. False when something could not be removed now (logged;
+  // the next start retries).
   bool forgetThisInstall() noexcept;
 
   // --- Deep links and push payloads ----------------------------------------------------

@@ -39,7 +39,7 @@ extern "C" {
 /* The version of the C API this header describes. A library accepts hosts built with its own
  * version or an older one of the same major version. */
 #define QUORVEL_C_API_VERSION_MAJOR 1
-#define QUORVEL_C_API_VERSION_MINOR 1 /* 1: the host-supplied transport */
+#define QUORVEL_C_API_VERSION_MINOR 2 /* 1: the host-supplied transport, 2: QUORVEL_STOPPED */
 #define QUORVEL_C_API_VERSION (QUORVEL_C_API_VERSION_MAJOR * 1000 + QUORVEL_C_API_VERSION_MINOR)
 
 typedef enum quorvel_status {
@@ -48,7 +48,8 @@ typedef enum quorvel_status {
   QUORVEL_ERROR_BUFFER_TOO_SMALL = 2, /* `*length` says how many bytes are needed */
   QUORVEL_ERROR_VERSION_MISMATCH = 3, /* the header is newer than the library */
   QUORVEL_ERROR_FAILED = 4,           /* the library could not do it (see its log) */
-  QUORVEL_ERROR_TIMED_OUT = 5         /* a flush ended with reports still unanswered */
+  QUORVEL_ERROR_TIMED_OUT = 5,        /* a flush ended with reports still unanswered */
+  QUORVEL_STOPPED = 6                 /* the library is stopped: the call did nothing */
 } quorvel_status;
 
 typedef struct quorvel_tracker quorvel_tracker;
@@ -243,7 +244,9 @@ QUORVEL_C_API quorvel_status quorvel_get_delivery_stats(quorvel_tracker* tracker
 
 /* --- Consent ------------------------------------------------------------------------------ */
 
-/* Stops (1) or lets run (0); kept across starts. */
+/* Stops (1) or lets run (0); kept across starts. While stopped, the settings (key, app id,
+ * service domain, callbacks, ...) are still taken and apply once it runs; the calls that
+ * collect or send return QUORVEL_STOPPED and do nothing. */
 QUORVEL_C_API quorvel_status quorvel_set_stopped(quorvel_tracker* tracker, int stopped);
 QUORVEL_C_API int quorvel_is_stopped(quorvel_tracker* tracker);
 /* Stops, then removes everything the library keeps for the app. */

@@ -7,6 +7,7 @@
 #include <quorvel/quorvel.h>
 
 #include <cstring>
+#include <utility>
 
 #include "capi/CTracker.h"
 
@@ -105,6 +106,14 @@ quorvel_status withTracker(quorvel_tracker* handle, Call&& call) {
   }
 }
 
+// The same for the calls that a stopped library refuses: they say so instead of QUORVEL_OK.
+template <typename Call>
+quorvel_status withRunningTracker(quorvel_tracker* handle, Call&& call) {
+  if (handle != nullptr && handle->tracker && handle->tracker->isStopped())
+    return QUORVEL_STOPPED;
+  return withTracker(handle, std::forward<Call>(call));
+}
+
 }  // namespace
 }  // namespace quorvel::capi
 
@@ -127,6 +136,7 @@ quorvel_tracker* makeCTrackerHandle(std::shared_ptr<const Platform> platform) no
 using quorvel::Json;
 using quorvel::QuorvelTracker;
 using quorvel::capi::textOf;
+using quorvel::capi::withRunningTracker;
 using quorvel::capi::withTracker;
 
 extern "C" {
@@ -159,6 +169,8 @@ const char* quorvel_status_text(quorvel_status status) {
       return "failed";
     case QUORVEL_ERROR_TIMED_OUT:
       return "timed out";
+    case QUORVEL_STOPPED:
+      return "stopped: the call did nothing";
   }
   return "unknown status";
 }
@@ -225,7 +237,7 @@ quorvel_status quorvel_set_app_id(quorvel_tracker* tracker, const char* app_id, 
 
 quorvel_status quorvel_set_customer_user_id(quorvel_tracker* tracker, const char* id,
                                             size_t length) {
-  return withTracker(tracker, [&](QuorvelTracker& t) {
+  return withRunningTracker(tracker, [&](QuorvelTracker& t) {
     t.setCustomerUserID(textOf(id, length));
     return QUORVEL_OK;
   });
@@ -255,13 +267,13 @@ quorvel_status quorvel_set_min_time_between_sessions(quorvel_tracker* tracker, u
 
 quorvel_status quorvel_get_uid(quorvel_tracker* tracker, char* buffer, size_t capacity,
                                size_t* length) {
-  return withTracker(tracker, [&](QuorvelTracker& t) {
+  return withRunningTracker(tracker, [&](QuorvelTracker& t) {
     return quorvel::capi::copyOut(t.getQuorvelUID(), buffer, capacity, length);
   });
 }
 
 quorvel_status quorvel_track_app_launch(quorvel_tracker* tracker) {
-  return withTracker(tracker, [&](QuorvelTracker& t) {
+  return withRunningTracker(tracker, [&](QuorvelTracker& t) {
     t.trackAppLaunch();
     return QUORVEL_OK;
   });
@@ -271,7 +283,7 @@ quorvel_status quorvel_track_event(quorvel_tracker* tracker, const char* name, s
                                    const char* value, size_t value_length) {
   if (name == nullptr)
     return QUORVEL_ERROR_INVALID_ARGUMENT;
-  return withTracker(tracker, [&](QuorvelTracker& t) {
+  return withRunningTracker(tracker, [&](QuorvelTracker& t) {
     t.trackEvent(std::string(name, name_length), textOf(value, value_length));
     return QUORVEL_OK;
   });
@@ -282,7 +294,7 @@ quorvel_status quorvel_track_event_with_values(quorvel_tracker* tracker, const c
                                                size_t values_json_length) {
   if (name == nullptr || values_json == nullptr)
     return QUORVEL_ERROR_INVALID_ARGUMENT;
-  return withTracker(tracker, [&](QuorvelTracker& t) {
+  return withRunningTracker(tracker, [&](QuorvelTracker& t) {
     Json values = Json::parse(std::string_view(values_json, values_json_length), nullptr, false);
     if (!values.is_object())
       return QUORVEL_ERROR_INVALID_ARGUMENT;
@@ -295,7 +307,7 @@ quorvel_status quorvel_handle_open_url(quorvel_tracker* tracker, const char* url
                                        const char* source, size_t source_length) {
   if (url == nullptr)
     return QUORVEL_ERROR_INVALID_ARGUMENT;
-  return withTracker(tracker, [&](QuorvelTracker& t) {
+  return withRunningTracker(tracker, [&](QuorvelTracker& t) {
     t.handleOpenURL(std::string(url, url_length), textOf(source, source_length));
     return QUORVEL_OK;
   });
@@ -305,7 +317,7 @@ quorvel_status quorvel_continue_web_link(quorvel_tracker* tracker, const char* u
                                          size_t url_length) {
   if (url == nullptr)
     return QUORVEL_ERROR_INVALID_ARGUMENT;
-  return withTracker(tracker, [&](QuorvelTracker& t) {
+  return withRunningTracker(tracker, [&](QuorvelTracker& t) {
     quorvel::QuorvelUserActivity activity;
     activity.activityType = quorvel::kQuorvelUserActivityTypeBrowsingWeb;
     activity.webpageURL = std::string(url, url_length);
@@ -326,7 +338,7 @@ quorvel_status quorvel_validate_and_track_purchase(quorvel_tracker* tracker,
   quorvel_purchase p;
   if (!quorvel::capi::readSized(given, p))
     return QUORVEL_ERROR_INVALID_ARGUMENT;
-  return withTracker(tracker, [&](QuorvelTracker& t) {
+  return withRunningTracker(tracker, [&](QuorvelTracker& t) {
     const auto box = tracker->callbacks;
     const auto report = [box, callback = p.callback, userData = p.user_data](
                             bool succeeded, const quorvel::Json& answer) {
@@ -360,7 +372,7 @@ quorvel_status quorvel_register_uninstall(quorvel_tracker* tracker, const uint8_
                                           size_t length) {
   if (token == nullptr || length == 0)
     return QUORVEL_ERROR_INVALID_ARGUMENT;
-  return withTracker(tracker, [&](QuorvelTracker& t) {
+  return withRunningTracker(tracker, [&](QuorvelTracker& t) {
     t.registerUninstall(quorvel::Bytes(token, token + length));
     return QUORVEL_OK;
   });
@@ -385,7 +397,7 @@ quorvel_status quorvel_set_callbacks(quorvel_tracker* tracker, const quorvel_cal
 }
 
 quorvel_status quorvel_get_conversion_data(quorvel_tracker* tracker) {
-  return withTracker(tracker, [&](QuorvelTracker& t) {
+  return withRunningTracker(tracker, [&](QuorvelTracker& t) {
     t.getConversionData();
     return QUORVEL_OK;
   });

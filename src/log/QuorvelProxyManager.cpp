@@ -67,6 +67,14 @@ void QuorvelProxyManager::clearData() {
   requestSize_.store(0, std::memory_order_relaxed);
 }
 
+void QuorvelProxyManager::forgetInstall() {
+  proxyEnabledFromServer_.store(false, std::memory_order_relaxed);
+  std::lock_guard guard(lock_);
+  events_.clear();
+  requestSize_.store(0, std::memory_order_relaxed);
+  proxyRdDict_ = Json::object();
+}
+
 void QuorvelProxyManager::dropPreLaunchData() {
   clearData();
 }

@@ -58,6 +58,9 @@ class QuorvelProxyManager {
   void startRemoteDebugging();
   void stopRemoteDebugging();
   void clearData();
+  // The collected lines, the static block (who the install is) and the service's request to
+  // collect go: a fresh install starts without them.
+  void forgetInstall();
   void dropPreLaunchData();
 
   bool proxyEnabledFromServer() const noexcept {

@@ -118,7 +118,8 @@ void QuorvelHTTPClient::post(const QuorvelRequestCacheData& request, std::string
                              ReportLedger::TicketPtr ticket) {
   static constexpr const char* kMethod =
       "-[QuorvelHTTPClient sendRequestEventToServer:isRequestFromCache:appID:isDebug:onSuccess:]";
-  if (stopped_ && stopped_()) {
+  const auto generation = consentGeneration();
+  if (stopped()) {
     const ReportLedger::Scope scope(ticket);
     handleTrackingAnswer(request, origin, slot, std::nullopt, std::nullopt,
                          Error{platform::kURLErrorDomain, -999, "Quorvel is stopped"}, onSuccess);
@@ -132,14 +133,32 @@ void QuorvelHTTPClient::post(const QuorvelRequestCacheData& request, std::string
   log_->log(kLogInfo, kMethod, "sending request to server ");
   auto self = shared_from_this();
   auto task = platform_->urlSessions->sharedSession()->dataTask(
-      std::move(http),
-      [self, request, origin, slot = std::move(slot), onSuccess = std::move(onSuccess),
-       ticket = std::move(ticket)](const auto& body, const auto& response, const auto& error) {
+      std::move(http), [self, request, origin, slot = std::move(slot),
+                        onSuccess = std::move(onSuccess), ticket = std::move(ticket),
+                        generation](const auto& body, const auto& response, const auto& error) {
         // What the answer starts (the conversion data of a launch) belongs to the report.
         const ReportLedger::Scope scope(ticket);
+        if (!self->consentHolds(generation)) {
+          self->settleAfterConsentChanged(slot, !error);
+          return;
+        }
         self->handleTrackingAnswer(request, origin, slot, body, response, error, onSuccess);
       });
   task->resume();
+}
+
+void QuorvelHTTPClient::settleAfterConsentChanged(const OutboxSlotPtr& slot, bool answered) {
+  log_->log(kLogDebug, "-[QuorvelHTTPClient sendRequestEventToServer:]_block_invoke",
+            "Quorvel was stopped while the request was on its way: its answer is ignored");
+  if (!outbox_ || !slot)
+    return;  // a forgetting settled it already
+  // Delivered, it must not go twice; unanswered, it waits for a start that runs.
+  if (answered) {
+    outbox_->answered(slot);
+  } else {
+    const auto ticket = ReportLedger::current();
+    outbox_->failed(slot, ticket ? ticket->buildPermit() : nullptr);
+  }
 }
 
 bool QuorvelHTTPClient::ownsKeptFolder() const {
@@ -163,7 +182,7 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
       if (request.sdkVersion() != std::optional<std::string>(kQuorvelSDKVersion))
         cache_->deleteRequest(request);
       cache_->sendNextCachedEvents();
-    } else if (origin == Origin::fresh && ownsKeptFolder() && !(stopped_ && stopped_()) &&
+    } else if (origin == Origin::fresh && ownsKeptFolder() && !stopped() &&
                cache_->cacheRequest(request,
                                     slot ? std::optional(slot->acceptedAt()) : std::nullopt)) {
       // The kept-request folder holds it now, and replays it after the next answer.
@@ -258,6 +277,8 @@ void QuorvelHTTPClient::sendRequestWithConfiguration(const std::string& url,
   request.method = "POST";
   request.headers = {{"Content-Type", "application/text"}};
   request.body = Bytes(data.begin(), data.end());
+  if (stopped())
+    return;  // built before the stop; it goes nowhere after it
   if (!platform_->device->capabilities().fireAndForgetInBackgroundSession) {
     backgroundCallWithRequest(std::move(request));
   } else if (bgSession_) {

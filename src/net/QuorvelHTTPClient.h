@@ -21,6 +21,7 @@
 #include "log/Log.h"
 #include "log/QuorvelProxyManager.h"
 #include "net/ReportLedger.h"
+#include "platform/ConsentGate.h"
 #include "util/PercentEscape.h"
 
 namespace quorvel {
@@ -96,9 +97,13 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
   static std::pair<std::string, std::string> signature(const std::string& devKey,
                                                        platform::TimePoint now);
 
-  // While it answers true, tracking requests fail at once, without a connection: what was
-  // already under way when the host stopped the library goes no further than the outbox.
-  void setStopCheck(std::function<bool()> stopped) { stopped_ = std::move(stopped); }
+  // While the library is stopped, tracking requests fail at once, without a connection: what
+  // was already under way when the host stopped it goes no further than the outbox. An answer
+  // that comes after a stop or a forgetting is not applied: nothing of it is stored or cached,
+  // and it starts nothing.
+  void setConsent(std::shared_ptr<const platform::ConsentGate> consent) {
+    consent_ = std::move(consent);
+  }
 
  private:
   // False while another process holds the data directory: its folder is that process's.
@@ -107,6 +112,15 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
   enum class Origin { fresh, cache, outbox };
   void post(const QuorvelRequestCacheData& request, std::string url, Origin origin,
             OutboxSlotPtr slot, std::function<void()> onSuccess, ReportLedger::TicketPtr ticket);
+  bool stopped() const { return consent_ && consent_->stopped(); }
+  platform::ConsentGate::Generation consentGeneration() const {
+    return consent_ ? consent_->generation() : 0;
+  }
+  bool consentHolds(platform::ConsentGate::Generation start) const {
+    return !consent_ || consent_->holds(start);
+  }
+  // An answer that came after the consent changed: the outbox alone learns of it.
+  void settleAfterConsentChanged(const OutboxSlotPtr& slot, bool answered);
   void handleTrackingAnswer(const QuorvelRequestCacheData& request, Origin origin,
                             const OutboxSlotPtr& slot, const std::optional<Bytes>& body,
                             const std::optional<platform::URLResponse>& response,
@@ -118,7 +132,7 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
 
   std::shared_ptr<const Platform> platform_;
   QuorvelProxyManager& remoteDebugging_;
-  std::function<bool()> stopped_;
+  std::shared_ptr<const platform::ConsentGate> consent_;
   std::shared_ptr<const Log> log_;
   std::shared_ptr<QuorvelRequestCache> cache_;
   std::shared_ptr<ReportLedger> ledger_;

@@ -20,11 +20,35 @@ namespace {
 // platform/ForkGeneration.h. Nothing is logged there either, as the log's lock may have been
 // held by a thread that did not come along.
 // While the host has stopped the library, a call does nothing but say so, except what the host
-// needs to see and leave that state: the log switches, flush and the delivery figures.
+// needs to see and leave that state (the log switches, flush and the delivery figures) and the
+// configuration it sets at start, which says nothing about the user and must be in place when
+// the library runs again.
 bool refusedWhileStopped(const TrackerCore& core, std::string_view method) {
   static constexpr std::string_view kAllowed[] = {
-      "-[QuorvelTracker setIsDebug:]", "-[QuorvelTracker setIsTrace:]", "-[QuorvelTracker isDebug]",
-      "-[QuorvelTracker deliveryStats]"};
+      "-[QuorvelTracker setIsDebug:]",
+      "-[QuorvelTracker setIsTrace:]",
+      "-[QuorvelTracker isDebug]",
+      "-[QuorvelTracker deliveryStats]",
+      "-[QuorvelTracker setQuorvelDevKey:]",
+      "-[QuorvelTracker quorvelDevKey]",
+      "-[QuorvelTracker setAppleAppID:]",
+      "-[QuorvelTracker appleAppID]",
+      "-[QuorvelTracker setHost:]",
+      "-[QuorvelTracker host]",
+      "-[QuorvelTracker setDelegate:]",
+      "-[QuorvelTracker delegate]",
+      "-[QuorvelTracker setCurrencyCode:]",
+      "-[QuorvelTracker currencyCode]",
+      "-[QuorvelTracker setMinTimeBetweenSessions:]",
+      "-[QuorvelTracker setShouldCollectDeviceName:]",
+      "-[QuorvelTracker setDeviceTrackingDisabled:]",
+      "-[QuorvelTracker setDisableAppleAdSupportTracking:]",
+      "-[QuorvelTracker setDisableIAdTracking:]",
+      "-[QuorvelTracker setUseReceiptValidationSandbox:]",
+      "-[QuorvelTracker setUseUninstallSandbox:]",
+      "-[QuorvelTracker setAppInviteHopline:]",
+      "-[QuorvelTracker setExitFlushTimeout:]",
+      "-[QuorvelTracker getSDKVersion]"};
   if (!core.isStopped() ||
       std::find(std::begin(kAllowed), std::end(kAllowed), method) != std::end(kAllowed))
     return false;

@@ -33,8 +33,10 @@ void TrackerCore::loadConversionDataWithDelegate(std::weak_ptr<QuorvelTrackerDel
 
 void TrackerCore::getConversionData() {
   const auto d = delegate();
-  if (!d || !d->onConversionDataReceived)
+  if (!d || !d->onConversionDataReceived || isStopped())
     return;
+  // Nothing of this call reaches the delegate or the disk after a stop or a forgetting.
+  const auto generation = consent_->generation();
   // Called by a host, the delivery to its delegate is a report of its own.
   const ReportLedger::Scope report(ledger_->currentOrOpen());
   const Platform& p = *platform_;
@@ -51,7 +53,10 @@ void TrackerCore::getConversionData() {
     std::weak_ptr<QuorvelTrackerDelegate> weak = d;
     p.dispatcher->mainQueue()->asyncAfter(
         std::chrono::milliseconds(1),
-        carryReport(ReportLedger::current(), [weak, log = log_, data = *cached] {
+        carryReport(ReportLedger::current(), [weak, log = log_, data = *cached, consent = consent_,
+                                              generation] {
+          if (!consent->holds(generation))
+            return;
           log->log(kLogDebug, "-[QuorvelTracker getConversionData]_block_invoke",
                    "conversion data description:\n %@", data);
           if (const auto current = weak.lock(); current && current->onConversionDataReceived) {
@@ -65,19 +70,24 @@ void TrackerCore::getConversionData() {
     if (prefs.integerForKey(keys::kConversionDataRequestRetries) >=
         kNumberOfConversionDataRequestsTreshhold)
       return;
+    const std::string uid = getQuorvelUID();
+    if (!consent_->holds(generation))
+      return;
     const std::string url = format("https://sdk.%@/install_data/v3/id%@?devkey=%@&device_id=%@",
-                                   host(), appleAppID(), quorvelDevKey(), getQuorvelUID());
+                                   host(), appleAppID(), quorvelDevKey(), uid);
     log_->log(kLogDebug, kGet, "calling URL (conversion data): %@", url);
     platform::URLRequest request;
     request.url = url;
     auto self = self_;
     p.urlSessions->sharedSession()
         ->dataTask(std::move(request),
-                   [self, start, ticket = ReportLedger::current()](
+                   [self, start, generation, ticket = ReportLedger::current()](
                        const auto& body, const auto& response, const auto& error) {
                      const ReportLedger::Scope report(ticket);
-                     if (const auto tracker = self->pin()) {
-                       tracker->handleConversionDataAnswer(body, response, error, start);
+                     const auto tracker = self->pin();
+                     if (tracker && tracker->consent_->holds(generation)) {
+                       tracker->handleConversionDataAnswer(body, response, error, start,
+                                                           generation);
                      }
                    })
         ->resume();
@@ -91,7 +101,8 @@ void TrackerCore::getConversionData() {
 void TrackerCore::handleConversionDataAnswer(const std::optional<Bytes>& body,
                                              const std::optional<platform::URLResponse>& response,
                                              const std::optional<Error>& error,
-                                             platform::TimePoint start) {
+                                             platform::TimePoint start,
+                                             platform::ConsentGate::Generation generation) {
   const Platform& p = *platform_;
   auto& prefs = *p.preferences;
   const auto d = delegate();
@@ -99,9 +110,10 @@ void TrackerCore::handleConversionDataAnswer(const std::optional<Bytes>& body,
     if (listensForFailures(d)) {
       std::weak_ptr<QuorvelTrackerDelegate> weak = d;
       p.dispatcher->mainQueue()->asyncAfter(
-          std::chrono::milliseconds(1), carryReport(ReportLedger::current(), [weak, e = *error] {
+          std::chrono::milliseconds(1),
+          carryReport(ReportLedger::current(), [weak, e = *error, consent = consent_, generation] {
             if (const auto current = weak.lock();
-                current && current->onConversionDataRequestFailure) {
+                consent->holds(generation) && current && current->onConversionDataRequestFailure) {
               current->onConversionDataRequestFailure(e);
             }
           }));
@@ -140,6 +152,8 @@ void TrackerCore::handleConversionDataAnswer(const std::optional<Bytes>& body,
     failure = Error{kErrorDomain, 0, "Quorvel bad JSON response."};
   } else {
     QuorvelUtils::recursivelyRemoveNulls(parsed);
+    if (!consent_->holds(generation))
+      return;
     if (const auto it = parsed.find("iscache"); it != parsed.end()) {
       const bool fresh =
           (it->is_boolean() && !it->get<bool>()) || (it->is_number() && it->get<double>() == 0);

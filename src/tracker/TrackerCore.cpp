@@ -15,6 +15,7 @@
 #include "tracker/TrackerLifetime.h"
 #include "util/HostInput.h"
 #include "util/NoDestructor.h"
+#include "util/PreferenceKeys.h"
 
 namespace quorvel {
 namespace {
@@ -49,6 +50,15 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
                          std::shared_ptr<LogSwitches> logSwitches)
     : platform_(std::move(platform)),
       remoteDebugging_(remoteDebugging),
+      consent_(std::make_shared<platform::ConsentGate>(
+          [prefs = platform_->preferences, fs = platform_->fileSystem,
+           marker = stopMarkerPath(*platform_)] {
+            return prefs->boolForKey(keys::kStopped) || fs->fileExists(marker);
+          },
+          [fs = platform_->fileSystem, marker = stopMarkerPath(*platform_)] {
+            return fs->fileExists(marker);
+          },
+          platform_->clock)),
       log_(std::make_shared<const Log>(
           logSwitches ? std::move(logSwitches) : std::make_shared<LogSwitches>(), platform_->clock,
           platform_->systemLog, &remoteDebugging_)),
@@ -81,10 +91,7 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
                                      platform_->clock, log_, Outbox::Limits{});
   httpClient_ =
       QuorvelHTTPClient::create(platform_, remoteDebugging_, log_, requestCache_, ledger_, outbox_);
-  httpClient_->setStopCheck([self = self_] {
-    const auto tracker = self->pin();
-    return tracker && tracker->isStopped();
-  });
+  httpClient_->setConsent(consent_);
   outbox_->setResend(
       [client = std::weak_ptr<QuorvelHTTPClient>(httpClient_)](
           const OutboxSlotPtr& slot, const QuorvelRequestCacheData& request, double waited) {
@@ -122,7 +129,10 @@ TrackerCore::~TrackerCore() {
   // Calls still in the intake go into the outbox, and so to the next start.
   acceptIntake();
   self_->end();
-  platform_->preferences->synchronize();
+  // A stop wrote what came before it; after it (maybe another process's forgetting) this
+  // process's copy of the preferences is not written back.
+  if (!isStopped())
+    platform_->preferences->synchronize();
   outbox_->drainAndSync();
 }
 
@@ -395,6 +405,8 @@ void TrackerCore::remoteDebuggingCallWithData(const std::string& data) {
 }
 
 void TrackerCore::sendRemoteDebuggingData() {
+  if (isStopped())
+    return;  // its static block would be written again, with the identifiers
   remoteDebugging_.sendRemoteDebuggingData(
       *platform_,
       [this] {

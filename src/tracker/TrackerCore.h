@@ -22,6 +22,7 @@
 
 #include "cache/Outbox.h"
 #include "net/ReportLedger.h"
+#include "platform/ConsentGate.h"
 #include "platform/ForkGeneration.h"
 #include "util/MpscQueue.h"
 
@@ -300,6 +301,8 @@ class TrackerCore {
   // The host's consent switch, kept in the preferences (read once, at the first question).
   bool isStopped() const;
   void setStopped(bool stopped);
+  // What sends and answers check: a stop or a forgetting raises its generation.
+  const platform::ConsentGate& consent() const { return *consent_; }
   // Stops, then removes every identifier, counter, kept request, outbox record, conversion
   // datum and secure-store item of this app. False when some of it is left for the next
   // start to finish.
@@ -312,8 +315,14 @@ class TrackerCore {
 
  private:
   std::string forgetMarkerPath() const;
+  // A file whose presence says that the library is stopped, for the other processes on the
+  // same data directory, which read their preferences only at start.
+  static std::string stopMarkerPath(const Platform& platform);
   void finishForgettingIfStarted();
   bool eraseInstall();
+  // The install's state this process holds in memory: what the host set about the user, the
+  // counters' floors, the link and push payload waiting for a launch.
+  void forgetInMemory();
   bool waitSettledTurningOwnQueues(std::uint64_t mark, std::chrono::milliseconds timeout);
   const std::uint64_t forkGeneration_ = platform::forkGeneration();
   template <typename T>
@@ -371,12 +380,12 @@ class TrackerCore {
   void buildEventWithValues(const std::string& eventName, const std::optional<Json>& values);
   void handleConversionDataAnswer(const std::optional<Bytes>& body,
                                   const std::optional<platform::URLResponse>& response,
-                                  const std::optional<Error>& error, platform::TimePoint start);
+                                  const std::optional<Error>& error, platform::TimePoint start,
+                                  platform::ConsentGate::Generation generation);
 
   std::shared_ptr<const Platform> platform_;
   QuorvelProxyManager& remoteDebugging_;
-  mutable std::once_flag stoppedRead_;
-  mutable std::atomic<bool> stopped_{false};
+  std::shared_ptr<platform::ConsentGate> consent_;
   std::shared_ptr<QuorvelProxyManager> ownRemoteDebugging_;  // null: the process's
   std::shared_ptr<const Log> log_;
 

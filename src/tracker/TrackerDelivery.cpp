@@ -101,15 +101,21 @@ bool TrackerCore::flushAtExit() noexcept {
 }
 
 bool TrackerCore::isStopped() const {
-  std::call_once(stoppedRead_,
-                 [this] { stopped_ = platform_->preferences->boolForKey(keys::kStopped); });
-  return stopped_.load();
+  return consent_->stopped();
 }
 
 void TrackerCore::setStopped(bool stopped) {
   static constexpr const char* kMethod = "-[QuorvelTracker setStopped:]";
-  isStopped();  // read first, so that a later first read cannot overwrite this
-  stopped_ = stopped;
+  auto& fs = *platform_->fileSystem;
+  if (stopped) {
+    consent_->stop();
+    fs.createDirectory(fs.libraryDirectory());
+    if (!fs.writeFileAtomically(stopMarkerPath(*platform_), Bytes{'1'}))
+      log_->log(kLogError, kMethod, "Quorvel could not tell other processes of the stop");
+  } else {
+    fs.removeFile(stopMarkerPath(*platform_));
+    consent_->run();
+  }
   auto& prefs = *platform_->preferences;
   if (stopped)
     prefs.setBool(keys::kStopped, true);
@@ -139,6 +145,8 @@ void TrackerCore::persistPreferencesSoon() {
 
 void TrackerCore::persistPreferencesNow() {
   preferencesWriteScheduled_ = false;
+  if (isStopped())
+    return;  // the stop wrote what came before it; nothing after it is kept
   platform_->preferences->synchronize();
 }
 

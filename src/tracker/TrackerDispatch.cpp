@@ -148,7 +148,9 @@ void TrackerCore::callServerWithEventName(const std::string& name,
 void TrackerCore::sendLaunchOnceDurable(QuorvelRequestCacheData record,
                                         std::function<void()> answered) {
   preferencesWriteScheduled_ = false;
-  const bool written = platform_->preferences->synchronize();
+  // Stopped while it was built: it writes nothing, and the client holds it back.
+  const bool stopped = isStopped();
+  const bool written = stopped || platform_->preferences->synchronize();
   if (written || outbox_->durable()) {
     launchWaitLogged_ = false;
     httpClient_->sendRequestEventToServer(record, false, appleAppID(), isDebug(),

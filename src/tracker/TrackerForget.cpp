@@ -5,6 +5,7 @@
 #include "tracker/TrackerCore.h"
 
 #include <array>
+#include <string_view>
 
 #include "cache/Outbox.h"
 #include "cache/QuorvelRequestCache.h"
@@ -41,7 +42,29 @@ constexpr std::array kPreferenceKeys = {keys::kCounter,
                                         keys::kGetConversionDataTiming,
                                         keys::kDeviceToken};
 
+constexpr std::string_view kTempInfix = ".tmp-";
+// The app's folders nest shallowly (Library/Caches/<cache>); deeper is none of ours.
+constexpr int kSweepDepth = 3;
+
+// A write cut short by a kill leaves its temp file, holding what it wrote. Removes those under
+// `directory`; false when one is left.
+bool sweepTemporaryFiles(platform::FileSystem& fs, const std::string& directory, int depth) {
+  bool all = true;
+  for (const auto& name : fs.contentsOfDirectory(directory).value_or(std::vector<std::string>{})) {
+    const std::string path = directory + "/" + name;
+    if (name.find(kTempInfix) != std::string::npos)
+      all = (fs.removeFile(path) || !fs.fileExists(path)) && all;
+    else if (depth > 1)
+      all = sweepTemporaryFiles(fs, path, depth - 1) && all;
+  }
+  return all;
+}
+
 }  // namespace
+
+std::string TrackerCore::stopMarkerPath(const Platform& platform) {
+  return platform.fileSystem->libraryDirectory() + "/QuorvelStopped";
+}
 
 std::string TrackerCore::forgetMarkerPath() const {
   return platform_->fileSystem->libraryDirectory() + "/" + kMarkerName;
@@ -51,6 +74,7 @@ bool TrackerCore::forgetThisInstall() {
   setStopped(true);
   // Calls made before the stop are forgotten with the rest, not accepted after it.
   acceptIntake();
+  forgetInMemory();
   auto& fs = *platform_->fileSystem;
   fs.createDirectory(fs.libraryDirectory());
   std::string reason;
@@ -62,9 +86,41 @@ bool TrackerCore::forgetThisInstall() {
   return eraseInstall();
 }
 
+void TrackerCore::forgetInMemory() {
+  {
+    const std::lock_guard lock(monitor_);
+    customData_.reset();
+    userEmails_.reset();
+    emailCryptType_ = 0;
+  }
+  {
+    const std::lock_guard lock(fieldsMutex_);
+    customerUserID_.reset();
+    deeplink_.reset();
+    sourceApplication_.reset();
+    pushPayload_.reset();
+    lastLaunchTime_.reset();
+  }
+  {
+    // Read again from the emptied outbox: a fresh install counts from 1.
+    const std::lock_guard lock(countersMutex_);
+    counterFloors_.clear();
+  }
+  remoteDebugging_.forgetInstall();
+}
+
 void TrackerCore::finishForgettingIfStarted() {
-  if (!platform_->fileSystem->fileExists(forgetMarkerPath()))
+  auto& fs = *platform_->fileSystem;
+  if (!fs.fileExists(forgetMarkerPath())) {
+    // A kill while the marker was written leaves its temp file and nothing else of the job.
+    const std::string prefix = std::string(kMarkerName) + std::string(kTempInfix);
+    for (const auto& name :
+         fs.contentsOfDirectory(fs.libraryDirectory()).value_or(std::vector<std::string>{})) {
+      if (name.rfind(prefix, 0) == 0)
+        fs.removeFile(fs.libraryDirectory() + "/" + name);
+    }
     return;
+  }
   log_->log(kLogInfo, kMethod, "Quorvel finishes forgetting this install, cut short before");
   eraseInstall();
 }
@@ -79,6 +135,9 @@ bool TrackerCore::eraseInstall() {
   whole = requestCache_->removeAll() && whole;
   whole = platform_->fileSystem->forgetCreationDates() && whole;
   whole = outbox_->forgetAll() && whole;
+  whole = sweepTemporaryFiles(*platform_->fileSystem, platform_->fileSystem->libraryDirectory(),
+                              kSweepDepth) &&
+          whole;
   auto& prefs = *platform_->preferences;
   if (!prefs.removeAllObjects()) {
     for (const char* key : kPreferenceKeys)
@@ -86,7 +145,7 @@ bool TrackerCore::eraseInstall() {
   }
   prefs.setBool(keys::kStopped, true);  // forgetting stops; only the host lets it run again
   whole = prefs.synchronize() && whole;
-  remoteDebugging_.clearData();
+  remoteDebugging_.forgetInstall();
   if (!whole) {
     log_->log(kLogError, kMethod,
               "Quorvel could not remove all of this install's data; the next start tries again");

@@ -26,6 +26,9 @@ std::string TrackerCore::getQuorvelUID() {
   auto& prefs = *platform_->preferences;
   if (auto stored = prefs.stringForKey(keys::kUserId); stored && !stored->empty())
     return *stored;
+  // A stopped library makes no identifier: one made now would outlive the user's choice.
+  if (isStopped())
+    return std::string();
   std::string uid = generateQuorvelId();
   prefs.setString(keys::kUserId, uid);
   prefs.synchronize();
@@ -47,7 +50,9 @@ void TrackerCore::setOriginalQuorvelIdToKeychainIfNeeded(const std::string& uid)
   if (getKeychainData())
     return;
   auto wrapper = keychain();
-  mBackgroundQueue_->async([wrapper, uid] {
+  mBackgroundQueue_->async([wrapper, uid, consent = consent_, generation = consent_->generation()] {
+    if (!consent->holds(generation))
+      return;  // forgotten or stopped in between: the identifier is not kept
     // The result is ignored: a failed write leaves the item for a later attempt.
     wrapper->setObject(keys::kKeychainIdItem, Bytes(uid.begin(), uid.end()));
   });

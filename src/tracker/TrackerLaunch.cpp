@@ -29,22 +29,24 @@ void TrackerCore::trackAppLaunch() {
   log_->trace(kMethod, "iAD: disableIAdTracking ON?      %@", disableIAdTracking() ? "Yes" : "No");
   if (!stored && !disableIAdTracking()) {
     auto self = self_;
-    iAdClient_->requestAttributionDetails([self](const Json& details) {
-      static constexpr const char* kBlock = "-[QuorvelTracker trackAppLaunch]_block_invoke";
-      const auto tracker = self->pin();
-      if (!tracker)
-        return;
-      auto& store = *tracker->platform_->preferences;
-      store.setObject(keys::kSearchAdsAttribution, details);
-      store.synchronize();
-      tracker->log_->log(kLogDebug, kBlock, "iAD. Attribution Details: %@", details);
-      tracker->log_->trace(kBlock, "iAD. permitAggregateiAdData: %@",
-                           tracker->permitAggregateiAdData() ? "YES" : "NO");
-      if (tracker->permitAggregateiAdData()) {
-        tracker->callServerWithEventName(kLaunchEventName, std::nullopt, false, true);
-        tracker->setPermitAggregateiAdData(false);
-      }
-    });
+    iAdClient_->requestAttributionDetails(
+        [self, generation = consent_->generation()](const Json& details) {
+          static constexpr const char* kBlock = "-[QuorvelTracker trackAppLaunch]_block_invoke";
+          const auto tracker = self->pin();
+          // Details that come after a stop or a forgetting are not the install's to keep.
+          if (!tracker || !tracker->consent_->holds(generation))
+            return;
+          auto& store = *tracker->platform_->preferences;
+          store.setObject(keys::kSearchAdsAttribution, details);
+          store.synchronize();
+          tracker->log_->log(kLogDebug, kBlock, "iAD. Attribution Details: %@", details);
+          tracker->log_->trace(kBlock, "iAD. permitAggregateiAdData: %@",
+                               tracker->permitAggregateiAdData() ? "YES" : "NO");
+          if (tracker->permitAggregateiAdData()) {
+            tracker->callServerWithEventName(kLaunchEventName, std::nullopt, false, true);
+            tracker->setPermitAggregateiAdData(false);
+          }
+        });
   }
   // Nothing of the launch is built on the caller's thread.
   auto self = self_;

@@ -99,9 +99,16 @@ int run_c_session(char* failure, size_t capacity) {
   /* Forgetting, in the kit's memory: stopped, and nothing more leaves. */
   CHECK(quorvel_forget_this_install(tracker) == QUORVEL_OK && quorvel_is_stopped(tracker) == 1);
   length = quorvel_testkit_sent_count(kit);
-  CHECK(quorvel_track_event(tracker, "after", 5, NULL, 0) == QUORVEL_OK);
+  CHECK(quorvel_track_event(tracker, "after", 5, NULL, 0) == QUORVEL_STOPPED);
   CHECK(quorvel_testkit_advance(kit, 10000) == QUORVEL_OK);
   CHECK(quorvel_testkit_sent_count(kit) == length);
+
+  /* Settings made while stopped are kept, and apply once the user consents again. */
+  CHECK(quorvel_set_currency_code(tracker, "EUR", 3) == QUORVEL_OK);
+  CHECK(quorvel_set_stopped(tracker, 0) == QUORVEL_OK && quorvel_is_stopped(tracker) == 0);
+  CHECK(quorvel_track_event(tracker, "again", 5, NULL, 0) == QUORVEL_OK);
+  CHECK(quorvel_testkit_advance(kit, 10000) == QUORVEL_OK);
+  CHECK(count_sent(kit, "events", "\"EUR\"") == 1);
   ok = 1;
 
 done:

@@ -18,8 +18,10 @@
 #include <quorvel/QuorvelTracker.h>
 #include <quorvel/testing/TestPlatform.h>
 
+#include "platform/posix/FileSecureStore.h"
 #include "platform/posix/SqliteOutboxStore.h"
 #include "support/TempDir.h"
+#include "util/PreferenceKeys.h"
 
 namespace quorvel {
 namespace {
@@ -100,9 +102,13 @@ void liveASession(const std::string& dir) {
   kit.transport->clear();
 }
 
-// The files of a forgotten install: the stop flag in the preferences, nothing else.
-::testing::AssertionResult forgotten(const std::map<std::string, std::string>& files) {
-  if (files.size() == 1 && files.begin()->first.find("Preferences/") != std::string::npos &&
+constexpr const char* kStopMarker = "app/Library/QuorvelStopped";
+
+// The files of a forgotten install: the stop flag in the preferences and the stop marker that
+// other processes read, nothing else.
+::testing::AssertionResult forgotten(std::map<std::string, std::string> files) {
+  if (files.erase(kStopMarker) == 1 && files.size() == 1 &&
+      files.begin()->first.find("Preferences/") != std::string::npos &&
       Json::parse(files.begin()->second, nullptr, false) == Json{{"QuorvelStopped", true}})
     return ::testing::AssertionSuccess();
   return ::testing::AssertionFailure() << "left behind:\n" << listing(files);
@@ -114,6 +120,14 @@ TEST(Forget, ForgettingLeavesOnlyTheStopFlagAndTheNextRunIsAFreshInstall) {
   const auto before = snapshot(dir.path());
   ASSERT_TRUE(before.count("outbox records")) << listing(before);
   ASSERT_GE(before.size(), 6U) << listing(before);  // preferences, keychain, 3 kept requests
+
+  // Writes that a kill cut short: each temp file holds what its write held.
+  const std::string item = platform::FileSecureStore(dir / "keychain")
+                               .itemPath(keys::kKeychainService, keys::kKeychainIdItem);
+  for (const std::string& left :
+       {item + ".tmp-Kq3x9Z", dir / "app/Library/QuorvelForgetting.tmp-a1",
+        dir / "app/Library/Preferences/com.example.forget.json.tmp-b2"})
+    std::ofstream(left) << "old-uid";
 
   std::string uid;
   {
@@ -147,6 +161,109 @@ TEST(Forget, ForgettingLeavesOnlyTheStopFlagAndTheNextRunIsAFreshInstall) {
   EXPECT_NE(reports[0].value("uid", ""), uid);
   EXPECT_EQ(reports[0].value("counter", ""), "1");
   EXPECT_FALSE(reports[0].contains("appUID"));
+}
+
+// Forgetting while a request is on the wire (the launch, or the conversion-data request its
+// answer starts): the answer that comes after is not applied. Nothing more leaves, the host's
+// delegate hears nothing, and no identifier, link setting or attribution is written.
+TEST(Forget, AnAnswerThatComesAfterForgettingIsNotApplied) {
+  for (const char* held : {"t", "sdk"}) {
+    SCOPED_TRACE(held);
+    test::TempDir dir;
+    auto delegate = std::make_shared<QuorvelTrackerDelegate>();
+    int heard = 0;
+    delegate->onConversionDataReceived = [&](const Json&) { ++heard; };
+    delegate->onConversionDataRequestFailure = [&](const Error&) { ++heard; };
+    {
+      auto kit = testkit::makeTestPlatform(optionsIn(dir.path()), kKey);
+      QuorvelTracker tracker(kit.platform);
+      tracker.setQuorvelDevKey(std::string(kKey));
+      tracker.setAppleAppID(std::string("123456789"));
+      tracker.setDelegate(delegate);
+      kit.transport->holdAnswers(true);
+      tracker.trackAppLaunch();
+      kit.dispatcher->advance(1s);
+      if (std::string(held) == "sdk") {
+        ASSERT_TRUE(kit.transport->answer(0, testkit::Answer{}));
+        kit.dispatcher->advance(500ms);
+        ASSERT_EQ(kit.transport->sent().back().service(), "sdk");
+      }
+      const std::size_t inFlight = kit.transport->sent().size() - 1;
+      ASSERT_EQ(kit.transport->sent()[inFlight].service(), held);
+      ASSERT_TRUE(tracker.forgetThisInstall());
+      const std::size_t sentAtForget = kit.transport->sent().size();
+      testkit::Answer late;
+      late.body = R"({"hl_domain":"links.svc.example","status":"ok"})";
+      ASSERT_TRUE(kit.transport->answer(inFlight, late));
+      kit.dispatcher->advance(10s);  // and the Search Ads attempts, 2 s apart
+      EXPECT_EQ(kit.transport->sent().size(), sentAtForget);
+      EXPECT_EQ(heard, 0);
+      kit.transport->clear();
+    }
+    EXPECT_TRUE(forgotten(snapshot(dir.path())));
+  }
+}
+
+// Forgetting, then the user's consent again, in one process: the next launch is a fresh
+// install's, with nothing of the user the host set before or of the counters kept before.
+TEST(Forget, ForgettingThenOptingInAgainInOneProcessStartsAFreshInstall) {
+  test::TempDir dir;
+  liveASession(dir.path());  // an earlier process: its counters are kept with its reports
+  auto kit = testkit::makeTestPlatform(optionsIn(dir.path()), kKey);
+  QuorvelTracker tracker(kit.platform);
+  tracker.setQuorvelDevKey(std::string(kKey));
+  tracker.setAppleAppID(std::string("123456789"));
+  tracker.setCustomerUserID(std::string("customer-1"));
+  tracker.setUserEmails(std::vector<std::string>{"someone@example.com"}, 0);
+  tracker.setAdditionalData(Json{{"plan", "gold"}});
+  tracker.trackAppLaunch();
+  kit.dispatcher->advance(10s);
+  ASSERT_TRUE(tracker.forgetThisInstall());
+  kit.transport->clear();
+
+  tracker.setStopped(false);
+  tracker.trackAppLaunch();
+  kit.dispatcher->advance(10s);
+  std::vector<Json> launches;
+  for (const auto& request : kit.transport->sent()) {
+    if (request.payload && request.service() == "t")
+      launches.push_back(*request.payload);
+  }
+  ASSERT_EQ(launches.size(), 1U);
+  EXPECT_EQ(launches[0].value("counter", ""), "1");
+  const std::string text = launches[0].dump();
+  for (const char* before : {"customer-1", "someone@example.com", "gold"})
+    EXPECT_EQ(text.find(before), std::string::npos) << before << " in " << text;
+}
+
+// Two processes on one data directory: the other's stop, or its forgetting, holds here within
+// a second; what was on the wire here is not applied, and nothing more leaves.
+TEST(Forget, AnotherProcessOnTheSameDataSeesTheStopWithinASecond) {
+  for (const bool forget : {false, true}) {
+    SCOPED_TRACE(forget ? "forget" : "stop");
+    test::TempDir dir;
+    auto here = testkit::makeTestPlatform(optionsIn(dir.path()), kKey);
+    auto other = testkit::makeTestPlatform(optionsIn(dir.path()), kKey);
+    QuorvelTracker tracker(here.platform);
+    tracker.setQuorvelDevKey(std::string(kKey));
+    tracker.setAppleAppID(std::string("123456789"));
+    tracker.trackAppLaunch();
+    here.dispatcher->advance(10s);
+    const std::size_t sent = here.transport->sent().size();
+    ASSERT_GT(sent, 0U);
+    {
+      QuorvelTracker otherProcess(other.platform);
+      if (forget)  // false: the outbox is held here; the next start that holds it finishes
+        otherProcess.forgetThisInstall();
+      else
+        otherProcess.setStopped(true);
+    }
+    here.dispatcher->advance(1s);
+    tracker.trackEvent("after_the_other_stopped", std::nullopt);
+    here.dispatcher->advance(10s);
+    EXPECT_TRUE(tracker.isStopped());
+    EXPECT_EQ(here.transport->sent().size(), sent);
+  }
 }
 
 // One trial, in a process of its own so that the test's process never forks with threads:
@@ -199,7 +316,9 @@ TEST(Forget, ForgettingLeavesOnlyTheStopFlagAndTheNextRunIsAFreshInstall) {
     _exit(1);
   // Not forgotten: everything is as it was, but for the stop flag set first and the temp file
   // of a write the kill cut short (removed by a later start, or by the next forgetting).
-  std::erase_if(after, [](const auto& f) { return f.first.find(".tmp-") != std::string::npos; });
+  std::erase_if(after, [](const auto& f) {
+    return f.first.find(".tmp-") != std::string::npos || f.first == kStopMarker;
+  });
   for (auto& [name, content] : after) {
     Json values = Json::parse(content, nullptr, false);
     if (name.find("Preferences/") != std::string::npos && values.is_object() &&

@@ -39,19 +39,31 @@ TEST_F(StopSwitch, AStoppedLibraryDoesNothingAcrossStartsUntilItRunsAgain) {
   fakes.dispatcher->advance(10s);
   EXPECT_TRUE(sent().empty());
 
+  // A host configures at start, whether the user consented yet or not; that holds once it runs.
+  auto delegate = std::make_shared<QuorvelTrackerDelegate>();
+  int conversions = 0;
+  delegate->onConversionDataReceived = [&](const Json&) { ++conversions; };
+  facade->setQuorvelDevKey(std::string(kDevKey));
+  facade->setAppleAppID(std::string("123"));
+  facade->setHost(std::string("svc.example"));
+  facade->setDelegate(delegate);
   facade->setStopped(false);
-  tracker->setQuorvelDevKey(std::string(kDevKey));
-  tracker->setAppleAppID(std::string("123"));
-  tracker->setHost(std::string("svc.example"));
   facade->trackEvent("after_stop", std::nullopt);
+  facade->getConversionData();
   fakes.dispatcher->advance(1s);
   std::vector<std::string> events;
-  for (std::size_t i = 0; i < sent().size(); ++i)
-    events.push_back(payload(i).value("event", ""));
+  for (std::size_t i = 0; i < sent().size(); ++i) {
+    if (request(i).url.find("//events.svc.example/") != std::string::npos)
+      events.push_back(payload(i).value("event", ""));
+    if (request(i).url.find("//sdk.svc.example/") != std::string::npos)
+      fakes.respond(i, 200, "{}");
+  }
+  fakes.dispatcher->advance(1s);
   std::sort(events.begin(), events.end());
   // What was accepted before the stop goes at the first start that runs, once; nothing of the
   // stopped time does.
   EXPECT_EQ(events, (std::vector<std::string>{"after_stop", "before_stop"}));
+  EXPECT_EQ(conversions, 1);
 }
 
 }  // namespace

@@ -203,7 +203,8 @@ class Tracker:
 
     @staticmethod
     def _check(status, what):
-        if status != _native.OK:
+        # A stopped library drops the call on purpose, as the C++ one does, without an error.
+        if status not in (_native.OK, _native.STOPPED):
             raise QuorvelError(status, what)
 
     # --- Settings -------------------------------------------------------------------------

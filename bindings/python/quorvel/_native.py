@@ -5,11 +5,12 @@ import ctypes.util
 import os
 from pathlib import Path
 
-C_API_VERSION = 1001  # QUORVEL_C_API_VERSION of the header these declarations follow
+C_API_VERSION = 1002  # QUORVEL_C_API_VERSION of the header these declarations follow
 
 OK = 0
 BUFFER_TOO_SMALL = 2
 TIMED_OUT = 5
+STOPPED = 6
 
 
 class TransportRequest(ctypes.Structure):

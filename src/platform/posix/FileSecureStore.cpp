@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 
@@ -93,7 +94,19 @@ SecureStatus FileSecureStore::update(std::string_view service, std::string_view 
 }
 
 SecureStatus FileSecureStore::remove(std::string_view service, std::string_view account) {
-  if (::unlink(itemPath(service, account).c_str()) == 0)
+  const std::string path = itemPath(service, account);
+  // A write cut short by a kill left its temp file beside the item, holding what it wrote:
+  // it goes with the item.
+  const std::string temp = std::filesystem::path(path).filename().string() + ".tmp-";
+  std::error_code ec;
+  for (std::filesystem::directory_iterator it(directory_, ec), end; !ec && it != end;
+       it.increment(ec)) {
+    if (it->path().filename().string().rfind(temp, 0) == 0) {
+      std::error_code removeError;
+      std::filesystem::remove(it->path(), removeError);
+    }
+  }
+  if (::unlink(path.c_str()) == 0)
     return SecureStatus::success;
   return errno == ENOENT ? SecureStatus::itemNotFound : SecureStatus::failure;
 }

@@ -1,0 +1,49 @@
+#include "platform/ConsentGate.h"
+
+#include <utility>
+
+namespace quorvel::platform {
+
+ConsentGate::ConsentGate(std::function<bool()> readStored, std::function<bool()> stoppedElsewhere,
+                         std::shared_ptr<const Clock> clock)
+    : readStored_(std::move(readStored)),
+      stoppedElsewhere_(clock ? std::move(stoppedElsewhere) : nullptr),
+      clock_(std::move(clock)) {}
+
+bool ConsentGate::stopped() const {
+  std::call_once(storedRead_, [this] {
+    if (readStored_ && readStored_())
+      stopped_.store(true);
+  });
+  if (!stopped_.load() && stoppedElsewhere_)
+    checkElsewhere();
+  return stopped_.load();
+}
+
+void ConsentGate::checkElsewhere() const {
+  using std::chrono::duration_cast;
+  using std::chrono::milliseconds;
+  const std::int64_t now = duration_cast<milliseconds>(clock_->now().time_since_epoch()).count();
+  std::int64_t last = lastCheckMs_.load();
+  // The first question, and a clock that went back, check at once.
+  if (last != kNeverChecked && now >= last &&
+      now - last < duration_cast<milliseconds>(kSharedCheckInterval).count())
+    return;
+  if (!lastCheckMs_.compare_exchange_strong(last, now))
+    return;  // another thread checks now
+  if (stoppedElsewhere_())
+    stop();
+}
+
+void ConsentGate::stop() const {
+  std::call_once(storedRead_, [] {});  // a later first read cannot overwrite this
+  stopped_.store(true);
+  generation_.fetch_add(1, std::memory_order_acq_rel);
+}
+
+void ConsentGate::run() {
+  std::call_once(storedRead_, [] {});
+  stopped_.store(false);
+}
+
+}  // namespace quorvel::platform

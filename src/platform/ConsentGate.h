@@ -1,0 +1,53 @@
+// The host's consent as every part of the library reads it: stopped or running, and a
+// generation that each stop and each forgetting raises. Work that may outlive a stop (a send,
+// the answer to it, a retry) takes the generation where it starts and applies nothing once
+// the gate no longer holds for it, so that nothing of it lands after the stop returned.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <climits>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+
+#include <quorvel/platform/Clock.h>
+
+namespace quorvel::platform {
+
+class ConsentGate {
+ public:
+  using Generation = std::uint64_t;
+  // How soon a stop made by another process on the same data directory is seen here.
+  static constexpr std::chrono::seconds kSharedCheckInterval{1};
+
+  // `readStored` says whether a stop was kept from an earlier start; it is asked once, at the
+  // first question, so that building the tracker reads no preferences. `stoppedElsewhere`
+  // (may be empty) says whether another process stopped the library since; while running it
+  // is asked at most once per kSharedCheckInterval of `clock`.
+  ConsentGate(std::function<bool()> readStored, std::function<bool()> stoppedElsewhere = {},
+              std::shared_ptr<const Clock> clock = nullptr);
+
+  bool stopped() const;
+  Generation generation() const noexcept { return generation_.load(std::memory_order_acquire); }
+  // True while the library runs and no stop or forgetting came since `start` was taken.
+  bool holds(Generation start) const { return !stopped() && generation() == start; }
+  // Stopped from now on; work begun before no longer holds.
+  void stop() const;
+  void run();
+
+ private:
+  void checkElsewhere() const;
+
+  std::function<bool()> readStored_;
+  std::function<bool()> stoppedElsewhere_;
+  std::shared_ptr<const Clock> clock_;
+  mutable std::once_flag storedRead_;
+  mutable std::atomic<bool> stopped_{false};
+  mutable std::atomic<Generation> generation_{0};
+  static constexpr std::int64_t kNeverChecked = INT64_MIN;
+  mutable std::atomic<std::int64_t> lastCheckMs_{kNeverChecked};
+};
+
+}  // namespace quorvel::platform
