@@ -15,6 +15,7 @@
 
 #include <quorvel/platform/OutboxStore.h>
 
+#include "platform/ParentOnlyDescriptor.h"
 #include "platform/posix/OutboxIntake.h"
 
 struct sqlite3;
@@ -53,6 +54,9 @@ class SqliteOutboxStore final : public OutboxStore {
   void close() noexcept;
   // `intakeMutex_` held by these.
   void closeLocked() noexcept;
+  // True in a child made by fork() after this store was opened: it leaves the store alone.
+  bool inheritedByFork() noexcept;
+  void forgetInherited() noexcept;
   bool openDatabaseLocked(std::string& reason) noexcept;
   // The intake files an earlier process left, oldest first.
   std::vector<std::pair<std::uint64_t, std::string>> intakeFiles() const;
@@ -74,7 +78,8 @@ class SqliteOutboxStore final : public OutboxStore {
   sqlite3* db_ = nullptr;  // the reads: pages and the highest number
   std::mutex syncMutex_;
   sqlite3* syncDb_ = nullptr;  // sync()'s own connection: the commits and checkpoints
-  int lockFd_ = -1;
+  ParentOnlyDescriptor lock_;
+  bool inherited_ = false;
   bool heldElsewhere_ = false;
 
   std::mutex adoptMutex_;  // taken before the intake's
