@@ -4,8 +4,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <fstream>
-#include <iterator>
 
 #include <quorvel/Format.h>
 
@@ -70,11 +68,11 @@ SecureStatus FileSecureStore::add(std::string_view service, std::string_view acc
 
 SecureStatus FileSecureStore::copy(std::string_view service, std::string_view account,
                                    Bytes& out) const {
-  std::ifstream in(itemPath(service, account), std::ios::binary);
-  if (!in)
+  auto content = readWholeFile(itemPath(service, account));
+  if (!content)
     return errno == ENOENT ? SecureStatus::itemNotFound : SecureStatus::failure;
-  out.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  return in.bad() ? SecureStatus::failure : SecureStatus::success;
+  out = std::move(*content);
+  return SecureStatus::success;
 }
 
 SecureStatus FileSecureStore::update(std::string_view service, std::string_view account,
