@@ -1,6 +1,11 @@
 #include "cache/QuorvelRequestCache.h"
 
+#include <signal.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <string_view>
 
 #include <quorvel/Version.h>
 
@@ -72,6 +77,34 @@ bool isTempFile(const std::string& name) {
 }
 bool isCacheEntry(const std::string& name) {
   return !isTempFile(name);
+}
+
+// A file on its way is claimed first: renamed to "<entry>.sending-<pid>", so that a process
+// that can send it but not rename it (a read-only folder) never sends it, and one that sent it
+// and could not delete it after the answer leaves no plain entry for the next start to send
+// again. A claim goes back to the plain name when its send fails in transport; one whose
+// process ended (killed on the way) is taken again by the next.
+constexpr std::string_view kClaimMark = ".sending-";
+
+std::string plainName(const std::string& name) {
+  const auto mark = name.find(kClaimMark);
+  return mark == std::string::npos ? name : name.substr(0, mark);
+}
+
+// The claiming process, 0 when the name is no claim.
+pid_t claimerOf(const std::string& name) {
+  const auto mark = name.find(kClaimMark);
+  if (mark == std::string::npos)
+    return 0;
+  const std::string digits = name.substr(mark + kClaimMark.size());
+  if (digits.empty() || digits.size() > 9 ||
+      digits.find_first_not_of("0123456789") != std::string::npos)
+    return 0;
+  return static_cast<pid_t>(std::stol(digits));
+}
+
+bool processRuns(pid_t pid) {
+  return ::kill(pid, 0) == 0 || errno == EPERM;
 }
 
 // One written to within the last minute may belong to a write under way in another process
@@ -169,7 +202,13 @@ std::optional<std::string> QuorvelRequestCache::cacheRequest(
   if (!request)
     return std::nullopt;
   const auto directory = getCacheDirectoryPath();
-  const std::uint64_t count = directory ? getCacheSize(*platform_->fileSystem, *directory) : 0;
+  const auto names = directory ? platform_->fileSystem->contentsOfDirectory(*directory)
+                               : std::optional<std::vector<std::string>>();
+  std::set<std::string> taken;  // a claimed file takes its plain name back after a failure
+  for (const auto& name : names.value_or(std::vector<std::string>{}))
+    if (isCacheEntry(name))
+      taken.insert(plainName(name));
+  const std::uint64_t count = taken.size();
   if (count >= kMaxEntries) {
     log_->log(kLogDebug, kMethod, "Cache reached limit - not caching request....");
     return std::nullopt;
@@ -181,11 +220,14 @@ std::optional<std::string> QuorvelRequestCache::cacheRequest(
   // microsecond.
   const auto now = platform_->clock->now();
   double seconds = secondsSince2001(madeAt ? std::min(*madeAt, now) : now);
-  std::string path = format("%@/%f.qv", directory.value_or(std::string()), seconds);
-  for (int i = 0; i < 1000 && directory && fs.fileExists(path); ++i) {
+  std::string name = format("%f.qv", seconds);
+  for (int i = 0;
+       i < 1000 && directory && (taken.count(name) > 0 || fs.fileExists(*directory + "/" + name));
+       ++i) {
     seconds += 0.000001;
-    path = format("%@/%f.qv", *directory, seconds);
+    name = format("%f.qv", seconds);
   }
+  const std::string path = directory.value_or(std::string()) + "/" + name;
   const std::string content = fileContent(*request);
   std::string reason;
   if (!directory || !fs.writeFileAtomically(path, Bytes(content.begin(), content.end()), &reason)) {
@@ -208,7 +250,7 @@ std::vector<QuorvelRequestCacheData> QuorvelRequestCache::getCachedRequests() {
     return result;
   const double now = secondsSince2001(platform_->clock->now());
   for (const auto& name : *names) {
-    if (!isCacheEntry(name) || isSettledButKept(name))
+    if (!isCacheEntry(name))
       continue;
     const auto bytes = fs.readFile(*directory + "/" + name);
     const std::string text = bytes ? std::string(bytes->begin(), bytes->end()) : std::string();
@@ -256,6 +298,9 @@ void QuorvelRequestCache::processCache() {
   std::size_t loaded = 0;
   {
     auto batch = getCachedRequests();
+    std::erase_if(batch, [this](const QuorvelRequestCacheData& r) {
+      return !mayClaim(r.cacheKey().value_or(std::string()));
+    });
     if (batch.empty())
       foundNothingAt_ = written;
     std::lock_guard guard(lock_);
@@ -288,10 +333,18 @@ void QuorvelRequestCache::sendNextCachedEvents() {
     log_->log(kLogDebug, kMethod, "fetch requestData ...");
     if (!cachedRequests_ || cachedRequests_->empty())
       return;
-    const QuorvelRequestCacheData next = cachedRequests_->front();
-    const bool started = sendCachedRequest(next);
-    // Out of the batch as soon as it is handed over; its file stays until answered.
-    cachedRequests_->erase(cachedRequests_->begin());
+    // Out of the batch as soon as it is handed over (or cannot be claimed); its file stays,
+    // claimed, until answered.
+    bool started = false;
+    while (!started && !cachedRequests_->empty()) {
+      QuorvelRequestCacheData next = cachedRequests_->front();
+      cachedRequests_->erase(cachedRequests_->begin());
+      if (!claim(next))
+        continue;
+      started = sendCachedRequest(next);
+      if (!started)
+        releaseRequest(next);
+    }
     // No answer will come to move the chain on: a later answer starts a new one.
     if (!started && cachedRequests_->empty())
       isSendingCachedData_ = false;
@@ -314,24 +367,71 @@ bool QuorvelRequestCache::sendCachedRequest(const QuorvelRequestCacheData& reque
 
 void QuorvelRequestCache::deleteRequest(const QuorvelRequestCacheData& request) {
   const auto directory = getCacheDirectoryPath();
-  const std::string path =
-      directory.value_or(std::string()) + "/" + request.cacheKey().value_or(std::string());
+  const std::string name = request.cacheKey().value_or(std::string());
+  const std::string path = directory.value_or(std::string()) + "/" + name;
   std::string reason;
-  if (!platform_->fileSystem->removeFile(path, &reason)) {
-    log_->log(kLogError, "-[QuorvelRequestCache deleteRequest:]", "Error deleting file at %@\n%@",
-              path, reason);
-    // Answered (or given up) all the same: a file that cannot go (a read-only folder) is
-    // not replayed again by this process after every answer.
-    if (request.cacheKey()) {
-      std::lock_guard guard(lock_);
-      settledButKept_.insert(*request.cacheKey());
-    }
+  if (platform_->fileSystem->removeFile(path, &reason)) {
+    std::lock_guard guard(lock_);
+    claimed_.erase(name);
+    return;
   }
+  log_->log(kLogError, "-[QuorvelRequestCache deleteRequest:]", "Error deleting file at %@\n%@",
+            path, reason);
+  // Answered (or given up) all the same. A claimed file stays this process's claim, never
+  // sent again by it; a plain one is left out of this process's batches.
+  std::lock_guard guard(lock_);
+  if (claimed_.count(name) == 0)
+    unclaimable_.insert(plainName(name));
 }
 
-bool QuorvelRequestCache::isSettledButKept(const std::string& name) const {
+bool QuorvelRequestCache::claim(QuorvelRequestCacheData& request) {
+  const auto directory = getCacheDirectoryPath();
+  const std::string name = request.cacheKey().value_or(std::string());
+  if (!directory || name.empty())
+    return false;
+  const std::string claimed =
+      plainName(name) + std::string(kClaimMark) + std::to_string(::getpid());
+  std::string reason;
+  if (!platform_->fileSystem->moveFile(*directory + "/" + name, *directory + "/" + claimed,
+                                       &reason)) {
+    log_->log(kLogWarning, "-[QuorvelRequestCache sendNextCachedEvents]",
+              "%@ is not sent: it cannot be claimed (%@); it waits for a start that can", name,
+              reason);
+    std::lock_guard guard(lock_);
+    unclaimable_.insert(plainName(name));
+    return false;
+  }
+  request.setCacheKey(claimed);
   std::lock_guard guard(lock_);
-  return settledButKept_.count(name) > 0;
+  claimed_.insert(claimed);
+  return true;
+}
+
+void QuorvelRequestCache::releaseRequest(const QuorvelRequestCacheData& request) {
+  const auto directory = getCacheDirectoryPath();
+  const std::string name = request.cacheKey().value_or(std::string());
+  if (!directory || claimerOf(name) == 0)
+    return;
+  std::string reason;
+  if (!platform_->fileSystem->moveFile(*directory + "/" + name, *directory + "/" + plainName(name),
+                                       &reason)) {
+    // Kept as this process's claim: the next start takes it again.
+    log_->log(kLogError, "-[QuorvelRequestCache releaseRequest:]", "Error renaming file at %@\n%@",
+              *directory + "/" + name, reason);
+    return;
+  }
+  std::lock_guard guard(lock_);
+  claimed_.erase(name);
+}
+
+bool QuorvelRequestCache::mayClaim(const std::string& name) const {
+  std::lock_guard guard(lock_);
+  if (unclaimable_.count(plainName(name)) > 0 || claimed_.count(name) > 0)
+    return false;
+  const pid_t claimer = claimerOf(name);
+  // Another process's claim while it runs is its own; one of this process's number that this
+  // process did not make was left by an earlier process that had the same number.
+  return claimer == 0 || claimer == ::getpid() || !processRuns(claimer);
 }
 
 std::optional<std::vector<QuorvelRequestCacheData>> QuorvelRequestCache::cachedRequests() const {

@@ -1,5 +1,7 @@
 // QuorvelRequestCache: tracking requests that failed in transport, kept as files in the
 // caches directory and replayed one at a time after the next request that reaches the server.
+// A file is claimed (renamed) before its request goes, so that nothing is sent twice because
+// a file could not be deleted.
 #pragma once
 
 #include <atomic>
@@ -44,7 +46,8 @@ class QuorvelRequestCache : public std::enable_shared_from_this<QuorvelRequestCa
   // Removes every file of the directory, whole or not: the install is being forgotten. False
   // when one could not be removed.
   bool removeAll();
-  // Every readable record of the directory; unreadable files stay on disk untouched.
+  // Every readable record of the directory, claimed ones among them (the cache key is the
+  // file's name); unreadable files stay on disk untouched.
   std::vector<QuorvelRequestCacheData> getCachedRequests();
   // Loads a batch and starts its replay 0.1 s later on the main queue.
   void processCache();
@@ -52,7 +55,11 @@ class QuorvelRequestCache : public std::enable_shared_from_this<QuorvelRequestCa
   void sendNextCachedEvents();
   // False when the record could not be handed over (no sender, or it threw).
   bool sendCachedRequest(const QuorvelRequestCacheData& request);
+  // Removes the record's file: answered, or given up.
   void deleteRequest(const QuorvelRequestCacheData& request);
+  // Gives a claimed record's file its plain name back: its send failed, it waits for a later
+  // replay.
+  void releaseRequest(const QuorvelRequestCacheData& request);
 
   bool failedToInitialize() const noexcept { return failedToInitialize_; }
   // The records of the current batch not yet handed over; nullopt when none was loaded.
@@ -68,9 +75,18 @@ class QuorvelRequestCache : public std::enable_shared_from_this<QuorvelRequestCa
   mutable std::recursive_mutex lock_;  // the lock on the cache object
   std::optional<std::vector<QuorvelRequestCacheData>> cachedRequests_;
   std::atomic<bool> isSendingCachedData_{false};
-  // Files answered (or given up) that could not be deleted: skipped from then on.
-  std::set<std::string> settledButKept_;
-  bool isSettledButKept(const std::string& name) const;
+  // Renames the record's file to this process's claim (its cache key follows): only a claimed
+  // file is sent. False when it cannot be renamed (a read-only folder): not sent by this
+  // process, it waits for a start that can claim it.
+  bool claim(QuorvelRequestCacheData& request);
+  // Whether this process may claim the file: neither its own claim already, nor left out, nor
+  // another running process's claim.
+  bool mayClaim(const std::string& name) const;
+  // This process's claims (file names); one whose file could not be deleted after its answer
+  // stays here, never sent again by this process.
+  std::set<std::string> claimed_;
+  // Plain names this process cannot claim or delete: left out of its batches.
+  std::set<std::string> unclaimable_;
   std::mutex pathMutex_;
   std::optional<std::string> cacheDirectoryPath_;
   std::atomic<bool> failedToInitialize_{false};

@@ -178,9 +178,12 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
     log_->log(kLogDebug, kMethod, "Quorvel Connection failed! Error - %@ ",
               error->localizedDescription);
     if (origin == Origin::cache) {
-      // A record of another library version gets one more try only.
+      // A record of another library version gets one more try only; another waits, under
+      // its plain name again, for a later replay.
       if (request.sdkVersion() != std::optional<std::string>(kQuorvelSDKVersion))
         cache_->deleteRequest(request);
+      else
+        cache_->releaseRequest(request);
       cache_->sendNextCachedEvents();
     } else if (origin == Origin::fresh && ownsKeptFolder() && !stopped() &&
                cache_->cacheRequest(request,

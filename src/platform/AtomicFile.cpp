@@ -94,6 +94,36 @@ AtomicWriteResult writeFileAtomically(const std::string& path, const Bytes& cont
   return AtomicWriteResult::written;
 }
 
+std::optional<std::string> readTextFile(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0)
+    return std::nullopt;
+  std::string content;
+  char chunk[8192];
+  for (;;) {
+    const ssize_t n = ::read(fd, chunk, sizeof chunk);
+    if (n > 0) {
+      content.append(chunk, static_cast<std::size_t>(n));
+    } else if (n == 0) {
+      break;
+    } else if (errno != EINTR) {
+      const int err = errno;
+      ::close(fd);
+      errno = err;
+      return std::nullopt;
+    }
+  }
+  ::close(fd);
+  return content;
+}
+
+std::optional<Bytes> readWholeFile(const std::string& path) {
+  auto text = readTextFile(path);
+  if (!text)
+    return std::nullopt;
+  return Bytes(text->begin(), text->end());
+}
+
 bool makeDirectories(const std::string& path, unsigned mode) {
   if (path.empty())
     return false;

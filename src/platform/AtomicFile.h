@@ -1,7 +1,9 @@
-// Durable, all-or-nothing file replacement: temp file, fsync, rename, fsync of the directory.
+// Durable, all-or-nothing file replacement: temp file, fsync, rename, fsync of the directory;
+// and the reading and directory making that goes with it.
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 
 #include <quorvel/Json.h>
@@ -26,6 +28,12 @@ AtomicWriteResult writeFileAtomically(const std::string& path, const Bytes& cont
 
 // Makes the directory's entries (names created, renamed or removed) durable.
 void syncDirectory(const std::string& dir);
+
+// The whole content of a file, read through a descriptor that no exec keeps (a stream opened
+// by the standard library would be kept). nullopt when it cannot be opened or read; errno
+// then says why.
+std::optional<Bytes> readWholeFile(const std::string& path);
+std::optional<std::string> readTextFile(const std::string& path);
 
 // Creates `path` and its missing parents with `mode`; true when it is a directory afterwards.
 bool makeDirectories(const std::string& path, unsigned mode);

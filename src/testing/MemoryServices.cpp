@@ -200,9 +200,15 @@ bool MemoryFileSystem::fileExists(const std::string& path) const {
   return nodes_.count(path) > 0;
 }
 
+const char* MemoryFileSystem::refusal(bool isWrite) const {
+  if (readOnly_)
+    return "Read-only file system";
+  return isWrite && failWrites_ ? "No space left on device" : "";
+}
+
 bool MemoryFileSystem::createDirectory(const std::string& path) {
   std::lock_guard lock(mutex_);
-  if (failWrites_)
+  if (*refusal(true) != '\0')
     return false;
   nodes_[path].directory = true;
   return true;
@@ -235,9 +241,9 @@ std::optional<Bytes> MemoryFileSystem::readFile(const std::string& path) const {
 bool MemoryFileSystem::writeFileAtomically(const std::string& path, const Bytes& content,
                                            std::string* errorReason) {
   std::lock_guard lock(mutex_);
-  if (failWrites_) {
+  if (const char* why = refusal(true); *why != '\0') {
     if (errorReason != nullptr)
-      *errorReason = "No space left on device";
+      *errorReason = why;
     return false;
   }
   nodes_[path].content = content;
@@ -246,11 +252,30 @@ bool MemoryFileSystem::writeFileAtomically(const std::string& path, const Bytes&
 
 bool MemoryFileSystem::removeFile(const std::string& path, std::string* errorReason) {
   std::lock_guard lock(mutex_);
-  if (nodes_.erase(path) > 0)
+  const char* why = nodes_.count(path) == 0 ? "No such file or directory" : refusal(false);
+  if (*why == '\0') {
+    nodes_.erase(path);
     return true;
+  }
   if (errorReason != nullptr)
-    *errorReason = "No such file or directory";
+    *errorReason = why;
   return false;
+}
+
+bool MemoryFileSystem::moveFile(const std::string& from, const std::string& to,
+                                std::string* errorReason) {
+  std::lock_guard lock(mutex_);
+  const auto it = nodes_.find(from);
+  const char* why = it == nodes_.end() ? "No such file or directory" : refusal(false);
+  if (*why != '\0') {
+    if (errorReason != nullptr)
+      *errorReason = why;
+    return false;
+  }
+  auto node = std::move(it->second);
+  nodes_.erase(it);
+  nodes_[to] = std::move(node);
+  return true;
 }
 
 void MemoryFileSystem::setDates(const std::string& path, std::optional<platform::TimePoint> created,
@@ -267,6 +292,11 @@ void MemoryFileSystem::setDates(const std::string& path, std::optional<platform:
 void MemoryFileSystem::setFailWrites(bool fail) {
   std::lock_guard lock(mutex_);
   failWrites_ = fail;
+}
+
+void MemoryFileSystem::setReadOnly(bool readOnly) {
+  std::lock_guard lock(mutex_);
+  readOnly_ = readOnly;
 }
 
 // --- CapturingSystemLog -----------------------------------------------------------------------

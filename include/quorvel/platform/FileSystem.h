@@ -42,6 +42,24 @@ class FileSystem {
   }
   virtual bool removeFile(const std::string& path, std::string* errorReason) = 0;
   bool removeFile(const std::string& path) { return removeFile(path, nullptr); }
+  // Gives the file at `from` the name `to`, replacing a file of that name, in one step where
+  // the file system can. False (with `errorReason`, optional) when it could not, a read-only
+  // folder among the causes; `from` is then left as it was. The default copies the file and
+  // removes the original: a system that can rename does better.
+  virtual bool moveFile(const std::string& from, const std::string& to, std::string* errorReason) {
+    const auto content = readFile(from);
+    if (!content) {
+      if (errorReason != nullptr)
+        *errorReason = "cannot read " + from;
+      return false;
+    }
+    if (!writeFileAtomically(to, *content, errorReason))
+      return false;
+    if (removeFile(from, errorReason))
+      return true;
+    removeFile(to);
+    return false;
+  }
   // Removes every file of `directory` (not its subdirectories). False when one is left.
   virtual bool removeFilesIn(const std::string& directory) {
     bool all = true;

@@ -69,6 +69,7 @@ class MemoryFileSystem final : public platform::FileSystem {
   bool writeFileAtomically(const std::string& path, const Bytes& content,
                            std::string* errorReason) override;
   bool removeFile(const std::string& path, std::string* errorReason) override;
+  bool moveFile(const std::string& from, const std::string& to, std::string* errorReason) override;
   using FileSystem::removeFile;
   using FileSystem::writeFileAtomically;
 
@@ -77,6 +78,9 @@ class MemoryFileSystem final : public platform::FileSystem {
                 std::optional<platform::TimePoint> modified);
   // While set, writes and new directories fail as on a full disk.
   void setFailWrites(bool fail);
+  // While set, every change fails as on a read-only file system: writes, new directories,
+  // renames and removals. Reading goes on.
+  void setReadOnly(bool readOnly);
 
  private:
   struct Node {
@@ -88,6 +92,9 @@ class MemoryFileSystem final : public platform::FileSystem {
   mutable std::mutex mutex_;
   std::map<std::string, Node> nodes_;
   bool failWrites_ = false;
+  bool readOnly_ = false;
+  // Why a change fails now (empty: it does not); `mutex_` held.
+  const char* refusal(bool isWrite) const;
 };
 
 // The outbox in memory. It outlives the trackers made on it, so that a test models a kill by

@@ -8,6 +8,7 @@
 #include <openssl/x509_vfy.h>
 #include <pthread.h>
 #include <strings.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -228,6 +229,13 @@ using namespace curl_detail;
 
 class CurlURLSession;
 namespace {
+
+// Connections are opened closed-on-exec, atomically: a child that the host forks and execs
+// meanwhile keeps none of them.
+curl_socket_t openClosedOnExec(void*, curlsocktype, curl_sockaddr* address) {
+  return ::socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+}
+
 // The session whose worker this thread is, if any.
 thread_local const CurlURLSession* tWorkerOf = nullptr;
 }  // namespace
@@ -451,6 +459,7 @@ class CurlURLSession final : public URLSession,
     const URLRequest& r = task->originalRequest();
     curl_easy_setopt(e, CURLOPT_URL, r.url.c_str());
     curl_easy_setopt(e, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(e, CURLOPT_OPENSOCKETFUNCTION, &openClosedOnExec);
     curl_easy_setopt(e, CURLOPT_PROTOCOLS_STR, "https,http");
     curl_easy_setopt(e, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(e, CURLOPT_SSL_VERIFYHOST, 2L);

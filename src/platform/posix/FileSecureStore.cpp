@@ -4,9 +4,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+<<<<<<< HEAD
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+=======
+>>>>>>> wip-keptfork
 
 #include <quorvel/Format.h>
 
@@ -71,11 +74,11 @@ SecureStatus FileSecureStore::add(std::string_view service, std::string_view acc
 
 SecureStatus FileSecureStore::copy(std::string_view service, std::string_view account,
                                    Bytes& out) const {
-  std::ifstream in(itemPath(service, account), std::ios::binary);
-  if (!in)
+  auto content = readWholeFile(itemPath(service, account));
+  if (!content)
     return errno == ENOENT ? SecureStatus::itemNotFound : SecureStatus::failure;
-  out.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  return in.bad() ? SecureStatus::failure : SecureStatus::success;
+  out = std::move(*content);
+  return SecureStatus::success;
 }
 
 SecureStatus FileSecureStore::update(std::string_view service, std::string_view account,

@@ -15,6 +15,7 @@
 #include <quorvel/Format.h>
 
 #include "platform/AtomicFile.h"
+#include "platform/ParentOnlyDescriptor.h"
 #include "platform/posix/PosixServices.h"
 #include "util/Base64.h"
 #include "util/BoundedJson.h"
@@ -94,26 +95,21 @@ class FolderLock {
   explicit FolderLock(const std::string& folder)
       : fd_(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
     constexpr int kTries = 100;
-    for (int i = 0; fd_ >= 0 && i < kTries; ++i) {
-      if (::flock(fd_, LOCK_EX | LOCK_NB) == 0)
+    for (int i = 0; fd_.get() >= 0 && i < kTries; ++i) {
+      if (::flock(fd_.get(), LOCK_EX | LOCK_NB) == 0)
         return;
       if (errno != EWOULDBLOCK && errno != EINTR)
         break;
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    if (fd_ >= 0)
-      ::close(fd_);
-    fd_ = -1;
-  }
-  ~FolderLock() {
-    if (fd_ >= 0)
-      ::close(fd_);  // lets the lock go
+    fd_.reset();
   }
   FolderLock(const FolderLock&) = delete;
   FolderLock& operator=(const FolderLock&) = delete;
 
  private:
-  int fd_;
+  // Closing lets the lock go; a child forked meanwhile does not keep it.
+  ParentOnlyDescriptor fd_;
 };
 
 }  // namespace

@@ -2,8 +2,9 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <fstream>
+#include <sstream>
 
+#include "platform/AtomicFile.h"
 #include "platform/posix/PosixServices.h"
 
 namespace quorvel::platform {
@@ -28,7 +29,7 @@ std::string machine() {
 }
 
 std::optional<std::string> cpuInfoField(const std::string& field) {
-  std::ifstream in("/proc/cpuinfo");
+  std::istringstream in(readTextFile("/proc/cpuinfo").value_or(std::string()));
   std::string line;
   while (std::getline(in, line)) {
     if (line.rfind(field, 0) != 0)
@@ -50,7 +51,8 @@ bool isX86(const std::string& m) {
 
 // Processor frequency in Hz: the highest frequency cpufreq reports, else /proc/cpuinfo.
 std::optional<std::uint64_t> cpuFrequencyHz() {
-  std::ifstream in("/sys/devices/system/cpu/cpu0/cpufreq/cpuinfo_max_freq");
+  std::istringstream in(readTextFile("/sys/devices/system/cpu/cpu0/cpufreq/cpuinfo_max_freq")
+                            .value_or(std::string()));
   std::uint64_t khz = 0;
   if (in >> khz && khz > 0)
     return khz * 1000;

@@ -128,6 +128,7 @@ std::shared_ptr<OutboxIntake> OutboxIntake::adopt(const std::string& path,
   return intake;
 }
 
+<<<<<<< HEAD
 bool OutboxIntake::lock() noexcept {
   int rc = 0;
   while ((rc = ::flock(fd_, LOCK_EX)) != 0 && errno == EINTR) {
@@ -147,6 +148,9 @@ bool OutboxIntake::removed() const noexcept {
 OutboxIntake::~OutboxIntake() {
   ::close(fd_);
 }
+=======
+OutboxIntake::~OutboxIntake() = default;
+>>>>>>> wip-keptfork
 
 bool OutboxIntake::append(const std::vector<OutboxChange>& changes,
                           std::vector<Place>& places) noexcept {
@@ -176,9 +180,9 @@ bool OutboxIntake::append(const std::vector<OutboxChange>& changes,
     std::memcpy(frame.data(), &sum, sizeof sum);
     const auto length = static_cast<std::uint32_t>(payloadSize);
     std::memcpy(frame.data() + 8, &length, sizeof length);
-    if (!writeAll(fd_, frame.data(), frame.size())) {
+    if (!writeAll(fd_.get(), frame.data(), frame.size())) {
       // Half a frame would end the file for a reader, hiding every later batch.
-      if (::ftruncate(fd_, static_cast<off_t>(size_)) != 0)
+      if (::ftruncate(fd_.get(), static_cast<off_t>(size_)) != 0)
         size_ = std::numeric_limits<std::uint64_t>::max();  // refuse from now on
       return false;
     }
@@ -194,7 +198,7 @@ bool OutboxIntake::readAt(Place place, std::string& content) const noexcept {
     content.resize(place.length);
     std::size_t done = 0;
     while (done < place.length) {
-      const ssize_t n = ::pread(fd_, content.data() + done, place.length - done,
+      const ssize_t n = ::pread(fd_.get(), content.data() + done, place.length - done,
                                 static_cast<off_t>(place.offset + done));
       if (n < 0 && errno == EINTR)
         continue;

@@ -12,6 +12,8 @@
 
 #include <quorvel/platform/OutboxStore.h>
 
+#include "platform/ParentOnlyDescriptor.h"
+
 namespace quorvel::platform {
 
 class OutboxIntake {
@@ -52,7 +54,7 @@ class OutboxIntake {
 
  private:
   explicit OutboxIntake(int fd) : fd_(fd) {}
-  int fd_ = -1;
+  ParentOnlyDescriptor fd_;  // a forked child does not keep it
   std::uint64_t size_ = 0;
 };
 

@@ -3,12 +3,13 @@
 
 #include <algorithm>
 #include <array>
-#include <fstream>
+#include <sstream>
 #include <string_view>
 
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
+#include "platform/AtomicFile.h"
 #include "platform/posix/PosixServices.h"
 
 namespace quorvel::platform {
@@ -17,9 +18,10 @@ namespace {
 std::map<std::string, std::string> readOsRelease() {
   std::map<std::string, std::string> values;
   for (const char* path : {"/etc/os-release", "/usr/lib/os-release"}) {
-    std::ifstream in(path);
-    if (!in)
+    const auto text = readTextFile(path);
+    if (!text)
       continue;
+    std::istringstream in(*text);
     std::string line;
     while (std::getline(in, line)) {
       const auto eq = line.find('=');
@@ -37,9 +39,9 @@ std::map<std::string, std::string> readOsRelease() {
 }
 
 std::string firstLine(const std::string& path) {
-  std::ifstream in(path);
+  std::istringstream in(readTextFile(path).value_or(std::string()));
   std::string line;
-  if (!in || !std::getline(in, line))
+  if (!std::getline(in, line))
     return {};
   while (!line.empty() && (line.back() == ' ' || line.back() == '\r' || line.back() == '\t'))
     line.pop_back();

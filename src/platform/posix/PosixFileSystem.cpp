@@ -6,8 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <sstream>
 
 #include "platform/AtomicFile.h"
@@ -31,12 +29,20 @@ std::optional<TimePoint> birthTime(const std::string& path) {
 }
 
 std::optional<TimePoint> markerTime(const std::string& directory) {
-  std::ifstream in(directory + "/" + PosixFileSystem::kCreationMarker);
+  std::istringstream in(
+      readTextFile(directory + "/" + PosixFileSystem::kCreationMarker).value_or(std::string()));
   long long micros = 0;
   if (!(in >> micros))
     return std::nullopt;
   return TimePoint(
       std::chrono::duration_cast<TimePoint::duration>(std::chrono::microseconds(micros)));
+}
+
+std::string parentOf(const std::string& path) {
+  const auto slash = path.find_last_of('/');
+  return slash == std::string::npos ? std::string(".")
+         : slash == 0               ? std::string("/")
+                                    : path.substr(0, slash);
 }
 
 }  // namespace
@@ -99,13 +105,7 @@ std::optional<std::vector<std::string>> PosixFileSystem::contentsOfDirectory(
 }
 
 std::optional<Bytes> PosixFileSystem::readFile(const std::string& path) const {
-  std::ifstream in(path, std::ios::binary);
-  if (!in)
-    return std::nullopt;
-  Bytes content((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  if (in.bad())
-    return std::nullopt;
-  return content;
+  return readWholeFile(path);
 }
 
 bool PosixFileSystem::writeFileAtomically(const std::string& path, const Bytes& content,
@@ -137,14 +137,22 @@ bool PosixFileSystem::forgetCreationDates() {
   return ::unlink(marker.c_str()) == 0 || errno == ENOENT;
 }
 
+bool PosixFileSystem::moveFile(const std::string& from, const std::string& to,
+                               std::string* errorReason) {
+  if (::rename(from.c_str(), to.c_str()) == 0) {
+    syncDirectory(parentOf(to));
+    return true;
+  }
+  if (errorReason != nullptr)
+    *errorReason = std::strerror(errno);
+  return false;
+}
+
 bool PosixFileSystem::removeFile(const std::string& path, std::string* errorReason) {
   if (::unlink(path.c_str()) == 0) {
     // Durable before anyone lists the directory again: a deleted request that came back
     // after a crash would be replayed twice.
-    const auto slash = path.find_last_of('/');
-    syncDirectory(slash == std::string::npos ? std::string(".")
-                  : slash == 0               ? std::string("/")
-                                             : path.substr(0, slash));
+    syncDirectory(parentOf(path));
     return true;
   }
   if (errorReason != nullptr)

@@ -132,6 +132,8 @@ class PosixFileSystem final : public FileSystem {
   bool writeFileAtomically(const std::string& path, const Bytes& content,
                            std::string* errorReason) override;
   bool removeFile(const std::string& path, std::string* errorReason) override;
+  // rename(), made durable before it returns.
+  bool moveFile(const std::string& from, const std::string& to, std::string* errorReason) override;
   using FileSystem::removeFile;
   using FileSystem::writeFileAtomically;
   bool forgetCreationDates() override;

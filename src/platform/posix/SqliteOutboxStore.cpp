@@ -104,6 +104,10 @@ SqliteOutboxStore::~SqliteOutboxStore() {
 
 // Under the intake's lock: load() may be reading on another thread.
 void SqliteOutboxStore::close() noexcept {
+  if (inheritedByFork()) {
+    forgetInherited();
+    return;
+  }
   const std::lock_guard lock(intakeMutex_);
   closeLocked();
 }
@@ -122,10 +126,27 @@ void SqliteOutboxStore::closeLocked() noexcept {
     sqlite3_close_v2(db_);
     db_ = nullptr;
   }
-  if (lockFd_ >= 0) {
-    ::close(lockFd_);  // releases the advisory lock
-    lockFd_ = -1;
-  }
+  lock_.reset();  // releases the advisory lock
+}
+
+// In a child made by fork() the parent's descriptors are closed already; its connections are
+// not closed (SQLite must not touch a connection across a fork: closing one may checkpoint
+// the parent's log) but let go, a leak of the child's only. No lock is taken: a thread of the
+// parent may have held one at the fork.
+bool SqliteOutboxStore::inheritedByFork() noexcept {
+  inherited_ = inherited_ || lock_.closedByFork();
+  return inherited_;
+}
+
+void SqliteOutboxStore::forgetInherited() noexcept {
+  db_ = nullptr;
+  syncDb_ = nullptr;
+  intake_.reset();
+  idFloor_ = 0;
+  retired_.clear();
+  pending_.clear();
+  committing_.clear();
+  lock_ = ParentOnlyDescriptor();
 }
 
 bool SqliteOutboxStore::exec(const char* sql) noexcept {
@@ -133,18 +154,25 @@ bool SqliteOutboxStore::exec(const char* sql) noexcept {
 }
 
 bool SqliteOutboxStore::open(std::string& reason) noexcept {
-  if (lockFd_ >= 0)
+  if (inheritedByFork()) {
+    close();
+    reason = "a child made by fork() cannot use its parent's outbox: it makes its own";
+    return false;
+  }
+  if (lock_.get() >= 0)
     return true;  // open already
   heldElsewhere_ = false;
   std::error_code ec;
   std::filesystem::create_directories(std::filesystem::path(path_).parent_path(), ec);
   const std::string lockPath = path_ + ".lock";
-  lockFd_ = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (lockFd_ < 0) {
+  // Wrapped before it is locked: a fork in between leaves the child an unlocked descriptor.
+  lock_ = ParentOnlyDescriptor(
+      ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+  if (lock_.get() < 0) {
     reason = "cannot open " + lockPath + ": " + std::strerror(errno);
     return false;
   }
-  if (::flock(lockFd_, LOCK_EX | LOCK_NB) != 0) {
+  if (::flock(lock_.get(), LOCK_EX | LOCK_NB) != 0) {
     heldElsewhere_ = errno == EWOULDBLOCK;
     reason = "another process uses the data directory (" + lockPath + " is locked)";
     close();
@@ -746,10 +774,11 @@ std::size_t SqliteOutboxStore::adoptGuests(
 }
 
 bool SqliteOutboxStore::destroy() noexcept {
+  if (inheritedByFork())
+    return false;  // the parent's files
   const std::lock_guard lock(syncMutex_);
   // The lock is held until the files are gone, so that no other process opens them halfway.
-  const int heldLock = lockFd_;
-  lockFd_ = -1;
+  ParentOnlyDescriptor heldLock = std::move(lock_);
   close();
   // The intake and the log first: either, left without its database, would be read into a
   // new one.
@@ -766,8 +795,7 @@ bool SqliteOutboxStore::destroy() noexcept {
     const std::string file = path_ + suffix;
     removed = (::unlink(file.c_str()) == 0 || errno == ENOENT) && removed;
   }
-  if (heldLock >= 0)
-    ::close(heldLock);
+  heldLock.reset();
   heldElsewhere_ = false;
   return removed;
 }

@@ -15,6 +15,7 @@
 
 #include <quorvel/platform/OutboxStore.h>
 
+#include "platform/ParentOnlyDescriptor.h"
 #include "platform/posix/OutboxIntake.h"
 
 struct sqlite3;
@@ -60,6 +61,9 @@ class SqliteOutboxStore final : public OutboxStore {
   void close() noexcept;
   // `intakeMutex_` held by these.
   void closeLocked() noexcept;
+  // True in a child made by fork() after this store was opened: it leaves the store alone.
+  bool inheritedByFork() noexcept;
+  void forgetInherited() noexcept;
   bool openDatabaseLocked(std::string& reason) noexcept;
   // Checks the table against the schema this build knows, migrating an older one; false with
   // `damage_` set when it is a newer or a foreign one.
@@ -93,7 +97,8 @@ class SqliteOutboxStore final : public OutboxStore {
   sqlite3* db_ = nullptr;  // the reads: pages and the highest number
   std::mutex syncMutex_;
   sqlite3* syncDb_ = nullptr;  // sync()'s own connection: the commits and checkpoints
-  int lockFd_ = -1;
+  ParentOnlyDescriptor lock_;
+  bool inherited_ = false;
   bool heldElsewhere_ = false;
   int damage_ = 0;  // the SQLite code of damage met, until it is healed
   std::atomic<std::uint64_t> unreadable_{0};
