@@ -253,7 +253,8 @@ QUORVEL_C_API quorvel_status quorvel_get_conversion_data(quorvel_tracker* tracke
 
 /* Blocks at most `timeout_ms` until every report accepted so far is answered or kept on disk.
  * QUORVEL_OK when all were delivered; QUORVEL_ERROR_TIMED_OUT when some were still on their
- * way; QUORVEL_ERROR_FAILED when some could not be sent (they stay on disk for a later send).
+ * way; QUORVEL_ERROR_FAILED when a send failed during the flush (what it carried stays on disk
+ * for a later send).
  * Works while stopped. Any thread; a host that must stay responsive flushes in short slices. */
 QUORVEL_C_API quorvel_status quorvel_flush(quorvel_tracker* tracker, uint32_t timeout_ms);
 

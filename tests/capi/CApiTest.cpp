@@ -133,7 +133,10 @@ TEST(CApi, DestroyFromInsideACallbackReturnsAndNothingIsCalledAfter) {
       quorvel_tracker_destroy(s->tracker);  // returns at once; finished once this returns
   };
   ASSERT_EQ(quorvel_set_callbacks(tracker, &callbacks), QUORVEL_OK);
+  quorvel_set_dev_key(tracker, "K", 1);
   quorvel_set_app_id(tracker, "1", 1);
+  const std::string attribution = R"({"status": "unpaid"})";
+  quorvel_testkit_answer_service(kit, "sdk", 3, 200, attribution.data(), attribution.size());
   quorvel_track_app_launch(tracker);
   quorvel_testkit_advance(kit, 10000);
   ASSERT_EQ(state.calls, 1);
