@@ -4,10 +4,14 @@
 
 #include <quorvel/quorvel_testkit.h>
 
+#include "support/TempDir.h"
+
 #include <atomic>
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 // In CSession.c: 1 when the session went as expected; otherwise 0 and the failed check.
 extern "C" int run_c_session(char* failure, size_t capacity);
@@ -143,6 +147,46 @@ TEST(CApi, DestroyFromInsideACallbackReturnsAndNothingIsCalledAfter) {
   quorvel_testkit_advance(kit, 10000);
   EXPECT_EQ(state.calls, 1);
   quorvel_testkit_destroy(kit);
+}
+
+TEST(CApi, AHostFreesItsTransportStateOnceDestroyReturned) {
+  // Under AddressSanitizer a transport call after destroy reads freed memory.
+  struct Host {
+    std::atomic<int> sends = 0;
+  };
+  const quorvel::test::TempDir folder;
+  auto host = std::make_unique<Host>();
+  quorvel_options options;
+  quorvel_options_init(&options);
+  const std::string data = folder / "app";
+  const std::string keys = folder / "keys";
+  options.data_directory = data.data();
+  options.data_directory_length = data.size();
+  options.keychain_directory = keys.data();
+  options.keychain_directory_length = keys.size();
+  options.transport = [](void* user, const quorvel_transport_request*,
+                         quorvel_transport_reply* reply) {
+    ++static_cast<Host*>(user)->sends;
+    quorvel_transport_fail(reply, -1009, "offline", 7);
+  };
+  options.transport_user_data = host.get();
+  quorvel_tracker* tracker = nullptr;
+  ASSERT_EQ(quorvel_tracker_create(&options, &tracker), QUORVEL_OK);
+  quorvel_set_dev_key(tracker, "K", 1);
+  quorvel_set_app_id(tracker, "1", 1);
+  quorvel_track_app_launch(tracker);
+  EXPECT_EQ(quorvel_flush(tracker, 30000), QUORVEL_ERROR_FAILED);  // sent, and failed
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([tracker] {
+      for (int i = 0; i < 50; ++i)
+        quorvel_track_event(tracker, "e", 1, "1", 1);
+    });
+  }
+  for (auto& thread : threads)
+    thread.join();
+  quorvel_tracker_destroy(tracker);
+  host.reset();
 }
 
 }  // namespace
