@@ -276,8 +276,8 @@ QUORVEL_C_API quorvel_status quorvel_get_delivery_stats(quorvel_tracker* tracker
 
 /* --- Consent ------------------------------------------------------------------------------ */
 
-/* Stops (1) or lets run (0); kept across starts. While stopped, every call but these, the
- * settings of quorvel_set_debug, quorvel_flush, quorvel_get_delivery_stats and
+/* Stops (1) or lets run (0); kept across starts. While stopped, every call but these,
+ * quorvel_set_debug, quorvel_set_callbacks, quorvel_flush, quorvel_get_delivery_stats and
  * quorvel_forget_this_install does nothing and returns QUORVEL_ERROR_FAILED. */
 QUORVEL_C_API quorvel_status quorvel_set_stopped(quorvel_tracker* tracker, int stopped);
 /* 1 stopped, 0 running, -1 for a NULL handle. */
