@@ -10,10 +10,19 @@
  * - Strings the library hands out are copied into the caller's buffer: the function writes
  *   at most `capacity` bytes, sets `*length` to the whole length, and returns
  *   QUORVEL_ERROR_BUFFER_TOO_SMALL when the buffer was too small (call again with a larger one).
+ *   A NULL buffer with capacity 0 asks for the length only; with a capacity it is refused.
  * - Structs that may grow carry their own size in their first field: set it to
  *   sizeof(the struct) (the *_init functions do), so that a library newer than the header a
- *   host was built with reads only the fields that host knows.
- * - Nothing throws; a failure is a status code and a line in the library's log.
+ *   host was built with reads only the fields that host knows. Only the sizes of released
+ *   header versions are accepted; any other is QUORVEL_ERROR_INVALID_ARGUMENT.
+ * - Nothing throws; a failure is a status code and a line in the library's log. No call that
+ *   returns QUORVEL_OK dropped what it was given.
+ * - Unless a function says otherwise it returns at once (it may take a short lock and touch
+ *   the disk), and its statuses are QUORVEL_OK, QUORVEL_ERROR_INVALID_ARGUMENT (a NULL
+ *   handle or pointer, an empty name, an unknown struct size) and QUORVEL_ERROR_FAILED (out
+ *   of memory, or the tracker is stopped: see quorvel_set_stopped).
+ * - A handle must not be used once quorvel_tracker_destroy was called on it: a second destroy
+ *   or any later call is undefined (the handle's memory is gone).
  * - Callbacks are a function pointer and a `user_data` pointer handed back unchanged. Each
  *   says which thread it arrives on; none arrives while the library holds a lock, so a
  *   callback may call the library back, but it should return quickly.
@@ -26,7 +35,15 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#if defined(__GNUC__)
+/* Exported from the library, imported by hosts (on Windows, the library's own build defines
+ * QUORVEL_BUILDING_LIBRARY; a static library's hosts define QUORVEL_STATIC). */
+#if defined(_WIN32) && !defined(QUORVEL_STATIC)
+#if defined(QUORVEL_BUILDING_LIBRARY)
+#define QUORVEL_C_API __declspec(dllexport)
+#else
+#define QUORVEL_C_API __declspec(dllimport)
+#endif
+#elif defined(__GNUC__)
 #define QUORVEL_C_API __attribute__((visibility("default")))
 #else
 #define QUORVEL_C_API
@@ -84,7 +101,10 @@ typedef struct quorvel_transport_request {
  * or quorvel_transport_fail, from any thread, during the send call or later. */
 typedef struct quorvel_transport_reply quorvel_transport_reply;
 
-/* Sends `request`; called on a library thread. */
+/* Sends `request`; called on a library thread, one request at a time: it must return quickly
+ * (hand the request to the host's own HTTP stack and answer `reply` later). Never called
+ * once quorvel_tracker_destroy has returned; a request the library makes after that fails
+ * without reaching the host. */
 typedef void (*quorvel_transport_send)(void* user_data, const quorvel_transport_request* request,
                                        quorvel_transport_reply* reply);
 
@@ -123,11 +143,17 @@ typedef struct quorvel_options {
 /* Sets `struct_size` and leaves every option unset. */
 QUORVEL_C_API void quorvel_options_init(quorvel_options* options);
 
-/* Makes a tracker on the POSIX platform with `options` (NULL: all defaults). */
+/* Makes a tracker on the POSIX platform with `options` (NULL: all defaults). Any thread;
+ * reads the data directory. QUORVEL_ERROR_INVALID_ARGUMENT for a NULL `tracker` or an unknown
+ * `struct_size`, QUORVEL_ERROR_FAILED when the tracker could not be made. */
 QUORVEL_C_API quorvel_status quorvel_tracker_create(const quorvel_options* options,
                                                     quorvel_tracker** tracker);
-/* Releases the tracker: it stops calling the host's callbacks before this returns. Reports
- * not yet answered stay in the outbox for the next start (flush first to wait for them). */
+/* Releases the tracker. Reports not yet answered stay in the outbox for the next start (flush
+ * first to wait for them). Called on a host thread, it blocks until no callback and no
+ * transport call of this tracker is under way (transport calls: at most 10 s) and none
+ * starts afterwards. Called from inside one of the tracker's callbacks or its transport's
+ * send, it returns at once: nothing new is called from then on, and the tracker finishes on a
+ * library thread once that call has returned. Destroying a handle twice is undefined. */
 QUORVEL_C_API void quorvel_tracker_destroy(quorvel_tracker* tracker);
 
 /* --- Settings -------------------------------------------------------------------------- */
@@ -143,7 +169,8 @@ QUORVEL_C_API quorvel_status quorvel_set_currency_code(quorvel_tracker* tracker,
 QUORVEL_C_API quorvel_status quorvel_set_debug(quorvel_tracker* tracker, int on);
 QUORVEL_C_API quorvel_status quorvel_set_min_time_between_sessions(quorvel_tracker* tracker,
                                                                    uint64_t seconds);
-/* The install's identifier, made at the first call. */
+/* The install's identifier, made at the first call. QUORVEL_ERROR_BUFFER_TOO_SMALL as for
+ * every string handed out. */
 QUORVEL_C_API quorvel_status quorvel_get_uid(quorvel_tracker* tracker, char* buffer,
                                              size_t capacity, size_t* length);
 
@@ -151,11 +178,12 @@ QUORVEL_C_API quorvel_status quorvel_get_uid(quorvel_tracker* tracker, char* buf
 
 /* The app became active. */
 QUORVEL_C_API quorvel_status quorvel_track_app_launch(quorvel_tracker* tracker);
-/* An in-app event with one optional value. */
+/* An in-app event with one optional value. An empty name is refused. */
 QUORVEL_C_API quorvel_status quorvel_track_event(quorvel_tracker* tracker, const char* name,
                                                  size_t name_length, const char* value,
                                                  size_t value_length);
-/* An in-app event with values: `values_json` is a JSON object. */
+/* An in-app event with values: `values_json` is a JSON object, nested at most 128 deep.
+ * QUORVEL_ERROR_INVALID_ARGUMENT for anything else. */
 QUORVEL_C_API quorvel_status quorvel_track_event_with_values(quorvel_tracker* tracker,
                                                              const char* name, size_t name_length,
                                                              const char* values_json,
@@ -187,7 +215,8 @@ typedef struct quorvel_purchase {
   void* user_data;
 } quorvel_purchase;
 QUORVEL_C_API void quorvel_purchase_init(quorvel_purchase* purchase);
-/* Reports a store purchase and has its receipt validated by the service. */
+/* Reports a store purchase and has its receipt validated by the service. The callback is
+ * called once, on a library thread (not at all when the tracker is destroyed first). */
 QUORVEL_C_API quorvel_status quorvel_validate_and_track_purchase(quorvel_tracker* tracker,
                                                                  const quorvel_purchase* purchase);
 /* The push token, for uninstall measurement. */
@@ -214,7 +243,8 @@ typedef struct quorvel_callbacks {
 } quorvel_callbacks;
 QUORVEL_C_API void quorvel_callbacks_init(quorvel_callbacks* callbacks);
 /* Installs the callbacks (a copy; NULL removes them). No callback runs after the next
- * quorvel_set_callbacks or quorvel_tracker_destroy has returned. */
+ * quorvel_set_callbacks or quorvel_tracker_destroy has returned: on a host thread it blocks
+ * until the callbacks under way have returned. */
 QUORVEL_C_API quorvel_status quorvel_set_callbacks(quorvel_tracker* tracker,
                                                    const quorvel_callbacks* callbacks);
 /* Asks for the install's conversion data, delivered to on_conversion_data. */
@@ -222,8 +252,11 @@ QUORVEL_C_API quorvel_status quorvel_get_conversion_data(quorvel_tracker* tracke
 
 /* --- Delivery ----------------------------------------------------------------------------- */
 
-/* Waits at most `timeout_ms` until every report accepted so far is answered (or kept).
- * QUORVEL_ERROR_TIMED_OUT when some were still on their way. */
+/* Blocks at most `timeout_ms` until every report accepted so far is answered or kept on disk.
+ * QUORVEL_OK when all were delivered; QUORVEL_ERROR_TIMED_OUT when some were still on their
+ * way; QUORVEL_ERROR_FAILED when a send failed during the flush (what it carried stays on disk
+ * for a later send).
+ * Works while stopped. Any thread; a host that must stay responsive flushes in short slices. */
 QUORVEL_C_API quorvel_status quorvel_flush(quorvel_tracker* tracker, uint32_t timeout_ms);
 
 typedef struct quorvel_delivery_stats {
@@ -238,7 +271,7 @@ typedef struct quorvel_delivery_stats {
   uint64_t repeated;
   int data_directory_held_elsewhere;
 } quorvel_delivery_stats;
-/* Fills `stats`, whose struct_size the caller sets. */
+/* Fills `stats`, whose struct_size the caller sets. Works while stopped. */
 QUORVEL_C_API quorvel_status quorvel_get_delivery_stats(quorvel_tracker* tracker,
                                                         quorvel_delivery_stats* stats);
 
@@ -248,8 +281,10 @@ QUORVEL_C_API quorvel_status quorvel_get_delivery_stats(quorvel_tracker* tracker
  * service domain, callbacks, ...) are still taken and apply once it runs; the calls that
  * collect or send return QUORVEL_STOPPED and do nothing. */
 QUORVEL_C_API quorvel_status quorvel_set_stopped(quorvel_tracker* tracker, int stopped);
+/* 1 stopped, 0 running, -1 for a NULL handle. */
 QUORVEL_C_API int quorvel_is_stopped(quorvel_tracker* tracker);
-/* Stops, then removes everything the library keeps for the app. */
+/* Stops, then removes everything the library keeps for the app (blocks on the disk).
+ * QUORVEL_ERROR_FAILED when something could not be removed now (the next start retries). */
 QUORVEL_C_API quorvel_status quorvel_forget_this_install(quorvel_tracker* tracker);
 
 #ifdef __cplusplus

@@ -2,6 +2,7 @@
 // runs once the host has replaced them or destroyed the handle.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -12,6 +13,28 @@
 #include <quorvel/quorvel.h>
 
 namespace quorvel::capi {
+
+// How long destroy waits for transport sends under way on other threads.
+inline constexpr std::chrono::milliseconds kTransportCallBound{10000};
+
+// How many calls into the host (callbacks, transport sends) the current thread is inside.
+int& hostCallDepth();
+
+// Calls into the host's transport, counted so that closing waits for those under way (within
+// a bound), except those of the closing thread itself.
+class CallGate {
+ public:
+  // False once closed: the call must not be made.
+  bool enter();
+  void leave();
+  void close(std::chrono::milliseconds bound);
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable idle_;
+  int running_ = 0;
+  bool closed_ = false;
+};
 
 // The host's callbacks, shared with the library's threads. A call runs outside the lock; a
 // replacement waits for the calls under way, unless it is made from inside one of them.
@@ -28,9 +51,9 @@ class CallbackBox {
       current = callbacks_;
       ++running_;
     }
-    ++depth();
+    ++hostCallDepth();
     call(current);
-    --depth();
+    --hostCallDepth();
     const std::lock_guard lock(mutex_);
     if (--running_ == 0)
       idle_.notify_all();
@@ -41,7 +64,6 @@ class CallbackBox {
   void close();
 
  private:
-  static int& depth();
   void waitForCallsLocked(std::unique_lock<std::mutex>& lock);
 
   std::mutex mutex_;
@@ -56,6 +78,7 @@ class CallbackBox {
 struct quorvel_tracker {
   std::shared_ptr<quorvel::capi::CallbackBox> callbacks =
       std::make_shared<quorvel::capi::CallbackBox>();
+  std::shared_ptr<quorvel::capi::CallGate> transport = std::make_shared<quorvel::capi::CallGate>();
   std::shared_ptr<quorvel::QuorvelTrackerDelegate> delegate;
   std::unique_ptr<quorvel::QuorvelTracker> tracker;
 };
@@ -63,7 +86,8 @@ struct quorvel_tracker {
 namespace quorvel::capi {
 
 // A transport that hands each request to the host's C function.
-std::shared_ptr<Transport> makeCTransport(quorvel_transport_send send, void* userData);
+std::shared_ptr<Transport> makeCTransport(quorvel_transport_send send, void* userData,
+                                          std::shared_ptr<CallGate> gate);
 // The text of (pointer, length), or nullopt for NULL.
 std::optional<std::string> textOf(const char* data, std::size_t length);
 // Copies `text` out through the caller's buffer.

@@ -40,43 +40,68 @@ platform::HeaderList parseHeaderLines(std::string_view text) {
   return headers;
 }
 
+void failRequest(const TransportDone& done, const char* message) {
+  if (done)
+    done(std::nullopt, Error{platform::kURLErrorDomain, -1004, message});
+}
+
 class CTransport final : public Transport {
  public:
-  CTransport(quorvel_transport_send send, void* userData) : send_(send), userData_(userData) {}
+  CTransport(quorvel_transport_send send, void* userData, std::shared_ptr<CallGate> gate)
+      : send_(send), userData_(userData), gate_(std::move(gate)) {}
 
   void send(TransportRequest request, TransportDone done) noexcept override {
+    // Once the handle is destroyed the host's transport state may be gone: never call it.
+    if (!gate_->enter())
+      return failRequest(done, "the tracker was destroyed");
+    const Leave leave{*gate_};
+    quorvel_transport_request c{};
+    std::string headers;
+    quorvel_transport_reply* reply = nullptr;
     try {
-      const std::string headers = headerLines(request.headers);
-      quorvel_transport_request c{};
-      c.struct_size = sizeof c;
-      c.method = request.method.data();
-      c.method_length = request.method.size();
-      c.url = request.url.data();
-      c.url_length = request.url.size();
-      c.headers = headers.data();
-      c.headers_length = headers.size();
-      c.body = request.body.data();
-      c.body_length = request.body.size();
-      c.timeout_ms = static_cast<std::uint32_t>(request.timeout.count());
+      headers = headerLines(request.headers);
       // Owned by the host from here until it answers.
-      auto* reply =
-          new quorvel_transport_reply{std::move(done)};  // NOLINT(cppcoreguidelines-owning-memory)
-      send_(userData_, &c, reply);
+      reply = new quorvel_transport_reply{done};  // NOLINT(cppcoreguidelines-owning-memory)
     } catch (...) {
-      if (done)
-        done(std::nullopt, Error{platform::kURLErrorDomain, -1004, "transport failed"});
+      return failRequest(done, "transport failed");
     }
+    c.struct_size = sizeof c;
+    c.method = request.method.data();
+    c.method_length = request.method.size();
+    c.url = request.url.data();
+    c.url_length = request.url.size();
+    c.headers = headers.data();
+    c.headers_length = headers.size();
+    c.body = request.body.data();
+    c.body_length = request.body.size();
+    c.timeout_ms = static_cast<std::uint32_t>(request.timeout.count());
+    // Outside any catch (...): a host thread ended under the call (a forced unwind) must not
+    // be swallowed here.
+    send_(userData_, &c, reply);
   }
 
  private:
+  class Leave {
+   public:
+    explicit Leave(CallGate& gate) : gate_(gate) {}
+    Leave(const Leave&) = delete;
+    Leave& operator=(const Leave&) = delete;
+    ~Leave() { gate_.leave(); }
+
+   private:
+    CallGate& gate_;
+  };
+
   quorvel_transport_send send_;
   void* userData_;
+  std::shared_ptr<CallGate> gate_;
 };
 
 }  // namespace
 
-std::shared_ptr<Transport> makeCTransport(quorvel_transport_send send, void* userData) {
-  return std::make_shared<CTransport>(send, userData);
+std::shared_ptr<Transport> makeCTransport(quorvel_transport_send send, void* userData,
+                                          std::shared_ptr<CallGate> gate) {
+  return std::make_shared<CTransport>(send, userData, std::move(gate));
 }
 
 }  // namespace quorvel::capi

@@ -6,21 +6,50 @@
 #include <quorvel/Version.h>
 #include <quorvel/quorvel.h>
 
+#include <algorithm>
+#include <array>
+#include <cstddef>
 #include <cstring>
+#include <thread>
 #include <utility>
 
 #include "capi/CTracker.h"
+#include "util/BoundedJson.h"
 
 namespace quorvel::capi {
 
-int& CallbackBox::depth() {
+int& hostCallDepth() {
   thread_local int calls = 0;
   return calls;
 }
 
+bool CallGate::enter() {
+  const std::lock_guard lock(mutex_);
+  if (closed_)
+    return false;
+  ++running_;
+  ++hostCallDepth();
+  return true;
+}
+
+void CallGate::leave() {
+  --hostCallDepth();
+  const std::lock_guard lock(mutex_);
+  if (--running_ == 0)
+    idle_.notify_all();
+}
+
+void CallGate::close(std::chrono::milliseconds bound) {
+  std::unique_lock lock(mutex_);
+  closed_ = true;
+  // The closing thread's own call would never end while it waits.
+  const int own = hostCallDepth() > 0 ? 1 : 0;
+  idle_.wait_for(lock, bound, [&] { return running_ <= own; });
+}
+
 void CallbackBox::waitForCallsLocked(std::unique_lock<std::mutex>& lock) {
   // From inside a callback the call under way is the caller's own: waiting would never end.
-  if (depth() == 0)
+  if (hostCallDepth() == 0)
     idle_.wait(lock, [this] { return running_ == 0; });
 }
 
@@ -44,6 +73,9 @@ std::optional<std::string> textOf(const char* data, std::size_t length) {
 
 quorvel_status copyOut(std::string_view text, char* buffer, std::size_t capacity,
                        std::size_t* length) {
+  // A capacity with no buffer is a host's mistake, not a size query.
+  if (buffer == nullptr && capacity > 0)
+    return QUORVEL_ERROR_INVALID_ARGUMENT;
   if (length != nullptr)
     *length = text.size();
   if (buffer != nullptr && capacity > 0)
@@ -53,13 +85,28 @@ quorvel_status copyOut(std::string_view text, char* buffer, std::size_t capacity
 
 namespace {
 
+// The sizes each struct had in the header versions released so far. Any other size is a
+// host's mistake (or a header newer than the library): copying part of it could leave half of
+// a function pointer, so it is refused.
+template <typename Struct>
+constexpr std::array<std::size_t, 1> kKnownSizes{sizeof(Struct)};
+template <>
+constexpr std::array<std::size_t, 2> kKnownSizes<quorvel_options>{
+    offsetof(quorvel_options, transport),  // 1.0, before the host's transport
+    sizeof(quorvel_options)};
+
+template <typename Struct>
+bool knownSize(std::size_t size) {
+  return std::ranges::find(kKnownSizes<Struct>, size) != kKnownSizes<Struct>.end();
+}
+
 // A struct from a host built against an older header carries fewer fields: copy what it has.
 template <typename Struct>
 bool readSized(const Struct* given, Struct& out) {
-  if (given == nullptr || given->struct_size < sizeof(std::size_t))
+  if (given == nullptr || !knownSize<Struct>(given->struct_size))
     return false;
   std::memset(&out, 0, sizeof out);
-  std::memcpy(&out, given, std::min(given->struct_size, sizeof out));
+  std::memcpy(&out, given, given->struct_size);
   out.struct_size = sizeof out;
   return true;
 }
@@ -94,11 +141,17 @@ std::shared_ptr<QuorvelTrackerDelegate> delegateFor(const std::shared_ptr<Callba
   return delegate;
 }
 
-// Runs `call` on the handle's tracker, turning a missing handle into a status.
+// Runs `call` on the handle's tracker, turning a missing handle into a status. Settings are
+// taken while stopped (they apply once the library runs again); the calls that collect or
+// send are `Stopped::refused` and say QUORVEL_STOPPED instead of QUORVEL_OK.
+enum class Stopped { refused, allowed };
 template <typename Call>
-quorvel_status withTracker(quorvel_tracker* handle, Call&& call) {
+quorvel_status withTracker(quorvel_tracker* handle, Call&& call,
+                           Stopped whenStopped = Stopped::allowed) {
   if (handle == nullptr || !handle->tracker)
     return QUORVEL_ERROR_INVALID_ARGUMENT;
+  if (whenStopped == Stopped::refused && handle->tracker->isStopped())
+    return QUORVEL_STOPPED;
   try {
     return call(*handle->tracker);
   } catch (...) {
@@ -106,12 +159,9 @@ quorvel_status withTracker(quorvel_tracker* handle, Call&& call) {
   }
 }
 
-// The same for the calls that a stopped library refuses: they say so instead of QUORVEL_OK.
 template <typename Call>
 quorvel_status withRunningTracker(quorvel_tracker* handle, Call&& call) {
-  if (handle != nullptr && handle->tracker && handle->tracker->isStopped())
-    return QUORVEL_STOPPED;
-  return withTracker(handle, std::forward<Call>(call));
+  return withTracker(handle, std::forward<Call>(call), Stopped::refused);
 }
 
 }  // namespace
@@ -135,6 +185,7 @@ quorvel_tracker* makeCTrackerHandle(std::shared_ptr<const Platform> platform) no
 
 using quorvel::Json;
 using quorvel::QuorvelTracker;
+using quorvel::capi::Stopped;
 using quorvel::capi::textOf;
 using quorvel::capi::withRunningTracker;
 using quorvel::capi::withTracker;
@@ -192,6 +243,7 @@ quorvel_status quorvel_tracker_create(const quorvel_options* given, quorvel_trac
     return QUORVEL_ERROR_INVALID_ARGUMENT;
   try {
     quorvel::PosixPlatformOptions options;
+    auto gate = std::make_shared<quorvel::capi::CallGate>();
     if (auto v = textOf(o.data_directory, o.data_directory_length))
       options.dataDirectory = *v;
     if (auto v = textOf(o.keychain_directory, o.keychain_directory_length))
@@ -200,11 +252,12 @@ quorvel_status quorvel_tracker_create(const quorvel_options* given, quorvel_trac
       options.bundleIdentifier = *v;
     options.extraCAFile = textOf(o.extra_ca_file, o.extra_ca_file_length);
     if (o.transport != nullptr)
-      options.transport = quorvel::capi::makeCTransport(o.transport, o.transport_user_data);
+      options.transport = quorvel::capi::makeCTransport(o.transport, o.transport_user_data, gate);
     auto platform = std::make_shared<const quorvel::Platform>(quorvel::makePosixPlatform(options));
     quorvel_tracker* handle = quorvel::makeCTrackerHandle(std::move(platform));
     if (handle == nullptr)
       return QUORVEL_ERROR_FAILED;
+    handle->transport = gate;
     if (auto domain = textOf(o.service_domain, o.service_domain_length))
       handle->tracker->setHost(domain);
     *tracker = handle;
@@ -217,8 +270,25 @@ quorvel_status quorvel_tracker_create(const quorvel_options* given, quorvel_trac
 void quorvel_tracker_destroy(quorvel_tracker* tracker) {
   if (tracker == nullptr)
     return;
+  using quorvel::capi::kTransportCallBound;
   tracker->callbacks->close();
-  delete tracker;  // NOLINT(cppcoreguidelines-owning-memory): the host's handle ends here
+  if (quorvel::capi::hostCallDepth() == 0) {
+    tracker->transport->close(kTransportCallBound);
+    delete tracker;  // NOLINT(cppcoreguidelines-owning-memory): the host's handle ends here
+    return;
+  }
+  // Inside a callback or a send: the tracker's threads wait for this very call to return, so
+  // the handle is finished on a thread of its own once it has. Nothing new starts from now.
+  tracker->transport->close(std::chrono::milliseconds(0));
+  try {
+    std::thread([tracker] {
+      tracker->callbacks->close();
+      tracker->transport->close(kTransportCallBound);
+      delete tracker;  // NOLINT(cppcoreguidelines-owning-memory)
+    }).detach();
+  } catch (...) {
+    // No thread to finish it: the handle is left behind, which is better than a deadlock.
+  }
 }
 
 quorvel_status quorvel_set_dev_key(quorvel_tracker* tracker, const char* key, size_t length) {
@@ -252,10 +322,13 @@ quorvel_status quorvel_set_currency_code(quorvel_tracker* tracker, const char* c
 }
 
 quorvel_status quorvel_set_debug(quorvel_tracker* tracker, int on) {
-  return withTracker(tracker, [&](QuorvelTracker& t) {
-    t.setIsDebug(on != 0);
-    return QUORVEL_OK;
-  });
+  return withTracker(
+      tracker,
+      [&](QuorvelTracker& t) {
+        t.setIsDebug(on != 0);
+        return QUORVEL_OK;
+      },
+      Stopped::allowed);
 }
 
 quorvel_status quorvel_set_min_time_between_sessions(quorvel_tracker* tracker, uint64_t seconds) {
@@ -281,7 +354,7 @@ quorvel_status quorvel_track_app_launch(quorvel_tracker* tracker) {
 
 quorvel_status quorvel_track_event(quorvel_tracker* tracker, const char* name, size_t name_length,
                                    const char* value, size_t value_length) {
-  if (name == nullptr)
+  if (name == nullptr || name_length == 0)
     return QUORVEL_ERROR_INVALID_ARGUMENT;
   return withRunningTracker(tracker, [&](QuorvelTracker& t) {
     t.trackEvent(std::string(name, name_length), textOf(value, value_length));
@@ -292,10 +365,11 @@ quorvel_status quorvel_track_event(quorvel_tracker* tracker, const char* name, s
 quorvel_status quorvel_track_event_with_values(quorvel_tracker* tracker, const char* name,
                                                size_t name_length, const char* values_json,
                                                size_t values_json_length) {
-  if (name == nullptr || values_json == nullptr)
+  if (name == nullptr || name_length == 0 || values_json == nullptr)
     return QUORVEL_ERROR_INVALID_ARGUMENT;
   return withRunningTracker(tracker, [&](QuorvelTracker& t) {
-    Json values = Json::parse(std::string_view(values_json, values_json_length), nullptr, false);
+    // Deeper than the library's bound, the values could never be written into a report.
+    Json values = quorvel::parseBoundedJson(std::string_view(values_json, values_json_length));
     if (!values.is_object())
       return QUORVEL_ERROR_INVALID_ARGUMENT;
     t.trackEventWithValues(std::string(name, name_length), std::move(values));
@@ -404,51 +478,69 @@ quorvel_status quorvel_get_conversion_data(quorvel_tracker* tracker) {
 }
 
 quorvel_status quorvel_flush(quorvel_tracker* tracker, uint32_t timeout_ms) {
-  return withTracker(tracker, [&](QuorvelTracker& t) {
-    return t.flush(std::chrono::milliseconds(timeout_ms)) ? QUORVEL_OK : QUORVEL_ERROR_TIMED_OUT;
-  });
+  return withTracker(
+      tracker,
+      [&](QuorvelTracker& t) {
+        const std::uint64_t keptBefore = t.deliveryStats().keptAsFiles;
+        if (!t.flush(std::chrono::milliseconds(timeout_ms)))
+          return QUORVEL_ERROR_TIMED_OUT;
+        // Settled is not delivered: a report whose request failed waits for a later send.
+        const quorvel::QuorvelDeliveryStats after = t.deliveryStats();
+        return after.waiting == 0 && after.keptAsFiles == keptBefore ? QUORVEL_OK
+                                                                     : QUORVEL_ERROR_FAILED;
+      },
+      Stopped::allowed);
 }
 
 quorvel_status quorvel_get_delivery_stats(quorvel_tracker* tracker, quorvel_delivery_stats* stats) {
-  if (stats == nullptr || stats->struct_size < sizeof(std::size_t))
+  if (stats == nullptr || !quorvel::capi::knownSize<quorvel_delivery_stats>(stats->struct_size))
     return QUORVEL_ERROR_INVALID_ARGUMENT;
-  return withTracker(tracker, [&](QuorvelTracker& t) {
-    const quorvel::QuorvelDeliveryStats s = t.deliveryStats();
-    quorvel_delivery_stats out{};
-    out.struct_size = sizeof out;
-    out.accepted = s.accepted;
-    out.delivered = s.delivered;
-    out.waiting = s.waiting;
-    out.kept_as_files = s.keptAsFiles;
-    out.dropped_over_size = s.droppedOverSize;
-    out.dropped_over_age = s.droppedOverAge;
-    out.dropped_by_rule = s.droppedByRule;
-    out.repeated = s.repeated;
-    out.data_directory_held_elsewhere = s.dataDirectoryHeldElsewhere ? 1 : 0;
-    // Only the fields the caller's struct has; its size stays the caller's.
-    const std::size_t size = std::min(stats->struct_size, sizeof out);
-    std::memcpy(reinterpret_cast<char*>(stats) + sizeof(std::size_t),
-                reinterpret_cast<const char*>(&out) + sizeof(std::size_t),
-                size - sizeof(std::size_t));
-    return QUORVEL_OK;
-  });
+  return withTracker(
+      tracker,
+      [&](QuorvelTracker& t) {
+        const quorvel::QuorvelDeliveryStats s = t.deliveryStats();
+        quorvel_delivery_stats out{};
+        out.struct_size = sizeof out;
+        out.accepted = s.accepted;
+        out.delivered = s.delivered;
+        out.waiting = s.waiting;
+        out.kept_as_files = s.keptAsFiles;
+        out.dropped_over_size = s.droppedOverSize;
+        out.dropped_over_age = s.droppedOverAge;
+        out.dropped_by_rule = s.droppedByRule;
+        out.repeated = s.repeated;
+        out.data_directory_held_elsewhere = s.dataDirectoryHeldElsewhere ? 1 : 0;
+        // Only the fields the caller's struct has; its size stays the caller's.
+        const std::size_t size = std::min(stats->struct_size, sizeof out);
+        std::memcpy(reinterpret_cast<char*>(stats) + sizeof(std::size_t),
+                    reinterpret_cast<const char*>(&out) + sizeof(std::size_t),
+                    size - sizeof(std::size_t));
+        return QUORVEL_OK;
+      },
+      Stopped::allowed);
 }
 
 quorvel_status quorvel_set_stopped(quorvel_tracker* tracker, int stopped) {
-  return withTracker(tracker, [&](QuorvelTracker& t) {
-    t.setStopped(stopped != 0);
-    return QUORVEL_OK;
-  });
+  return withTracker(
+      tracker,
+      [&](QuorvelTracker& t) {
+        t.setStopped(stopped != 0);
+        return QUORVEL_OK;
+      },
+      Stopped::allowed);
 }
 
 int quorvel_is_stopped(quorvel_tracker* tracker) {
-  return tracker != nullptr && tracker->tracker && tracker->tracker->isStopped() ? 1 : 0;
+  if (tracker == nullptr || !tracker->tracker)
+    return -1;
+  return tracker->tracker->isStopped() ? 1 : 0;
 }
 
 quorvel_status quorvel_forget_this_install(quorvel_tracker* tracker) {
-  return withTracker(tracker, [&](QuorvelTracker& t) {
-    return t.forgetThisInstall() ? QUORVEL_OK : QUORVEL_ERROR_FAILED;
-  });
+  return withTracker(
+      tracker,
+      [&](QuorvelTracker& t) { return t.forgetThisInstall() ? QUORVEL_OK : QUORVEL_ERROR_FAILED; },
+      Stopped::allowed);
 }
 
 }  // extern "C"

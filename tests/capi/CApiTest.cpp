@@ -1,11 +1,17 @@
-// The C API: a whole session written in C, and the guarantee that no callback reaches the
-// host once it has destroyed its handle.
+// The C API: a whole session written in C, misuse answered with a status, and the guarantee
+// that no callback reaches the host once it has destroyed its handle.
 #include <gtest/gtest.h>
 
 #include <quorvel/quorvel_testkit.h>
 
+#include "support/TempDir.h"
+
 #include <atomic>
+#include <cstddef>
+#include <memory>
+#include <string>
 #include <thread>
+#include <vector>
 
 // In CSession.c: 1 when the session went as expected; otherwise 0 and the failed check.
 extern "C" int run_c_session(char* failure, size_t capacity);
@@ -42,6 +48,145 @@ TEST(CApi, NoCallbackRunsOnceTheHandleIsDestroyedOrTheCallbacksReplaced) {
   quorvel_testkit_advance(kit, 10000);  // what was queued for the handle runs now, or never
   EXPECT_EQ(calls, 0);
   quorvel_testkit_destroy(kit);
+}
+
+// Kit and tracker for one test, released in the right order.
+struct Kit {
+  quorvel_testkit* kit = nullptr;
+  quorvel_tracker* tracker = nullptr;
+  Kit() {
+    EXPECT_EQ(quorvel_testkit_create("K", 1, &kit, &tracker), QUORVEL_OK);
+    quorvel_set_app_id(tracker, "1", 1);
+  }
+  Kit(const Kit&) = delete;
+  Kit& operator=(const Kit&) = delete;
+  ~Kit() {
+    quorvel_tracker_destroy(tracker);
+    quorvel_testkit_destroy(kit);
+  }
+};
+
+TEST(CApi, MisuseIsRefusedWithAStatusAndNothingHalfDone) {
+  const Kit k;
+  quorvel_tracker* t = k.tracker;
+  const std::string deep = std::string(200, '[') + std::string(200, ']');
+  const std::string deepValues = R"({"v": )" + deep + "}";
+  size_t length = 0;
+  quorvel_callbacks callbacks;
+  quorvel_callbacks_init(&callbacks);
+  quorvel_purchase purchase;
+  quorvel_purchase_init(&purchase);
+  quorvel_options options;
+  quorvel_options_init(&options);
+  quorvel_tracker* made = nullptr;
+  const struct {
+    const char* what;
+    quorvel_status status;
+    quorvel_status expected;
+  } cases[] = {
+      {"empty name", quorvel_track_event(t, "", 0, nullptr, 0), QUORVEL_ERROR_INVALID_ARGUMENT},
+      {"empty name, values", quorvel_track_event_with_values(t, "e", 0, "{}", 2),
+       QUORVEL_ERROR_INVALID_ARGUMENT},
+      {"values past the depth bound",
+       quorvel_track_event_with_values(t, "deep", 4, deepValues.data(), deepValues.size()),
+       QUORVEL_ERROR_INVALID_ARGUMENT},
+      {"a capacity without a buffer", quorvel_get_uid(t, nullptr, 100, &length),
+       QUORVEL_ERROR_INVALID_ARGUMENT},
+      {"a length query", quorvel_get_uid(t, nullptr, 0, &length), QUORVEL_ERROR_BUFFER_TOO_SMALL},
+      {"callbacks cut in a pointer",
+       (callbacks.struct_size = offsetof(quorvel_callbacks, on_app_open_attribution) + 4,
+        quorvel_set_callbacks(t, &callbacks)),
+       QUORVEL_ERROR_INVALID_ARGUMENT},
+      {"a purchase of an unknown size",
+       (purchase.struct_size = sizeof purchase + 8,
+        quorvel_validate_and_track_purchase(t, &purchase)),
+       QUORVEL_ERROR_INVALID_ARGUMENT},
+      {"options cut in the transport",
+       (options.struct_size = offsetof(quorvel_options, transport) + 4,
+        quorvel_tracker_create(&options, &made)),
+       QUORVEL_ERROR_INVALID_ARGUMENT},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(c.status, c.expected) << c.what;
+  EXPECT_GT(length, 0U);
+  EXPECT_EQ(made, nullptr);
+  EXPECT_EQ(quorvel_is_stopped(nullptr), -1);
+  EXPECT_EQ(quorvel_is_stopped(t), 0);
+  quorvel_testkit_advance(k.kit, 10000);
+  for (size_t i = 0; i < quorvel_testkit_sent_count(k.kit); ++i) {
+    char payload[16384];
+    ASSERT_EQ(quorvel_testkit_sent_payload(k.kit, i, payload, sizeof payload, &length), QUORVEL_OK);
+    EXPECT_EQ(std::string(payload, length).find("deep"), std::string::npos);
+  }
+}
+
+TEST(CApi, DestroyFromInsideACallbackReturnsAndNothingIsCalledAfter) {
+  quorvel_testkit* kit = nullptr;
+  quorvel_tracker* tracker = nullptr;
+  ASSERT_EQ(quorvel_testkit_create("K", 1, &kit, &tracker), QUORVEL_OK);
+  struct State {
+    quorvel_tracker* tracker;
+    std::atomic<int> calls = 0;
+  } state{tracker};
+  quorvel_callbacks callbacks;
+  quorvel_callbacks_init(&callbacks);
+  callbacks.user_data = &state;
+  callbacks.on_conversion_data = [](void* data, const char*, size_t) {
+    auto* s = static_cast<State*>(data);
+    if (++s->calls == 1)
+      quorvel_tracker_destroy(s->tracker);  // returns at once; finished once this returns
+  };
+  ASSERT_EQ(quorvel_set_callbacks(tracker, &callbacks), QUORVEL_OK);
+  quorvel_set_dev_key(tracker, "K", 1);
+  quorvel_set_app_id(tracker, "1", 1);
+  const std::string attribution = R"({"status": "unpaid"})";
+  quorvel_testkit_answer_service(kit, "sdk", 3, 200, attribution.data(), attribution.size());
+  quorvel_track_app_launch(tracker);
+  quorvel_testkit_advance(kit, 10000);
+  ASSERT_EQ(state.calls, 1);
+  quorvel_testkit_advance(kit, 10000);
+  EXPECT_EQ(state.calls, 1);
+  quorvel_testkit_destroy(kit);
+}
+
+TEST(CApi, AHostFreesItsTransportStateOnceDestroyReturned) {
+  // Under AddressSanitizer a transport call after destroy reads freed memory.
+  struct Host {
+    std::atomic<int> sends = 0;
+  };
+  const quorvel::test::TempDir folder;
+  auto host = std::make_unique<Host>();
+  quorvel_options options;
+  quorvel_options_init(&options);
+  const std::string data = folder / "app";
+  const std::string keys = folder / "keys";
+  options.data_directory = data.data();
+  options.data_directory_length = data.size();
+  options.keychain_directory = keys.data();
+  options.keychain_directory_length = keys.size();
+  options.transport = [](void* user, const quorvel_transport_request*,
+                         quorvel_transport_reply* reply) {
+    ++static_cast<Host*>(user)->sends;
+    quorvel_transport_fail(reply, -1009, "offline", 7);
+  };
+  options.transport_user_data = host.get();
+  quorvel_tracker* tracker = nullptr;
+  ASSERT_EQ(quorvel_tracker_create(&options, &tracker), QUORVEL_OK);
+  quorvel_set_dev_key(tracker, "K", 1);
+  quorvel_set_app_id(tracker, "1", 1);
+  quorvel_track_app_launch(tracker);
+  EXPECT_EQ(quorvel_flush(tracker, 30000), QUORVEL_ERROR_FAILED);  // sent, and failed
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([tracker] {
+      for (int i = 0; i < 50; ++i)
+        quorvel_track_event(tracker, "e", 1, "1", 1);
+    });
+  }
+  for (auto& thread : threads)
+    thread.join();
+  quorvel_tracker_destroy(tracker);
+  host.reset();
 }
 
 }  // namespace

@@ -87,16 +87,17 @@ int run_c_session(char* failure, size_t capacity) {
   CHECK(quorvel_get_uid(tracker, small, sizeof small, &length) == QUORVEL_ERROR_BUFFER_TOO_SMALL);
   CHECK(length > sizeof small);
 
-  /* A struct from an older header, that ends after `accepted`: nothing past it is written. */
-  stats.struct_size = offsetof(quorvel_delivery_stats, delivered);
-  stats.delivered = 12345;
-  CHECK(quorvel_get_delivery_stats(tracker, &stats) == QUORVEL_OK);
-  CHECK(stats.accepted >= 3 && stats.delivered == 12345);
+  /* A size no header ever had (one that cuts a field): refused, nothing written. */
+  stats.struct_size = offsetof(quorvel_delivery_stats, delivered) + 4;
+  stats.accepted = 12345;
+  CHECK(quorvel_get_delivery_stats(tracker, &stats) == QUORVEL_ERROR_INVALID_ARGUMENT);
+  CHECK(stats.accepted == 12345);
   stats.struct_size = sizeof stats;
   CHECK(quorvel_get_delivery_stats(tracker, &stats) == QUORVEL_OK);
   CHECK(stats.accepted >= 3 && stats.delivered == stats.accepted && stats.waiting == 0);
 
-  /* Forgetting, in the kit's memory: stopped, and nothing more leaves. */
+  /* Forgetting, in the kit's memory: stopped, and nothing more leaves; a report made while
+   * stopped says that it was not made. */
   CHECK(quorvel_forget_this_install(tracker) == QUORVEL_OK && quorvel_is_stopped(tracker) == 1);
   length = quorvel_testkit_sent_count(kit);
   CHECK(quorvel_track_event(tracker, "after", 5, NULL, 0) == QUORVEL_STOPPED);

@@ -75,9 +75,12 @@ for kind in static shared; do
   run_demo "$work/demo-pc-$kind" "$work/run-pc-$kind"
 
   if [ "$kind" = shared ]; then
-    echo "=== shared: a host written in C"
+    echo "=== shared: a host written in C, with nothing of C++ on its path"
+    c_flags="$(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --cflags --libs quorvel-c)"
+    PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --exists quorvel-testing ||
+      { echo "quorvel-testing.pc is missing"; exit 1; }
     # shellcheck disable=SC2086
-    cc -std=c99 -Wall -Werror "$consumer/c_host.c" -o "$work/c_host" $flags -Wl,-rpath,"$libdir"
+    cc -std=c99 -Wall -Werror "$consumer/c_host.c" -o "$work/c_host" $c_flags -Wl,-rpath,"$libdir"
     "$work/c_host" "$work/run-c/data"
     [ -n "$(ls -A "$work/run-c/data/Library/Caches/QuorvelCache")" ] ||
       { echo "the C host's event was not kept"; exit 1; }

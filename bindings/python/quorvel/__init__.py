@@ -1,22 +1,39 @@
 """Install attribution and in-app analytics for Python hosts, over libquorvel's C API."""
 
+from __future__ import annotations
+
+import atexit
 import ctypes
 import json
+import math
+import os
 import sys
 import threading
+import time
+import weakref
 from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass, field
+from typing import Any, Callable, Dict, List, Optional, Tuple, Union
 
 from . import _native
 from ._native import lib
 
 __all__ = ["DeliveryStats", "QuorvelError", "Request", "Response", "Tracker", "version"]
 
+PathArg = Union[str, bytes, "os.PathLike[str]", "os.PathLike[bytes]"]
+Headers = List[Tuple[str, str]]
+
+INVALID_ARGUMENT = 1
+# A flush is made of slices this long, so that a signal (Ctrl-C) reaches Python between them.
+_FLUSH_SLICE = 0.1
+# What a tracker still open at interpreter exit may spend flushing before it is released.
+_EXIT_FLUSH_BOUND = 1.0
+
 
 class QuorvelError(Exception):
     """The library refused or could not do what was asked; `status` is its status code."""
 
-    def __init__(self, status, what):
+    def __init__(self, status: int, what: str) -> None:
         text = lib.quorvel_status_text(status).decode()
         super().__init__(f"{what}: {text}")
         self.status = status
@@ -40,7 +57,7 @@ class Request:
     """A request for a host's own transport."""
     method: str
     url: str
-    headers: list  # (name, value) pairs
+    headers: Headers
     body: bytes
     timeout: float  # seconds
 
@@ -49,11 +66,11 @@ class Request:
 class Response:
     """What a host's transport returns: the service's answer, whatever its status."""
     status: int
-    headers: list = field(default_factory=list)  # (name, value) pairs
+    headers: Headers = field(default_factory=list)
     body: bytes = b""
 
 
-def _header_pairs(text):
+def _header_pairs(text: str) -> Headers:
     pairs = []
     for line in text.split("\r\n"):
         name, colon, value = line.partition(":")
@@ -62,32 +79,45 @@ def _header_pairs(text):
     return pairs
 
 
-_LIVE_FOREVER = []
+_LIVE_FOREVER: List[Any] = []
+_in_callback = threading.local()
+
+
+def _fail_reply(reply: int, message: str) -> None:
+    data = message.encode()
+    lib.quorvel_transport_fail(reply, -1004, data, len(data))
 
 
 class _Transport:
     """Calls a Python transport on worker threads of its own, so that a slow request never
     holds a library thread, and answers the library through the reply handle."""
 
-    def __init__(self, send, workers=4):
+    def __init__(self, send: Callable[[Request], Response], workers: int = 4) -> None:
         self._send = send
+        self._closed = False
         self._pool = ThreadPoolExecutor(max_workers=workers, thread_name_prefix="quorvel-http")
         self.c_function = _native.TRANSPORT_SEND(self._hand_over)
         # The library may still hand over a request while a tracker goes away: the function
         # it calls lives as long as the process.
         _LIVE_FOREVER.append(self.c_function)
 
-    def _hand_over(self, _user_data, c_request, reply):
-        r = c_request.contents
-        request = Request(
-            method=ctypes.string_at(r.method, r.method_length).decode(),
-            url=ctypes.string_at(r.url, r.url_length).decode(),
-            headers=_header_pairs(ctypes.string_at(r.headers, r.headers_length).decode()),
-            body=ctypes.string_at(r.body, r.body_length) if r.body_length else b"",
-            timeout=r.timeout_ms / 1000.0)
-        self._pool.submit(self._answer, request, reply)
+    def _hand_over(self, _user_data: Any, c_request: Any, reply: int) -> None:
+        try:
+            r = c_request.contents
+            request = Request(
+                method=ctypes.string_at(r.method, r.method_length).decode(),
+                url=ctypes.string_at(r.url, r.url_length).decode(),
+                headers=_header_pairs(ctypes.string_at(r.headers, r.headers_length).decode()),
+                body=ctypes.string_at(r.body, r.body_length) if r.body_length else b"",
+                timeout=r.timeout_ms / 1000.0)
+            self._pool.submit(self._answer, request, reply)
+        except Exception:  # noqa: BLE001 - closed, or the interpreter is shutting down
+            _fail_reply(reply, "the transport is closed")
 
-    def _answer(self, request, reply):
+    def _answer(self, request: Request, reply: int) -> None:
+        if self._closed:
+            _fail_reply(reply, "the transport is closed")
+            return
         try:
             response = self._send(request)
             headers = "".join(f"{name}: {value}\r\n" for name, value in response.headers)
@@ -95,19 +125,21 @@ class _Transport:
             lib.quorvel_transport_respond(reply, int(response.status), data, len(data),
                                           bytes(response.body), len(response.body))
         except Exception as error:  # noqa: BLE001 - any failure is a transport failure
-            message = str(error).encode()
-            lib.quorvel_transport_fail(reply, -1004, message, len(message))
+            _fail_reply(reply, str(error))
 
-    def close(self):
-        self._pool.shutdown(wait=True)
+    def close(self) -> None:
+        # Never joins: a close may run on one of the workers (a tracker collected there), and
+        # a request under way ends by its own timeout. Those queued fail at once.
+        self._closed = True
+        self._pool.shutdown(wait=False)
 
 
-def version():
+def version() -> str:
     """The library's version ("4.8.0")."""
     return lib.quorvel_version().decode()
 
 
-def _utf8(value, name):
+def _utf8(value: Optional[str], name: str) -> Tuple[Optional[bytes], int]:
     if value is None:
         return None, 0
     if not isinstance(value, str):
@@ -116,52 +148,170 @@ def _utf8(value, name):
     return data, len(data)
 
 
-def _text(pointer, length):
+def _path(value: Optional[PathArg], name: str) -> Tuple[Optional[bytes], int]:
+    if value is None:
+        return None, 0
+    if not isinstance(value, (str, bytes, os.PathLike)):
+        raise TypeError(f"{name} must be a path, not {type(value).__name__}")
+    data = os.fsencode(value)
+    return data, len(data)
+
+
+def _callable(value: Any, name: str) -> None:
+    if value is not None and not callable(value):
+        raise TypeError(f"{name} must be callable, not {type(value).__name__}")
+
+
+def _seconds(value: Any, name: str) -> float:
+    if isinstance(value, bool) or not isinstance(value, (int, float)):
+        raise TypeError(f"{name} must be a number of seconds, not {type(value).__name__}")
+    if math.isnan(value) or value < 0:
+        raise ValueError(f"{name} must not be negative")
+    return float(value)
+
+
+def _text(pointer: int, length: int) -> str:
     return ctypes.string_at(pointer, length).decode("utf-8", errors="replace")
 
 
-def _call_safely(callback, *arguments):
+def _call_safely(callback: Callable[..., Any], *arguments: Any) -> None:
     # A Python exception must never unwind into the library's threads.
+    _in_callback.depth = getattr(_in_callback, "depth", 0) + 1
     try:
         callback(*arguments)
     except Exception:  # noqa: BLE001 - printed, as an unhandled thread exception would be
         sys.excepthook(*sys.exc_info())
+    finally:
+        _in_callback.depth -= 1
+
+
+class _Handle:
+    """The C handle, guarded: calls count themselves in, close waits for them and releases
+    the handle once, and a call after close raises QuorvelError."""
+
+    def __init__(self, handle: ctypes.c_void_p, on_release: Callable[[], None]) -> None:
+        self._handle: Optional[ctypes.c_void_p] = handle
+        self._on_release = on_release
+        self._changed = threading.Condition()
+        self._users: Dict[int, int] = {}
+        self._closing = False
+        self._release_on_last_exit = False
+
+    @property
+    def closed(self) -> bool:
+        return self._closing
+
+    def use(self) -> "_Use":
+        return _Use(self)
+
+    def _enter(self) -> ctypes.c_void_p:
+        with self._changed:
+            if self._closing or self._handle is None:
+                raise QuorvelError(INVALID_ARGUMENT, "the tracker is closed")
+            me = threading.get_ident()
+            self._users[me] = self._users.get(me, 0) + 1
+            return self._handle
+
+    def _leave(self) -> None:
+        with self._changed:
+            me = threading.get_ident()
+            self._users[me] -= 1
+            if not self._users[me]:
+                del self._users[me]
+            self._changed.notify_all()
+            last = self._release_on_last_exit and not self._users
+        if last:
+            self._release()
+
+    def close(self) -> None:
+        # Inside a callback a call under way (on this thread or another) may be waiting for
+        # this very callback: the last call out releases the handle instead of waiting here.
+        inside = getattr(_in_callback, "depth", 0) > 0
+        me = threading.get_ident()
+        with self._changed:
+            if self._closing:
+                return
+            self._closing = True
+            if not inside and me not in self._users:
+                self._changed.wait_for(lambda: not self._users)
+            if self._users:
+                self._release_on_last_exit = True
+                return
+        self._release()
+
+    def _release(self) -> None:
+        with self._changed:
+            handle, self._handle = self._handle, None
+        if handle is not None:
+            lib.quorvel_tracker_destroy(handle)
+            self._on_release()
+
+
+class _Use:
+    def __init__(self, guard: _Handle) -> None:
+        self._guard = guard
+
+    def __enter__(self) -> ctypes.c_void_p:
+        return self._guard._enter()
+
+    def __exit__(self, *exc: Any) -> None:
+        self._guard._leave()
+
+
+_open_trackers: "weakref.WeakSet[Tracker]" = weakref.WeakSet()
+
+
+@atexit.register
+def _close_at_exit() -> None:
+    # Released before the interpreter goes: no library thread may call into Python later.
+    for tracker in list(_open_trackers):
+        tracker._close_within(min(tracker._flush_timeout, _EXIT_FLUSH_BOUND))
 
 
 class Tracker:
     """One tracker on the POSIX platform. Use it as a context manager: leaving the block
-    flushes (at most `flush_timeout` seconds) and releases it."""
+    flushes and releases it, in at most `flush_timeout` seconds all told."""
 
-    def __init__(self, data_directory=None, *, keychain_directory=None, bundle_identifier=None,
-                 service_domain=None, extra_ca_file=None, dev_key=None, app_id=None,
-                 transport=None, flush_timeout=5.0):
+    def __init__(self, data_directory: Optional[PathArg] = None, *,
+                 keychain_directory: Optional[PathArg] = None,
+                 bundle_identifier: Optional[str] = None, service_domain: Optional[str] = None,
+                 extra_ca_file: Optional[PathArg] = None, dev_key: Optional[str] = None,
+                 app_id: Optional[str] = None,
+                 transport: Optional[Callable[[Request], Response]] = None,
+                 flush_timeout: float = 5.0) -> None:
+        self._flush_timeout = _seconds(flush_timeout, "flush_timeout")
+        _callable(transport, "transport")
         options = _native.Options()
         lib.quorvel_options_init(ctypes.byref(options))
         # Kept referenced until the call returns: the library copies what it keeps.
-        self._keep = []
-        for field, value in (("data_directory", data_directory),
-                             ("keychain_directory", keychain_directory),
-                             ("bundle_identifier", bundle_identifier),
-                             ("service_domain", service_domain),
-                             ("extra_ca_file", extra_ca_file)):
-            data, length = _utf8(None if value is None else str(value), field)
-            self._keep.append(data)
-            setattr(options, field, data)
-            setattr(options, field + "_length", length)
+        keep = []
+        for name, value, convert in (("data_directory", data_directory, _path),
+                                     ("keychain_directory", keychain_directory, _path),
+                                     ("bundle_identifier", bundle_identifier, _utf8),
+                                     ("service_domain", service_domain, _utf8),
+                                     ("extra_ca_file", extra_ca_file, _path)):
+            data, length = convert(value, name)
+            keep.append(data)
+            setattr(options, name, data)
+            setattr(options, name + "_length", length)
         # A callable taking a Request and returning a Response (raising when no answer came),
         # used instead of the library's own HTTP client.
         self._transport = None if transport is None else _Transport(transport)
         if self._transport is not None:
             options.transport = self._transport.c_function
         handle = ctypes.c_void_p()
-        self._check(lib.quorvel_tracker_create(ctypes.byref(options), ctypes.byref(handle)),
-                    "creating the tracker")
-        self._handle = handle
-        self._lock = threading.Lock()
-        self._flush_timeout = flush_timeout
-        self._callbacks = {}
-        self._purchases = set()  # C callbacks of purchases under way, kept alive
-        self._c_callbacks = None
+        status = lib.quorvel_tracker_create(ctypes.byref(options), ctypes.byref(handle))
+        if status != _native.OK:
+            if self._transport is not None:
+                self._transport.close()
+            raise QuorvelError(status, "creating the tracker")
+        self._handle = _Handle(handle, self._released)
+        self._c_callbacks: Any = None
+        # C callbacks of purchases under way, kept alive until they are called.
+        self._purchases: Dict[int, Any] = {}
+        self._purchase_lock = threading.Lock()
+        self._next_purchase = 0
+        _open_trackers.add(self)
         if dev_key is not None:
             self.dev_key = dev_key
         if app_id is not None:
@@ -169,49 +319,53 @@ class Tracker:
 
     # --- Lifetime -----------------------------------------------------------------------
 
-    def __enter__(self):
+    def __enter__(self) -> "Tracker":
         return self
 
-    def __exit__(self, *exc):
+    def __exit__(self, *exc: Any) -> bool:
+        self._close_within(self._flush_timeout)
+        return False
+
+    def close(self) -> None:
+        """Releases the tracker without flushing; what was not answered stays on disk for the
+        next start. Waits for the calls under way on other threads; later calls raise
+        QuorvelError, and no callback runs once this returns. Idempotent."""
+        self._handle.close()
+
+    def _close_within(self, timeout: float) -> None:
         try:
-            if self._handle is not None:
-                self.flush(self._flush_timeout)
+            if not self._handle.closed:
+                self.flush(timeout)
         except QuorvelError:
             pass  # what was not answered stays in the outbox for the next start
         finally:
             self.close()
-        return False
 
-    def close(self):
-        """Releases the tracker; no callback runs once this returns. Idempotent."""
-        with self._lock:
-            handle, self._handle = self._handle, None
-        if handle is not None:
-            lib.quorvel_tracker_destroy(handle)
+    def _released(self) -> None:
+        _open_trackers.discard(self)
         if self._transport is not None:
             self._transport.close()
 
-    def __del__(self):
-        if getattr(self, "_handle", None) is not None:
-            self.close()
-
-    def _live(self):
-        handle = self._handle
-        if handle is None:
-            raise QuorvelError(1, "the tracker is closed")
-        return handle
+    def __del__(self) -> None:
+        handle = getattr(self, "_handle", None)
+        if handle is not None:
+            handle.close()
 
     @staticmethod
-    def _check(status, what):
+    def _check(status: int, what: str) -> None:
         # A stopped library drops the call on purpose, as the C++ one does, without an error.
         if status not in (_native.OK, _native.STOPPED):
             raise QuorvelError(status, what)
 
+    def _call(self, function: Callable[..., int], what: str, *arguments: Any) -> None:
+        with self._handle.use() as handle:
+            self._check(function(handle, *arguments), what)
+
     # --- Settings -------------------------------------------------------------------------
 
-    def _set_text(self, function, value, name):
+    def _set_text(self, function: Callable[..., int], value: Optional[str], name: str) -> None:
         data, length = _utf8(value, name)
-        self._check(function(self._live(), data, length), f"setting {name}")
+        self._call(function, f"setting {name}", data, length)
 
     dev_key = property(fset=lambda self, v: self._set_text(lib.quorvel_set_dev_key, v, "dev_key"))
     app_id = property(fset=lambda self, v: self._set_text(lib.quorvel_set_app_id, v, "app_id"))
@@ -221,94 +375,113 @@ class Tracker:
     currency_code = property(
         fset=lambda self, v: self._set_text(lib.quorvel_set_currency_code, v, "currency_code"))
 
-    def set_debug(self, on=True):
-        self._check(lib.quorvel_set_debug(self._live(), 1 if on else 0), "set_debug")
+    def set_debug(self, on: bool = True) -> None:
+        self._call(lib.quorvel_set_debug, "set_debug", 1 if on else 0)
 
-    def set_min_time_between_sessions(self, seconds):
-        if seconds < 0:
-            raise ValueError("seconds must not be negative")
-        self._check(lib.quorvel_set_min_time_between_sessions(self._live(), int(seconds)),
-                    "set_min_time_between_sessions")
+    def set_min_time_between_sessions(self, seconds: int) -> None:
+        self._call(lib.quorvel_set_min_time_between_sessions, "set_min_time_between_sessions",
+                   int(_seconds(seconds, "seconds")))
 
     @property
-    def uid(self):
+    def uid(self) -> str:
         """The install's identifier."""
         size = ctypes.c_size_t(0)
-        buffer = ctypes.create_string_buffer(64)
-        status = lib.quorvel_get_uid(self._live(), buffer, len(buffer), ctypes.byref(size))
-        if status == _native.BUFFER_TOO_SMALL:
-            buffer = ctypes.create_string_buffer(size.value)
-            status = lib.quorvel_get_uid(self._live(), buffer, len(buffer), ctypes.byref(size))
+        with self._handle.use() as handle:
+            buffer = ctypes.create_string_buffer(64)
+            status = lib.quorvel_get_uid(handle, buffer, len(buffer), ctypes.byref(size))
+            if status == _native.BUFFER_TOO_SMALL:
+                buffer = ctypes.create_string_buffer(size.value)
+                status = lib.quorvel_get_uid(handle, buffer, len(buffer), ctypes.byref(size))
         self._check(status, "uid")
         return buffer.raw[: size.value].decode()
 
     # --- Reports ----------------------------------------------------------------------------
 
-    def track_app_launch(self):
-        self._check(lib.quorvel_track_app_launch(self._live()), "track_app_launch")
+    def track_app_launch(self) -> None:
+        self._call(lib.quorvel_track_app_launch, "track_app_launch")
 
-    def track_event(self, name, values=None):
+    def track_event(self, name: str, values: Union[None, str, Dict[str, Any]] = None) -> None:
         """An in-app event: `values` is None, a str (one value) or a dict (sent as JSON)."""
         event, event_length = _utf8(name, "name")
         if isinstance(values, dict):
             data, length = _utf8(json.dumps(values), "values")
-            status = lib.quorvel_track_event_with_values(self._live(), event, event_length,
-                                                         data, length)
+            self._call(lib.quorvel_track_event_with_values, f"track_event({name!r})", event,
+                       event_length, data, length)
         elif values is None or isinstance(values, str):
             data, length = _utf8(values, "value")
-            status = lib.quorvel_track_event(self._live(), event, event_length, data, length)
+            self._call(lib.quorvel_track_event, f"track_event({name!r})", event, event_length,
+                       data, length)
         else:
             raise TypeError("values must be None, a str or a dict")
-        self._check(status, f"track_event({name!r})")
 
-    def handle_open_url(self, url, source_application=None):
+    def handle_open_url(self, url: str, source_application: Optional[str] = None) -> None:
         link, link_length = _utf8(url, "url")
         source, source_length = _utf8(source_application, "source_application")
-        self._check(lib.quorvel_handle_open_url(self._live(), link, link_length, source,
-                                                source_length), "handle_open_url")
+        self._call(lib.quorvel_handle_open_url, "handle_open_url", link, link_length, source,
+                   source_length)
 
-    def continue_web_link(self, url):
+    def continue_web_link(self, url: str) -> None:
         link, length = _utf8(url, "url")
-        self._check(lib.quorvel_continue_web_link(self._live(), link, length),
-                    "continue_web_link")
+        self._call(lib.quorvel_continue_web_link, "continue_web_link", link, length)
 
-    def register_uninstall(self, token: bytes):
+    def register_uninstall(self, token: bytes) -> None:
         if not isinstance(token, (bytes, bytearray)) or not token:
             raise TypeError("token must be non-empty bytes")
-        self._check(lib.quorvel_register_uninstall(self._live(), bytes(token), len(token)),
-                    "register_uninstall")
+        self._call(lib.quorvel_register_uninstall, "register_uninstall", bytes(token),
+                   len(token))
 
-    def validate_and_track_purchase(self, product_id, price, currency, transaction_id,
-                                    on_result=None):
+    def validate_and_track_purchase(
+            self, product_id: str, price: str, currency: str, transaction_id: str,
+            on_result: Optional[Callable[[bool, Dict[str, Any]], Any]] = None) -> None:
         """Reports a store purchase; `on_result(succeeded, answer_dict)` is called once, on a
         library thread."""
+        _callable(on_result, "on_result")
         purchase = _native.Purchase()
         lib.quorvel_purchase_init(ctypes.byref(purchase))
         keep = []
-        for field, value in (("product_id", product_id), ("price", price),
-                             ("currency", currency), ("transaction_id", transaction_id)):
-            data, length = _utf8(value, field)
+        for name, value in (("product_id", product_id), ("price", price),
+                            ("currency", currency), ("transaction_id", transaction_id)):
+            data, length = _utf8(value, name)
             keep.append(data)
-            setattr(purchase, field, data)
-            setattr(purchase, field + "_length", length)
+            setattr(purchase, name, data)
+            setattr(purchase, name + "_length", length)
+        token = None
         if on_result is not None:
-            def deliver(_user_data, succeeded, pointer, length):
-                self._purchases.discard(c_callback)
+            with self._purchase_lock:
+                token = self._next_purchase
+                self._next_purchase += 1
+
+            def deliver(_user_data: Any, succeeded: int, pointer: int, length: int) -> None:
+                with self._purchase_lock:
+                    self._purchases.pop(token, None)
                 _call_safely(on_result, bool(succeeded), json.loads(_text(pointer, length)))
+
             c_callback = _native.PURCHASE_CALLBACK(deliver)
-            self._purchases.add(c_callback)
+            with self._purchase_lock:
+                self._purchases[token] = c_callback
             purchase.callback = c_callback
-        self._check(lib.quorvel_validate_and_track_purchase(self._live(), ctypes.byref(purchase)),
-                    "validate_and_track_purchase")
+        try:
+            self._call(lib.quorvel_validate_and_track_purchase, "validate_and_track_purchase",
+                       ctypes.byref(purchase))
+        except QuorvelError:
+            with self._purchase_lock:
+                self._purchases.pop(token, None)
+            raise
 
     # --- Attribution callbacks ---------------------------------------------------------------
 
-    def set_callbacks(self, on_conversion_data=None, on_conversion_data_failure=None,
-                      on_app_open_attribution=None):
+    def set_callbacks(self, on_conversion_data: Optional[Callable[[Dict[str, Any]], Any]] = None,
+                      on_conversion_data_failure: Optional[Callable[[int, str], Any]] = None,
+                      on_app_open_attribution: Optional[Callable[[Dict[str, Any]], Any]] = None
+                      ) -> None:
         """Callables for the attribution answers (None leaves one out). They run on the
         library's threads: `on_conversion_data(dict)`, `on_conversion_data_failure(code,
         message)`, `on_app_open_attribution(dict)`."""
-        def json_callback(function):
+        _callable(on_conversion_data, "on_conversion_data")
+        _callable(on_conversion_data_failure, "on_conversion_data_failure")
+        _callable(on_app_open_attribution, "on_app_open_attribution")
+
+        def json_callback(function: Optional[Callable[[Dict[str, Any]], Any]]) -> Any:
             if function is None:
                 return _native.JSON_CALLBACK()
             return _native.JSON_CALLBACK(
@@ -320,43 +493,59 @@ class Tracker:
         c.on_conversion_data = json_callback(on_conversion_data)
         c.on_app_open_attribution = json_callback(on_app_open_attribution)
         if on_conversion_data_failure is not None:
+            failure = on_conversion_data_failure
             c.on_conversion_data_failure = _native.ERROR_CALLBACK(
-                lambda _u, code, pointer, length: _call_safely(on_conversion_data_failure, code,
+                lambda _u, code, pointer, length: _call_safely(failure, code,
                                                                _text(pointer, length)))
-        self._check(lib.quorvel_set_callbacks(self._live(), ctypes.byref(c)), "set_callbacks")
-        # The library no longer calls the old ones once the call returned: they may go now,
-        # and the new ones live as long as the tracker holds them.
+        previous = self._c_callbacks
+        self._call(lib.quorvel_set_callbacks, "set_callbacks", ctypes.byref(c))
+        # The library no longer calls the old ones once the call returned (but for the one
+        # that may be making this call): they go once this returns, the new ones live as long
+        # as the tracker holds them.
         self._c_callbacks = (c, c.on_conversion_data, c.on_conversion_data_failure,
                              c.on_app_open_attribution)
+        del previous
 
-    def get_conversion_data(self):
-        self._check(lib.quorvel_get_conversion_data(self._live()), "get_conversion_data")
+    def get_conversion_data(self) -> None:
+        self._call(lib.quorvel_get_conversion_data, "get_conversion_data")
 
     # --- Delivery and consent ----------------------------------------------------------------
 
-    def flush(self, timeout=5.0):
-        """Waits until every report so far is answered (or kept); QuorvelError on timeout."""
-        if timeout < 0:
-            raise ValueError("timeout must not be negative")
-        self._check(lib.quorvel_flush(self._live(), int(timeout * 1000)), "flush")
+    def flush(self, timeout: float = 5.0) -> None:
+        """Waits at most `timeout` seconds until every report so far is delivered. Raises
+        QuorvelError when some were still on their way (status 5) or could not be sent
+        (status 4: they stay on disk). Ctrl-C interrupts it."""
+        deadline = time.monotonic() + _seconds(timeout, "timeout")
+        while True:
+            remaining = max(0.0, deadline - time.monotonic())
+            # Short slices: the library is left between them, so a signal reaches Python.
+            step = min(remaining, _FLUSH_SLICE)
+            with self._handle.use() as handle:
+                status = lib.quorvel_flush(handle, int(step * 1000))
+            if status != _native.TIMED_OUT or remaining <= _FLUSH_SLICE:
+                break
+        self._check(status, "flush")
 
-    def delivery_stats(self):
+    def delivery_stats(self) -> DeliveryStats:
         stats = _native.DeliveryStats()
         stats.struct_size = ctypes.sizeof(stats)
-        self._check(lib.quorvel_get_delivery_stats(self._live(), ctypes.byref(stats)),
-                    "delivery_stats")
+        self._call(lib.quorvel_get_delivery_stats, "delivery_stats", ctypes.byref(stats))
         values = {name: getattr(stats, name) for name, _ in stats._fields_
                   if name != "struct_size"}
         values["data_directory_held_elsewhere"] = bool(values["data_directory_held_elsewhere"])
         return DeliveryStats(**values)
 
     @property
-    def stopped(self):
-        return lib.quorvel_is_stopped(self._live()) == 1
+    def stopped(self) -> bool:
+        with self._handle.use() as handle:
+            state = lib.quorvel_is_stopped(handle)
+        if state < 0:
+            raise QuorvelError(INVALID_ARGUMENT, "stopped")
+        return state == 1
 
     @stopped.setter
-    def stopped(self, value):
-        self._check(lib.quorvel_set_stopped(self._live(), 1 if value else 0), "stopped")
+    def stopped(self, value: bool) -> None:
+        self._call(lib.quorvel_set_stopped, "stopped", 1 if value else 0)
 
-    def forget_this_install(self):
-        self._check(lib.quorvel_forget_this_install(self._live()), "forget_this_install")
+    def forget_this_install(self) -> None:
+        self._call(lib.quorvel_forget_this_install, "forget_this_install")

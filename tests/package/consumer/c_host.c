@@ -32,7 +32,9 @@ int main(int argc, char** argv) {
   quorvel_track_event(tracker, "c_event", 7, "1", 1);
   status = quorvel_flush(tracker, 30000);
   quorvel_tracker_destroy(tracker);
-  if (status != QUORVEL_OK)
+  /* Nothing answers on localhost:1: the flush says that the send failed, and the report is
+   * kept for the next start. */
+  if (status != QUORVEL_ERROR_FAILED)
     return failed("flush", status);
   printf("Quorvel %s through the C API\n", quorvel_version());
   return 0;

@@ -1,0 +1,172 @@
+"""Lifetimes and misuse a host may inflict: threads racing close, the interpreter exiting with
+trackers open, Ctrl-C in a flush, collection on a transport worker, wrong argument types."""
+
+import os
+import re
+import signal
+import subprocess
+import sys
+import textwrap
+import threading
+from pathlib import Path
+
+import pytest
+
+import quorvel
+
+from conftest import APP_ID, DEV_KEY
+
+README = Path(__file__).resolve().parents[1] / "README.md"
+
+
+def run_python(code, tmp_path, **kwargs):
+    """Runs `code` in a fresh interpreter, as a host program would run."""
+    return subprocess.Popen([sys.executable, "-c", textwrap.dedent(code), str(tmp_path)],
+                            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, **kwargs)
+
+
+# A transport with no network behind it: every request fails at once, or after `delay`.
+OFFLINE = """
+import sys, threading, time
+import quorvel
+folder = sys.argv[1]
+def offline(delay):
+    def send(request):
+        time.sleep(delay)
+        raise OSError("offline")
+    return send
+"""
+
+
+def test_close_racing_eight_calling_threads_never_crashes(tmp_path):
+    child = run_python(OFFLINE + """
+    for round in range(10):
+        tracker = quorvel.Tracker(f"{folder}/app", keychain_directory=f"{folder}/keys",
+                                  dev_key="K", app_id="1", transport=offline(0))
+        go = threading.Barrier(9)
+        def call():
+            go.wait()
+            try:
+                for i in range(100000):
+                    tracker.track_event("race", str(i))
+                    tracker.delivery_stats()
+            except quorvel.QuorvelError:
+                pass
+        threads = [threading.Thread(target=call) for _ in range(8)]
+        for thread in threads:
+            thread.start()
+        go.wait()
+        tracker.close()
+        for thread in threads:
+            thread.join()
+    print("done")
+    """.replace("\n    ", "\n"), tmp_path)
+    out, err = child.communicate(timeout=60)
+    assert child.returncode == 0 and out.strip() == "done", err
+
+
+def test_exit_with_open_trackers_on_a_slow_transport_is_clean(tmp_path):
+    child = run_python(OFFLINE + """
+    trackers = [quorvel.Tracker(f"{folder}/app{i}", keychain_directory=f"{folder}/keys{i}",
+                                dev_key="K", app_id="1", transport=offline(0.3))
+                for i in range(2)]
+    for tracker in trackers:
+        tracker.track_app_launch()
+        for i in range(20):
+            tracker.track_event("before_exit", str(i))
+    """.replace("\n    ", "\n"), tmp_path)
+    _, err = child.communicate(timeout=60)
+    assert child.returncode == 0, err
+
+
+def test_ctrl_c_interrupts_a_flush(tmp_path):
+    child = run_python(OFFLINE + """
+    tracker = quorvel.Tracker(f"{folder}/app", keychain_directory=f"{folder}/keys",
+                              dev_key="K", app_id="1", transport=offline(30))
+    tracker.track_app_launch()
+    print("flushing", flush=True)
+    started = time.monotonic()
+    try:
+        tracker.flush(60)
+    except KeyboardInterrupt:
+        print(f"interrupted {time.monotonic() - started:.3f}", flush=True)
+    import os
+    os._exit(0)  # not waiting for the transport's 30 s sends
+    """.replace("\n    ", "\n"), tmp_path)
+    assert child.stdout.readline().strip() == "flushing"
+    threading.Event().wait(0.3)  # into the flush's wait
+    child.send_signal(signal.SIGINT)
+    out, err = child.communicate(timeout=60)
+    # A hang catcher, not a timing: before, the interrupt waited for the whole flush.
+    assert re.fullmatch(r"interrupted ([0-9.]+)", out.strip()), err
+    assert float(out.split()[1]) < 5
+
+
+def test_collection_on_its_own_transport_worker_is_quiet(tmp_path):
+    holder = []
+    collected = threading.Event()
+
+    def send(request):
+        holder.clear()  # the last reference goes on this worker thread
+        collected.set()
+        raise OSError("offline")
+
+    problems = []
+    previous, sys.unraisablehook = sys.unraisablehook, problems.append
+    try:
+        holder.append(quorvel.Tracker(tmp_path / "app", keychain_directory=tmp_path / "keys",
+                                      dev_key="K", app_id="1", transport=send))
+        holder[0].track_app_launch()
+        assert collected.wait(30)
+    finally:
+        sys.unraisablehook = previous
+    assert not problems
+
+
+def test_purchases_bytes_paths_and_argument_checks(tmp_path):
+    results = []
+    answered = threading.Event()
+
+    def on_result(succeeded, answer):
+        results.append(succeeded)
+        answered.set()
+
+    def offline(request):
+        raise OSError("offline")
+
+    with quorvel.Tracker(os.fsencode(tmp_path / "bytes"), keychain_directory=tmp_path / "keys",
+                         dev_key="K", app_id="1", transport=offline,
+                         flush_timeout=1) as tracker:
+        tracker.validate_and_track_purchase("gem", "0.99", "USD", "t-1", on_result)
+        with pytest.raises(TypeError):
+            tracker.set_callbacks(on_conversion_data=5)
+        with pytest.raises(TypeError):
+            tracker.validate_and_track_purchase("gem", "0.99", "USD", "t-2", on_result="no")
+        with pytest.raises(TypeError):
+            tracker.flush("soon")
+        with pytest.raises(quorvel.QuorvelError):
+            tracker.track_event("")
+        with pytest.raises(quorvel.QuorvelError):  # nested deeper than the library's bound
+            tracker.track_event("deep", {"v": __import__("json").loads("[" * 200 + "]" * 200)})
+        assert answered.wait(30) and results == [False]
+        tracker.track_event("last", "1")
+        with pytest.raises(quorvel.QuorvelError, match="failed"):
+            tracker.flush(1e7)  # clamped, not wrapped; a failed send is said as such
+    assert (tmp_path / "bytes").is_dir()
+    assert not any("b'" in p.name for p in tmp_path.iterdir())
+
+
+def test_the_readme_example_runs_as_written(devserver, tmp_path):
+    example = re.search(r"```python\n(.*?)```", README.read_text(), re.S).group(1)
+    example = example.replace('dev_key="..."', f'dev_key="{DEV_KEY}"')
+    example = example.replace('app_id="123456789"', f'app_id="{APP_ID}"')
+    # The emulator stands in for the service: the only change to the program.
+    prelude = f"""
+import functools, quorvel
+quorvel.Tracker.__init__ = functools.partialmethod(quorvel.Tracker.__init__,
+    service_domain={devserver["domain"]!r}, extra_ca_file={devserver["ca_file"]!r})
+"""
+    child = subprocess.run([sys.executable, "-c", prelude + example], capture_output=True,
+                           text=True, timeout=60, env={**os.environ, "HOME": str(tmp_path)})
+    assert child.returncode == 0, child.stderr
+    assert any("level_up" in str(r.get("decrypted")) for r in devserver["received"]())
