@@ -1,6 +1,8 @@
 #include "device/QVSystemInfo.h"
 
 #include <cstring>
+#include <memory>
+#include <mutex>
 
 #include <quorvel/Format.h>
 
@@ -170,17 +172,69 @@ std::optional<std::string> QVSystemInfo::language(const platform::Locale& locale
   return languages.front();
 }
 
-Json QVSystemInfo::getSystemInfo(const Platform& p) {
+namespace {
+
+Json gatherSystemInfo(const Platform& p) {
   const auto& s = *p.sysctl;
   Json info = Json::object();
-  info["osVersion"] = format("%@", osVersion(*p.device));
-  info["device_model"] = format("%@", machineModel(s));
-  info["ram_size"] = format("%lld", ramSize(s));
-  info["cpu_type"] = format("%@", cpuType(s));
-  info["cpu_speed"] = format("%lld", cpuSpeed(s));
-  info["cpu_count"] = format("%d", cpuCount(s));
-  info["cpu_64bits"] = is64bit(s) ? "true" : "false";
+  info["osVersion"] = format("%@", QVSystemInfo::osVersion(*p.device));
+  info["device_model"] = format("%@", QVSystemInfo::machineModel(s));
+  info["ram_size"] = format("%lld", QVSystemInfo::ramSize(s));
+  info["cpu_type"] = format("%@", QVSystemInfo::cpuType(s));
+  info["cpu_speed"] = format("%lld", QVSystemInfo::cpuSpeed(s));
+  info["cpu_count"] = format("%d", QVSystemInfo::cpuCount(s));
+  info["cpu_64bits"] = QVSystemInfo::is64bit(s) ? "true" : "false";
   return info;
+}
+
+// None of these facts changes while the process runs, and every request carries them: they
+// are gathered at a platform's first request and copied for the next ones. The platform is
+// known by its services' control blocks, which a weak pointer keeps: a platform made later
+// cannot be taken for an earlier one, even at the same address. The lock guards one pointer's
+// copy, nothing longer, so that a fork finds it free.
+class GatheredSystemInfo {
+ public:
+  Json get(const Platform& p) {
+    if (const auto kept = load(); kept && kept->isOf(p))
+      return kept->info;
+    // Gathered outside the lock: two first requests at once both gather, and agree.
+    auto gathered = std::make_shared<const Entry>(p.sysctl, p.device, gatherSystemInfo(p));
+    Json info = gathered->info;
+    {
+      const std::lock_guard lock(mutex_);
+      entry_.swap(gathered);
+    }
+    return info;
+  }
+
+ private:
+  struct Entry {
+    Entry(const std::shared_ptr<platform::Sysctl>& s, const std::shared_ptr<platform::Device>& d,
+          Json i)
+        : sysctl(s), device(d), info(std::move(i)) {}
+    bool isOf(const Platform& p) const { return same(sysctl, p.sysctl) && same(device, p.device); }
+    std::weak_ptr<platform::Sysctl> sysctl;
+    std::weak_ptr<platform::Device> device;
+    Json info;
+  };
+  template <typename T>
+  static bool same(const std::weak_ptr<T>& kept, const std::shared_ptr<T>& now) {
+    return !kept.owner_before(now) && !now.owner_before(kept);
+  }
+  std::shared_ptr<const Entry> load() {
+    const std::lock_guard lock(mutex_);
+    return entry_;
+  }
+  std::mutex mutex_;
+  std::shared_ptr<const Entry> entry_;
+};
+
+}  // namespace
+
+Json QVSystemInfo::getSystemInfo(const Platform& p) {
+  // Never destroyed: requests may still be built while the process exits.
+  static auto* const gathered = new GatheredSystemInfo();
+  return gathered->get(p);
 }
 
 }  // namespace quorvel

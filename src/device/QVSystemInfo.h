@@ -15,7 +15,8 @@ class QVSystemInfo {
   QVSystemInfo() = delete;
 
   // {"osVersion", "device_model", "ram_size", "cpu_type", "cpu_speed", "cpu_count",
-  //  "cpu_64bits"}, every value a string.
+  //  "cpu_64bits"}, every value a string. Gathered once per platform (its sysctl and device):
+  // what a platform's services answer later is not asked again.
   static Json getSystemInfo(const Platform& platform);
 
   static std::string osVersion(const platform::Device& device);

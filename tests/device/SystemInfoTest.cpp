@@ -111,6 +111,12 @@ TEST(SystemInfo, DictionaryOfStrings) {
   EXPECT_EQ(info, Json::parse(R"json({"osVersion": "10.3 (Build 14E277)", "device_model": "(null)",
       "ram_size": "3072", "cpu_type": "ARM64_V8", "cpu_speed": "-1", "cpu_count": "1",
       "cpu_64bits": "true"})json"));
+  // Gathered once per platform: its services are not asked again; another platform's are.
+  fakes.sysctl->byNameAnswers["hw.memsize"] = raw<std::uint64_t>(1ULL << 30);
+  EXPECT_EQ(QVSystemInfo::getSystemInfo(fakes.platform())["ram_size"], "3072");
+  test::TestPlatform other;
+  other.sysctl->byNameAnswers["hw.memsize"] = raw<std::uint64_t>(1ULL << 30);
+  EXPECT_EQ(QVSystemInfo::getSystemInfo(other.platform())["ram_size"], "1024");
   fakes.device->osVersionString = "12.1";
   EXPECT_EQ(QVSystemInfo::osVersion(*fakes.device), "12.1");
   EXPECT_EQ(QVSystemInfo::architecture(*fakes.sysctl), std::nullopt);

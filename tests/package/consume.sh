@@ -4,11 +4,14 @@
 # the installed test kit.
 #   consume.sh SOURCE_DIR WORK_DIR [STATIC_BUILD_DIR]
 # With STATIC_BUILD_DIR (a build tree of the static library, such as the one running this
-# test) the static prefix is installed from it rather than built again.
+# test) the static prefix is installed from it rather than built again; likewise the shared
+# prefix from QUORVEL_PACKAGE_SHARED_TREE, a build tree of the shared library, when it is set
+# (scripts/test.sh builds one anyway).
 set -euo pipefail
 source_dir="$1"
 work="$2"
 static_tree="${3:-}"
+shared_tree="${QUORVEL_PACKAGE_SHARED_TREE:-}"
 consumer="$source_dir/tests/package/consumer"
 demo="$source_dir/tools/demo"
 
@@ -30,8 +33,10 @@ for kind in static shared; do
   [ "$kind" = shared ] && shared=ON
   prefix="$work/prefix-$kind"
   echo "=== $kind: build and install"
-  if [ "$kind" = static ] && [ -n "$static_tree" ]; then
-    cmake --install "$static_tree" --prefix "$prefix" >/dev/null
+  tree="$static_tree"
+  [ "$kind" = shared ] && tree="$shared_tree"
+  if [ -n "$tree" ]; then
+    cmake --install "$tree" --prefix "$prefix" >/dev/null
   else
     cmake -S "$source_dir" -B "$work/build-$kind" -G Ninja -DBUILD_SHARED_LIBS="$shared" \
       -DCMAKE_UNITY_BUILD=ON -DQUORVEL_BUILD_TESTS=OFF -DQUORVEL_BUILD_TOOLS=OFF \

@@ -67,29 +67,30 @@ std::optional<std::uint64_t> cpuFrequencyHz() {
 
 }  // namespace
 
-const LinuxSysctl::Facts& LinuxSysctl::facts() const {
-  std::call_once(once_, [this] {
-    facts_.machine = machine();
-    const long pages = sysconf(_SC_PHYS_PAGES);
-    const long pageSize = sysconf(_SC_PAGE_SIZE);
-    if (pages > 0 && pageSize > 0)
-      facts_.memoryBytes = static_cast<std::uint64_t>(pages) * static_cast<std::uint64_t>(pageSize);
-    if (const long n = sysconf(_SC_NPROCESSORS_ONLN); n > 0)
-      facts_.processors = static_cast<std::int32_t>(n);
-    facts_.cpuHz = cpuFrequencyHz();
-    // x86 names it "model name"; some ARM kernels "Model" or "Hardware".
-    for (const char* field : {"model name", "Model", "Hardware"}) {
-      if (auto brand = cpuInfoField(field)) {
-        facts_.brand = std::move(brand);
-        break;
-      }
+LinuxSysctl::Facts LinuxSysctl::read() {
+  Facts facts;
+  facts.machine = machine();
+  const long pages = sysconf(_SC_PHYS_PAGES);
+  const long pageSize = sysconf(_SC_PAGE_SIZE);
+  if (pages > 0 && pageSize > 0)
+    facts.memoryBytes = static_cast<std::uint64_t>(pages) * static_cast<std::uint64_t>(pageSize);
+  if (const long n = sysconf(_SC_NPROCESSORS_ONLN); n > 0)
+    facts.processors = static_cast<std::int32_t>(n);
+  facts.cpuHz = cpuFrequencyHz();
+  // x86 names it "model name"; some ARM kernels "Model" or "Hardware".
+  for (const char* field : {"model name", "Model", "Hardware"}) {
+    if (auto brand = cpuInfoField(field)) {
+      facts.brand = std::move(brand);
+      break;
     }
-  });
-  return facts_;
+  }
+  return facts;
 }
 
+LinuxSysctl::LinuxSysctl() : facts_(read()) {}
+
 std::optional<Bytes> LinuxSysctl::byName(std::string_view name) const {
-  const Facts& f = facts();
+  const Facts& f = facts_;
   const std::string& m = f.machine;
   if (name == "hw.machine") {
     if (m.empty())
@@ -134,7 +135,7 @@ std::optional<Bytes> LinuxSysctl::byName(std::string_view name) const {
 std::optional<Bytes> LinuxSysctl::byMib(const std::vector<int>& mib) const {
   // {CTL_HW, HW_CPU_FREQ}: the processor frequency in Hz, 64 bits wide.
   if (mib == std::vector<int>{6, 15}) {
-    if (const auto hz = facts().cpuHz)
+    if (const auto hz = facts_.cpuHz)
       return bytesOf<std::uint64_t>(*hz);
   }
   return std::nullopt;

@@ -108,48 +108,35 @@ std::optional<std::string> vendorIdentifier(const std::string& machineId,
 
 }  // namespace
 
+namespace {
+
+std::string systemNameOf(const std::map<std::string, std::string>& osRelease) {
+  const auto it = osRelease.find("NAME");
+  return it != osRelease.end() && !it->second.empty() ? it->second : "Linux";
+}
+
+std::string systemVersionOf(const std::map<std::string, std::string>& osRelease,
+                            const std::string& kernelRelease) {
+  const auto it = osRelease.find("VERSION_ID");
+  return it != osRelease.end() && !it->second.empty() ? it->second : kernelRelease;
+}
+
+}  // namespace
+
 PosixDevice::PosixDevice(std::optional<std::string> name, std::optional<std::string> systemVersion,
                          bool multitasking, std::string bundleIdentifier,
                          PosixDeviceSources sources)
-    : name_(std::move(name)),
-      systemVersion_(std::move(systemVersion)),
-      multitasking_(multitasking),
-      bundleIdentifier_(std::move(bundleIdentifier)),
-      sources_(std::move(sources)),
-      osRelease_(readOsRelease()),
-      productName_(firstLine(sources_.productNameFile)),
-      kernelRelease_(unameRelease()),
-      vendorId_(vendorIdentifier(firstLine(sources_.machineIdFile), bundleIdentifier_)) {}
-
-// The machine's model, not its host name: a host name is often its owner's name.
-std::string PosixDevice::name() const {
-  if (name_)
-    return *name_;
-  return productName_.empty() ? "Linux PC" : productName_;
-}
-
-std::string PosixDevice::systemName() const {
-  const auto it = osRelease_.find("NAME");
-  if (it != osRelease_.end() && !it->second.empty())
-    return it->second;
-  return "Linux";
-}
-
-std::string PosixDevice::systemVersion() const {
-  if (systemVersion_)
-    return *systemVersion_;
-  const auto it = osRelease_.find("VERSION_ID");
-  if (it != osRelease_.end() && !it->second.empty())
-    return it->second;
-  return kernelRelease_;
-}
-
-std::string PosixDevice::operatingSystemVersionString() const {
-  return "Version " + systemVersion() + " (Build " + kernelRelease_ + ")";
-}
-
-std::optional<std::string> PosixDevice::identifierForVendor() const {
-  return vendorId_;
+    : multitasking_(multitasking) {
+  const auto osRelease = readOsRelease();
+  const std::string kernelRelease = unameRelease();
+  // The machine's model, not its host name: a host name is often its owner's name.
+  const std::string productName = firstLine(sources.productNameFile);
+  name_ = name ? std::move(*name) : productName.empty() ? "Linux PC" : productName;
+  systemName_ = systemNameOf(osRelease);
+  systemVersion_ =
+      systemVersion ? std::move(*systemVersion) : systemVersionOf(osRelease, kernelRelease);
+  versionString_ = "Version " + systemVersion_ + " (Build " + kernelRelease + ")";
+  vendorId_ = vendorIdentifier(firstLine(sources.machineIdFile), bundleIdentifier);
 }
 
 }  // namespace quorvel::platform

@@ -55,33 +55,31 @@ struct PosixDeviceSources {
   std::string productNameFile = "/sys/class/dmi/id/product_name";
 };
 
+// Every answer is worked out in the constructor: none changes while the process runs, every
+// request carries them, and what is never written needs no lock (nor care after a fork).
 class PosixDevice final : public Device {
  public:
   PosixDevice(std::optional<std::string> name, std::optional<std::string> systemVersion,
               bool multitasking, std::string bundleIdentifier = {},
               PosixDeviceSources sources = {});
-  std::string name() const override;
+  std::string name() const override { return name_; }
   std::string model() const override { return "PC"; }
   std::string localizedModel() const override { return "PC"; }
-  std::string systemName() const override;
-  std::string systemVersion() const override;
+  std::string systemName() const override { return systemName_; }
+  std::string systemVersion() const override { return systemVersion_; }
   // A distribution's version number says nothing about these: the platform has them all.
   SystemCapabilities capabilities() const override { return {}; }
-  std::string operatingSystemVersionString() const override;
-  std::optional<std::string> identifierForVendor() const override;
+  std::string operatingSystemVersionString() const override { return versionString_; }
+  std::optional<std::string> identifierForVendor() const override { return vendorId_; }
   bool isMultitaskingSupported() const override { return multitasking_; }
 
  private:
-  std::optional<std::string> name_;
-  std::optional<std::string> systemVersion_;
-  bool multitasking_;
-  std::string bundleIdentifier_;
-  PosixDeviceSources sources_;
-  // Read once: none of them changes while the process runs, and every request carries them.
-  std::map<std::string, std::string> osRelease_;
-  std::string productName_;
-  std::string kernelRelease_;
+  std::string name_;
+  std::string systemName_;
+  std::string systemVersion_;
+  std::string versionString_;
   std::optional<std::string> vendorId_;
+  bool multitasking_;
 };
 
 class StaticBundle final : public Bundle {
@@ -90,6 +88,8 @@ class StaticBundle final : public Bundle {
                std::optional<std::string> receiptPath);
   std::optional<std::string> bundleIdentifier() const override { return identifier_; }
   Json infoDictionary() const override { return info_; }
+  // Fixed when made: read in place, without the copy that infoDictionary() hands out.
+  const Json& info() const { return info_; }
   std::optional<std::string> appStoreReceiptPath() const override { return receiptPath_; }
 
  private:
@@ -147,10 +147,12 @@ class PosixFileSystem final : public FileSystem {
 };
 
 // Kernel facts from /proc, sysconf and uname under the names the library asks for.
-// The machine's facts are read from the kernel once, at the first question: every request
-// asks for them, and reading /proc/cpuinfo per request costs more than building the request.
+// The machine's facts are read from the kernel once, when the platform is made: every request
+// asks for them, reading /proc/cpuinfo per request costs more than building the request, and
+// facts that are never written need no lock (nor a once-flag that a fork could leave taken).
 class LinuxSysctl final : public Sysctl {
  public:
+  LinuxSysctl();
   std::optional<Bytes> byName(std::string_view name) const override;
   std::optional<Bytes> byMib(const std::vector<int>& mib) const override;
 
@@ -162,9 +164,8 @@ class LinuxSysctl final : public Sysctl {
     std::optional<std::uint64_t> cpuHz;
     std::optional<std::string> brand;
   };
-  const Facts& facts() const;
-  mutable std::once_flag once_;
-  mutable Facts facts_;
+  static Facts read();
+  const Facts facts_;
 };
 
 // Interfaces come and go (a network change), so the list is read again, but at most once a
