@@ -1183,6 +1183,10 @@ bool Outbox::allKept() noexcept {
   return store_ != nullptr && unwritten_.empty();
 }
 
+void Outbox::openSoon() {
+  runLocked(&Outbox::openLocked);
+}
+
 void Outbox::syncSoon() {
   std::weak_ptr<Outbox> weak = weak_from_this();
   queue_->async([weak] {

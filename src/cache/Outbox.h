@@ -180,6 +180,9 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   void drainAndSync() noexcept;
   // The same on the outbox's queue.
   void syncSoon();
+  // Opens the store on the outbox's queue now, so that the first batch of a start is written
+  // within milliseconds of its call instead of after the store's opening.
+  void openSoon();
   // Tries the data directory now, if another process held it at the last try: an exit
   // flush that finds it free builds and sends within its bound what waited for it.
   void tryFreedLock() noexcept;

@@ -37,9 +37,10 @@ void TrackerCore::resumeOutboxOnce() {
 // follow (its domain, its switches) come first, and a tracking call before then resumes at once.
 void TrackerCore::scheduleOutboxResume() {
   constexpr std::chrono::milliseconds kResumeDelay{500};
-  if (outboxResumed_ || !read(quorvelDevKey_) || !read(appleAppID_) ||
+  if (outboxResumed_ || !read(quorvelDevKey_) || !read(appleAppID_) || isStopped() ||
       outboxResumeScheduled_.exchange(true))
     return;
+  outbox_->openSoon();
   mBackgroundQueue_->asyncAfter(kResumeDelay, [self = self_] {
     const auto tracker = self->pin();
     if (tracker && !tracker->isStopped())
