@@ -77,7 +77,7 @@ TEST_F(OutboxDamageTest, ADamagedDatabaseIsSetAsideWithEveryReadableRecordSaved)
       {"garbage over the header", [](const std::string& f) { overwrite(f, 0, 23); }, kRecords,
        kRecords, false},
       {"truncated to its first page",
-       [](const std::string& f) { std::filesystem::resize_file(f, 4096); }, 0, 0, false},
+       [](const std::string& f) { std::filesystem::resize_file(f, 4096); }, 0, 0, true},
       {"two pages overwritten",
        [](const std::string& f) {
          overwrite(f, 4 * 4096, 4096);

@@ -134,6 +134,8 @@ bool SqliteOutboxStore::exec(const char* sql) noexcept {
 bool SqliteOutboxStore::open(std::string& reason) noexcept {
   if (lockFd_ >= 0)
     return true;  // open already
+  // The caller's default text would hide the store's own reason (a full disk, say).
+  reason.clear();
   heldElsewhere_ = false;
   std::error_code ec;
   std::filesystem::create_directories(std::filesystem::path(path_).parent_path(), ec);
