@@ -135,5 +135,22 @@ TEST_F(OutboxDamageTest, AnOldSchemaIsMigratedInPlace) {
   EXPECT_EQ(filesStartingWith(dir / "Library", "QuorvelOutbox.sqlite.corrupt-"), 0U);
 }
 
+// A link in the database's place is never followed: what it points to keeps its mode and
+// content, and the store refuses to open rather than write there.
+TEST_F(OutboxDamageTest, ALinkInTheDatabasesPlaceIsNotFollowed) {
+  std::filesystem::create_directories(dir / "Library");
+  const std::string target = dir / "elsewhere";
+  std::ofstream(target) << "not ours";
+  std::filesystem::permissions(target, std::filesystem::perms(0644));
+  std::filesystem::create_symlink(target, file());
+  SqliteOutboxStore store(file());
+  std::string reason;
+  EXPECT_FALSE(store.open(reason));
+  EXPECT_FALSE(reason.empty());
+  EXPECT_EQ(std::filesystem::status(target).permissions(), std::filesystem::perms(0644));
+  std::ifstream in(target);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "not ours");
+}
+
 }  // namespace
 }  // namespace quorvel::platform

@@ -88,6 +88,18 @@ class Transaction {
   Statement remove_;
 };
 
+// Owner-only mode for the database, set through a descriptor of the file itself: a mode set
+// by name would follow a link put in its place to whatever it points to (a device, say).
+void keepPrivate(const std::string& path) noexcept {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0)
+    return;
+  struct stat st {};
+  if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode))
+    ::fchmod(fd, 0600);
+  ::close(fd);
+}
+
 constexpr const char* kIntakeSuffix = ".intake-";
 // The schema this build writes: `user_version` 1 is the outbox table of (id, content). A
 // database of version 0 with that table is the same schema from before it was numbered.
@@ -264,13 +276,16 @@ void SqliteOutboxStore::healAfterDamage() noexcept {
 }
 
 bool SqliteOutboxStore::openDatabaseLocked(std::string& reason) noexcept {
-  const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
+  // A link in the database's place is refused, as for the lock file: the store writes, and
+  // changes the mode of, its own file only.
+  const int flags =
+      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW;
   if (sqlite3_open_v2(path_.c_str(), &db_, flags, nullptr) != SQLITE_OK) {
     noteFailureLocked(db_, "cannot open");
     reason = "cannot open " + path_ + ": " + (db_ ? sqlite3_errmsg(db_) : "out of memory");
     return false;
   }
-  ::chmod(path_.c_str(), 0600);
+  keepPrivate(path_);
   sqlite3_busy_timeout(db_, 1000);
   // No checkpoint inside a write: sync() does them, on its own connection.
   // The outbox appends and removes by number: a small page cache does (the default 2 MB
@@ -283,7 +298,8 @@ bool SqliteOutboxStore::openDatabaseLocked(std::string& reason) noexcept {
       reason = "cannot prepare " + path_ + ": " + sqlite3_errmsg(db_);
     return false;
   }
-  if (sqlite3_open_v2(path_.c_str(), &syncDb_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX,
+  if (sqlite3_open_v2(path_.c_str(), &syncDb_,
+                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW,
                       nullptr) != SQLITE_OK) {
     reason =
         "cannot open " + path_ + " twice: " + (syncDb_ ? sqlite3_errmsg(syncDb_) : "out of memory");
