@@ -150,6 +150,11 @@ TEST_F(OutboxDamageTest, ALinkInTheDatabasesPlaceIsNotFollowed) {
   EXPECT_EQ(std::filesystem::status(target).permissions(), std::filesystem::perms(0644));
   std::ifstream in(target);
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "not ours");
+  // A linked folder above the database is the data directory's own business: it opens.
+  std::filesystem::create_directories(dir / "real");
+  std::filesystem::create_directory_symlink(dir / "real", dir / "linked");
+  SqliteOutboxStore throughFolder(dir / "linked/QuorvelOutbox.sqlite");
+  EXPECT_TRUE(throughFolder.open(reason)) << reason;
 }
 
 }  // namespace

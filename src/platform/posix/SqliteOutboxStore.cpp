@@ -277,9 +277,13 @@ void SqliteOutboxStore::healAfterDamage() noexcept {
 
 bool SqliteOutboxStore::openDatabaseLocked(std::string& reason) noexcept {
   // A link in the database's place is refused, as for the lock file: the store writes, and
-  // changes the mode of, its own file only.
-  const int flags =
-      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW;
+  // changes the mode of, its own file only. (SQLite's own no-follow flag would also refuse a
+  // linked folder above it, which a data directory may well be.)
+  if (struct stat st{}; ::lstat(path_.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
+    reason = "cannot open " + path_ + ": it is a symbolic link";
+    return false;
+  }
+  const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
   if (sqlite3_open_v2(path_.c_str(), &db_, flags, nullptr) != SQLITE_OK) {
     noteFailureLocked(db_, "cannot open");
     reason = "cannot open " + path_ + ": " + (db_ ? sqlite3_errmsg(db_) : "out of memory");
@@ -298,8 +302,7 @@ bool SqliteOutboxStore::openDatabaseLocked(std::string& reason) noexcept {
       reason = "cannot prepare " + path_ + ": " + sqlite3_errmsg(db_);
     return false;
   }
-  if (sqlite3_open_v2(path_.c_str(), &syncDb_,
-                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW,
+  if (sqlite3_open_v2(path_.c_str(), &syncDb_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX,
                       nullptr) != SQLITE_OK) {
     reason =
         "cannot open " + path_ + " twice: " + (syncDb_ ? sqlite3_errmsg(syncDb_) : "out of memory");
