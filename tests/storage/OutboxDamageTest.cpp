@@ -77,7 +77,7 @@ TEST_F(OutboxDamageTest, ADamagedDatabaseIsSetAsideWithEveryReadableRecordSaved)
       {"garbage over the header", [](const std::string& f) { overwrite(f, 0, 23); }, kRecords,
        kRecords, false},
       {"truncated to its first page",
-       [](const std::string& f) { std::filesystem::resize_file(f, 4096); }, 0, 0, false},
+       [](const std::string& f) { std::filesystem::resize_file(f, 4096); }, 0, 0, true},
       {"two pages overwritten",
        [](const std::string& f) {
          overwrite(f, 4 * 4096, 4096);
@@ -158,6 +158,28 @@ TEST_F(OutboxDamageTest, AGuestsRecordsGoToTheHolderOnce) {
   EXPECT_EQ(holder.adoptGuests(keep), 1U);  // refused once, kept for the next look
   EXPECT_EQ(holder.adoptGuests(keep), 0U);
   EXPECT_EQ(taken, (std::vector<std::string>{"a", "b", "c"}));
+}
+
+// A link in the database's place is never followed: what it points to keeps its mode and
+// content, and the store refuses to open rather than write there.
+TEST_F(OutboxDamageTest, ALinkInTheDatabasesPlaceIsNotFollowed) {
+  std::filesystem::create_directories(dir / "Library");
+  const std::string target = dir / "elsewhere";
+  std::ofstream(target) << "not ours";
+  std::filesystem::permissions(target, std::filesystem::perms(0644));
+  std::filesystem::create_symlink(target, file());
+  SqliteOutboxStore store(file());
+  std::string reason;
+  EXPECT_FALSE(store.open(reason));
+  EXPECT_FALSE(reason.empty());
+  EXPECT_EQ(std::filesystem::status(target).permissions(), std::filesystem::perms(0644));
+  std::ifstream in(target);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "not ours");
+  // A linked folder above the database is the data directory's own business: it opens.
+  std::filesystem::create_directories(dir / "real");
+  std::filesystem::create_directory_symlink(dir / "real", dir / "linked");
+  SqliteOutboxStore throughFolder(dir / "linked/QuorvelOutbox.sqlite");
+  EXPECT_TRUE(throughFolder.open(reason)) << reason;
 }
 
 }  // namespace

@@ -114,8 +114,14 @@ Salvage salvageRecords(sqlite3* db) {
   try {
     for (int guard = 0; guard < 1'000'000; ++guard) {
       Query page(db, "SELECT id, content FROM outbox WHERE id > ?1 ORDER BY id");
-      if (!page)
+      if (!page) {
+        // A table whose pages cannot even be found (a file cut short) lost what it held.
+        if (isDamage(sqlite3_errcode(db))) {
+          out.gaps.emplace_back(cursor, std::numeric_limits<std::int64_t>::max());
+          out.lost += 1;
+        }
         break;
+      }
       sqlite3_bind_int64(page.get(), 1, cursor);
       int rc = SQLITE_OK;
       while ((rc = sqlite3_step(page.get())) == SQLITE_ROW) {
@@ -175,7 +181,10 @@ Salvage salvageFile(const std::string& path) {
     sqlite3* db = nullptr;
     if (sqlite3_open_v2(copy.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK) {
       Salvage found = salvageRecords(db);
-      if (found.records.size() > best.records.size() || best.records.empty())
+      // The most records; between equals, the reading that saw the damage (a wrong page size
+      // can show an empty table where the right one shows it cut short).
+      if (found.records.size() > best.records.size() ||
+          (found.records.size() == best.records.size() && found.lost > best.lost))
         best = std::move(found);
     }
     sqlite3_close_v2(db);

@@ -88,6 +88,18 @@ class Transaction {
   Statement remove_;
 };
 
+// Owner-only mode for the database, set through a descriptor of the file itself: a mode set
+// by name would follow a link put in its place to whatever it points to (a device, say).
+void keepPrivate(const std::string& path) noexcept {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0)
+    return;
+  struct stat st {};
+  if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode))
+    ::fchmod(fd, 0600);
+  ::close(fd);
+}
+
 constexpr const char* kIntakeSuffix = ".intake-";
 constexpr const char* kGuestSuffix = ".guest-";
 // The schema this build writes: `user_version` 1 is the outbox table of (id, content). A
@@ -161,6 +173,8 @@ bool SqliteOutboxStore::open(std::string& reason) noexcept {
   }
   if (lock_.get() >= 0)
     return true;  // open already
+  // The caller's default text would hide the store's own reason (a full disk, say).
+  reason.clear();
   heldElsewhere_ = false;
   std::error_code ec;
   std::filesystem::create_directories(std::filesystem::path(path_).parent_path(), ec);
@@ -291,13 +305,20 @@ void SqliteOutboxStore::healAfterDamage() noexcept {
 }
 
 bool SqliteOutboxStore::openDatabaseLocked(std::string& reason) noexcept {
+  // A link in the database's place is refused, as for the lock file: the store writes, and
+  // changes the mode of, its own file only. (SQLite's own no-follow flag would also refuse a
+  // linked folder above it, which a data directory may well be.)
+  if (struct stat st{}; ::lstat(path_.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
+    reason = "cannot open " + path_ + ": it is a symbolic link";
+    return false;
+  }
   const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
   if (sqlite3_open_v2(path_.c_str(), &db_, flags, nullptr) != SQLITE_OK) {
     noteFailureLocked(db_, "cannot open");
     reason = "cannot open " + path_ + ": " + (db_ ? sqlite3_errmsg(db_) : "out of memory");
     return false;
   }
-  ::chmod(path_.c_str(), 0600);
+  keepPrivate(path_);
   sqlite3_busy_timeout(db_, 1000);
   // No checkpoint inside a write: sync() does them, on its own connection.
   // The outbox appends and removes by number: a small page cache does (the default 2 MB
