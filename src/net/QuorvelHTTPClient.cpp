@@ -226,7 +226,9 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
   if (origin == Origin::cache) {
     // A kept file the service turned away stays for the replay after the next answer that
     // took a report; going on now would only meet the same refusal.
-    if (!takeLater) {
+    if (takeLater) {
+      cache_->releaseRequest(request);  // back under its own name, for a later replay
+    } else {
       cache_->deleteRequest(request);
       cache_->sendNextCachedEvents();
     }

@@ -377,8 +377,10 @@ TEST_F(DemoAgainstDevserver, TheInspectorShowsRequestsAndSwitchesFaults) {
                .find("events→503") != std::string::npos;
   }));
   demo({"event after_fault"});
-  ASSERT_TRUE(test::eventually([&] { return rowWithEvent("after_fault").size() == 1; }, 30s));
-  EXPECT_EQ(rowWithEvent("after_fault")[0], "503");
+  // A 503 is no delivery: the demo's exit may send it again; every copy met the fault.
+  ASSERT_TRUE(test::eventually([&] { return !rowWithEvent("after_fault").empty(); }, 30s));
+  for (const auto& status : rowWithEvent("after_fault"))
+    EXPECT_EQ(status, "503");
 
   const auto shot = base64DecodeLenient(browser.screenshotBase64());
   std::ofstream(std::string(QUORVEL_BUILD_DIR) + "/inspector.png", std::ios::binary)

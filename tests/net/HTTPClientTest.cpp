@@ -90,17 +90,18 @@ TEST_F(HTTPClientTest, FreshAnswerReplaysTheCacheOneByOneWithTheSuffix) {
   const std::string& url = started[1].url;
   EXPECT_NE(url.find("https://t.example/a?buildnumber=4.8.0&timeincache="), std::string::npos);
   EXPECT_EQ(url.substr(url.size() - 21), "&isCachedRequest=true");
-  // A replayed answer (even a 500) deletes the file and sends the next record.
-  fakes.respond(1, 500, "oops", "text/html");
+  // A replayed record answered 4xx is final: deleted, and the next record goes.
+  fakes.respond(1, 404, "gone", "text/html");
   fakes.dispatcher->runUntilIdle();
   // The next one is on its way: claimed by this process until its answer.
   EXPECT_EQ(files(),
             std::vector<std::string>{"699999991.000000.qv.sending-" + std::to_string(::getpid())});
   started = fakes.requests();
   ASSERT_EQ(started.size(), 3U);
-  fakes.respond(2, 200, "{}");
+  // A 5xx is no delivery: the record stays, under its own name, and the replay stops there.
+  fakes.respond(2, 503, "busy", "text/html");
   fakes.dispatcher->runUntilIdle();
-  EXPECT_TRUE(files().empty());
+  EXPECT_EQ(files(), std::vector<std::string>{"699999991.000000.qv"});
   EXPECT_EQ(fakes.requests().size(), 3U);
 }
 

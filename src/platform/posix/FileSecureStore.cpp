@@ -4,12 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-<<<<<<< HEAD
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-=======
->>>>>>> wip-keptfork
 
 #include <quorvel/Format.h>
 

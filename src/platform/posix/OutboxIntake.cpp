@@ -128,29 +128,23 @@ std::shared_ptr<OutboxIntake> OutboxIntake::adopt(const std::string& path,
   return intake;
 }
 
-<<<<<<< HEAD
 bool OutboxIntake::lock() noexcept {
   int rc = 0;
-  while ((rc = ::flock(fd_, LOCK_EX)) != 0 && errno == EINTR) {
+  while ((rc = ::flock(fd_.get(), LOCK_EX)) != 0 && errno == EINTR) {
   }
   return rc == 0;
 }
 
 void OutboxIntake::unlock() noexcept {
-  ::flock(fd_, LOCK_UN);
+  ::flock(fd_.get(), LOCK_UN);
 }
 
 bool OutboxIntake::removed() const noexcept {
   struct stat info {};
-  return ::fstat(fd_, &info) != 0 || info.st_nlink == 0;
+  return ::fstat(fd_.get(), &info) != 0 || info.st_nlink == 0;
 }
 
-OutboxIntake::~OutboxIntake() {
-  ::close(fd_);
-}
-=======
 OutboxIntake::~OutboxIntake() = default;
->>>>>>> wip-keptfork
 
 bool OutboxIntake::append(const std::vector<OutboxChange>& changes,
                           std::vector<Place>& places) noexcept {
