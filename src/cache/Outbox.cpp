@@ -150,17 +150,7 @@ void Outbox::built(const OutboxSlotPtr& slot, const QuorvelRequestCacheData& req
                    std::function<void()> send) {
   if (!slot || slot->settled_)
     return;
-  // A one-line JSON head, then the body's bytes as they are: every event's request passes
-  // here, and neither base64 nor JSON escaping of the body is worth its cost.
-  Json head = Json::object();
-  head["at"] = seconds(slot->acceptedAt());
-  head["kind"] = "request";
-  head["url"] = request.requestURL().value_or(std::string());
-  head["version"] = request.sdkVersion().value_or(std::string());
-  std::string content = head.dump(-1, ' ', false, Json::error_handler_t::replace);
-  content += '\n';
-  if (const auto& body = request.postData())
-    content.append(body->begin(), body->end());
+  std::string content = requestRecord(slot->acceptedAt(), request, true);
   enqueue(Put{slot, std::move(content), std::nullopt,
               std::make_shared<const QuorvelRequestCacheData>(request), std::move(send)});
 }
@@ -180,6 +170,31 @@ bool Outbox::settleCounted(const OutboxSlotPtr& slot, std::atomic<std::uint64_t>
   return true;
 }
 
+// Every event's request passes here: neither base64 nor JSON escaping of the body is worth
+// its cost. A record whose request cannot have reached the service says so.
+std::string Outbox::requestRecord(platform::TimePoint at, const QuorvelRequestCacheData& request,
+                                  bool reached) {
+  Json head = Json::object();
+  head["at"] = seconds(at);
+  head["kind"] = "request";
+  head["url"] = request.requestURL().value_or(std::string());
+  head["version"] = request.sdkVersion().value_or(std::string());
+  if (!reached)
+    head["unsent"] = true;
+  std::string content = head.dump(-1, ' ', false, Json::error_handler_t::replace);
+  content += '\n';
+  if (const auto& body = request.postData())
+    content.append(body->begin(), body->end());
+  return content;
+}
+
+void Outbox::noteFolderAnswer(long status) {
+  if (status >= 200 && status < 300)
+    delivered_.fetch_add(1, std::memory_order_relaxed);
+  else if (status >= 400 && status < 500 && status != 429)
+    refused_.fetch_add(1, std::memory_order_relaxed);
+}
+
 void Outbox::answered(const OutboxSlotPtr& slot) {
   settleCounted(slot, delivered_);
 }
@@ -195,8 +210,8 @@ void Outbox::dropped(const OutboxSlotPtr& slot, DropReason reason) {
                                                          : droppedForAge_);
 }
 
-void Outbox::failed(const OutboxSlotPtr& slot, std::shared_ptr<void> hold) {
-  answeredRetryLater(slot, std::nullopt, std::move(hold));
+void Outbox::failed(const OutboxSlotPtr& slot, std::shared_ptr<void> hold, bool mayHaveArrived) {
+  answeredRetryLater(slot, std::nullopt, std::move(hold), mayHaveArrived);
 }
 
 // A 5xx or a 429 is not a delivery: the service says it did not take the report. The report
@@ -206,7 +221,7 @@ void Outbox::failed(const OutboxSlotPtr& slot, std::shared_ptr<void> hold) {
 // reports pile up.
 void Outbox::answeredRetryLater(const OutboxSlotPtr& slot,
                                 std::optional<std::chrono::seconds> retryAfter,
-                                std::shared_ptr<void> hold) {
+                                std::shared_ptr<void> hold, bool reached) {
   if (slot)
     replayCameBack(slot);
   if (!slot || slot->settled_)
@@ -217,7 +232,7 @@ void Outbox::answeredRetryLater(const OutboxSlotPtr& slot,
     slot->holdUntilSettled(std::move(hold));
   slot->stopSending();
   std::weak_ptr<Outbox> weak = weak_from_this();
-  queue_->async([weak, slot, retryAfter] {
+  queue_->async([weak, slot, retryAfter, reached] {
     const auto self = weak.lock();
     if (!self)
       return;
@@ -226,14 +241,21 @@ void Outbox::answeredRetryLater(const OutboxSlotPtr& slot,
       const auto wait = std::min<std::chrono::milliseconds>(*retryAfter, kRetryCap);
       self->notBefore_ = std::max(self->notBefore_, self->clock_->now() + wait);
     }
-    self->markForRetryLocked(slot);
+    self->markForRetryLocked(slot, reached);
   });
 }
 
-void Outbox::markForRetryLocked(const OutboxSlotPtr& slot) {
+void Outbox::markForRetryLocked(const OutboxSlotPtr& slot, bool reached) {
   writeBufferedLocked();  // so that the slot has its number
-  if (const auto it = held_.find(slot->id_); it != held_.end())
+  if (const auto it = held_.find(slot->id_); it != held_.end()) {
     it->second.failed = true;
+    if (!reached && it->second.request) {
+      // Rewritten so that a later start's copy is not counted as a repeat.
+      std::vector<platform::OutboxChange> change{
+          {slot->id_, requestRecord(slot->acceptedAt(), *it->second.request, false)}};
+      writeChangesLocked(change);
+    }
+  }
   scheduleRetry();
 }
 
@@ -532,7 +554,7 @@ std::optional<Outbox::Leftover> Outbox::parseLeftover(const platform::OutboxReco
                                       : std::string_view(record.content).substr(headEnd + 1);
     left.request = QuorvelRequestCacheData(parsed.value("url", ""), Bytes(body.begin(), body.end()),
                                            parsed.value("version", ""));
-    left.wasSent = true;
+    left.wasSent = !parsed.value("unsent", false);
   } else {
     OutboxIntent intent;
     intent.kind = kind == "launch"   ? OutboxIntent::Kind::launch
@@ -941,7 +963,8 @@ void Outbox::replayChunkLocked() {
     if (resend_ && !left.slot->settled_ && left.slot->startSending()) {
       left.slot->replay_ = true;
       replaysInFlight_.fetch_add(1);
-      repeated_.fetch_add(1, std::memory_order_relaxed);
+      if (left.wasSent)
+        repeated_.fetch_add(1, std::memory_order_relaxed);
       // A clock set back never makes a report younger than its call.
       const double waited =
           std::max(0.0, seconds(clock_->now()) - seconds(left.slot->acceptedAt()));
@@ -994,7 +1017,10 @@ void Outbox::scheduleRetry() {
   static thread_local std::minstd_rand generator(
       static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count()));
   const double unit = std::uniform_real_distribution<double>(0.0, 1.0)(generator);
-  // Never before the time the service asked for (its Retry-After).
+  // Never before the time the service asked for (its Retry-After), within the cap: a clock set
+  // back never holds the retries for longer.
+  if (notBefore_ - clock_->now() > kRetryCap)
+    notBefore_ = clock_->now() + kRetryCap;
   const auto delay =
       std::max(backoffDelay(retryAttempt_++, unit),
                std::chrono::duration_cast<std::chrono::milliseconds>(notBefore_ - clock_->now()));

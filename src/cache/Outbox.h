@@ -111,7 +111,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
     OutboxSlotPtr slot;
     std::optional<OutboxIntent> intent;
     std::optional<QuorvelRequestCacheData> request;
-    bool wasSent = false;  // its request may have reached the service already
+    bool wasSent = false;  // its request may have reached the service already (unanswered)
   };
 
   // `store` may be null: the outbox then keeps nothing (and says so once).
@@ -151,14 +151,19 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // The service answered 5xx or 429: it did not take the report, which stays and goes again
   // after the backoff, and not before `retryAfter` (the answer's Retry-After) if it has one.
   void answeredRetryLater(const OutboxSlotPtr& slot, std::optional<std::chrono::seconds> retryAfter,
-                          std::shared_ptr<void> hold = nullptr);
+                          std::shared_ptr<void> hold = nullptr, bool reached = false);
   // The report leaves the outbox unsent, counted under its reason.
   // `handedOver`: not dropped, but kept as a file in the kept-request folder from now on.
   enum class DropReason { rule, bytes, age, handedOver };
   void dropped(const OutboxSlotPtr& slot, DropReason reason);
   // Its request failed in transport and was not handed to the kept-request folder: it waits
   // here and goes again after a backoff. `hold` is kept until the report settles.
-  void failed(const OutboxSlotPtr& slot, std::shared_ptr<void> hold = nullptr);
+  // `mayHaveArrived`: false when no connection was made, so that its next copy is no repeat.
+  void failed(const OutboxSlotPtr& slot, std::shared_ptr<void> hold = nullptr,
+              bool mayHaveArrived = true);
+  // A kept-request file was answered: counted with this process's reports, as the service
+  // counts it.
+  void noteFolderAnswer(long status);
 
   // --- Replay -----------------------------------------------------------------------------
   // What sends a built report again (set once by the tracker). Called on the outbox's queue.
@@ -252,7 +257,9 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   void scheduleRetry();
   void retryFailedLocked();
   // Marks the held report `slot` to go again with the next retry.
-  void markForRetryLocked(const OutboxSlotPtr& slot);
+  // `reached`: whether the service may have the request (false: answered 5xx or 429, or no
+  // connection made); the record then says so, and a later start's copy is no repeat.
+  void markForRetryLocked(const OutboxSlotPtr& slot, bool reached);
   // Drops every waiting report of this process past the age bound.
   void dropExpiredHeldLocked();
   // Writes `changes` after what earlier writes could not; false when the store refused them
@@ -294,6 +301,9 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // Posts the work that waited for numbering; `storeMutex_` is held.
   void releaseNumberingLocked();
   static std::string serialise(const Put& put);
+  // A built report's record: a one-line head, then the body's bytes as they are.
+  static std::string requestRecord(platform::TimePoint at, const QuorvelRequestCacheData& request,
+                                   bool reached);
 
   std::shared_ptr<platform::OutboxStore> store_;
   std::shared_ptr<platform::DispatchQueue> queue_;

@@ -193,9 +193,12 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
         outbox_->dropped(slot, Outbox::DropReason::handedOver);
     } else if (outbox_) {
       // The folder is full (or this was the outbox's own try): it waits in the outbox, and
-      // keeps its place in the build throttle while it waits.
+      // keeps its place in the build throttle while it waits. A connection never made (no
+      // route, refused, no name) took nothing to the service: its next copy is no repeat.
       const auto ticket = ReportLedger::current();
-      outbox_->failed(slot, ticket ? ticket->buildPermit() : nullptr);
+      const bool mayHaveArrived = error->code != -1003 && error->code != -1004 &&
+                                  error->code != -1009 && error->code != -999;
+      outbox_->failed(slot, ticket ? ticket->buildPermit() : nullptr, mayHaveArrived);
     }
     return;
   }
@@ -223,6 +226,8 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
     }
   }
   applyTrackingAnswer(body);
+  if (outbox_ && origin == Origin::cache)
+    outbox_->noteFolderAnswer(status);
   if (origin == Origin::cache) {
     // A kept file the service turned away stays for the replay after the next answer that
     // took a report; going on now would only meet the same refusal.

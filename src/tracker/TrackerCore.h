@@ -348,7 +348,8 @@ class TrackerCore {
   void persistPreferencesSoon();
   void persistPreferencesNow();
   // Sends a launch once its counters are on disk, trying the write again while they are not.
-  void sendLaunchOnceDurable(QuorvelRequestCacheData record, std::function<void()> answered);
+  void sendLaunchOnceDurable(QuorvelRequestCacheData record, std::function<void()> answered,
+                             int attempt = 0);
   // A host's call accepted a report: into the outbox with the call's time, on a new ticket.
   ReportLedger::TicketPtr acceptReport(OutboxIntent intent, platform::TimePoint at);
   ReportLedger::TicketPtr acceptReport(OutboxIntent intent);

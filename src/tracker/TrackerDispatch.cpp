@@ -144,14 +144,22 @@ void TrackerCore::callServerWithEventName(const std::string& name,
 // after can never count the same launch again. The outbox keeps the counters with the request;
 // without an outbox on disk the preferences are their only copy, and while those cannot be
 // written either (a full disk) the launch waits and the write is tried again each second. A
-// process that ends meanwhile sent nothing, so the next start's launch is the first, once.
+// disk that stays full for seconds does not keep the launch from the service: it goes from
+// memory then (a process that ends before its counters are saved counts it again at the next
+// start, which loses nothing, where waiting on would lose the launch at exit).
 void TrackerCore::sendLaunchOnceDurable(QuorvelRequestCacheData record,
-                                        std::function<void()> answered) {
+                                        std::function<void()> answered, int attempt) {
+  constexpr int kLaunchWaits = 5;
   preferencesWriteScheduled_ = false;
   // Stopped while it was built: it writes nothing, and the client holds it back.
   const bool stopped = isStopped();
   const bool written = stopped || platform_->preferences->synchronize();
-  if (written || outbox_->durable()) {
+  if (!written && attempt >= kLaunchWaits) {
+    log_->log(kLogWarning, "-[QuorvelTracker callServerWithEventName:]",
+              "Quorvel: the launch's counters still cannot be written: the launch goes from "
+              "memory");
+  }
+  if (written || outbox_->durable() || attempt >= kLaunchWaits) {
     launchWaitLogged_ = false;
     httpClient_->sendRequestEventToServer(record, false, appleAppID(), isDebug(),
                                           std::move(answered));
@@ -165,10 +173,10 @@ void TrackerCore::sendLaunchOnceDurable(QuorvelRequestCacheData record,
   constexpr std::chrono::seconds kLaunchWriteRetry{1};
   mBackgroundQueue_->asyncAfter(
       kLaunchWriteRetry, [self = self_, record = std::move(record), answered = std::move(answered),
-                          ticket = ReportLedger::current()]() mutable {
+                          ticket = ReportLedger::current(), attempt]() mutable {
         const ReportLedger::Scope scope(ticket);
         if (const auto tracker = self->pin())
-          tracker->sendLaunchOnceDurable(std::move(record), std::move(answered));
+          tracker->sendLaunchOnceDurable(std::move(record), std::move(answered), attempt + 1);
       });
 }
 

@@ -43,8 +43,15 @@ void TrackerCore::scheduleOutboxResume() {
   outbox_->openSoon();
   mBackgroundQueue_->asyncAfter(kResumeDelay, [self = self_] {
     const auto tracker = self->pin();
-    if (tracker && !tracker->isStopped())
-      tracker->resumeOutboxOnce();
+    if (!tracker || tracker->isStopped())
+      return;
+    tracker->resumeOutboxOnce();
+    // The kept-request files an earlier run left go too, without waiting for an answer; as a
+    // report of its own, so that a flush (the exit's) waits for their replay.
+    if (!tracker->outbox_->dataDirectoryHeldElsewhere()) {
+      const ReportLedger::Scope scope(tracker->ledger_->open());
+      tracker->requestCache_->processCache();
+    }
   });
 }
 
