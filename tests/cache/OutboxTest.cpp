@@ -407,6 +407,7 @@ TEST_F(OutboxTest, WhatAnEarlierRunLeftGoesWithoutATrackingCall) {
   ASSERT_EQ(sent().size(), 3U);
   fakes.respond(2, 503, "{}");
   fakes.dispatcher->runUntilIdle();
+  fakes.dispatcher->clear();  // the kill takes the process's timers (its retry) with it
   const auto next = restart();
   fakes.dispatcher->advance(1s);
   for (const char* event : {"kept", "unanswered", "refused_503"})

@@ -4,6 +4,7 @@
 #include "platform/posix/OutboxSalvage.h"
 
 #include <sqlite3.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -195,6 +196,34 @@ Salvage salvageFile(const std::string& path) {
   for (const char* suffix : {"", "-wal", "-shm"})
     fs::remove(copy + suffix, ec);
   return best;
+}
+
+bool writeFreshDatabase(const std::string& file, const std::vector<OutboxRecord>& records) {
+  std::error_code ec;
+  for (const char* suffix : {"", "-journal", "-wal", "-shm"})
+    std::filesystem::remove(file + suffix, ec);
+  sqlite3* db = nullptr;
+  bool done = sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
+                              nullptr) == SQLITE_OK &&
+              sqlite3_exec(db,
+                           "PRAGMA user_version=1; CREATE TABLE outbox (id INTEGER PRIMARY KEY, "
+                           "content BLOB NOT NULL); BEGIN",
+                           nullptr, nullptr, nullptr) == SQLITE_OK;
+  {
+    Query put(db, "INSERT OR REPLACE INTO outbox (id, content) VALUES (?1, ?2)");
+    done = done && put;
+    for (auto it = records.begin(); done && it != records.end(); ++it) {
+      sqlite3_bind_int64(put.get(), 1, it->id);
+      sqlite3_bind_blob64(put.get(), 2, it->content.data(), it->content.size(), SQLITE_STATIC);
+      done = sqlite3_step(put.get()) == SQLITE_DONE;
+      sqlite3_reset(put.get());
+    }
+  }
+  done = done && sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK;
+  sqlite3_close_v2(db);
+  if (done)
+    ::chmod(file.c_str(), 0600);
+  return done;
 }
 
 bool setAside(const std::string& path, std::int64_t stamp, std::string& asideName) {

@@ -37,6 +37,10 @@ Salvage salvageRecords(sqlite3* db);
 // uses) is written over a copy of it first: a damaged header then no longer hides the pages.
 Salvage salvageFile(const std::string& path);
 
+// Writes `records` into a new database at `file` (replacing any), schema and all, so that it
+// can take a damaged one's place in one rename. False when it cannot.
+bool writeFreshDatabase(const std::string& file, const std::vector<OutboxRecord>& records);
+
 // Renames `path` (and its write-ahead log) to `path` + ".corrupt-" + `stamp`, after removing
 // any file an earlier setting-aside left: at most one is kept. False when the rename fails.
 bool setAside(const std::string& path, std::int64_t stamp, std::string& asideName);

@@ -102,6 +102,7 @@ void keepPrivate(const std::string& path) noexcept {
 
 constexpr const char* kIntakeSuffix = ".intake-";
 constexpr const char* kGuestSuffix = ".guest-";
+constexpr const char* kHealingSuffix = ".healing";
 // The schema this build writes: `user_version` 1 is the outbox table of (id, content). A
 // database of version 0 with that table is the same schema from before it was numbered.
 constexpr int kSchemaVersion = 1;
@@ -197,6 +198,11 @@ bool SqliteOutboxStore::open(std::string& reason) noexcept {
   const std::lock_guard lock(intakeMutex_);
   try {
     damage_ = 0;
+    // A healing that a kill cut short between its two renames: the saved records take the
+    // place the damaged file left.
+    if (const std::string healing = path_ + kHealingSuffix;
+        ::access(path_.c_str(), F_OK) != 0 && ::access(healing.c_str(), F_OK) == 0)
+      ::rename(healing.c_str(), path_.c_str());
     bool opened = openDatabaseLocked(reason);
     if (!opened && damage_ != 0)
       opened = healLocked(reason);
@@ -248,28 +254,25 @@ bool SqliteOutboxStore::healLocked(std::string& reason) noexcept {
       sqlite3_close_v2(std::exchange(db_, nullptr));
     if (saved.records.empty() && saved.gaps.empty())
       saved = salvageFile(path_);
+    // The saved records are written whole under another name first, and take the damaged
+    // file's place in one rename: a kill at any moment leaves them in one of the two places,
+    // and an open finishes a move that a kill cut short.
+    const std::string healing = path_ + kHealingSuffix;
+    if (!writeFreshDatabase(healing, saved.records)) {
+      reason = "cannot write the records saved from the damaged " + path_;
+      return false;
+    }
     std::string aside;
     const auto stamp = std::chrono::duration_cast<std::chrono::seconds>(
                            std::chrono::system_clock::now().time_since_epoch())
                            .count();
-    if (!setAside(path_, stamp, aside)) {
+    if (!setAside(path_, stamp, aside) || ::rename(healing.c_str(), path_.c_str()) != 0) {
       reason = "cannot set the damaged " + path_ + " aside: " + std::strerror(errno);
       return false;
     }
     damage_ = 0;
     if (!openDatabaseLocked(reason))
       return false;
-    {
-      Transaction batch(db_);
-      if (!batch.ok())
-        return false;
-      for (const auto& record : saved.records) {
-        if (!batch.change(record.id, &record.content))
-          return false;
-      }
-      if (!batch.commit())
-        return false;
-    }
     unreadable_.fetch_add(saved.lost);
     std::string note = "Quorvel outbox: the damaged database was set aside as " + aside + "; " +
                        std::to_string(saved.records.size()) + " records saved";
@@ -809,6 +812,23 @@ bool SqliteOutboxStore::destroy() noexcept {
       removed = (::unlink(file.c_str()) == 0 || errno == ENOENT) && removed;
     // What other processes kept for this one goes with it.
     adoptGuests([](const std::vector<OutboxRecord>&) { return true; });
+  } catch (...) {
+    removed = false;
+  }
+  // A damaged file set aside, or one being healed, holds reports too.
+  try {
+    const std::filesystem::path database(path_);
+    const std::string name = database.filename().string();
+    std::error_code ec;
+    std::vector<std::filesystem::path> kept;
+    for (std::filesystem::directory_iterator it(database.parent_path(), ec), end; !ec && it != end;
+         it.increment(ec)) {
+      const std::string file = it->path().filename().string();
+      if (file.starts_with(name + ".corrupt-") || file.starts_with(name + kHealingSuffix))
+        kept.push_back(it->path());
+    }
+    for (const auto& file : kept)
+      removed = (::unlink(file.c_str()) == 0 || errno == ENOENT) && removed;
   } catch (...) {
     removed = false;
   }
