@@ -2,6 +2,7 @@
 // process left unanswered, and the delivery figures.
 #include "tracker/TrackerCore.h"
 
+#include "cache/QuorvelRequestCache.h"
 #include "log/Log.h"
 #include "tracker/TrackerLifetime.h"
 #include "tracker/TrackerNames.h"

@@ -97,3 +97,20 @@ def test_misuse_raises_python_errors(tmp_path):
     with pytest.raises(quorvel.QuorvelError):
         tracker.track_app_launch()
     assert quorvel.version().startswith("4.")
+
+
+def test_opting_in_after_a_kept_stop_delivers(devserver, tmp_path):
+    # The host configures at every start, as hosts do; the stop of an earlier run is kept.
+    options = dict(keychain_directory=tmp_path / "keychain", service_domain=devserver["domain"],
+                   extra_ca_file=devserver["ca_file"], dev_key=DEV_KEY, app_id=APP_ID)
+    with quorvel.Tracker(tmp_path / "app", **options) as tracker:
+        tracker.stopped = True
+    with quorvel.Tracker(tmp_path / "app", **options) as tracker:
+        assert tracker.stopped
+        tracker.stopped = False
+        tracker.track_event("after_consent", "1")
+        tracker.flush(30)
+        uid = tracker.uid
+    events = [r["decrypted"].get("event") for r in devserver["received"]()
+              if r.get("decrypted") and r["decrypted"].get("uid") == uid]
+    assert "after_consent" in events
