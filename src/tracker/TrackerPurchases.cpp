@@ -13,6 +13,7 @@
 #include "util/HostInput.h"
 #include "util/PercentEscape.h"
 #include "util/QuorvelDictionary.h"
+#include "util/WorkContext.h"
 
 namespace quorvel {
 namespace {
@@ -129,6 +130,18 @@ void TrackerCore::validatePurchaseEvent(const std::optional<std::string>& hostPr
                                         const std::optional<std::string>& hostCurrency,
                                         const std::optional<std::string>& hostTransactionId,
                                         const Json& receiptData) {
+  if (!outbox_->numberingIsSafe()) {
+    // Its counters are given below: not before this process knows the last ones given, or a
+    // second process on the directory would repeat the holder's `iaecounter`.
+    outbox_->afterNumberingIsSafe(
+        mBackgroundQueue_, inCurrentWorkContext([self = self_, hostProductIdentifier, hostPrice,
+                                                 hostCurrency, hostTransactionId, receiptData] {
+          if (const auto tracker = self->pin())
+            tracker->validatePurchaseEvent(hostProductIdentifier, hostPrice, hostCurrency,
+                                           hostTransactionId, receiptData);
+        }));
+    return;
+  }
   const auto productIdentifier = hostText(hostProductIdentifier);
   const auto price = hostText(hostPrice);
   const auto currency = hostText(hostCurrency);

@@ -236,6 +236,31 @@ TEST_F(OutboxTest, ASecondProcessWaitsForTheDataDirectoryAndNumbersAfterTheFirst
   EXPECT_EQ(taken.waiting, 0U);
 }
 
+// A purchase numbers its event where the counters are given out, as an event does: a second
+// process never gives out the `iaecounter` the first one may still be giving.
+TEST_F(OutboxTest, ASecondProcessNumbersItsPurchaseAfterTheFirst) {
+  fakes.bundle->receiptPath = "/app/receipt";
+  fakes.fileSystem->writeFileAtomically("/app/receipt", Bytes{'r', 'c', 'p'});
+  fakes.outbox->setHeldElsewhere(true);
+  const auto second = restart();
+  ASSERT_TRUE(fakes.outbox->apply({{0, Json{{keys::kInAppCounter, 7}}.dump()}}));
+  tracker->validateAndTrackInAppPurchase(std::string("gems"), std::string("1"), std::string("EUR"),
+                                         std::string("tx-1"), std::nullopt, nullptr, nullptr);
+  const auto purchaseSent = [this]() -> std::optional<std::size_t> {
+    for (std::size_t i = 0; i < sent().size(); ++i)
+      if (request(i).url.starts_with("https://validate."))
+        return i;
+    return std::nullopt;
+  };
+  fakes.dispatcher->advance(2s);
+  EXPECT_FALSE(purchaseSent());
+  fakes.outbox->setHeldElsewhere(false);  // the first process exits
+  fakes.dispatcher->advance(10s);
+  const auto index = purchaseSent();
+  ASSERT_TRUE(index);
+  EXPECT_EQ(payload(*index)["iaecounter"], "8");
+}
+
 // A second process that ends before its next try at the data directory tries it once more
 // at its exit: the first one may have let it go, and what the second kept in memory then goes
 // at the next start instead of being lost.
