@@ -1,6 +1,7 @@
 // A transport the host brings instead of libcurl: an engine's or a sandbox's own HTTP stack,
-// with its own TLS policy. The library hands it one request at a time and waits for one
-// answer or one failure, from any thread.
+// with its own TLS policy. The library hands each request over on one of four send threads of
+// its own (a send that blocks holds only its thread) and waits for one answer or one failure,
+// from any thread; a request with no outcome a second past its timeout fails as timed out.
 #pragma once
 
 #include <chrono>

@@ -6,10 +6,13 @@
 #include <unistd.h>
 
 #include <strings.h>
-#include <atomic>
 
+#include <array>
+#include <atomic>
 #include <cstdlib>
+#include <limits>
 #include <mutex>
+#include <string>
 
 namespace quorvel {
 namespace {
@@ -17,6 +20,47 @@ namespace {
 using platform::URLRequest;
 
 constexpr std::int64_t kCannotConnect = -1004;
+constexpr std::int64_t kTimedOut = -1001;
+constexpr std::chrono::milliseconds kDefaultTimeout{60'000};
+// Past the request's own timeout: a transport that enforces it answers first.
+constexpr std::chrono::milliseconds kDeadlineGrace{1'000};
+
+// A host's send may block (an engine's synchronous HTTP call, a slow Python function). It runs
+// on lanes of its own, each on a thread of its own that ends when idle: never on the thread
+// that started the request (the outbox's writer, or a host thread inside destroy), and a send
+// that blocks holds its lane only. A new send takes the lane with the fewest sends.
+class SendLanes : public std::enable_shared_from_this<SendLanes> {
+ public:
+  explicit SendLanes(platform::Dispatcher& dispatcher) {
+    for (std::size_t i = 0; i < lanes_.size(); ++i)
+      lanes_[i].queue =
+          dispatcher.makeDiskQueue("com.quorvel.transport.send-" + std::to_string(i + 1));
+  }
+
+  void run(platform::Work send) noexcept {
+    std::size_t chosen = 0;
+    int fewest = std::numeric_limits<int>::max();
+    for (std::size_t i = 0; i < lanes_.size(); ++i) {
+      if (const int sends = lanes_[i].sends.load(std::memory_order_relaxed); sends < fewest) {
+        fewest = sends;
+        chosen = i;
+      }
+    }
+    Lane& lane = lanes_[chosen];
+    lane.sends.fetch_add(1, std::memory_order_relaxed);
+    lane.queue->async([self = shared_from_this(), &lane, send = std::move(send)] {
+      send();
+      lane.sends.fetch_sub(1, std::memory_order_relaxed);
+    });
+  }
+
+ private:
+  struct Lane {
+    std::shared_ptr<platform::DispatchQueue> queue;
+    std::atomic<int> sends{0};
+  };
+  std::array<Lane, 4> lanes_;
+};
 
 class TransportSession;
 
@@ -52,11 +96,12 @@ class TransportTask final : public platform::URLSessionTask,
 class TransportSession final : public platform::URLSession,
                                public std::enable_shared_from_this<TransportSession> {
  public:
-  TransportSession(std::shared_ptr<Transport> transport,
+  TransportSession(std::shared_ptr<Transport> transport, std::shared_ptr<SendLanes> lanes,
                    std::shared_ptr<platform::DispatchQueue> queue,
                    std::weak_ptr<platform::URLSessionDownloadDelegate> delegate,
                    std::string downloadDirectory)
       : transport_(std::move(transport)),
+        lanes_(std::move(lanes)),
         queue_(std::move(queue)),
         delegate_(std::move(delegate)),
         downloadDirectory_(std::move(downloadDirectory)) {}
@@ -72,6 +117,7 @@ class TransportSession final : public platform::URLSession,
   std::shared_ptr<platform::DispatchQueue> delegateQueue() override { return queue_; }
 
   Transport& transport() { return *transport_; }
+  SendLanes& lanes() { return *lanes_; }
   // A background session's outcome: the body as a file, then the completion.
   void deliverDownload(platform::URLSessionTask& task, const std::optional<Bytes>& body,
                        const std::optional<Error>& failure) {
@@ -95,6 +141,7 @@ class TransportSession final : public platform::URLSession,
 
  private:
   std::shared_ptr<Transport> transport_;
+  std::shared_ptr<SendLanes> lanes_;
   std::shared_ptr<platform::DispatchQueue> queue_;
   std::weak_ptr<platform::URLSessionDownloadDelegate> delegate_;
   std::string downloadDirectory_;
@@ -105,14 +152,34 @@ void TransportTask::resume() noexcept {
   if (resumed_.exchange(true))
     return;
   try {
-    TransportRequest request{request_.method, request_.url, request_.headers, request_.body,
-                             request_.timeout.value_or(std::chrono::milliseconds(60'000))};
-    // The host may answer twice by mistake, or never: only the first answer counts.
+    const auto timeout = request_.timeout.value_or(kDefaultTimeout);
+    // The host may answer twice by mistake, or never: only the first outcome counts, and the
+    // library's own deadline is one.
     auto once = std::make_shared<std::once_flag>();
-    session_->transport().send(std::move(request), [self = shared_from_this(), once](
-                                                       std::optional<TransportResponse> response,
-                                                       std::optional<Error> failure) {
+    TransportDone done = [self = shared_from_this(), once](
+                             std::optional<TransportResponse> response,
+                             std::optional<Error> failure) {
       std::call_once(*once, [&] { self->finish(std::move(response), std::move(failure)); });
+    };
+    // Holds the task weakly: a task the host still holds (its answer outstanding) fails at the
+    // deadline; one it let go was answered.
+    session_->delegateQueue()->asyncAfter(
+        timeout + kDeadlineGrace, [weak = weak_from_this(), once] {
+          if (const auto self = weak.lock()) {
+            std::call_once(*once, [&] {
+              self->finish(std::nullopt,
+                           Error{platform::kURLErrorDomain, kTimedOut, "The request timed out."});
+            });
+          }
+        });
+    session_->lanes().run([self = shared_from_this(), timeout, done = std::move(done)]() mutable {
+      try {
+        TransportRequest request{self->request_.method, self->request_.url, self->request_.headers,
+                                 self->request_.body, timeout};
+        self->session_->transport().send(std::move(request), std::move(done));
+      } catch (const std::bad_alloc&) {
+        done(std::nullopt, Error{platform::kURLErrorDomain, kCannotConnect, "transport failed"});
+      }
     });
   } catch (...) {
     finish(std::nullopt, Error{platform::kURLErrorDomain, kCannotConnect, "transport failed"});
@@ -174,8 +241,16 @@ class TransportSessionFactory final : public platform::URLSessionFactory {
  private:
   std::shared_ptr<platform::URLSession> make(
       const std::string& name, std::weak_ptr<platform::URLSessionDownloadDelegate> delegate) {
+    std::shared_ptr<SendLanes> lanes;
+    {
+      // One set for every session: the lanes bound the host's concurrent sends.
+      const std::lock_guard lock(lanesMutex_);
+      if (!lanes_)
+        lanes_ = std::make_shared<SendLanes>(*dispatcher_);
+      lanes = lanes_;
+    }
     return std::make_shared<TransportSession>(
-        transport_, dispatcher_->makeSerialQueue("com.quorvel.transport." + name),
+        transport_, std::move(lanes), dispatcher_->makeSerialQueue("com.quorvel.transport." + name),
         std::move(delegate), downloadDirectory_);
   }
 
@@ -184,6 +259,8 @@ class TransportSessionFactory final : public platform::URLSessionFactory {
   std::string downloadDirectory_;
   std::mutex mutex_;
   std::shared_ptr<platform::URLSession> shared_;
+  std::mutex lanesMutex_;  // not `mutex_`: a shared session is made under that one
+  std::shared_ptr<SendLanes> lanes_;
 };
 
 }  // namespace

@@ -1,0 +1,110 @@
+// A host's transport under the library's sessions: a send that blocks holds neither the caller
+// nor the other sends, and a send that never answers fails at the request's deadline.
+#include <quorvel/Transport.h>
+
+#include <future>
+#include <mutex>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/posix/PosixServices.h"
+#include "support/VirtualTime.h"
+
+namespace quorvel {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Keeps every request's `done`; the test answers when it chooses. `block` makes the first send
+// wait inside send() until released, as an engine's synchronous HTTP call does.
+class HeldTransport final : public Transport {
+ public:
+  void send(TransportRequest request, TransportDone done) noexcept override {
+    std::shared_future<void> wait;
+    {
+      const std::lock_guard lock(mutex_);
+      urls_.push_back(request.url);
+      dones_.push_back(std::move(done));
+      if (urls_.size() == 1 && block_)
+        wait = release_.get_future().share();
+    }
+    sent_.notify_all();
+    if (wait.valid())
+      wait.wait();
+  }
+  void block() { block_ = true; }
+  void release() { release_.set_value(); }
+  // Waits (bounded) until `count` sends have begun.
+  bool waitForSends(std::size_t count) {
+    std::unique_lock lock(mutex_);
+    return sent_.wait_for(lock, 10s, [&] { return urls_.size() >= count; });
+  }
+  void answer(std::size_t index, long status) {
+    TransportDone done;
+    {
+      const std::lock_guard lock(mutex_);
+      done = dones_.at(index);
+    }
+    done(TransportResponse{status, {}, {}}, std::nullopt);
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable sent_;
+  std::vector<std::string> urls_;
+  std::vector<TransportDone> dones_;
+  bool block_ = false;
+  std::promise<void> release_;
+};
+
+platform::URLRequest post(const std::string& url, std::chrono::milliseconds timeout = 60s) {
+  return {url, "POST", {}, Bytes{'x'}, timeout};
+}
+
+TEST(TransportSessions, ABlockingSendHoldsNeitherTheCallerNorTheNextSend) {
+  const auto transport = std::make_shared<HeldTransport>();
+  transport->block();
+  const auto dispatcher = std::make_shared<platform::PosixDispatcher>();
+  const auto sessions = makeTransportSessions(transport, dispatcher, "/tmp");
+  const auto session = sessions->sharedSession();
+  std::promise<long> second;
+  auto first = session->dataTask(post("https://a.svc.example/1"), nullptr);
+  auto next = session->dataTask(post("https://a.svc.example/2"),
+                                [&](const auto&, const auto& response, const auto&) {
+                                  second.set_value(response ? response->statusCode : -1);
+                                });
+  first->resume();  // returns although its send blocks
+  next->resume();
+  ASSERT_TRUE(transport->waitForSends(2));
+  transport->answer(1, 200);
+  auto answered = second.get_future();
+  ASSERT_EQ(answered.wait_for(10s), std::future_status::ready);
+  EXPECT_EQ(answered.get(), 200);
+  transport->release();
+}
+
+TEST(TransportSessions, ASendThatNeverAnswersFailsAtItsDeadlineAndALateAnswerIsIgnored) {
+  const auto clock = std::make_shared<test::VirtualClock>();
+  const auto dispatcher = std::make_shared<test::VirtualDispatcher>(clock);
+  const auto transport = std::make_shared<HeldTransport>();
+  const auto sessions = makeTransportSessions(transport, dispatcher, "/tmp");
+  std::vector<std::optional<Error>> outcomes;
+  auto task = sessions->sharedSession()->dataTask(
+      post("https://a.svc.example/slow", 5s),
+      [&](const auto&, const auto&, const auto& error) { outcomes.push_back(error); });
+  task->resume();
+  dispatcher->advance(5s);  // the transport's own timeout: its answer would still count
+  EXPECT_TRUE(outcomes.empty());
+  dispatcher->advance(1s);
+  ASSERT_EQ(outcomes.size(), 1U);
+  ASSERT_TRUE(outcomes[0]);
+  EXPECT_EQ(outcomes[0]->code, -1001);
+  transport->answer(0, 200);
+  dispatcher->runUntilIdle();
+  EXPECT_EQ(outcomes.size(), 1U);
+  dispatcher->clear();
+}
+
+}  // namespace
+}  // namespace quorvel
