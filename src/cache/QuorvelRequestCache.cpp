@@ -272,6 +272,16 @@ std::vector<QuorvelRequestCacheData> QuorvelRequestCache::getCachedRequests() {
     if (record.requestURL() && record.postData()) {
       record.setCacheKey(name);
       result.push_back(std::move(record));
+    } else if (bytes) {
+      // Read whole but not a request (files are written whole, by rename): damaged or
+      // foreign. Left there it would be read at every replay and hold one of the folder's
+      // places for good.
+      const std::string path = *directory + "/" + name;
+      if (fs.removeFile(path)) {
+        unreadable_.fetch_add(1, std::memory_order_relaxed);
+        log_->log(kLogWarning, "-[QuorvelRequestCache getCachedRequests]",
+                  "Quorvel: kept request %@ could not be read; removed", name);
+      }
     }
   }
   return result;

@@ -47,7 +47,8 @@ class QuorvelRequestCache : public std::enable_shared_from_this<QuorvelRequestCa
   // when one could not be removed.
   bool removeAll();
   // Every readable record of the directory, claimed ones among them (the cache key is the
-  // file's name); unreadable files stay on disk untouched.
+  // file's name). A file read whole that holds no request is removed and counted; one that
+  // cannot be read (a passing error) stays.
   std::vector<QuorvelRequestCacheData> getCachedRequests();
   // Loads a batch and starts its replay 0.1 s later on the main queue.
   void processCache();
@@ -60,6 +61,8 @@ class QuorvelRequestCache : public std::enable_shared_from_this<QuorvelRequestCa
   // Gives a claimed record's file its plain name back: its send failed, it waits for a later
   // replay.
   void releaseRequest(const QuorvelRequestCacheData& request);
+  // Files removed because they held no readable request.
+  std::uint64_t unreadableRemoved() const noexcept { return unreadable_.load(); }
 
   bool failedToInitialize() const noexcept { return failedToInitialize_; }
   // The records of the current batch not yet handed over; nullopt when none was loaded.
@@ -95,6 +98,7 @@ class QuorvelRequestCache : public std::enable_shared_from_this<QuorvelRequestCa
   // answer need not list the folder again (it used to, once per answer).
   std::atomic<std::uint64_t> filesWritten_{0};
   std::atomic<std::uint64_t> foundNothingAt_{UINT64_MAX};
+  std::atomic<std::uint64_t> unreadable_{0};
 };
 
 }  // namespace quorvel

@@ -109,7 +109,7 @@ QuorvelDeliveryStats TrackerCore::deliveryStats() {
   out.refused = s.refused;
   out.retrying = s.retrying;
   out.notKept = s.notKept;
-  out.droppedUnreadable = s.droppedUnreadable;
+  out.droppedUnreadable = s.droppedUnreadable + requestCache_->unreadableRemoved();
   out.waiting = s.waiting;
   out.keptAsFiles = s.handedToFolder;
   out.droppedOverSize = s.droppedForBytes;

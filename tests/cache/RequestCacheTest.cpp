@@ -83,7 +83,7 @@ TEST_F(RequestCacheTest, FortyOneEntriesAtMostCountingEveryEntry) {
   EXPECT_EQ(files().size(), 42U);
 }
 
-TEST_F(RequestCacheTest, ReaderIsTolerantAndLeavesBadFilesAlone) {
+TEST_F(RequestCacheTest, ReaderIsTolerantAndRemovesEntriesThatHoldNoRequest) {
   struct Case {
     std::string name;
     std::string content;
@@ -121,7 +121,9 @@ TEST_F(RequestCacheTest, ReaderIsTolerantAndLeavesBadFilesAlone) {
     EXPECT_EQ(it->sdkVersion(), c.version) << c.name;
   }
   EXPECT_EQ(records.size(), kept);
-  EXPECT_EQ(files().size(), cases.size());  // nothing is deleted by reading
+  // The four that hold no request go, counted.
+  EXPECT_EQ(files().size(), cases.size() - 4);
+  EXPECT_EQ(cache->unreadableRemoved(), 4U);
 }
 
 TEST_F(RequestCacheTest, StrictBase64ForPostData) {
