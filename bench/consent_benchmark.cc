@@ -7,8 +7,9 @@
 // Forget runs: each run is a fresh install in a host process that configures a customer user
 // id, e-mails and a conversion-data delegate, launches, sends a few events and calls
 // forgetThisInstall() at a random moment within 2.2 s while the emulator holds every answer
-// for a random 0-2 s; the host lives 2.1 s more (every held answer comes back meanwhile),
-// then returns from main. Counted after each run:
+// for a random 0-2 s; meanwhile a thread of the host sends an event every 2 ms, so that
+// reports are being built at the moment of the forgetting. The host lives 2.1 s more (every
+// held answer comes back meanwhile), then returns from main. Counted after each run:
 //   - requests that arrived after forget returned. The emulator records a request once it
 //     answered it, that is after the run's delay: its arrival is its record time minus that
 //     delay. A request counts as after forget when it arrived later than the forget's return
@@ -34,6 +35,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -182,9 +184,19 @@ int runForgetHost(const HostArgs& a) {
   notes.add("id " + tracker.getQuorvelUID());
   for (int i = 0; i < 3; ++i)
     tracker.trackEvent("consent", std::to_string(i));
+  // The app is in use at the moment of the forgetting: reports are being built then.
+  std::atomic<bool> forgotten{false};
+  std::thread busy([&tracker, &forgotten] {
+    for (int i = 0; !forgotten.load(); ++i) {
+      tracker.trackEvent("busy", std::to_string(i));
+      std::this_thread::sleep_for(2ms);
+    }
+  });
   std::this_thread::sleep_until(start + std::chrono::milliseconds(a.actAtMs));
   const bool forgot = tracker.forgetThisInstall();
   notes.add("forget " + secondsText(wallSeconds()) + " " + (forgot ? "1" : "0"));
+  forgotten = true;
+  busy.join();
   std::this_thread::sleep_for(std::chrono::milliseconds(kLifeAfterForgetMs));
   return 0;
 }
