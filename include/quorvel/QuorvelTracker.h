@@ -232,7 +232,9 @@ class QuorvelTracker {
   // holds of the user (customer user id, e-mails, custom data). The next launch after
   // setStopped(false), in this process or a later one, is a fresh install. Idempotent; a kill
   // during it is finished by the next start. False when something could not be removed now (logged;
-  // the next start retries).
+  // the next start retries). Every process of the app on the data directory forgets too, within
+  // a second of its next send or write; the outbox of the process that holds the directory is
+  // emptied by that process.
   bool forgetThisInstall() noexcept;
 
   // --- Deep links and push payloads ----------------------------------------------------

@@ -132,19 +132,58 @@ void QuorvelHTTPClient::post(const QuorvelRequestCacheData& request, std::string
   http.body = request.postData().value_or(Bytes());
   log_->log(kLogInfo, kMethod, "sending request to server ");
   auto self = shared_from_this();
+  const auto taskId = std::make_shared<std::uint64_t>(0);  // known once the task is made
+  const OutboxSlotPtr slotUnderWay = slot;
   auto task = platform_->urlSessions->sharedSession()->dataTask(
       std::move(http), [self, request, origin, slot = std::move(slot),
-                        onSuccess = std::move(onSuccess), ticket = std::move(ticket),
-                        generation](const auto& body, const auto& response, const auto& error) {
+                        onSuccess = std::move(onSuccess), ticket = std::move(ticket), generation,
+                        taskId](const auto& body, const auto& response, const auto& error) {
         // What the answer starts (the conversion data of a launch) belongs to the report.
         const ReportLedger::Scope scope(ticket);
+        if (!self->removeUnderWay(*taskId))
+          return;  // cancelled by a stop, and settled then
         if (!self->consentHolds(generation)) {
           self->settleAfterConsentChanged(slot, !error);
           return;
         }
         self->handleTrackingAnswer(request, origin, slot, body, response, error, onSuccess);
       });
+  *taskId = task->taskIdentifier();
+  addUnderWay(*taskId, {task, slotUnderWay});
+  if (!consentHolds(generation)) {
+    // A stop came since the check above: this one never starts.
+    if (removeUnderWay(*taskId)) {
+      task->cancel();
+      settleAfterConsentChanged(slotUnderWay, false);
+    }
+    return;
+  }
   task->resume();
+}
+
+void QuorvelHTTPClient::addUnderWay(std::uint64_t id, UnderWay underWay) {
+  const std::lock_guard lock(underWayMutex_);
+  underWay_[id] = std::move(underWay);
+}
+
+bool QuorvelHTTPClient::removeUnderWay(std::uint64_t id) {
+  const std::lock_guard lock(underWayMutex_);
+  return underWay_.erase(id) > 0;
+}
+
+void QuorvelHTTPClient::cancelRequestsUnderWay() {
+  std::map<std::uint64_t, UnderWay> cancelled;
+  {
+    const std::lock_guard lock(underWayMutex_);
+    cancelled.swap(underWay_);
+  }
+  // A cancelled task's completion never runs: its report is settled here, as unanswered (one
+  // already on the wire may have arrived: a start that runs may send it again).
+  for (auto& [id, underWay] : cancelled) {
+    if (const auto task = underWay.task.lock())
+      task->cancel();
+    settleAfterConsentChanged(underWay.slot, false);
+  }
 }
 
 void QuorvelHTTPClient::settleAfterConsentChanged(const OutboxSlotPtr& slot, bool answered) {

@@ -104,6 +104,10 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
   void setConsent(std::shared_ptr<const platform::ConsentGate> consent) {
     consent_ = std::move(consent);
   }
+  // After a stop: the tracking requests under way are cancelled and their reports wait in the
+  // outbox as unanswered, so that one still waiting in the session for a connection never
+  // leaves after the stop returned.
+  void cancelRequestsUnderWay();
 
  private:
   // False while another process holds the data directory: its folder is that process's.
@@ -127,6 +131,14 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
                             const std::optional<Error>& error,
                             const std::function<void()>& onSuccess);
   void applyTrackingAnswer(const std::optional<Bytes>& body);
+  // The tracking requests started and not yet answered, by task, with their outbox slots.
+  struct UnderWay {
+    std::weak_ptr<platform::URLSessionTask> task;
+    OutboxSlotPtr slot;
+  };
+  void addUnderWay(std::uint64_t id, UnderWay underWay);
+  // False when it was cancelled (and settled) already.
+  bool removeUnderWay(std::uint64_t id);
 
   ReportLedger::TicketPtr reportOfNewRequest() const;
 
@@ -138,6 +150,8 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
   std::shared_ptr<ReportLedger> ledger_;
   std::shared_ptr<Outbox> outbox_;
   std::shared_ptr<platform::URLSession> bgSession_;
+  std::mutex underWayMutex_;
+  std::map<std::uint64_t, UnderWay> underWay_;
   // The reports of fire-and-forget bodies still on the wire, by task identifier.
   std::mutex backgroundReportsMutex_;
   std::map<std::uint64_t, ReportLedger::TicketPtr> backgroundReports_;

@@ -31,14 +31,22 @@ void ConsentGate::checkElsewhere() const {
     return;
   if (!lastCheckMs_.compare_exchange_strong(last, now))
     return;  // another thread checks now
-  if (stoppedElsewhere_())
-    stop();
+  if (!stoppedElsewhere_())
+    return;
+  stop();
+  if (stoppedElsewhereSeen_)
+    stoppedElsewhereSeen_();
 }
 
 void ConsentGate::stop() const {
   std::call_once(storedRead_, [] {});  // a later first read cannot overwrite this
   stopped_.store(true);
   generation_.fetch_add(1, std::memory_order_acq_rel);
+}
+
+void ConsentGate::stopAndSettle() const {
+  stop();
+  const std::unique_lock settled(settling_);
 }
 
 void ConsentGate::run() {

@@ -11,6 +11,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <shared_mutex>
 
 #include <quorvel/platform/Clock.h>
 
@@ -29,25 +30,43 @@ class ConsentGate {
   ConsentGate(std::function<bool()> readStored, std::function<bool()> stoppedElsewhere = {},
               std::shared_ptr<const Clock> clock = nullptr);
 
+  // Runs, on the thread that asked, once a stop made by another process is seen (it must
+  // only post work). Set before the gate is shared.
+  void onStoppedElsewhere(std::function<void()> handler) {
+    stoppedElsewhereSeen_ = std::move(handler);
+  }
+
   bool stopped() const;
   Generation generation() const noexcept { return generation_.load(std::memory_order_acquire); }
   // True while the library runs and no stop or forgetting came since `start` was taken.
   bool holds(Generation start) const { return !stopped() && generation() == start; }
   // Stopped from now on; work begun before no longer holds.
   void stop() const;
+  // Stops, then waits until no work that began while running is still inside a hold: once it
+  // returns, nothing of that work writes or sends any more. Never from inside a hold.
+  void stopAndSettle() const;
   void run();
+
+  // Taken by work that writes the install's state or hands a report on (a build, the storing
+  // of an answer), around its check of the gate and the writes that follow it, so that a stop
+  // cannot fall between the two. Never held across a call into the host.
+  [[nodiscard]] std::shared_lock<std::shared_mutex> hold() const {
+    return std::shared_lock(settling_);
+  }
 
  private:
   void checkElsewhere() const;
 
   std::function<bool()> readStored_;
   std::function<bool()> stoppedElsewhere_;
+  std::function<void()> stoppedElsewhereSeen_;
   std::shared_ptr<const Clock> clock_;
   mutable std::once_flag storedRead_;
   mutable std::atomic<bool> stopped_{false};
   mutable std::atomic<Generation> generation_{0};
   static constexpr std::int64_t kNeverChecked = INT64_MIN;
   mutable std::atomic<std::int64_t> lastCheckMs_{kNeverChecked};
+  mutable std::shared_mutex settling_;
 };
 
 }  // namespace quorvel::platform

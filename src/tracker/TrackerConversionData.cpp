@@ -152,21 +152,27 @@ void TrackerCore::handleConversionDataAnswer(const std::optional<Bytes>& body,
     failure = Error{kErrorDomain, 0, "Quorvel bad JSON response."};
   } else {
     QuorvelUtils::recursivelyRemoveNulls(parsed);
-    if (!consent_->holds(generation))
-      return;
-    if (const auto it = parsed.find("iscache"); it != parsed.end()) {
-      const bool fresh =
-          (it->is_boolean() && !it->get<bool>()) || (it->is_number() && it->get<double>() == 0);
-      parsed.erase("iscache");
-      if (fresh)
-        prefs.setDouble(keys::kConversionDataCacheExpiration,
-                        platform::secondsSince1970(p.clock->now()));
+    {
+      // A stop cannot fall between the check and the store; the delegate is called outside,
+      // as it may stop or forget itself.
+      const auto held = consent_->hold();
+      if (!consent_->holds(generation))
+        return;
+      if (const auto it = parsed.find("iscache"); it != parsed.end()) {
+        const bool fresh =
+            (it->is_boolean() && !it->get<bool>()) || (it->is_number() && it->get<double>() == 0);
+        parsed.erase("iscache");
+        if (fresh)
+          prefs.setDouble(keys::kConversionDataCacheExpiration,
+                          platform::secondsSince1970(p.clock->now()));
+      }
+      prefs.setObject(keys::kConversionData, parsed);
+      prefs.synchronize();
     }
-    prefs.setObject(keys::kConversionData, parsed);
-    prefs.synchronize();
     log_->log(kLogDebug, kAnswer, "Caching conversion data ...");
     log_->log(kLogDebug, kAnswer, "conversion data description:\n %@", parsed);
-    d->onConversionDataReceived(parsed);
+    if (consent_->holds(generation))
+      d->onConversionDataReceived(parsed);
     return;
   }
   if (listensForFailures(d)) {

@@ -118,6 +118,17 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
                                      kQuorvelSDKVersion, kQuorvelSDKBuildNumber));
   // Before anything reads the app's state: a forgetting cut short by a kill ends now.
   finishForgettingIfStarted();
+  // Seen while a build may hold the gate: the rest of the stop goes to the tracker's queue.
+  consent_->onStoppedElsewhere([self = self_] {
+    if (const auto tracker = self->pin()) {
+      tracker->mBackgroundQueue_->async([self] {
+        if (const auto pinned = self->pin()) {
+          pinned->httpClient_->cancelRequestsUnderWay();
+          pinned->forgetIfForgottenElsewhere();
+        }
+      });
+    }
+  });
   if (platform_->device->isMultitaskingSupported()) {
     subscribeToLifecycleNotifications();
   }

@@ -318,6 +318,12 @@ class TrackerCore {
   // A file whose presence says that the library is stopped, for the other processes on the
   // same data directory, which read their preferences only at start.
   static std::string stopMarkerPath(const Platform& platform);
+  // What the stop marker holds: a stop, or a forgetting, which the other processes carry out
+  // too (on what they hold in memory, and the holder of the data directory on its outbox).
+  static constexpr std::uint8_t kStoppedMark = '1';
+  static constexpr std::uint8_t kForgottenMark = 'f';
+  // Another process stopped the library: if it forgot the install, this one forgets too.
+  void forgetIfForgottenElsewhere();
   void finishForgettingIfStarted();
   bool eraseInstall();
   // The install's state this process holds in memory: what the host set about the user, the

@@ -108,9 +108,10 @@ void TrackerCore::setStopped(bool stopped) {
   static constexpr const char* kMethod = "-[QuorvelTracker setStopped:]";
   auto& fs = *platform_->fileSystem;
   if (stopped) {
-    consent_->stop();
+    consent_->stopAndSettle();
+    httpClient_->cancelRequestsUnderWay();
     fs.createDirectory(fs.libraryDirectory());
-    if (!fs.writeFileAtomically(stopMarkerPath(*platform_), Bytes{'1'}))
+    if (!fs.writeFileAtomically(stopMarkerPath(*platform_), Bytes{kStoppedMark}))
       log_->log(kLogError, kMethod, "Quorvel could not tell other processes of the stop");
   } else {
     fs.removeFile(stopMarkerPath(*platform_));

@@ -35,6 +35,9 @@ void TrackerCore::callServerWithEventName(const std::string& name,
                                           const std::optional<std::string>& value,
                                           const std::optional<Json>& /*dictionary*/, bool isEvent,
                                           bool isIAd) {
+  // A stop or a forgetting waits for a build under way: what it writes (identifier, counters)
+  // is on disk before the forgetting removes it, never after.
+  const auto held = consent_->hold();
   if (isStopped()) {
     // Accepted before the stop: it waits in the outbox, unbuilt, for a start that runs.
     log_->log(kLogDebug, kCallServerMethod, "Quorvel is stopped: %@ waits in the outbox", name);
@@ -175,8 +178,10 @@ void TrackerCore::sendLaunchOnceDurable(QuorvelRequestCacheData record,
       kLaunchWriteRetry, [self = self_, record = std::move(record), answered = std::move(answered),
                           ticket = ReportLedger::current(), attempt]() mutable {
         const ReportLedger::Scope scope(ticket);
-        if (const auto tracker = self->pin())
+        if (const auto tracker = self->pin()) {
+          const auto held = tracker->consent_->hold();
           tracker->sendLaunchOnceDurable(std::move(record), std::move(answered), attempt + 1);
+        }
       });
 }
 

@@ -2,6 +2,12 @@
 // and the library stays stopped. A marker written first makes the job whole whatever stops
 // it: a kill before the marker leaves everything as it was, a kill after it leaves the marker,
 // and the next start finishes the job before anything else reads the app's state.
+//
+// Every process of the app on the data directory forgets: the stop marker says "forgotten",
+// each one that sees it (within a second of its next send or write) drops what it holds in
+// memory, and the outbox, which only the process holding the data directory may touch, is
+// emptied by that process. One that forgets without holding it removes everything else and
+// leaves the forgetting marker for the holder, which removes it once its outbox is empty.
 #include "tracker/TrackerCore.h"
 
 #include <array>
@@ -83,7 +89,23 @@ bool TrackerCore::forgetThisInstall() {
               reason);
     return false;
   }
+  // The other processes forget too, once they see it.
+  if (!fs.writeFileAtomically(stopMarkerPath(*platform_), Bytes{kForgottenMark}, &reason))
+    log_->log(kLogError, kMethod, "Quorvel could not tell other processes of the forgetting");
   return eraseInstall();
+}
+
+void TrackerCore::forgetIfForgottenElsewhere() {
+  auto& fs = *platform_->fileSystem;
+  const auto mark = fs.readFile(stopMarkerPath(*platform_));
+  const bool forgotten =
+      (mark && *mark == Bytes{kForgottenMark}) || fs.fileExists(forgetMarkerPath());
+  if (!forgotten)
+    return;
+  log_->log(kLogInfo, kMethod, "Quorvel forgets this install, as another process of the app did");
+  acceptIntake();
+  forgetInMemory();
+  eraseInstall();
 }
 
 void TrackerCore::forgetInMemory() {
@@ -134,7 +156,10 @@ bool TrackerCore::eraseInstall() {
   }
   whole = requestCache_->removeAll() && whole;
   whole = platform_->fileSystem->forgetCreationDates() && whole;
-  whole = outbox_->forgetAll() && whole;
+  // Held by another process, the outbox is that process's to empty: the marker stays for it.
+  const bool outboxEmptied = outbox_->forgetAll();
+  const bool outboxElsewhere = !outboxEmptied && outbox_->dataDirectoryHeldElsewhere();
+  whole = (outboxEmptied || outboxElsewhere) && whole;
   whole = sweepTemporaryFiles(*platform_->fileSystem, platform_->fileSystem->libraryDirectory(),
                               kSweepDepth) &&
           whole;
@@ -150,6 +175,12 @@ bool TrackerCore::eraseInstall() {
     log_->log(kLogError, kMethod,
               "Quorvel could not remove all of this install's data; the next start tries again");
     return false;
+  }
+  if (outboxElsewhere) {
+    log_->log(kLogInfo, kMethod,
+              "Quorvel forgot this install; the process that holds the data directory empties "
+              "its outbox once it sees the forgetting, within a second of its next send or write");
+    return true;
   }
   platform_->fileSystem->removeFile(forgetMarkerPath());
   log_->log(kLogInfo, kMethod,

@@ -51,6 +51,7 @@ void TrackerCore::setOriginalQuorvelIdToKeychainIfNeeded(const std::string& uid)
     return;
   auto wrapper = keychain();
   mBackgroundQueue_->async([wrapper, uid, consent = consent_, generation = consent_->generation()] {
+    const auto held = consent->hold();
     if (!consent->holds(generation))
       return;  // forgotten or stopped in between: the identifier is not kept
     // The result is ignored: a failed write leaves the item for a later attempt.

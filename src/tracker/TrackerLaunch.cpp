@@ -33,12 +33,17 @@ void TrackerCore::trackAppLaunch() {
         [self, generation = consent_->generation()](const Json& details) {
           static constexpr const char* kBlock = "-[QuorvelTracker trackAppLaunch]_block_invoke";
           const auto tracker = self->pin();
-          // Details that come after a stop or a forgetting are not the install's to keep.
-          if (!tracker || !tracker->consent_->holds(generation))
+          if (!tracker)
             return;
-          auto& store = *tracker->platform_->preferences;
-          store.setObject(keys::kSearchAdsAttribution, details);
-          store.synchronize();
+          {
+            // Details that come after a stop or a forgetting are not the install's to keep.
+            const auto held = tracker->consent_->hold();
+            if (!tracker->consent_->holds(generation))
+              return;
+            auto& store = *tracker->platform_->preferences;
+            store.setObject(keys::kSearchAdsAttribution, details);
+            store.synchronize();
+          }
           tracker->log_->log(kLogDebug, kBlock, "iAD. Attribution Details: %@", details);
           tracker->log_->trace(kBlock, "iAD. permitAggregateiAdData: %@",
                                tracker->permitAggregateiAdData() ? "YES" : "NO");

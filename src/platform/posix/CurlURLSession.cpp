@@ -315,6 +315,9 @@ class CurlURLSession final : public URLSession,
   // No started task is waiting for its transfer or its completion.
   bool idle() const { return *unfinished_ == 0; }
 
+  // A task was cancelled: the worker drops it now.
+  void cancelled() { wake(); }
+
   void start(std::shared_ptr<CurlTask> task) {
     bool needsWorker = false;
     {
@@ -670,6 +673,7 @@ class CurlURLSession final : public URLSession,
       }
       for (auto& task : incoming)
         enqueue(std::move(task));
+      cancelRequested();  // before the transfers go on
       admitWaiting();
       int running = 0;
       curl_multi_perform(multi_, &running);
@@ -748,6 +752,10 @@ void CurlTask::resume() noexcept {
 
 void CurlTask::cancel() noexcept {
   cancelled = true;
+  // At once, not at the worker's next wake-up: a transfer still connecting must not go on to
+  // send its request after the cancel returned.
+  if (const auto session = session_.lock())
+    session->cancelled();
 }
 
 }  // namespace curl_detail
