@@ -201,6 +201,9 @@ bool judge(const Judgement& j, const RequestLog& log,
       launches[{r.install, r.counter}].push_back(&r);
   }
 
+  // Lost beyond the window and the overwritten stores, by the call's distance from its
+  // host's kill: under 50 ms, 50-200 ms, more; and from hosts that exited normally.
+  std::size_t lostBefore[4] = {0, 0, 0, 0};
   // Events: arrived, lost (near a kill, or waiting when a store was overwritten), repeats.
   for (const auto& [seq, callMs] : accepted) {
     Row* row = originRow(seq);
@@ -223,6 +226,10 @@ bool judge(const Judgement& j, const RequestLog& log,
         std::any_of(j.corruptions.begin(), j.corruptions.end(), [&](double c) { return c > call; });
     row->lostNearKill += nearKill ? 1 : 0;
     row->lostCorrupt += corrupted ? 1 : 0;
+    if (!nearKill && !corrupted) {
+      const double before = life.end - call;
+      ++lostBefore[!life.killed ? 3 : (before < 0.05 ? 0 : (before < 0.2 ? 1 : 2))];
+    }
     if (verbose)
       std::fprintf(stderr, "lost %lld: %s life, %.1f ms before its end%s\n", seq,
                    kindName(life.kind), (life.end - call) * 1000.0,
@@ -300,6 +307,10 @@ bool judge(const Judgement& j, const RequestLog& log,
       "  lost: never answered 2xx; <10ms: of them, called within %.0f ms of its host's kill; "
       "corrupt: of them, in an install whose store was overwritten after the call\n",
       j.windowMs);
+  std::printf(
+      "  lost beyond the window and the overwritten stores, called before a kill by "
+      "under 50 ms %zu, 50-200 ms %zu, more %zu; from hosts that exited normally %zu\n",
+      lostBefore[0], lostBefore[1], lostBefore[2], lostBefore[3]);
   std::printf(
       "  calls within %.0f ms of a kill: %zu (%zu lost); arrived but not noted before a "
       "kill: %zu\n",
