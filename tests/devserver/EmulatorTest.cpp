@@ -217,6 +217,11 @@ TEST_F(EmulatorTest, PlainJsonServicesCheckTheAppAndTheBody) {
 TEST_F(EmulatorTest, AFailingServiceAnswersItsStatusAndOthersAreUntouched) {
   faults.failService("t", 503);
   EXPECT_EQ(tracking(seal("{}")).status, 503);
+  EXPECT_EQ(tracking(seal("{}")).retryAfterSeconds, std::nullopt);
+  faults.failService("t", 429, 7);
+  const auto busy = tracking(seal("{}"));
+  EXPECT_EQ(busy.status, 429);
+  EXPECT_EQ(busy.retryAfterSeconds, 7);
   EXPECT_EQ(
       send("POST", "events.localhost:8443", "/api/v4.8/iosevent", "app_id=123456789", seal("{}"))
           .status,

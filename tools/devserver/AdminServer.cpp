@@ -142,7 +142,9 @@ void AdminServer::start(int port) {
     const auto code = numberParam(req, "code");
     if (!req.has_param("service") || !code || (*code != 0 && (*code < 100 || *code > 599)))
       return answer(res, 400, Json{{"error", "needs service and a code of 0 or 100..599"}});
-    faults_.failService(req.get_param_value("service"), static_cast<int>(*code));
+    const auto retryAfter = numberParam(req, "retry_after");
+    faults_.failService(req.get_param_value("service"), static_cast<int>(*code),
+                        retryAfter ? std::optional(static_cast<int>(*retryAfter)) : std::nullopt);
     log_("admin: service " + req.get_param_value("service") + " answers " + std::to_string(*code));
     answer(res, 200, state());
   });

@@ -106,8 +106,10 @@ ServiceResponse Emulator::handle(const ServiceRequest& request) {
 
   ServiceResponse response;
   try {
-    if (const auto status = faults_.statusFor(record.service.empty() ? "-" : record.service)) {
+    const std::string service = record.service.empty() ? "-" : record.service;
+    if (const auto status = faults_.statusFor(service)) {
       response = errorResponse(*status, "fault: answering " + std::to_string(*status));
+      response.retryAfterSeconds = faults_.retryAfterFor(service);
       recordPayload(request, record);
     } else {
       response = route(record.service, request, record);

@@ -44,12 +44,16 @@ bool Faults::online(Clock::time_point now) const {
   return !offline_ || (offlineUntil_ && now >= *offlineUntil_);
 }
 
-void Faults::failService(const std::string& service, int status) {
+void Faults::failService(const std::string& service, int status,
+                         std::optional<int> retryAfterSeconds) {
   const std::lock_guard lock(mutex_);
+  retryAfters_.erase(service);
   if (status == 0)
     statuses_.erase(service);
   else
     statuses_[service] = status;
+  if (status != 0 && retryAfterSeconds)
+    retryAfters_[service] = std::max(0, *retryAfterSeconds);
   changed();
 }
 
@@ -67,6 +71,7 @@ void Faults::clear() {
   offline_ = false;
   offlineUntil_.reset();
   statuses_.clear();
+  retryAfters_.clear();
   delays_.clear();
   changed();
 }
@@ -74,6 +79,11 @@ void Faults::clear() {
 std::optional<int> Faults::statusFor(const std::string& service) const {
   const std::lock_guard lock(mutex_);
   return lookup(statuses_, service);
+}
+
+std::optional<int> Faults::retryAfterFor(const std::string& service) const {
+  const std::lock_guard lock(mutex_);
+  return lookup(retryAfters_, service);
 }
 
 std::chrono::milliseconds Faults::delayFor(const std::string& service) const {
@@ -93,6 +103,11 @@ nlohmann::ordered_json Faults::describe(Clock::time_point now) const {
   out["statuses"] = nlohmann::ordered_json::object();
   for (const auto& [service, status] : statuses_)
     out["statuses"][service] = status;
+  if (!retryAfters_.empty()) {
+    out["retry_after_s"] = nlohmann::ordered_json::object();
+    for (const auto& [service, seconds] : retryAfters_)
+      out["retry_after_s"][service] = seconds;
+  }
   out["delays_ms"] = nlohmann::ordered_json::object();
   for (const auto& [service, delay] : delays_)
     out["delays_ms"][service] = delay.count();

@@ -27,12 +27,15 @@ class Faults {
   void goOnline();
   bool online(Clock::time_point now) const;
 
-  // Status 0 removes the fault.
-  void failService(const std::string& service, int status);
+  // Status 0 removes the fault. `retryAfterSeconds` goes out as the answers' Retry-After
+  // (an overloaded service's 429 or 503 says when to come back).
+  void failService(const std::string& service, int status,
+                   std::optional<int> retryAfterSeconds = std::nullopt);
   void delayService(const std::string& service, std::chrono::milliseconds delay);
   void clear();
 
   std::optional<int> statusFor(const std::string& service) const;
+  std::optional<int> retryAfterFor(const std::string& service) const;
   std::chrono::milliseconds delayFor(const std::string& service) const;
 
   nlohmann::ordered_json describe(Clock::time_point now) const;
@@ -49,6 +52,7 @@ class Faults {
   bool offline_ = false;
   std::optional<Clock::time_point> offlineUntil_;
   std::map<std::string, int> statuses_;
+  std::map<std::string, int> retryAfters_;  // seconds, by service
   std::map<std::string, std::chrono::milliseconds> delays_;
 };
 

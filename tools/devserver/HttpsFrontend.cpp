@@ -139,6 +139,8 @@ std::unique_ptr<httplib::SSLServer> HttpsFrontend::makeServer() {
     const ServiceResponse answer = emulator_.handle(request);
     res.status = answer.status;
     res.set_header(kAnsweredHeader, "1");
+    if (answer.retryAfterSeconds)
+      res.set_header("Retry-After", std::to_string(*answer.retryAfterSeconds));
     // Answers are a few hundred bytes: compressing them (httplib does so for the bare JSON
     // type when the client accepts it) cost the emulator more CPU than anything else. The
     // charset parameter, right for these answers anyway, keeps them as they are.

@@ -32,6 +32,7 @@ struct ServiceResponse {
   std::string body;
   // What the emulator made of the request, for its record and log.
   std::string note;
+  std::optional<int> retryAfterSeconds;  // sent as Retry-After
 };
 
 // Splits "a=1&b=x%20y" into decoded pairs, in order.

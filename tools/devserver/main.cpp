@@ -218,8 +218,9 @@ int fault(const std::string& dataDir, int adminPort, const std::vector<std::stri
     path = words.size() == 2 ? "/faults/offline?seconds=" + arg(1) : "/faults/offline";
   else if (verb == "online" && words.size() == 1)
     path = "/faults/online";
-  else if (verb == "status" && words.size() == 3)
-    path = "/faults/status?service=" + arg(1) + "&code=" + arg(2);
+  else if (verb == "status" && (words.size() == 3 || words.size() == 4))
+    path = "/faults/status?service=" + arg(1) + "&code=" + arg(2) +
+           (words.size() == 4 ? "&retry_after=" + arg(3) : std::string());
   else if (verb == "delay" && words.size() == 3)
     path = "/faults/delay?service=" + arg(1) + "&ms=" + arg(2);
   else if (verb == "clear" && words.size() == 1)
@@ -281,10 +282,10 @@ int main(int argc, char** argv) {
 
   int adminPort = 0;
   std::vector<std::string> words;
-  auto* faultCommand =
-      app.add_subcommand("fault",
-                         "switch faults of a running server: show | offline [SECONDS] | online |\n"
-                         "status SERVICE CODE | delay SERVICE MS | clear | monitor N");
+  auto* faultCommand = app.add_subcommand(
+      "fault",
+      "switch faults of a running server: show | offline [SECONDS] | online |\n"
+      "status SERVICE CODE [RETRY_AFTER_S] | delay SERVICE MS | clear | monitor N");
   faultCommand->add_option("--data-dir", dataDir, "the server's data directory")
       ->capture_default_str();
   faultCommand->add_option("--admin-port", adminPort, "the server's admin port");

@@ -1,0 +1,216 @@
+#include "Host.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include <quorvel/Json.h>
+#include <quorvel/Platform.h>
+#include <quorvel/QuorvelTracker.h>
+
+extern char** environ;
+
+namespace quorvel::chaos {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+namespace {
+
+bool logging() {
+  return std::getenv("QUORVEL_CHAOS_LOG") != nullptr;
+}
+
+// The library's outbox lines, each after the milliseconds since the host made its platform.
+class OutboxLines final : public quorvel::platform::SystemLog {
+ public:
+  void write(std::string_view line) noexcept override {
+    if (line.find("outbox") == std::string_view::npos &&
+        line.find("Outbox") == std::string_view::npos)
+      return;
+    const double ms =
+        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start_)
+            .count();
+    std::fprintf(stderr, "%8.1f %.*s\n", ms, static_cast<int>(line.size()), line.data());
+  }
+
+ private:
+  const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+};
+
+// Written at exit, after the library's own exit flush (registered before the tracker exists,
+// so it runs after the tracker's handler): what the library says became of its reports.
+fs::path gStatsFile;
+void writeStats() {
+  const QuorvelDeliveryStats s = QuorvelTracker::sharedTracker().deliveryStats();
+  const quorvel::Json out = {{"accepted", s.accepted},
+                             {"delivered", s.delivered},
+                             {"refused", s.refused},
+                             {"repeated", s.repeated},
+                             {"waiting", s.waiting},
+                             {"retrying", s.retrying},
+                             {"keptAsFiles", s.keptAsFiles},
+                             {"notKept", s.notKept},
+                             {"droppedUnreadable", s.droppedUnreadable},
+                             {"droppedOverAge", s.droppedOverAge},
+                             {"heldElsewhere", s.dataDirectoryHeldElsewhere},
+                             {"exitAt", wallSeconds()}};
+  std::ofstream(gStatsFile) << out.dump() << "\n";
+}
+
+void configure(const HostArgs& a) {
+  quorvel::PosixPlatformOptions options;
+  options.bundleIdentifier = "com.example.chaos";
+  options.dataDirectory = (a.root / "app").string();
+  options.keychainDirectory = (a.root / "keychain").string();
+  options.extraCAFile = a.caFile;
+  quorvel::Platform platform = quorvel::makePosixPlatform(options);
+  if (logging())
+    platform.systemLog = std::make_shared<OutboxLines>();
+  quorvel::installPlatform(platform);
+  auto& tracker = QuorvelTracker::sharedTracker();
+  if (logging())
+    tracker.setIsDebug(true);
+  if (a.exitFlushMs >= 0)
+    tracker.setExitFlushTimeout(std::chrono::milliseconds(a.exitFlushMs));
+  tracker.setQuorvelDevKey(std::string(kDevKey));
+  tracker.setAppleAppID(std::string(kApp));
+  tracker.setHost(a.domain);
+  tracker.setDisableIAdTracking(true);
+  if (a.user != "-")
+    tracker.setCustomerUserID(a.user);
+}
+
+// A worker forked without exec, as a host that runs a helper this way: it holds what the
+// parent held at the fork (descriptors, locks, the tracker's memory without its threads),
+// outlives the parent's kill, and ends with exit(), which runs the exit handlers.
+void forkWorker(const HostArgs& a) {
+  const pid_t child = ::fork();
+  if (child != 0) {
+    if (child > 0)
+      std::ofstream(a.root / "children", std::ios::app) << child << "\n";
+    return;
+  }
+  gStatsFile = a.root / ("stats-" + a.tag + "-child.json");
+  std::this_thread::sleep_for(std::chrono::milliseconds(a.forkChildMs));
+  std::exit(0);
+}
+
+bool stopAsked(const HostArgs& a) {
+  return fs::exists(a.root / ("stop-" + a.tag));
+}
+
+}  // namespace
+
+std::map<std::string, std::string> HostArgs::words() const {
+  return {{"root", root.string()},
+          {"accepted", accepted.string()},
+          {"domain", domain},
+          {"ca", caFile},
+          {"first", std::to_string(firstSeq)},
+          {"rate", std::to_string(rate)},
+          {"tag", tag},
+          {"user", user},
+          {"exitflush", std::to_string(exitFlushMs)},
+          {"fork", std::to_string(forkChildMs)},
+          {"fulldisk", fullDisk ? "1" : "0"},
+          {"fullexit", std::to_string(fullDiskExitMs)}};
+}
+
+HostArgs HostArgs::fromWords(int argc, char** argv, int first) {
+  std::map<std::string, std::string> w;
+  for (int i = first; i < argc; ++i) {
+    const std::string word = argv[i];
+    if (const auto eq = word.find('='); eq != std::string::npos)
+      w[word.substr(0, eq)] = word.substr(eq + 1);
+  }
+  HostArgs a;
+  a.root = w["root"];
+  a.accepted = w["accepted"];
+  a.domain = w["domain"];
+  a.caFile = w["ca"];
+  a.firstSeq = std::atoll(w["first"].c_str());
+  a.rate = std::atoi(w["rate"].c_str());
+  a.tag = w["tag"];
+  a.user = w["user"].empty() ? "-" : w["user"];
+  a.exitFlushMs = w["exitflush"].empty() ? -1 : std::atoi(w["exitflush"].c_str());
+  a.forkChildMs = std::atoi(w["fork"].c_str());
+  a.fullDisk = w["fulldisk"] == "1";
+  a.fullDiskExitMs = std::atoi(w["fullexit"].c_str());
+  return a;
+}
+
+int runHost(const HostArgs& a) {
+  // A full disk answers EFBIG instead of killing the process: the harness may lower this
+  // process's file size limit at any moment.
+  ::signal(SIGXFSZ, SIG_IGN);
+  if (a.fullDisk) {
+    const rlimit none{0, RLIM_INFINITY};
+    if (::setrlimit(RLIMIT_FSIZE, &none) != 0)
+      return 2;
+  }
+  gStatsFile = a.root / ("stats-" + a.tag + ".json");
+  std::atexit(writeStats);
+  configure(a);
+  auto& tracker = QuorvelTracker::sharedTracker();
+  tracker.trackAppLaunch();
+  if (a.forkChildMs > 0)
+    forkWorker(a);
+  if (a.fullDisk) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(a.fullDiskExitMs));
+    return 0;  // the exit flush runs, on a disk that is still full
+  }
+  const int fd = ::open(a.accepted.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0600);
+  if (fd < 0)
+    return 2;
+  const int perTick = a.rate > 0 ? std::max(1, a.rate / 50) : 0;
+  // Bounded: a host nobody stops ends by itself after an hour.
+  const auto deadline = std::chrono::steady_clock::now() + 1h;
+  for (long long seq = a.firstSeq; !stopAsked(a) && std::chrono::steady_clock::now() < deadline;) {
+    for (int i = 0; i < perTick; ++i, ++seq) {
+      // Each event's value is "SEQ/CALL_MS"; its line in "accepted" is written once the call
+      // returned, with write(2), so what a killed host accepted is in the kernel's copy.
+      const auto callMs = static_cast<long long>(std::llround(wallSeconds() * 1000.0));
+      tracker.trackEvent("chaos", std::to_string(seq) + "/" + std::to_string(callMs));
+      const std::string line = std::to_string(seq) + " " + std::to_string(callMs) + "\n";
+      if (::write(fd, line.data(), line.size()) != static_cast<ssize_t>(line.size()))
+        return 2;
+    }
+    std::this_thread::sleep_for(20ms);
+  }
+  ::close(fd);
+  return 0;
+}
+
+pid_t spawnHost(const HostArgs& a) {
+  std::vector<std::string> args = {"/proc/self/exe", "--host"};
+  for (const auto& [key, value] : a.words())
+    args.push_back(key + "=" + value);
+  std::vector<char*> argv;
+  for (const auto& s : args)
+    argv.push_back(const_cast<char*>(s.c_str()));
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  const std::string log = (a.root / "host.log").string();
+  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, log.c_str(),
+                                   O_WRONLY | O_CREAT | O_APPEND, 0600);
+  pid_t pid = -1;
+  const int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  return rc == 0 ? pid : -1;
+}
+
+}  // namespace quorvel::chaos

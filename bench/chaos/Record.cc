@@ -1,0 +1,74 @@
+#include "Record.h"
+
+#include <sqlite3.h>
+
+#include <cstdlib>
+#include <fstream>
+
+#include <quorvel/Json.h>
+
+namespace quorvel::chaos {
+
+namespace {
+
+std::string columnText(sqlite3_stmt* s, int column) {
+  const auto* p = reinterpret_cast<const char*>(sqlite3_column_text(s, column));
+  return p != nullptr ? std::string(p) : std::string();
+}
+
+Received toReceived(sqlite3_stmt* s) {
+  Received r;
+  r.time = sqlite3_column_double(s, 1);
+  r.service = columnText(s, 2);
+  r.status = sqlite3_column_int(s, 3);
+  r.repeat = sqlite3_column_int(s, 4) != 0;
+  const quorvel::Json payload = quorvel::Json::parse(columnText(s, 5), nullptr, false);
+  if (!payload.is_object())
+    return r;
+  r.install = payload.value("uid", "");
+  if (r.service == "events" && payload.value("event", "") == "chaos") {
+    const std::string value = payload.value("eventvalue", "");
+    r.seq = std::atoll(value.substr(0, value.find('/')).c_str());
+    r.callMs = std::atoll(value.substr(value.find('/') + 1).c_str());
+  } else if (r.service == "t") {
+    r.counter = std::atoll(payload.value("counter", "0").c_str());
+  }
+  return r;
+}
+
+}  // namespace
+
+void RequestLog::update() {
+  sqlite3* db = nullptr;
+  if (sqlite3_open_v2(database_.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
+    sqlite3_busy_timeout(db, 2000);
+    sqlite3_stmt* s = nullptr;
+    if (sqlite3_prepare_v2(db,
+                           "SELECT id, time, service, status, repeat, decrypted FROM requests "
+                           "WHERE id > ? ORDER BY id",
+                           -1, &s, nullptr) == SQLITE_OK &&
+        sqlite3_bind_int64(s, 1, lastId_) == SQLITE_OK) {
+      while (sqlite3_step(s) == SQLITE_ROW) {
+        lastId_ = sqlite3_column_int64(s, 0);
+        Received r = toReceived(s);
+        if (r.seq >= 0 && r.answered() && firstAnswer_.emplace(r.seq, r.time).second)
+          ++arrivedEvents_;
+        all_.push_back(std::move(r));
+      }
+    }
+    sqlite3_finalize(s);
+  }
+  sqlite3_close(db);
+}
+
+std::map<long long, long long> readAccepted(const std::string& file) {
+  std::map<long long, long long> accepted;
+  std::ifstream in(file);
+  long long seq = 0;
+  long long ms = 0;
+  while (in >> seq >> ms)
+    accepted[seq] = ms;
+  return accepted;
+}
+
+}  // namespace quorvel::chaos
