@@ -2,9 +2,8 @@
 #include "cache/Outbox.h"
 
 #include <algorithm>
-#include <cmath>
-#include <random>
 
+#include "cache/Backoff.h"
 #include "util/BoundedJson.h"
 
 namespace quorvel {
@@ -19,8 +18,6 @@ constexpr std::chrono::microseconds kBatchWindow{500};
 constexpr std::size_t kMaxBatch = 512;
 // The promise: a report is on its way to the disk (written to the kernel) this soon.
 constexpr std::chrono::milliseconds kPromptWrite{10};
-constexpr std::chrono::milliseconds kRetryBase{2'000};
-constexpr std::chrono::milliseconds kRetryCap{15 * 60 * 1'000};
 // The record that keeps the counters; reports are numbered from 1.
 constexpr std::int64_t kCountersRecord = 0;
 
@@ -88,13 +85,6 @@ Outbox::~Outbox() {
 void Outbox::setLimits(Limits limits) {
   const std::lock_guard lock(storeMutex_);
   limits_ = limits;
-}
-
-std::chrono::milliseconds Outbox::backoffDelay(int attempt, double unitRandom) {
-  const int shift = std::clamp(attempt, 0, 20);
-  const auto ceiling = std::min(kRetryCap, kRetryBase * (std::int64_t{1} << shift));
-  return std::chrono::milliseconds(static_cast<std::int64_t>(std::clamp(unitRandom, 0.0, 1.0) *
-                                                             static_cast<double>(ceiling.count())));
 }
 
 // --- The host's side --------------------------------------------------------------------------
@@ -238,7 +228,7 @@ void Outbox::answeredRetryLater(const OutboxSlotPtr& slot,
       return;
     const std::lock_guard lock(self->storeMutex_);
     if (retryAfter && *retryAfter > std::chrono::seconds::zero()) {
-      const auto wait = std::min<std::chrono::milliseconds>(*retryAfter, kRetryCap);
+      const auto wait = std::min<std::chrono::milliseconds>(*retryAfter, kRetryBackoff.cap);
       self->notBefore_ = std::max(self->notBefore_, self->clock_->now() + wait);
     }
     self->markForRetryLocked(slot, reached);
@@ -390,19 +380,8 @@ void Outbox::releaseNumberingLocked() {
   numberingSafe_.store(true, std::memory_order_release);
 }
 
-// The other process may be the one before this, still finishing its exit: the first tries come
-// within seconds; one that stays is looked at no more often than once a minute.
 void Outbox::scheduleLockRetry() {
-  constexpr std::chrono::milliseconds kLockRetryBase{1'000};
-  constexpr std::chrono::milliseconds kLockRetryCap{60'000};
-  const int shift = std::clamp(lockAttempt_++, 0, 10);
-  const auto ceiling = std::min(kLockRetryCap, kLockRetryBase * (std::int64_t{1} << shift));
-  static thread_local std::minstd_rand generator(
-      static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count()));
-  const double unit = std::uniform_real_distribution<double>(0.5, 1.0)(generator);
-  const auto delay = std::chrono::milliseconds(
-      static_cast<std::int64_t>(unit * static_cast<double>(ceiling.count())));
-  runLocked(&Outbox::retryLockLocked, delay);
+  runLocked(&Outbox::retryLockLocked, kLockBackoff.delay(lockAttempt_++, backoffRandom()));
 }
 
 void Outbox::retryLockLocked() {
@@ -846,16 +825,11 @@ void Outbox::countNotKeptLocked() {
             store_ ? store_->lastError() : std::string("no store"));
 }
 
-// A store that refuses writes is tried again with a backoff from 1 s up to a minute: a disk
-// that stays full costs a try a minute, one freed is used within seconds.
 void Outbox::scheduleRewrite() {
   if (rewriteScheduled_)
     return;
   rewriteScheduled_ = true;
-  const int shift = std::clamp(rewriteAttempt_++, 0, 6);
-  const auto delay = std::min<std::chrono::milliseconds>(
-      std::chrono::seconds(60), std::chrono::milliseconds(kSyncInterval) * (1 << shift));
-  runLocked(&Outbox::rewriteLocked, delay);
+  runLocked(&Outbox::rewriteLocked, kRewriteBackoff.delay(rewriteAttempt_++, backoffRandom()));
 }
 
 void Outbox::rewriteLocked() {
@@ -1014,15 +988,12 @@ void Outbox::scheduleRetry() {
   if (retryScheduled_)
     return;
   retryScheduled_ = true;
-  static thread_local std::minstd_rand generator(
-      static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count()));
-  const double unit = std::uniform_real_distribution<double>(0.0, 1.0)(generator);
   // Never before the time the service asked for (its Retry-After), within the cap: a clock set
   // back never holds the retries for longer.
-  if (notBefore_ - clock_->now() > kRetryCap)
-    notBefore_ = clock_->now() + kRetryCap;
+  if (notBefore_ - clock_->now() > kRetryBackoff.cap)
+    notBefore_ = clock_->now() + kRetryBackoff.cap;
   const auto delay =
-      std::max(backoffDelay(retryAttempt_++, unit),
+      std::max(kRetryBackoff.delay(retryAttempt_++, backoffRandom()),
                std::chrono::duration_cast<std::chrono::milliseconds>(notBefore_ - clock_->now()));
   log_->log(kLogDebug, kMethod, "Quorvel outbox: reports wait; next try in %lld ms",
             static_cast<long long>(delay.count()));
