@@ -11,6 +11,7 @@
 #include "platform/posix/SqliteOutboxStore.h"
 
 #include "platform/posix/OutboxSalvage.h"
+#include "platform/posix/SqliteStatement.h"
 
 #include <fcntl.h>
 #include <sqlite3.h>
@@ -30,23 +31,6 @@
 
 namespace quorvel::platform {
 namespace {
-
-// Finalises a statement on every path out of a scope.
-class Statement {
- public:
-  Statement(sqlite3* db, const char* sql) noexcept {
-    if (sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr) != SQLITE_OK)
-      stmt_ = nullptr;
-  }
-  ~Statement() { sqlite3_finalize(stmt_); }
-  Statement(const Statement&) = delete;
-  Statement& operator=(const Statement&) = delete;
-  sqlite3_stmt* get() const noexcept { return stmt_; }
-  explicit operator bool() const noexcept { return stmt_ != nullptr; }
-
- private:
-  sqlite3_stmt* stmt_ = nullptr;
-};
 
 // One batch of changes, all or nothing: rolled back unless committed.
 class Transaction {
@@ -84,8 +68,8 @@ class Transaction {
   sqlite3* db_;
   bool begun_;
   bool committed_ = false;
-  Statement put_;
-  Statement remove_;
+  SqliteStatement put_;
+  SqliteStatement remove_;
 };
 
 // Owner-only mode for the database, set through a descriptor of the file itself: a mode set
@@ -356,13 +340,13 @@ bool SqliteOutboxStore::openDatabaseLocked(std::string& reason) noexcept {
 
 bool SqliteOutboxStore::checkSchemaLocked(std::string& reason) noexcept {
   int version = -1;
-  if (Statement v(db_, "PRAGMA user_version"); v && sqlite3_step(v.get()) == SQLITE_ROW)
+  if (SqliteStatement v(db_, "PRAGMA user_version"); v && sqlite3_step(v.get()) == SQLITE_ROW)
     version = sqlite3_column_int(v.get(), 0);
   if (version < 0)
     return false;
   std::vector<std::string> columns;
   {
-    Statement info(db_, "PRAGMA table_info(outbox)");
+    SqliteStatement info(db_, "PRAGMA table_info(outbox)");
     if (!info)
       return false;
     int rc = SQLITE_OK;
@@ -418,7 +402,7 @@ bool SqliteOutboxStore::startIntakeLocked(std::string& reason) {
   toAdopt_ = intakeFiles();
   adopted_ = toAdopt_.empty();
   std::int64_t inDatabase = -1;
-  if (Statement newest(db_, "SELECT max(id) FROM outbox");
+  if (SqliteStatement newest(db_, "SELECT max(id) FROM outbox");
       newest && sqlite3_step(newest.get()) == SQLITE_ROW &&
       sqlite3_column_type(newest.get(), 0) != SQLITE_NULL) {
     inDatabase = sqlite3_column_int64(newest.get(), 0);
@@ -497,21 +481,15 @@ bool SqliteOutboxStore::apply(const std::vector<OutboxChange>& changes) noexcept
 
 std::vector<OutboxRecord> SqliteOutboxStore::databasePage(std::int64_t afterId, std::size_t limit) {
   std::vector<OutboxRecord> records;
-  Statement page(db_, "SELECT id, content FROM outbox WHERE id > ?1 ORDER BY id LIMIT ?2");
+  SqliteStatement page(db_, "SELECT id, content FROM outbox WHERE id > ?1 ORDER BY id LIMIT ?2");
   if (!page)
     return records;
   sqlite3_bind_int64(page.get(), 1, afterId);
   sqlite3_bind_int64(page.get(), 2,
                      static_cast<sqlite3_int64>(std::min<std::size_t>(limit, INT64_MAX)));
   int rc = SQLITE_OK;
-  while ((rc = sqlite3_step(page.get())) == SQLITE_ROW) {
-    OutboxRecord r;
-    r.id = sqlite3_column_int64(page.get(), 0);
-    const auto* data = static_cast<const char*>(sqlite3_column_blob(page.get(), 1));
-    r.content.assign(data != nullptr ? data : "",
-                     static_cast<std::size_t>(sqlite3_column_bytes(page.get(), 1)));
-    records.push_back(std::move(r));
-  }
+  while ((rc = sqlite3_step(page.get())) == SQLITE_ROW)
+    records.push_back(page.record());
   // An error is never the end of the data: damage is healed and the page read again.
   if (rc != SQLITE_DONE)
     noteFailureLocked(db_, "cannot read");
@@ -616,7 +594,7 @@ std::int64_t SqliteOutboxStore::highestId() noexcept {
       }
     }
   }
-  Statement newest(db_, "SELECT id FROM outbox WHERE id > ?1 ORDER BY id DESC");
+  SqliteStatement newest(db_, "SELECT id FROM outbox WHERE id > ?1 ORDER BY id DESC");
   if (!newest)
     return highest;
   sqlite3_bind_int64(newest.get(), 1, highest);
