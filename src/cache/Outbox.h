@@ -262,6 +262,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // Writes `changes` after what earlier writes could not; false when the store refused them
   // (they are kept in `unwritten_`, and what they write goes from memory meanwhile).
   bool writeChangesLocked(std::vector<platform::OutboxChange>& changes);
+  void scheduleSyncLocked();
   void scheduleRewrite();
   void rewriteLocked();
   // Counts what the store found unreadable since the last look.
