@@ -27,10 +27,7 @@ bool Outbox::takeFreedLockLocked() {
     if (lockedOut_->heldByAnotherProcess())
       return false;
     if (heldElsewhere_) {
-      log_->log(kLogWarning, kMethod,
-                "Quorvel outbox unavailable (%@): reports are not kept on disk and go from "
-                "memory; those unanswered when the process ends are lost. It is tried again",
-                reason);
+      log_->log(kLogWarning, kMethod, kNotKeptWarning, reason);
       notKeptLogged_ = true;
       heldElsewhere_ = false;
       releaseNumberingLocked();

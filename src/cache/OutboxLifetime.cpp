@@ -33,10 +33,7 @@ void Outbox::openLocked() {
       // A full disk or a folder not yet writable passes: the store is tried again, and what
       // is unanswered then is written.
       notKeptLogged_ = true;
-      log_->log(kLogWarning, kMethod,
-                "Quorvel outbox unavailable (%@): reports are not kept on disk and go from "
-                "memory; those unanswered when the process ends are lost. It is tried again",
-                reason);
+      log_->log(kLogWarning, kMethod, kNotKeptWarning, reason);
     }
     lockedOut_ = std::move(store_);
     scheduleLockRetry();

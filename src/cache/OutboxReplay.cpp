@@ -145,9 +145,7 @@ void Outbox::dropExpiredLeftoversLocked() {
   });
   if (expired.empty())
     return;
-  log_->log(kLogWarning, kMethod, "Quorvel outbox: %lu reports older than %lld s dropped",
-            static_cast<unsigned long>(expired.size()),
-            static_cast<long long>(limits_.maxAge.count()));
+  logDroppedForAge(*log_, expired.size(), limits_.maxAge);
   if (store_)
     store_->apply(expired);
 }

@@ -112,11 +112,8 @@ void Outbox::dropExpiredHeldLocked() {
   }
   for (const auto& slot : expired)
     settleCounted(slot, droppedForAge_);
-  if (!expired.empty()) {
-    log_->log(kLogWarning, kMethod, "Quorvel outbox: %lu reports older than %lld s dropped",
-              static_cast<unsigned long>(expired.size()),
-              static_cast<long long>(limits_.maxAge.count()));
-  }
+  if (!expired.empty())
+    logDroppedForAge(*log_, expired.size(), limits_.maxAge);
 }
 
 }  // namespace quorvel

@@ -8,6 +8,8 @@
 
 #include <quorvel/platform/Clock.h>
 
+#include "log/Log.h"
+
 namespace quorvel::outbox_internal {
 
 inline constexpr const char* kMethod = "-[QuorvelOutbox write]";
@@ -21,6 +23,16 @@ inline constexpr std::size_t kMaxBatch = 512;
 inline constexpr std::chrono::milliseconds kPromptWrite{10};
 // The record that keeps the counters; reports are numbered from 1.
 inline constexpr std::int64_t kCountersRecord = 0;
+
+// Said once an episode when the store cannot take writes, at open or later.
+inline constexpr const char* kNotKeptWarning =
+    "Quorvel outbox unavailable (%@): reports are not kept on disk and go from memory; those "
+    "unanswered when the process ends are lost. It is tried again";
+
+inline void logDroppedForAge(const Log& log, std::size_t count, std::chrono::seconds maxAge) {
+  log.log(kLogWarning, kMethod, "Quorvel outbox: %lu reports older than %lld s dropped",
+          static_cast<unsigned long>(count), static_cast<long long>(maxAge.count()));
+}
 
 inline double seconds(platform::TimePoint t) {
   return platform::secondsSince1970(t);

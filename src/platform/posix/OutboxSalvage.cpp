@@ -184,12 +184,12 @@ bool writeFreshDatabase(const std::string& file, const std::vector<OutboxRecord>
   for (const char* suffix : {"", "-journal", "-wal", "-shm"})
     std::filesystem::remove(file + suffix, ec);
   sqlite3* db = nullptr;
+  const auto exec = [&db](const char* sql) {
+    return sqlite3_exec(db, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
+  };
   bool done = sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
                               nullptr) == SQLITE_OK &&
-              sqlite3_exec(db,
-                           "PRAGMA user_version=1; CREATE TABLE outbox (id INTEGER PRIMARY KEY, "
-                           "content BLOB NOT NULL); BEGIN",
-                           nullptr, nullptr, nullptr) == SQLITE_OK;
+              exec(kOutboxSchemaVersion) && exec(kOutboxTable) && exec("BEGIN");
   {
     SqliteStatement put(db, "INSERT OR REPLACE INTO outbox (id, content) VALUES (?1, ?2)");
     done = done && put;
@@ -200,7 +200,7 @@ bool writeFreshDatabase(const std::string& file, const std::vector<OutboxRecord>
       sqlite3_reset(put.get());
     }
   }
-  done = done && sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK;
+  done = done && exec("COMMIT");
   sqlite3_close_v2(db);
   if (done)
     ::chmod(file.c_str(), 0600);

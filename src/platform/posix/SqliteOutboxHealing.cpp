@@ -18,14 +18,6 @@
 
 namespace quorvel::platform {
 
-namespace {
-
-// The schema this build writes: `user_version` 1 is the outbox table of (id, content). A
-// database of version 0 with that table is the same schema from before it was numbered.
-constexpr int kSchemaVersion = 1;
-
-}  // namespace
-
 // Reads every record still readable, sets the file aside (one kept, for whoever wants to look
 // at it), and starts a fresh database holding those records. The intake files are left as
 // they are: their changes are laid over the new database as over the old one.
@@ -115,14 +107,11 @@ bool SqliteOutboxStore::checkSchemaLocked(std::string& reason) noexcept {
   }
   const std::vector<std::string> known = {"id INTEGER", "content BLOB"};
   if (columns.empty() && version == 0) {
-    return exec(
-               "CREATE TABLE IF NOT EXISTS outbox (id INTEGER PRIMARY KEY, content BLOB NOT "
-               "NULL)") &&
-           exec("PRAGMA user_version=1");
+    return exec(kOutboxTable) && exec(kOutboxSchemaVersion);
   }
   if (columns == known && version == 0)
-    return exec("PRAGMA user_version=1");  // the same table, from before it was numbered
-  if (columns == known && version == kSchemaVersion)
+    return exec(kOutboxSchemaVersion);  // the same table, from before it was numbered
+  if (columns == known && version == kOutboxVersion)
     return true;
   // A newer build's schema, or another program's file: set aside, its records saved where
   // they can be read as ours.

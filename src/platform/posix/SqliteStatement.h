@@ -1,5 +1,5 @@
-// SqliteStatement: a prepared SQLite statement, finalised on every path out of its scope, and
-// the reading of an outbox record from a row of (id, content).
+// SqliteStatement: a prepared SQLite statement, finalised on every path out of its scope, the
+// reading of an outbox record from a row of (id, content), and the outbox table's schema.
 #pragma once
 
 #include <sqlite3.h>
@@ -9,6 +9,13 @@
 #include <quorvel/platform/OutboxStore.h>
 
 namespace quorvel::platform {
+
+// The schema this build writes: `user_version` 1 is the outbox table of (id, content). A
+// database of version 0 with that table is the same schema from before it was numbered.
+inline constexpr int kOutboxVersion = 1;
+inline constexpr const char* kOutboxSchemaVersion = "PRAGMA user_version=1";
+inline constexpr const char* kOutboxTable =
+    "CREATE TABLE IF NOT EXISTS outbox (id INTEGER PRIMARY KEY, content BLOB NOT NULL)";
 
 class SqliteStatement {
  public:
