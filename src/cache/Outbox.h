@@ -219,9 +219,6 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // otherwise. Meanwhile the store's lock is tried again with a backoff.
   void afterNumberingIsSafe(std::shared_ptr<platform::DispatchQueue> queue, platform::Work work);
 
-  // Full-jitter exponential backoff: a random delay up to min(cap, base * 2^attempt).
-  static std::chrono::milliseconds backoffDelay(int attempt, double unitRandom);
-
  private:
   struct Put {
     OutboxSlotPtr slot;
@@ -265,6 +262,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // Writes `changes` after what earlier writes could not; false when the store refused them
   // (they are kept in `unwritten_`, and what they write goes from memory meanwhile).
   bool writeChangesLocked(std::vector<platform::OutboxChange>& changes);
+  void scheduleSyncLocked();
   void scheduleRewrite();
   void rewriteLocked();
   // Counts what the store found unreadable since the last look.

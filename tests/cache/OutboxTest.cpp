@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "cache/Backoff.h"
 #include "cache/Outbox.h"
 #include "cache/QuorvelRequestCache.h"
 #include "support/TrackerFixture.h"
@@ -328,11 +329,18 @@ TEST_F(OutboxTest, AForkedChildsTrackerIsInert) {
   EXPECT_EQ(facade->deliveryStats().accepted, 1U);  // the parent's own goes on
 }
 
-TEST_F(OutboxTest, BackoffIsFullJitterUpToItsCap) {
-  EXPECT_EQ(Outbox::backoffDelay(0, 1.0), 2s);
-  EXPECT_EQ(Outbox::backoffDelay(3, 1.0), 16s);
-  EXPECT_EQ(Outbox::backoffDelay(3, 0.0), 0s);
-  EXPECT_EQ(Outbox::backoffDelay(30, 1.0), 15min);
+// One formula for every wait of the outbox: doubling up to the cap, a random share above the
+// floor.
+TEST_F(OutboxTest, BackoffDoublesUpToItsCapAboveItsFloor) {
+  EXPECT_EQ(kRetryBackoff.delay(0, 1.0), 2s);
+  EXPECT_EQ(kRetryBackoff.delay(3, 1.0), 16s);
+  EXPECT_EQ(kRetryBackoff.delay(3, 0.0), 0s);
+  EXPECT_EQ(kRetryBackoff.delay(30, 1.0), 15min);
+  EXPECT_EQ(kLockBackoff.delay(2, 0.0), 2s);  // never less than half the ceiling
+  EXPECT_EQ(kLockBackoff.delay(2, 1.0), 4s);
+  EXPECT_EQ(kRewriteBackoff.delay(3, 0.0), 8s);  // a fixed wait
+  EXPECT_EQ(kRewriteBackoff.delay(9, 0.3), 60s);
+  EXPECT_EQ(kRetryBackoff.delay(-1, 2.0), 2s);  // out-of-range inputs are clamped
 }
 
 // A full disk never stops delivery: the reports go from memory, counted and said once; once

@@ -17,6 +17,8 @@
 #include <limits>
 #include <optional>
 
+#include "platform/posix/SqliteStatement.h"
+
 namespace quorvel::platform {
 namespace {
 
@@ -26,26 +28,10 @@ constexpr int kProcessShift = 32;
 // A gap estimate past this says more about a damaged interior page than about lost records.
 constexpr std::uint64_t kMaxGapEstimate = 100'000;
 
-class Query {
- public:
-  Query(sqlite3* db, const char* sql) noexcept {
-    if (sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr) != SQLITE_OK)
-      stmt_ = nullptr;
-  }
-  ~Query() { sqlite3_finalize(stmt_); }
-  Query(const Query&) = delete;
-  Query& operator=(const Query&) = delete;
-  sqlite3_stmt* get() const noexcept { return stmt_; }
-  explicit operator bool() const noexcept { return stmt_ != nullptr; }
-
- private:
-  sqlite3_stmt* stmt_ = nullptr;
-};
-
 // The first record numbered above `after` that a seek reaches; nullopt when the seek meets a
 // damaged page, kNoRecord when there is none.
 std::optional<std::int64_t> firstAbove(sqlite3* db, std::int64_t after) {
-  Query q(db, "SELECT id FROM outbox WHERE id > ?1 ORDER BY id LIMIT 1");
+  SqliteStatement q(db, "SELECT id FROM outbox WHERE id > ?1 ORDER BY id LIMIT 1");
   if (!q)
     return std::nullopt;
   sqlite3_bind_int64(q.get(), 1, after);
@@ -101,7 +87,7 @@ bool isDamage(int sqliteCode) noexcept {
 }
 
 bool passesQuickCheck(sqlite3* db) noexcept {
-  Query q(db, "PRAGMA quick_check");
+  SqliteStatement q(db, "PRAGMA quick_check");
   if (!q || sqlite3_step(q.get()) != SQLITE_ROW)
     return false;
   const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(q.get(), 0));
@@ -114,7 +100,7 @@ Salvage salvageRecords(sqlite3* db) {
   std::int64_t lastRead = kNoRecord;
   try {
     for (int guard = 0; guard < 1'000'000; ++guard) {
-      Query page(db, "SELECT id, content FROM outbox WHERE id > ?1 ORDER BY id");
+      SqliteStatement page(db, "SELECT id, content FROM outbox WHERE id > ?1 ORDER BY id");
       if (!page) {
         // A table whose pages cannot even be found (a file cut short) lost what it held.
         if (isDamage(sqlite3_errcode(db))) {
@@ -126,13 +112,8 @@ Salvage salvageRecords(sqlite3* db) {
       sqlite3_bind_int64(page.get(), 1, cursor);
       int rc = SQLITE_OK;
       while ((rc = sqlite3_step(page.get())) == SQLITE_ROW) {
-        OutboxRecord record;
-        record.id = sqlite3_column_int64(page.get(), 0);
-        const auto* data = static_cast<const char*>(sqlite3_column_blob(page.get(), 1));
-        record.content.assign(data != nullptr ? data : "",
-                              static_cast<std::size_t>(sqlite3_column_bytes(page.get(), 1)));
-        cursor = lastRead = record.id;
-        out.records.push_back(std::move(record));
+        out.records.push_back(page.record());
+        cursor = lastRead = out.records.back().id;
       }
       if (rc == SQLITE_DONE)
         break;
@@ -203,14 +184,14 @@ bool writeFreshDatabase(const std::string& file, const std::vector<OutboxRecord>
   for (const char* suffix : {"", "-journal", "-wal", "-shm"})
     std::filesystem::remove(file + suffix, ec);
   sqlite3* db = nullptr;
+  const auto exec = [&db](const char* sql) {
+    return sqlite3_exec(db, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
+  };
   bool done = sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
                               nullptr) == SQLITE_OK &&
-              sqlite3_exec(db,
-                           "PRAGMA user_version=1; CREATE TABLE outbox (id INTEGER PRIMARY KEY, "
-                           "content BLOB NOT NULL); BEGIN",
-                           nullptr, nullptr, nullptr) == SQLITE_OK;
+              exec(kOutboxSchemaVersion) && exec(kOutboxTable) && exec("BEGIN");
   {
-    Query put(db, "INSERT OR REPLACE INTO outbox (id, content) VALUES (?1, ?2)");
+    SqliteStatement put(db, "INSERT OR REPLACE INTO outbox (id, content) VALUES (?1, ?2)");
     done = done && put;
     for (auto it = records.begin(); done && it != records.end(); ++it) {
       sqlite3_bind_int64(put.get(), 1, it->id);
@@ -219,7 +200,7 @@ bool writeFreshDatabase(const std::string& file, const std::vector<OutboxRecord>
       sqlite3_reset(put.get());
     }
   }
-  done = done && sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK;
+  done = done && exec("COMMIT");
   sqlite3_close_v2(db);
   if (done)
     ::chmod(file.c_str(), 0600);

@@ -8,9 +8,14 @@
 // transaction and checkpoints, which flushes it to the disk itself. Until then load() reads
 // the database with the intake's changes laid over it. The intake files a killed process left
 // are laid over it the same way at open, and moved in by the first sync().
+//
+// This file is the normal path: open and close (a forked child's copy let go), apply, load,
+// sync. The files beside the database are in SqliteOutboxFiles.cpp, healing a damaged
+// database in SqliteOutboxHealing.cpp.
 #include "platform/posix/SqliteOutboxStore.h"
 
 #include "platform/posix/OutboxSalvage.h"
+#include "platform/posix/SqliteStatement.h"
 
 #include <fcntl.h>
 #include <sqlite3.h>
@@ -30,23 +35,6 @@
 
 namespace quorvel::platform {
 namespace {
-
-// Finalises a statement on every path out of a scope.
-class Statement {
- public:
-  Statement(sqlite3* db, const char* sql) noexcept {
-    if (sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr) != SQLITE_OK)
-      stmt_ = nullptr;
-  }
-  ~Statement() { sqlite3_finalize(stmt_); }
-  Statement(const Statement&) = delete;
-  Statement& operator=(const Statement&) = delete;
-  sqlite3_stmt* get() const noexcept { return stmt_; }
-  explicit operator bool() const noexcept { return stmt_ != nullptr; }
-
- private:
-  sqlite3_stmt* stmt_ = nullptr;
-};
 
 // One batch of changes, all or nothing: rolled back unless committed.
 class Transaction {
@@ -84,8 +72,8 @@ class Transaction {
   sqlite3* db_;
   bool begun_;
   bool committed_ = false;
-  Statement put_;
-  Statement remove_;
+  SqliteStatement put_;
+  SqliteStatement remove_;
 };
 
 // Owner-only mode for the database, set through a descriptor of the file itself: a mode set
@@ -99,13 +87,6 @@ void keepPrivate(const std::string& path) noexcept {
     ::fchmod(fd, 0600);
   ::close(fd);
 }
-
-constexpr const char* kIntakeSuffix = ".intake-";
-constexpr const char* kGuestSuffix = ".guest-";
-constexpr const char* kHealingSuffix = ".healing";
-// The schema this build writes: `user_version` 1 is the outbox table of (id, content). A
-// database of version 0 with that table is the same schema from before it was numbered.
-constexpr int kSchemaVersion = 1;
 
 }  // namespace
 
@@ -240,73 +221,6 @@ std::string SqliteOutboxStore::takeHealingNote() {
   return std::exchange(healingNote_, std::string());
 }
 
-// Reads every record still readable, sets the file aside (one kept, for whoever wants to look
-// at it), and starts a fresh database holding those records. The intake files are left as
-// they are: their changes are laid over the new database as over the old one.
-bool SqliteOutboxStore::healLocked(std::string& reason) noexcept {
-  try {
-    Salvage saved;
-    if (db_ != nullptr && !isDamage(sqlite3_errcode(db_)) && damage_ != SQLITE_NOTADB)
-      saved = salvageRecords(db_);
-    if (syncDb_ != nullptr)
-      sqlite3_close_v2(std::exchange(syncDb_, nullptr));
-    if (db_ != nullptr)
-      sqlite3_close_v2(std::exchange(db_, nullptr));
-    if (saved.records.empty() && saved.gaps.empty())
-      saved = salvageFile(path_);
-    // The saved records are written whole under another name first, and take the damaged
-    // file's place in one rename: a kill at any moment leaves them in one of the two places,
-    // and an open finishes a move that a kill cut short.
-    const std::string healing = path_ + kHealingSuffix;
-    if (!writeFreshDatabase(healing, saved.records)) {
-      reason = "cannot write the records saved from the damaged " + path_;
-      return false;
-    }
-    std::string aside;
-    const auto stamp = std::chrono::duration_cast<std::chrono::seconds>(
-                           std::chrono::system_clock::now().time_since_epoch())
-                           .count();
-    if (!setAside(path_, stamp, aside) || ::rename(healing.c_str(), path_.c_str()) != 0) {
-      reason = "cannot set the damaged " + path_ + " aside: " + std::strerror(errno);
-      return false;
-    }
-    damage_ = 0;
-    if (!openDatabaseLocked(reason))
-      return false;
-    unreadable_.fetch_add(saved.lost);
-    std::string note = "Quorvel outbox: the damaged database was set aside as " + aside + "; " +
-                       std::to_string(saved.records.size()) + " records saved";
-    for (const auto& [from, to] : saved.gaps)
-      note += "; the records between " + std::to_string(from) + " and " + std::to_string(to) +
-              " could not be read";
-    const std::lock_guard lock(noteMutex_);
-    healingNote_ = std::move(note);
-    return true;
-  } catch (...) {
-    reason = "out of memory healing " + path_;
-    return false;
-  }
-}
-
-void SqliteOutboxStore::healAfterDamage() noexcept {
-  const std::lock_guard syncing(syncMutex_);
-  const std::lock_guard adopting(adoptMutex_);
-  const std::lock_guard lock(intakeMutex_);
-  if (damage_ == 0 || db_ == nullptr)
-    return;
-  // A second look: SQLite's own check of the whole file. Sound, it was a passing fault.
-  if (damage_ != SQLITE_NOTADB && passesQuickCheck(db_)) {
-    damage_ = 0;
-    return;
-  }
-  std::string reason;
-  if (!healLocked(reason)) {
-    const std::lock_guard note(noteMutex_);
-    lastError_ = reason;
-    closeLocked();  // no store now: the library keeps what comes in memory and tries again
-  }
-}
-
 bool SqliteOutboxStore::openDatabaseLocked(std::string& reason) noexcept {
   // A link in the database's place is refused, as for the lock file: the store writes, and
   // changes the mode of, its own file only. (SQLite's own no-follow flag would also refuse a
@@ -365,124 +279,6 @@ bool SqliteOutboxStore::openDatabaseLocked(std::string& reason) noexcept {
   return true;
 }
 
-bool SqliteOutboxStore::checkSchemaLocked(std::string& reason) noexcept {
-  int version = -1;
-  if (Statement v(db_, "PRAGMA user_version"); v && sqlite3_step(v.get()) == SQLITE_ROW)
-    version = sqlite3_column_int(v.get(), 0);
-  if (version < 0)
-    return false;
-  std::vector<std::string> columns;
-  {
-    Statement info(db_, "PRAGMA table_info(outbox)");
-    if (!info)
-      return false;
-    int rc = SQLITE_OK;
-    while ((rc = sqlite3_step(info.get())) == SQLITE_ROW) {
-      const auto* name = reinterpret_cast<const char*>(sqlite3_column_text(info.get(), 1));
-      const auto* type = reinterpret_cast<const char*>(sqlite3_column_text(info.get(), 2));
-      columns.push_back(std::string(name ? name : "") + " " + (type ? type : ""));
-    }
-    if (rc != SQLITE_DONE)
-      return false;
-  }
-  const std::vector<std::string> known = {"id INTEGER", "content BLOB"};
-  if (columns.empty() && version == 0) {
-    return exec(
-               "CREATE TABLE IF NOT EXISTS outbox (id INTEGER PRIMARY KEY, content BLOB NOT "
-               "NULL)") &&
-           exec("PRAGMA user_version=1");
-  }
-  if (columns == known && version == 0)
-    return exec("PRAGMA user_version=1");  // the same table, from before it was numbered
-  if (columns == known && version == kSchemaVersion)
-    return true;
-  // A newer build's schema, or another program's file: set aside, its records saved where
-  // they can be read as ours.
-  damage_ = SQLITE_CORRUPT;
-  reason = "unknown schema in " + path_ + " (version " + std::to_string(version) + ")";
-  return false;
-}
-
-std::vector<std::pair<std::uint64_t, std::string>> SqliteOutboxStore::intakeFiles() const {
-  const std::filesystem::path database(path_);
-  const std::string prefix = database.filename().string() + kIntakeSuffix;
-  std::vector<std::pair<std::uint64_t, std::string>> files;
-  std::error_code ec;
-  for (std::filesystem::directory_iterator it(database.parent_path(), ec), end; !ec && it != end;
-       it.increment(ec)) {
-    const std::string name = it->path().filename().string();
-    if (name.size() <= prefix.size() || name.compare(0, prefix.size(), prefix) != 0 ||
-        name.find_first_not_of("0123456789", prefix.size()) != std::string::npos ||
-        name.size() - prefix.size() > 18)
-      continue;
-    files.emplace_back(std::stoull(name.substr(prefix.size())), it->path().string());
-  }
-  std::sort(files.begin(), files.end());
-  return files;
-}
-
-// Only the names of the intake files an earlier process left, and the database's highest
-// number, are read at open: enough to number this process's records above theirs. Reading the
-// files (megabytes after a kill in a burst) waits for the first read or sync().
-bool SqliteOutboxStore::startIntakeLocked(std::string& reason) {
-  constexpr int kIdShift = 32;
-  toAdopt_ = intakeFiles();
-  adopted_ = toAdopt_.empty();
-  std::int64_t inDatabase = -1;
-  if (Statement newest(db_, "SELECT max(id) FROM outbox");
-      newest && sqlite3_step(newest.get()) == SQLITE_ROW &&
-      sqlite3_column_type(newest.get(), 0) != SQLITE_NULL) {
-    inDatabase = sqlite3_column_int64(newest.get(), 0);
-  }
-  const std::uint64_t onDisk = toAdopt_.empty() ? 0 : toAdopt_.back().first;
-  const std::uint64_t fromDatabase =
-      inDatabase > 0 ? static_cast<std::uint64_t>(inDatabase) >> kIdShift : 0;
-  intakeNumber_ = std::max(onDisk, fromDatabase) + 1;
-  // Far beyond any real use (one number a second of writing, for decades); past it the floor
-  // is read from the records instead.
-  constexpr std::uint64_t kLastNumber = std::uint64_t{1} << 30;
-  idFloor_ = intakeNumber_ < kLastNumber ? static_cast<std::int64_t>(intakeNumber_ << kIdShift) : 0;
-  intake_ = OutboxIntake::create(path_ + kIntakeSuffix + std::to_string(intakeNumber_), reason);
-  return intake_ != nullptr;
-}
-
-// An earlier process's changes are laid over the database in the order they were made, and
-// moved into it by the first sync(), on its own thread. Should this process die first, the
-// next one finds the same files and does the same, which is harmless: each change sets or
-// removes a record by its number.
-void SqliteOutboxStore::adoptLeftIntakes() noexcept {
-  if (adopted_.load(std::memory_order_acquire))
-    return;
-  const std::lock_guard adopting(adoptMutex_);
-  if (adopted_.load())
-    return;
-  try {
-    PendingMap left;
-    std::vector<std::string> files;
-    std::vector<OutboxIntake::Entry> entries;
-    for (const auto& [number, file] : toAdopt_) {
-      entries.clear();
-      const auto intake = OutboxIntake::adopt(file, entries);
-      if (!intake)
-        continue;  // unreadable now: it stays on the disk for a later start
-      for (const auto& entry : entries)
-        left.insert_or_assign(entry.id, Pending{intake, entry.place, entry.removed});
-      files.push_back(file);
-    }
-    const std::lock_guard lock(intakeMutex_);
-    if (intake_) {
-      // No sync() ran yet (each one adopts first): `committing_` is empty, and this
-      // process's changes, all newer, are in `pending_`, laid over these.
-      committing_ = std::move(left);
-      retired_.insert(retired_.begin(), files.begin(), files.end());
-    }
-    toAdopt_.clear();
-    adopted_ = true;
-  } catch (...) {
-    // Out of memory: the next read or sync() tries again.
-  }
-}
-
 bool SqliteOutboxStore::apply(const std::vector<OutboxChange>& changes) noexcept {
   const std::lock_guard lock(intakeMutex_);
   if (!intake_)
@@ -508,21 +304,15 @@ bool SqliteOutboxStore::apply(const std::vector<OutboxChange>& changes) noexcept
 
 std::vector<OutboxRecord> SqliteOutboxStore::databasePage(std::int64_t afterId, std::size_t limit) {
   std::vector<OutboxRecord> records;
-  Statement page(db_, "SELECT id, content FROM outbox WHERE id > ?1 ORDER BY id LIMIT ?2");
+  SqliteStatement page(db_, "SELECT id, content FROM outbox WHERE id > ?1 ORDER BY id LIMIT ?2");
   if (!page)
     return records;
   sqlite3_bind_int64(page.get(), 1, afterId);
   sqlite3_bind_int64(page.get(), 2,
                      static_cast<sqlite3_int64>(std::min<std::size_t>(limit, INT64_MAX)));
   int rc = SQLITE_OK;
-  while ((rc = sqlite3_step(page.get())) == SQLITE_ROW) {
-    OutboxRecord r;
-    r.id = sqlite3_column_int64(page.get(), 0);
-    const auto* data = static_cast<const char*>(sqlite3_column_blob(page.get(), 1));
-    r.content.assign(data != nullptr ? data : "",
-                     static_cast<std::size_t>(sqlite3_column_bytes(page.get(), 1)));
-    records.push_back(std::move(r));
-  }
+  while ((rc = sqlite3_step(page.get())) == SQLITE_ROW)
+    records.push_back(page.record());
   // An error is never the end of the data: damage is healed and the page read again.
   if (rc != SQLITE_DONE)
     noteFailureLocked(db_, "cannot read");
@@ -627,7 +417,7 @@ std::int64_t SqliteOutboxStore::highestId() noexcept {
       }
     }
   }
-  Statement newest(db_, "SELECT id FROM outbox WHERE id > ?1 ORDER BY id DESC");
+  SqliteStatement newest(db_, "SELECT id FROM outbox WHERE id > ?1 ORDER BY id DESC");
   if (!newest)
     return highest;
   sqlite3_bind_int64(newest.get(), 1, highest);
@@ -637,24 +427,6 @@ std::int64_t SqliteOutboxStore::highestId() noexcept {
       return id;
   }
   return highest;
-}
-
-// Each sync() starts a new intake file, so that the current one can go whole once what it
-// holds is in the database.
-void SqliteOutboxStore::rotateIntakeLocked() noexcept {
-  std::string reason;
-  const std::string current = path_ + kIntakeSuffix + std::to_string(intakeNumber_);
-  auto fresh =
-      OutboxIntake::create(path_ + kIntakeSuffix + std::to_string(intakeNumber_ + 1), reason);
-  if (!fresh)
-    return;  // the current one goes on growing until a later sync
-  try {
-    retired_.push_back(current);
-  } catch (...) {
-    return;
-  }
-  intake_ = std::move(fresh);
-  ++intakeNumber_;
 }
 
 bool SqliteOutboxStore::commitToDatabase(const PendingMap& changes) noexcept {
@@ -732,124 +504,6 @@ bool SqliteOutboxStore::syncOnce() noexcept {
                                                       nullptr, nullptr) == SQLITE_OK ||
                             copied;
   return committed && checkpointed;
-}
-
-// A guest's records go to a file of its own: the holder takes a whole file at a time under its
-// lock and removes it, and a guest that finds its file removed starts another, so that no
-// record is written into a file already taken.
-bool SqliteOutboxStore::appendAsGuest(const std::vector<OutboxChange>& changes) noexcept {
-  try {
-    const std::lock_guard lock(guestMutex_);
-    std::error_code ec;
-    std::filesystem::create_directories(std::filesystem::path(path_).parent_path(), ec);
-    for (int attempt = 0; attempt < 2; ++attempt) {
-      if (!guest_) {
-        std::string reason;
-        const std::string name = path_ + kGuestSuffix + std::to_string(::getpid()) + "-" +
-                                 std::to_string(++guestNumber_);
-        guest_ = OutboxIntake::create(name, reason);
-        if (!guest_)
-          return false;
-      }
-      if (!guest_->lock())
-        return false;
-      if (guest_->removed()) {
-        guest_->unlock();
-        guest_.reset();
-        continue;
-      }
-      std::vector<OutboxIntake::Place> places;
-      const bool written = guest_->append(changes, places);
-      guest_->unlock();
-      return written;
-    }
-  } catch (...) {
-  }
-  return false;
-}
-
-std::size_t SqliteOutboxStore::adoptGuests(
-    const std::function<bool(std::vector<OutboxRecord>)>& keep) noexcept {
-  std::size_t taken = 0;
-  try {
-    const std::filesystem::path database(path_);
-    const std::string prefix = database.filename().string() + kGuestSuffix;
-    std::vector<std::string> files;
-    std::error_code ec;
-    for (std::filesystem::directory_iterator it(database.parent_path(), ec), end; !ec && it != end;
-         it.increment(ec)) {
-      if (it->path().filename().string().starts_with(prefix))
-        files.push_back(it->path().string());
-    }
-    for (const auto& file : files) {
-      std::vector<OutboxIntake::Entry> entries;
-      const auto guest = OutboxIntake::adopt(file, entries);
-      if (!guest || !guest->lock())
-        continue;
-      entries.clear();
-      const auto locked = OutboxIntake::adopt(file, entries);  // read again under the lock
-      std::map<std::int64_t, OutboxIntake::Entry> latest;
-      for (const auto& entry : entries)
-        latest.insert_or_assign(entry.id, entry);
-      std::vector<OutboxRecord> records;
-      for (const auto& [id, entry] : latest) {
-        OutboxRecord record{id, {}};
-        if (!entry.removed && locked && locked->readAt(entry.place, record.content))
-          records.push_back(std::move(record));
-      }
-      if (!guest->removed() && keep(std::move(records))) {
-        ::unlink(file.c_str());
-        ++taken;
-      }
-      guest->unlock();
-    }
-  } catch (...) {
-  }
-  return taken;
-}
-
-bool SqliteOutboxStore::destroy() noexcept {
-  if (inheritedByFork())
-    return false;  // the parent's files
-  const std::lock_guard lock(syncMutex_);
-  // The lock is held until the files are gone, so that no other process opens them halfway.
-  ParentOnlyDescriptor heldLock = std::move(lock_);
-  close();
-  // The intake and the log first: either, left without its database, would be read into a
-  // new one.
-  bool removed = true;
-  try {
-    for (const auto& [number, file] : intakeFiles())
-      removed = (::unlink(file.c_str()) == 0 || errno == ENOENT) && removed;
-    // What other processes kept for this one goes with it.
-    adoptGuests([](const std::vector<OutboxRecord>&) { return true; });
-  } catch (...) {
-    removed = false;
-  }
-  // A damaged file set aside, or one being healed, holds reports too.
-  try {
-    const std::filesystem::path database(path_);
-    const std::string name = database.filename().string();
-    std::error_code ec;
-    std::vector<std::filesystem::path> kept;
-    for (std::filesystem::directory_iterator it(database.parent_path(), ec), end; !ec && it != end;
-         it.increment(ec)) {
-      const std::string file = it->path().filename().string();
-      if (file.starts_with(name + ".corrupt-") || file.starts_with(name + kHealingSuffix))
-        kept.push_back(it->path());
-    }
-    for (const auto& file : kept)
-      removed = (::unlink(file.c_str()) == 0 || errno == ENOENT) && removed;
-  } catch (...) {
-    removed = false;
-  }
-  for (const char* suffix : {"-wal", "-shm", "", ".lock"}) {
-    const std::string file = path_ + suffix;
-    removed = (::unlink(file.c_str()) == 0 || errno == ENOENT) && removed;
-  }
-  heldLock.reset();
-  heldElsewhere_ = false;
-  return removed;
 }
 
 }  // namespace quorvel::platform

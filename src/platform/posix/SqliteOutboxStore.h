@@ -49,6 +49,10 @@ class SqliteOutboxStore final : public OutboxStore {
       const std::function<bool(std::vector<OutboxRecord>)>& keep) noexcept override;
 
  private:
+  static constexpr const char* kIntakeSuffix = ".intake-";
+  static constexpr const char* kGuestSuffix = ".guest-";
+  static constexpr const char* kHealingSuffix = ".healing";
+
   // A change in an intake file, not yet in the database.
   struct Pending {
     std::shared_ptr<const OutboxIntake> file;

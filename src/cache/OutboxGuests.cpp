@@ -1,0 +1,177 @@
+// Another process holds the data directory: this one's unbuilt reports go to a guest file of
+// its own for the holder to adopt, the lock is tried again with a backoff, and once it is free
+// what this process kept in memory is numbered and written. The holder's side adopts guests.
+#include "cache/Outbox.h"
+
+#include "cache/Backoff.h"
+#include "cache/OutboxShared.h"
+
+namespace quorvel {
+
+using namespace outbox_internal;
+
+void Outbox::scheduleLockRetry() {
+  runLocked(&Outbox::retryLockLocked, kLockBackoff.delay(lockAttempt_++, backoffRandom()));
+}
+
+void Outbox::retryLockLocked() {
+  if (!lockedOut_ || platform::forkGeneration() != forkGeneration_)
+    return;
+  if (!takeFreedLockLocked())
+    scheduleLockRetry();
+}
+
+bool Outbox::takeFreedLockLocked() {
+  std::string reason;
+  if (!lockedOut_->open(reason)) {
+    if (lockedOut_->heldByAnotherProcess())
+      return false;
+    if (heldElsewhere_) {
+      log_->log(kLogWarning, kMethod, kNotKeptWarning, reason);
+      notKeptLogged_ = true;
+      heldElsewhere_ = false;
+      releaseNumberingLocked();
+    }
+    return false;
+  }
+  store_ = std::move(lockedOut_);
+  heldElsewhere_ = false;
+  durable_ = true;
+  log_->log(kLogInfo, kMethod,
+            "Quorvel: this process now holds the app's data directory: its reports are kept on "
+            "disk, numbered and sent from now on");
+  readStoreLocked();
+  writeHeldLocked();
+  releaseNumberingLocked();
+  return true;
+}
+
+// Nothing of this process reached the store: its reports are numbered anew, after the store's
+// own, and what is unanswered of them is written; the counters go as they are.
+void Outbox::writeHeldLocked() {
+  std::map<std::int64_t, Held> renumbered;
+  std::vector<platform::OutboxChange> changes;
+  changes.reserve(held_.size() + 1);
+  if (const auto it = unwritten_.find(kCountersRecord); it != unwritten_.end() && it->second)
+    changes.push_back({kCountersRecord, std::move(it->second)});
+  for (auto& [id, held] : held_) {
+    const std::int64_t number = ++lastId_;
+    held.slot->id_ = number;
+    if (const auto it = unwritten_.find(id); it != unwritten_.end() && it->second)
+      changes.push_back({number, std::move(it->second)});
+    renumbered.emplace(number, std::move(held));
+  }
+  held_.swap(renumbered);
+  unwritten_.clear();
+  writeChangesLocked(changes);
+}
+
+void Outbox::tryFreedLock() noexcept {
+  if (platform::forkGeneration() != forkGeneration_)
+    return;
+  try {
+    const std::lock_guard lock(storeMutex_);
+    if (lockedOut_)
+      takeFreedLockLocked();
+  } catch (...) {
+    // The exit path never throws; the lock is tried again as scheduled.
+  }
+}
+
+void Outbox::handOverToHolderLocked(std::vector<Op>& batch) {
+  std::vector<platform::OutboxChange> changes;
+  std::vector<OutboxSlotPtr> slots;
+  for (auto& op : batch) {
+    const auto* put = std::get_if<Put>(&op);
+    if (put == nullptr || !put->intent || put->slot->settled_)
+      continue;
+    try {
+      changes.push_back({++lastId_, serialise(*put)});
+    } catch (const std::exception&) {
+      continue;  // kept in memory like the rest
+    }
+    slots.push_back(put->slot);
+  }
+  if (changes.empty() || !lockedOut_->appendAsGuest(changes))
+    return;
+  // Settled here: the builds that wait for the data directory skip them, and the holder sends
+  // them under its own counters.
+  for (const auto& slot : slots)
+    settleCounted(slot, handedOver_);
+  log_->log(kLogDebug, kMethod,
+            "Quorvel: %lu reports kept on disk for the process that holds the data directory",
+            static_cast<unsigned long>(slots.size()));
+}
+
+void Outbox::adoptGuests(const std::shared_ptr<platform::OutboxStore>& store) {
+  std::vector<Leftover> unbuilt;
+  std::function<void(std::vector<Leftover>)> take;
+  const std::size_t taken = store->adoptGuests([&](std::vector<platform::OutboxRecord> records) {
+    const std::lock_guard lock(storeMutex_);
+    if (store_ != store || !keepGuestRecordsLocked(std::move(records)))
+      return false;
+    if (resumed_) {
+      auto more = releaseLeftoversLocked();
+      unbuilt.insert(unbuilt.end(), std::make_move_iterator(more.begin()),
+                     std::make_move_iterator(more.end()));
+      take = take_;
+    }
+    return true;
+  });
+  if (taken > 0) {
+    const std::lock_guard lock(storeMutex_);
+    log_->log(kLogInfo, kMethod,
+              "Quorvel outbox: reports another process of this app kept for this one are sent "
+              "from here");
+    guestWatchUntil_ = clock_->now() + std::chrono::minutes(1);
+    scheduleGuestWatch();
+  }
+  if (!unbuilt.empty() && take)
+    take(std::move(unbuilt));
+}
+
+bool Outbox::keepGuestRecordsLocked(std::vector<platform::OutboxRecord> records) {
+  if (!store_)
+    return false;
+  std::vector<std::pair<Leftover, std::size_t>> adopted;
+  std::vector<platform::OutboxChange> changes;
+  for (auto& record : records) {
+    auto left = parseLeftover(record);
+    if (!left || left->request)
+      continue;  // a guest keeps only reports it has not built
+    left->slot->id_ = ++lastId_;
+    changes.push_back({left->slot->id_, std::move(record.content)});
+    adopted.emplace_back(std::move(*left), changes.back().content->size());
+  }
+  if (!changes.empty() && !store_->apply(changes))
+    return false;
+  for (auto& [left, bytes] : adopted) {
+    accepted_.fetch_add(1, std::memory_order_relaxed);
+    keepLeftoverLocked(std::move(left), bytes);
+  }
+  return true;
+}
+
+void Outbox::scheduleGuestWatch() {
+  if (guestWatchScheduled_ || clock_->now() >= guestWatchUntil_)
+    return;
+  guestWatchScheduled_ = true;
+  std::weak_ptr<Outbox> weak = weak_from_this();
+  syncQueue_->asyncAfter(std::chrono::seconds(2), [weak] {
+    const auto self = weak.lock();
+    if (!self)
+      return;
+    std::shared_ptr<platform::OutboxStore> store;
+    {
+      const std::lock_guard lock(self->storeMutex_);
+      self->guestWatchScheduled_ = false;
+      store = self->store_;
+    }
+    if (store)
+      self->adoptGuests(store);
+    const std::lock_guard lock(self->storeMutex_);
+    self->scheduleGuestWatch();
+  });
+}
+
+}  // namespace quorvel

@@ -1,0 +1,139 @@
+// The store's life under the outbox: opened on first need (or another process holds it, or
+// none can be used), its number floor read, what it found unreadable counted, and everything
+// forgotten at once.
+#include "cache/Outbox.h"
+
+#include "cache/OutboxShared.h"
+
+namespace quorvel {
+
+using namespace outbox_internal;
+
+void Outbox::openLocked() {
+  if (opened_)
+    return;
+  opened_ = true;
+  std::string reason = "no outbox store";
+  if (!store_ || !store_->open(reason)) {
+    durable_ = false;
+    if (!store_) {
+      log_->log(kLogError, kMethod,
+                "Quorvel outbox unavailable (%@): this process's reports are kept in memory only",
+                reason);
+      return;
+    }
+    if (store_->heldByAnotherProcess()) {
+      heldElsewhere_ = true;
+      log_->log(kLogError, kMethod,
+                "Quorvel: another process uses this app's data directory (%@): this tracker keeps "
+                "its reports in memory, and builds and sends them once that process lets the "
+                "directory go; the kept requests there are left to that process",
+                reason);
+    } else {
+      // A full disk or a folder not yet writable passes: the store is tried again, and what
+      // is unanswered then is written.
+      notKeptLogged_ = true;
+      log_->log(kLogWarning, kMethod, kNotKeptWarning, reason);
+    }
+    lockedOut_ = std::move(store_);
+    scheduleLockRetry();
+    return;
+  }
+  readStoreLocked();
+}
+
+void Outbox::openSoon() {
+  runLocked(&Outbox::openLocked);
+}
+
+// Nothing of what an earlier process left is read now: this process's records are numbered
+// above it and written from the first batch on, while those are read a page at a time on
+// the sync queue, and the counters when the first one is asked for.
+void Outbox::readStoreLocked() {
+  noteUnreadableLocked();
+  // What other processes kept while they could not open the store: taken off this thread.
+  std::weak_ptr<Outbox> weak = weak_from_this();
+  syncQueue_->async([weak, store = store_] {
+    if (const auto self = weak.lock())
+      self->adoptGuests(store);
+  });
+  leftoversEnd_ = store_->idFloor() - 1;
+  lastId_ = std::max(lastId_, leftoversEnd_);
+  countersRead_ = false;
+  loadedUpTo_ = kCountersRecord;
+  if (loadedUpTo_ < leftoversEnd_)
+    scheduleLeftoverPage();
+}
+
+void Outbox::noteUnreadableLocked() {
+  if (!store_)
+    return;
+  if (const std::string note = store_->takeHealingNote(); !note.empty())
+    log_->log(kLogWarning, kMethod, "%@", note);
+  const std::uint64_t now = store_->unreadableRecords();
+  if (now > storeUnreadable_)
+    droppedUnreadable_.fetch_add(now - storeUnreadable_, std::memory_order_relaxed);
+  storeUnreadable_ = now;
+}
+
+bool Outbox::forgetAll() noexcept {
+  try {
+    const std::lock_guard lock(storeMutex_);
+    openLocked();
+    std::vector<OutboxSlotPtr> slots;
+    {
+      const std::lock_guard buffer(bufferMutex_);
+      for (auto& op : buffer_) {
+        if (const auto* put = std::get_if<Put>(&op))
+          slots.push_back(put->slot);
+      }
+      buffer_.clear();
+      noted_.clear();
+    }
+    for (const auto& [id, held] : held_)
+      slots.push_back(held.slot);
+    for (const auto& left : leftovers_)
+      slots.push_back(left.slot);
+    for (const auto& left : replays_)
+      slots.push_back(left.slot);
+    for (const auto& slot : slots) {
+      if (slot && slot->settle()) {
+        waiting_.fetch_sub(1, std::memory_order_relaxed);
+        if (slot->retrying_.exchange(false))
+          retrying_.fetch_sub(1, std::memory_order_relaxed);
+      }
+    }
+    held_.clear();
+    unwritten_.clear();
+    heldBytes_ = 0;
+    leftovers_.clear();
+    replays_.clear();
+    loadedUpTo_ = leftoversEnd_;
+    ++forgetGeneration_;  // a page being read now is dropped
+    counters_ = Json::object();
+    countersDirty_ = false;
+    if (!store_)
+      return !heldElsewhere_;  // another process's store is not this one's to forget
+    if (store_->destroy()) {
+      // Opened again, new and empty, only when a report comes: a stopped library leaves no file.
+      opened_ = false;
+      return true;
+    }
+    std::vector<platform::OutboxChange> removals;
+    for (std::int64_t after = kCountersRecord - 1;;) {
+      const auto page = store_->load(after, 1000);
+      if (page.empty())
+        break;
+      for (const auto& record : page)
+        removals.push_back({record.id, std::nullopt});
+      after = page.back().id;
+    }
+    if (!removals.empty() && !store_->apply(removals))
+      return false;
+    return store_->sync();
+  } catch (...) {
+    return false;  // the caller's marker stays: the next start finishes the job
+  }
+}
+
+}  // namespace quorvel

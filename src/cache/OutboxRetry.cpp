@@ -1,0 +1,119 @@
+// Reports the service did not take (5xx, 429) or that failed in transport: marked, and sent
+// again after the backoff and never before the service's Retry-After; dropped past the age
+// bound.
+#include "cache/Outbox.h"
+
+#include <algorithm>
+
+#include "cache/Backoff.h"
+#include "cache/OutboxShared.h"
+
+namespace quorvel {
+
+using namespace outbox_internal;
+
+// A 5xx or a 429 is not a delivery: the service says it did not take the report. The report
+// therefore stays and goes again, where a kept request answered so used to be deleted like
+// one answered 200: a service that is overloaded or restarting would otherwise lose every
+// report it refused in that moment, and an outage on the service's side is exactly when
+// reports pile up.
+void Outbox::answeredRetryLater(const OutboxSlotPtr& slot,
+                                std::optional<std::chrono::seconds> retryAfter,
+                                std::shared_ptr<void> hold, bool reached) {
+  if (slot)
+    replayCameBack(slot);
+  if (!slot || slot->settled_)
+    return;
+  if (retryAfter && !slot->retrying_.exchange(true))
+    retrying_.fetch_add(1, std::memory_order_relaxed);  // an answer: 0 s when it named no time
+  if (hold)
+    slot->holdUntilSettled(std::move(hold));
+  slot->stopSending();
+  std::weak_ptr<Outbox> weak = weak_from_this();
+  queue_->async([weak, slot, retryAfter, reached] {
+    const auto self = weak.lock();
+    if (!self)
+      return;
+    const std::lock_guard lock(self->storeMutex_);
+    if (retryAfter && *retryAfter > std::chrono::seconds::zero()) {
+      const auto wait = std::min<std::chrono::milliseconds>(*retryAfter, kRetryBackoff.cap);
+      self->notBefore_ = std::max(self->notBefore_, self->clock_->now() + wait);
+    }
+    self->markForRetryLocked(slot, reached);
+  });
+}
+
+void Outbox::markForRetryLocked(const OutboxSlotPtr& slot, bool reached) {
+  writeBufferedLocked();  // so that the slot has its number
+  if (const auto it = held_.find(slot->id_); it != held_.end()) {
+    it->second.failed = true;
+    if (!reached && it->second.request) {
+      // Rewritten so that a later start's copy is not counted as a repeat.
+      std::vector<platform::OutboxChange> change{
+          {slot->id_, requestRecord(slot->acceptedAt(), *it->second.request, false)}};
+      writeChangesLocked(change);
+    }
+  }
+  scheduleRetry();
+}
+
+void Outbox::transportRecovered() {
+  std::weak_ptr<Outbox> weak = weak_from_this();
+  queue_->async([weak] {
+    if (const auto self = weak.lock()) {
+      const std::lock_guard lock(self->storeMutex_);
+      self->retryAttempt_ = 0;
+    }
+  });
+}
+
+void Outbox::scheduleRetry() {
+  if (retryScheduled_)
+    return;
+  retryScheduled_ = true;
+  // Never before the time the service asked for (its Retry-After), within the cap: a clock set
+  // back never holds the retries for longer.
+  if (notBefore_ - clock_->now() > kRetryBackoff.cap)
+    notBefore_ = clock_->now() + kRetryBackoff.cap;
+  const auto delay =
+      std::max(kRetryBackoff.delay(retryAttempt_++, backoffRandom()),
+               std::chrono::duration_cast<std::chrono::milliseconds>(notBefore_ - clock_->now()));
+  log_->log(kLogDebug, kMethod, "Quorvel outbox: reports wait; next try in %lld ms",
+            static_cast<long long>(delay.count()));
+  runLocked(&Outbox::retryFailedLocked, delay);
+}
+
+void Outbox::retryFailedLocked() {
+  retryScheduled_ = false;
+  dropExpiredHeldLocked();
+  if (!resend_)
+    return;
+  if (clock_->now() < notBefore_) {
+    scheduleRetry();
+    return;
+  }
+  for (auto& [id, held] : held_) {
+    if (!held.failed || !held.request || !held.slot->startSending())
+      continue;
+    held.failed = false;
+    const double waited = std::max(0.0, seconds(clock_->now()) - seconds(held.slot->acceptedAt()));
+    resend_(held.slot, *held.request, waited);
+  }
+}
+
+// The age bound holds for every report that waits, this process's own among them: one that
+// the service refused with 5xx for a month is dropped like one found that old at start.
+void Outbox::dropExpiredHeldLocked() {
+  const auto now = clock_->now();
+  std::vector<OutboxSlotPtr> expired;
+  for (const auto& [id, held] : held_) {
+    if (held.slot && now - held.slot->acceptedAt() > limits_.maxAge && !held.slot->inFlight_)
+      expired.push_back(held.slot);
+  }
+  for (const auto& slot : expired)
+    settleCounted(slot, droppedForAge_);
+  if (!expired.empty())
+    logDroppedForAge(*log_, expired.size(), limits_.maxAge);
+}
+
+}  // namespace quorvel

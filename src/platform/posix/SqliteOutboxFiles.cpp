@@ -1,0 +1,237 @@
+// The files beside the outbox database: this process's intake files and their rotation, those an
+// earlier process left (laid under this one's changes), the guest files of processes that could
+// not hold the store, and the removal of all of them when the outbox is forgotten.
+#include "platform/posix/SqliteOutboxStore.h"
+
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/posix/SqliteStatement.h"
+
+namespace quorvel::platform {
+
+std::vector<std::pair<std::uint64_t, std::string>> SqliteOutboxStore::intakeFiles() const {
+  const std::filesystem::path database(path_);
+  const std::string prefix = database.filename().string() + kIntakeSuffix;
+  std::vector<std::pair<std::uint64_t, std::string>> files;
+  std::error_code ec;
+  for (std::filesystem::directory_iterator it(database.parent_path(), ec), end; !ec && it != end;
+       it.increment(ec)) {
+    const std::string name = it->path().filename().string();
+    if (name.size() <= prefix.size() || name.compare(0, prefix.size(), prefix) != 0 ||
+        name.find_first_not_of("0123456789", prefix.size()) != std::string::npos ||
+        name.size() - prefix.size() > 18)
+      continue;
+    files.emplace_back(std::stoull(name.substr(prefix.size())), it->path().string());
+  }
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
+// Only the names of the intake files an earlier process left, and the database's highest
+// number, are read at open: enough to number this process's records above theirs. Reading the
+// files (megabytes after a kill in a burst) waits for the first read or sync().
+bool SqliteOutboxStore::startIntakeLocked(std::string& reason) {
+  constexpr int kIdShift = 32;
+  toAdopt_ = intakeFiles();
+  adopted_ = toAdopt_.empty();
+  std::int64_t inDatabase = -1;
+  if (SqliteStatement newest(db_, "SELECT max(id) FROM outbox");
+      newest && sqlite3_step(newest.get()) == SQLITE_ROW &&
+      sqlite3_column_type(newest.get(), 0) != SQLITE_NULL) {
+    inDatabase = sqlite3_column_int64(newest.get(), 0);
+  }
+  const std::uint64_t onDisk = toAdopt_.empty() ? 0 : toAdopt_.back().first;
+  const std::uint64_t fromDatabase =
+      inDatabase > 0 ? static_cast<std::uint64_t>(inDatabase) >> kIdShift : 0;
+  intakeNumber_ = std::max(onDisk, fromDatabase) + 1;
+  // Far beyond any real use (one number a second of writing, for decades); past it the floor
+  // is read from the records instead.
+  constexpr std::uint64_t kLastNumber = std::uint64_t{1} << 30;
+  idFloor_ = intakeNumber_ < kLastNumber ? static_cast<std::int64_t>(intakeNumber_ << kIdShift) : 0;
+  intake_ = OutboxIntake::create(path_ + kIntakeSuffix + std::to_string(intakeNumber_), reason);
+  return intake_ != nullptr;
+}
+
+// An earlier process's changes are laid over the database in the order they were made, and
+// moved into it by the first sync(), on its own thread. Should this process die first, the
+// next one finds the same files and does the same, which is harmless: each change sets or
+// removes a record by its number.
+void SqliteOutboxStore::adoptLeftIntakes() noexcept {
+  if (adopted_.load(std::memory_order_acquire))
+    return;
+  const std::lock_guard adopting(adoptMutex_);
+  if (adopted_.load())
+    return;
+  try {
+    PendingMap left;
+    std::vector<std::string> files;
+    std::vector<OutboxIntake::Entry> entries;
+    for (const auto& [number, file] : toAdopt_) {
+      entries.clear();
+      const auto intake = OutboxIntake::adopt(file, entries);
+      if (!intake)
+        continue;  // unreadable now: it stays on the disk for a later start
+      for (const auto& entry : entries)
+        left.insert_or_assign(entry.id, Pending{intake, entry.place, entry.removed});
+      files.push_back(file);
+    }
+    const std::lock_guard lock(intakeMutex_);
+    if (intake_) {
+      // No sync() ran yet (each one adopts first): `committing_` is empty, and this
+      // process's changes, all newer, are in `pending_`, laid over these.
+      committing_ = std::move(left);
+      retired_.insert(retired_.begin(), files.begin(), files.end());
+    }
+    toAdopt_.clear();
+    adopted_ = true;
+  } catch (...) {
+    // Out of memory: the next read or sync() tries again.
+  }
+}
+
+// Each sync() starts a new intake file, so that the current one can go whole once what it
+// holds is in the database.
+void SqliteOutboxStore::rotateIntakeLocked() noexcept {
+  std::string reason;
+  const std::string current = path_ + kIntakeSuffix + std::to_string(intakeNumber_);
+  auto fresh =
+      OutboxIntake::create(path_ + kIntakeSuffix + std::to_string(intakeNumber_ + 1), reason);
+  if (!fresh)
+    return;  // the current one goes on growing until a later sync
+  try {
+    retired_.push_back(current);
+  } catch (...) {
+    return;
+  }
+  intake_ = std::move(fresh);
+  ++intakeNumber_;
+}
+
+// A guest's records go to a file of its own: the holder takes a whole file at a time under its
+// lock and removes it, and a guest that finds its file removed starts another, so that no
+// record is written into a file already taken.
+bool SqliteOutboxStore::appendAsGuest(const std::vector<OutboxChange>& changes) noexcept {
+  try {
+    const std::lock_guard lock(guestMutex_);
+    std::error_code ec;
+    std::filesystem::create_directories(std::filesystem::path(path_).parent_path(), ec);
+    for (int attempt = 0; attempt < 2; ++attempt) {
+      if (!guest_) {
+        std::string reason;
+        const std::string name = path_ + kGuestSuffix + std::to_string(::getpid()) + "-" +
+                                 std::to_string(++guestNumber_);
+        guest_ = OutboxIntake::create(name, reason);
+        if (!guest_)
+          return false;
+      }
+      if (!guest_->lock())
+        return false;
+      if (guest_->removed()) {
+        guest_->unlock();
+        guest_.reset();
+        continue;
+      }
+      std::vector<OutboxIntake::Place> places;
+      const bool written = guest_->append(changes, places);
+      guest_->unlock();
+      return written;
+    }
+  } catch (...) {
+  }
+  return false;
+}
+
+std::size_t SqliteOutboxStore::adoptGuests(
+    const std::function<bool(std::vector<OutboxRecord>)>& keep) noexcept {
+  std::size_t taken = 0;
+  try {
+    const std::filesystem::path database(path_);
+    const std::string prefix = database.filename().string() + kGuestSuffix;
+    std::vector<std::string> files;
+    std::error_code ec;
+    for (std::filesystem::directory_iterator it(database.parent_path(), ec), end; !ec && it != end;
+         it.increment(ec)) {
+      if (it->path().filename().string().starts_with(prefix))
+        files.push_back(it->path().string());
+    }
+    for (const auto& file : files) {
+      std::vector<OutboxIntake::Entry> entries;
+      const auto guest = OutboxIntake::adopt(file, entries);
+      if (!guest || !guest->lock())
+        continue;
+      entries.clear();
+      const auto locked = OutboxIntake::adopt(file, entries);  // read again under the lock
+      std::map<std::int64_t, OutboxIntake::Entry> latest;
+      for (const auto& entry : entries)
+        latest.insert_or_assign(entry.id, entry);
+      std::vector<OutboxRecord> records;
+      for (const auto& [id, entry] : latest) {
+        OutboxRecord record{id, {}};
+        if (!entry.removed && locked && locked->readAt(entry.place, record.content))
+          records.push_back(std::move(record));
+      }
+      if (!guest->removed() && keep(std::move(records))) {
+        ::unlink(file.c_str());
+        ++taken;
+      }
+      guest->unlock();
+    }
+  } catch (...) {
+  }
+  return taken;
+}
+
+bool SqliteOutboxStore::destroy() noexcept {
+  if (inheritedByFork())
+    return false;  // the parent's files
+  const std::lock_guard lock(syncMutex_);
+  // The lock is held until the files are gone, so that no other process opens them halfway.
+  ParentOnlyDescriptor heldLock = std::move(lock_);
+  close();
+  // The intake and the log first: either, left without its database, would be read into a
+  // new one.
+  bool removed = true;
+  try {
+    for (const auto& [number, file] : intakeFiles())
+      removed = (::unlink(file.c_str()) == 0 || errno == ENOENT) && removed;
+    // What other processes kept for this one goes with it.
+    adoptGuests([](const std::vector<OutboxRecord>&) { return true; });
+  } catch (...) {
+    removed = false;
+  }
+  // A damaged file set aside, or one being healed, holds reports too.
+  try {
+    const std::filesystem::path database(path_);
+    const std::string name = database.filename().string();
+    std::error_code ec;
+    std::vector<std::filesystem::path> kept;
+    for (std::filesystem::directory_iterator it(database.parent_path(), ec), end; !ec && it != end;
+         it.increment(ec)) {
+      const std::string file = it->path().filename().string();
+      if (file.starts_with(name + ".corrupt-") || file.starts_with(name + kHealingSuffix))
+        kept.push_back(it->path());
+    }
+    for (const auto& file : kept)
+      removed = (::unlink(file.c_str()) == 0 || errno == ENOENT) && removed;
+  } catch (...) {
+    removed = false;
+  }
+  for (const char* suffix : {"-wal", "-shm", "", ".lock"}) {
+    const std::string file = path_ + suffix;
+    removed = (::unlink(file.c_str()) == 0 || errno == ENOENT) && removed;
+  }
+  heldLock.reset();
+  heldElsewhere_ = false;
+  return removed;
+}
+
+}  // namespace quorvel::platform

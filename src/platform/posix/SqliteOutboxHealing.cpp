@@ -1,0 +1,123 @@
+// Healing the outbox database: the schema checked (an older one migrated, a newer or foreign one
+// taken as damage), and a damaged file set aside for a fresh one holding every record still
+// readable, after a second look tells damage from a passing fault.
+#include "platform/posix/SqliteOutboxStore.h"
+
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/posix/OutboxSalvage.h"
+#include "platform/posix/SqliteStatement.h"
+
+namespace quorvel::platform {
+
+// Reads every record still readable, sets the file aside (one kept, for whoever wants to look
+// at it), and starts a fresh database holding those records. The intake files are left as
+// they are: their changes are laid over the new database as over the old one.
+bool SqliteOutboxStore::healLocked(std::string& reason) noexcept {
+  try {
+    Salvage saved;
+    if (db_ != nullptr && !isDamage(sqlite3_errcode(db_)) && damage_ != SQLITE_NOTADB)
+      saved = salvageRecords(db_);
+    if (syncDb_ != nullptr)
+      sqlite3_close_v2(std::exchange(syncDb_, nullptr));
+    if (db_ != nullptr)
+      sqlite3_close_v2(std::exchange(db_, nullptr));
+    if (saved.records.empty() && saved.gaps.empty())
+      saved = salvageFile(path_);
+    // The saved records are written whole under another name first, and take the damaged
+    // file's place in one rename: a kill at any moment leaves them in one of the two places,
+    // and an open finishes a move that a kill cut short.
+    const std::string healing = path_ + kHealingSuffix;
+    if (!writeFreshDatabase(healing, saved.records)) {
+      reason = "cannot write the records saved from the damaged " + path_;
+      return false;
+    }
+    std::string aside;
+    const auto stamp = std::chrono::duration_cast<std::chrono::seconds>(
+                           std::chrono::system_clock::now().time_since_epoch())
+                           .count();
+    if (!setAside(path_, stamp, aside) || ::rename(healing.c_str(), path_.c_str()) != 0) {
+      reason = "cannot set the damaged " + path_ + " aside: " + std::strerror(errno);
+      return false;
+    }
+    damage_ = 0;
+    if (!openDatabaseLocked(reason))
+      return false;
+    unreadable_.fetch_add(saved.lost);
+    std::string note = "Quorvel outbox: the damaged database was set aside as " + aside + "; " +
+                       std::to_string(saved.records.size()) + " records saved";
+    for (const auto& [from, to] : saved.gaps)
+      note += "; the records between " + std::to_string(from) + " and " + std::to_string(to) +
+              " could not be read";
+    const std::lock_guard lock(noteMutex_);
+    healingNote_ = std::move(note);
+    return true;
+  } catch (...) {
+    reason = "out of memory healing " + path_;
+    return false;
+  }
+}
+
+void SqliteOutboxStore::healAfterDamage() noexcept {
+  const std::lock_guard syncing(syncMutex_);
+  const std::lock_guard adopting(adoptMutex_);
+  const std::lock_guard lock(intakeMutex_);
+  if (damage_ == 0 || db_ == nullptr)
+    return;
+  // A second look: SQLite's own check of the whole file. Sound, it was a passing fault.
+  if (damage_ != SQLITE_NOTADB && passesQuickCheck(db_)) {
+    damage_ = 0;
+    return;
+  }
+  std::string reason;
+  if (!healLocked(reason)) {
+    const std::lock_guard note(noteMutex_);
+    lastError_ = reason;
+    closeLocked();  // no store now: the library keeps what comes in memory and tries again
+  }
+}
+
+bool SqliteOutboxStore::checkSchemaLocked(std::string& reason) noexcept {
+  int version = -1;
+  if (SqliteStatement v(db_, "PRAGMA user_version"); v && sqlite3_step(v.get()) == SQLITE_ROW)
+    version = sqlite3_column_int(v.get(), 0);
+  if (version < 0)
+    return false;
+  std::vector<std::string> columns;
+  {
+    SqliteStatement info(db_, "PRAGMA table_info(outbox)");
+    if (!info)
+      return false;
+    int rc = SQLITE_OK;
+    while ((rc = sqlite3_step(info.get())) == SQLITE_ROW) {
+      const auto* name = reinterpret_cast<const char*>(sqlite3_column_text(info.get(), 1));
+      const auto* type = reinterpret_cast<const char*>(sqlite3_column_text(info.get(), 2));
+      columns.push_back(std::string(name ? name : "") + " " + (type ? type : ""));
+    }
+    if (rc != SQLITE_DONE)
+      return false;
+  }
+  const std::vector<std::string> known = {"id INTEGER", "content BLOB"};
+  if (columns.empty() && version == 0) {
+    return exec(kOutboxTable) && exec(kOutboxSchemaVersion);
+  }
+  if (columns == known && version == 0)
+    return exec(kOutboxSchemaVersion);  // the same table, from before it was numbered
+  if (columns == known && version == kOutboxVersion)
+    return true;
+  // A newer build's schema, or another program's file: set aside, its records saved where
+  // they can be read as ours.
+  damage_ = SQLITE_CORRUPT;
+  reason = "unknown schema in " + path_ + " (version " + std::to_string(version) + ")";
+  return false;
+}
+
+}  // namespace quorvel::platform
