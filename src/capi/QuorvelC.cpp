@@ -206,7 +206,12 @@ quorvel_status quorvel_check_version(int header_version) {
                                                               : QUORVEL_ERROR_VERSION_MISMATCH;
 }
 
-const char* quorvel_status_text(quorvel_status status) {
+const char* quorvel_status_text(quorvel_status given) {
+  // A C host may pass any int, while a C++ enum holds only the range of its values: it is
+  // read as the int it is.
+  int status = 0;
+  static_assert(sizeof status == sizeof given);
+  std::memcpy(&status, &given, sizeof status);
   switch (status) {
     case QUORVEL_OK:
       return "ok";
