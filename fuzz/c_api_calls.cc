@@ -85,6 +85,9 @@ void readJson(void* /*userData*/, const char* json, std::size_t length) {
 void readError(void* /*userData*/, std::int64_t /*code*/, const char* text, std::size_t length) {
   readJson(nullptr, text, length);
 }
+void readLog(void* /*userData*/, int /*level*/, const char* text, std::size_t length) {
+  readJson(nullptr, text, length);
+}
 void readPurchase(void* /*userData*/, int /*succeeded*/, const char* json, std::size_t length) {
   readJson(nullptr, json, length);
 }
@@ -192,7 +195,7 @@ void answerWith(Input& in) {
 // One call on the tracker (null when the input destroyed it and made none since).
 void call(quorvel_tracker*& t, Input& in) {
   const std::uint8_t op = in.byte();
-  switch (op % 26) {
+  switch (op % 27) {
     case 0:
       if (t == nullptr)  // calls on no tracker are refused until one is made again
         t = create(in);
@@ -290,6 +293,9 @@ void call(quorvel_tracker*& t, Input& in) {
     case 23:
       (void)quorvel_status_text(static_cast<quorvel_status>(in.byte()));
       (void)quorvel_check_version(static_cast<int>(in.u32()));
+      break;
+    case 24:
+      quorvel_set_log_callback(t, in.byte() % 4 == 0 ? nullptr : readLog, nullptr);
       break;
     default:
       answerWith(in);

@@ -56,7 +56,8 @@ extern "C" {
 /* The version of the C API this header describes. A library accepts hosts built with its own
  * version or an older one of the same major version. */
 #define QUORVEL_C_API_VERSION_MAJOR 1
-#define QUORVEL_C_API_VERSION_MINOR 2 /* 1: the host-supplied transport, 2: QUORVEL_STOPPED */
+/* 1: the host-supplied transport, 2: QUORVEL_STOPPED, 3: the log callback */
+#define QUORVEL_C_API_VERSION_MINOR 3
 #define QUORVEL_C_API_VERSION (QUORVEL_C_API_VERSION_MAJOR * 1000 + QUORVEL_C_API_VERSION_MINOR)
 
 typedef enum quorvel_status {
@@ -274,6 +275,30 @@ typedef struct quorvel_delivery_stats {
 /* Fills `stats`, whose struct_size the caller sets. Works while stopped. */
 QUORVEL_C_API quorvel_status quorvel_get_delivery_stats(quorvel_tracker* tracker,
                                                         quorvel_delivery_stats* stats);
+
+/* --- The library's log ------------------------------------------------------------------- */
+
+typedef enum quorvel_log_level {
+  QUORVEL_LOG_ERROR = 1,
+  QUORVEL_LOG_WARNING = 2,
+  QUORVEL_LOG_INFO = 3,
+  QUORVEL_LOG_DEBUG = 4,
+  QUORVEL_LOG_TRACE = 5
+} quorvel_log_level;
+/* One line of the tracker's log: its level (a quorvel_log_level) and its text without the
+ * level tag (not zero-terminated, valid during the call only). */
+typedef void (*quorvel_log_callback)(void* user_data, int level, const char* text,
+                                     size_t text_length);
+/* Since 1.3. The tracker's log lines go to `callback` instead of standard error (NULL: back to
+ * standard error). Lines are written while the debug switch is on (quorvel_set_debug), as on
+ * the console. A line arrives on the thread that writes it: a library thread, or the host's own
+ * thread during one of its calls, possibly while the library holds a lock, so the callback must
+ * return quickly and must not call the library. No line arrives once the next
+ * quorvel_set_log_callback or quorvel_tracker_destroy has returned: on a host thread each waits
+ * for the lines under way. */
+QUORVEL_C_API quorvel_status quorvel_set_log_callback(quorvel_tracker* tracker,
+                                                      quorvel_log_callback callback,
+                                                      void* user_data);
 
 /* --- Consent ------------------------------------------------------------------------------ */
 

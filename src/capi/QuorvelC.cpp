@@ -8,8 +8,10 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstring>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -45,24 +47,6 @@ void CallGate::close(std::chrono::milliseconds bound) {
   // The closing thread's own call would never end while it waits.
   const int own = hostCallDepth() > 0 ? 1 : 0;
   idle_.wait_for(lock, bound, [&] { return running_ <= own; });
-}
-
-void CallbackBox::waitForCallsLocked(std::unique_lock<std::mutex>& lock) {
-  // From inside a callback the call under way is the caller's own: waiting would never end.
-  if (hostCallDepth() == 0)
-    idle_.wait(lock, [this] { return running_ == 0; });
-}
-
-void CallbackBox::replace(const quorvel_callbacks& callbacks) {
-  std::unique_lock lock(mutex_);
-  callbacks_ = callbacks;
-  waitForCallsLocked(lock);
-}
-
-void CallbackBox::close() {
-  std::unique_lock lock(mutex_);
-  closed_ = true;
-  waitForCallsLocked(lock);
 }
 
 std::optional<std::string> textOf(const char* data, std::size_t length) {
@@ -172,7 +156,8 @@ namespace quorvel {
 quorvel_tracker* makeCTrackerHandle(std::shared_ptr<const Platform> platform) noexcept {
   try {
     auto handle = std::make_unique<quorvel_tracker>();
-    handle->tracker = std::make_unique<QuorvelTracker>(std::move(platform));
+    handle->tracker =
+        std::make_unique<QuorvelTracker>(capi::withHostLog(std::move(platform), handle->log));
     handle->delegate = capi::delegateFor(handle->callbacks);
     handle->tracker->setDelegate(handle->delegate);
     return handle.release();  // owned by the host until quorvel_tracker_destroy
@@ -277,6 +262,7 @@ void quorvel_tracker_destroy(quorvel_tracker* tracker) {
     return;
   using quorvel::capi::kTransportCallBound;
   tracker->callbacks->close();
+  tracker->log->close();
   if (quorvel::capi::hostCallDepth() == 0) {
     tracker->transport->close(kTransportCallBound);
     delete tracker;  // NOLINT(cppcoreguidelines-owning-memory): the host's handle ends here
@@ -288,6 +274,7 @@ void quorvel_tracker_destroy(quorvel_tracker* tracker) {
   try {
     std::thread([tracker] {
       tracker->callbacks->close();
+      tracker->log->close();
       tracker->transport->close(kTransportCallBound);
       delete tracker;  // NOLINT(cppcoreguidelines-owning-memory)
     }).detach();
@@ -523,6 +510,14 @@ quorvel_status quorvel_get_delivery_stats(quorvel_tracker* tracker, quorvel_deli
         return QUORVEL_OK;
       },
       Stopped::allowed);
+}
+
+quorvel_status quorvel_set_log_callback(quorvel_tracker* tracker, quorvel_log_callback callback,
+                                        void* user_data) {
+  if (tracker == nullptr)
+    return QUORVEL_ERROR_INVALID_ARGUMENT;
+  tracker->log->replace({callback, user_data});
+  return QUORVEL_OK;
 }
 
 quorvel_status quorvel_set_stopped(quorvel_tracker* tracker, int stopped) {

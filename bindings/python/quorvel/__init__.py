@@ -5,6 +5,7 @@ from __future__ import annotations
 import atexit
 import ctypes
 import json
+import logging
 import math
 import os
 import sys
@@ -28,6 +29,21 @@ INVALID_ARGUMENT = 1
 _FLUSH_SLICE = 0.1
 # What a tracker still open at interpreter exit may spend flushing before it is released.
 _EXIT_FLUSH_BOUND = 1.0
+
+# The library's log lines, at their own levels (its trace level sits below DEBUG).
+_log = logging.getLogger("quorvel")
+_LOG_LEVELS = {1: logging.ERROR, 2: logging.WARNING, 3: logging.INFO, 4: logging.DEBUG, 5: 5}
+
+
+def _log_line(_user_data: Any, level: int, pointer: int, length: int) -> None:
+    # Never raises into the library: logging reports its own handler errors.
+    python_level = _LOG_LEVELS.get(level, logging.INFO)
+    if _log.isEnabledFor(python_level):
+        _log.log(python_level, "%s", _text(pointer, length))
+
+
+# One C function for every tracker, alive as long as the module.
+_C_LOG_LINE = _native.LOG_CALLBACK(_log_line)
 
 
 class QuorvelError(Exception):
@@ -306,6 +322,8 @@ class Tracker:
                 self._transport.close()
             raise QuorvelError(status, "creating the tracker")
         self._handle = _Handle(handle, self._released)
+        # Its lines (written while set_debug is on) go to the logger "quorvel".
+        lib.quorvel_set_log_callback(handle, _C_LOG_LINE, None)
         self._c_callbacks: Any = None
         # C callbacks of purchases under way, kept alive until they are called.
         self._purchases: Dict[int, Any] = {}
