@@ -195,7 +195,7 @@ void answerWith(Input& in) {
 // One call on the tracker (null when the input destroyed it and made none since).
 void call(quorvel_tracker*& t, Input& in) {
   const std::uint8_t op = in.byte();
-  switch (op % 27) {
+  switch (op % 34) {
     case 0:
       if (t == nullptr)  // calls on no tracker are refused until one is made again
         t = create(in);
@@ -296,6 +296,31 @@ void call(quorvel_tracker*& t, Input& in) {
       break;
     case 24:
       quorvel_set_log_callback(t, in.byte() % 4 == 0 ? nullptr : readLog, nullptr);
+      break;
+    case 25:
+      quorvel_app_entered_foreground(t);
+      break;
+    case 26:
+      quorvel_app_entered_background(t);
+      break;
+    case 27: {
+      const std::string payload = in.text();
+      quorvel_handle_push_payload(t, payload.data(), payload.size());
+      break;
+    }
+    case 28: {
+      const std::string data = in.text();
+      quorvel_set_custom_data(t, in.byte() % 4 == 0 ? nullptr : data.data(), data.size());
+      break;
+    }
+    case 29:
+      quorvel_set_outbox_limits(t, in.u32(), in.u32());
+      break;
+    case 30:
+      quorvel_set_device_tracking_disabled(t, in.byte() % 2);
+      break;
+    case 31:
+      quorvel_set_use_receipt_sandbox(t, in.byte() % 2);
       break;
     default:
       answerWith(in);

@@ -95,6 +95,15 @@ bool readSized(const Struct* given, Struct& out) {
   return true;
 }
 
+// A JSON object from the host; nullopt for anything else. Deeper than the library's bound, a
+// value could never be written into a report.
+std::optional<Json> objectOf(const char* text, std::size_t length) {
+  Json value = parseBoundedJson(std::string_view(text, length));
+  if (!value.is_object())
+    return std::nullopt;
+  return value;
+}
+
 std::string jsonText(const Json& value) {
   return value.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
@@ -330,6 +339,46 @@ quorvel_status quorvel_set_min_time_between_sessions(quorvel_tracker* tracker, u
   });
 }
 
+quorvel_status quorvel_set_device_tracking_disabled(quorvel_tracker* tracker, int on) {
+  return withTracker(tracker, [&](QuorvelTracker& t) {
+    t.setDeviceTrackingDisabled(on != 0);
+    return QUORVEL_OK;
+  });
+}
+
+quorvel_status quorvel_set_use_receipt_sandbox(quorvel_tracker* tracker, int on) {
+  return withTracker(tracker, [&](QuorvelTracker& t) {
+    t.setUseReceiptValidationSandbox(on != 0);
+    return QUORVEL_OK;
+  });
+}
+
+quorvel_status quorvel_set_custom_data(quorvel_tracker* tracker, const char* json,
+                                       size_t json_length) {
+  return withRunningTracker(tracker, [&](QuorvelTracker& t) {
+    if (json == nullptr) {
+      t.setAdditionalData(std::nullopt);
+      return QUORVEL_OK;
+    }
+    auto data = quorvel::capi::objectOf(json, json_length);
+    if (!data)
+      return QUORVEL_ERROR_INVALID_ARGUMENT;
+    t.setAdditionalData(std::move(*data));
+    return QUORVEL_OK;
+  });
+}
+
+quorvel_status quorvel_set_outbox_limits(quorvel_tracker* tracker, uint64_t max_bytes,
+                                         uint64_t max_age_seconds) {
+  constexpr std::uint64_t kLongestAge = std::uint64_t{10} * 366 * 24 * 3600;
+  if (max_bytes == 0 || max_age_seconds == 0 || max_age_seconds > kLongestAge)
+    return QUORVEL_ERROR_INVALID_ARGUMENT;
+  return withRunningTracker(tracker, [&](QuorvelTracker& t) {
+    t.setOutboxLimits(max_bytes, std::chrono::seconds(static_cast<std::int64_t>(max_age_seconds)));
+    return QUORVEL_OK;
+  });
+}
+
 quorvel_status quorvel_get_uid(quorvel_tracker* tracker, char* buffer, size_t capacity,
                                size_t* length) {
   return withRunningTracker(tracker, [&](QuorvelTracker& t) {
@@ -360,11 +409,36 @@ quorvel_status quorvel_track_event_with_values(quorvel_tracker* tracker, const c
   if (name == nullptr || name_length == 0 || values_json == nullptr)
     return QUORVEL_ERROR_INVALID_ARGUMENT;
   return withRunningTracker(tracker, [&](QuorvelTracker& t) {
-    // Deeper than the library's bound, the values could never be written into a report.
-    Json values = quorvel::parseBoundedJson(std::string_view(values_json, values_json_length));
-    if (!values.is_object())
+    auto values = quorvel::capi::objectOf(values_json, values_json_length);
+    if (!values)
       return QUORVEL_ERROR_INVALID_ARGUMENT;
-    t.trackEventWithValues(std::string(name, name_length), std::move(values));
+    t.trackEventWithValues(std::string(name, name_length), std::move(*values));
+    return QUORVEL_OK;
+  });
+}
+
+quorvel_status quorvel_app_entered_foreground(quorvel_tracker* tracker) {
+  return quorvel_track_app_launch(tracker);
+}
+
+quorvel_status quorvel_app_entered_background(quorvel_tracker* tracker) {
+  return withRunningTracker(tracker, [&](QuorvelTracker& t) {
+    // What the platform's own notification does: the tracker listens for it.
+    t.platform().notificationCenter->post(
+        {quorvel::platform::kApplicationDidEnterBackgroundNotification, nullptr});
+    return QUORVEL_OK;
+  });
+}
+
+quorvel_status quorvel_handle_push_payload(quorvel_tracker* tracker, const char* payload_json,
+                                           size_t payload_json_length) {
+  if (payload_json == nullptr)
+    return QUORVEL_ERROR_INVALID_ARGUMENT;
+  return withRunningTracker(tracker, [&](QuorvelTracker& t) {
+    auto payload = quorvel::capi::objectOf(payload_json, payload_json_length);
+    if (!payload)
+      return QUORVEL_ERROR_INVALID_ARGUMENT;
+    t.handlePushNotification(*payload);
     return QUORVEL_OK;
   });
 }

@@ -245,4 +245,54 @@ TEST(CApi, TheLogGoesToTheHostsFunctionWithItsLevelsAndNeverAfterDestroy) {
   quorvel_testkit_destroy(kit);
 }
 
+TEST(CApi, AnEngineReportsItsLifecycleCustomDataAndPushPayloads) {
+  const Kit k;
+  quorvel_tracker* t = k.tracker;
+  quorvel_set_dev_key(t, "K", 1);
+  const std::string custom = R"({"tier": "gold"})";
+  const std::string push = R"({"qv": {"link": "app://from-push"}})";
+  const struct {
+    const char* what;
+    quorvel_status status;
+    quorvel_status expected;
+  } cases[] = {
+      {"custom data", quorvel_set_custom_data(t, custom.data(), custom.size()), QUORVEL_OK},
+      {"custom data not an object", quorvel_set_custom_data(t, "[1]", 3),
+       QUORVEL_ERROR_INVALID_ARGUMENT},
+      {"push payload", quorvel_handle_push_payload(t, push.data(), push.size()), QUORVEL_OK},
+      {"push payload not JSON", quorvel_handle_push_payload(t, "{", 1),
+       QUORVEL_ERROR_INVALID_ARGUMENT},
+      {"device tracking opt-out", quorvel_set_device_tracking_disabled(t, 1), QUORVEL_OK},
+      {"receipt sandbox", quorvel_set_use_receipt_sandbox(t, 1), QUORVEL_OK},
+      {"outbox limits", quorvel_set_outbox_limits(t, 1 << 20, 3600), QUORVEL_OK},
+      {"no room in the outbox", quorvel_set_outbox_limits(t, 0, 3600),
+       QUORVEL_ERROR_INVALID_ARGUMENT},
+      {"an age past any clock", quorvel_set_outbox_limits(t, 1 << 20, UINT64_MAX),
+       QUORVEL_ERROR_INVALID_ARGUMENT},
+      {"foreground", quorvel_app_entered_foreground(t), QUORVEL_OK},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(c.status, c.expected) << c.what;
+  quorvel_testkit_advance(k.kit, 10000);
+  ASSERT_EQ(quorvel_app_entered_background(t), QUORVEL_OK);
+  quorvel_testkit_advance(k.kit, 10000);
+
+  std::string launch;
+  bool statistics = false;
+  for (size_t i = 0; i < quorvel_testkit_sent_count(k.kit); ++i) {
+    char text[16384];
+    size_t length = 0;
+    ASSERT_EQ(quorvel_testkit_sent_service(k.kit, i, text, sizeof text, &length), QUORVEL_OK);
+    const std::string service(text, length);
+    statistics = statistics || service == "stats";
+    ASSERT_EQ(quorvel_testkit_sent_payload(k.kit, i, text, sizeof text, &length), QUORVEL_OK);
+    if (service == "t" && launch.empty())
+      launch.assign(text, length);
+  }
+  EXPECT_NE(launch.find("gold"), std::string::npos) << launch;
+  EXPECT_NE(launch.find("app://from-push"), std::string::npos) << launch;
+  EXPECT_NE(launch.find(R"("deviceTrackingDisabled":"true")"), std::string::npos) << launch;
+  EXPECT_TRUE(statistics) << "no background statistics";
+}
+
 }  // namespace
