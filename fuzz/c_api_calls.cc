@@ -1,7 +1,8 @@
 // Whatever a host calls through the C API, in whatever order and with whatever sizes and bytes,
 // the library answers with a status and neither crashes, hangs nor leaks. Each input is a
 // sequence of calls on a tracker of the POSIX platform whose transport is the host's own and
-// answers at once (no network); the tracker is destroyed at the end of the input.
+// answers at once (no network); the tracker is destroyed at the end of the input, and its
+// folder removed.
 #include <quorvel/quorvel.h>
 
 #include <unistd.h>
@@ -338,5 +339,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (int calls = 0; calls < 64 && !in.done(); ++calls)
     call(tracker, in);
   quorvel_tracker_destroy(tracker);
+  // Each input starts on an empty folder, so that a failing one fails again on its own.
+  std::error_code ignored;
+  std::filesystem::remove_all(folder(), ignored);
   return 0;
 }
