@@ -49,6 +49,8 @@ class SqliteOutboxStore final : public OutboxStore {
       const std::function<bool(std::vector<OutboxRecord>)>& keep) noexcept override;
 
  private:
+  // Removes the guest files of other processes (forgetting); false when one was held.
+  bool removeGuests();
   // A change in an intake file, not yet in the database.
   struct Pending {
     std::shared_ptr<const OutboxIntake> file;
