@@ -10,7 +10,8 @@ seconds="${1:-600}"
 shift || true
 targets=("$@")
 if [ "${#targets[@]}" -eq 0 ]; then
-  targets=(service_answers cache_reader preferences_reader url_and_links log_format devserver_request)
+  targets=(service_answers cache_reader preferences_reader url_and_links log_format devserver_request
+    c_api_calls)
 fi
 cmake --preset fuzz >/dev/null
 cmake --build build/fuzz --parallel "$(nproc 2>/dev/null || echo 2)" \

@@ -56,7 +56,9 @@ extern "C" {
 /* The version of the C API this header describes. A library accepts hosts built with its own
  * version or an older one of the same major version. */
 #define QUORVEL_C_API_VERSION_MAJOR 1
-#define QUORVEL_C_API_VERSION_MINOR 2 /* 1: the host-supplied transport, 2: QUORVEL_STOPPED */
+/* 1: the host-supplied transport, 2: QUORVEL_STOPPED, 3: the log callback, the lifecycle calls,
+ * custom data, push payloads, the outbox limits, the privacy and sandbox switches */
+#define QUORVEL_C_API_VERSION_MINOR 3
 #define QUORVEL_C_API_VERSION (QUORVEL_C_API_VERSION_MAJOR * 1000 + QUORVEL_C_API_VERSION_MINOR)
 
 typedef enum quorvel_status {
@@ -172,6 +174,21 @@ QUORVEL_C_API quorvel_status quorvel_set_currency_code(quorvel_tracker* tracker,
 QUORVEL_C_API quorvel_status quorvel_set_debug(quorvel_tracker* tracker, int on);
 QUORVEL_C_API quorvel_status quorvel_set_min_time_between_sessions(quorvel_tracker* tracker,
                                                                    uint64_t seconds);
+/* Since 1.3. The user opted out of device tracking (1) or not (0): every report says so, and
+ * the service does not track the device. Taken while stopped. */
+QUORVEL_C_API quorvel_status quorvel_set_device_tracking_disabled(quorvel_tracker* tracker, int on);
+/* Since 1.3. Purchases are validated against the store's sandbox (1) or production (0);
+ * taken while stopped. */
+QUORVEL_C_API quorvel_status quorvel_set_use_receipt_sandbox(quorvel_tracker* tracker, int on);
+/* Since 1.3. Custom data sent with every report: a JSON object (nested at most 128 deep), or
+ * NULL to remove it. QUORVEL_ERROR_INVALID_ARGUMENT for anything else. */
+QUORVEL_C_API quorvel_status quorvel_set_custom_data(quorvel_tracker* tracker, const char* json,
+                                                     size_t json_length);
+/* Since 1.3. How much the outbox keeps while the service cannot be reached (defaults: 16 MiB
+ * and 30 days): past either bound the oldest reports are dropped and counted in the delivery
+ * stats. QUORVEL_ERROR_INVALID_ARGUMENT for a zero bound or an age past 10 years. */
+QUORVEL_C_API quorvel_status quorvel_set_outbox_limits(quorvel_tracker* tracker, uint64_t max_bytes,
+                                                       uint64_t max_age_seconds);
 /* The install's identifier, made at the first call. QUORVEL_ERROR_BUFFER_TOO_SMALL as for
  * every string handed out. */
 QUORVEL_C_API quorvel_status quorvel_get_uid(quorvel_tracker* tracker, char* buffer,
@@ -191,6 +208,18 @@ QUORVEL_C_API quorvel_status quorvel_track_event_with_values(quorvel_tracker* tr
                                                              const char* name, size_t name_length,
                                                              const char* values_json,
                                                              size_t values_json_length);
+/* Since 1.3: the app's lifecycle, for hosts whose platform posts no notifications to the
+ * library. Call on the host's main thread. */
+/* The app came to the foreground: the same as quorvel_track_app_launch. */
+QUORVEL_C_API quorvel_status quorvel_app_entered_foreground(quorvel_tracker* tracker);
+/* The app went to the background: counts the session, writes what is pending to disk and sends
+ * the background statistics. */
+QUORVEL_C_API quorvel_status quorvel_app_entered_background(quorvel_tracker* tracker);
+/* The app was opened from a push notification: `payload_json` is the notification's payload
+ * (a JSON object); its deep link, if any, is kept for the next launch. */
+QUORVEL_C_API quorvel_status quorvel_handle_push_payload(quorvel_tracker* tracker,
+                                                         const char* payload_json,
+                                                         size_t payload_json_length);
 /* The app was opened with a URL (a deep link), from the source application if known. */
 QUORVEL_C_API quorvel_status quorvel_handle_open_url(quorvel_tracker* tracker, const char* url,
                                                      size_t url_length, const char* source,
@@ -277,6 +306,30 @@ typedef struct quorvel_delivery_stats {
 /* Fills `stats`, whose struct_size the caller sets. Works while stopped. */
 QUORVEL_C_API quorvel_status quorvel_get_delivery_stats(quorvel_tracker* tracker,
                                                         quorvel_delivery_stats* stats);
+
+/* --- The library's log ------------------------------------------------------------------- */
+
+typedef enum quorvel_log_level {
+  QUORVEL_LOG_ERROR = 1,
+  QUORVEL_LOG_WARNING = 2,
+  QUORVEL_LOG_INFO = 3,
+  QUORVEL_LOG_DEBUG = 4,
+  QUORVEL_LOG_TRACE = 5
+} quorvel_log_level;
+/* One line of the tracker's log: its level (a quorvel_log_level) and its text without the
+ * level tag (not zero-terminated, valid during the call only). */
+typedef void (*quorvel_log_callback)(void* user_data, int level, const char* text,
+                                     size_t text_length);
+/* Since 1.3. The tracker's log lines go to `callback` instead of standard error (NULL: back to
+ * standard error). Lines are written while the debug switch is on (quorvel_set_debug), as on
+ * the console. A line arrives on the thread that writes it: a library thread, or the host's own
+ * thread during one of its calls, possibly while the library holds a lock, so the callback must
+ * return quickly and must not call the library. No line arrives once the next
+ * quorvel_set_log_callback or quorvel_tracker_destroy has returned: on a host thread each waits
+ * for the lines under way. */
+QUORVEL_C_API quorvel_status quorvel_set_log_callback(quorvel_tracker* tracker,
+                                                      quorvel_log_callback callback,
+                                                      void* user_data);
 
 /* --- Consent ------------------------------------------------------------------------------ */
 

@@ -1,5 +1,5 @@
-// What a C handle holds: the tracker and the host's callbacks, which are guarded so that none
-// runs once the host has replaced them or destroyed the handle.
+// What a C handle holds: the tracker, the host's callbacks and its log function, which are
+// guarded so that none runs once the host has replaced them or destroyed the handle.
 #pragma once
 
 #include <chrono>
@@ -8,6 +8,7 @@
 #include <mutex>
 #include <string_view>
 
+#include <quorvel/Platform.h>
 #include <quorvel/QuorvelTracker.h>
 #include <quorvel/Transport.h>
 #include <quorvel/quorvel.h>
@@ -36,19 +37,21 @@ class CallGate {
   bool closed_ = false;
 };
 
-// The host's callbacks, shared with the library's threads. A call runs outside the lock; a
-// replacement waits for the calls under way, unless it is made from inside one of them.
-class CallbackBox {
+// Calls into the host of one kind (its callbacks, its log function), shared with the library's
+// threads. A call runs outside the lock; a replacement waits for the calls under way, unless it
+// is made from inside one of them.
+template <typename Calls>
+class HostCalls {
  public:
-  // Runs `call` with the current callbacks unless the box is closed. False when closed.
+  // Runs `call` with the current calls unless closed. False when closed.
   template <typename Call>
   bool invoke(Call&& call) {
-    quorvel_callbacks current{};
+    Calls current{};
     {
       const std::lock_guard lock(mutex_);
       if (closed_)
         return false;
-      current = callbacks_;
+      current = calls_;
       ++running_;
     }
     ++hostCallDepth();
@@ -59,19 +62,44 @@ class CallbackBox {
       idle_.notify_all();
     return true;
   }
-  void replace(const quorvel_callbacks& callbacks);
-  // No callback of this box runs once this returns (but for one that makes the call).
-  void close();
+  void replace(const Calls& calls) {
+    std::unique_lock lock(mutex_);
+    calls_ = calls;
+    waitForCallsLocked(lock);
+  }
+  // No call of this box runs once this returns (but for one that makes the call).
+  void close() {
+    std::unique_lock lock(mutex_);
+    closed_ = true;
+    waitForCallsLocked(lock);
+  }
 
  private:
-  void waitForCallsLocked(std::unique_lock<std::mutex>& lock);
+  void waitForCallsLocked(std::unique_lock<std::mutex>& lock) {
+    // From inside a call the call under way is the caller's own: waiting would never end.
+    if (hostCallDepth() == 0)
+      idle_.wait(lock, [this] { return running_ == 0; });
+  }
 
   std::mutex mutex_;
   std::condition_variable idle_;
-  quorvel_callbacks callbacks_{};
+  Calls calls_{};
   int running_ = 0;
   bool closed_ = false;
 };
+
+using CallbackBox = HostCalls<quorvel_callbacks>;
+
+// The host's log function; none set: the platform's own system log.
+struct LogTarget {
+  quorvel_log_callback callback = nullptr;
+  void* userData = nullptr;
+};
+using LogBox = HostCalls<LogTarget>;
+
+// A platform whose system log goes to the host's log function whenever one is set in `box`.
+std::shared_ptr<const Platform> withHostLog(std::shared_ptr<const Platform> platform,
+                                            std::shared_ptr<LogBox> box);
 
 }  // namespace quorvel::capi
 
@@ -79,6 +107,7 @@ struct quorvel_tracker {
   std::shared_ptr<quorvel::capi::CallbackBox> callbacks =
       std::make_shared<quorvel::capi::CallbackBox>();
   std::shared_ptr<quorvel::capi::CallGate> transport = std::make_shared<quorvel::capi::CallGate>();
+  std::shared_ptr<quorvel::capi::LogBox> log = std::make_shared<quorvel::capi::LogBox>();
   std::shared_ptr<quorvel::QuorvelTrackerDelegate> delegate;
   std::unique_ptr<quorvel::QuorvelTracker> tracker;
 };

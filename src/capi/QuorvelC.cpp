@@ -8,8 +8,10 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstring>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -45,24 +47,6 @@ void CallGate::close(std::chrono::milliseconds bound) {
   // The closing thread's own call would never end while it waits.
   const int own = hostCallDepth() > 0 ? 1 : 0;
   idle_.wait_for(lock, bound, [&] { return running_ <= own; });
-}
-
-void CallbackBox::waitForCallsLocked(std::unique_lock<std::mutex>& lock) {
-  // From inside a callback the call under way is the caller's own: waiting would never end.
-  if (hostCallDepth() == 0)
-    idle_.wait(lock, [this] { return running_ == 0; });
-}
-
-void CallbackBox::replace(const quorvel_callbacks& callbacks) {
-  std::unique_lock lock(mutex_);
-  callbacks_ = callbacks;
-  waitForCallsLocked(lock);
-}
-
-void CallbackBox::close() {
-  std::unique_lock lock(mutex_);
-  closed_ = true;
-  waitForCallsLocked(lock);
 }
 
 std::optional<std::string> textOf(const char* data, std::size_t length) {
@@ -109,6 +93,15 @@ bool readSized(const Struct* given, Struct& out) {
   std::memcpy(&out, given, given->struct_size);
   out.struct_size = sizeof out;
   return true;
+}
+
+// A JSON object from the host; nullopt for anything else. Deeper than the library's bound, a
+// value could never be written into a report.
+std::optional<Json> objectOf(const char* text, std::size_t length) {
+  Json value = parseBoundedJson(std::string_view(text, length));
+  if (!value.is_object())
+    return std::nullopt;
+  return value;
 }
 
 std::string jsonText(const Json& value) {
@@ -172,7 +165,8 @@ namespace quorvel {
 quorvel_tracker* makeCTrackerHandle(std::shared_ptr<const Platform> platform) noexcept {
   try {
     auto handle = std::make_unique<quorvel_tracker>();
-    handle->tracker = std::make_unique<QuorvelTracker>(std::move(platform));
+    handle->tracker =
+        std::make_unique<QuorvelTracker>(capi::withHostLog(std::move(platform), handle->log));
     handle->delegate = capi::delegateFor(handle->callbacks);
     handle->tracker->setDelegate(handle->delegate);
     return handle.release();  // owned by the host until quorvel_tracker_destroy
@@ -206,7 +200,12 @@ quorvel_status quorvel_check_version(int header_version) {
                                                               : QUORVEL_ERROR_VERSION_MISMATCH;
 }
 
-const char* quorvel_status_text(quorvel_status status) {
+const char* quorvel_status_text(quorvel_status given) {
+  // A C host may pass any int, while a C++ enum holds only the range of its values: it is
+  // read as the int it is.
+  int status = 0;
+  static_assert(sizeof status == sizeof given);
+  std::memcpy(&status, &given, sizeof status);
   switch (status) {
     case QUORVEL_OK:
       return "ok";
@@ -272,6 +271,7 @@ void quorvel_tracker_destroy(quorvel_tracker* tracker) {
     return;
   using quorvel::capi::kTransportCallBound;
   tracker->callbacks->close();
+  tracker->log->close();
   if (quorvel::capi::hostCallDepth() == 0) {
     tracker->transport->close(kTransportCallBound);
     delete tracker;  // NOLINT(cppcoreguidelines-owning-memory): the host's handle ends here
@@ -283,6 +283,7 @@ void quorvel_tracker_destroy(quorvel_tracker* tracker) {
   try {
     std::thread([tracker] {
       tracker->callbacks->close();
+      tracker->log->close();
       tracker->transport->close(kTransportCallBound);
       delete tracker;  // NOLINT(cppcoreguidelines-owning-memory)
     }).detach();
@@ -338,6 +339,46 @@ quorvel_status quorvel_set_min_time_between_sessions(quorvel_tracker* tracker, u
   });
 }
 
+quorvel_status quorvel_set_device_tracking_disabled(quorvel_tracker* tracker, int on) {
+  return withTracker(tracker, [&](QuorvelTracker& t) {
+    t.setDeviceTrackingDisabled(on != 0);
+    return QUORVEL_OK;
+  });
+}
+
+quorvel_status quorvel_set_use_receipt_sandbox(quorvel_tracker* tracker, int on) {
+  return withTracker(tracker, [&](QuorvelTracker& t) {
+    t.setUseReceiptValidationSandbox(on != 0);
+    return QUORVEL_OK;
+  });
+}
+
+quorvel_status quorvel_set_custom_data(quorvel_tracker* tracker, const char* json,
+                                       size_t json_length) {
+  return withRunningTracker(tracker, [&](QuorvelTracker& t) {
+    if (json == nullptr) {
+      t.setAdditionalData(std::nullopt);
+      return QUORVEL_OK;
+    }
+    auto data = quorvel::capi::objectOf(json, json_length);
+    if (!data)
+      return QUORVEL_ERROR_INVALID_ARGUMENT;
+    t.setAdditionalData(std::move(*data));
+    return QUORVEL_OK;
+  });
+}
+
+quorvel_status quorvel_set_outbox_limits(quorvel_tracker* tracker, uint64_t max_bytes,
+                                         uint64_t max_age_seconds) {
+  constexpr std::uint64_t kLongestAge = std::uint64_t{10} * 366 * 24 * 3600;
+  if (max_bytes == 0 || max_age_seconds == 0 || max_age_seconds > kLongestAge)
+    return QUORVEL_ERROR_INVALID_ARGUMENT;
+  return withRunningTracker(tracker, [&](QuorvelTracker& t) {
+    t.setOutboxLimits(max_bytes, std::chrono::seconds(static_cast<std::int64_t>(max_age_seconds)));
+    return QUORVEL_OK;
+  });
+}
+
 quorvel_status quorvel_get_uid(quorvel_tracker* tracker, char* buffer, size_t capacity,
                                size_t* length) {
   return withRunningTracker(tracker, [&](QuorvelTracker& t) {
@@ -368,11 +409,36 @@ quorvel_status quorvel_track_event_with_values(quorvel_tracker* tracker, const c
   if (name == nullptr || name_length == 0 || values_json == nullptr)
     return QUORVEL_ERROR_INVALID_ARGUMENT;
   return withRunningTracker(tracker, [&](QuorvelTracker& t) {
-    // Deeper than the library's bound, the values could never be written into a report.
-    Json values = quorvel::parseBoundedJson(std::string_view(values_json, values_json_length));
-    if (!values.is_object())
+    auto values = quorvel::capi::objectOf(values_json, values_json_length);
+    if (!values)
       return QUORVEL_ERROR_INVALID_ARGUMENT;
-    t.trackEventWithValues(std::string(name, name_length), std::move(values));
+    t.trackEventWithValues(std::string(name, name_length), std::move(*values));
+    return QUORVEL_OK;
+  });
+}
+
+quorvel_status quorvel_app_entered_foreground(quorvel_tracker* tracker) {
+  return quorvel_track_app_launch(tracker);
+}
+
+quorvel_status quorvel_app_entered_background(quorvel_tracker* tracker) {
+  return withRunningTracker(tracker, [&](QuorvelTracker& t) {
+    // What the platform's own notification does: the tracker listens for it.
+    t.platform().notificationCenter->post(
+        {quorvel::platform::kApplicationDidEnterBackgroundNotification, nullptr});
+    return QUORVEL_OK;
+  });
+}
+
+quorvel_status quorvel_handle_push_payload(quorvel_tracker* tracker, const char* payload_json,
+                                           size_t payload_json_length) {
+  if (payload_json == nullptr)
+    return QUORVEL_ERROR_INVALID_ARGUMENT;
+  return withRunningTracker(tracker, [&](QuorvelTracker& t) {
+    auto payload = quorvel::capi::objectOf(payload_json, payload_json_length);
+    if (!payload)
+      return QUORVEL_ERROR_INVALID_ARGUMENT;
+    t.handlePushNotification(*payload);
     return QUORVEL_OK;
   });
 }
@@ -518,6 +584,14 @@ quorvel_status quorvel_get_delivery_stats(quorvel_tracker* tracker, quorvel_deli
         return QUORVEL_OK;
       },
       Stopped::allowed);
+}
+
+quorvel_status quorvel_set_log_callback(quorvel_tracker* tracker, quorvel_log_callback callback,
+                                        void* user_data) {
+  if (tracker == nullptr)
+    return QUORVEL_ERROR_INVALID_ARGUMENT;
+  tracker->log->replace({callback, user_data});
+  return QUORVEL_OK;
 }
 
 quorvel_status quorvel_set_stopped(quorvel_tracker* tracker, int stopped) {

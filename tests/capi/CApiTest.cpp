@@ -6,11 +6,15 @@
 
 #include "support/TempDir.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 // In CSession.c: 1 when the session went as expected; otherwise 0 and the failed check.
@@ -187,6 +191,108 @@ TEST(CApi, AHostFreesItsTransportStateOnceDestroyReturned) {
     thread.join();
   quorvel_tracker_destroy(tracker);
   host.reset();
+}
+
+// The lines a host's log function received.
+struct HostLog {
+  std::mutex mutex;
+  std::vector<std::pair<int, std::string>> lines;
+
+  static void write(void* self, int level, const char* text, size_t length) {
+    auto* log = static_cast<HostLog*>(self);
+    const std::lock_guard lock(log->mutex);
+    log->lines.emplace_back(level, std::string(text, length));
+  }
+  size_t count() {
+    const std::lock_guard lock(mutex);
+    return lines.size();
+  }
+  bool has(int level, const std::string& part) {
+    const std::lock_guard lock(mutex);
+    return std::ranges::any_of(lines, [&](const auto& line) {
+      return line.first == level && line.second.find(part) != std::string::npos &&
+             line.second.find("[") != 0;  // the level tag is not in the text
+    });
+  }
+};
+
+TEST(CApi, TheLogGoesToTheHostsFunctionWithItsLevelsAndNeverAfterDestroy) {
+  quorvel_testkit* kit = nullptr;
+  quorvel_tracker* t = nullptr;
+  ASSERT_EQ(quorvel_testkit_create("K", 1, &kit, &t), QUORVEL_OK);
+  HostLog log;
+  ASSERT_EQ(quorvel_set_log_callback(t, HostLog::write, &log), QUORVEL_OK);
+  quorvel_set_debug(t, 1);
+  quorvel_set_dev_key(t, "K", 1);
+  quorvel_set_app_id(t, "1", 1);
+  quorvel_set_customer_user_id(t, "u1", 2);
+  EXPECT_TRUE(log.has(QUORVEL_LOG_DEBUG, "SetCustomerId = u1"));
+  quorvel_track_app_launch(t);
+  quorvel_testkit_advance(kit, 10000);
+  EXPECT_TRUE(log.has(QUORVEL_LOG_INFO, "trackAppLaunch] Launch"));
+
+  ASSERT_EQ(quorvel_set_log_callback(t, nullptr, nullptr), QUORVEL_OK);
+  const size_t removed = log.count();
+  quorvel_set_customer_user_id(t, "u2", 2);
+  EXPECT_EQ(log.count(), removed);
+
+  ASSERT_EQ(quorvel_set_log_callback(t, HostLog::write, &log), QUORVEL_OK);
+  quorvel_track_event(t, "e", 1, "1", 1);
+  quorvel_tracker_destroy(t);
+  const size_t atDestroy = log.count();
+  quorvel_testkit_advance(kit, 10000);  // what was queued for the handle runs now, or never
+  EXPECT_EQ(log.count(), atDestroy);
+  quorvel_testkit_destroy(kit);
+}
+
+TEST(CApi, AnEngineReportsItsLifecycleCustomDataAndPushPayloads) {
+  const Kit k;
+  quorvel_tracker* t = k.tracker;
+  quorvel_set_dev_key(t, "K", 1);
+  const std::string custom = R"({"tier": "gold"})";
+  const std::string push = R"({"qv": {"link": "app://from-push"}})";
+  const struct {
+    const char* what;
+    quorvel_status status;
+    quorvel_status expected;
+  } cases[] = {
+      {"custom data", quorvel_set_custom_data(t, custom.data(), custom.size()), QUORVEL_OK},
+      {"custom data not an object", quorvel_set_custom_data(t, "[1]", 3),
+       QUORVEL_ERROR_INVALID_ARGUMENT},
+      {"push payload", quorvel_handle_push_payload(t, push.data(), push.size()), QUORVEL_OK},
+      {"push payload not JSON", quorvel_handle_push_payload(t, "{", 1),
+       QUORVEL_ERROR_INVALID_ARGUMENT},
+      {"device tracking opt-out", quorvel_set_device_tracking_disabled(t, 1), QUORVEL_OK},
+      {"receipt sandbox", quorvel_set_use_receipt_sandbox(t, 1), QUORVEL_OK},
+      {"outbox limits", quorvel_set_outbox_limits(t, 1 << 20, 3600), QUORVEL_OK},
+      {"no room in the outbox", quorvel_set_outbox_limits(t, 0, 3600),
+       QUORVEL_ERROR_INVALID_ARGUMENT},
+      {"an age past any clock", quorvel_set_outbox_limits(t, 1 << 20, UINT64_MAX),
+       QUORVEL_ERROR_INVALID_ARGUMENT},
+      {"foreground", quorvel_app_entered_foreground(t), QUORVEL_OK},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(c.status, c.expected) << c.what;
+  quorvel_testkit_advance(k.kit, 10000);
+  ASSERT_EQ(quorvel_app_entered_background(t), QUORVEL_OK);
+  quorvel_testkit_advance(k.kit, 10000);
+
+  std::string launch;
+  bool statistics = false;
+  for (size_t i = 0; i < quorvel_testkit_sent_count(k.kit); ++i) {
+    char text[16384];
+    size_t length = 0;
+    ASSERT_EQ(quorvel_testkit_sent_service(k.kit, i, text, sizeof text, &length), QUORVEL_OK);
+    const std::string service(text, length);
+    statistics = statistics || service == "stats";
+    ASSERT_EQ(quorvel_testkit_sent_payload(k.kit, i, text, sizeof text, &length), QUORVEL_OK);
+    if (service == "t" && launch.empty())
+      launch.assign(text, length);
+  }
+  EXPECT_NE(launch.find("gold"), std::string::npos) << launch;
+  EXPECT_NE(launch.find("app://from-push"), std::string::npos) << launch;
+  EXPECT_NE(launch.find(R"("deviceTrackingDisabled":"true")"), std::string::npos) << launch;
+  EXPECT_TRUE(statistics) << "no background statistics";
 }
 
 }  // namespace

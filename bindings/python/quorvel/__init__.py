@@ -5,6 +5,7 @@ from __future__ import annotations
 import atexit
 import ctypes
 import json
+import logging
 import math
 import os
 import sys
@@ -28,6 +29,21 @@ INVALID_ARGUMENT = 1
 _FLUSH_SLICE = 0.1
 # What a tracker still open at interpreter exit may spend flushing before it is released.
 _EXIT_FLUSH_BOUND = 1.0
+
+# The library's log lines, at their own levels (its trace level sits below DEBUG).
+_log = logging.getLogger("quorvel")
+_LOG_LEVELS = {1: logging.ERROR, 2: logging.WARNING, 3: logging.INFO, 4: logging.DEBUG, 5: 5}
+
+
+def _log_line(_user_data: Any, level: int, pointer: int, length: int) -> None:
+    # Never raises into the library: logging reports its own handler errors.
+    python_level = _LOG_LEVELS.get(level, logging.INFO)
+    if _log.isEnabledFor(python_level):
+        _log.log(python_level, "%s", _text(pointer, length))
+
+
+# One C function for every tracker, alive as long as the module.
+_C_LOG_LINE = _native.LOG_CALLBACK(_log_line)
 
 
 class QuorvelError(Exception):
@@ -306,6 +322,8 @@ class Tracker:
                 self._transport.close()
             raise QuorvelError(status, "creating the tracker")
         self._handle = _Handle(handle, self._released)
+        # Its lines (written while set_debug is on) go to the logger "quorvel".
+        lib.quorvel_set_log_callback(handle, _C_LOG_LINE, None)
         self._c_callbacks: Any = None
         # C callbacks of purchases under way, kept alive until they are called.
         self._purchases: Dict[int, Any] = {}
@@ -378,6 +396,31 @@ class Tracker:
     def set_debug(self, on: bool = True) -> None:
         self._call(lib.quorvel_set_debug, "set_debug", 1 if on else 0)
 
+    def set_device_tracking_disabled(self, disabled: bool = True) -> None:
+        """The user opted out of device tracking: every report says so."""
+        self._call(lib.quorvel_set_device_tracking_disabled, "set_device_tracking_disabled",
+                   1 if disabled else 0)
+
+    def set_use_receipt_sandbox(self, on: bool = True) -> None:
+        """Purchases are validated against the store's sandbox."""
+        self._call(lib.quorvel_set_use_receipt_sandbox, "set_use_receipt_sandbox",
+                   1 if on else 0)
+
+    def set_custom_data(self, data: Optional[Dict[str, Any]]) -> None:
+        """Custom data sent with every report (a dict), or None to remove it."""
+        if data is not None and not isinstance(data, dict):
+            raise TypeError("data must be a dict or None")
+        text, length = _utf8(None if data is None else json.dumps(data), "data")
+        self._call(lib.quorvel_set_custom_data, "set_custom_data", text, length)
+
+    def set_outbox_limits(self, max_bytes: int, max_age: float) -> None:
+        """How much the outbox keeps while the service cannot be reached: at most `max_bytes`
+        bytes and reports at most `max_age` seconds old (defaults: 16 MiB, 30 days)."""
+        if isinstance(max_bytes, bool) or not isinstance(max_bytes, int) or max_bytes <= 0:
+            raise ValueError("max_bytes must be a positive int")
+        age = int(_seconds(max_age, "max_age"))
+        self._call(lib.quorvel_set_outbox_limits, "set_outbox_limits", max_bytes, age)
+
     def set_min_time_between_sessions(self, seconds: int) -> None:
         self._call(lib.quorvel_set_min_time_between_sessions, "set_min_time_between_sessions",
                    int(_seconds(seconds, "seconds")))
@@ -413,6 +456,22 @@ class Tracker:
                        data, length)
         else:
             raise TypeError("values must be None, a str or a dict")
+
+    def app_entered_foreground(self) -> None:
+        """The app came to the foreground (the same as track_app_launch)."""
+        self._call(lib.quorvel_app_entered_foreground, "app_entered_foreground")
+
+    def app_entered_background(self) -> None:
+        """The app went to the background: counts the session, writes what is pending to disk
+        and sends the background statistics."""
+        self._call(lib.quorvel_app_entered_background, "app_entered_background")
+
+    def handle_push_payload(self, payload: Dict[str, Any]) -> None:
+        """The app was opened from a push notification with this payload."""
+        if not isinstance(payload, dict):
+            raise TypeError("payload must be a dict")
+        text, length = _utf8(json.dumps(payload), "payload")
+        self._call(lib.quorvel_handle_push_payload, "handle_push_payload", text, length)
 
     def handle_open_url(self, url: str, source_application: Optional[str] = None) -> None:
         link, link_length = _utf8(url, "url")

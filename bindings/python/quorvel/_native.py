@@ -5,7 +5,7 @@ import ctypes.util
 import os
 from pathlib import Path
 
-C_API_VERSION = 1002  # QUORVEL_C_API_VERSION of the header these declarations follow
+C_API_VERSION = 1003  # QUORVEL_C_API_VERSION of the header these declarations follow
 
 OK = 0
 BUFFER_TOO_SMALL = 2
@@ -55,6 +55,8 @@ JSON_CALLBACK = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.c_void_p, ctypes.
 ERROR_CALLBACK = ctypes.CFUNCTYPE(
     None, ctypes.c_void_p, ctypes.c_int64, ctypes.c_void_p, ctypes.c_size_t
 )
+LOG_CALLBACK = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.c_int, ctypes.c_void_p,
+                                ctypes.c_size_t)
 PURCHASE_CALLBACK = ctypes.CFUNCTYPE(
     None, ctypes.c_void_p, ctypes.c_int, ctypes.c_void_p, ctypes.c_size_t
 )
@@ -147,6 +149,14 @@ def _declare(lib):
         "quorvel_set_currency_code": ([tracker] + text, ctypes.c_int),
         "quorvel_set_debug": ([tracker, ctypes.c_int], ctypes.c_int),
         "quorvel_set_min_time_between_sessions": ([tracker, ctypes.c_uint64], ctypes.c_int),
+        "quorvel_set_device_tracking_disabled": ([tracker, ctypes.c_int], ctypes.c_int),
+        "quorvel_set_use_receipt_sandbox": ([tracker, ctypes.c_int], ctypes.c_int),
+        "quorvel_set_custom_data": ([tracker] + text, ctypes.c_int),
+        "quorvel_set_outbox_limits": ([tracker, ctypes.c_uint64, ctypes.c_uint64], ctypes.c_int),
+        "quorvel_set_log_callback": ([tracker, LOG_CALLBACK, ctypes.c_void_p], ctypes.c_int),
+        "quorvel_app_entered_foreground": ([tracker], ctypes.c_int),
+        "quorvel_app_entered_background": ([tracker], ctypes.c_int),
+        "quorvel_handle_push_payload": ([tracker] + text, ctypes.c_int),
         "quorvel_get_uid": (
             [tracker, ctypes.c_char_p, ctypes.c_size_t, ctypes.POINTER(ctypes.c_size_t)],
             ctypes.c_int,

@@ -2,6 +2,7 @@
 
 import http.client
 import json
+import logging
 import socket
 import ssl
 import threading
@@ -114,3 +115,36 @@ def test_opting_in_after_a_kept_stop_delivers(devserver, tmp_path):
     events = [r["decrypted"].get("event") for r in devserver["received"]()
               if r.get("decrypted") and r["decrypted"].get("uid") == uid]
     assert "after_consent" in events
+
+
+def test_engine_calls_and_the_library_log_reach_python(tmp_path, caplog):
+    sent = []
+
+    def answer_locally(request):
+        sent.append(request.url)
+        return quorvel.Response(200, [], b"{}")
+
+    caplog.set_level(5, logger="quorvel")
+    with quorvel.Tracker(tmp_path / "app", keychain_directory=tmp_path / "keychain",
+                         dev_key=DEV_KEY, app_id=APP_ID, transport=answer_locally) as tracker:
+        tracker.set_debug()
+        tracker.set_custom_data({"tier": "gold"})
+        tracker.set_device_tracking_disabled()
+        tracker.set_use_receipt_sandbox()
+        tracker.set_outbox_limits(1 << 20, 3600)
+        tracker.handle_push_payload({"qv": {"link": "app://from-push"}})
+        tracker.app_entered_foreground()
+        tracker.flush(30)
+        tracker.app_entered_background()
+        tracker.flush(30)
+        with pytest.raises(TypeError):
+            tracker.set_custom_data([1])
+        with pytest.raises(ValueError):
+            tracker.set_outbox_limits(0, 60)
+        tracker.set_debug(False)
+
+    assert any(url.startswith("https://stats.") for url in sent), sent
+    lines = [(r.levelno, r.getMessage()) for r in caplog.records if r.name == "quorvel"]
+    assert any(level == logging.DEBUG and "setCustomData = " in text and "gold" in text
+               for level, text in lines), lines
+    assert not any(text.startswith("[") for _, text in lines)

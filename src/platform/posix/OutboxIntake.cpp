@@ -135,6 +135,13 @@ bool OutboxIntake::lock() noexcept {
   return rc == 0;
 }
 
+bool OutboxIntake::tryLock() noexcept {
+  int rc = 0;
+  while ((rc = ::flock(fd_.get(), LOCK_EX | LOCK_NB)) != 0 && errno == EINTR) {
+  }
+  return rc == 0;
+}
+
 void OutboxIntake::unlock() noexcept {
   ::flock(fd_.get(), LOCK_UN);
 }

@@ -48,6 +48,8 @@ class OutboxIntake {
   bool readAt(Place place, std::string& content) const noexcept;
   // For a file two processes share: an exclusive advisory lock around a write or a taking.
   bool lock() noexcept;
+  // The same lock without waiting: false while another holder has it.
+  bool tryLock() noexcept;
   void unlock() noexcept;
   // True once the file was removed (another process took what it held).
   bool removed() const noexcept;

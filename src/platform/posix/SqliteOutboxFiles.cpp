@@ -190,6 +190,34 @@ std::size_t SqliteOutboxStore::adoptGuests(
   return taken;
 }
 
+bool SqliteOutboxStore::removeGuests() {
+  const std::filesystem::path database(path_);
+  const std::string prefix = database.filename().string() + kGuestSuffix;
+  std::vector<std::string> files;
+  std::error_code ec;
+  for (std::filesystem::directory_iterator it(database.parent_path(), ec), end; !ec && it != end;
+       it.increment(ec)) {
+    if (it->path().filename().string().starts_with(prefix))
+      files.push_back(it->path().string());
+  }
+  bool removed = true;
+  for (const auto& file : files) {
+    std::vector<OutboxIntake::Entry> entries;
+    const auto guest = OutboxIntake::adopt(file, entries);
+    if (!guest)
+      continue;
+    // Without waiting: the holder may be this process's own taking of the file, which waits
+    // for the outbox that this forgetting holds. A file held now is left to the next start.
+    if (!guest->tryLock()) {
+      removed = false;
+      continue;
+    }
+    removed = (::unlink(file.c_str()) == 0 || errno == ENOENT) && removed;
+    guest->unlock();
+  }
+  return removed;
+}
+
 bool SqliteOutboxStore::destroy() noexcept {
   if (inheritedByFork())
     return false;  // the parent's files
@@ -204,7 +232,7 @@ bool SqliteOutboxStore::destroy() noexcept {
     for (const auto& [number, file] : intakeFiles())
       removed = (::unlink(file.c_str()) == 0 || errno == ENOENT) && removed;
     // What other processes kept for this one goes with it.
-    adoptGuests([](const std::vector<OutboxRecord>&) { return true; });
+    removed = removeGuests() && removed;
   } catch (...) {
     removed = false;
   }

@@ -53,6 +53,8 @@ class SqliteOutboxStore final : public OutboxStore {
   static constexpr const char* kGuestSuffix = ".guest-";
   static constexpr const char* kHealingSuffix = ".healing";
 
+  // Removes the guest files of other processes (forgetting); false when one was held.
+  bool removeGuests();
   // A change in an intake file, not yet in the database.
   struct Pending {
     std::shared_ptr<const OutboxIntake> file;
