@@ -46,19 +46,27 @@ void put(sqlite3* db, const char* sql, std::int64_t id, const std::string& conte
 }
 
 // The database and its log as a kill leaves them: the answered records removed and the file
-// checkpointed (their old pages and cells still hold them), then a few records rewritten in the
-// log only. Returns what the outbox holds.
+// checkpointed (freed pages and dropped cells still hold them where deletion does not zero
+// them), then a few records rewritten in
+// the log only. Returns what the outbox holds.
 std::map<std::int64_t, std::string> writeKilledDatabase(const std::string& file) {
   std::map<std::int64_t, std::string> expected;
   sqlite3* db = nullptr;
   EXPECT_EQ(sqlite3_open(file.c_str(), &db), SQLITE_OK);
   runSql(db,
-         "PRAGMA journal_mode=WAL; PRAGMA wal_autocheckpoint=0; PRAGMA user_version=1;"
+         "PRAGMA secure_delete=OFF; PRAGMA journal_mode=WAL; PRAGMA wal_autocheckpoint=0; PRAGMA "
+         "user_version=1;"
          "CREATE TABLE outbox (id INTEGER PRIMARY KEY, content BLOB NOT NULL); BEGIN");
   for (std::int64_t id = 1; id <= kRows; ++id)
     put(db, "INSERT INTO outbox VALUES (?1, ?2)", id, contentOf(id, '.'));
+  // Removed one by one, the answered rows leave their cells behind the pointer arrays; a
+  // table dropped whole leaves its leaves intact on the freelist.
   runSql(db, "COMMIT; DELETE FROM outbox WHERE id <= " + std::to_string(kAnsweredBelow) +
-                 " OR id % 7 = 0; PRAGMA wal_checkpoint(TRUNCATE); BEGIN");
+                 " OR id % 7 = 0; CREATE TABLE spare (id INTEGER PRIMARY KEY, content BLOB);"
+                 "BEGIN");
+  for (std::int64_t id = 1; id <= kAnsweredBelow; ++id)
+    put(db, "INSERT INTO spare VALUES (?1, ?2)", id, contentOf(id, '.'));
+  runSql(db, "COMMIT; DROP TABLE spare; PRAGMA wal_checkpoint(TRUNCATE); BEGIN");
   for (std::int64_t id = kAnsweredBelow + 1; id <= kRows; ++id) {
     if (answered(id))
       continue;
