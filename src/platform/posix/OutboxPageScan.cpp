@@ -172,8 +172,11 @@ class Scanner {
     for (const auto number : overflow_)
       unreadable.erase(number);
     out.unreadablePages = unreadable.size();
-    for (auto& [id, content] : found)
+    for (auto& [id, content] : found) {
+      damaged_.erase(id);
       out.records.push_back({id, std::move(content)});
+    }
+    out.damaged = std::move(damaged_);
     return out;
   }
 
@@ -231,10 +234,15 @@ class Scanner {
       const std::uint8_t* end = page + usable_;
       const auto size = varint(p, end);
       const auto rowid = varint(p, end);
-      if (!size || !rowid || !readPayload(p, end, *size, payload))
+      if (!size || !rowid)
         continue;
+      const auto id = static_cast<std::int64_t>(*rowid);
+      if (!readPayload(p, end, *size, payload)) {
+        damaged_.insert(id);
+        continue;
+      }
       if (auto content = outboxContent(payload))
-        found.emplace(static_cast<std::int64_t>(*rowid), std::move(*content));
+        found.emplace(id, std::move(*content));
     }
     return true;
   }
@@ -298,6 +306,7 @@ class Scanner {
   std::uint32_t pages_ = 0;
   std::set<std::uint32_t> free_;
   std::set<std::uint32_t> overflow_;
+  std::set<std::int64_t> damaged_;
 };
 
 }  // namespace
@@ -311,8 +320,6 @@ PageScan scanPages(const std::string& path) {
 }
 
 void completeFromPages(const std::string& path, Salvage& salvage) {
-  if (salvage.gaps.empty())
-    return;
   PageScan scan = scanPages(path);
   if (!scan.trusted)
     return;
@@ -320,8 +327,10 @@ void completeFromPages(const std::string& path, Salvage& salvage) {
     std::map<std::int64_t, std::string> merged;
     for (auto& record : scan.records)
       merged.emplace(record.id, std::move(record.content));
-    for (const auto& record : salvage.records)
-      merged.insert_or_assign(record.id, record.content);
+    for (const auto& record : salvage.records) {
+      if (scan.damaged.count(record.id) == 0)
+        merged.insert_or_assign(record.id, record.content);
+    }
     std::vector<OutboxRecord> records;
     records.reserve(merged.size());
     for (auto& [id, content] : merged)
@@ -333,7 +342,8 @@ void completeFromPages(const std::string& path, Salvage& salvage) {
   // A page that could not be read held about as many records as a leaf does on average.
   const std::uint64_t perLeaf =
       scan.leaves == 0 ? 1 : std::max<std::uint64_t>(1, salvage.records.size() / scan.leaves);
-  salvage.lost = std::max<std::uint64_t>(1, scan.unreadablePages * perLeaf);
+  salvage.lost =
+      std::max<std::uint64_t>(salvage.gaps.empty() ? 0 : 1, scan.unreadablePages * perLeaf);
 }
 
 }  // namespace quorvel::platform

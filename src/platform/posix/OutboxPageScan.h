@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,9 @@ struct PageScan {
   // page still holds records that were answered and removed.
   bool trusted = false;
   std::vector<OutboxRecord> records;  // by number, one per number
+  // Numbers whose cell is in use but whose content cannot be read whole (an overflow page
+  // overwritten): SQLite may still hand such content back, wrong.
+  std::set<std::int64_t> damaged;
   std::uint64_t leaves = 0;           // table-leaf pages read
   std::uint64_t unreadablePages = 0;  // in use, but neither a page of the table nor free
 };
@@ -29,8 +33,9 @@ PageScan scanPages(const std::string& path);
 
 struct Salvage;
 
-// Completes a salvage that met damage with what the page scan finds that seeking missed, and
-// estimates what was lost from the pages that could not be read.
+// Completes a salvage with what the page scan finds that seeking missed (below a damaged
+// interior page), drops what it read from overwritten overflow pages, and estimates what was
+// lost from the pages that could not be read.
 void completeFromPages(const std::string& path, Salvage& salvage);
 
 }  // namespace quorvel::platform
