@@ -17,7 +17,7 @@
 namespace quorvel::platform {
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
+using FileBytes = std::vector<std::uint8_t>;
 
 constexpr std::uint8_t kTableLeaf = 13;
 constexpr std::uint8_t kTableInterior = 5;
@@ -36,9 +36,9 @@ std::uint32_t be16(const std::uint8_t* p) {
   return (std::uint32_t{p[0]} << 8) | p[1];
 }
 
-Bytes readWhole(const std::string& path) {
+FileBytes readWhole(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  return FileBytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 bool validPageSize(std::uint32_t size) {
@@ -87,7 +87,7 @@ class PageImage {
  private:
   // The frames of every committed transaction, checked as SQLite checks them (salts and the
   // running checksum): frames of an older log generation or of an unfinished one are ignored.
-  void readLog(Bytes log) {
+  void readLog(FileBytes log) {
     if (log.size() < kWalHeader || (be32(&log[0]) & ~1U) != 0x377f0682)
       return;
     const bool bigEndian = (be32(&log[0]) & 1U) != 0;
@@ -134,8 +134,8 @@ class PageImage {
     }
   }
 
-  Bytes file_;
-  Bytes log_;
+  FileBytes file_;
+  FileBytes log_;
   std::map<std::uint32_t, std::size_t> logged_;  // page number -> offset of its newest image
   std::uint32_t pageSize_ = 0;
   std::uint32_t logSize_ = 0;  // the database's size in pages after the last commit logged
