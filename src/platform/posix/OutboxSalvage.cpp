@@ -3,6 +3,8 @@
 // reached by seeking beyond the page, and only the records on it are lost.
 #include "platform/posix/OutboxSalvage.h"
 
+#include "platform/posix/OutboxPageScan.h"
+
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -128,6 +130,8 @@ Salvage salvageRecords(sqlite3* db) {
   } catch (...) {
     // Out of memory: what was read so far is saved.
   }
+  if (const char* file = sqlite3_db_filename(db, "main"); file != nullptr && *file != '\0')
+    completeFromPages(file, out);
   return out;
 }
 

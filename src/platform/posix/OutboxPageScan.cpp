@@ -1,0 +1,349 @@
+// Reads a damaged database file page by page. A page is taken as in use when it lies within the
+// database's size and is not on the freelist; the write-ahead log's committed frames replace
+// the pages they hold. Anything that does not parse exactly as the outbox's rows (two
+// columns: the number as the row id, the content as a blob) is left alone.
+#include "platform/posix/OutboxPageScan.h"
+
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <optional>
+#include <set>
+
+#include "platform/posix/OutboxSalvage.h"
+
+namespace quorvel::platform {
+namespace {
+
+using FileBytes = std::vector<std::uint8_t>;
+
+constexpr std::uint8_t kTableLeaf = 13;
+constexpr std::uint8_t kTableInterior = 5;
+constexpr std::size_t kFileHeader = 100;
+constexpr std::size_t kWalHeader = 32;
+constexpr std::size_t kFrameHeader = 24;
+// Far beyond any outbox: a size read from a damaged header past it is not believed.
+constexpr std::uint32_t kMaxPages = 1U << 24;
+
+std::uint32_t be32(const std::uint8_t* p) {
+  return (std::uint32_t{p[0]} << 24) | (std::uint32_t{p[1]} << 16) | (std::uint32_t{p[2]} << 8) |
+         p[3];
+}
+
+std::uint32_t be16(const std::uint8_t* p) {
+  return (std::uint32_t{p[0]} << 8) | p[1];
+}
+
+FileBytes readWhole(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return FileBytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+bool validPageSize(std::uint32_t size) {
+  return size >= 512 && size <= 65536 && (size & (size - 1)) == 0;
+}
+
+// A variable-length integer of the file format; nullopt when it runs past `end`.
+std::optional<std::uint64_t> varint(const std::uint8_t*& p, const std::uint8_t* end) {
+  std::uint64_t value = 0;
+  for (int i = 0; i < 9; ++i) {
+    if (p >= end)
+      return std::nullopt;
+    const std::uint8_t byte = *p++;
+    if (i == 8)
+      return (value << 8) | byte;
+    value = (value << 7) | (byte & 0x7f);
+    if ((byte & 0x80) == 0)
+      return value;
+  }
+  return value;
+}
+
+// The database as its file and committed log frames show it: page images by number.
+class PageImage {
+ public:
+  explicit PageImage(const std::string& path) : file_(readWhole(path)) {
+    pageSize_ = file_.size() >= kFileHeader ? be16(&file_[16]) : 0;
+    pageSize_ = pageSize_ == 1 ? 65536 : pageSize_;
+    readLog(readWhole(path + "-wal"));
+    if (!validPageSize(pageSize_))
+      pageSize_ = 4096;
+  }
+
+  std::uint32_t pageSize() const { return pageSize_; }
+  std::uint32_t logSize() const { return logSize_; }
+  std::uint32_t filePages() const { return static_cast<std::uint32_t>(file_.size() / pageSize_); }
+
+  // Page `number` (from 1), or nullptr when neither the file nor the log holds it whole.
+  const std::uint8_t* page(std::uint32_t number) const {
+    if (const auto it = logged_.find(number); it != logged_.end())
+      return &log_[it->second];
+    const std::size_t at = static_cast<std::size_t>(number - 1) * pageSize_;
+    return number >= 1 && at + pageSize_ <= file_.size() ? &file_[at] : nullptr;
+  }
+
+ private:
+  // The frames of every committed transaction, checked as SQLite checks them (salts and the
+  // running checksum): frames of an older log generation or of an unfinished one are ignored.
+  void readLog(FileBytes log) {
+    if (log.size() < kWalHeader || (be32(&log[0]) & ~1U) != 0x377f0682)
+      return;
+    const bool bigEndian = (be32(&log[0]) & 1U) != 0;
+    const std::uint32_t size = be32(&log[8]) == 1 ? 65536 : be32(&log[8]);
+    if (!validPageSize(size) || (validPageSize(pageSize_) && size != pageSize_))
+      return;
+    pageSize_ = size;
+    std::uint32_t s0 = 0;
+    std::uint32_t s1 = 0;
+    checksum(bigEndian, &log[0], 24, s0, s1);
+    if (s0 != be32(&log[24]) || s1 != be32(&log[28]))
+      return;
+    std::map<std::uint32_t, std::size_t> pending;
+    for (std::size_t at = kWalHeader; at + kFrameHeader + size <= log.size();
+         at += kFrameHeader + size) {
+      const std::uint8_t* frame = &log[at];
+      if (std::memcmp(frame + 8, &log[16], 8) != 0)
+        break;
+      checksum(bigEndian, frame, 8, s0, s1);
+      checksum(bigEndian, frame + kFrameHeader, size, s0, s1);
+      if (s0 != be32(frame + 16) || s1 != be32(frame + 20))
+        break;
+      pending[be32(frame)] = at + kFrameHeader;
+      if (const std::uint32_t commit = be32(frame + 4); commit != 0) {
+        for (const auto& [number, offset] : pending)
+          logged_[number] = offset;
+        pending.clear();
+        logSize_ = commit;
+      }
+    }
+    log_ = std::move(log);
+  }
+
+  static void checksum(bool bigEndian, const std::uint8_t* data, std::size_t n, std::uint32_t& s0,
+                       std::uint32_t& s1) {
+    const auto word = [bigEndian](const std::uint8_t* p) {
+      return bigEndian ? be32(p)
+                       : (std::uint32_t{p[3]} << 24) | (std::uint32_t{p[2]} << 16) |
+                             (std::uint32_t{p[1]} << 8) | p[0];
+    };
+    for (std::size_t i = 0; i + 8 <= n; i += 8) {
+      s0 += word(data + i) + s1;
+      s1 += word(data + i + 4) + s0;
+    }
+  }
+
+  FileBytes file_;
+  FileBytes log_;
+  std::map<std::uint32_t, std::size_t> logged_;  // page number -> offset of its newest image
+  std::uint32_t pageSize_ = 0;
+  std::uint32_t logSize_ = 0;  // the database's size in pages after the last commit logged
+};
+
+class Scanner {
+ public:
+  explicit Scanner(const std::string& path) : image_(path) {}
+
+  PageScan run() {
+    PageScan out;
+    const std::uint8_t* first = image_.page(1);
+    if (first == nullptr)
+      return out;
+    usable_ = image_.pageSize() - first[20];
+    if (usable_ < 480 || !readSize(first) || !readFreelist(first))
+      return out;
+    out.trusted = true;
+    std::map<std::int64_t, std::string> found;
+    std::set<std::uint32_t> unreadable;
+    for (std::uint32_t number = 2; number <= pages_; ++number) {
+      if (free_.count(number) > 0)
+        continue;
+      const std::uint8_t* page = image_.page(number);
+      if (page == nullptr) {
+        unreadable.insert(number);  // past the end of a file cut short
+        continue;
+      }
+      if (page[0] == kTableLeaf && readLeaf(page, found))
+        ++out.leaves;
+      else if (page[0] != kTableInterior)
+        unreadable.insert(number);  // damaged, or an overflow page (told apart below)
+    }
+    for (const auto number : overflow_)
+      unreadable.erase(number);
+    out.unreadablePages = unreadable.size();
+    for (auto& [id, content] : found) {
+      damaged_.erase(id);
+      out.records.push_back({id, std::move(content)});
+    }
+    out.damaged = std::move(damaged_);
+    return out;
+  }
+
+ private:
+  // The size recorded in the header is believed only when the header says it is current;
+  // the log's last commit knows better still.
+  bool readSize(const std::uint8_t* first) {
+    pages_ = image_.logSize();
+    if (pages_ == 0 && be32(first + 92) == be32(first + 24))
+      pages_ = be32(first + 28);
+    if (pages_ == 0)
+      pages_ = image_.filePages();
+    return pages_ >= 1 && pages_ <= kMaxPages &&
+           (first[100] == kTableLeaf || first[100] == kTableInterior);
+  }
+
+  // Every trunk and leaf of the freelist, which must add up to the count the header gives: a
+  // damaged trunk would hide freed pages, whose old records must not come back.
+  bool readFreelist(const std::uint8_t* first) {
+    const std::uint32_t count = be32(first + 36);
+    std::uint32_t trunk = be32(first + 32);
+    if (count >= pages_)
+      return false;
+    const auto add = [this](std::uint32_t number) {
+      return number >= 2 && number <= pages_ && free_.insert(number).second;
+    };
+    while (trunk != 0) {
+      const std::uint8_t* page = image_.page(trunk);
+      if (free_.size() >= count || page == nullptr || !add(trunk))
+        return false;
+      const std::uint32_t leaves = be32(page + 4);
+      if (leaves > usable_ / 4 - 2 || free_.size() + leaves > count)
+        return false;
+      for (std::uint32_t i = 0; i < leaves; ++i) {
+        if (!add(be32(page + 8 + 4 * i)))
+          return false;
+      }
+      trunk = be32(page);
+    }
+    return free_.size() == count;
+  }
+
+  // The cells of one table-leaf page, each kept only when it is a whole outbox row. False when
+  // the page's header does not hold together.
+  bool readLeaf(const std::uint8_t* page, std::map<std::int64_t, std::string>& found) {
+    const std::uint32_t cells = be16(page + 3);
+    if (8 + 2 * cells > usable_)
+      return false;
+    for (std::uint32_t i = 0; i < cells; ++i) {
+      const std::uint32_t at = be16(page + 8 + 2 * i);
+      if (at < 8 + 2 * cells || at >= usable_)
+        continue;
+      std::string payload;
+      const std::uint8_t* p = page + at;
+      const std::uint8_t* end = page + usable_;
+      const auto size = varint(p, end);
+      const auto rowid = varint(p, end);
+      if (!size || !rowid)
+        continue;
+      const auto id = static_cast<std::int64_t>(*rowid);
+      if (!readPayload(p, end, *size, payload)) {
+        damaged_.insert(id);
+        continue;
+      }
+      if (auto content = outboxContent(payload))
+        found.emplace(id, std::move(*content));
+    }
+    return true;
+  }
+
+  // A cell's payload: what the page holds, then its overflow chain.
+  bool readPayload(const std::uint8_t* p, const std::uint8_t* end, std::uint64_t size,
+                   std::string& payload) {
+    const std::uint64_t most = usable_ - 35;
+    std::uint64_t local = size;
+    if (size > most) {
+      const std::uint64_t least = (usable_ - 12) * 32 / 255 - 23;
+      const std::uint64_t k = least + (size - least) % (usable_ - 4);
+      local = k <= most ? k : least;
+    }
+    if (p + local + (local < size ? 4 : 0) > end)
+      return false;
+    payload.assign(reinterpret_cast<const char*>(p), local);
+    if (local == size)
+      return true;
+    std::uint32_t next = be32(p + local);
+    std::vector<std::uint32_t> chain;
+    while (payload.size() < size) {
+      const std::uint8_t* page = image_.page(next);
+      if (next < 2 || next > pages_ || free_.count(next) > 0 || page == nullptr ||
+          chain.size() > pages_)
+        return false;
+      chain.push_back(next);
+      const std::uint64_t part = std::min<std::uint64_t>(usable_ - 4, size - payload.size());
+      payload.append(reinterpret_cast<const char*>(page + 4), part);
+      next = be32(page);
+    }
+    // A chain ends on its last page: anything else says a page of it was overwritten, and the
+    // content read is not the record's.
+    if (next != 0)
+      return false;
+    overflow_.insert(chain.begin(), chain.end());
+    return true;
+  }
+
+  // The content of an outbox row's record: a NULL for the number (it is the row id), then a
+  // blob (or text) that fills the rest exactly.
+  static std::optional<std::string> outboxContent(const std::string& payload) {
+    const auto* begin = reinterpret_cast<const std::uint8_t*>(payload.data());
+    const auto* end = begin + payload.size();
+    const std::uint8_t* p = begin;
+    const auto headerSize = varint(p, end);
+    if (!headerSize || *headerSize > payload.size())
+      return std::nullopt;
+    const auto id = varint(p, end);
+    const auto content = varint(p, end);
+    if (!id || !content || *id != 0 || *content < 12 || p != begin + *headerSize)
+      return std::nullopt;
+    const std::uint64_t length = (*content - 12) / 2;
+    if (*headerSize + length != payload.size())
+      return std::nullopt;
+    return payload.substr(*headerSize);
+  }
+
+  PageImage image_;
+  std::uint32_t usable_ = 0;
+  std::uint32_t pages_ = 0;
+  std::set<std::uint32_t> free_;
+  std::set<std::uint32_t> overflow_;
+  std::set<std::int64_t> damaged_;
+};
+
+}  // namespace
+
+PageScan scanPages(const std::string& path) {
+  try {
+    return Scanner(path).run();
+  } catch (...) {
+    return {};  // out of memory: nothing trusted
+  }
+}
+
+void completeFromPages(const std::string& path, Salvage& salvage) {
+  PageScan scan = scanPages(path);
+  if (!scan.trusted)
+    return;
+  try {
+    std::map<std::int64_t, std::string> merged;
+    for (auto& record : scan.records)
+      merged.emplace(record.id, std::move(record.content));
+    for (const auto& record : salvage.records) {
+      if (scan.damaged.count(record.id) == 0)
+        merged.insert_or_assign(record.id, record.content);
+    }
+    std::vector<OutboxRecord> records;
+    records.reserve(merged.size());
+    for (auto& [id, content] : merged)
+      records.push_back({id, std::move(content)});
+    salvage.records = std::move(records);
+  } catch (...) {
+    return;  // out of memory: what seeking read stands
+  }
+  // A page that could not be read held about as many records as a leaf does on average.
+  const std::uint64_t perLeaf =
+      scan.leaves == 0 ? 1 : std::max<std::uint64_t>(1, salvage.records.size() / scan.leaves);
+  salvage.lost =
+      std::max<std::uint64_t>(salvage.gaps.empty() ? 0 : 1, scan.unreadablePages * perLeaf);
+}
+
+}  // namespace quorvel::platform
