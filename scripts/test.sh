@@ -41,6 +41,8 @@ for preset in $presets; do
     build/dev/bench/quorvel_burst --events 300 --emulator-requests 300 --bound 120 --idle 1
     build/dev/bench/quorvel_chaos --kills 8 --bound 60 --disk-full-trials 2
     build/dev/bench/quorvel_consent --runs 1 --pair-trials 2
+    build/dev/bench/quorvel_storage_faults >/dev/null
+    build/dev/bench/quorvel_salvage 20 1 >/dev/null
   fi
 done
 if [ "$configurations" != 0 ]; then
