@@ -3,6 +3,7 @@
 
 #include "cache/Outbox.h"
 #include "log/Log.h"
+#include "net/QuorvelHTTPClient.h"
 #include "net/ReportLedger.h"
 #include "tracker/TrackerLifetime.h"
 #include "util/PreferenceKeys.h"
