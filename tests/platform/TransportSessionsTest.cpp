@@ -2,6 +2,7 @@
 // nor the other sends, and a send that never answers fails at the request's deadline.
 #include <quorvel/Transport.h>
 
+#include <algorithm>
 #include <future>
 #include <mutex>
 #include <vector>
@@ -16,8 +17,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Keeps every request's `done`; the test answers when it chooses. `block` makes the first send
-// wait inside send() until released, as an engine's synchronous HTTP call does.
+// Keeps every request's `done`; the test answers when it chooses. The send of the URL given to
+// `block` waits inside send() until released, as an engine's synchronous HTTP call does.
 class HeldTransport final : public Transport {
  public:
   void send(TransportRequest request, TransportDone done) noexcept override {
@@ -26,25 +27,27 @@ class HeldTransport final : public Transport {
       const std::lock_guard lock(mutex_);
       urls_.push_back(request.url);
       dones_.push_back(std::move(done));
-      if (urls_.size() == 1 && block_)
+      if (request.url == blocked_)
         wait = release_.get_future().share();
     }
     sent_.notify_all();
     if (wait.valid())
       wait.wait();
   }
-  void block() { block_ = true; }
+  void block(std::string url) { blocked_ = std::move(url); }
   void release() { release_.set_value(); }
   // Waits (bounded) until `count` sends have begun.
   bool waitForSends(std::size_t count) {
     std::unique_lock lock(mutex_);
     return sent_.wait_for(lock, 10s, [&] { return urls_.size() >= count; });
   }
-  void answer(std::size_t index, long status) {
+  // Sends run on several lanes: their order is not the order of their tasks.
+  void answer(const std::string& url, long status) {
     TransportDone done;
     {
       const std::lock_guard lock(mutex_);
-      done = dones_.at(index);
+      const auto it = std::find(urls_.begin(), urls_.end(), url);
+      done = dones_.at(static_cast<std::size_t>(it - urls_.begin()));
     }
     done(TransportResponse{status, {}, {}}, std::nullopt);
   }
@@ -54,7 +57,7 @@ class HeldTransport final : public Transport {
   std::condition_variable sent_;
   std::vector<std::string> urls_;
   std::vector<TransportDone> dones_;
-  bool block_ = false;
+  std::string blocked_;
   std::promise<void> release_;
 };
 
@@ -64,7 +67,7 @@ platform::URLRequest post(const std::string& url, std::chrono::milliseconds time
 
 TEST(TransportSessions, ABlockingSendHoldsNeitherTheCallerNorTheNextSend) {
   const auto transport = std::make_shared<HeldTransport>();
-  transport->block();
+  transport->block("https://a.svc.example/1");
   const auto dispatcher = std::make_shared<platform::PosixDispatcher>();
   const auto sessions = makeTransportSessions(transport, dispatcher, "/tmp");
   const auto session = sessions->sharedSession();
@@ -77,7 +80,7 @@ TEST(TransportSessions, ABlockingSendHoldsNeitherTheCallerNorTheNextSend) {
   first->resume();  // returns although its send blocks
   next->resume();
   ASSERT_TRUE(transport->waitForSends(2));
-  transport->answer(1, 200);
+  transport->answer("https://a.svc.example/2", 200);
   auto answered = second.get_future();
   ASSERT_EQ(answered.wait_for(10s), std::future_status::ready);
   EXPECT_EQ(answered.get(), 200);
@@ -100,7 +103,7 @@ TEST(TransportSessions, ASendThatNeverAnswersFailsAtItsDeadlineAndALateAnswerIsI
   ASSERT_EQ(outcomes.size(), 1U);
   ASSERT_TRUE(outcomes[0]);
   EXPECT_EQ(outcomes[0]->code, -1001);
-  transport->answer(0, 200);
+  transport->answer("https://a.svc.example/slow", 200);
   dispatcher->runUntilIdle();
   EXPECT_EQ(outcomes.size(), 1U);
   dispatcher->clear();
