@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <future>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -36,6 +37,11 @@ class HeldTransport final : public Transport {
   }
   void block(std::string url) { blocked_ = std::move(url); }
   void release() { release_.set_value(); }
+  // Lets go of every request not answered (each holds its task, its session and so this).
+  void dropUnanswered() {
+    const std::lock_guard lock(mutex_);
+    dones_.clear();
+  }
   // Waits (bounded) until `count` sends have begun.
   bool waitForSends(std::size_t count) {
     std::unique_lock lock(mutex_);
@@ -47,7 +53,8 @@ class HeldTransport final : public Transport {
     {
       const std::lock_guard lock(mutex_);
       const auto it = std::find(urls_.begin(), urls_.end(), url);
-      done = dones_.at(static_cast<std::size_t>(it - urls_.begin()));
+      // Let go once answered, as a real transport does: a kept `done` holds its task.
+      done = std::exchange(dones_.at(static_cast<std::size_t>(it - urls_.begin())), nullptr);
     }
     done(TransportResponse{status, {}, {}}, std::nullopt);
   }
@@ -85,6 +92,7 @@ TEST(TransportSessions, ABlockingSendHoldsNeitherTheCallerNorTheNextSend) {
   ASSERT_EQ(answered.wait_for(10s), std::future_status::ready);
   EXPECT_EQ(answered.get(), 200);
   transport->release();
+  transport->dropUnanswered();
 }
 
 TEST(TransportSessions, ASendThatNeverAnswersFailsAtItsDeadlineAndALateAnswerIsIgnored) {
