@@ -154,16 +154,7 @@ std::size_t SqliteOutboxStore::adoptGuests(
     const std::function<bool(std::vector<OutboxRecord>)>& keep) noexcept {
   std::size_t taken = 0;
   try {
-    const std::filesystem::path database(path_);
-    const std::string prefix = database.filename().string() + kGuestSuffix;
-    std::vector<std::string> files;
-    std::error_code ec;
-    for (std::filesystem::directory_iterator it(database.parent_path(), ec), end; !ec && it != end;
-         it.increment(ec)) {
-      if (it->path().filename().string().starts_with(prefix))
-        files.push_back(it->path().string());
-    }
-    for (const auto& file : files) {
+    for (const auto& file : guestFiles()) {
       std::vector<OutboxIntake::Entry> entries;
       const auto guest = OutboxIntake::adopt(file, entries);
       if (!guest || !guest->lock())
@@ -190,7 +181,7 @@ std::size_t SqliteOutboxStore::adoptGuests(
   return taken;
 }
 
-bool SqliteOutboxStore::removeGuests() {
+std::vector<std::string> SqliteOutboxStore::guestFiles() const {
   const std::filesystem::path database(path_);
   const std::string prefix = database.filename().string() + kGuestSuffix;
   std::vector<std::string> files;
@@ -200,8 +191,12 @@ bool SqliteOutboxStore::removeGuests() {
     if (it->path().filename().string().starts_with(prefix))
       files.push_back(it->path().string());
   }
+  return files;
+}
+
+bool SqliteOutboxStore::removeGuests() {
   bool removed = true;
-  for (const auto& file : files) {
+  for (const auto& file : guestFiles()) {
     std::vector<OutboxIntake::Entry> entries;
     const auto guest = OutboxIntake::adopt(file, entries);
     if (!guest)

@@ -55,6 +55,8 @@ class SqliteOutboxStore final : public OutboxStore {
 
   // Removes the guest files of other processes (forgetting); false when one was held.
   bool removeGuests();
+  // The guest files in the data directory, whichever process wrote them.
+  std::vector<std::string> guestFiles() const;
   // A change in an intake file, not yet in the database.
   struct Pending {
     std::shared_ptr<const OutboxIntake> file;
