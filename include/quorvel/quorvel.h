@@ -154,7 +154,8 @@ QUORVEL_C_API void quorvel_options_init(quorvel_options* options);
 QUORVEL_C_API quorvel_status quorvel_tracker_create(const quorvel_options* options,
                                                     quorvel_tracker** tracker);
 /* Releases the tracker. Reports not yet answered stay in the outbox for the next start (flush
- * first to wait for them). Called on a host thread, it blocks until no callback and no
+ * first to wait for them). The data directory is let go before it returns: a tracker made next
+ * on the same folder, in this process or another, holds it and sends what this one kept. Called on a host thread, it blocks until no callback and no
  * transport call of this tracker is under way (transport calls: at most 10 s) and none
  * starts afterwards. Called from inside one of the tracker's callbacks or its transport's
  * send, it returns at once: nothing new is called from then on, and the tracker finishes on a

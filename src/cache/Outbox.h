@@ -185,6 +185,10 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   void drainAndSync() noexcept;
   // The same on the outbox's queue.
   void syncSoon();
+  // Writes what is buffered, syncs, and lets the data directory go for good: the tracker
+  // ends, and a new one (in this process or another) holds the directory at once. What comes
+  // after (a late answer's removal) is not written: its report goes again at the next start.
+  void release() noexcept;
   // Opens the store on the outbox's queue now, so that the first batch of a start is written
   // within milliseconds of its call instead of after the store's opening.
   void openSoon();
@@ -319,6 +323,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // The writer's state.
   std::mutex storeMutex_;
   bool opened_ = false;
+  bool released_ = false;  // the directory was let go: nothing is written or opened again
   std::vector<Op> spareBuffer_;
   Json counters_ = Json::object();  // the kept counters (record 0)
   bool countersDirty_ = false;

@@ -10,7 +10,7 @@ namespace quorvel {
 using namespace outbox_internal;
 
 void Outbox::openLocked() {
-  if (opened_)
+  if (opened_ || released_)
     return;
   opened_ = true;
   std::string reason = "no outbox store";

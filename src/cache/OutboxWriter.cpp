@@ -15,6 +15,8 @@ using namespace outbox_internal;
 void Outbox::writeBufferedLocked() {
   writeScheduled_ = false;
   promptWriteScheduled_ = false;
+  if (released_)
+    return;
   if (!opened_) {
     // Nothing to write is no reason to make the store (after a forgetting, none is there).
     const std::lock_guard lock(bufferMutex_);
@@ -297,6 +299,22 @@ void Outbox::drainAndSync() noexcept {
     lastSync_ = clock_->now();
   } catch (...) {
     // Exit and background paths never throw.
+  }
+}
+
+void Outbox::release() noexcept {
+  drainAndSync();
+  try {
+    const std::lock_guard lock(storeMutex_);
+    released_ = true;
+    for (const auto& store : {store_, lockedOut_}) {
+      if (store)
+        store->release();
+    }
+    store_.reset();
+    lockedOut_.reset();
+  } catch (...) {
+    // The exit path never throws; the store lets go when its last owner does.
   }
 }
 

@@ -144,7 +144,9 @@ TrackerCore::~TrackerCore() {
   // process's copy of the preferences is not written back.
   if (!isStopped())
     platform_->preferences->synchronize();
-  outbox_->drainAndSync();
+  // The data directory is let go now, not when the last late answer lets the outbox go: a
+  // tracker made next on the same folder holds it at once.
+  outbox_->release();
 }
 
 void TrackerCore::subscribeToLifecycleNotifications() {

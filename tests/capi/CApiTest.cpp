@@ -191,6 +191,28 @@ TEST(CApi, AHostFreesItsTransportStateOnceDestroyReturned) {
     thread.join();
   quorvel_tracker_destroy(tracker);
   host.reset();
+
+  // The folder is let go with the handle: a new tracker on it holds it at once and sends
+  // what the first one kept.
+  static std::atomic<int> answered = 0;
+  options.transport = [](void*, const quorvel_transport_request*, quorvel_transport_reply* reply) {
+    ++answered;
+    quorvel_transport_respond(reply, 200, "", 0, nullptr, 0);
+  };
+  ASSERT_EQ(quorvel_tracker_create(&options, &tracker), QUORVEL_OK);
+  quorvel_set_dev_key(tracker, "K", 1);
+  quorvel_set_app_id(tracker, "1", 1);
+  quorvel_delivery_stats stats{};
+  stats.struct_size = sizeof stats;
+  ASSERT_EQ(quorvel_get_delivery_stats(tracker, &stats), QUORVEL_OK);
+  EXPECT_EQ(stats.data_directory_held_elsewhere, 0);
+  quorvel_track_app_launch(tracker);
+  for (int i = 0; i < 30 && quorvel_flush(tracker, 1000) != QUORVEL_OK; ++i) {
+  }
+  EXPECT_EQ(quorvel_get_delivery_stats(tracker, &stats), QUORVEL_OK);
+  EXPECT_EQ(stats.waiting, 0U);
+  EXPECT_GE(answered.load(), 202);  // the two launches and the 200 events
+  quorvel_tracker_destroy(tracker);
 }
 
 // The lines a host's log function received.

@@ -57,6 +57,9 @@ class OutboxStore {
   // disk; a later open() makes a new, empty one. False when it cannot (the library then
   // removes the records one by one).
   virtual bool destroy() noexcept { return false; }
+  // Lets go of the storage for good (its files stay): the tracker that used it has ended, and
+  // another may open the same storage at once. Every later call fails, open() included.
+  virtual void release() noexcept {}
   // Why the last open(), apply() or sync() failed, for the log.
   virtual std::string lastError() const { return "write refused"; }
   // How many records the store found and could not read back since it opened (a damaged

@@ -122,6 +122,8 @@ void SqliteOutboxStore::rotateIntakeLocked() noexcept {
 bool SqliteOutboxStore::appendAsGuest(const std::vector<OutboxChange>& changes) noexcept {
   try {
     const std::lock_guard lock(guestMutex_);
+    if (released_)
+      return false;
     std::error_code ec;
     std::filesystem::create_directories(std::filesystem::path(path_).parent_path(), ec);
     for (int attempt = 0; attempt < 2; ++attempt) {
@@ -155,6 +157,8 @@ std::size_t SqliteOutboxStore::adoptGuests(
   std::size_t taken = 0;
   try {
     for (const auto& file : guestFiles()) {
+      if (released_)
+        break;  // no longer the holder
       std::vector<OutboxIntake::Entry> entries;
       const auto guest = OutboxIntake::adopt(file, entries);
       if (!guest || !guest->lock())

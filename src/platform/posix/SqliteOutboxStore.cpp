@@ -143,6 +143,22 @@ void SqliteOutboxStore::forgetInherited() noexcept {
   lock_ = ParentOnlyDescriptor();
 }
 
+void SqliteOutboxStore::release() noexcept {
+  released_ = true;
+  {
+    const std::lock_guard syncing(syncMutex_);
+    const std::lock_guard adopting(adoptMutex_);
+    if (inheritedByFork()) {
+      forgetInherited();
+    } else {
+      const std::lock_guard lock(intakeMutex_);
+      closeLocked();  // what the intake holds unsynced, the next holder reads from its file
+    }
+  }
+  const std::lock_guard guest(guestMutex_);
+  guest_.reset();
+}
+
 bool SqliteOutboxStore::exec(const char* sql) noexcept {
   return sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
 }
@@ -151,6 +167,10 @@ bool SqliteOutboxStore::open(std::string& reason) noexcept {
   if (inheritedByFork()) {
     close();
     reason = "a child made by fork() cannot use its parent's outbox: it makes its own";
+    return false;
+  }
+  if (released_) {
+    reason = "the tracker that used this outbox has ended";
     return false;
   }
   if (lock_.get() >= 0)

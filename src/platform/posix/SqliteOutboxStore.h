@@ -40,6 +40,7 @@ class SqliteOutboxStore final : public OutboxStore {
   std::int64_t idFloor() noexcept override;
   bool sync() noexcept override;
   bool destroy() noexcept override;
+  void release() noexcept override;
   std::string lastError() const override;
   std::uint64_t unreadableRecords() const noexcept override { return unreadable_.load(); }
   // What the last healing did (the file set aside, the records saved), once; empty if none.
@@ -108,6 +109,7 @@ class SqliteOutboxStore final : public OutboxStore {
   ParentOnlyDescriptor lock_;
   bool inherited_ = false;
   bool heldElsewhere_ = false;
+  std::atomic<bool> released_{false};
   int damage_ = 0;  // the SQLite code of damage met, until it is healed
   std::atomic<std::uint64_t> unreadable_{0};
   mutable std::mutex noteMutex_;
