@@ -136,6 +136,10 @@ bool Outbox::keepGuestRecordsLocked(std::vector<platform::OutboxRecord> records)
   std::vector<std::pair<Leftover, std::size_t>> adopted;
   std::vector<platform::OutboxChange> changes;
   for (auto& record : records) {
+    if (record.id < kCountersRecord) {  // the store's note of this taking: in the same batch
+      changes.push_back({record.id, std::move(record.content)});
+      continue;
+    }
     auto left = parseLeftover(record);
     if (!left || left->request)
       continue;  // a guest keeps only reports it has not built

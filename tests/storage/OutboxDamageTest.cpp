@@ -146,10 +146,13 @@ TEST_F(OutboxDamageTest, AGuestsRecordsGoToTheHolderOnce) {
   ASSERT_FALSE(guest.open(reason));
   ASSERT_TRUE(guest.heldByAnotherProcess());
   std::vector<std::string> taken;
+  SqliteOutboxStore* taker = &holder;
   const auto keep = [&](const std::vector<OutboxRecord>& records) {
-    for (const auto& r : records)
-      taken.push_back(r.content);
-    return true;
+    for (const auto& r : records) {
+      if (r.id >= 0)
+        taken.push_back(r.content);
+    }
+    return taker->apply({{records.back().id, records.back().content}});  // the taking's mark
   };
   ASSERT_TRUE(guest.appendAsGuest({{1, "a"}, {2, "b"}}));
   EXPECT_EQ(holder.adoptGuests(keep), 1U);
@@ -158,6 +161,21 @@ TEST_F(OutboxDamageTest, AGuestsRecordsGoToTheHolderOnce) {
   EXPECT_EQ(holder.adoptGuests(keep), 1U);  // refused once, kept for the next look
   EXPECT_EQ(holder.adoptGuests(keep), 0U);
   EXPECT_EQ(taken, (std::vector<std::string>{"a", "b", "c"}));
+
+  // A holder killed after it kept a file's records, before it removed the file: the next
+  // holder takes only what the guest appended since.
+  ASSERT_TRUE(guest.appendAsGuest({{4, "d"}}));
+  holder.adoptGuests([&](const std::vector<OutboxRecord>& records) {
+    keep(records);
+    holder.release();  // the kill: the file stays
+    return false;
+  });
+  ASSERT_TRUE(guest.appendAsGuest({{5, "e"}}));
+  SqliteOutboxStore next(file());
+  ASSERT_TRUE(next.open(reason)) << reason;
+  taker = &next;
+  EXPECT_EQ(next.adoptGuests(keep), 1U);
+  EXPECT_EQ(taken, (std::vector<std::string>{"a", "b", "c", "d", "e"}));
 }
 
 // Forgetting never waits for a guest file that is being taken: the taking may be this process's

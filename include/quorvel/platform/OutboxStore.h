@@ -76,8 +76,10 @@ class OutboxStore {
     return false;
   }
   // For the holder: hands the records other processes kept that way to `keep`, one file at a
-  // time, and removes a file once `keep` returned true (it made them its own). The number of
-  // files taken.
+  // time, and removes a file once `keep` returned true (it made them its own). The last record
+  // handed over has a negative id: the store's note of this taking, which `keep` applies in
+  // the same batch as the records it keeps, so that a holder killed before the file was
+  // removed does not leave them to be taken twice. The number of files taken.
   virtual std::size_t adoptGuests(
       const std::function<bool(std::vector<OutboxRecord>)>& /*keep*/) noexcept {
     return 0;

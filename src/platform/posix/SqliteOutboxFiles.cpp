@@ -152,10 +152,27 @@ bool SqliteOutboxStore::appendAsGuest(const std::vector<OutboxChange>& changes) 
   return false;
 }
 
+std::optional<SqliteOutboxStore::TakingMark> SqliteOutboxStore::takingMark() noexcept {
+  try {
+    const auto first = load(kTakingMark - 1, 1);
+    if (first.empty() || first.front().id != kTakingMark)
+      return std::nullopt;
+    const std::string& content = first.front().content;
+    const auto newline = content.rfind('\n');
+    if (newline == std::string::npos)
+      return std::nullopt;
+    return TakingMark{content.substr(0, newline), std::stoull(content.substr(newline + 1))};
+  } catch (...) {
+    return std::nullopt;  // unreadable: the file is taken whole, as before there was a mark
+  }
+}
+
 std::size_t SqliteOutboxStore::adoptGuests(
     const std::function<bool(std::vector<OutboxRecord>)>& keep) noexcept {
   std::size_t taken = 0;
   try {
+    const auto mark = takingMark();
+    bool markDone = mark && ::access(mark->file.c_str(), F_OK) != 0;
     for (const auto& file : guestFiles()) {
       if (released_)
         break;  // no longer the holder
@@ -165,21 +182,30 @@ std::size_t SqliteOutboxStore::adoptGuests(
         continue;
       entries.clear();
       const auto locked = OutboxIntake::adopt(file, entries);  // read again under the lock
+      const std::uint64_t takenBefore = mark && mark->file == file ? mark->length : 0;
+      std::uint64_t end = 0;
       std::map<std::int64_t, OutboxIntake::Entry> latest;
-      for (const auto& entry : entries)
-        latest.insert_or_assign(entry.id, entry);
+      for (const auto& entry : entries) {
+        end = std::max(end, entry.place.offset + entry.place.length);
+        if (entry.place.offset >= takenBefore)
+          latest.insert_or_assign(entry.id, entry);
+      }
       std::vector<OutboxRecord> records;
       for (const auto& [id, entry] : latest) {
         OutboxRecord record{id, {}};
         if (!entry.removed && locked && locked->readAt(entry.place, record.content))
           records.push_back(std::move(record));
       }
+      records.push_back({kTakingMark, file + "\n" + std::to_string(end)});
       if (!guest->removed() && keep(std::move(records))) {
         ::unlink(file.c_str());
         ++taken;
+        markDone = true;
       }
       guest->unlock();
     }
+    if (markDone)
+      apply({{kTakingMark, std::nullopt}});  // the files it named are gone
   } catch (...) {
   }
   return taken;

@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -54,6 +55,15 @@ class SqliteOutboxStore final : public OutboxStore {
   static constexpr const char* kGuestSuffix = ".guest-";
   static constexpr const char* kHealingSuffix = ".healing";
 
+  // Which guest file the holder was taking, and how much of it, written with the records it
+  // took: a holder killed before it removed the file leaves this mark, and the next one takes
+  // from that file only what was appended after it.
+  static constexpr std::int64_t kTakingMark = -2;
+  struct TakingMark {
+    std::string file;
+    std::uint64_t length = 0;
+  };
+  std::optional<TakingMark> takingMark() noexcept;
   // Removes the guest files of other processes (forgetting); false when one was held.
   bool removeGuests();
   // The guest files in the data directory, whichever process wrote them.
