@@ -49,7 +49,7 @@ bool isControlOrOverride(char32_t c) {
 }
 
 std::string escaped(const char* format, unsigned value) {
-  std::array<char, 8> text{};
+  std::array<char, 16> text{};  // room for any unsigned: an optimised build checks that
   std::snprintf(text.data(), text.size(), format, value);
   return text.data();
 }
