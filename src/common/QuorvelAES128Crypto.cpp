@@ -24,6 +24,13 @@ std::size_t characterCount(const std::string& text) {
   return count;
 }
 
+// The cipher's implementation, looked up once: a lookup by name on every message costs more than
+// the encryption of a small one. Never freed, as requests may be sealed while the process exits.
+const EVP_CIPHER* aes128Cbc() {
+  static const EVP_CIPHER* const fetched = EVP_CIPHER_fetch(nullptr, "AES-128-CBC", nullptr);
+  return fetched != nullptr ? fetched : EVP_aes_128_cbc();
+}
+
 struct CipherContextDeleter {
   void operator()(EVP_CIPHER_CTX* ctx) const noexcept { EVP_CIPHER_CTX_free(ctx); }
 };
@@ -80,7 +87,7 @@ const Bytes& QuorvelAES128Crypto::derivedKey() const {
   return key_;
 }
 
-std::optional<Bytes> QuorvelAES128Crypto::encrypt(const Bytes& data) const {
+std::optional<Bytes> QuorvelAES128Crypto::encrypt(std::span<const std::uint8_t> data) const {
   static constexpr const char* kMethod = "-[QuorvelAES128Crypto encrypt:]";
   const Bytes& key = derivedKey();
   // The derived key is never logged: with it, every payload of this app could be read.
@@ -88,13 +95,15 @@ std::optional<Bytes> QuorvelAES128Crypto::encrypt(const Bytes& data) const {
     log_->log(kLogError, kMethod, "Unable to encrypt data");
     return std::nullopt;
   }
-  Bytes out(data.size() + 16);
+  // Room for the padding, the IV and the salt at once: the message is never moved to grow.
+  Bytes out;
+  out.reserve(data.size() + 16 + iv_.size() + salt_.size());
+  out.resize(data.size() + 16);
   int produced = 0;
   int finalLength = 0;
   const std::unique_ptr<EVP_CIPHER_CTX, CipherContextDeleter> ctx(EVP_CIPHER_CTX_new());
   const bool ok =
-      ctx &&
-      EVP_EncryptInit_ex(ctx.get(), EVP_aes_128_cbc(), nullptr, key.data(), iv_.data()) == 1 &&
+      ctx && EVP_EncryptInit_ex(ctx.get(), aes128Cbc(), nullptr, key.data(), iv_.data()) == 1 &&
       EVP_EncryptUpdate(ctx.get(), out.data(), &produced, data.data(),
                         static_cast<int>(data.size())) == 1 &&
       EVP_EncryptFinal_ex(ctx.get(), out.data() + produced, &finalLength) == 1;

@@ -12,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 
 #include <quorvel/Json.h>
@@ -38,7 +39,7 @@ class QuorvelAES128Crypto {
   const Bytes& iv() const noexcept { return iv_; }
 
   // The sealed message, or nullopt (logged) when the cipher fails.
-  std::optional<Bytes> encrypt(const Bytes& data) const;
+  std::optional<Bytes> encrypt(std::span<const std::uint8_t> data) const;
 
   // Zeros (logged) when `random` is missing or fails.
   static Bytes randomDataOfLength(unsigned long length,

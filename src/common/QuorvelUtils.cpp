@@ -9,6 +9,7 @@
 
 #include "log/Log.h"
 #include "util/Base64.h"
+#include "util/CompactJson.h"
 #include "util/Trim.h"
 #include "util/Utf8.h"
 
@@ -68,7 +69,9 @@ std::string serialize(const Json& value) {
   }
   // Host text is made valid where it enters; a bad byte from anywhere else (a device name,
   // say) still must not cost the report, so it is replaced rather than refused.
-  return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+  std::string text;
+  appendCompactJson(value, text);
+  return text;
 }
 
 }  // namespace
@@ -169,18 +172,28 @@ std::optional<std::string> QuorvelUtils::getJsonStringFromDictionary(const Json&
 
 std::optional<Bytes> QuorvelUtils::getJsonDataFromDictionary(const Json& dictionary,
                                                              const Log& log) {
+  std::string text;
+  if (!appendJsonData(dictionary, text, log))
+    return std::nullopt;
+  return Bytes(text.begin(), text.end());
+}
+
+bool QuorvelUtils::appendJsonData(const Json& dictionary, std::string& out, const Log& log) {
   static constexpr const char* kMethod = "+[QuorvelUtils getJsonDataFromDictionary:]";
   if (!isValidJSONObject(dictionary)) {
     log.log(kLogDebug, kMethod, "Cannot serialize: %@",
             FormatArg::described(dictionary.dump(-1, ' ', false, Json::error_handler_t::replace)));
-    return std::nullopt;
+    return false;
   }
+  const std::size_t start = out.size();
   try {
-    const std::string text = serialize(dictionary);
-    return Bytes(text.begin(), text.end());
+    // Checked above: the text is written in one pass, without a second look at every value.
+    appendCompactJson(dictionary, out);
+    return true;
   } catch (const std::exception& e) {
+    out.resize(start);
     log.trace(kMethod, "JSON Serialization failed: %@", e.what());
-    return std::nullopt;
+    return false;
   }
 }
 

@@ -48,6 +48,9 @@ class QuorvelUtils {
   static std::optional<std::string> getJsonStringFromDictionary(const Json& dictionary,
                                                                 const Log& log);
   static std::optional<Bytes> getJsonDataFromDictionary(const Json& dictionary, const Log& log);
+  // The same text appended to `out`, a buffer the caller may reuse; false (logged, `out` as it
+  // was) when the value cannot be written.
+  static bool appendJsonData(const Json& dictionary, std::string& out, const Log& log);
 
   // One debug-level log entry showing an outgoing request, with a banner by `kind`.
   static void logRequestContent(std::int64_t kind, const std::string& url, const std::string& body,

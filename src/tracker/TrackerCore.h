@@ -233,6 +233,9 @@ class TrackerCore {
   std::optional<std::string> getInstallDate(const QVDateFormatter& formatter);
   // The creation date of the application's Library directory, read afresh.
   std::optional<std::chrono::system_clock::time_point> installDate() const;
+  // The temporary directory's modification date ("date2"): it changes while the process runs,
+  // so it is read again, but at most once a second by the clock, not for every report.
+  std::optional<std::chrono::system_clock::time_point> temporaryDirectoryDate() const;
   std::optional<std::string> getVersionUpdateDate(
       const std::optional<std::string>& version,
       const std::optional<std::string>& currentUpdateDate);
@@ -430,6 +433,11 @@ class TrackerCore {
   std::optional<std::string> currencyCode_;
   std::optional<std::string> appInviteHoplineID_;
   std::optional<std::chrono::system_clock::time_point> lastLaunchTime_;
+  struct TimedDate {
+    std::chrono::system_clock::time_point readAt;
+    std::optional<std::chrono::system_clock::time_point> date;
+  };
+  mutable std::optional<TimedDate> temporaryDirectoryDate_;
   std::shared_ptr<platform::URLSessionTask> validateRequest_;
 
   std::shared_ptr<QuorvelKeychainWrapper> keychain_;

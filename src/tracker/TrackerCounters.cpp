@@ -134,6 +134,23 @@ std::optional<std::chrono::system_clock::time_point> TrackerCore::installDate() 
   return fs.creationDate(fs.libraryDirectory());
 }
 
+std::optional<std::chrono::system_clock::time_point> TrackerCore::temporaryDirectoryDate() const {
+  using namespace std::chrono_literals;
+  const auto now = platform_->clock->now();
+  {
+    const std::lock_guard lock(fieldsMutex_);
+    // A clock set back is a reason to read again too.
+    if (const auto& kept = temporaryDirectoryDate_;
+        kept && now >= kept->readAt && now - kept->readAt < 1s)
+      return kept->date;
+  }
+  const auto& fs = *platform_->fileSystem;
+  const auto date = fs.modificationDate(fs.temporaryDirectory());
+  const std::lock_guard lock(fieldsMutex_);
+  temporaryDirectoryDate_ = TimedDate{now, date};
+  return date;
+}
+
 std::optional<std::string> TrackerCore::getVersionUpdateDate(
     const std::optional<std::string>& version,
     const std::optional<std::string>& currentUpdateDate) {

@@ -15,6 +15,8 @@
 #include "util/QuorvelDictionary.h"
 #include "util/WorkContext.h"
 
+#include <span>
+
 namespace quorvel {
 namespace {
 constexpr const char* kCallServerMethod =
@@ -115,10 +117,13 @@ void TrackerCore::callServerWithEventName(const std::string& name,
       format("https://%@.%@/api/v%@/ios%@?app_id=%@&buildnumber=%@", prefix, host(),
              kQuorvelAPIVersion, "event", appleAppID(), kQuorvelSDKVersion);
   const Bytes body = encryptData(parameters);
-  QuorvelUtils::logRequestContent(
-      isLaunch ? kRequestLaunch : kRequestEvent, url,
-      QuorvelUtils::getJsonStringFromDictionary(parameters.dict(), *log_).value_or(std::string()),
-      *log_);
+  // The clear text is written a second time only to be shown, or to have its fault logged.
+  if (log_->debugWanted() || body == Bytes{0xFF}) {
+    QuorvelUtils::logRequestContent(
+        isLaunch ? kRequestLaunch : kRequestEvent, url,
+        QuorvelUtils::getJsonStringFromDictionary(parameters.dict(), *log_).value_or(std::string()),
+        *log_);
+  }
   QuorvelRequestCacheData record(url, body, kQuorvelSDKVersion);
   auto self = self_;
   std::function<void()> answered = [self, isLaunch] {
@@ -202,12 +207,19 @@ void TrackerCore::validateAppID() const {
 }
 
 Bytes TrackerCore::encryptData(const QuorvelDictionary& parameters) const {
-  const auto json = QuorvelUtils::getJsonDataFromDictionary(parameters.dict(), *log_);
+  // The clear text is written into a buffer its thread keeps, so that a burst of reports
+  // writes into room it already has; one far larger than a report is given back.
+  static constexpr std::size_t kKeptTextCapacity = 64 * 1024;
+  thread_local std::string text;
+  text.clear();
+  const bool written = QuorvelUtils::appendJsonData(parameters.dict(), text, *log_);
   const auto cipher = crypto();
-  if (json && cipher) {
-    if (auto sealed = cipher->encrypt(*json))
-      return *sealed;
-    return {};
+  if (written && cipher) {
+    auto sealed =
+        cipher->encrypt(std::span(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()));
+    if (text.capacity() > kKeptTextCapacity)
+      std::string().swap(text);
+    return sealed ? std::move(*sealed) : Bytes{};
   }
   log_->log(kLogWarning, "-[QuorvelTracker encryptData:]", "Cannot encrypt `nil`");
   return Bytes{0xFF};

@@ -5,6 +5,8 @@
 
 #include "net/ReportLedger.h"
 
+#include <array>
+#include <charconv>
 #include <cstdlib>
 
 #include "common/QuorvelUtils.h"
@@ -22,10 +24,22 @@ namespace {
 constexpr const char* kMethod = "-[QuorvelTracker getEventParameters:]";
 
 // The advertising-identifier manager's class name, put together at run time so that no
-// literal of it is linked in.
-std::string advertisingManagerClassName() {
-  return format("%@%c%@%c%c%c%c%c%@%c%c%c%c%c%c%c%c%c%c", "A", 83, "I", 100, 101, 110, 116, 105,
-                "f", 105, 101, 114, 77, 97, 110, 97, 103, 101, 114);
+// literal of it is linked in; once per process.
+const std::string& advertisingManagerClassName() {
+  static const std::string name =
+      format("%@%c%@%c%c%c%c%c%@%c%c%c%c%c%c%c%c%c%c", "A", 83, "I", 100, 101, 110, 116, 105, "f",
+             105, 101, 114, 77, 97, 110, 97, 103, 101, 114);
+  return name;
+}
+
+// "%f" of a number of seconds without the printf machinery: six decimals, the same digits.
+std::string secondsText(double seconds) {
+  std::array<char, 64> text{};
+  const auto written =
+      std::to_chars(text.data(), text.data() + text.size(), seconds, std::chars_format::fixed, 6);
+  if (written.ec != std::errc())
+    return format("%f", seconds);
+  return std::string(text.data(), written.ptr);
 }
 
 std::optional<std::string> stringValue(const std::optional<Json>& v) {
@@ -72,9 +86,9 @@ QuorvelDictionary TrackerCore::getEventParameters(bool isLaunch) {
   const auto machine = QVSystemInfo::machineModel(*p.sysctl);
   d.setParameter(machine ? Json(*machine) : Json(), "platform");
   d.setParameter(Json(platfromDevName()), "platformextension");
-  d.setParameter(Json(format("%d", getCounter(isLaunch))), "counter");
-  d.setParameter(Json(format("%d", getRealLaunchCounter())), "sessioncounter");
-  d.setParameter(Json(format("%d", getInAppCounter(!isLaunch))), "iaecounter");
+  d.setParameter(Json(std::to_string(getCounter(isLaunch))), "counter");
+  d.setParameter(Json(std::to_string(getRealLaunchCounter())), "sessioncounter");
+  d.setParameter(Json(std::to_string(getInAppCounter(!isLaunch))), "iaecounter");
   const auto devKey = quorvelDevKey();
   d.setParameter(devKey ? Json(*devKey) : Json(), "dev_key");
   d.setParameter(QVSystemInfo::getSystemInfo(p), "deviceData");
@@ -82,7 +96,7 @@ QuorvelDictionary TrackerCore::getEventParameters(bool isLaunch) {
 
   // 3. Launches only: time since the last launch, the pending deep link and push payload.
   if (isLaunch) {
-    d.setParameter(Json(format("%f", getTimePassedSinceLastLaunch())), "timepassedsincelastlaunch");
+    d.setParameter(Json(secondsText(getTimePassedSinceLastLaunch())), "timepassedsincelastlaunch");
     deepLinkStep(d);
     pushPayloadStep(d);
   }
@@ -118,7 +132,7 @@ QuorvelDictionary TrackerCore::getEventParameters(bool isLaunch) {
   // 9. Dates.
   const auto formatter = QuorvelUtils::getDateFormatter(p.clock);
   const auto date1 = getInstallDate(formatter);
-  const auto tmpModified = p.fileSystem->modificationDate(p.fileSystem->temporaryDirectory());
+  const auto tmpModified = temporaryDirectoryDate();
   const std::optional<std::string> date2 =
       tmpModified ? std::optional<std::string>(formatter.stringFromDate(*tmpModified))
                   : std::nullopt;
@@ -150,7 +164,7 @@ QuorvelDictionary TrackerCore::getEventParameters(bool isLaunch) {
   // The moment of the host's call, not of the build: under a burst a build waits its turn.
   const auto report = ReportLedger::current();
   const auto callTime = report ? report->callTime() : std::nullopt;
-  d.setParameter(Json(format("%f", platform::secondsSince1970(callTime.value_or(p.clock->now())))),
+  d.setParameter(Json(secondsText(platform::secondsSince1970(callTime.value_or(p.clock->now())))),
                  "timestamp");
   if (const auto customer = customerUserID())
     d.setParameter(Json(*customer), "appUID");

@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include <quorvel/Json.h>
 
@@ -10,10 +11,11 @@ namespace quorvel {
 
 class QuorvelDictionary {
  public:
-  QuorvelDictionary() = default;
+  QuorvelDictionary();
 
-  // Stores `value` under `key`, or "" when the value is missing (nullopt or null).
-  void setParameter(const std::optional<Json>& value, const std::string& key);
+  // Stores `value` under `key`, or "" when the value is missing (nullopt or null). A key
+  // already present keeps its place and takes the new value.
+  void setParameter(std::optional<Json> value, std::string_view key);
 
   Json& dict() noexcept { return dict_; }
   const Json& dict() const noexcept { return dict_; }

@@ -3,6 +3,7 @@
 #include "common/QuorvelUtils.h"
 #include "support/TestPlatform.h"
 #include "util/Base64.h"
+#include "util/CompactJson.h"
 
 namespace quorvel {
 namespace {
@@ -85,6 +86,25 @@ TEST_F(UtilsTest, JsonSerialisationRefusesWhatItCannotWrite) {
   const auto data = QuorvelUtils::getJsonDataFromDictionary(Json{{"k", "v"}}, *log);
   ASSERT_TRUE(data);
   EXPECT_EQ(std::string(data->begin(), data->end()), R"({"k":"v"})");
+}
+
+TEST(CompactJson, WritesWhatTheLibraryDumpWrites) {
+  const Json values[] = {
+      Json::object(),
+      Json::array(),
+      Json{{"plain", "text with spaces"}, {"empty", ""}, {"n", nullptr}, {"t", true}},
+      Json{{"quote\"key", "back\\slash"}, {"ctl", std::string("a\x01\n\t\x7f")}},
+      Json{{"utf8", "\xc3\xa9\xf0\x9f\x98\x80"}, {"bad", std::string("a\xff\xc3")}},
+      Json{{"ints", {0, -1, 42, INT64_MIN, INT64_MAX}}, {"u", UINT64_MAX}},
+      Json{{"floats", {0.0, -0.5, 1e21, 3.14159, 1.0}}},
+      Json{{"nested", {{"a", Json::array({Json::object(), {1, "x"}})}}}},
+      Json{{"bytes", Json::binary({1, 2}, 7)}},
+  };
+  for (const auto& v : values) {
+    std::string text = "kept|";
+    appendCompactJson(v, text);
+    EXPECT_EQ(text, "kept|" + v.dump(-1, ' ', false, Json::error_handler_t::replace));
+  }
 }
 
 TEST_F(UtilsTest, DateFormattersUseTheDeviceZone) {
