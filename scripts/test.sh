@@ -40,6 +40,7 @@ for preset in $presets; do
     step "$preset: benchmarks, smoke run"
     build/dev/bench/quorvel_benchmark --benchmark_min_time=0.001 >/dev/null 2>&1
     build/dev/bench/quorvel_burst --events 300 --emulator-requests 300 --bound 120 --idle 1
+    build/dev/bench/quorvel_cost --quick --bound 120
     build/dev/bench/quorvel_chaos --kills 8 --bound 60 --disk-full-trials 2
     build/dev/bench/quorvel_consent --runs 1 --pair-trials 2
     build/dev/bench/quorvel_storage_faults >/dev/null

@@ -370,13 +370,21 @@ class TrackerCore {
     platform::TimePoint at;
   };
   void takeIntake(IntakeCall call);
-  // Takes at most `most` calls now (all by default); the rest in later turns on the outbox's
-  // queue.
-  void acceptIntake(std::size_t most = SIZE_MAX);
+  // Takes every call now, on the caller's thread; the watch goes on as it was.
+  void acceptIntake();
   // False when calls are left.
   bool acceptIntakeLocked(std::size_t most = SIZE_MAX);
-  void scheduleIntakeTurn();
+  // The outbox's queue watches the intake: a turn takes what is there, and while calls came
+  // lately it looks again every kIntakePoll, so that a host's call made meanwhile is taken
+  // without waking anything. Once no call came for kIntakeLinger the watch ends and the next
+  // call wakes the queue again.
+  void scheduleIntakeTurn(std::chrono::nanoseconds after = std::chrono::nanoseconds::zero());
+  void intakeTurn();
   static constexpr std::size_t kIntakeTurn = 512;
+  // Well within the 10 ms in which a call reaches the disk, with the outbox's batch window.
+  static constexpr std::chrono::milliseconds kIntakePoll{2};
+  // Calls of an app in use come closer together than this; an idle app pays no look after it.
+  static constexpr std::chrono::milliseconds kIntakeLinger{1000};
   void scheduleIntake(const IntakeCall& call);
   // The first tracking call of the process sends what an earlier one left unanswered.
   // Once the host gave a developer key and an app id: what an earlier run left goes within a
@@ -455,7 +463,12 @@ class TrackerCore {
   // with the tracker); a longer one goes on in allocated nodes.
   MpscQueue<IntakeCall> intake_{8192};
   std::mutex intakeConsumer_;  // one thread at a time takes the intake
-  std::atomic<bool> intakeScheduled_{false};
+  // Set while a turn of the outbox's queue is on its way to look at the intake: a host's call
+  // then only pushes. Raised by the host's call that finds it clear, cleared by the turn that
+  // ends the watch, which looks at the intake once more afterwards (both sides seq_cst: a
+  // call pushed as the watch ends sees it clear, or the last look sees the call).
+  std::atomic<bool> intakeWatched_{false};
+  platform::TimePoint intakeLastCall_{};  // the turns' own: when they last took a call
   // Reports are built on more than one queue; a counter is read, raised and written as one
   // step. The outbox's floor is read once: from then on the preferences in memory are above it.
   std::mutex countersMutex_;

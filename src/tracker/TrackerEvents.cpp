@@ -79,8 +79,9 @@ void TrackerCore::trackEventWithValues(const std::string& hostEventName,
 
 void TrackerCore::takeIntake(IntakeCall call) {
   intake_.push(std::move(call));
-  if (intakeScheduled_.exchange(true))
-    return;  // a turn of the queue is on its way and takes this call along
+  // While the intake is watched, the push is all: no system call, no wait for the queue.
+  if (intakeWatched_.load() || intakeWatched_.exchange(true))
+    return;
   scheduleIntakeTurn();
 }
 
@@ -88,25 +89,46 @@ void TrackerCore::takeIntake(IntakeCall call) {
 // threads may be busy building requests or syncing for tens of milliseconds, and a call must
 // reach the disk within 10 ms of its return. A turn takes a bounded number of calls, so that
 // the outbox writes a burst as it comes instead of holding all of it at once.
-void TrackerCore::scheduleIntakeTurn() {
-  outboxQueue_->async([self = self_] {
+void TrackerCore::scheduleIntakeTurn(std::chrono::nanoseconds after) {
+  auto turn = [self = self_] {
     if (const auto tracker = self->pin())
-      tracker->acceptIntake(kIntakeTurn);
-  });
+      tracker->intakeTurn();
+  };
+  if (after > std::chrono::nanoseconds::zero())
+    outboxQueue_->asyncAfter(after, std::move(turn));
+  else
+    outboxQueue_->async(std::move(turn));
 }
 
-void TrackerCore::acceptIntake(std::size_t most) {
-  const std::lock_guard lock(intakeConsumer_);
-  for (;;) {
-    if (!acceptIntakeLocked(most)) {
-      scheduleIntakeTurn();  // the flag stays set: the next turn takes the rest
-      return;
-    }
-    intakeScheduled_.store(false);
-    // A call pushed after the last look but before the flag fell found it still set.
-    if (intake_.empty() || intakeScheduled_.exchange(true))
-      return;
+// Only turns run this, one at a time on the outbox's serial queue, and only they clear the
+// watch: a turn either schedules the next one or ends the watch.
+void TrackerCore::intakeTurn() {
+  const auto now = platform_->clock->now();
+  std::unique_lock lock(intakeConsumer_);
+  const bool empty = intake_.empty();
+  if (!empty)
+    intakeLastCall_ = now;
+  if (!empty && !acceptIntakeLocked(kIntakeTurn)) {
+    lock.unlock();
+    scheduleIntakeTurn();  // more than a turn's worth: the next turn takes the rest at once
+    return;
   }
+  if (now - intakeLastCall_ < kIntakeLinger) {
+    lock.unlock();
+    scheduleIntakeTurn(kIntakePoll);
+    return;
+  }
+  intakeWatched_.store(false);
+  // A call pushed before the watch ended but after the last look found it still set.
+  if (intake_.empty() || intakeWatched_.exchange(true))
+    return;
+  lock.unlock();
+  scheduleIntakeTurn();
+}
+
+void TrackerCore::acceptIntake() {
+  const std::lock_guard lock(intakeConsumer_);
+  acceptIntakeLocked();
 }
 
 bool TrackerCore::acceptIntakeLocked(std::size_t most) {

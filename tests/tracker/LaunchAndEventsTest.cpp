@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "log/QuorvelProxyManager.h"
 #include "support/Decrypt.h"
 #include "support/TestPlatform.h"
@@ -267,6 +269,34 @@ TEST_F(LaunchAndEventsTest, BadBytesFromTheHostCostACharacterNeverTheReport) {
   fakes.dispatcher->advance(10s);
   ASSERT_GT(sent().size(), before);
   EXPECT_FALSE(payload(before).contains("qv_deeplink"));
+}
+
+// After a call the outbox's queue watches the intake for a while, so that the calls made
+// meanwhile only push; a second without calls ends the watch, and the next call wakes it.
+TEST_F(LaunchAndEventsTest, TheIntakeIsWatchedWhileCallsComeAndLetGoOnceTheyStop) {
+  const auto outboxTurns = [&] {
+    const auto ran = fakes.dispatcher->ranOn();
+    return std::count(ran.begin(), ran.end(), "com.quorvel.outbox");
+  };
+  tracker->trackEvent("first", std::nullopt);
+  fakes.dispatcher->advance(1ms);
+  ASSERT_EQ(sent().size(), 1U);
+  const auto pending = fakes.dispatcher->pendingCount();
+  tracker->trackEvent("watched", std::nullopt);
+  EXPECT_EQ(fakes.dispatcher->pendingCount(), pending);  // no work queued by the call itself
+  fakes.dispatcher->advance(3ms);
+  ASSERT_EQ(sent().size(), 2U);
+  EXPECT_EQ(payload(1)["event"], "watched");
+
+  fakes.dispatcher->advance(1100ms);
+  const auto turnsAfterTheWatch = outboxTurns();
+  fakes.dispatcher->advance(10s);
+  EXPECT_EQ(outboxTurns(), turnsAfterTheWatch);  // an idle tracker's queue is not woken
+
+  tracker->trackEvent("after", std::nullopt);
+  fakes.dispatcher->advance(1ms);
+  ASSERT_EQ(sent().size(), 3U);
+  EXPECT_EQ(payload(2)["event"], "after");
 }
 
 TEST_F(LaunchAndEventsTest, ADestroyedTrackerLeavesNothingBehindToRun) {
