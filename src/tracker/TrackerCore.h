@@ -382,7 +382,7 @@ class TrackerCore {
   void intakeTurn();
   static constexpr std::size_t kIntakeTurn = 512;
   // Well within the 10 ms in which a call reaches the disk, with the outbox's batch window.
-  static constexpr std::chrono::milliseconds kIntakePoll{4};
+  static constexpr std::chrono::milliseconds kIntakePoll{2};
   // Calls of an app in use come closer together than this; an idle app pays no look after it.
   static constexpr std::chrono::milliseconds kIntakeLinger{1000};
   void scheduleIntake(const IntakeCall& call);
