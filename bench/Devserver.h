@@ -11,8 +11,10 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -125,5 +127,32 @@ class Devserver {
   mutable long long delivered_ = 0;
   mutable long long countedUpTo_ = 0;
 };
+
+// Runs `run` in a new scratch folder under /tmp named after `tool`; an exception is an error
+// (2). The folder goes afterwards unless `keep(rc)` says otherwise, and then its place is said.
+inline int inScratchFolder(
+    const std::string& tool, const std::function<int(const std::filesystem::path&)>& run,
+    const std::function<bool(int)>& keep = [](int) { return false; }) {
+  std::string pattern = "/tmp/" + tool + "-XXXXXX";
+  if (::mkdtemp(pattern.data()) == nullptr) {
+    std::perror("mkdtemp");
+    return 2;
+  }
+  const std::filesystem::path root = pattern;
+  int rc = 0;
+  try {
+    rc = run(root);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "%s: %s\n", tool.c_str(), e.what());
+    rc = 2;
+  }
+  if (keep(rc)) {
+    std::fprintf(stderr, "%s: the run's files are kept in %s\n", tool.c_str(), root.c_str());
+  } else {
+    std::error_code ignored;
+    std::filesystem::remove_all(root, ignored);
+  }
+  return rc;
+}
 
 }  // namespace quorvel::bench

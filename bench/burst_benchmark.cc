@@ -370,15 +370,7 @@ int runEmulator(const Options& o, const fs::path& root) {
 
 int main(int argc, char** argv) {
   const Options o = parse(argc, argv);
-  char pattern[] = "/tmp/quorvel-burst-XXXXXX";
-  const char* made = ::mkdtemp(pattern);
-  if (made == nullptr) {
-    std::perror("mkdtemp");
-    return 2;
-  }
-  const fs::path root = made;
-  int rc = 0;
-  try {
+  const int rc = quorvel::bench::inScratchFolder("quorvel_burst", [&](const fs::path& root) {
     if (o.emulatorRequests > 0) {
       // The emulator alone runs in a child, so that the host figures of the burst are its own.
       const pid_t child = ::fork();
@@ -387,13 +379,7 @@ int main(int argc, char** argv) {
       int status = 0;
       ::waitpid(child, &status, 0);
     }
-    if (o.events > 0)
-      rc = runBurst(o, root);
-  } catch (const std::exception& e) {
-    std::fprintf(stderr, "quorvel_burst: %s\n", e.what());
-    rc = 2;
-  }
-  std::error_code ignored;
-  fs::remove_all(root, ignored);
+    return o.events > 0 ? runBurst(o, root) : 0;
+  });
   std::_Exit(rc);  // the tracker's exit flush is measured by the tests, not here
 }

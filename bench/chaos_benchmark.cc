@@ -188,25 +188,7 @@ int main(int argc, char** argv) {
     std::fputs(kUsage, help ? stdout : stderr);
     return help ? 0 : 2;
   }
-  char pattern[] = "/tmp/quorvel-chaos-XXXXXX";
-  const char* made = ::mkdtemp(pattern);
-  if (made == nullptr) {
-    std::perror("mkdtemp");
-    return 2;
-  }
-  const fs::path root = made;
-  int rc = 0;
-  try {
-    rc = runHarness(o, root);
-  } catch (const std::exception& e) {
-    std::fprintf(stderr, "quorvel_chaos: %s\n", e.what());
-    rc = 2;
-  }
-  if (rc == 0 && !verbose()) {
-    std::error_code ignored;
-    fs::remove_all(root, ignored);
-  } else {
-    std::fprintf(stderr, "quorvel_chaos: the run's files are kept in %s\n", root.c_str());
-  }
-  return rc;
+  return quorvel::bench::inScratchFolder(
+      "quorvel_chaos", [&](const fs::path& root) { return runHarness(o, root); },
+      [](int rc) { return rc != 0 || verbose(); });
 }

@@ -617,25 +617,7 @@ int main(int argc, char** argv) {
     return runHost(a);
   }
   const Options o = parse(argc, argv);
-  char pattern[] = "/tmp/quorvel-consent-XXXXXX";
-  const char* made = ::mkdtemp(pattern);
-  if (made == nullptr) {
-    std::perror("mkdtemp");
-    return 2;
-  }
-  const fs::path root = made;
-  int rc = 0;
-  try {
-    rc = runHarness(o, root);
-  } catch (const std::exception& e) {
-    std::fprintf(stderr, "quorvel_consent: %s\n", e.what());
-    rc = 2;
-  }
-  if (rc == 0 && std::getenv("QUORVEL_CONSENT_KEEP") == nullptr) {
-    std::error_code ignored;
-    fs::remove_all(root, ignored);
-  } else {
-    std::fprintf(stderr, "quorvel_consent: the run's files are kept in %s\n", root.c_str());
-  }
-  return rc;
+  return quorvel::bench::inScratchFolder(
+      "quorvel_consent", [&](const fs::path& root) { return runHarness(o, root); },
+      [](int rc) { return rc != 0 || std::getenv("QUORVEL_CONSENT_KEEP") != nullptr; });
 }

@@ -332,21 +332,7 @@ int main(int argc, char** argv) {
                                    [](const char* a) { return std::string(a) == "--help"; });
     return asked ? 0 : 2;
   }
-  char pattern[] = "/tmp/quorvel-cost-XXXXXX";
-  const char* made = ::mkdtemp(pattern);
-  if (made == nullptr) {
-    std::perror("mkdtemp");
-    return 2;
-  }
-  const fs::path root = made;
-  int rc = 0;
-  try {
-    rc = run(*options, root);
-  } catch (const std::exception& e) {
-    std::fprintf(stderr, "quorvel_cost: %s\n", e.what());
-    rc = 2;
-  }
-  std::error_code ignored;
-  fs::remove_all(root, ignored);
+  const int rc = quorvel::bench::inScratchFolder(
+      "quorvel_cost", [&](const fs::path& root) { return run(*options, root); });
   std::_Exit(rc);  // the exit flush is not what this measures
 }
