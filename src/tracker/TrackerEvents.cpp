@@ -113,7 +113,10 @@ void TrackerCore::intakeTurn() {
     scheduleIntakeTurn();  // more than a turn's worth: the next turn takes the rest at once
     return;
   }
-  if (now - intakeLastCall_ < kIntakeLinger) {
+  // A clock set back ends the watch rather than stretching it by as much: the next call
+  // starts it again.
+  if (const auto since = now - intakeLastCall_;
+      since >= platform::TimePoint::duration::zero() && since < kIntakeLinger) {
     lock.unlock();
     scheduleIntakeTurn(kIntakePoll);
     return;
