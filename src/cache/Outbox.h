@@ -23,6 +23,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <variant>
 #include <vector>
 
@@ -174,6 +175,10 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // between writing that file and removing the report here leaves both: the folder's copy
   // is the one that goes. Called on the outbox's queue.
   void setKeptElsewhere(std::function<bool(const QuorvelRequestCacheData&)> keptElsewhere);
+  // Told the name of each file made in the data directory while this process holds it (set
+  // once by the tracker, before the store opens): its markers live there. Called on a thread
+  // of the store's own; it must not wait for anything that ends the outbox.
+  void setOnFolderFile(std::function<void(std::string_view)> onFolderFile);
   // Hands what an earlier process left to `take`, once, on the outbox's queue. Built reports
   // are resent through the Resend first; `take` gets the unbuilt ones.
   void resume(std::function<void(std::vector<Leftover>)> take);
@@ -281,6 +286,10 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // Looks for guests every 2 s for a minute after one was seen (an idle holder that saw none
   // never wakes); a sync looks each time too.
   void scheduleGuestWatch();
+  // The store saw a guest begin (on its watch's thread): taken a moment later on the sync
+  // queue, once what the guest writes first has landed. Takes no lock: release() waits for
+  // that thread while holding the store's.
+  void guestSeen() noexcept;
   void countNotKeptLocked();
   // A sync's result: a failure is counted and said once an episode.
   void noteSyncLocked(bool synced);
@@ -355,6 +364,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   Limits limits_;
   Resend resend_;
   std::function<bool(const QuorvelRequestCacheData&)> keptElsewhere_;
+  std::function<void(std::string_view)> onFolderFile_;
   int retryAttempt_ = 0;
   bool retryScheduled_ = false;
   std::shared_ptr<platform::OutboxStore> lockedOut_;  // held by another process: tried again
@@ -367,6 +377,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   std::uint64_t storeUnreadable_ = 0;
   platform::TimePoint guestWatchUntil_{};
   bool guestWatchScheduled_ = false;
+  std::atomic<bool> guestTakingScheduled_{false};
   bool notKeptLogged_ = false;
   bool syncFailureLogged_ = false;
   platform::TimePoint notBefore_{};  // the service's Retry-After: no retry before it

@@ -10,6 +10,12 @@ namespace quorvel {
 
 using namespace outbox_internal;
 
+namespace {
+// A guest's file is made just before its first batch is written into it: taken at once, it
+// would often be taken empty, and the guest would start another.
+constexpr std::chrono::milliseconds kGuestSettle{250};
+}  // namespace
+
 void Outbox::scheduleLockRetry() {
   runLocked(&Outbox::retryLockLocked, kLockBackoff.delay(lockAttempt_++, backoffRandom()));
 }
@@ -175,6 +181,25 @@ void Outbox::scheduleGuestWatch() {
       self->adoptGuests(store);
     const std::lock_guard lock(self->storeMutex_);
     self->scheduleGuestWatch();
+  });
+}
+
+void Outbox::guestSeen() noexcept {
+  if (guestTakingScheduled_.exchange(true))
+    return;
+  std::weak_ptr<Outbox> weak = weak_from_this();
+  syncQueue_->asyncAfter(kGuestSettle, [weak] {
+    const auto self = weak.lock();
+    if (!self)
+      return;
+    self->guestTakingScheduled_ = false;
+    std::shared_ptr<platform::OutboxStore> store;
+    {
+      const std::lock_guard lock(self->storeMutex_);
+      store = self->store_;
+    }
+    if (store)
+      self->adoptGuests(store);
   });
 }
 

@@ -51,8 +51,16 @@ void Outbox::openSoon() {
 // the sync queue, and the counters when the first one is asked for.
 void Outbox::readStoreLocked() {
   noteUnreadableLocked();
-  // What other processes kept while they could not open the store: taken off this thread.
+  // What other processes kept while they could not open the store: taken off this thread;
+  // what they keep from now on, as soon as the store sees it (watched first, so that a guest
+  // file made in between is not left to wait).
   std::weak_ptr<Outbox> weak = weak_from_this();
+  store_->watchFolder(
+      [weak] {
+        if (const auto self = weak.lock())
+          self->guestSeen();
+      },
+      onFolderFile_);
   syncQueue_->async([weak, store = store_] {
     if (const auto self = weak.lock())
       self->adoptGuests(store);

@@ -160,6 +160,11 @@ void Outbox::setKeptElsewhere(std::function<bool(const QuorvelRequestCacheData&)
   keptElsewhere_ = std::move(keptElsewhere);
 }
 
+void Outbox::setOnFolderFile(std::function<void(std::string_view)> onFolderFile) {
+  const std::lock_guard lock(storeMutex_);
+  onFolderFile_ = std::move(onFolderFile);
+}
+
 void Outbox::resume(std::function<void(std::vector<Leftover>)> take) {
   std::weak_ptr<Outbox> weak = weak_from_this();
   queue_->async([weak, take = std::move(take)] {

@@ -38,6 +38,13 @@ void ConsentGate::checkElsewhere() const {
     stoppedElsewhereSeen_();
 }
 
+void ConsentGate::lookElsewhereNow() const {
+  if (stopped_.load() || !stoppedElsewhere_)
+    return;
+  lastCheckMs_.store(kNeverChecked);
+  checkElsewhere();
+}
+
 void ConsentGate::stop() const {
   std::call_once(storedRead_, [] {});  // a later first read cannot overwrite this
   stopped_.store(true);

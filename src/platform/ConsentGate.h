@@ -46,6 +46,9 @@ class ConsentGate {
   // returns, nothing of that work writes or sends any more. Never from inside a hold.
   void stopAndSettle() const;
   void run();
+  // Looks at once whether another process stopped the library (its marker was just seen made),
+  // instead of at the next question after the interval.
+  void lookElsewhereNow() const;
 
   // Taken by work that writes the install's state or hands a report on (a build, the storing
   // of an answer), around its check of the gate and the writes that follow it, so that a stop

@@ -111,6 +111,14 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
         }
         return request.postData() && kept->count(*request.postData()) > 0;
       });
+  // The holder of the data directory sees a stop or a forgetting made by another process when
+  // its marker is made, idle or not: the markers live in the folder its store watches.
+  outbox_->setOnFolderFile(
+      [consent = std::weak_ptr<const platform::ConsentGate>(consent_)](std::string_view name) {
+        if (name == kStopMarkerName)
+          if (const auto gate = consent.lock())
+            gate->lookElsewhereNow();
+      });
   iAdClient_ = std::make_shared<const QVSDKiAdClient>(platform_, log_);
   mBackgroundQueue_ = platform_->dispatcher->makeSerialQueue(kSerialQueueLabel);
   // Written through the system log itself, so that it shows even with debugging off.

@@ -12,6 +12,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <quorvel/Error.h>
@@ -321,6 +322,7 @@ class TrackerCore {
   // A file whose presence says that the library is stopped, for the other processes on the
   // same data directory, which read their preferences only at start.
   static std::string stopMarkerPath(const Platform& platform);
+  static constexpr std::string_view kStopMarkerName = "QuorvelStopped";
   // What the stop marker holds: a stop, or a forgetting, which the other processes carry out
   // too (on what they hold in memory, and the holder of the data directory on its outbox).
   static constexpr std::uint8_t kStoppedMark = '1';

@@ -69,7 +69,7 @@ bool sweepTemporaryFiles(platform::FileSystem& fs, const std::string& directory,
 }  // namespace
 
 std::string TrackerCore::stopMarkerPath(const Platform& platform) {
-  return platform.fileSystem->libraryDirectory() + "/QuorvelStopped";
+  return platform.fileSystem->libraryDirectory() + "/" + std::string(kStopMarkerName);
 }
 
 std::string TrackerCore::forgetMarkerPath() const {

@@ -3,8 +3,10 @@
 // is durable again. A passing fault never sets a sound database aside.
 #include <sqlite3.h>
 
+#include <condition_variable>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <random>
 
 #include <gtest/gtest.h>
@@ -135,9 +137,9 @@ TEST_F(OutboxDamageTest, AnOldSchemaIsMigratedInPlace) {
   EXPECT_EQ(filesStartingWith(dir / "Library", "QuorvelOutbox.sqlite.corrupt-"), 0U);
 }
 
-// A second opener, refused the store, keeps its records in a file of its own; the holder takes
-// each file whole, and a guest whose file was taken starts another: nothing is lost or taken
-// twice.
+// A second opener, refused the store, keeps its records in a file of its own; the holder hears
+// of it and takes each file whole, and a guest whose file was taken starts another: nothing is lost
+// or taken twice.
 TEST_F(OutboxDamageTest, AGuestsRecordsGoToTheHolderOnce) {
   SqliteOutboxStore holder(file());
   SqliteOutboxStore guest(file());
@@ -154,7 +156,22 @@ TEST_F(OutboxDamageTest, AGuestsRecordsGoToTheHolderOnce) {
     }
     return taker->apply({{records.back().id, records.back().content}});  // the taking's mark
   };
+  // An idle holder is told of a guest's first file at once (a real wait, bounded).
+  std::mutex seenMutex;
+  std::condition_variable seenChanged;
+  bool seen = false;
+  holder.watchFolder(
+      [&] {
+        const std::lock_guard lock(seenMutex);
+        seen = true;
+        seenChanged.notify_all();
+      },
+      nullptr);
   ASSERT_TRUE(guest.appendAsGuest({{1, "a"}, {2, "b"}}));
+  {
+    std::unique_lock lock(seenMutex);
+    EXPECT_TRUE(seenChanged.wait_for(lock, std::chrono::seconds(10), [&] { return seen; }));
+  }
   EXPECT_EQ(holder.adoptGuests(keep), 1U);
   ASSERT_TRUE(guest.appendAsGuest({{3, "c"}}));  // its first file is gone: a new one
   EXPECT_EQ(holder.adoptGuests([](const std::vector<OutboxRecord>&) { return false; }), 0U);

@@ -7,6 +7,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #pragma GCC visibility push(default)  // the public interface is what the library exports
@@ -84,6 +85,13 @@ class OutboxStore {
       const std::function<bool(std::vector<OutboxRecord>)>& /*keep*/) noexcept {
     return 0;
   }
+  // For the holder: calls `onGuest`, from a thread of the store's own, when another process
+  // begins keeping records for it, so that an idle holder takes them within a moment instead
+  // of at its next write, and `onOtherFile` with the name of any other file made in the
+  // store's folder (the library's markers live there too). A store that cannot tell never
+  // calls them. Ends at release(). Neither may wait for anything that calls release().
+  virtual void watchFolder(std::function<void()> /*onGuest*/,
+                           std::function<void(std::string_view)> /*onOtherFile*/) noexcept {}
 };
 
 }  // namespace quorvel::platform

@@ -211,6 +211,27 @@ std::size_t SqliteOutboxStore::adoptGuests(
   return taken;
 }
 
+void SqliteOutboxStore::watchFolder(std::function<void()> onGuest,
+                                    std::function<void(std::string_view)> onOtherFile) noexcept {
+  try {
+    const std::lock_guard watching(watchMutex_);
+    if (folderWatch_ || released_ || inheritedByFork())
+      return;
+    const std::filesystem::path database(path_);
+    folderWatch_ = NewFileWatch::start(
+        database.parent_path().string(),
+        [guestPrefix = database.filename().string() + kGuestSuffix, onGuest = std::move(onGuest),
+         onOtherFile = std::move(onOtherFile)](std::string_view name) {
+          if (name.starts_with(guestPrefix))
+            onGuest();
+          else if (onOtherFile)
+            onOtherFile(name);
+        });
+  } catch (...) {
+    // Not watched: guests are taken at this holder's next write, or by the next holder.
+  }
+}
+
 std::vector<std::string> SqliteOutboxStore::guestFiles() const {
   const std::filesystem::path database(path_);
   const std::string prefix = database.filename().string() + kGuestSuffix;

@@ -146,6 +146,10 @@ void SqliteOutboxStore::forgetInherited() noexcept {
 void SqliteOutboxStore::release() noexcept {
   released_ = true;
   {
+    const std::lock_guard watching(watchMutex_);
+    folderWatch_.reset();
+  }
+  {
     const std::lock_guard syncing(syncMutex_);
     const std::lock_guard adopting(adoptMutex_);
     if (inheritedByFork()) {

@@ -17,6 +17,7 @@
 #include <quorvel/platform/OutboxStore.h>
 
 #include "platform/ParentOnlyDescriptor.h"
+#include "platform/posix/NewFileWatch.h"
 #include "platform/posix/OutboxIntake.h"
 
 struct sqlite3;
@@ -49,6 +50,8 @@ class SqliteOutboxStore final : public OutboxStore {
   bool appendAsGuest(const std::vector<OutboxChange>& changes) noexcept override;
   std::size_t adoptGuests(
       const std::function<bool(std::vector<OutboxRecord>)>& keep) noexcept override;
+  void watchFolder(std::function<void()> onGuest,
+                   std::function<void(std::string_view)> onOtherFile) noexcept override;
 
  private:
   static constexpr const char* kIntakeSuffix = ".intake-";
@@ -145,6 +148,10 @@ class SqliteOutboxStore final : public OutboxStore {
   std::vector<std::string> retired_;
   PendingMap pending_;     // appended since the last sync() began
   PendingMap committing_;  // being moved into the database by sync() (or failed to be)
+
+  // Last, so that it ends first: its thread calls out of the store, never into it.
+  std::mutex watchMutex_;
+  std::unique_ptr<NewFileWatch> folderWatch_;
 };
 
 }  // namespace quorvel::platform

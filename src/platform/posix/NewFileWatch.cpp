@@ -1,0 +1,108 @@
+// The folder is watched with inotify, for files made in it or moved into it; a second
+// descriptor (an eventfd) ends the wait when the watch goes. Both are closed in a child made
+// by fork(), which has no copy of the thread.
+#include "platform/posix/NewFileWatch.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "platform/ForkGeneration.h"
+#include "platform/ParentOnlyDescriptor.h"
+
+namespace quorvel::platform {
+
+struct NewFileWatch::State {
+  ParentOnlyDescriptor watch;
+  ParentOnlyDescriptor stop;
+  std::function<void(std::string_view)> onNewFile;
+};
+
+namespace {
+
+// Tells every event waiting; false at the end of the watch (its descriptor gone).
+bool tellEvents(const NewFileWatch::State& state) noexcept {
+  alignas(inotify_event) std::array<char, 4096> buffer{};
+  for (;;) {
+    const ssize_t length = ::read(state.watch.get(), buffer.data(), buffer.size());
+    if (length < 0)
+      return errno == EAGAIN || errno == EINTR;
+    if (length == 0)
+      return false;
+    for (ssize_t at = 0; at + static_cast<ssize_t>(sizeof(inotify_event)) <= length;) {
+      inotify_event event{};
+      std::memcpy(&event, buffer.data() + at, sizeof event);
+      const char* const name = buffer.data() + at + sizeof event;
+      if (event.len > 0) {
+        try {
+          state.onNewFile(std::string_view(name, ::strnlen(name, event.len)));
+        } catch (...) {
+          // The watch goes on: the next file is told again.
+        }
+      }
+      at += static_cast<ssize_t>(sizeof event + event.len);
+    }
+  }
+}
+
+void watchUntilStopped(const std::shared_ptr<const NewFileWatch::State>& state) noexcept {
+  std::array<pollfd, 2> fds{{{state->watch.get(), POLLIN, 0}, {state->stop.get(), POLLIN, 0}}};
+  for (;;) {
+    if (::poll(fds.data(), fds.size(), -1) < 0) {
+      if (errno == EINTR)
+        continue;
+      return;
+    }
+    if (fds[1].revents != 0)
+      return;
+    if (fds[0].revents != 0 && !tellEvents(*state))
+      return;
+  }
+}
+
+}  // namespace
+
+std::unique_ptr<NewFileWatch> NewFileWatch::start(const std::string& folder,
+                                                  std::function<void(std::string_view)> onNewFile) {
+  auto state = std::make_shared<State>();
+  state->watch = ParentOnlyDescriptor(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+  state->stop = ParentOnlyDescriptor(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+  if (state->watch.get() < 0 || state->stop.get() < 0 ||
+      ::inotify_add_watch(state->watch.get(), folder.c_str(),
+                          IN_CREATE | IN_MOVED_TO | IN_ONLYDIR) < 0)
+    return nullptr;
+  state->onNewFile = std::move(onNewFile);
+  try {
+    auto thread = std::make_unique<std::thread>(
+        [shared = std::shared_ptr<const State>(state)] { watchUntilStopped(shared); });
+    return std::unique_ptr<NewFileWatch>(new NewFileWatch(std::move(state), std::move(thread)));
+  } catch (...) {
+    return nullptr;  // no thread to be had
+  }
+}
+
+NewFileWatch::NewFileWatch(std::shared_ptr<State> state,
+                           std::unique_ptr<std::thread> thread) noexcept
+    : state_(std::move(state)), thread_(std::move(thread)), forkGeneration_(forkGeneration()) {}
+
+NewFileWatch::~NewFileWatch() {
+  if (forkGeneration() != forkGeneration_) {
+    // A forked child has no copy of the thread: its object is let go, never joined.
+    static_cast<void>(thread_.release());
+    return;
+  }
+  const std::uint64_t one = 1;
+  static_cast<void>(::write(state_->stop.get(), &one, sizeof one));
+  if (thread_->get_id() == std::this_thread::get_id())
+    thread_->detach();  // from its own callback: it ends by itself once that returns
+  else
+    thread_->join();
+}
+
+}  // namespace quorvel::platform
