@@ -4,6 +4,7 @@
 #include "platform/posix/NewFileWatch.h"
 
 #include <poll.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <unistd.h>
@@ -79,19 +80,22 @@ std::unique_ptr<NewFileWatch> NewFileWatch::start(const std::string& folder,
     return nullptr;
   state->onNewFile = std::move(onNewFile);
   try {
-    auto thread = std::make_unique<std::thread>(
-        [shared = std::shared_ptr<const State>(state)] { watchUntilStopped(shared); });
-    return std::unique_ptr<NewFileWatch>(new NewFileWatch(std::move(state), std::move(thread)));
+    std::unique_ptr<NewFileWatch> watch(new NewFileWatch(state));
+    watch->thread_ = std::make_unique<std::thread>(
+        [shared = std::shared_ptr<const State>(std::move(state))] { watchUntilStopped(shared); });
+    pthread_setname_np(watch->thread_->native_handle(), "quorvel.watch");
+    return watch;
   } catch (...) {
     return nullptr;  // no thread to be had
   }
 }
 
-NewFileWatch::NewFileWatch(std::shared_ptr<State> state,
-                           std::unique_ptr<std::thread> thread) noexcept
-    : state_(std::move(state)), thread_(std::move(thread)), forkGeneration_(forkGeneration()) {}
+NewFileWatch::NewFileWatch(std::shared_ptr<State> state) noexcept
+    : state_(std::move(state)), forkGeneration_(forkGeneration()) {}
 
 NewFileWatch::~NewFileWatch() {
+  if (!thread_)
+    return;
   if (forkGeneration() != forkGeneration_) {
     // A forked child has no copy of the thread: its object is let go, never joined.
     static_cast<void>(thread_.release());

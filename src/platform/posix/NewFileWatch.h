@@ -32,7 +32,7 @@ class NewFileWatch {
   struct State;
 
  private:
-  NewFileWatch(std::shared_ptr<State> state, std::unique_ptr<std::thread> thread) noexcept;
+  explicit NewFileWatch(std::shared_ptr<State> state) noexcept;
 
   std::shared_ptr<State> state_;
   std::unique_ptr<std::thread> thread_;
