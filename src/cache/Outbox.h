@@ -176,8 +176,9 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // is the one that goes. Called on the outbox's queue.
   void setKeptElsewhere(std::function<bool(const QuorvelRequestCacheData&)> keptElsewhere);
   // Told the name of each file made in the data directory while this process holds it (set
-  // once by the tracker, before the store opens): its markers live there. Called on a thread
-  // of the store's own; it must not wait for anything that ends the outbox.
+  // once by the tracker, before the store opens): its markers live there. Called with an
+  // empty name once the watch has begun, for what was made before. Called on a thread of the
+  // store's own; it must not wait for anything that ends the outbox.
   void setOnFolderFile(std::function<void(std::string_view)> onFolderFile);
   // Hands what an earlier process left to `take`, once, on the outbox's queue. Built reports
   // are resent through the Resend first; `take` gets the unbuilt ones.
@@ -290,6 +291,10 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // queue, once what the guest writes first has landed. Takes no lock: release() waits for
   // that thread while holding the store's.
   void guestSeen() noexcept;
+  // A second after the store opened, so that a short-lived process (a tool, a forked worker)
+  // never starts the watch's thread; a holder that lives on is told of new files from then on.
+  static constexpr std::chrono::seconds kWatchAfter{1};
+  void watchFolder(const std::shared_ptr<platform::OutboxStore>& store);
   void countNotKeptLocked();
   // A sync's result: a failure is counted and said once an episode.
   void noteSyncLocked(bool synced);

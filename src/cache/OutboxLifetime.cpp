@@ -52,18 +52,15 @@ void Outbox::openSoon() {
 void Outbox::readStoreLocked() {
   noteUnreadableLocked();
   // What other processes kept while they could not open the store: taken off this thread;
-  // what they keep from now on, as soon as the store sees it (watched first, so that a guest
-  // file made in between is not left to wait).
+  // what they keep from now on, as soon as the store sees it, once the folder is watched.
   std::weak_ptr<Outbox> weak = weak_from_this();
-  store_->watchFolder(
-      [weak] {
-        if (const auto self = weak.lock())
-          self->guestSeen();
-      },
-      onFolderFile_);
   syncQueue_->async([weak, store = store_] {
     if (const auto self = weak.lock())
       self->adoptGuests(store);
+  });
+  syncQueue_->asyncAfter(kWatchAfter, [weak, store = store_] {
+    if (const auto self = weak.lock())
+      self->watchFolder(store);
   });
   leftoversEnd_ = store_->idFloor() - 1;
   lastId_ = std::max(lastId_, leftoversEnd_);
@@ -71,6 +68,27 @@ void Outbox::readStoreLocked() {
   loadedUpTo_ = kCountersRecord;
   if (loadedUpTo_ < leftoversEnd_)
     scheduleLeftoverPage();
+}
+
+void Outbox::watchFolder(const std::shared_ptr<platform::OutboxStore>& store) {
+  std::function<void(std::string_view)> onFolderFile;
+  {
+    const std::lock_guard lock(storeMutex_);
+    if (released_ || store_ != store)
+      return;
+    onFolderFile = onFolderFile_;
+  }
+  std::weak_ptr<Outbox> weak = weak_from_this();
+  store->watchFolder(
+      [weak] {
+        if (const auto self = weak.lock())
+          self->guestSeen();
+      },
+      onFolderFile);
+  // What was made before the watch began.
+  adoptGuests(store);
+  if (onFolderFile)
+    onFolderFile({});
 }
 
 void Outbox::noteUnreadableLocked() {

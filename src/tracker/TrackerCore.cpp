@@ -115,7 +115,7 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
   // its marker is made, idle or not: the markers live in the folder its store watches.
   outbox_->setOnFolderFile(
       [consent = std::weak_ptr<const platform::ConsentGate>(consent_)](std::string_view name) {
-        if (name == kStopMarkerName)
+        if (name.empty() || name == kStopMarkerName)
           if (const auto gate = consent.lock())
             gate->lookElsewhereNow();
       });
