@@ -193,6 +193,10 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // ends, and a new one (in this process or another) holds the directory at once. What comes
   // after (a late answer's removal) is not written: its report goes again at the next start.
   void release() noexcept;
+  // The exit flush is over and the process ends within moments: an answer that still comes has
+  // its removal written at once rather than after the batch window, so that its report is not
+  // sent again by the next start.
+  void exitFlushOver() noexcept { exitFlushOver_ = true; }
   // Opens the store on the outbox's queue now, so that the first batch of a start is written
   // within milliseconds of its call instead of after the store's opening.
   void openSoon();
@@ -329,6 +333,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   std::map<std::string, std::int64_t> noted_;      // counters noted since the last batch
   std::atomic<bool> writeScheduled_{false};        // within the batch window
   std::atomic<bool> promptWriteScheduled_{false};  // at once: a request waits for it
+  std::atomic<bool> exitFlushOver_{false};
 
   // The writer's state.
   std::mutex storeMutex_;
