@@ -22,7 +22,6 @@ Received toReceived(sqlite3_stmt* s) {
   r.service = columnText(s, 2);
   r.status = sqlite3_column_int(s, 3);
   r.repeat = sqlite3_column_int(s, 4) != 0;
-  r.replay = columnText(s, 6).find("isCachedRequest=true") != std::string::npos;
   const quorvel::Json payload = quorvel::Json::parse(columnText(s, 5), nullptr, false);
   if (!payload.is_object())
     return r;
@@ -44,11 +43,10 @@ void RequestLog::update() {
   if (sqlite3_open_v2(database_.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
     sqlite3_busy_timeout(db, 2000);
     sqlite3_stmt* s = nullptr;
-    if (sqlite3_prepare_v2(
-            db,
-            "SELECT id, time, service, status, repeat, decrypted, query FROM requests "
-            "WHERE id > ? ORDER BY id",
-            -1, &s, nullptr) == SQLITE_OK &&
+    if (sqlite3_prepare_v2(db,
+                           "SELECT id, time, service, status, repeat, decrypted FROM requests "
+                           "WHERE id > ? ORDER BY id",
+                           -1, &s, nullptr) == SQLITE_OK &&
         sqlite3_bind_int64(s, 1, lastId_) == SQLITE_OK) {
       while (sqlite3_step(s) == SQLITE_ROW) {
         lastId_ = sqlite3_column_int64(s, 0);

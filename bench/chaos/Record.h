@@ -15,7 +15,6 @@ struct Received {
   std::string service;
   int status = 0;
   bool repeat = false;  // the emulator had received this report before
-  bool replay = false;  // marked on the wire as a copy sent again (a kept or retried request)
   // Events: the harness's number and the call's wall time (ms); launches: the counter.
   long long seq = -1;
   long long callMs = 0;
