@@ -123,7 +123,7 @@ void Outbox::enqueue(Op op) {
   // host's calls accept, and removals, wait for a short window, so that a burst costs the
   // host's thread no wake-up of the writer per call, and the disk one transaction per window.
   const auto* put = std::get_if<Put>(&op);
-  bool writeNow = put != nullptr && put->then;
+  bool writeNow = (put != nullptr && put->then) || exitFlushOver_.load(std::memory_order_relaxed);
   {
     const std::lock_guard lock(bufferMutex_);
     buffer_.push_back(std::move(op));

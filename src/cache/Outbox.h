@@ -70,6 +70,10 @@ class OutboxSlot {
   std::atomic<bool> replay_{false};   // sent again from an earlier run, not yet come back
   // Answered 5xx or 429: the service did not take it, and it goes again after a backoff.
   std::atomic<bool> retrying_{false};
+  // A copy sent earlier may have reached the service (sent by an earlier run and never
+  // answered, or failed in transport after its connection was made): a later refusal of
+  // another copy does not undo that, and every later copy is a repeat.
+  std::atomic<bool> reached_{false};
 };
 using OutboxSlotPtr = std::shared_ptr<OutboxSlot>;
 
@@ -195,6 +199,10 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // ends, and a new one (in this process or another) holds the directory at once. What comes
   // after (a late answer's removal) is not written: its report goes again at the next start.
   void release() noexcept;
+  // The exit flush is over and the process ends within moments: an answer that still comes has
+  // its removal written at once rather than after the batch window, so that its report is not
+  // sent again by the next start.
+  void exitFlushOver() noexcept { exitFlushOver_ = true; }
   // Opens the store on the outbox's queue now, so that the first batch of a start is written
   // within milliseconds of its call instead of after the store's opening.
   void openSoon();
@@ -265,8 +273,14 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   void retryFailedLocked();
   // Marks the held report `slot` to go again with the next retry.
   // `reached`: whether the service may have the request (false: answered 5xx or 429, or no
-  // connection made); the record then says so, and a later start's copy is no repeat.
+  // connection made); unless an earlier copy may have reached it, the record then says so,
+  // and a later start's copy is no repeat.
   void markForRetryLocked(const OutboxSlotPtr& slot, bool reached);
+  struct Held;
+  // A copy of `held` goes now: a record that says "unsent" is written again first, since the
+  // copy may reach the service before a kill (it is then a repeat for the next start), and a
+  // copy after one that may have reached is counted as a repeat.
+  void noteCopyLeavingLocked(Held& held, std::vector<platform::OutboxChange>& changes);
   // Drops every waiting report of this process past the age bound.
   void dropExpiredHeldLocked();
   // Writes `changes` after what earlier writes could not; false when the store refused them
@@ -333,6 +347,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   std::map<std::string, std::int64_t> noted_;      // counters noted since the last batch
   std::atomic<bool> writeScheduled_{false};        // within the batch window
   std::atomic<bool> promptWriteScheduled_{false};  // at once: a request waits for it
+  std::atomic<bool> exitFlushOver_{false};
 
   // The writer's state.
   std::mutex storeMutex_;
@@ -350,6 +365,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
     bool failed = false;
     bool onDisk = false;   // a record of it was written: its removal must be written too
     bool notKept = false;  // counted once as not kept
+    bool unsent = false;   // its record says that no copy can have reached the service
   };
   std::map<std::int64_t, Held> held_;  // by id: oldest first
   std::uint64_t heldBytes_ = 0;

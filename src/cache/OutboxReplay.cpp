@@ -94,8 +94,11 @@ void Outbox::keepLeftoverLocked(Leftover left, std::size_t bytes) {
   held.slot = left.slot;
   held.bytes = bytes;
   held.onDisk = true;
-  if (left.request)
+  if (left.request) {
     held.request = std::make_shared<const QuorvelRequestCacheData>(*left.request);
+    held.unsent = !left.wasSent;
+    left.slot->reached_ = left.wasSent;
+  }
   heldBytes_ += held.bytes;
   held_.emplace(left.slot->id_, std::move(held));
   waiting_.fetch_add(1, std::memory_order_relaxed);
@@ -193,19 +196,24 @@ void Outbox::replayChunkLocked() {
   constexpr std::size_t kChunk = 64;
   constexpr std::size_t kMaxInFlight = 128;
   replayChunkScheduled_ = false;
+  std::vector<Leftover> leaving;
+  std::vector<platform::OutboxChange> changes;
   for (std::size_t n = 0; n < kChunk && !replays_.empty() && replaysInFlight_ < kMaxInFlight; ++n) {
     Leftover left = std::move(replays_.front());
     replays_.pop_front();
-    if (resend_ && !left.slot->settled_ && left.slot->startSending()) {
+    const auto it = held_.find(left.slot->id_);
+    if (resend_ && it != held_.end() && !left.slot->settled_ && left.slot->startSending()) {
       left.slot->replay_ = true;
       replaysInFlight_.fetch_add(1);
-      if (left.wasSent)
-        repeated_.fetch_add(1, std::memory_order_relaxed);
-      // A clock set back never makes a report younger than its call.
-      const double waited =
-          std::max(0.0, seconds(clock_->now()) - seconds(left.slot->acceptedAt()));
-      resend_(left.slot, *left.request, waited);
+      noteCopyLeavingLocked(it->second, changes);
+      leaving.push_back(std::move(left));
     }
+  }
+  writeChangesLocked(changes);  // before the copies leave
+  for (const auto& left : leaving) {
+    // A clock set back never makes a report younger than its call.
+    const double waited = std::max(0.0, seconds(clock_->now()) - seconds(left.slot->acceptedAt()));
+    resend_(left.slot, *left.request, waited);
   }
   if (replays_.empty() || replaysInFlight_ >= kMaxInFlight || replayChunkScheduled_.exchange(true))
     return;

@@ -45,16 +45,30 @@ void Outbox::answeredRetryLater(const OutboxSlotPtr& slot,
 
 void Outbox::markForRetryLocked(const OutboxSlotPtr& slot, bool reached) {
   writeBufferedLocked();  // so that the slot has its number
+  if (reached)
+    slot->reached_ = true;
   if (const auto it = held_.find(slot->id_); it != held_.end()) {
-    it->second.failed = true;
-    if (!reached && it->second.request) {
-      // Rewritten so that a later start's copy is not counted as a repeat.
+    auto& held = it->second;
+    held.failed = true;
+    // A 503 for this copy says nothing of an earlier one that may have reached the service:
+    // only a report no copy of which can have reached it is rewritten "unsent".
+    if (!slot->reached_ && held.request && !held.unsent) {
       std::vector<platform::OutboxChange> change{
-          {slot->id_, requestRecord(slot->acceptedAt(), *it->second.request, false)}};
-      writeChangesLocked(change);
+          {slot->id_, requestRecord(slot->acceptedAt(), *held.request, false)}};
+      writeChangesLocked(change);  // or later, with what the store refused before it
+      held.unsent = true;
     }
   }
   scheduleRetry();
+}
+
+void Outbox::noteCopyLeavingLocked(Held& held, std::vector<platform::OutboxChange>& changes) {
+  if (held.slot->reached_)
+    repeated_.fetch_add(1, std::memory_order_relaxed);
+  if (!held.unsent || !held.request)
+    return;
+  held.unsent = false;
+  changes.push_back({held.slot->id_, requestRecord(held.slot->acceptedAt(), *held.request, true)});
 }
 
 void Outbox::transportRecovered() {
@@ -92,12 +106,19 @@ void Outbox::retryFailedLocked() {
     scheduleRetry();
     return;
   }
+  std::vector<Held*> leaving;
+  std::vector<platform::OutboxChange> changes;
   for (auto& [id, held] : held_) {
     if (!held.failed || !held.request || !held.slot->startSending())
       continue;
     held.failed = false;
-    const double waited = std::max(0.0, seconds(clock_->now()) - seconds(held.slot->acceptedAt()));
-    resend_(held.slot, *held.request, waited);
+    noteCopyLeavingLocked(held, changes);
+    leaving.push_back(&held);
+  }
+  writeChangesLocked(changes);  // before the copies leave
+  for (Held* held : leaving) {
+    const double waited = std::max(0.0, seconds(clock_->now()) - seconds(held->slot->acceptedAt()));
+    resend_(held->slot, *held->request, waited);
   }
 }
 

@@ -74,7 +74,9 @@ bool TrackerCore::flushAtExit() noexcept {
     return true;
   try {
     outbox_->tryFreedLock();
-    if (flush(timeout)) {
+    const bool settled = flush(timeout);
+    outbox_->exitFlushOver();
+    if (settled) {
       outbox_->drainAndSync();
       return true;
     }

@@ -407,6 +407,32 @@ TEST_F(OutboxTest, OnlyA2xxDeliversAnd5xxOr429GoAgain) {
             tracker->deliveryStats().accepted - tracker->deliveryStats().waiting);
 }
 
+// A copy that may have reached the service makes every later copy a repeat, whatever the
+// service answers the later ones; and a report rewritten "unsent" after a 503 may reach it
+// again with its retry, which a kill can cut off before the answer.
+TEST_F(OutboxTest, A503NeverUndoesACopyThatMayHaveReachedTheService) {
+  tracker->trackEvent("unanswered", std::nullopt);
+  tracker->trackEvent("retried", std::nullopt);
+  fakes.dispatcher->advance(2ms);
+  ASSERT_EQ(sent().size(), 2U);
+  fakes.respond(1, 503, "{}");
+  fakes.dispatcher->runUntilIdle();
+  fakes.dispatcher->advance(20min);
+  ASSERT_EQ(payloadsOf("retried").size(), 2U);  // on the wire at the kill
+  for (int start = 0; start < 2; ++start) {
+    SCOPED_TRACE(start);
+    fakes.dispatcher->clear();  // the kill
+    const std::size_t before = sent().size();
+    const auto next = restart();
+    fakes.dispatcher->advance(1s);
+    ASSERT_EQ(sent().size(), before + 2U);
+    EXPECT_EQ(tracker->deliveryStats().repeated, 2U);
+    fakes.respond(before, 503, "{}");
+    fakes.respond(before + 1, 503, "{}");
+    fakes.dispatcher->runUntilIdle();
+  }
+}
+
 // What an earlier run left goes within a second of the key and app id, with no tracking call:
 // the outbox's reports and the kept files. Only a copy that may have reached the service
 // before (sent, never answered) counts as a repeat; one answered 503 does not.
