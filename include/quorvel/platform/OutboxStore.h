@@ -89,7 +89,8 @@ class OutboxStore {
   // begins keeping records for it, so that an idle holder takes them within a moment instead
   // of at its next write, and `onOtherFile` with the name of any other file made in the
   // store's folder (the library's markers live there too). A store that cannot tell never
-  // calls them. Ends at release(). Neither may wait for anything that calls release().
+  // calls them. Ends at release() and destroy(). Neither may wait for anything that calls
+  // those.
   virtual void watchFolder(std::function<void()> /*onGuest*/,
                            std::function<void(std::string_view)> /*onOtherFile*/) noexcept {}
 };

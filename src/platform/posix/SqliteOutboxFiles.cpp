@@ -267,6 +267,11 @@ bool SqliteOutboxStore::removeGuests() {
 bool SqliteOutboxStore::destroy() noexcept {
   if (inheritedByFork())
     return false;  // the parent's files
+  {
+    // No longer the holder: another process may take the folder, and its guests are its own.
+    const std::lock_guard watching(watchMutex_);
+    folderWatch_.reset();
+  }
   const std::lock_guard lock(syncMutex_);
   // The lock is held until the files are gone, so that no other process opens them halfway.
   ParentOnlyDescriptor heldLock = std::move(lock_);
