@@ -305,10 +305,16 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // queue, once what the guest writes first has landed. Takes no lock: release() waits for
   // that thread while holding the store's.
   void guestSeen() noexcept;
-  // A second after the store opened, so that a short-lived process (a tool, a forked worker)
-  // never starts the watch's thread; a holder that lives on is told of new files from then on.
-  static constexpr std::chrono::seconds kWatchAfter{1};
-  void watchFolder(const std::shared_ptr<platform::OutboxStore>& store);
+  // The folder is watched only while this holder writes nothing: while it writes, each sync
+  // takes what guests kept and each call and send looks for a stop, and the watch's thread
+  // would only add to the threads of a burst. It begins once nothing was written for
+  // kWatchWhenIdle (so that a short-lived process, a tool or a forked worker, never starts
+  // it) and ends at the next write.
+  static constexpr std::chrono::seconds kWatchWhenIdle{1};
+  void scheduleWatchLocked(std::chrono::nanoseconds after);
+  void considerWatching(const std::shared_ptr<platform::OutboxStore>& store);
+  // A batch is written now: the watch ends, and begins again once the writes have stopped.
+  void noteWriteLocked();
   void countNotKeptLocked();
   // A sync's result: a failure is counted and said once an episode.
   void noteSyncLocked(bool synced);
@@ -399,6 +405,9 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   platform::TimePoint guestWatchUntil_{};
   bool guestWatchScheduled_ = false;
   std::atomic<bool> guestTakingScheduled_{false};
+  bool watching_ = false;
+  bool watchScheduled_ = false;
+  platform::TimePoint lastWrite_{};
   bool notKeptLogged_ = false;
   bool syncFailureLogged_ = false;
   platform::TimePoint notBefore_{};  // the service's Retry-After: no retry before it

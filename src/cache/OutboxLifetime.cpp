@@ -58,10 +58,8 @@ void Outbox::readStoreLocked() {
     if (const auto self = weak.lock())
       self->adoptGuests(store);
   });
-  syncQueue_->asyncAfter(kWatchAfter, [weak, store = store_] {
-    if (const auto self = weak.lock())
-      self->watchFolder(store);
-  });
+  lastWrite_ = clock_->now();
+  scheduleWatchLocked(kWatchWhenIdle);
   leftoversEnd_ = store_->idFloor() - 1;
   lastId_ = std::max(lastId_, leftoversEnd_);
   countersRead_ = false;
@@ -70,25 +68,56 @@ void Outbox::readStoreLocked() {
     scheduleLeftoverPage();
 }
 
-void Outbox::watchFolder(const std::shared_ptr<platform::OutboxStore>& store) {
+void Outbox::scheduleWatchLocked(std::chrono::nanoseconds after) {
+  if (watchScheduled_ || !store_)
+    return;
+  watchScheduled_ = true;
+  std::weak_ptr<Outbox> weak = weak_from_this();
+  syncQueue_->asyncAfter(after, [weak, store = store_] {
+    if (const auto self = weak.lock())
+      self->considerWatching(store);
+  });
+}
+
+void Outbox::considerWatching(const std::shared_ptr<platform::OutboxStore>& store) {
   std::function<void(std::string_view)> onFolderFile;
   {
     const std::lock_guard lock(storeMutex_);
-    if (released_ || store_ != store)
+    watchScheduled_ = false;
+    // Only an open store is watched: a forgetting closes it, and ends its watch.
+    if (released_ || !opened_ || store_ != store || watching_)
       return;
+    const auto idle = clock_->now() - lastWrite_;
+    if (idle >= std::chrono::nanoseconds::zero() && idle < kWatchWhenIdle) {
+      scheduleWatchLocked(kWatchWhenIdle - idle);
+      return;
+    }
+    std::weak_ptr<Outbox> weak = weak_from_this();
+    // Under the lock, so that a write cannot end the watch before it began. The watch's
+    // callbacks never take this lock.
+    store->watchFolder(
+        [weak] {
+          if (const auto self = weak.lock())
+            self->guestSeen();
+        },
+        onFolderFile_);
+    watching_ = true;
     onFolderFile = onFolderFile_;
   }
-  std::weak_ptr<Outbox> weak = weak_from_this();
-  store->watchFolder(
-      [weak] {
-        if (const auto self = weak.lock())
-          self->guestSeen();
-      },
-      onFolderFile);
   // What was made before the watch began.
   adoptGuests(store);
   if (onFolderFile)
     onFolderFile({});
+}
+
+void Outbox::noteWriteLocked() {
+  lastWrite_ = clock_->now();
+  if (!watching_)
+    return;
+  watching_ = false;
+  if (store_)
+    store_->unwatchFolder();
+  scheduleWatchLocked(kWatchWhenIdle);
 }
 
 void Outbox::noteUnreadableLocked() {
@@ -142,7 +171,9 @@ bool Outbox::forgetAll() noexcept {
       return !heldElsewhere_;  // another process's store is not this one's to forget
     if (store_->destroy()) {
       // Opened again, new and empty, only when a report comes: a stopped library leaves no file.
+      // Its watch went with it, and begins again once the new store idles.
       opened_ = false;
+      watching_ = false;
       return true;
     }
     std::vector<platform::OutboxChange> removals;

@@ -55,6 +55,7 @@ void Outbox::writeBufferedLocked() {
   }
   if (batch.empty() && !countersDirty_ && (unwritten_.empty() || !store_))
     return;
+  noteWriteLocked();
   std::vector<platform::OutboxChange> changes;
   changes.reserve(batch.size() + 1);
   if (countersDirty_)

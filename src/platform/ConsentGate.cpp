@@ -39,7 +39,9 @@ void ConsentGate::checkElsewhere() const {
 }
 
 void ConsentGate::lookElsewhereNow() const {
-  if (stopped_.load() || !stoppedElsewhere_)
+  // Through stopped(): a stop kept from an earlier start is read first, and is not another
+  // process's.
+  if (stopped() || !stoppedElsewhere_)
     return;
   lastCheckMs_.store(kNeverChecked);
   checkElsewhere();

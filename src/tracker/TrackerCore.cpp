@@ -124,9 +124,8 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
   // Written through the system log itself, so that it shows even with debugging off.
   platform_->systemLog->write(format("Quorvel SDK version %@ started build (%@)",
                                      kQuorvelSDKVersion, kQuorvelSDKBuildNumber));
-  // Before anything reads the app's state: a forgetting cut short by a kill ends now.
-  finishForgettingIfStarted();
-  // Seen while a build may hold the gate: the rest of the stop goes to the tracker's queue.
+  // Set before any work that may ask the gate is queued. Seen while a build may hold the
+  // gate: the rest of the stop goes to the tracker's queue.
   consent_->onStoppedElsewhere([self = self_] {
     if (const auto tracker = self->pin()) {
       tracker->mBackgroundQueue_->async([self] {
@@ -137,6 +136,8 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
       });
     }
   });
+  // Before anything reads the app's state: a forgetting cut short by a kill ends now.
+  finishForgettingIfStarted();
   if (platform_->device->isMultitaskingSupported()) {
     subscribeToLifecycleNotifications();
   }

@@ -41,6 +41,16 @@ PosixPlatformOptions optionsIn(const std::string& dir) {
   return options;
 }
 
+// The folder watches this process keeps (each an inotify instance, with a thread).
+std::size_t folderWatches() {
+  std::size_t n = 0;
+  for (const auto& fd : fs::directory_iterator("/proc/self/fd")) {
+    std::error_code ec;
+    n += fs::read_symlink(fd.path(), ec) == "anon_inode:inotify" ? 1 : 0;
+  }
+  return n;
+}
+
 std::string readAll(const fs::path& path) {
   std::ifstream in(path, std::ios::binary);
   std::ostringstream out;
@@ -141,6 +151,7 @@ TEST(Forget, ForgettingLeavesOnlyTheStopFlagAndTheNextRunIsAFreshInstall) {
     tracker.trackEvent("after_forgetting", std::nullopt);
     kit.dispatcher->advance(10s);
     EXPECT_TRUE(kit.transport->sent().empty());
+    EXPECT_EQ(folderWatches(), 0U);  // stopped, it holds no data directory to watch
   }
   EXPECT_TRUE(forgotten(snapshot(dir.path())));
 
@@ -225,6 +236,7 @@ TEST(Forget, ForgettingThenOptingInAgainInOneProcessStartsAFreshInstall) {
   tracker.setStopped(false);
   tracker.trackAppLaunch();
   kit.dispatcher->advance(10s);
+  EXPECT_EQ(folderWatches(), 1U);  // the new store is watched as the old one was
   std::vector<Json> launches;
   for (const auto& request : kit.transport->sent()) {
     if (request.payload && request.service() == "t")

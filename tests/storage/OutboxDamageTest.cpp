@@ -215,30 +215,6 @@ TEST_F(OutboxDamageTest, ForgettingDoesNotWaitForAGuestFileBeingTaken) {
     EXPECT_EQ(entry.path().filename().string().find(".guest-"), std::string::npos);
 }
 
-// A forgotten store is no longer the holder: its folder's watch ends with it (another process
-// may hold the folder next, and its guests are not this one's), and a store opened anew is
-// watched again.
-TEST_F(OutboxDamageTest, AForgottenStoreNoLongerWatchesItsFolder) {
-  const auto watches = [] {
-    std::size_t n = 0;
-    for (const auto& fd : std::filesystem::directory_iterator("/proc/self/fd")) {
-      std::error_code ec;
-      n += std::filesystem::read_symlink(fd.path(), ec) == "anon_inode:inotify" ? 1 : 0;
-    }
-    return n;
-  };
-  SqliteOutboxStore holder(file());
-  std::string reason;
-  ASSERT_TRUE(holder.open(reason)) << reason;
-  holder.watchFolder([] {}, nullptr);
-  ASSERT_EQ(watches(), 1U);
-  EXPECT_TRUE(holder.destroy());
-  EXPECT_EQ(watches(), 0U);
-  ASSERT_TRUE(holder.open(reason)) << reason;
-  holder.watchFolder([] {}, nullptr);
-  EXPECT_EQ(watches(), 1U);
-}
-
 // A link in the database's place is never followed: what it points to keeps its mode and
 // content, and the store refuses to open rather than write there.
 TEST_F(OutboxDamageTest, ALinkInTheDatabasesPlaceIsNotFollowed) {

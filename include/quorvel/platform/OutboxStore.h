@@ -93,6 +93,8 @@ class OutboxStore {
   // those.
   virtual void watchFolder(std::function<void()> /*onGuest*/,
                            std::function<void(std::string_view)> /*onOtherFile*/) noexcept {}
+  // Ends what watchFolder() began, until it is called again.
+  virtual void unwatchFolder() noexcept {}
 };
 
 }  // namespace quorvel::platform

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -22,6 +23,7 @@ namespace quorvel::platform {
 struct NewFileWatch::State {
   ParentOnlyDescriptor watch;
   ParentOnlyDescriptor stop;
+  std::atomic<bool> stopped{false};  // set before the thread is told: no call after it
   std::function<void(std::string_view)> onNewFile;
 };
 
@@ -40,9 +42,12 @@ bool tellEvents(const NewFileWatch::State& state) noexcept {
       inotify_event event{};
       std::memcpy(&event, buffer.data() + at, sizeof event);
       const char* const name = buffer.data() + at + sizeof event;
-      if (event.len > 0) {
+      // Events the kernel could not queue are told as an empty name: look at everything.
+      const bool overflow = (event.mask & IN_Q_OVERFLOW) != 0;
+      if ((event.len > 0 || overflow) && !state.stopped.load()) {
         try {
-          state.onNewFile(std::string_view(name, ::strnlen(name, event.len)));
+          state.onNewFile(overflow ? std::string_view()
+                                   : std::string_view(name, ::strnlen(name, event.len)));
         } catch (...) {
           // The watch goes on: the next file is told again.
         }
@@ -101,6 +106,7 @@ NewFileWatch::~NewFileWatch() {
     static_cast<void>(thread_.release());
     return;
   }
+  state_->stopped = true;
   const std::uint64_t one = 1;
   static_cast<void>(::write(state_->stop.get(), &one, sizeof one));
   if (thread_->get_id() == std::this_thread::get_id())

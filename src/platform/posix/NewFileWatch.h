@@ -17,7 +17,8 @@ namespace quorvel::platform {
 class NewFileWatch {
  public:
   // Null when the system cannot watch the folder (no inotify instance left, say): the caller
-  // then finds new files only when it looks itself. `onNewFile` runs on the watch's thread
+  // then finds new files only when it looks itself. An empty name: the kernel lost events,
+  // any file may have been made. `onNewFile` runs on the watch's thread
   // and must not wait for anything that stops the watch.
   static std::unique_ptr<NewFileWatch> start(const std::string& folder,
                                              std::function<void(std::string_view)> onNewFile);

@@ -222,14 +222,20 @@ void SqliteOutboxStore::watchFolder(std::function<void()> onGuest,
         database.parent_path().string(),
         [guestPrefix = database.filename().string() + kGuestSuffix, onGuest = std::move(onGuest),
          onOtherFile = std::move(onOtherFile)](std::string_view name) {
-          if (name.starts_with(guestPrefix))
+          const bool any = name.empty();  // events lost: either may have come
+          if (any || name.starts_with(guestPrefix))
             onGuest();
-          else if (onOtherFile)
+          if ((any || !name.starts_with(guestPrefix)) && onOtherFile)
             onOtherFile(name);
         });
   } catch (...) {
     // Not watched: guests are taken at this holder's next write, or by the next holder.
   }
+}
+
+void SqliteOutboxStore::unwatchFolder() noexcept {
+  const std::lock_guard watching(watchMutex_);
+  folderWatch_.reset();
 }
 
 std::vector<std::string> SqliteOutboxStore::guestFiles() const {

@@ -52,6 +52,7 @@ class SqliteOutboxStore final : public OutboxStore {
       const std::function<bool(std::vector<OutboxRecord>)>& keep) noexcept override;
   void watchFolder(std::function<void()> onGuest,
                    std::function<void(std::string_view)> onOtherFile) noexcept override;
+  void unwatchFolder() noexcept override;
 
  private:
   static constexpr const char* kIntakeSuffix = ".intake-";
