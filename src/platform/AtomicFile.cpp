@@ -44,9 +44,14 @@ void syncDirectory(const std::string& dir) {
   }
 }
 
-AtomicWriteResult writeFileAtomically(const std::string& path, const Bytes& content,
-                                      const AtomicWriteOptions& options, std::string* errorText) {
+namespace {
+
+// One try; `failure` says why it failed.
+AtomicWriteResult writeOnce(const std::string& path, const Bytes& content,
+                            const AtomicWriteOptions& options, std::string* errorText,
+                            int& failure) {
   auto fail = [&](const char* what, int err) {
+    failure = err;
     if (errorText)
       *errorText = std::string(what) + " " + path + ": " + std::strerror(err);
     return AtomicWriteResult::failed;
@@ -92,6 +97,21 @@ AtomicWriteResult writeFileAtomically(const std::string& path, const Bytes& cont
   }
   syncDirectory(dir);
   return AtomicWriteResult::written;
+}
+
+}  // namespace
+
+AtomicWriteResult writeFileAtomically(const std::string& path, const Bytes& content,
+                                      const AtomicWriteOptions& options, std::string* errorText) {
+  int failure = 0;
+  const auto result = writeOnce(path, content, options, errorText, failure);
+  // Another process of the app may remove the folder, the temporary file with it, while the
+  // write is under way (a forgetting made there): the folder is made again, private, and the
+  // write tried once more.
+  if (result != AtomicWriteResult::failed || failure != ENOENT ||
+      !makeDirectories(parentOf(path), 0700))
+    return result;
+  return writeOnce(path, content, options, errorText, failure);
 }
 
 std::optional<std::string> readTextFile(const std::string& path) {

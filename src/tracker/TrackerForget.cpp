@@ -17,6 +17,7 @@
 #include "cache/QuorvelRequestCache.h"
 #include "log/Log.h"
 #include "log/QuorvelProxyManager.h"
+#include "net/QuorvelHTTPClient.h"
 #include "util/PreferenceKeys.h"
 
 namespace quorvel {
@@ -77,7 +78,13 @@ std::string TrackerCore::forgetMarkerPath() const {
 }
 
 bool TrackerCore::forgetThisInstall() {
-  setStopped(true);
+  // Stopped here at once, but the stop marker that other processes watch is written only after
+  // the forgetting's own marker, and says "forgotten" from its first write: a process that saw
+  // a plain stop first would stay stopped with what it holds, and never forget.
+  consent_->stopAndSettle();
+  httpClient_->cancelRequestsUnderWay();
+  platform_->preferences->setBool(keys::kStopped, true);
+  platform_->preferences->synchronize();  // the stop holds if a kill cuts the forgetting short
   // Calls made before the stop are forgotten with the rest, not accepted after it.
   acceptIntake();
   forgetInMemory();
@@ -87,6 +94,7 @@ bool TrackerCore::forgetThisInstall() {
   if (!fs.writeFileAtomically(forgetMarkerPath(), Bytes{'1'}, &reason)) {
     log_->log(kLogError, kMethod, "Quorvel cannot forget this install now (%@); nothing changed",
               reason);
+    setStopped(true);  // the stop holds, kept for the next starts, even so
     return false;
   }
   // The other processes forget too, once they see it.
@@ -144,6 +152,9 @@ void TrackerCore::finishForgettingIfStarted() {
     return;
   }
   log_->log(kLogInfo, kMethod, "Quorvel finishes forgetting this install, cut short before");
+  // The kill may have come before the stop marker was written: the stop holds, and the other
+  // processes forget too.
+  fs.writeFileAtomically(stopMarkerPath(*platform_), Bytes{kForgottenMark});
   eraseInstall();
 }
 
