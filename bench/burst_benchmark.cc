@@ -30,6 +30,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -64,8 +65,19 @@ struct Options {
   std::size_t connections = quorvel::PosixPlatformOptions{}.maxConnectionsPerHost;
 };
 
+constexpr const char* kUsage =
+    "usage: quorvel_burst [--events N (10000)] [--emulator-requests N (20000; 0: none)]\n"
+    "                     [--idle SECONDS (10)] [--bound SECONDS] [--connections N]\n"
+    "                     [--devserver PATH] [--host DOMAIN --ca-file PEM]\n";
+
 Options parse(int argc, char** argv) {
   Options o;
+  for (int i = 1; i < argc; ++i) {
+    if (std::string_view(argv[i]) == "--help") {
+      std::fputs(kUsage, stdout);
+      std::exit(0);
+    }
+  }
   for (int i = 1; i + 1 < argc; i += 2) {
     const std::string flag = argv[i];
     const std::string value = argv[i + 1];

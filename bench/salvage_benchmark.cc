@@ -14,6 +14,7 @@
 #include <map>
 #include <random>
 #include <string>
+#include <string_view>
 
 #include "platform/posix/OutboxSalvage.h"
 
@@ -130,6 +131,10 @@ Tally run(const fs::path& dir, bool zeroDeleted, int rounds, unsigned seed) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc > 1 && std::string_view(argv[1]) == "--help") {
+    std::puts("usage: quorvel_salvage [rounds (300)] [seed (1)]");
+    return 0;
+  }
   const int rounds = argc > 1 ? std::atoi(argv[1]) : 300;
   const unsigned seed = argc > 2 ? static_cast<unsigned>(std::atoi(argv[2])) : 1;
   char pattern[] = "/tmp/quorvel-salvage-XXXXXX";

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <map>
 #include <string>
+#include <string_view>
 
 #include <quorvel/testing/MemoryServices.h>
 #include <quorvel/testing/VirtualTime.h>
@@ -118,7 +119,12 @@ std::size_t replayOneStart(const std::shared_ptr<const Platform>& platform,
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+  if (argc > 1) {
+    std::puts(
+        "usage: quorvel_storage_faults   (no options: a fork and a read-only start, counted)");
+    return std::string_view(argv[1]) == "--help" ? 0 : 2;
+  }
   constexpr int kTrials = 5;
   int got = 0;
   for (int i = 0; i < kTrials; ++i) {
