@@ -2,6 +2,7 @@
 #include <quorvel/QuorvelTracker.h>
 
 #include "log/Log.h"
+#include "net/QuorvelHTTPClient.h"
 #include "net/ReportLedger.h"
 #include "tracker/TrackerCore.h"
 
@@ -86,21 +87,22 @@ void QuorvelCrossPromotionHelper::trackCrossPromoteImpression(
       tracker, appID, campaign, std::nullopt, quorvelImpressionOrigin(tracker.host()));
   platform::URLRequest request;
   request.url = generator.generateLink();
-  tracker.platform()
-      .urlSessions->defaultSession()
-      ->dataTask(
-          std::move(request),
-          [report = coreOf(tracker).reportLedger()->currentOrOpen(), log = coreOf(tracker).log()](
-              const auto&, const auto&, const std::optional<Error>& error) {
-            if (error) {
-              log->log(kLogError,
-                       "+[QuorvelCrossPromotionHelper "
-                       "trackCrossPromoteImpression:campaign:]_block_invoke",
-                       "Quorvel crossPromotionViewed Connection failed! Error - %@",
-                       error->localizedDescription);
-            }
-          })
-      ->resume();
+  const auto client = coreOf(tracker).httpClient();
+  if (!client)
+    return;
+  // Not sent while the library is stopped: the impression carries the advertising id.
+  client->startUnlessStopped(
+      *tracker.platform().urlSessions->defaultSession(), std::move(request),
+      [report = coreOf(tracker).reportLedger()->currentOrOpen(), log = coreOf(tracker).log()](
+          const auto&, const auto&, const std::optional<Error>& error) {
+        if (error) {
+          log->log(kLogError,
+                   "+[QuorvelCrossPromotionHelper "
+                   "trackCrossPromoteImpression:campaign:]_block_invoke",
+                   "Quorvel crossPromotionViewed Connection failed! Error - %@",
+                   error->localizedDescription);
+        }
+      });
 }
 
 }  // namespace quorvel

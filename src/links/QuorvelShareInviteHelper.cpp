@@ -32,7 +32,9 @@ QuorvelLinkGenerator QuorvelShareInviteHelper::createLink(const std::string& med
 QuorvelLinkGenerator QuorvelShareInviteHelper::createLink(QuorvelTracker& tracker,
                                                           const std::string& mediaSource) {
   QuorvelLinkGenerator generator(mediaSource, tracker);
-  generator.setReferrerUID(tracker.getQuorvelUID());
+  // A stopped library has no uid to give: the link then names no referrer.
+  if (std::string uid = tracker.getQuorvelUID(); !uid.empty())
+    generator.setReferrerUID(std::move(uid));
   generator.setReferrerCustomerId(tracker.customerUserID());
   const auto appID = tracker.appleAppID();
   generator.addParameterValue(appID ? Json(*appID) : Json(), "qv_siteid");

@@ -15,6 +15,15 @@
 #include "util/Utf8.h"
 
 namespace quorvel {
+namespace {
+
+// What a request that a stop refused or cancelled fails with, as a cancelled transfer.
+Error stoppedError() {
+  return Error{platform::kURLErrorDomain, -999, "Quorvel is stopped"};
+}
+
+}  // namespace
+
 std::shared_ptr<QuorvelHTTPClient> QuorvelHTTPClient::create(
     std::shared_ptr<const Platform> platform, QuorvelProxyManager& remoteDebugging,
     std::shared_ptr<const Log> log, std::shared_ptr<QuorvelRequestCache> cache,
@@ -121,8 +130,8 @@ void QuorvelHTTPClient::post(const QuorvelRequestCacheData& request, std::string
   const auto generation = consentGeneration();
   if (stopped()) {
     const ReportLedger::Scope scope(ticket);
-    handleTrackingAnswer(request, origin, slot, std::nullopt, std::nullopt,
-                         Error{platform::kURLErrorDomain, -999, "Quorvel is stopped"}, onSuccess);
+    handleTrackingAnswer(request, origin, slot, std::nullopt, std::nullopt, stoppedError(),
+                         onSuccess);
     return;
   }
   platform::URLRequest http;
@@ -132,15 +141,15 @@ void QuorvelHTTPClient::post(const QuorvelRequestCacheData& request, std::string
   http.body = request.postData().value_or(Bytes());
   log_->log(kLogInfo, kMethod, "sending request to server ");
   auto self = shared_from_this();
-  const auto taskId = std::make_shared<std::uint64_t>(0);  // known once the task is made
+  const auto key = nextUnderWayKey_.fetch_add(1, std::memory_order_relaxed);
   const OutboxSlotPtr slotUnderWay = slot;
   auto task = platform_->urlSessions->sharedSession()->dataTask(
       std::move(http), [self, request, origin, slot = std::move(slot),
                         onSuccess = std::move(onSuccess), ticket = std::move(ticket), generation,
-                        taskId](const auto& body, const auto& response, const auto& error) {
+                        key](const auto& body, const auto& response, const auto& error) {
         // What the answer starts (the conversion data of a launch) belongs to the report.
         const ReportLedger::Scope scope(ticket);
-        if (!self->removeUnderWay(*taskId))
+        if (!self->removeUnderWay(key))
           return;  // cancelled by a stop, and settled then
         if (!self->consentHolds(generation)) {
           self->settleAfterConsentChanged(slot, !error);
@@ -148,17 +157,54 @@ void QuorvelHTTPClient::post(const QuorvelRequestCacheData& request, std::string
         }
         self->handleTrackingAnswer(request, origin, slot, body, response, error, onSuccess);
       });
-  *taskId = task->taskIdentifier();
-  addUnderWay(*taskId, {task, slotUnderWay});
+  addUnderWay(key, {task, slotUnderWay, nullptr});
   if (!consentHolds(generation)) {
     // A stop came since the check above: this one never starts.
-    if (removeUnderWay(*taskId)) {
+    if (removeUnderWay(key)) {
       task->cancel();
       settleAfterConsentChanged(slotUnderWay, false);
     }
     return;
   }
   task->resume();
+}
+
+std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::startUnlessStopped(
+    platform::URLSession& session, platform::URLRequest request,
+    platform::DataTaskCompletion completion, std::function<void()> onCancelled) {
+  const auto generation = consentGeneration();
+  if (onCancelled) {
+    // Never inside the host's call that stopped the library, nor inside this one.
+    onCancelled = [queue = session.delegateQueue(), f = std::move(onCancelled)] {
+      queue->async(f);
+    };
+  }
+  if (stopped()) {
+    log_->log(kLogDebug, "-[QuorvelHTTPClient startUnlessStopped:]",
+              "Quorvel is stopped: the request is not sent");
+    if (onCancelled)
+      onCancelled();
+    return nullptr;
+  }
+  auto self = shared_from_this();
+  const auto key = nextUnderWayKey_.fetch_add(1, std::memory_order_relaxed);
+  auto task = session.dataTask(std::move(request),
+                               [self, key, completion = std::move(completion)](
+                                   const auto& body, const auto& response, const auto& error) {
+                                 if (self->removeUnderWay(key) && completion)
+                                   completion(body, response, error);
+                               });
+  addUnderWay(key, {task, nullptr, onCancelled});
+  if (!consentHolds(generation)) {
+    if (removeUnderWay(key)) {
+      task->cancel();
+      if (onCancelled)
+        onCancelled();
+    }
+    return nullptr;
+  }
+  task->resume();
+  return task;
 }
 
 void QuorvelHTTPClient::addUnderWay(std::uint64_t id, UnderWay underWay) {
@@ -182,7 +228,10 @@ void QuorvelHTTPClient::cancelRequestsUnderWay() {
   for (auto& [id, underWay] : cancelled) {
     if (const auto task = underWay.task.lock())
       task->cancel();
-    settleAfterConsentChanged(underWay.slot, false);
+    if (underWay.onCancelled)
+      underWay.onCancelled();
+    else
+      settleAfterConsentChanged(underWay.slot, false);
   }
 }
 
@@ -397,31 +446,31 @@ std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::getHopline(
   request.headers = {{"Content-Type", "application/json"},
                      {"qv-timestamp", timestamp},
                      {"authorization", authorization}};
-  auto task = platform_->urlSessions->sharedSession()->dataTask(
-      std::move(request), [completionHandler, ticket = reportOfNewRequest()](
-                              const auto& body, const auto& response, const auto& error) {
-        if (!completionHandler)
-          return;
-        if (error) {
-          completionHandler(std::nullopt, error);
-          return;
-        }
-        if (body && response && response->mimeType == "application/json" &&
-            response->statusCode == 200) {
-          const Json parsed = parseBoundedJson(std::string(body->begin(), body->end()));
-          if (parsed.is_discarded()) {
-            completionHandler(std::nullopt, jsonParserError());
-            return;
-          }
-          if (parsed.is_object()) {
-            completionHandler(parsed, std::nullopt);
-            return;
-          }
-        }
-        completionHandler(std::nullopt, std::nullopt);
-      });
-  task->resume();
-  return task;
+  // Stopped, the link is not resolved and nothing of it reaches the delegate.
+  return startUnlessStopped(*platform_->urlSessions->sharedSession(), std::move(request),
+                            [completionHandler, ticket = reportOfNewRequest()](
+                                const auto& body, const auto& response, const auto& error) {
+                              if (!completionHandler)
+                                return;
+                              if (error) {
+                                completionHandler(std::nullopt, error);
+                                return;
+                              }
+                              if (body && response && response->mimeType == "application/json" &&
+                                  response->statusCode == 200) {
+                                const Json parsed =
+                                    parseBoundedJson(std::string(body->begin(), body->end()));
+                                if (parsed.is_discarded()) {
+                                  completionHandler(std::nullopt, jsonParserError());
+                                  return;
+                                }
+                                if (parsed.is_object()) {
+                                  completionHandler(parsed, std::nullopt);
+                                  return;
+                                }
+                              }
+                              completionHandler(std::nullopt, std::nullopt);
+                            });
 }
 
 std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::createHopline(
@@ -446,9 +495,10 @@ std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::createHopline(
                      {"authorization", authorization}};
   const std::string text = body.dump(-1, ' ', false, Json::error_handler_t::replace);
   request.body = Bytes(text.begin(), text.end());
-  auto task = platform_->urlSessions->sharedSession()->dataTask(
-      std::move(request), [completionHandler, ticket = reportOfNewRequest()](
-                              const auto& answer, const auto& response, const auto& error) {
+  return startUnlessStopped(
+      *platform_->urlSessions->sharedSession(), std::move(request),
+      [completionHandler, ticket = reportOfNewRequest()](const auto& answer, const auto& response,
+                                                         const auto& error) {
         if (!completionHandler)
           return;
         if (error) {
@@ -463,9 +513,11 @@ std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::createHopline(
           }
         }
         completionHandler(std::nullopt, std::nullopt);
+      },
+      [completionHandler] {
+        if (completionHandler)
+          completionHandler(std::nullopt, stoppedError());
       });
-  task->resume();
-  return task;
 }
 
 std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::sendValidateRequest(
@@ -489,9 +541,10 @@ std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::sendValidateRequest
   http.headers = {{"Accept", "application/json"}, {"Content-Type", "application/json"}};
   http.body = Bytes(body.begin(), body.end());
   log_->log(kLogInfo, kMethod, "sending validate request to server ...");
-  auto task = platform_->urlSessions->sharedSession()->dataTask(
-      std::move(http), [log = log_, complitionBlock, ticket = reportOfNewRequest()](
-                           const auto& answer, const auto&, const auto& error) {
+  return startUnlessStopped(
+      *platform_->urlSessions->sharedSession(), std::move(http),
+      [log = log_, complitionBlock, ticket = reportOfNewRequest()](const auto& answer, const auto&,
+                                                                   const auto& error) {
         if (error) {
           log->log(kLogDebug,
                    "-[QuorvelHTTPClient sendValidateRequest:complitionBlock:]_block_invoke",
@@ -499,9 +552,11 @@ std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::sendValidateRequest
         }
         if (complitionBlock)
           complitionBlock(error, answer);
+      },
+      [complitionBlock] {
+        if (complitionBlock)
+          complitionBlock(stoppedError(), std::nullopt);
       });
-  task->resume();
-  return task;
 }
 
 void QuorvelHTTPClient::handleHoplineResponse(const Json& response) {

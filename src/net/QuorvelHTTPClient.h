@@ -5,6 +5,7 @@
 // bodies go fire-and-forget through a background session.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <memory>
@@ -104,10 +105,18 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
   void setConsent(std::shared_ptr<const platform::ConsentGate> consent) {
     consent_ = std::move(consent);
   }
-  // After a stop: the tracking requests under way are cancelled and their reports wait in the
-  // outbox as unanswered, so that one still waiting in the session for a connection never
-  // leaves after the stop returned.
+  // After a stop: the requests under way are cancelled, and the reports of the tracking ones
+  // wait in the outbox as unanswered, so that one still waiting in the session for a
+  // connection never leaves after the stop returned.
   void cancelRequestsUnderWay();
+  // Starts a request that carries no tracking report (conversion data, a link, a receipt)
+  // unless the library is stopped, and keeps it among those a stop cancels, so that none
+  // leaves once the stop returned. `onCancelled` runs instead of the completion when the
+  // request is refused here (at once, on this thread) or cancelled by a stop (on the stopping
+  // thread); nullptr when refused.
+  std::shared_ptr<platform::URLSessionTask> startUnlessStopped(
+      platform::URLSession& session, platform::URLRequest request,
+      platform::DataTaskCompletion completion, std::function<void()> onCancelled = nullptr);
 
  private:
   // False while another process holds the data directory: its folder is that process's.
@@ -131,10 +140,11 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
                             const std::optional<Error>& error,
                             const std::function<void()>& onSuccess);
   void applyTrackingAnswer(const std::optional<Bytes>& body);
-  // The tracking requests started and not yet answered, by task, with their outbox slots.
+  // The requests started and not yet answered, with the outbox slots of the tracking ones.
   struct UnderWay {
     std::weak_ptr<platform::URLSessionTask> task;
     OutboxSlotPtr slot;
+    std::function<void()> onCancelled;  // set for requests that carry no report
   };
   void addUnderWay(std::uint64_t id, UnderWay underWay);
   // False when it was cancelled (and settled) already.
@@ -152,6 +162,8 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
   std::shared_ptr<platform::URLSession> bgSession_;
   std::mutex underWayMutex_;
   std::map<std::uint64_t, UnderWay> underWay_;
+  // Keys of their own: task identifiers are unique only within one session.
+  std::atomic<std::uint64_t> nextUnderWayKey_{1};
   // The reports of fire-and-forget bodies still on the wire, by task identifier.
   std::mutex backgroundReportsMutex_;
   std::map<std::uint64_t, ReportLedger::TicketPtr> backgroundReports_;

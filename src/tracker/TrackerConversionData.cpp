@@ -79,18 +79,16 @@ void TrackerCore::getConversionData() {
     platform::URLRequest request;
     request.url = url;
     auto self = self_;
-    p.urlSessions->sharedSession()
-        ->dataTask(std::move(request),
-                   [self, start, generation, ticket = ReportLedger::current()](
-                       const auto& body, const auto& response, const auto& error) {
-                     const ReportLedger::Scope report(ticket);
-                     const auto tracker = self->pin();
-                     if (tracker && tracker->consent_->holds(generation)) {
-                       tracker->handleConversionDataAnswer(body, response, error, start,
-                                                           generation);
-                     }
-                   })
-        ->resume();
+    // A stop cancels it: none leaves once the stop returned, and no delegate hears of it.
+    httpClient_->startUnlessStopped(*p.urlSessions->sharedSession(), std::move(request),
+                                    [self, start, generation, ticket = ReportLedger::current()](
+                                        const auto& body, const auto& response, const auto& error) {
+                                      const ReportLedger::Scope report(ticket);
+                                      const auto tracker = self->pin();
+                                      if (tracker && tracker->consent_->holds(generation))
+                                        tracker->handleConversionDataAnswer(body, response, error,
+                                                                            start, generation);
+                                    });
   } catch (const std::exception&) {
     if (const auto current = delegate(); listensForFailures(current)) {
       current->onConversionDataRequestFailure(Error{kErrorDomain, 0, "Quorvel server data error."});

@@ -228,6 +228,33 @@ TEST_F(HelpersTest, InviteAndCrossPromotionEventsReachThePipeline) {
   EXPECT_EQ(event["eventvalue"], "%7B%22x%22:%221%22%2C%22qv_campaign%22:%22spring%22%7D");
 }
 
+// A stopped library sends nothing for its links either: no impression, no short link (the
+// long link is given at once), and no identifier of the install in the links it makes.
+TEST_F(HelpersTest, NothingLeavesForLinksWhileStopped) {
+  facade->setAdvertiserId("AD-ID");
+  facade->setQuorvelDevKey(std::string("KEY"));
+  facade->setAppInviteHopline(std::string("tmpl"));
+  facade->setStopped(true);
+  const std::size_t before = fakes.transport->sent().size();
+  QuorvelCrossPromotionHelper::trackCrossPromoteImpression(*facade, "999", std::string("spring"));
+  std::vector<std::string> urls;
+  QuorvelShareInviteHelper::generateInviteUrlWithLinkGenerator(
+      *facade, [](QuorvelLinkGenerator gen) { return gen; },
+      [&](const std::string& u) { urls.push_back(u); });
+  QuorvelLinkGenerator(std::string("m"), *facade)
+      .generateHoplineWithTTL(30, [&](const std::string& u) { urls.push_back(u); });
+  QuorvelCrossPromotionHelper::trackAndOpenStore(
+      *facade, "999", std::nullopt, std::nullopt,
+      [&](std::shared_ptr<platform::URLSession>, const std::string& u) { urls.push_back(u); });
+  fakes.dispatcher->advance(10s);
+  EXPECT_EQ(fakes.transport->sent().size(), before);
+  ASSERT_EQ(urls.size(), 3U);
+  for (const auto& u : urls) {
+    EXPECT_EQ(u.find("AD-ID"), std::string::npos) << u;
+    EXPECT_EQ(u.find("referrer_qv_id"), std::string::npos) << u;
+  }
+}
+
 // The forms without a tracker are the same calls on the shared one.
 TEST(HelpersOfTheSharedTracker, FormsWithoutATrackerUseTheSharedOne) {
   const test::TestPlatform fakes;  // for a shared tracker first made here
