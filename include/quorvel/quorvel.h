@@ -155,11 +155,14 @@ QUORVEL_C_API quorvel_status quorvel_tracker_create(const quorvel_options* optio
                                                     quorvel_tracker** tracker);
 /* Releases the tracker. Reports not yet answered stay in the outbox for the next start (flush
  * first to wait for them). The data directory is let go before it returns: a tracker made next
- * on the same folder, in this process or another, holds it and sends what this one kept. Called on a host thread, it blocks until no callback and no
- * transport call of this tracker is under way (transport calls: at most 10 s) and none
- * starts afterwards. Called from inside one of the tracker's callbacks or its transport's
- * send, it returns at once: nothing new is called from then on, and the tracker finishes on a
- * library thread once that call has returned. Destroying a handle twice is undefined. */
+ * on the same folder, in this process or another, holds it and sends what this one kept. Called on
+ * a host thread, it blocks until no callback and no transport call of this tracker is under way
+ * (transport calls: at most 10 s) and none starts afterwards. Called from inside one of the
+ * tracker's callbacks or its transport's send, it returns at once: nothing new is called from then
+ * on, and the tracker finishes on a library thread once that call has returned. In a child made by
+ * fork() from a process that had the tracker, it returns at once and frees nothing: the child's
+ * copy is inert, and its parent's threads, which it would wait for, did not come along. Destroying
+ * a handle twice is undefined. */
 QUORVEL_C_API void quorvel_tracker_destroy(quorvel_tracker* tracker);
 
 /* --- Settings -------------------------------------------------------------------------- */

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string_view>
@@ -12,6 +13,8 @@
 #include <quorvel/QuorvelTracker.h>
 #include <quorvel/Transport.h>
 #include <quorvel/quorvel.h>
+
+#include "platform/ForkGeneration.h"
 
 namespace quorvel::capi {
 
@@ -110,6 +113,8 @@ struct quorvel_tracker {
   std::shared_ptr<quorvel::capi::LogBox> log = std::make_shared<quorvel::capi::LogBox>();
   std::shared_ptr<quorvel::QuorvelTrackerDelegate> delegate;
   std::unique_ptr<quorvel::QuorvelTracker> tracker;
+  // The process image that made it: a forked child's copy is never destroyed.
+  std::uint64_t forkGeneration = quorvel::platform::forkGeneration();
 };
 
 namespace quorvel::capi {

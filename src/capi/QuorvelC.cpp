@@ -269,6 +269,12 @@ quorvel_status quorvel_tracker_create(const quorvel_options* given, quorvel_trac
 void quorvel_tracker_destroy(quorvel_tracker* tracker) {
   if (tracker == nullptr)
     return;
+  if (tracker->forkGeneration != quorvel::platform::forkGeneration()) {
+    // A forked child's copy: its gates and its tracker wait for threads of the parent's that
+    // did not come along. It is kept, inert, for the child's life.
+    quorvel::platform::keepForkOrphan(std::shared_ptr<quorvel_tracker>(tracker));
+    return;
+  }
   using quorvel::capi::kTransportCallBound;
   tracker->callbacks->close();
   tracker->log->close();

@@ -5,9 +5,15 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 namespace quorvel::platform {
 
 std::uint64_t forkGeneration() noexcept;
+
+// Keeps, for the rest of this process, an object a forked child must not destroy: its
+// destructor would take locks or wait for threads of the parent that did not come along, and
+// so hang the child. Kept reachable, not leaked; takes no lock.
+void keepForkOrphan(std::shared_ptr<void> object) noexcept;
 
 }  // namespace quorvel::platform

@@ -133,7 +133,12 @@ QuorvelTracker::QuorvelTracker(const std::shared_ptr<const Platform>& platform,
     : core_(std::make_shared<TrackerCore>(platform, remoteDebugging(*platform), nullptr,
                                           std::move(logSwitches))) {}
 
-QuorvelTracker::~QuorvelTracker() = default;
+QuorvelTracker::~QuorvelTracker() {
+  // A child's copy is never destroyed: its destructor waits for threads and takes locks of
+  // the parent's that did not come along.
+  if (core_ && core_->inertAfterFork())
+    platform::keepForkOrphan(std::move(core_));
+}
 
 // --- Configuration ------------------------------------------------------------------------
 

@@ -7,14 +7,22 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <filesystem>
 #include <memory>
+#include <mutex>
+#include <thread>
 
 #include <gtest/gtest.h>
+
+#include <quorvel/QuorvelTracker.h>
+#include <quorvel/testing/TestPlatform.h>
 
 #include "platform/ParentOnlyDescriptor.h"
 #include "platform/posix/JsonFilePreferencesStore.h"
 #include "platform/posix/SqliteOutboxStore.h"
+#include "support/Eventually.h"
 #include "support/TempDir.h"
 
 namespace quorvel::platform {
@@ -133,6 +141,61 @@ TEST(ForkTest, EveryDescriptorInTheDataDirectoryIsClosedOnExec) {
     EXPECT_NE(::fcntl(fd, F_GETFD) & FD_CLOEXEC, 0) << target;
   }
   EXPECT_GE(inDirectory, 4);  // the lock, the database, its log, the intake
+}
+
+// A child that destroys its copy of a tracker while, in its parent, a thread was inside one of
+// the tracker's callbacks at the fork: the copy waits for nothing, as that thread did not come
+// along (a child of a process inside a sync is the same case, with the store's locks).
+TEST(ForkTest, AChildDestroysItsCopyOfATrackerAtOnce) {
+  using namespace std::chrono_literals;
+  test::TempDir dir;
+  PosixPlatformOptions options;
+  options.bundleIdentifier = "com.example.fork";
+  options.dataDirectory = dir / "app";
+  options.keychainDirectory = dir / "keychain";
+  auto kit = testkit::makeTestPlatform(options, "FORK-KEY");
+  auto tracker = std::make_unique<QuorvelTracker>(kit.platform);
+  tracker->setQuorvelDevKey(std::string("FORK-KEY"));
+  tracker->setAppleAppID(std::string("123456789"));
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool inside = false;
+  bool release = false;
+  auto delegate = std::make_shared<QuorvelTrackerDelegate>();
+  delegate->onConversionDataReceived = [&](const Json&) {
+    std::unique_lock lock(mutex);
+    inside = true;
+    changed.notify_all();
+    changed.wait_for(lock, 20s, [&] { return release; });
+  };
+  tracker->setDelegate(delegate);
+  tracker->trackAppLaunch();
+  std::thread driver([&] { kit.dispatcher->advance(10s); });
+  {
+    std::unique_lock lock(mutex);
+    ASSERT_TRUE(changed.wait_for(lock, 20s, [&] { return inside; }));
+  }
+  const pid_t child = ::fork();
+  if (child == 0) {
+    tracker.reset();
+    ::_exit(0);
+  }
+  {
+    const std::lock_guard lock(mutex);
+    release = true;
+  }
+  changed.notify_all();
+  driver.join();
+  ASSERT_GT(child, 0);
+  int status = -1;
+  const bool ended =
+      test::eventually([&] { return ::waitpid(child, &status, WNOHANG) == child; }, 5s);
+  if (!ended) {
+    ::kill(child, SIGKILL);
+    ::waitpid(child, &status, 0);
+  }
+  EXPECT_TRUE(ended) << "the child hung destroying its copy of the tracker";
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
 }  // namespace
