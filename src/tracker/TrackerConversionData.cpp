@@ -3,6 +3,7 @@
 
 #include "common/QuorvelUtils.h"
 #include "log/Log.h"
+#include "net/QuorvelHTTPClient.h"
 #include "net/ReportLedger.h"
 #include "tracker/TrackerLifetime.h"
 #include "tracker/TrackerNames.h"

@@ -111,16 +111,30 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
         }
         return request.postData() && kept->count(*request.postData()) > 0;
       });
-  // The holder of the data directory sees a stop or a forgetting made by another process when
-  // its marker is made, idle or not: the markers live in the folder its store watches.
-  outbox_->setOnFolderFile(
-      [consent = std::weak_ptr<const platform::ConsentGate>(consent_)](std::string_view name) {
-        if (name.empty() || name == kStopMarkerName)
-          if (const auto gate = consent.lock())
-            gate->lookElsewhereNow();
-      });
   iAdClient_ = std::make_shared<const QVSDKiAdClient>(platform_, log_);
   mBackgroundQueue_ = platform_->dispatcher->makeSerialQueue(kSerialQueueLabel);
+  // The holder of the data directory sees a stop or a forgetting made by another process when
+  // its marker is made, idle or not: the markers live in the folder its store watches. One
+  // stopped here already does not look for a stop, but carries out a forgetting: the outbox
+  // it holds keeps the install's reports.
+  outbox_->setOnFolderFile([self = self_, consent = std::weak_ptr<const platform::ConsentGate>(
+                                              consent_)](std::string_view name) {
+    if (!name.empty() && name != kStopMarkerName)
+      return;
+    const auto gate = consent.lock();
+    if (!gate)
+      return;
+    if (!gate->stopped()) {
+      gate->lookElsewhereNow();
+      return;
+    }
+    if (const auto tracker = self->pin()) {
+      tracker->mBackgroundQueue_->async([self] {
+        if (const auto pinned = self->pin())
+          pinned->forgetIfForgottenElsewhere();
+      });
+    }
+  });
   // Written through the system log itself, so that it shows even with debugging off.
   platform_->systemLog->write(format("Quorvel SDK version %@ started build (%@)",
                                      kQuorvelSDKVersion, kQuorvelSDKBuildNumber));

@@ -329,6 +329,7 @@ class TrackerCore {
   static constexpr std::uint8_t kForgottenMark = 'f';
   // Another process stopped the library: if it forgot the install, this one forgets too.
   void forgetIfForgottenElsewhere();
+  void forgetIfForgottenElsewhereLocked();  // under optInMutex_
   void finishForgettingIfStarted();
   bool eraseInstall();
   // The install's state this process holds in memory: what the host set about the user, the
@@ -481,6 +482,11 @@ class TrackerCore {
   // The application notifications the tracker follows; destroying them waits out a handler
   // running on another thread. Swapped out under the lock, destroyed outside it.
   std::mutex subscriptionsMutex_;
+  // A forgetting carried out for another process and an opt-in here never interleave: the
+  // one erases only while the library is still stopped.
+  std::mutex optInMutex_;
+  // This process forgot the install: the "forgotten" stop marker it sees then is its own.
+  std::atomic<bool> forgottenHere_{false};
   std::vector<platform::NotificationSubscription> lifecycleSubscriptions_;
   // What queued work and completions hold instead of the tracker (see TrackerLifetime).
   std::shared_ptr<TrackerLifetime> self_;

@@ -117,6 +117,11 @@ void TrackerCore::setStopped(bool stopped) {
     if (!fs.writeFileAtomically(stopMarkerPath(*platform_), Bytes{kStoppedMark}))
       log_->log(kLogError, kMethod, "Quorvel could not tell other processes of the stop");
   } else {
+    // Forgotten by another process while stopped here, unseen so far: what this process still
+    // holds of the install goes first, or it would go out under the consent given now.
+    const std::lock_guard lock(optInMutex_);
+    forgetIfForgottenElsewhereLocked();
+    forgottenHere_ = false;
     fs.removeFile(stopMarkerPath(*platform_));
     consent_->run();
   }

@@ -98,17 +98,26 @@ bool TrackerCore::forgetThisInstall() {
     return false;
   }
   // The other processes forget too, once they see it.
+  forgottenHere_ = true;
   if (!fs.writeFileAtomically(stopMarkerPath(*platform_), Bytes{kForgottenMark}, &reason))
     log_->log(kLogError, kMethod, "Quorvel could not tell other processes of the forgetting");
   return eraseInstall();
 }
 
 void TrackerCore::forgetIfForgottenElsewhere() {
+  const std::lock_guard lock(optInMutex_);
+  forgetIfForgottenElsewhereLocked();
+}
+
+void TrackerCore::forgetIfForgottenElsewhereLocked() {
+  if (!isStopped())
+    return;  // consent given again since: what runs now is a fresh install's
   auto& fs = *platform_->fileSystem;
+  const bool unfinished = fs.fileExists(forgetMarkerPath());
+  if (forgottenHere_ && !unfinished)
+    return;  // the marker is this process's own, and its forgetting is done
   const auto mark = fs.readFile(stopMarkerPath(*platform_));
-  const bool forgotten =
-      (mark && *mark == Bytes{kForgottenMark}) || fs.fileExists(forgetMarkerPath());
-  if (!forgotten)
+  if (!unfinished && !(mark && *mark == Bytes{kForgottenMark}))
     return;
   log_->log(kLogInfo, kMethod, "Quorvel forgets this install, as another process of the app did");
   acceptIntake();

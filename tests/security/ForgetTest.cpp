@@ -298,6 +298,53 @@ TEST(Forget, AnotherProcessOnTheSameDataSeesTheStopWithinASecond) {
   }
 }
 
+// A holder stopped before the other process forgets: it forgets too, idle and stopped, and
+// opting in again afterwards starts a fresh install that sends nothing of the old one.
+TEST(Forget, AHolderStoppedBeforeTheOtherProcessForgetsForgetsToo) {
+  // Idle, it forgets as the marker is made; busy (not watching), at its opt-in at the latest.
+  for (const bool idle : {true, false}) {
+    SCOPED_TRACE(idle ? "idle" : "busy");
+    test::TempDir dir;
+    auto here = testkit::makeTestPlatform(optionsIn(dir.path()), kKey);
+    auto other = testkit::makeTestPlatform(optionsIn(dir.path()), kKey);
+    QuorvelTracker tracker(here.platform);
+    tracker.setQuorvelDevKey(std::string(kKey));
+    tracker.setAppleAppID(std::string("123456789"));
+    tracker.setCustomerUserID(std::string("customer-1"));
+    here.transport->setResponder([](const auto&) { return testkit::Answer::offline(); });
+    tracker.trackAppLaunch();  // waits in the holder's outbox
+    here.dispatcher->advance(10s);
+    tracker.setStopped(true);
+    if (idle)
+      here.dispatcher->advance(2s);  // the holder watches its folder once idle
+    EXPECT_TRUE(QuorvelTracker(other.platform).forgetThisInstall());
+    const fs::path marker = dir / "app/Library/QuorvelForgetting";
+    if (idle) {
+      // The watch's news reaches the tracker's queue, which runs on the test's virtual time.
+      EXPECT_TRUE(test::eventually(
+          [&] {
+            here.dispatcher->runUntilIdle();
+            return !fs::exists(marker);
+          },
+          10s));
+    }
+    here.transport->clear();
+    here.transport->setResponder(nullptr);
+    tracker.setStopped(false);
+    tracker.trackAppLaunch();
+    here.dispatcher->advance(10s);
+    std::vector<std::string> counters;
+    for (const auto& request : here.transport->sent()) {
+      if (request.payload && request.service() == "t") {
+        counters.push_back(request.payload->value("counter", ""));
+        EXPECT_EQ(request.payload->dump().find("customer-1"), std::string::npos);
+      }
+    }
+    EXPECT_EQ(counters, std::vector<std::string>{"1"});
+    here.transport->clear();
+  }
+}
+
 // One trial, in a process of its own so that the test's process never forks with threads:
 // copies the install, forgets it in a child killed after `delay` (none: never killed), then
 // starts once more and says what that start found. Exit 0: all of the install, 1: none of it,
