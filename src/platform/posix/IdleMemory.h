@@ -5,8 +5,9 @@
 
 namespace quorvel::platform {
 
-// From a library thread that ends after its idle time. Cheap when little is free (a look at
-// the allocator's counts); a release that is worth it costs a few ms of this thread.
+// From a library thread that ends after its idle time. Cheap unless the process grew by a
+// megabyte since the last release (a read of its counts); a release costs this thread tens
+// of ms after a large burst.
 void workerWentIdle() noexcept;
 
 }  // namespace quorvel::platform
