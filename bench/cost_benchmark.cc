@@ -2,7 +2,7 @@
 // into an idle library on the host's thread, the library's wake-ups while idle and while
 // taking lone calls, the CPU of the whole process per delivered event in a burst, the memory
 // that creating the tracker and one launch add, the burst's peak memory, and the CPU spent
-// after the burst drained.
+// and memory held after the burst drained.
 //
 //   quorvel_cost [--idle SECONDS] [--calls N] [--gap-ms MS] [--events N] [--after SECONDS]
 //                [--bound SECONDS] [--devserver PATH] [--quick] [--help]
@@ -273,6 +273,7 @@ int run(const Options& o, const fs::path& root) {
     afterSteps.push_back(now - mark);
     mark = now;
   }
+  const long rssDrained = statusKiB("VmRSS");
   LibraryUse rest;
   for (std::size_t s = 1; s < afterSteps.size(); ++s) {
     rest.cpu += afterSteps[s].cpu;
@@ -318,6 +319,8 @@ int run(const Options& o, const fs::path& root) {
       "%.1f ms (%ld wake-ups); threads alive %ld\n",
       std::max(0.0, afterSteps.front().cpu) * 1e3, afterSteps.front().switches, o.afterSeconds - 1,
       std::max(0.0, rest.cpu) * 1e3, rest.switches, libraryThreads());
+  std::printf("  RSS %d s after the drain                 %.1f MB\n", o.afterSeconds,
+              static_cast<double>(rssDrained) / 1024.0);
   std::fflush(stdout);
   return b.arrived == o.events && afterLone == 1 + o.calls ? 0 : 1;
 }

@@ -462,8 +462,9 @@ class TrackerCore {
   std::shared_ptr<Outbox> outbox_;
   std::atomic<bool> outboxResumed_{false};
   std::atomic<bool> outboxResumeScheduled_{false};
-  // Room for a burst of 8,192 calls between two turns of the serial queue (about 1 MB, made
-  // with the tracker); a longer one goes on in allocated nodes.
+  // Room for a burst of 8,192 calls between two turns of the serial queue (about 1 MB of
+  // address space, in memory only as far as bursts reached); a longer one goes on in
+  // allocated nodes.
   MpscQueue<IntakeCall> intake_{8192};
   std::mutex intakeConsumer_;  // one thread at a time takes the intake
   // Set while a turn of the outbox's queue is on its way to look at the intake: a host's call

@@ -2,6 +2,7 @@
 // producer's order while the ring has room, and a full ring loses nothing.
 #include <algorithm>
 #include <atomic>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -64,6 +65,20 @@ INSTANTIATE_TEST_SUITE_P(Capacities, MpscQueueRace,
                          ::testing::Values(Case{"RoomForAll", 1 << 17, true},
                                            Case{"OftenFull", 8, false}),
                          [](const auto& info) { return std::string(info.param.name); });
+
+// Values live in the ring only between a push and its pop: what a queue still holds when it
+// goes is destroyed with it, in the ring and in the overflow list alike.
+TEST(MpscQueue, ValuesLeftInItAreDestroyedWithIt) {
+  const auto held = std::make_shared<int>(0);
+  {
+    MpscQueue<std::shared_ptr<int>> queue(4);
+    for (int i = 0; i < 6; ++i)  // 4 in the ring, 2 in the list
+      queue.push(held);
+    ASSERT_TRUE(queue.pop());
+    EXPECT_EQ(held.use_count(), 6);
+  }
+  EXPECT_EQ(held.use_count(), 1);
+}
 
 }  // namespace
 }  // namespace quorvel

@@ -4,11 +4,13 @@
 #include "platform/posix/OpenSslLifetime.h"
 
 #include <curl/curl.h>
+#include <dirent.h>
 #include <openssl/ssl.h>
 #include <openssl/x509_vfy.h>
 #include <pthread.h>
 #include <strings.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,12 +21,14 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <string_view>
 #include <thread>
 #include <unordered_map>
 #include <utility>
 #include <variant>
 
 #include "platform/AtomicFile.h"
+#include "platform/posix/IdleMemory.h"
 #include "platform/posix/ThreadQueue.h"
 #include "util/NoDestructor.h"
 
@@ -34,6 +38,7 @@ namespace quorvel::platform {
 namespace curl_detail {
 
 constexpr const char* kSystemCABundle = "/etc/ssl/certs/ca-certificates.crt";
+constexpr const char* kSystemCADirectory = "/etc/ssl/certs";
 
 // Sessions being torn down when the process exits. A session released from a completion
 // is torn down on its callback thread, and that teardown frees TLS state; OpenSSL may free
@@ -85,15 +90,21 @@ void initCurlOnce() {
 // Streams a multiplexing (HTTP/2) host may carry at once on each of its connections.
 constexpr std::size_t kStreamsPerConnection = 16;
 
-// The system's CAs and the extra ones, parsed once per session. Every TLS connection of the
-// session verifies against this one store instead of reading and parsing its own copy.
+// The system's CAs and the extra ones, one store for every session that trusts the same
+// extra file: every TLS connection verifies against it instead of reading its own copy.
+// Where the system's folder of CAs has hashed names, a root is read from it when a chain
+// first needs it: the whole bundle, parsed, held over a megabyte for the one or two roots a
+// process meets.
 class TrustStore {
  public:
   explicit TrustStore(const std::optional<std::string>& extraCAFile) : store_(X509_STORE_new()) {
     if (store_ == nullptr)
       return;
-    if (X509_STORE_load_file(store_, kSystemCABundle) != 1)
-      X509_STORE_set_default_paths(store_);
+    if (!hasHashedNames(kSystemCADirectory) ||
+        X509_STORE_load_path(store_, kSystemCADirectory) != 1) {
+      if (X509_STORE_load_file(store_, kSystemCABundle) != 1)
+        X509_STORE_set_default_paths(store_);
+    }
     if (extraCAFile)
       X509_STORE_load_file(store_, extraCAFile->c_str());
   }
@@ -111,8 +122,45 @@ class TrustStore {
   }
 
  private:
+  // A folder that a rehash filled holds "<hash>.0" names (links to the CA files).
+  static bool hasHashedNames(const char* folder) {
+    DIR* dir = ::opendir(folder);
+    if (dir == nullptr)
+      return false;
+    bool found = false;
+    while (const dirent* entry = ::readdir(dir)) {
+      const std::string_view name(entry->d_name);
+      if (name.size() == 10 && name.ends_with(".0")) {
+        found = true;
+        break;
+      }
+    }
+    ::closedir(dir);
+    return found;
+  }
+
   X509_STORE* store_;
 };
+
+// The store for an extra CA file, shared while some session holds it. A file changed since
+// (another emulator's CA written at the same path) makes a store of its own.
+std::shared_ptr<TrustStore> sharedTrustStore(const std::optional<std::string>& extraCAFile) {
+  std::string key = extraCAFile ? "+" + *extraCAFile : std::string();
+  if (struct stat st{}; extraCAFile && ::stat(extraCAFile->c_str(), &st) == 0)
+    key += "@" + std::to_string(st.st_ino) + ":" + std::to_string(st.st_size) + ":" +
+           std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec);
+  static NoDestructor<std::mutex> mutex;
+  static NoDestructor<std::map<std::string, std::weak_ptr<TrustStore>>> stores;
+  const std::lock_guard lock(mutex.get());
+  std::erase_if(stores.get(), [](const auto& entry) { return entry.second.expired(); });
+  auto& slot = stores.get()[key];
+  auto store = slot.lock();
+  if (!store) {
+    store = std::make_shared<TrustStore>(extraCAFile);
+    slot = store;
+  }
+  return store;
+}
 
 // "scheme://host:port" of a URL: the unit that connections are counted and reused by, and
 // that a redirect must stay within. A relative `url` is resolved against `base`.
@@ -252,7 +300,7 @@ class CurlURLSession final : public URLSession,
                                        : std::make_shared<ThreadQueue>(label + ".callbacks", 1,
                                                                        "quorvel.http.cb")) {
     initCurlOnce();
-    trustStore_ = std::make_unique<TrustStore>(options_.extraCAFile);
+    trustStore_ = sharedTrustStore(options_.extraCAFile);
     options_.maxConnectionsPerHost = std::max<std::size_t>(options_.maxConnectionsPerHost, 1);
     multi_ = curl_multi_init();
     if (multi_ != nullptr) {
@@ -283,7 +331,7 @@ class CurlURLSession final : public URLSession,
     if (tWorkerOf == this) {
       // The worker still runs on this stack: its handles and trust store stay with the
       // process.
-      (void)trustStore_.release();  // NOLINT(bugprone-unused-return-value)
+      (void)new std::shared_ptr<TrustStore>(std::move(trustStore_));
       return;
     }
     {
@@ -636,7 +684,10 @@ class CurlURLSession final : public URLSession,
   // workerRunning_, which the destructor waits for.
   void startWorker() {
     try {
-      std::thread worker([this] { run(); });
+      std::thread worker([this] {
+        if (run())
+          workerWentIdle();
+      });
       pthread_setname_np(worker.native_handle(), "quorvel.http");
       worker.detach();
     } catch (...) {
@@ -652,7 +703,8 @@ class CurlURLSession final : public URLSession,
     workerEnded_.notify_all();
   }
 
-  void run() {
+  // True when the worker ends for want of work. The session may be gone once it returned.
+  bool run() {
     tWorkerOf = this;
     while (true) {
       std::deque<std::shared_ptr<CurlTask>> incoming;
@@ -667,7 +719,7 @@ class CurlURLSession final : public URLSession,
           break;
         if (!hasWork) {
           endWorkerLocked();
-          return;
+          return true;
         }
         incoming.swap(pending_);
       }
@@ -700,6 +752,7 @@ class CurlURLSession final : public URLSession,
     // from the destructor may still be writing to it.
     const std::lock_guard lock(mutex_);
     endWorkerLocked();
+    return false;
   }
 
   void cancelRequested() {
@@ -716,7 +769,7 @@ class CurlURLSession final : public URLSession,
   CurlSessionOptions options_;
   std::weak_ptr<URLSessionDownloadDelegate> delegate_;
   std::shared_ptr<DispatchQueue> callbacks_;
-  std::unique_ptr<TrustStore> trustStore_;
+  std::shared_ptr<TrustStore> trustStore_;
   CURLM* multi_ = nullptr;
   CURLSH* share_ = nullptr;
   std::atomic<std::uint64_t> nextId_{1};

@@ -1,8 +1,8 @@
 // URL sessions on libcurl: a worker thread drives a curl multi handle while there are
 // transfers (it ends after 0.5 s without); completions and delegate calls run on the
 // session's own serial callback queue. Like the platform's own sessions, a session opens a
-// few connections per host and reuses them: TLS sessions, DNS answers and the trust store
-// are loaded once and shared by every transfer of the session.
+// few connections per host and reuses them: TLS sessions and DNS answers are shared by every
+// transfer of the session, and the trust store by every session that trusts the same CAs.
 #pragma once
 
 #include <atomic>

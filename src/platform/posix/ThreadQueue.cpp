@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "platform/posix/DueItems.h"
+#include "platform/posix/IdleMemory.h"
 
 namespace quorvel::platform {
 
@@ -37,10 +38,10 @@ thread_local const ThreadQueue::State* tCurrentQueue = nullptr;
 void serve(const std::shared_ptr<ThreadQueue::State>& state) {
   tCurrentQueue = state.get();
   std::unique_lock lock(state->mutex);
+  bool idleTooLong = false;
   while (!state->stopping) {
     if (state->items.empty()) {
       ++state->waiting;
-      bool idleTooLong = false;
       if (state->idleTime) {
         idleTooLong = !state->wake.wait_for(
             lock, *state->idleTime, [&] { return state->stopping || !state->items.empty(); });
@@ -70,6 +71,9 @@ void serve(const std::shared_ptr<ThreadQueue::State>& state) {
   --state->threads;
   tCurrentQueue = nullptr;
   state->ended.notify_all();
+  lock.unlock();
+  if (idleTooLong)
+    workerWentIdle();
 }
 }  // namespace
 
