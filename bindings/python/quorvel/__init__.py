@@ -25,6 +25,7 @@ PathArg = Union[str, bytes, "os.PathLike[str]", "os.PathLike[bytes]"]
 Headers = List[Tuple[str, str]]
 
 INVALID_ARGUMENT = 1
+FAILED = 4
 # A flush is made of slices this long, so that a signal (Ctrl-C) reaches Python between them.
 _FLUSH_SLICE = 0.1
 # What a tracker still open at interpreter exit may spend flushing before it is released.
@@ -212,6 +213,17 @@ class _Handle:
         self._users: Dict[int, int] = {}
         self._closing = False
         self._release_on_last_exit = False
+        self._inherited = False
+
+    def leave_to_parent(self) -> None:
+        """In a child made by fork(): the copy is never used, flushed or released here. The
+        parent's threads, which its release would wait for, did not come along, and its lock
+        may have been copied held."""
+        self._changed = threading.Condition()
+        self._users = {}
+        self._closing = True
+        self._inherited = True
+        self._handle = None
 
     @property
     def closed(self) -> bool:
@@ -222,6 +234,9 @@ class _Handle:
 
     def _enter(self) -> ctypes.c_void_p:
         with self._changed:
+            if self._inherited:
+                raise QuorvelError(FAILED, "the tracker belongs to the parent process: "
+                                           "make one in this process")
             if self._closing or self._handle is None:
                 raise QuorvelError(INVALID_ARGUMENT, "the tracker is closed")
             me = threading.get_ident()
@@ -275,6 +290,16 @@ class _Use:
 
 
 _open_trackers: "weakref.WeakSet[Tracker]" = weakref.WeakSet()
+
+
+def _leave_trackers_to_parent() -> None:
+    for tracker in list(_open_trackers):
+        tracker._handle.leave_to_parent()
+        _open_trackers.discard(tracker)
+
+
+if hasattr(os, "register_at_fork"):
+    os.register_at_fork(after_in_child=_leave_trackers_to_parent)
 
 
 @atexit.register

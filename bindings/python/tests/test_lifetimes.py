@@ -79,6 +79,38 @@ def test_exit_with_open_trackers_on_a_slow_transport_is_clean(tmp_path):
     assert child.returncode == 0, err
 
 
+def test_a_forked_child_leaves_its_copy_of_a_tracker_alone(tmp_path):
+    child = run_python(OFFLINE + """
+    import os
+    tracker = quorvel.Tracker(f"{folder}/app", keychain_directory=f"{folder}/keys",
+                              dev_key="K", app_id="1", transport=offline(30))
+    tracker.track_app_launch()
+    threading.Thread(target=tracker.flush, args=(20,), daemon=True).start()
+    time.sleep(0.3)  # a call under way in the parent at the fork
+    pid = os.fork()
+    if pid == 0:
+        try:
+            tracker.track_event("in_child", "")
+            os._exit(3)
+        except quorvel.QuorvelError:
+            pass
+        tracker.close()
+        sys.exit(0)  # the exit handlers run, as a host's child would run them
+    for _ in range(200):
+        done, status = os.waitpid(pid, os.WNOHANG)
+        if done:
+            print("child", os.waitstatus_to_exitcode(status), flush=True)
+            break
+        time.sleep(0.05)
+    else:
+        os.kill(pid, 9)
+        print("child hung", flush=True)
+    os._exit(0)
+    """.replace("\n    ", "\n"), tmp_path)
+    out, err = child.communicate(timeout=60)
+    assert out.strip() == "child 0", err
+
+
 def test_ctrl_c_interrupts_a_flush(tmp_path):
     child = run_python(OFFLINE + """
     tracker = quorvel.Tracker(f"{folder}/app", keychain_directory=f"{folder}/keys",
