@@ -11,6 +11,7 @@
 
 #include "cache/Outbox.h"
 #include "cache/QuorvelRequestCache.h"
+#include "net/ReportLedger.h"
 #include "support/TrackerFixture.h"
 #include "util/PreferenceKeys.h"
 
@@ -301,6 +302,24 @@ TEST_F(OutboxTest, FailedRequestsHoldTheBuildsBackAndAllGoAfterAKill) {
   EXPECT_EQ(offline.size(), 128U + 210U);  // the 128 sent before went again, marked
   EXPECT_EQ(payloadsOf("new").size(), 1U);
   EXPECT_EQ(tracker->deliveryStats().waiting, 0U);
+}
+
+// Requests still on the wire when the host destroys its tracker, answered after: the outbox,
+// the client and the ledger go with the last answer. Kept, they held each other for ever (the
+// builds still waiting for room; a send built after the outbox let its store go).
+TEST_F(OutboxTest, ATrackerDestroyedWithRequestsOnTheWireLeavesNothingBehind) {
+  for (int i = 0; i < 210; ++i)
+    tracker->trackEvent("late", std::to_string(i));
+  fakes.dispatcher->advance(10ms);
+  ASSERT_EQ(sent().size(), 128U);  // the rest wait for room
+  const std::weak_ptr<ReportLedger> ledger = tracker->reportLedger();
+  const std::weak_ptr<Outbox> outbox = tracker->outbox();
+  facade.reset();
+  for (std::size_t i = 0; i < 128; ++i)
+    fakes.fail(i, kOutboxRefused);
+  fakes.dispatcher->advance(20min);  // past every retry's backoff
+  EXPECT_TRUE(ledger.expired());
+  EXPECT_TRUE(outbox.expired());
 }
 
 // A child made by fork() holds an inert copy of its parent's tracker: its calls and its exit
