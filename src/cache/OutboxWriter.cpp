@@ -15,8 +15,15 @@ using namespace outbox_internal;
 void Outbox::writeBufferedLocked() {
   writeScheduled_ = false;
   promptWriteScheduled_ = false;
-  if (released_)
+  if (released_) {
+    // Nothing is written once the store is let go, so what still arrives (an answer, a late
+    // build) is dropped: kept, a built report's send, which holds the client that holds this
+    // outbox, would keep both for ever.
+    std::vector<Op> dropped;
+    const std::lock_guard lock(bufferMutex_);
+    dropped.swap(buffer_);
     return;
+  }
   if (!opened_) {
     // Nothing to write is no reason to make the store (after a forgetting, none is there).
     const std::lock_guard lock(bufferMutex_);

@@ -31,6 +31,15 @@ void ReportLedger::buildWhenThereIsRoom(const std::shared_ptr<platform::Dispatch
   build();
 }
 
+void ReportLedger::dropWaiting() {
+  decltype(state_->waiting) dropped;
+  {
+    const std::lock_guard lock(state_->mutex);
+    dropped.swap(state_->waiting);
+  }
+  // Released outside the lock: each build's ticket settles, which takes it.
+}
+
 std::shared_ptr<void> ReportLedger::State::takePermit() {
   {
     const std::lock_guard lock(mutex);

@@ -99,6 +99,11 @@ class ReportLedger {
   // answer makes room.
   void buildWhenThereIsRoom(const std::shared_ptr<platform::DispatchQueue>& queue,
                             platform::Work build);
+  // Lets the builds still waiting for room go, unrun: for a tracker that has ended, whose
+  // reports are in the outbox already. A waiting build holds its report's ticket, which holds
+  // the ledger: were they kept, a place that is never given back (a request failed after
+  // its outbox was released) would keep them all, and the ledger, for ever.
+  void dropWaiting();
 
  private:
   struct State : std::enable_shared_from_this<State> {

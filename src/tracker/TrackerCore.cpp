@@ -163,6 +163,8 @@ TrackerCore::~TrackerCore() {
   // Calls still in the intake go into the outbox, and so to the next start.
   acceptIntake();
   self_->end();
+  // No build runs once the tracker has ended: those waiting for room are let go.
+  ledger_->dropWaiting();
   // A stop wrote what came before it; after it (maybe another process's forgetting) this
   // process's copy of the preferences is not written back.
   if (!isStopped())

@@ -303,6 +303,20 @@ TEST_F(OutboxTest, FailedRequestsHoldTheBuildsBackAndAllGoAfterAKill) {
   EXPECT_EQ(tracker->deliveryStats().waiting, 0U);
 }
 
+// What reaches an outbox after its tracker let the store go (an answer, a send built late) is
+// let go too: a built report's send holds the client, which holds the outbox, so kept, it
+// held both for ever.
+TEST_F(OutboxTest, ASendBuiltAfterTheTrackerEndedIsLetGo) {
+  const auto outbox = tracker->outbox();
+  facade.reset();  // releases the outbox's store
+  auto held = std::make_shared<int>(0);
+  const std::weak_ptr<int> send = held;
+  outbox->built(outbox->acceptBuilt(), QuorvelRequestCacheData("https://svc.example/x", {}, "1"),
+                [held = std::move(held)] {});
+  fakes.dispatcher->advance(1s);
+  EXPECT_TRUE(send.expired());
+}
+
 // A child made by fork() holds an inert copy of its parent's tracker: its calls and its exit
 // flush write nothing to the parent's outbox.
 TEST_F(OutboxTest, AForkedChildsTrackerIsInert) {

@@ -68,5 +68,25 @@ TEST(ReportLedger, BuildsWaitForRoomAndKeepTheirOrder) {
   EXPECT_EQ(ran, (std::vector<int>{1, 2}));
 }
 
+TEST(ReportLedger, BuildsStillWaitingWhenTheTrackerEndsLetTheirReportsGo) {
+  ReportLedger ledger(1);
+  auto queue = std::make_shared<HeldQueue>();
+  auto built = ledger.open();
+  built->attach();
+  // Failed after its outbox was released: its place is never given back.
+  auto neverAnswered = built->buildPermit();
+  built.reset();
+  auto ticket = ledger.open();
+  const std::weak_ptr<ReportLedger::Ticket> waiting = ticket;
+  ledger.buildWhenThereIsRoom(queue, carryReport(std::move(ticket), [] {}));
+  EXPECT_FALSE(waiting.expired());  // its build holds it, and through it the ledger
+
+  ledger.dropWaiting();
+  EXPECT_TRUE(waiting.expired());
+  EXPECT_TRUE(ledger.waitSettled(ledger.newest(), 0ms));
+  neverAnswered.reset();
+  EXPECT_TRUE(queue->held.empty());  // nothing left to post
+}
+
 }  // namespace
 }  // namespace quorvel

@@ -8,11 +8,11 @@ import json
 import logging
 import math
 import os
+import queue
 import sys
 import threading
 import time
 import weakref
-from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass, field
 from typing import Any, Callable, Dict, List, Optional, Tuple, Union
 
@@ -107,12 +107,17 @@ def _fail_reply(reply: int, message: str) -> None:
 
 class _Transport:
     """Calls a Python transport on worker threads of its own, so that a slow request never
-    holds a library thread, and answers the library through the reply handle."""
+    holds a library thread, and answers the library through the reply handle. The workers are
+    daemon threads: a send that hangs never holds the interpreter's exit (a pool's workers
+    would be joined there, after running every request still queued)."""
 
     def __init__(self, send: Callable[[Request], Response], workers: int = 4) -> None:
         self._send = send
         self._closed = False
-        self._pool = ThreadPoolExecutor(max_workers=workers, thread_name_prefix="quorvel-http")
+        self._requests: "queue.SimpleQueue[Optional[Tuple[Request, int]]]" = queue.SimpleQueue()
+        self._lock = threading.Lock()
+        self._workers = 0
+        self._max_workers = workers
         self.c_function = _native.TRANSPORT_SEND(self._hand_over)
         # The library may still hand over a request while a tracker goes away: the function
         # it calls lives as long as the process.
@@ -127,9 +132,23 @@ class _Transport:
                 headers=_header_pairs(ctypes.string_at(r.headers, r.headers_length).decode()),
                 body=ctypes.string_at(r.body, r.body_length) if r.body_length else b"",
                 timeout=r.timeout_ms / 1000.0)
-            self._pool.submit(self._answer, request, reply)
+            with self._lock:
+                if self._closed:
+                    raise RuntimeError("closed")
+                self._requests.put((request, reply))
+                start = self._workers < self._max_workers
+                self._workers += start
+            if start:
+                threading.Thread(target=self._work, name="quorvel-http", daemon=True).start()
         except Exception:  # noqa: BLE001 - closed, or the interpreter is shutting down
             _fail_reply(reply, "the transport is closed")
+
+    def _work(self) -> None:
+        while True:
+            item = self._requests.get()
+            if item is None:
+                return
+            self._answer(*item)
 
     def _answer(self, request: Request, reply: int) -> None:
         if self._closed:
@@ -147,8 +166,11 @@ class _Transport:
     def close(self) -> None:
         # Never joins: a close may run on one of the workers (a tracker collected there), and
         # a request under way ends by its own timeout. Those queued fail at once.
-        self._closed = True
-        self._pool.shutdown(wait=False)
+        with self._lock:
+            self._closed = True
+            workers = self._workers
+        for _ in range(workers):
+            self._requests.put(None)
 
 
 def version() -> str:

@@ -65,17 +65,27 @@ def test_close_racing_eight_calling_threads_never_crashes(tmp_path):
     assert child.returncode == 0 and out.strip() == "done", err
 
 
-def test_exit_with_open_trackers_on_a_slow_transport_is_clean(tmp_path):
+def test_exit_with_open_trackers_on_a_hung_transport_is_clean(tmp_path):
+    # Sends that outlast the test: the exit flushes for at most a second and goes, without
+    # waiting for them (a hang catcher, not a timing).
     child = run_python(OFFLINE + """
+    sending = threading.Event()
+    def hung(request):
+        sending.set()
+        time.sleep(3600)
     trackers = [quorvel.Tracker(f"{folder}/app{i}", keychain_directory=f"{folder}/keys{i}",
-                                dev_key="K", app_id="1", transport=offline(0.3))
+                                dev_key="K", app_id="1", transport=hung)
                 for i in range(2)]
     for tracker in trackers:
         tracker.track_app_launch()
         for i in range(20):
             tracker.track_event("before_exit", str(i))
+    sending.wait(30)
     """.replace("\n    ", "\n"), tmp_path)
-    _, err = child.communicate(timeout=60)
+    try:
+        _, err = child.communicate(timeout=30)
+    finally:
+        child.kill()
     assert child.returncode == 0, err
 
 
