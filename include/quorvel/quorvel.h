@@ -161,8 +161,8 @@ QUORVEL_C_API quorvel_status quorvel_tracker_create(const quorvel_options* optio
  * tracker's callbacks or its transport's send, it returns at once: nothing new is called from then
  * on, and the tracker finishes on a library thread once that call has returned. In a child made by
  * fork() from a process that had the tracker, it returns at once and frees nothing: the child's
- * copy is inert, and its parent's threads, which it would wait for, did not come along. Destroying
- * a handle twice is undefined. */
+ * copy is inert (every other call on it is QUORVEL_ERROR_FAILED), and its parent's threads, which
+ * it would wait for, did not come along. Destroying a handle twice is undefined. */
 QUORVEL_C_API void quorvel_tracker_destroy(quorvel_tracker* tracker);
 
 /* --- Settings -------------------------------------------------------------------------- */

@@ -113,8 +113,11 @@ struct quorvel_tracker {
   std::shared_ptr<quorvel::capi::LogBox> log = std::make_shared<quorvel::capi::LogBox>();
   std::shared_ptr<quorvel::QuorvelTrackerDelegate> delegate;
   std::unique_ptr<quorvel::QuorvelTracker> tracker;
-  // The process image that made it: a forked child's copy is never destroyed.
+  // The process image that made it: a forked child's copy is inert and never destroyed.
   std::uint64_t forkGeneration = quorvel::platform::forkGeneration();
+  bool inheritedByFork() const noexcept {
+    return forkGeneration != quorvel::platform::forkGeneration();
+  }
 };
 
 namespace quorvel::capi {

@@ -143,6 +143,8 @@ quorvel_status withTracker(quorvel_tracker* handle, Call&& call,
                            Stopped whenStopped = Stopped::allowed) {
   if (handle == nullptr || !handle->tracker)
     return QUORVEL_ERROR_INVALID_ARGUMENT;
+  if (handle->inheritedByFork())
+    return QUORVEL_ERROR_FAILED;
   if (whenStopped == Stopped::refused && handle->tracker->isStopped())
     return QUORVEL_STOPPED;
   try {
@@ -269,10 +271,14 @@ quorvel_status quorvel_tracker_create(const quorvel_options* given, quorvel_trac
 void quorvel_tracker_destroy(quorvel_tracker* tracker) {
   if (tracker == nullptr)
     return;
-  if (tracker->forkGeneration != quorvel::platform::forkGeneration()) {
+  if (tracker->inheritedByFork()) {
     // A forked child's copy: its gates and its tracker wait for threads of the parent's that
-    // did not come along. It is kept, inert, for the child's life.
-    quorvel::platform::keepForkOrphan(std::shared_ptr<quorvel_tracker>(tracker));
+    // did not come along. It is kept, inert, for the child's life (or, with no memory for
+    // that, never freed).
+    try {
+      quorvel::platform::keepForkOrphan(std::shared_ptr<quorvel_tracker>(tracker));
+    } catch (...) {
+    }
     return;
   }
   using quorvel::capi::kTransportCallBound;
@@ -538,6 +544,8 @@ quorvel_status quorvel_set_callbacks(quorvel_tracker* tracker, const quorvel_cal
   quorvel_callbacks_init(&c);
   if (given != nullptr && !quorvel::capi::readSized(given, c))
     return QUORVEL_ERROR_INVALID_ARGUMENT;
+  if (tracker->inheritedByFork())
+    return QUORVEL_ERROR_FAILED;  // its gate may wait for a callback of the parent's
   tracker->callbacks->replace(c);
   return QUORVEL_OK;
 }
@@ -596,6 +604,8 @@ quorvel_status quorvel_set_log_callback(quorvel_tracker* tracker, quorvel_log_ca
                                         void* user_data) {
   if (tracker == nullptr)
     return QUORVEL_ERROR_INVALID_ARGUMENT;
+  if (tracker->inheritedByFork())
+    return QUORVEL_ERROR_FAILED;  // its gate may wait for a log line of the parent's
   tracker->log->replace({callback, user_data});
   return QUORVEL_OK;
 }

@@ -171,15 +171,16 @@ void QuorvelHTTPClient::post(const QuorvelRequestCacheData& request, std::string
 
 std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::startUnlessStopped(
     platform::URLSession& session, platform::URLRequest request,
-    platform::DataTaskCompletion completion, std::function<void()> onCancelled) {
-  const auto generation = consentGeneration();
+    platform::DataTaskCompletion completion, std::function<void()> onCancelled,
+    std::optional<platform::ConsentGate::Generation> since) {
+  const auto generation = since.value_or(consentGeneration());
   if (onCancelled) {
     // Never inside the host's call that stopped the library, nor inside this one.
     onCancelled = [queue = session.delegateQueue(), f = std::move(onCancelled)] {
       queue->async(f);
     };
   }
-  if (stopped()) {
+  if (!consentHolds(generation)) {
     log_->log(kLogDebug, "-[QuorvelHTTPClient startUnlessStopped:]",
               "Quorvel is stopped: the request is not sent");
     if (onCancelled)

@@ -112,11 +112,13 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
   // Starts a request that carries no tracking report (conversion data, a link, a receipt)
   // unless the library is stopped, and keeps it among those a stop cancels, so that none
   // leaves once the stop returned. `onCancelled` runs instead of the completion when the
-  // request is refused here (at once, on this thread) or cancelled by a stop (on the stopping
-  // thread); nullptr when refused.
+  // request is refused here or cancelled by a stop (posted to the session's queue, never run
+  // inside either call); nullptr when refused. `since`: the consent generation the request's
+  // contents were read under (a uid read before a forgetting never leaves after it).
   std::shared_ptr<platform::URLSessionTask> startUnlessStopped(
       platform::URLSession& session, platform::URLRequest request,
-      platform::DataTaskCompletion completion, std::function<void()> onCancelled = nullptr);
+      platform::DataTaskCompletion completion, std::function<void()> onCancelled = nullptr,
+      std::optional<platform::ConsentGate::Generation> since = std::nullopt);
 
  private:
   // False while another process holds the data directory: its folder is that process's.

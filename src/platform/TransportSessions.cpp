@@ -149,7 +149,8 @@ class TransportSession final : public platform::URLSession,
 };
 
 void TransportTask::resume() noexcept {
-  if (resumed_.exchange(true))
+  // A task cancelled before it started (a stop) never reaches the host's transport.
+  if (cancelled_ || resumed_.exchange(true))
     return;
   try {
     const auto timeout = request_.timeout.value_or(kDefaultTimeout);
@@ -173,6 +174,8 @@ void TransportTask::resume() noexcept {
           }
         });
     session_->lanes().run([self = shared_from_this(), timeout, done = std::move(done)]() mutable {
+      if (self->cancelled_)
+        return;  // cancelled while it waited for a lane: it never leaves
       try {
         TransportRequest request{self->request_.method, self->request_.url, self->request_.headers,
                                  self->request_.body, timeout};

@@ -81,15 +81,16 @@ void TrackerCore::getConversionData() {
     request.url = url;
     auto self = self_;
     // A stop cancels it: none leaves once the stop returned, and no delegate hears of it.
-    httpClient_->startUnlessStopped(*p.urlSessions->sharedSession(), std::move(request),
-                                    [self, start, generation, ticket = ReportLedger::current()](
-                                        const auto& body, const auto& response, const auto& error) {
-                                      const ReportLedger::Scope report(ticket);
-                                      const auto tracker = self->pin();
-                                      if (tracker && tracker->consent_->holds(generation))
-                                        tracker->handleConversionDataAnswer(body, response, error,
-                                                                            start, generation);
-                                    });
+    httpClient_->startUnlessStopped(
+        *p.urlSessions->sharedSession(), std::move(request),
+        [self, start, generation, ticket = ReportLedger::current()](
+            const auto& body, const auto& response, const auto& error) {
+          const ReportLedger::Scope report(ticket);
+          const auto tracker = self->pin();
+          if (tracker && tracker->consent_->holds(generation))
+            tracker->handleConversionDataAnswer(body, response, error, start, generation);
+        },
+        nullptr, generation);
   } catch (const std::exception&) {
     if (const auto current = delegate(); listensForFailures(current)) {
       current->onConversionDataRequestFailure(Error{kErrorDomain, 0, "Quorvel server data error."});

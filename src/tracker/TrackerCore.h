@@ -488,6 +488,8 @@ class TrackerCore {
   std::mutex optInMutex_;
   // This process forgot the install: the "forgotten" stop marker it sees then is its own.
   std::atomic<bool> forgottenHere_{false};
+  // While it forgets: its own markers, seen by its folder watch, start no second erasing.
+  std::atomic<bool> forgettingHere_{false};
   std::vector<platform::NotificationSubscription> lifecycleSubscriptions_;
   // What queued work and completions hold instead of the tracker (see TrackerLifetime).
   std::shared_ptr<TrackerLifetime> self_;

@@ -81,6 +81,11 @@ bool TrackerCore::forgetThisInstall() {
   // Stopped here at once, but the stop marker that other processes watch is written only after
   // the forgetting's own marker, and says "forgotten" from its first write: a process that saw
   // a plain stop first would stay stopped with what it holds, and never forget.
+  forgettingHere_ = true;
+  struct Done {
+    std::atomic<bool>& flag;
+    ~Done() { flag = false; }
+  } const done{forgettingHere_};
   consent_->stopAndSettle();
   httpClient_->cancelRequestsUnderWay();
   platform_->preferences->setBool(keys::kStopped, true);
@@ -110,8 +115,8 @@ void TrackerCore::forgetIfForgottenElsewhere() {
 }
 
 void TrackerCore::forgetIfForgottenElsewhereLocked() {
-  if (!isStopped())
-    return;  // consent given again since: what runs now is a fresh install's
+  if (!isStopped() || forgettingHere_)
+    return;  // consent given again since (a fresh install runs), or this process forgets now
   auto& fs = *platform_->fileSystem;
   const bool unfinished = fs.fileExists(forgetMarkerPath());
   if (forgottenHere_ && !unfinished)

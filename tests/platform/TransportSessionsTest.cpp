@@ -28,14 +28,19 @@ class HeldTransport final : public Transport {
       const std::lock_guard lock(mutex_);
       urls_.push_back(request.url);
       dones_.push_back(std::move(done));
-      if (request.url == blocked_)
-        wait = release_.get_future().share();
+      if (!blocked_.empty() && request.url.rfind(blocked_, 0) == 0)
+        wait = released_;
     }
     sent_.notify_all();
     if (wait.valid())
       wait.wait();
   }
+  // Every send whose URL starts with `url` blocks.
   void block(std::string url) { blocked_ = std::move(url); }
+  std::vector<std::string> urls() {
+    const std::lock_guard lock(mutex_);
+    return urls_;
+  }
   void release() { release_.set_value(); }
   // Waits (bounded) until `count` sends have begun.
   bool waitForSends(std::size_t count) {
@@ -61,6 +66,7 @@ class HeldTransport final : public Transport {
   std::vector<TransportDone> dones_;
   std::string blocked_;
   std::promise<void> release_;
+  std::shared_future<void> released_ = release_.get_future().share();
 };
 
 platform::URLRequest post(const std::string& url, std::chrono::milliseconds timeout = 60s) {
@@ -88,6 +94,37 @@ TEST(TransportSessions, ABlockingSendHoldsNeitherTheCallerNorTheNextSend) {
   EXPECT_EQ(answered.get(), 200);
   transport->release();
   transport->answer("https://a.svc.example/1", 200);  // answered, it lets go of its task
+}
+
+// A stop cancels what is under way: a task cancelled before it starts, or while it waits for
+// a lane that blocking sends hold, never reaches the host's transport.
+TEST(TransportSessions, ACancelledTaskNeverReachesTheTransport) {
+  const auto transport = std::make_shared<HeldTransport>();
+  transport->block("https://a.svc.example/busy");
+  const auto dispatcher = std::make_shared<platform::PosixDispatcher>();
+  const auto session = makeTransportSessions(transport, dispatcher, "/tmp")->sharedSession();
+  std::vector<std::shared_ptr<platform::URLSessionTask>> tasks;
+  for (int i = 0; i < 4; ++i) {  // every lane
+    tasks.push_back(
+        session->dataTask(post("https://a.svc.example/busy" + std::to_string(i)), nullptr));
+    tasks.back()->resume();
+  }
+  ASSERT_TRUE(transport->waitForSends(4));
+  const auto waiting = session->dataTask(post("https://a.svc.example/waiting"), nullptr);
+  waiting->resume();
+  waiting->cancel();
+  const auto never = session->dataTask(post("https://a.svc.example/never"), nullptr);
+  never->cancel();
+  never->resume();
+  const auto after = session->dataTask(post("https://a.svc.example/after"), nullptr);
+  after->resume();
+  transport->release();
+  ASSERT_TRUE(transport->waitForSends(5));
+  for (const auto& url : transport->urls())
+    EXPECT_TRUE(url.find("busy") != std::string::npos || url.ends_with("after")) << url;
+  for (int i = 0; i < 4; ++i)
+    transport->answer("https://a.svc.example/busy" + std::to_string(i), 200);
+  transport->answer("https://a.svc.example/after", 200);
 }
 
 TEST(TransportSessions, ASendThatNeverAnswersFailsAtItsDeadlineAndALateAnswerIsIgnored) {

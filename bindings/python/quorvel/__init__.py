@@ -268,6 +268,8 @@ class _Handle:
     def _leave(self) -> None:
         with self._changed:
             me = threading.get_ident()
+            if me not in self._users:
+                return  # entered in the parent, before a fork() that made this child
             self._users[me] -= 1
             if not self._users[me]:
                 del self._users[me]

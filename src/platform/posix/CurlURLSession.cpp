@@ -10,7 +10,6 @@
 #include <pthread.h>
 #include <strings.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,8 +18,10 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <deque>
+#include <fstream>
 #include <map>
 #include <mutex>
+#include <sstream>
 #include <string_view>
 #include <thread>
 #include <unordered_map>
@@ -145,10 +146,15 @@ class TrustStore {
 // The store for an extra CA file, shared while some session holds it. A file changed since
 // (another emulator's CA written at the same path) makes a store of its own.
 std::shared_ptr<TrustStore> sharedTrustStore(const std::optional<std::string>& extraCAFile) {
-  std::string key = extraCAFile ? "+" + *extraCAFile : std::string();
-  if (struct stat st{}; extraCAFile && ::stat(extraCAFile->c_str(), &st) == 0)
-    key += "@" + std::to_string(st.st_ino) + ":" + std::to_string(st.st_size) + ":" +
-           std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec);
+  // Keyed by the file's content, not its times: a CA rewritten within one clock tick at the
+  // same size would otherwise keep the old one trusted. CA files are a few kilobytes.
+  std::string key;
+  if (extraCAFile) {
+    std::ifstream in(*extraCAFile, std::ios::binary);
+    std::ostringstream content;
+    content << in.rdbuf();
+    key = "+" + *extraCAFile + "\n" + content.str();
+  }
   static NoDestructor<std::mutex> mutex;
   static NoDestructor<std::map<std::string, std::weak_ptr<TrustStore>>> stores;
   const std::lock_guard lock(mutex.get());
