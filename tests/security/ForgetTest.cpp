@@ -255,6 +255,16 @@ TEST(Forget, ForgettingThenOptingInAgainInOneProcessStartsAFreshInstall) {
     EXPECT_EQ(text.find(before), std::string::npos) << before << " in " << text;
 }
 
+// The holder of the data directory, its launch (with the customer's id) waiting in its outbox.
+void launchOffline(QuorvelTracker& tracker, testkit::TestPlatform& kit) {
+  tracker.setQuorvelDevKey(std::string(kKey));
+  tracker.setAppleAppID(std::string("123456789"));
+  tracker.setCustomerUserID(std::string("customer-1"));
+  kit.transport->setResponder([](const auto&) { return testkit::Answer::offline(); });
+  tracker.trackAppLaunch();
+  kit.dispatcher->advance(10s);
+}
+
 // Two processes on one data directory: the other's stop, or its forgetting, holds here at once,
 // idle or not; what was on the wire here is not applied, and nothing more leaves. A forgetting
 // made by the process that does not hold the data directory is finished here, the holder:
@@ -267,12 +277,7 @@ TEST(Forget, AnotherProcessOnTheSameDataSeesTheStopWithinASecond) {
       auto here = testkit::makeTestPlatform(optionsIn(dir.path()), kKey);
       auto other = testkit::makeTestPlatform(optionsIn(dir.path()), kKey);
       QuorvelTracker tracker(here.platform);
-      tracker.setQuorvelDevKey(std::string(kKey));
-      tracker.setAppleAppID(std::string("123456789"));
-      tracker.setCustomerUserID(std::string("customer-1"));
-      here.transport->setResponder([](const auto&) { return testkit::Answer::offline(); });
-      tracker.trackAppLaunch();  // waits in the outbox here, the holder's
-      here.dispatcher->advance(10s);
+      launchOffline(tracker, here);
       const std::size_t sent = here.transport->sent().size();
       ASSERT_GT(sent, 0U);
       ASSERT_FALSE(tracker.isStopped());  // looked just now: the next look is a second away
@@ -308,12 +313,7 @@ TEST(Forget, AHolderStoppedBeforeTheOtherProcessForgetsForgetsToo) {
     auto here = testkit::makeTestPlatform(optionsIn(dir.path()), kKey);
     auto other = testkit::makeTestPlatform(optionsIn(dir.path()), kKey);
     QuorvelTracker tracker(here.platform);
-    tracker.setQuorvelDevKey(std::string(kKey));
-    tracker.setAppleAppID(std::string("123456789"));
-    tracker.setCustomerUserID(std::string("customer-1"));
-    here.transport->setResponder([](const auto&) { return testkit::Answer::offline(); });
-    tracker.trackAppLaunch();  // waits in the holder's outbox
-    here.dispatcher->advance(10s);
+    launchOffline(tracker, here);
     tracker.setStopped(true);
     if (idle)
       here.dispatcher->advance(2s);  // the holder watches its folder once idle
