@@ -39,6 +39,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -47,6 +48,7 @@
 #include <random>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -79,8 +81,18 @@ struct Options {
   std::string devserver = QUORVEL_DEVSERVER_BIN;
 };
 
+constexpr const char* kUsage =
+    "usage: quorvel_consent [--runs N (50)] [--pair-trials N (8)] [--margin-ms MS (50)]\n"
+    "                       [--seed N (1)] [--devserver PATH] [--strict 1]\n";
+
 Options parse(int argc, char** argv) {
   Options o;
+  for (int i = 1; i < argc; ++i) {
+    if (std::string_view(argv[i]) == "--help") {
+      std::fputs(kUsage, stdout);
+      std::exit(0);
+    }
+  }
   for (int i = 1; i + 1 < argc; i += 2) {
     const std::string flag = argv[i];
     const std::string value = argv[i + 1];
