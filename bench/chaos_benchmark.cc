@@ -4,8 +4,8 @@
 // the harness's records (accepted calls, lives, kill times) and the emulator's (what arrived,
 // when), never from the library's own bookkeeping. Figures, not a test.
 //
-// With QUORVEL_CHAOS_LOG set, each host's outbox lines go to host.log, the lost events and
-// avoidable repeats are listed, and the run's files are kept.
+// With QUORVEL_CHAOS_LOG set, each life's outbox lines go to host-LIFE.log, the lost events
+// and avoidable repeats are listed, and the run's files are kept.
 #include <sys/prctl.h>
 
 #include <algorithm>
@@ -170,6 +170,7 @@ int runHarness(const Options& o, const fs::path& root) {
     std::printf("  forked workers still running at the end (killed): %d\n", workersLeft);
   const bool clean = quorvel::chaos::judge(lives.judgement(), lives.log(), accepted, verbose());
   std::fflush(stdout);
+  quorvel::chaos::trimMappedFiles(root);
   return !o.strict || (clean && workersLeft == 0) ? 0 : 1;
 }
 

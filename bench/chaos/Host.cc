@@ -3,13 +3,16 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <memory>
 #include <string_view>
@@ -29,13 +32,57 @@ using namespace std::chrono_literals;
 
 namespace {
 
+// Lines in a file of the host's own, mapped into memory: a line is in the kernel's copy the
+// moment it is stored, so a SIGKILL keeps it, and stores into a mapping are not file writes,
+// so the disk fault (a file size limit of 0) does not stop them. The file is made at its full
+// size, sparse, before any fault; readers stop at the first zero byte.
+class MappedLines {
+ public:
+  MappedLines(const fs::path& file, std::size_t size) : size_(size) {
+    const int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0)
+      return;
+    if (::ftruncate(fd, static_cast<off_t>(size)) == 0) {
+      void* p = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+      if (p != MAP_FAILED)
+        base_ = static_cast<char*>(p);
+    }
+    ::close(fd);
+  }
+  ~MappedLines() {
+    if (base_ != nullptr)
+      ::munmap(base_, size_);
+  }
+  MappedLines(const MappedLines&) = delete;
+  MappedLines& operator=(const MappedLines&) = delete;
+
+  explicit operator bool() const { return base_ != nullptr; }
+
+  // False once the file is full. Any thread.
+  bool add(std::string_view line) {
+    const std::size_t at = used_.fetch_add(line.size());
+    if (base_ == nullptr || at + line.size() >= size_)
+      return false;
+    std::memcpy(base_ + at, line.data(), line.size());
+    return true;
+  }
+
+ private:
+  const std::size_t size_;
+  char* base_ = nullptr;
+  std::atomic<std::size_t> used_{0};
+};
+
 bool logging() {
   return std::getenv("QUORVEL_CHAOS_LOG") != nullptr;
 }
 
-// The library's outbox lines, each after the milliseconds since the host made its platform.
+// The library's outbox lines, each after the milliseconds since the host made its platform,
+// in the life's own log file (host-TAG.log).
 class OutboxLines final : public quorvel::platform::SystemLog {
  public:
+  explicit OutboxLines(const fs::path& file) : lines_(file, std::size_t{64} << 20) {}
+
   void write(std::string_view line) noexcept override {
     if (line.find("outbox") == std::string_view::npos &&
         line.find("Outbox") == std::string_view::npos)
@@ -43,10 +90,16 @@ class OutboxLines final : public quorvel::platform::SystemLog {
     const double ms =
         std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start_)
             .count();
-    std::fprintf(stderr, "%8.1f %.*s\n", ms, static_cast<int>(line.size()), line.data());
+    char head[32];
+    std::snprintf(head, sizeof head, "%8.1f ", ms);
+    try {
+      lines_.add(std::string(head) + std::string(line) + "\n");
+    } catch (...) {
+    }
   }
 
  private:
+  MappedLines lines_;
   const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
@@ -78,7 +131,7 @@ void configure(const HostArgs& a) {
   options.extraCAFile = a.caFile;
   quorvel::Platform platform = quorvel::makePosixPlatform(options);
   if (logging())
-    platform.systemLog = std::make_shared<OutboxLines>();
+    platform.systemLog = std::make_shared<OutboxLines>(a.root / ("host-" + a.tag + ".log"));
   quorvel::installPlatform(platform);
   auto& tracker = QuorvelTracker::sharedTracker();
   if (logging())
@@ -172,25 +225,23 @@ int runHost(const HostArgs& a) {
     std::this_thread::sleep_for(std::chrono::milliseconds(a.fullDiskExitMs));
     return 0;  // the exit flush runs, on a disk that is still full
   }
-  const int fd = ::open(a.accepted.c_str(), O_WRONLY | O_APPEND | O_CREAT, 0600);
-  if (fd < 0)
+  // An hour at a few thousand calls a second fits.
+  MappedLines notes(a.accepted / a.tag, std::size_t{256} << 20);
+  if (!notes)
     return 2;
   const int perTick = a.rate > 0 ? std::max(1, a.rate / 50) : 0;
   // Bounded: a host nobody stops ends by itself after an hour.
   const auto deadline = std::chrono::steady_clock::now() + 1h;
   for (long long seq = a.firstSeq; !stopAsked(a) && std::chrono::steady_clock::now() < deadline;) {
     for (int i = 0; i < perTick; ++i, ++seq) {
-      // Each event's value is "SEQ/CALL_MS"; its line in "accepted" is written once the call
-      // returned, with write(2), so what a killed host accepted is in the kernel's copy.
+      // Each event's value is "SEQ/CALL_MS"; its line is noted once the call returned.
       const auto callMs = static_cast<long long>(std::llround(wallSeconds() * 1000.0));
       tracker.trackEvent("chaos", std::to_string(seq) + "/" + std::to_string(callMs));
-      const std::string line = std::to_string(seq) + " " + std::to_string(callMs) + "\n";
-      if (::write(fd, line.data(), line.size()) != static_cast<ssize_t>(line.size()))
+      if (!notes.add(std::to_string(seq) + " " + std::to_string(callMs) + "\n"))
         return 2;
     }
     std::this_thread::sleep_for(20ms);
   }
-  ::close(fd);
   return 0;
 }
 

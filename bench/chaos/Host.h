@@ -22,7 +22,7 @@ inline double wallSeconds() {
 // A host's settings, passed as KEY=VALUE words after "--host".
 struct HostArgs {
   std::filesystem::path root;      // the install: app data, keychain, stop files
-  std::filesystem::path accepted;  // where accepted calls are noted, shared by every install
+  std::filesystem::path accepted;  // the folder where each host notes its accepted calls
   std::string domain;
   std::string caFile;
   long long firstSeq = 0;  // the life's own range of event numbers

@@ -40,6 +40,7 @@ namespace {
 struct Row {
   int lives = 0;
   std::size_t accepted = 0, arrived = 0, lost = 0, lostNearKill = 0, lostCorrupt = 0;
+  std::size_t lostFull = 0;  // called on a full disk that stayed full until the kill
   std::size_t nearKill = 0;  // calls within the window before a kill
   std::size_t repeats = 0, avoidable = 0;
   std::size_t launches = 0, launchRepeats = 0, launchAvoidable = 0;
@@ -70,12 +71,22 @@ std::vector<std::size_t> senders(const Judgement& j, double t) {
   return out;
 }
 
-// How long the sender of a copy recorded at `t` lived on after it, at least (the shortest
-// over the lives that may have sent it); negative when none may have.
+// The time within [from, to] when `life` could write: outside its disk fault.
+double writableSeconds(const Life& life, double from, double to) {
+  const double whole = std::max(0.0, to - from);
+  const double full = std::max(0.0, std::min(to, life.fullUntil) - std::max(from, life.fullFrom));
+  return whole - full;
+}
+
+// How long the sender of a copy recorded at `t` lived on after it with a disk it could write
+// to, at least (the shortest over the lives that may have sent it); negative when none may
+// have.
 double leadOverEnd(const Judgement& j, double t) {
   double lead = -1;
-  for (const std::size_t i : senders(j, t))
-    lead = lead < 0 ? j.lives[i].end - t : std::min(lead, j.lives[i].end - t);
+  for (const std::size_t i : senders(j, t)) {
+    const double writable = writableSeconds(j.lives[i], t, j.lives[i].end);
+    lead = lead < 0 ? writable : std::min(lead, writable);
+  }
   return lead;
 }
 
@@ -85,9 +96,9 @@ int lifeOfTime(const Judgement& j, double t) {
 }
 
 void printRow(const char* name, const Row& r) {
-  std::printf("  %-16s %5d %9zu %9zu %6zu %5zu %6zu %7zu %9zu %7zu %5zu %9zu\n", name, r.lives,
-              r.accepted, r.arrived, r.lost, r.lostNearKill, r.lostCorrupt, r.repeats, r.avoidable,
-              r.launches, r.launchRepeats, r.launchAvoidable);
+  std::printf("  %-16s %5d %9zu %9zu %6zu %5zu %7zu %5zu %7zu %9zu %8zu %5zu %9zu\n", name, r.lives,
+              r.accepted, r.arrived, r.lost, r.lostNearKill, r.lostCorrupt, r.lostFull, r.repeats,
+              r.avoidable, r.launches, r.launchRepeats, r.launchAvoidable);
 }
 
 void add(Row& total, const Row& r) {
@@ -97,6 +108,7 @@ void add(Row& total, const Row& r) {
   total.lost += r.lost;
   total.lostNearKill += r.lostNearKill;
   total.lostCorrupt += r.lostCorrupt;
+  total.lostFull += r.lostFull;
   total.nearKill += r.nearKill;
   total.repeats += r.repeats;
   total.avoidable += r.avoidable;
@@ -200,8 +212,9 @@ bool judge(const Judgement& j, const RequestLog& log,
   for (const auto& life : j.lives) {
     ++rows[static_cast<int>(life.kind)].lives;
     if (verbose)
-      std::fprintf(stderr, "life %lld: %s, %.3f to %.3f%s\n", life.firstSeq / kSeqRange - 1,
-                   kindName(life.kind), life.start, life.end, life.killed ? " (killed)" : "");
+      std::fprintf(stderr, "life %lld: %s, %.3f to %.3f%s, disk full %.3f to %.3f\n",
+                   life.firstSeq / kSeqRange - 1, kindName(life.kind), life.start, life.end,
+                   life.killed ? " (killed)" : "", life.fullFrom, life.fullUntil);
   }
   const auto originRow = [&](long long seq) -> Row* {
     const auto life = static_cast<std::size_t>(seq / kSeqRange - 1);
@@ -248,16 +261,21 @@ bool judge(const Judgement& j, const RequestLog& log,
     const bool corrupted =
         life.kind == Kind::corrupt &&
         std::any_of(j.corruptions.begin(), j.corruptions.end(), [&](double c) { return c > call; });
+    // Unanswered when its host was killed, and no moment to write it since the call: the
+    // disk was full from the call to within the window of the kill.
+    const bool onFullDisk = !nearKill && !corrupted && life.killed && life.fullUntil > 0 &&
+                            writableSeconds(life, call, life.end) < j.windowMs / 1000.0;
     row->lostNearKill += nearKill ? 1 : 0;
     row->lostCorrupt += corrupted ? 1 : 0;
-    if (!nearKill && !corrupted) {
+    row->lostFull += onFullDisk ? 1 : 0;
+    if (!nearKill && !corrupted && !onFullDisk) {
       const double before = life.end - call;
       ++lostBefore[!life.killed ? 3 : (before < 0.05 ? 0 : (before < 0.2 ? 1 : 2))];
     }
     if (verbose)
-      std::fprintf(stderr, "lost %lld: %s life, %.1f ms before its end%s\n", seq,
-                   kindName(life.kind), (life.end - call) * 1000.0,
-                   corrupted ? ", before a corruption" : "");
+      std::fprintf(stderr, "lost %lld: %s life, called at %.3f, %.1f ms before its end%s\n", seq,
+                   kindName(life.kind), call, (life.end - call) * 1000.0,
+                   corrupted ? ", before a corruption" : (onFullDisk ? ", on a full disk" : ""));
   }
   std::size_t unnoted = 0;  // arrived, but its host died before noting the call's return
   for (const auto& [seq, copies] : events)
@@ -313,9 +331,9 @@ bool judge(const Judgement& j, const RequestLog& log,
     firstTwice += first != launches.end() && first->second.size() > 1 ? 1 : 0;
   }
 
-  std::printf("\n  %-16s %5s %9s %9s %6s %5s %6s %7s %9s %7s %5s %9s\n", "fault kind", "lives",
-              "accepted", "arrived", "lost", "<10ms", "corrupt", "repeats", "avoidable", "launches",
-              "rep.", "avoidable");
+  std::printf("\n  %-16s %5s %9s %9s %6s %5s %7s %5s %7s %9s %8s %5s %9s\n", "fault kind", "lives",
+              "accepted", "arrived", "lost", "<10ms", "corrupt", "full", "repeats", "avoidable",
+              "launches", "rep.", "avoidable");
   Row total;
   for (int k = 0; k < kKinds; ++k) {
     if (rows[k].lives == 0)
@@ -329,10 +347,12 @@ bool judge(const Judgement& j, const RequestLog& log,
   printRow("all", total);
   std::printf(
       "  lost: never answered 2xx; <10ms: of them, called within %.0f ms of its host's kill; "
-      "corrupt: of them, in an install whose store was overwritten after the call\n",
-      j.windowMs);
+      "corrupt: of them, in an install whose store was overwritten after the call; full: "
+      "of them, called on a full disk that stayed full until %.0f ms before the kill\n",
+      j.windowMs, j.windowMs);
   std::printf(
-      "  lost beyond the window and the overwritten stores, called before a kill by "
+      "  lost beyond the window, the overwritten stores and the full disks, called before a kill "
+      "by "
       "under 50 ms %zu, 50-200 ms %zu, more %zu; from hosts that exited normally %zu\n",
       lostBefore[0], lostBefore[1], lostBefore[2], lostBefore[3]);
   std::printf(
@@ -341,7 +361,8 @@ bool judge(const Judgement& j, const RequestLog& log,
       j.windowMs, total.nearKill, total.lostNearKill, unnoted);
   std::printf(
       "  avoidable: the first copy was recorded more than %.0f ms (plus any answer delay "
-      "the emulator played) before the end of every life that could have sent it\n",
+      "the emulator played) before the end of every life that could have sent it, not "
+      "counting the time its disk was full\n",
       j.marginMs);
   std::size_t within[3] = {0, 0, 0};  // 50 ms, 200 ms, more
   for (const double lead : leads)
@@ -359,7 +380,7 @@ bool judge(const Judgement& j, const RequestLog& log,
     std::printf("  %-10s %8zu %8zu %6zu %8zu %6zu\n", name.c_str(), s["requests"], s["2xx"],
                 s["4xx"], s["5xx/429"], s["repeat"]);
   const bool statsAgree = compareStats(j, log);
-  const std::size_t unexplained = total.lost - total.lostCorrupt;
+  const std::size_t unexplained = total.lost - total.lostCorrupt - total.lostFull;
   return unexplained == 0 && missing == 0 && total.avoidable == 0 && total.launchAvoidable == 0 &&
          firstTwice == 0 && firstNever == 0 && statsAgree;
 }

@@ -35,6 +35,8 @@ struct Life {
   double end = 0;          // at its kill, or when it exited
   bool killed = false;
   bool overlapped = false;  // another host ran on the same directory meanwhile
+  double fullFrom = 0;      // the disk fault: its file size limit 0 from here (wall seconds)
+  double fullUntil = 0;     // to here
   std::string stats;        // the library's statistics at a normal exit (JSON), if any
 };
 constexpr long long kSeqRange = 10'000'000;

@@ -40,7 +40,9 @@ Lives::Lives(const LifeSettings& settings, quorvel::bench::Devserver& server, fs
       server_(server),
       root_(std::move(root)),
       random_(seed),
-      log_(server.database()) {}
+      log_(server.database()) {
+  fs::create_directories(root_ / "accepted");
+}
 
 HostArgs Lives::hostArgs(std::size_t index) const {
   HostArgs a;
@@ -195,9 +197,11 @@ void Lives::run(Kind kind) {
       break;
     case Kind::diskFull:
       sleepMs(part / 2);
+      judgement_.lives[s.index].fullFrom = wallSeconds();
       setFileSizeLimit(s.pid, 0);
       sleepMs(part);
       setFileSizeLimit(s.pid, RLIM_INFINITY);
+      judgement_.lives[s.index].fullUntil = wallSeconds();
       sleepMs(std::max(0, ms - part - part / 2));
       break;
     case Kind::second: {

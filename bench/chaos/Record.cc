@@ -3,6 +3,7 @@
 #include <sqlite3.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 
 #include <quorvel/Json.h>
@@ -61,14 +62,41 @@ void RequestLog::update() {
   sqlite3_close(db);
 }
 
-std::map<long long, long long> readAccepted(const std::string& file) {
+std::map<long long, long long> readAccepted(const std::string& folder) {
   std::map<long long, long long> accepted;
-  std::ifstream in(file);
-  long long seq = 0;
-  long long ms = 0;
-  while (in >> seq >> ms)
-    accepted[seq] = ms;
+  std::error_code error;
+  for (const auto& file : std::filesystem::directory_iterator(folder, error)) {
+    // Each host's lines, up to the zeros of the part of its file it never used.
+    std::ifstream in(file.path());
+    long long seq = 0;
+    long long ms = 0;
+    while (in >> seq >> ms)
+      accepted[seq] = ms;
+  }
   return accepted;
+}
+
+namespace {
+void trimAtFirstZero(const std::filesystem::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  std::uintmax_t length = 0;
+  for (char c = 0; in.get(c) && c != '\0';)
+    ++length;
+  in.close();
+  std::error_code ignored;
+  std::filesystem::resize_file(file, length, ignored);
+}
+}  // namespace
+
+void trimMappedFiles(const std::filesystem::path& root) {
+  std::error_code error;
+  for (const auto& file : std::filesystem::directory_iterator(root / "accepted", error))
+    trimAtFirstZero(file.path());
+  for (const auto& file : std::filesystem::directory_iterator(root, error)) {
+    const std::string name = file.path().filename().string();
+    if (name.starts_with("host-") && name.ends_with(".log"))
+      trimAtFirstZero(file.path());
+  }
 }
 
 }  // namespace quorvel::chaos

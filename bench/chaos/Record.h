@@ -4,6 +4,7 @@
 // only the rows added since.
 #pragma once
 
+#include <filesystem>
 #include <map>
 #include <string>
 #include <vector>
@@ -42,7 +43,12 @@ class RequestLog {
   std::size_t arrivedEvents_ = 0;
 };
 
-// The harness's own record of accepted calls: seq -> call ms.
-std::map<long long, long long> readAccepted(const std::string& file);
+// The harness's own record of accepted calls, from every host's file in `folder`:
+// seq -> call ms.
+std::map<long long, long long> readAccepted(const std::string& folder);
+
+// Cuts the hosts' mapped files (accepted calls, logs) at their first zero byte, so that the
+// files a run keeps hold only what was written.
+void trimMappedFiles(const std::filesystem::path& root);
 
 }  // namespace quorvel::chaos
