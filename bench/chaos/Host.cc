@@ -77,15 +77,16 @@ bool logging() {
   return std::getenv("QUORVEL_CHAOS_LOG") != nullptr;
 }
 
-// The library's outbox lines, each after the milliseconds since the host made its platform,
-// in the life's own log file (host-TAG.log).
+// The library's outbox and exit lines, each after the milliseconds since the host made its
+// platform, in the life's own log file (host-TAG.log).
 class OutboxLines final : public quorvel::platform::SystemLog {
  public:
   explicit OutboxLines(const fs::path& file) : lines_(file, std::size_t{64} << 20) {}
 
   void write(std::string_view line) noexcept override {
     if (line.find("outbox") == std::string_view::npos &&
-        line.find("Outbox") == std::string_view::npos)
+        line.find("Outbox") == std::string_view::npos &&
+        line.find("exit") == std::string_view::npos)
       return;
     const double ms =
         std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start_)

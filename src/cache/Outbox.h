@@ -53,6 +53,9 @@ class OutboxSlot {
   // Answered, dropped, or handed to the process that holds the data directory: nothing more
   // is done for it here.
   bool settled() const noexcept { return settled_.load(); }
+  // Handed to the process that holds the data directory, which sends it: settled for a flush
+  // here, though the build that waits for the directory still holds the report.
+  bool keptForHolder() const noexcept { return keptForHolder_.load(); }
 
  private:
   friend class Outbox;
@@ -67,7 +70,8 @@ class OutboxSlot {
   std::atomic<bool> inFlight_{false};
   std::atomic<bool> requestMade_{false};
   std::atomic<bool> settled_{false};  // answered or dropped: no further change
-  std::atomic<bool> replay_{false};   // sent again from an earlier run, not yet come back
+  std::atomic<bool> keptForHolder_{false};
+  std::atomic<bool> replay_{false};  // sent again from an earlier run, not yet come back
   // Answered 5xx or 429: the service did not take it, and it goes again after a backoff.
   std::atomic<bool> retrying_{false};
   // A copy sent earlier may have reached the service (sent by an earlier run and never
@@ -224,6 +228,9 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // Another process holds this app's data directory: this one keeps its reports in memory,
   // unnumbered, and leaves the kept-request folder, and the reports in it, to that process.
   bool dataDirectoryHeldElsewhere() const noexcept { return heldElsewhere_.load(); }
+  // The last write failed (a full disk, a read-only folder): reports accepted now go from
+  // memory, and a kill takes them with it.
+  bool writesFail() const noexcept { return writesFail_.load(std::memory_order_relaxed); }
 
   // --- Numbering ----------------------------------------------------------------------------
   // Whether this process may give its reports their counters now. The counters are the
@@ -419,6 +426,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   const std::uint64_t forkGeneration_ = platform::forkGeneration();
   std::atomic<bool> durable_{true};
   std::atomic<bool> heldElsewhere_{false};
+  std::atomic<bool> writesFail_{false};
   std::atomic<std::uint64_t> accepted_{0};
   std::atomic<std::uint64_t> delivered_{0};
   std::atomic<std::uint64_t> refused_{0};

@@ -102,8 +102,10 @@ void Outbox::handOverToHolderLocked(std::vector<Op>& batch) {
     return;
   // Settled here: the builds that wait for the data directory skip them, and the holder sends
   // them under its own counters.
-  for (const auto& slot : slots)
+  for (const auto& slot : slots) {
+    slot->keptForHolder_ = true;
     settleCounted(slot, handedOver_);
+  }
   log_->log(kLogDebug, kMethod,
             "Quorvel: %lu reports kept on disk for the process that holds the data directory",
             static_cast<unsigned long>(slots.size()));

@@ -108,7 +108,8 @@ void Outbox::writeBufferedLocked() {
     }
   }
   enforceBoundsLocked(changes);
-  if (!writeChangesLocked(changes) && !heldElsewhere_)
+  const bool written = writeChangesLocked(changes);
+  if (!written && !heldElsewhere_)
     countNotKeptLocked();
   // The rest of a burst, at once.
   if (more && !promptWriteScheduled_.exchange(true))
@@ -116,7 +117,7 @@ void Outbox::writeBufferedLocked() {
   // Shown when debugging: a kill in such a gap takes these calls with it.
   if (const auto late =
           firstCall ? clock_->now() - *firstCall : platform::TimePoint::duration::zero();
-      late > kPromptWrite) {
+      written && late > kPromptWrite) {
     log_->log(kLogDebug, kMethod,
               "Quorvel outbox: %lu reports reached the disk %lld ms after the first was called",
               static_cast<unsigned long>(calls),
@@ -179,7 +180,9 @@ bool Outbox::writeChangesLocked(std::vector<platform::OutboxChange>& changes) {
   }
   if (changes.empty())
     return true;
-  if (store_ && store_->apply(changes)) {
+  const bool applied = store_ && store_->apply(changes);
+  writesFail_.store(!applied && store_, std::memory_order_relaxed);
+  if (applied) {
     for (const auto& change : changes) {
       if (const auto it = held_.find(change.id); change.content && it != held_.end())
         it->second.onDisk = true;

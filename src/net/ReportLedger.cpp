@@ -20,11 +20,12 @@ ReportLedger::ReportLedger(std::size_t maxBuiltAhead) : ReportLedger() {
 }
 
 void ReportLedger::buildWhenThereIsRoom(const std::shared_ptr<platform::DispatchQueue>& queue,
-                                        platform::Work build) {
+                                        platform::Work build, bool ahead) {
   {
     const std::lock_guard lock(state_->mutex);
-    if (!state_->waiting.empty() || state_->builtAhead >= state_->maxBuiltAhead) {
-      state_->waiting.emplace_back(queue, std::move(build));
+    const bool behind = !state_->waitingAhead.empty() || (!ahead && !state_->waiting.empty());
+    if (behind || state_->builtAhead >= state_->maxBuiltAhead) {
+      (ahead ? state_->waitingAhead : state_->waiting).emplace_back(queue, std::move(build));
       return;
     }
   }
@@ -33,9 +34,11 @@ void ReportLedger::buildWhenThereIsRoom(const std::shared_ptr<platform::Dispatch
 
 void ReportLedger::dropWaiting() {
   decltype(state_->waiting) dropped;
+  decltype(state_->waiting) droppedAhead;
   {
     const std::lock_guard lock(state_->mutex);
     dropped.swap(state_->waiting);
+    droppedAhead.swap(state_->waitingAhead);
   }
   // Released outside the lock: each build's ticket settles, which takes it.
 }
@@ -56,9 +59,10 @@ void ReportLedger::State::releasePermit() {
     const std::lock_guard lock(mutex);
     if (builtAhead > 0)
       --builtAhead;
-    if (!waiting.empty() && builtAhead < maxBuiltAhead) {
-      next = std::move(waiting.front());
-      waiting.pop_front();
+    auto& line = waitingAhead.empty() ? waiting : waitingAhead;
+    if (!line.empty() && builtAhead < maxBuiltAhead) {
+      next = std::move(line.front());
+      line.pop_front();
     }
   }
   if (next.first)
@@ -115,6 +119,25 @@ std::vector<ReportLedger::TicketPtr> ReportLedger::unsettled() const {
       result.push_back(std::move(ticket));
   }
   return result;
+}
+
+void ReportLedger::settleKeptForHolder() {
+  std::vector<std::pair<std::uint64_t, std::weak_ptr<Ticket>>> open;
+  {
+    const std::lock_guard lock(state_->mutex);
+    std::uint64_t id = state_->firstId;
+    for (const auto& entry : state_->entries) {
+      if (entry.open)
+        open.emplace_back(id, entry.ticket);
+      ++id;
+    }
+  }
+  // Outside the lock: the last holder of a ticket settles it, which takes the lock.
+  for (const auto& [id, weak] : open) {
+    const auto ticket = weak.lock();
+    if (ticket && ticket->outbox() && ticket->outbox()->keptForHolder())
+      state_->settle(id);
+  }
 }
 
 void ReportLedger::State::settle(std::uint64_t id) {

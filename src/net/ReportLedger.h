@@ -88,6 +88,9 @@ class ReportLedger {
                    std::uint64_t except = 0) const;
   // The reports still open, oldest first.
   std::vector<TicketPtr> unsettled() const;
+  // Settles the open reports that went to the process holding the data directory: their
+  // tickets live on in builds that wait for the directory, but nothing is left to do here.
+  void settleKeptForHolder();
 
   // Requests built and not yet answered, at most this many by default. Payloads are built
   // no faster than the network takes them, so that a burst of reports costs memory for what
@@ -96,9 +99,11 @@ class ReportLedger {
   explicit ReportLedger(std::size_t maxBuiltAhead);
   // Runs `build` at once while fewer than the limit of requests are built and unanswered
   // and none is waiting; otherwise keeps it, and posts it on `queue`, in order, once an
-  // answer makes room.
+  // answer makes room. A build `ahead` goes before every other that waits (behind the other
+  // builds ahead): a report the outbox could not write, which a kill would take with it,
+  // goes before those that wait safely on disk.
   void buildWhenThereIsRoom(const std::shared_ptr<platform::DispatchQueue>& queue,
-                            platform::Work build);
+                            platform::Work build, bool ahead = false);
   // Lets the builds still waiting for room go, unrun: for a tracker that has ended, whose
   // reports are in the outbox already. A waiting build holds its report's ticket, which holds
   // the ledger: were they kept, a place that is never given back (a request failed after
@@ -119,6 +124,7 @@ class ReportLedger {
     std::size_t maxBuiltAhead = kMaxBuiltAhead;
     std::size_t builtAhead = 0;
     std::deque<std::pair<std::shared_ptr<platform::DispatchQueue>, platform::Work>> waiting;
+    std::deque<std::pair<std::shared_ptr<platform::DispatchQueue>, platform::Work>> waitingAhead;
     void settle(std::uint64_t id);
     std::shared_ptr<void> takePermit();
     void releasePermit();

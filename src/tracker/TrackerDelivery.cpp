@@ -37,6 +37,8 @@ bool TrackerCore::waitSettledTurningOwnQueues(std::uint64_t mark,
       if (queue)
         queue->runDueItemsHere();
     }
+    if (outbox_->dataDirectoryHeldElsewhere())
+      ledger_->settleKeptForHolder();
     const auto left =
         std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     const auto slice = std::clamp(left, std::chrono::milliseconds::zero(), kQueueTurn);
@@ -88,12 +90,23 @@ bool TrackerCore::flushAtExit() noexcept {
     // Without an outbox (another process still holds the data directory, or the store cannot
     // be opened), or with writes it refused (a full disk), what is unanswered now ends with
     // the process.
+    if (stats.waiting == 0) {
+      // Work that is no report (a request an answer started) was still under way.
+      log_->log(kLogDebug, kMethod,
+                "exit: every report is answered or kept; work still under way after %lld ms "
+                "ends with the process",
+                static_cast<long long>(timeout.count()));
+      return false;
+    }
     const bool kept = outbox_->allKept();
+    const bool guest = outbox_->dataDirectoryHeldElsewhere();
     log_->log(kept ? kLogWarning : kLogError, kMethod,
-              kept ? "exit: %llu reports still unanswered after %lld ms wait in the outbox for the "
-                     "next start"
-                   : "exit: %llu reports still unanswered after %lld ms are lost: the outbox "
-                     "could not write them to the disk",
+              kept    ? "exit: %llu reports still unanswered after %lld ms wait in the outbox for "
+                        "the next start"
+              : guest ? "exit: %llu reports still unanswered after %lld ms are lost: another "
+                        "process holds the data directory and they could not be kept for it"
+                      : "exit: %llu reports still unanswered after %lld ms are lost: the outbox "
+                        "could not write them to the disk",
               static_cast<unsigned long long>(stats.waiting),
               static_cast<long long>(timeout.count()));
     return false;
