@@ -228,9 +228,9 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // Another process holds this app's data directory: this one keeps its reports in memory,
   // unnumbered, and leaves the kept-request folder, and the reports in it, to that process.
   bool dataDirectoryHeldElsewhere() const noexcept { return heldElsewhere_.load(); }
-  // The last write failed (a full disk, a read-only folder): reports accepted now go from
-  // memory, and a kill takes them with it.
-  bool writesFail() const noexcept { return writesFail_.load(std::memory_order_relaxed); }
+  // Set while the last write failed (a full disk, a read-only folder): reports accepted now
+  // go from memory, and a kill takes them with it.
+  std::shared_ptr<const std::atomic<bool>> writesFailFlag() const { return writesFail_; }
 
   // --- Numbering ----------------------------------------------------------------------------
   // Whether this process may give its reports their counters now. The counters are the
@@ -426,7 +426,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   const std::uint64_t forkGeneration_ = platform::forkGeneration();
   std::atomic<bool> durable_{true};
   std::atomic<bool> heldElsewhere_{false};
-  std::atomic<bool> writesFail_{false};
+  const std::shared_ptr<std::atomic<bool>> writesFail_ = std::make_shared<std::atomic<bool>>(false);
   std::atomic<std::uint64_t> accepted_{0};
   std::atomic<std::uint64_t> delivered_{0};
   std::atomic<std::uint64_t> refused_{0};

@@ -181,7 +181,7 @@ bool Outbox::writeChangesLocked(std::vector<platform::OutboxChange>& changes) {
   if (changes.empty())
     return true;
   const bool applied = store_ && store_->apply(changes);
-  writesFail_.store(!applied && store_, std::memory_order_relaxed);
+  writesFail_->store(!applied && store_, std::memory_order_relaxed);
   if (applied) {
     for (const auto& change : changes) {
       if (const auto it = held_.find(change.id); change.content && it != held_.end())

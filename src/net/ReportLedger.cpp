@@ -20,25 +20,34 @@ ReportLedger::ReportLedger(std::size_t maxBuiltAhead) : ReportLedger() {
 }
 
 void ReportLedger::buildWhenThereIsRoom(const std::shared_ptr<platform::DispatchQueue>& queue,
-                                        platform::Work build, bool ahead) {
+                                        platform::Work build, Origin origin) {
   {
     const std::lock_guard lock(state_->mutex);
-    const bool behind = !state_->waitingAhead.empty() || (!ahead && !state_->waiting.empty());
+    const bool earlier = origin == Origin::earlierRun;
+    // Behind whatever waits in its own line, and in the other line when that one goes first.
+    const bool behind = earlier ? !state_->waiting.empty() || !state_->waitingEarlier.empty()
+                                : !state_->waiting.empty() || (!state_->waitingEarlier.empty() &&
+                                                               !state_->holdingEarlierLocked());
     if (behind || state_->builtAhead >= state_->maxBuiltAhead) {
-      (ahead ? state_->waitingAhead : state_->waiting).emplace_back(queue, std::move(build));
+      (earlier ? state_->waitingEarlier : state_->waiting).emplace_back(queue, std::move(build));
       return;
     }
   }
   build();
 }
 
+void ReportLedger::holdEarlierRunWhile(std::shared_ptr<const std::atomic<bool>> flag) {
+  const std::lock_guard lock(state_->mutex);
+  state_->holdEarlier = std::move(flag);
+}
+
 void ReportLedger::dropWaiting() {
   decltype(state_->waiting) dropped;
-  decltype(state_->waiting) droppedAhead;
+  decltype(state_->waiting) droppedEarlier;
   {
     const std::lock_guard lock(state_->mutex);
     dropped.swap(state_->waiting);
-    droppedAhead.swap(state_->waitingAhead);
+    droppedEarlier.swap(state_->waitingEarlier);
   }
   // Released outside the lock: each build's ticket settles, which takes it.
 }
@@ -54,23 +63,43 @@ std::shared_ptr<void> ReportLedger::State::takePermit() {
 }
 
 void ReportLedger::State::releasePermit() {
-  std::pair<std::shared_ptr<platform::DispatchQueue>, platform::Work> next;
   {
     const std::lock_guard lock(mutex);
     if (builtAhead > 0)
       --builtAhead;
-    auto& line = waitingAhead.empty() ? waiting : waitingAhead;
-    if (!line.empty() && builtAhead < maxBuiltAhead) {
-      next = std::move(line.front());
-      line.pop_front();
-    }
   }
-  if (next.first)
-    next.first->async(std::move(next.second));
+  wakeNextIfRoom();
 }
 
-ReportLedger::TicketPtr ReportLedger::open() {
+bool ReportLedger::State::holdingEarlierLocked() const {
+  return holdEarlier && holdEarlier->load(std::memory_order_relaxed);
+}
+
+std::deque<ReportLedger::State::Waiter>* ReportLedger::State::nextLineLocked() {
+  if (!waitingEarlier.empty() && (waiting.empty() || !holdingEarlierLocked()))
+    return &waitingEarlier;
+  return waiting.empty() ? nullptr : &waiting;
+}
+
+void ReportLedger::State::wakeNextIfRoom() {
+  Waiter next;
+  {
+    const std::lock_guard lock(mutex);
+    auto* line = builtAhead < maxBuiltAhead ? nextLineLocked() : nullptr;
+    if (line == nullptr)
+      return;
+    next = std::move(line->front());
+    line->pop_front();
+  }
+  next.first->async([self = shared_from_this(), build = std::move(next.second)] {
+    build();
+    self->wakeNextIfRoom();
+  });
+}
+
+ReportLedger::TicketPtr ReportLedger::open(OutboxSlotPtr slot) {
   auto ticket = std::make_shared<Ticket>(state_);
+  ticket->outbox_ = std::move(slot);
   const std::lock_guard lock(state_->mutex);
   ticket->id_ = state_->firstId + state_->entries.size();
   state_->entries.push_back(State::Entry{ticket, true});

@@ -48,9 +48,8 @@ class ReportLedger {
     // are built while they cannot leave: unbuilt reports wait as small intents instead.
     std::shared_ptr<void> buildPermit() const { return permit_; }
 
-    // Where the report waits for its answer, and when the host's call made it. Set by the
-    // call that opens the ticket, before the ticket is shared.
-    void setOutbox(OutboxSlotPtr slot) { outbox_ = std::move(slot); }
+    // Where the report waits for its answer, and when the host's call made it: given to
+    // open(), before the ticket is shared (a flush reads it from other threads).
     const OutboxSlotPtr& outbox() const noexcept { return outbox_; }
     std::uint64_t id() const noexcept { return id_; }
     std::optional<platform::TimePoint> callTime() const {
@@ -72,8 +71,8 @@ class ReportLedger {
 
   ReportLedger();
 
-  // A new report.
-  TicketPtr open();
+  // A new report; `slot`: where it waits in the outbox, if it does.
+  TicketPtr open(OutboxSlotPtr slot = nullptr);
   // The ticket of the report whose work runs on this thread, or nullptr.
   static TicketPtr current();
   // The current ticket, or a new one when no report's work is running.
@@ -99,11 +98,15 @@ class ReportLedger {
   explicit ReportLedger(std::size_t maxBuiltAhead);
   // Runs `build` at once while fewer than the limit of requests are built and unanswered
   // and none is waiting; otherwise keeps it, and posts it on `queue`, in order, once an
-  // answer makes room. A build `ahead` goes before every other that waits (behind the other
-  // builds ahead): a report the outbox could not write, which a kill would take with it,
-  // goes before those that wait safely on disk.
+  // answer makes room. An earlier run's reports wait in a line of their own, served first,
+  // except while `holdEarlierRunWhile`'s flag is set: then this run's reports go first.
+  enum class Origin { thisRun, earlierRun };
   void buildWhenThereIsRoom(const std::shared_ptr<platform::DispatchQueue>& queue,
-                            platform::Work build, bool ahead = false);
+                            platform::Work build, Origin origin = Origin::thisRun);
+  // While `flag` is set (the outbox cannot write: this run's reports live in memory only, and
+  // a kill takes them), an earlier run's reports, which wait safely on disk, build after
+  // this run's. Set once, before the first build.
+  void holdEarlierRunWhile(std::shared_ptr<const std::atomic<bool>> flag);
   // Lets the builds still waiting for room go, unrun: for a tracker that has ended, whose
   // reports are in the outbox already. A waiting build holds its report's ticket, which holds
   // the ledger: were they kept, a place that is never given back (a request failed after
@@ -123,11 +126,19 @@ class ReportLedger {
     std::deque<Entry> entries;
     std::size_t maxBuiltAhead = kMaxBuiltAhead;
     std::size_t builtAhead = 0;
-    std::deque<std::pair<std::shared_ptr<platform::DispatchQueue>, platform::Work>> waiting;
-    std::deque<std::pair<std::shared_ptr<platform::DispatchQueue>, platform::Work>> waitingAhead;
+    using Waiter = std::pair<std::shared_ptr<platform::DispatchQueue>, platform::Work>;
+    std::deque<Waiter> waiting;         // this run's
+    std::deque<Waiter> waitingEarlier;  // an earlier run's
+    std::shared_ptr<const std::atomic<bool>> holdEarlier;
     void settle(std::uint64_t id);
     std::shared_ptr<void> takePermit();
     void releasePermit();
+    // Wakes the next waiting build while there is room. Runs after a place is given back and
+    // after each woken build: one that took no place (dropped, stopped, skipped) wakes the
+    // next itself, or the line would stall with places free.
+    void wakeNextIfRoom();
+    bool holdingEarlierLocked() const;
+    std::deque<Waiter>* nextLineLocked();
   };
   std::shared_ptr<State> state_;
 };

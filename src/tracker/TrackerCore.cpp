@@ -89,6 +89,7 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
   outbox_ = std::make_shared<Outbox>(platform_->outbox, outboxQueue_,
                                      platform_->dispatcher->makeSerialQueue(kOutboxSyncQueueLabel),
                                      platform_->clock, log_, Outbox::Limits{});
+  ledger_->holdEarlierRunWhile(outbox_->writesFailFlag());
   httpClient_ =
       QuorvelHTTPClient::create(platform_, remoteDebugging_, log_, requestCache_, ledger_, outbox_);
   httpClient_->setConsent(consent_);

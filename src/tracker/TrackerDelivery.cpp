@@ -91,10 +91,11 @@ bool TrackerCore::flushAtExit() noexcept {
     // be opened), or with writes it refused (a full disk), what is unanswered now ends with
     // the process.
     if (stats.waiting == 0) {
-      // Work that is no report (a request an answer started) was still under way.
-      log_->log(kLogDebug, kMethod,
-                "exit: every report is answered or kept; work still under way after %lld ms "
-                "ends with the process",
+      // Nothing waits in the outbox; what is still under way (a request no outbox keeps,
+      // such as an uninstall registration) ends with the process.
+      log_->log(kLogWarning, kMethod,
+                "exit: requests still under way after %lld ms end with the process; no report "
+                "waits in the outbox",
                 static_cast<long long>(timeout.count()));
       return false;
     }

@@ -47,14 +47,11 @@ void scheduleEventBuild(const std::shared_ptr<TrackerLifetime>& self,
         const ReportLedger::Scope scope(ticket);
         const auto queue =
             onMainQueue ? tracker->platform().dispatcher->mainQueue() : tracker->backgroundQueue();
-        // While the outbox cannot write, this report lives in memory only: it goes before
-        // the earlier run's reports, which wait safely on disk.
         tracker->reportLedger()->buildWhenThereIsRoom(
             queue, inCurrentWorkContext([self, build = std::move(build)] {
               if (const auto pinned = self->pin())
                 build(*pinned);
-            }),
-            tracker->outbox()->writesFail());
+            }));
       });
 }
 

@@ -12,9 +12,7 @@ namespace quorvel {
 
 ReportLedger::TicketPtr TrackerCore::acceptReport(OutboxIntent intent, platform::TimePoint at) {
   resumeOutboxOnce();
-  auto ticket = ledger_->open();
-  ticket->setOutbox(outbox_->accept(std::move(intent), at));
-  return ticket;
+  return ledger_->open(outbox_->accept(std::move(intent), at));
 }
 
 ReportLedger::TicketPtr TrackerCore::acceptReport(OutboxIntent intent) {
@@ -63,8 +61,7 @@ void TrackerCore::rebuildLeftovers(std::vector<Outbox::Leftover> leftovers) {
   for (auto& left : leftovers) {
     if (!left.intent)
       continue;
-    auto ticket = ledger_->open();
-    ticket->setOutbox(left.slot);
+    auto ticket = ledger_->open(left.slot);
     mBackgroundQueue_->async(
         carryReport(std::move(ticket), [self = self_, intent = std::move(*left.intent)]() mutable {
           const auto tracker = self->pin();
@@ -86,7 +83,8 @@ void TrackerCore::rebuildLeftovers(std::vector<Outbox::Leftover> leftovers) {
                     pinned->callServerWithEventName(intent.name, intent.value, true, false);
                     break;
                 }
-              }));
+              }),
+              ReportLedger::Origin::earlierRun);
         }));
   }
 }
