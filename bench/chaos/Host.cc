@@ -35,11 +35,25 @@ namespace {
 // Lines in a file of the host's own, mapped into memory: a line is in the kernel's copy the
 // moment it is stored, so a SIGKILL keeps it, and stores into a mapping are not file writes,
 // so the disk fault (a file size limit of 0) does not stop them. The file is made at its full
-// size, sparse, before any fault; readers stop at the first zero byte.
+// size, sparse, by the harness before it starts the host (sizeFile), so that no fault can
+// come first; readers stop at the first zero byte.
+constexpr std::size_t kAcceptedSize = std::size_t{256} << 20;  // an hour of calls
+constexpr std::size_t kLogSize = std::size_t{64} << 20;
+
+bool sizeFile(const fs::path& file, std::size_t size) {
+  const int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (fd < 0)
+    return false;
+  const bool sized = ::ftruncate(fd, static_cast<off_t>(size)) == 0;
+  ::close(fd);
+  return sized;
+}
+
 class MappedLines {
  public:
   MappedLines(const fs::path& file, std::size_t size) : size_(size) {
-    const int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    // Sized already (a size it has is no growth, which a file size limit of 0 allows).
+    const int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (fd < 0)
       return;
     if (::ftruncate(fd, static_cast<off_t>(size)) == 0) {
@@ -81,9 +95,12 @@ bool logging() {
 // platform, in the life's own log file (host-TAG.log).
 class OutboxLines final : public quorvel::platform::SystemLog {
  public:
-  explicit OutboxLines(const fs::path& file) : lines_(file, std::size_t{64} << 20) {}
+  explicit OutboxLines(const fs::path& file) : lines_(file, kLogSize) {}
 
   void write(std::string_view line) noexcept override {
+    // A forked worker shares the mapping but not the place of the next line.
+    if (::getpid() != pid_)
+      return;
     if (line.find("outbox") == std::string_view::npos &&
         line.find("Outbox") == std::string_view::npos &&
         line.find("exit") == std::string_view::npos)
@@ -101,6 +118,7 @@ class OutboxLines final : public quorvel::platform::SystemLog {
 
  private:
   MappedLines lines_;
+  const pid_t pid_ = ::getpid();
   const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
@@ -124,15 +142,15 @@ void writeStats() {
   std::ofstream(gStatsFile) << out.dump() << "\n";
 }
 
-void configure(const HostArgs& a) {
+void configure(const HostArgs& a, std::shared_ptr<OutboxLines> log) {
   quorvel::PosixPlatformOptions options;
   options.bundleIdentifier = "com.example.chaos";
   options.dataDirectory = (a.root / "app").string();
   options.keychainDirectory = (a.root / "keychain").string();
   options.extraCAFile = a.caFile;
   quorvel::Platform platform = quorvel::makePosixPlatform(options);
-  if (logging())
-    platform.systemLog = std::make_shared<OutboxLines>(a.root / ("host-" + a.tag + ".log"));
+  if (log)
+    platform.systemLog = std::move(log);
   quorvel::installPlatform(platform);
   auto& tracker = QuorvelTracker::sharedTracker();
   if (logging())
@@ -210,6 +228,9 @@ int runHost(const HostArgs& a) {
   // A full disk answers EFBIG instead of killing the process: the harness may lower this
   // process's file size limit at any moment.
   ::signal(SIGXFSZ, SIG_IGN);
+  // Mapped before a full disk's limit, though the harness sized its file already.
+  auto log =
+      logging() ? std::make_shared<OutboxLines>(a.root / ("host-" + a.tag + ".log")) : nullptr;
   if (a.fullDisk) {
     const rlimit none{0, RLIM_INFINITY};
     if (::setrlimit(RLIMIT_FSIZE, &none) != 0)
@@ -217,7 +238,7 @@ int runHost(const HostArgs& a) {
   }
   gStatsFile = a.root / ("stats-" + a.tag + ".json");
   std::atexit(writeStats);
-  configure(a);
+  configure(a, std::move(log));
   auto& tracker = QuorvelTracker::sharedTracker();
   tracker.trackAppLaunch();
   if (a.forkChildMs > 0)
@@ -226,8 +247,7 @@ int runHost(const HostArgs& a) {
     std::this_thread::sleep_for(std::chrono::milliseconds(a.fullDiskExitMs));
     return 0;  // the exit flush runs, on a disk that is still full
   }
-  // An hour at a few thousand calls a second fits.
-  MappedLines notes(a.accepted / a.tag, std::size_t{256} << 20);
+  MappedLines notes(a.accepted / a.tag, kAcceptedSize);
   if (!notes)
     return 2;
   const int perTick = a.rate > 0 ? std::max(1, a.rate / 50) : 0;
@@ -254,6 +274,9 @@ pid_t spawnHost(const HostArgs& a) {
   for (const auto& s : args)
     argv.push_back(const_cast<char*>(s.c_str()));
   argv.push_back(nullptr);
+  if ((a.rate > 0 && !sizeFile(a.accepted / a.tag, kAcceptedSize)) ||
+      (logging() && !sizeFile(a.root / ("host-" + a.tag + ".log"), kLogSize)))
+    return -1;
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   const std::string log = (a.root / "host.log").string();

@@ -66,12 +66,16 @@ std::map<long long, long long> readAccepted(const std::string& folder) {
   std::map<long long, long long> accepted;
   std::error_code error;
   for (const auto& file : std::filesystem::directory_iterator(folder, error)) {
-    // Each host's lines, up to the zeros of the part of its file it never used.
-    std::ifstream in(file.path());
-    long long seq = 0;
-    long long ms = 0;
-    while (in >> seq >> ms)
-      accepted[seq] = ms;
+    // Each host's whole lines, up to the zeros of the part of its file it never used: a kill
+    // during a line's copy leaves it without its end.
+    std::ifstream in(file.path(), std::ios::binary);
+    std::string line;
+    while (std::getline(in, line) && !in.eof() && line.find('\0') == std::string::npos) {
+      long long seq = 0;
+      long long ms = 0;
+      if (std::sscanf(line.c_str(), "%lld %lld", &seq, &ms) == 2)
+        accepted[seq] = ms;
+    }
   }
   return accepted;
 }
@@ -92,7 +96,7 @@ void trimMappedFiles(const std::filesystem::path& root) {
   std::error_code error;
   for (const auto& file : std::filesystem::directory_iterator(root / "accepted", error))
     trimAtFirstZero(file.path());
-  for (const auto& file : std::filesystem::directory_iterator(root, error)) {
+  for (const auto& file : std::filesystem::recursive_directory_iterator(root, error)) {
     const std::string name = file.path().filename().string();
     if (name.starts_with("host-") && name.ends_with(".log"))
       trimAtFirstZero(file.path());
