@@ -2,9 +2,11 @@
 
 #include <sqlite3.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <string_view>
 
 #include <quorvel/Json.h>
 
@@ -62,37 +64,45 @@ void RequestLog::update() {
   sqlite3_close(db);
 }
 
+namespace {
+// A mapped file's text: up to its first zero byte (the part never written), read in chunks.
+std::string textBeforeFirstZero(const std::filesystem::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  std::string text;
+  char chunk[1 << 16];
+  while (in.read(chunk, sizeof chunk) || in.gcount() > 0) {
+    const std::string_view read(chunk, static_cast<std::size_t>(in.gcount()));
+    const auto zero = read.find('\0');
+    text.append(read.substr(0, zero));
+    if (zero != std::string_view::npos)
+      break;
+  }
+  return text;
+}
+}  // namespace
+
 std::map<long long, long long> readAccepted(const std::string& folder) {
   std::map<long long, long long> accepted;
   std::error_code error;
   for (const auto& file : std::filesystem::directory_iterator(folder, error)) {
-    // Each host's whole lines, up to the zeros of the part of its file it never used: a kill
-    // during a line's copy leaves it without its end.
-    std::ifstream in(file.path(), std::ios::binary);
-    std::string line;
-    while (std::getline(in, line) && !in.eof() && line.find('\0') == std::string::npos) {
+    // Each host's whole lines: a kill during a line's copy leaves it without its end.
+    const std::string text = textBeforeFirstZero(file.path());
+    for (std::size_t at = 0, end = 0; (end = text.find('\n', at)) != std::string::npos;
+         at = end + 1) {
       long long seq = 0;
       long long ms = 0;
-      if (std::sscanf(line.c_str(), "%lld %lld", &seq, &ms) == 2)
+      if (std::sscanf(text.substr(at, end - at).c_str(), "%lld %lld", &seq, &ms) == 2)
         accepted[seq] = ms;
     }
   }
   return accepted;
 }
 
-namespace {
-void trimAtFirstZero(const std::filesystem::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  std::uintmax_t length = 0;
-  for (char c = 0; in.get(c) && c != '\0';)
-    ++length;
-  in.close();
-  std::error_code ignored;
-  std::filesystem::resize_file(file, length, ignored);
-}
-}  // namespace
-
 void trimMappedFiles(const std::filesystem::path& root) {
+  const auto trimAtFirstZero = [](const std::filesystem::path& file) {
+    std::error_code ignored;
+    std::filesystem::resize_file(file, textBeforeFirstZero(file).size(), ignored);
+  };
   std::error_code error;
   for (const auto& file : std::filesystem::directory_iterator(root / "accepted", error))
     trimAtFirstZero(file.path());
