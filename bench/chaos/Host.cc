@@ -15,6 +15,7 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <thread>
 #include <vector>
@@ -247,8 +248,9 @@ int runHost(const HostArgs& a) {
     std::this_thread::sleep_for(std::chrono::milliseconds(a.fullDiskExitMs));
     return 0;  // the exit flush runs, on a disk that is still full
   }
-  MappedLines notes(a.accepted / a.tag, kAcceptedSize);
-  if (!notes)
+  // A host that sends nothing (the drain) notes nothing.
+  std::optional<MappedLines> notes;
+  if (a.rate > 0 && !notes.emplace(a.accepted / a.tag, kAcceptedSize))
     return 2;
   const int perTick = a.rate > 0 ? std::max(1, a.rate / 50) : 0;
   // Bounded: a host nobody stops ends by itself after an hour.
@@ -258,7 +260,7 @@ int runHost(const HostArgs& a) {
       // Each event's value is "SEQ/CALL_MS"; its line is noted once the call returned.
       const auto callMs = static_cast<long long>(std::llround(wallSeconds() * 1000.0));
       tracker.trackEvent("chaos", std::to_string(seq) + "/" + std::to_string(callMs));
-      if (!notes.add(std::to_string(seq) + " " + std::to_string(callMs) + "\n"))
+      if (!notes->add(std::to_string(seq) + " " + std::to_string(callMs) + "\n"))
         return 2;
     }
     std::this_thread::sleep_for(20ms);

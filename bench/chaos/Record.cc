@@ -100,6 +100,8 @@ std::map<long long, long long> readAccepted(const std::string& folder) {
 
 void trimMappedFiles(const std::filesystem::path& root) {
   const auto trimAtFirstZero = [](const std::filesystem::path& file) {
+    if (!std::ifstream(file))
+      return;  // unread, not emptied
     std::error_code ignored;
     std::filesystem::resize_file(file, textBeforeFirstZero(file).size(), ignored);
   };

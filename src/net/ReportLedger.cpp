@@ -24,10 +24,12 @@ void ReportLedger::buildWhenThereIsRoom(const std::shared_ptr<platform::Dispatch
   {
     const std::lock_guard lock(state_->mutex);
     const bool earlier = origin == Origin::earlierRun;
-    // Behind whatever waits in its own line, and in the other line when that one goes first.
-    const bool behind = earlier ? !state_->waiting.empty() || !state_->waitingEarlier.empty()
-                                : !state_->waiting.empty() || (!state_->waitingEarlier.empty() &&
-                                                               !state_->holdingEarlierLocked());
+    // Behind a build woken and not yet run, whatever waits in its own line, and the other
+    // line when that one goes first.
+    const bool behind = state_->woken > 0 ||
+                        (earlier ? !state_->waiting.empty() || !state_->waitingEarlier.empty()
+                                 : !state_->waiting.empty() || (!state_->waitingEarlier.empty() &&
+                                                                !state_->holdingEarlierLocked()));
     if (behind || state_->builtAhead >= state_->maxBuiltAhead) {
       (earlier ? state_->waitingEarlier : state_->waiting).emplace_back(queue, std::move(build));
       return;
@@ -85,14 +87,20 @@ void ReportLedger::State::wakeNextIfRoom() {
   Waiter next;
   {
     const std::lock_guard lock(mutex);
-    auto* line = builtAhead < maxBuiltAhead ? nextLineLocked() : nullptr;
+    // A woken build that has not run yet may still take a place.
+    auto* line = builtAhead + woken < maxBuiltAhead ? nextLineLocked() : nullptr;
     if (line == nullptr)
       return;
     next = std::move(line->front());
     line->pop_front();
+    ++woken;
   }
   next.first->async([self = shared_from_this(), build = std::move(next.second)] {
     build();
+    {
+      const std::lock_guard lock(self->mutex);
+      --self->woken;
+    }
     self->wakeNextIfRoom();
   });
 }

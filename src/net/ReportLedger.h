@@ -126,6 +126,7 @@ class ReportLedger {
     std::deque<Entry> entries;
     std::size_t maxBuiltAhead = kMaxBuiltAhead;
     std::size_t builtAhead = 0;
+    std::size_t woken = 0;  // builds taken off a line and posted, not yet run
     using Waiter = std::pair<std::shared_ptr<platform::DispatchQueue>, platform::Work>;
     std::deque<Waiter> waiting;         // this run's
     std::deque<Waiter> waitingEarlier;  // an earlier run's

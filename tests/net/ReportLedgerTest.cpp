@@ -76,6 +76,35 @@ TEST(ReportLedger, BuildsWaitForRoomAndKeepTheirOrder) {
   EXPECT_EQ(ran, (std::vector<int>{2, 3, 1}));
 }
 
+// Answers that free every place at once wake as many builds as there are places, no more,
+// and a report called later waits behind those woken: never more built than the limit, and
+// in the order of the calls.
+TEST(ReportLedger, FreedPlacesWakeNoMoreBuildsThanTheyHold) {
+  ReportLedger ledger(2);
+  auto queue = std::make_shared<HeldQueue>();
+  std::vector<ReportLedger::TicketPtr> built = {ledger.open(), ledger.open()};
+  for (auto& ticket : built)
+    ticket->attach();
+  std::vector<int> ran;
+  const auto attaching = [&](int n) {
+    return [&, n] {
+      built.push_back(ledger.open());
+      built.back()->attach();
+      ran.push_back(n);
+    };
+  };
+  ledger.buildWhenThereIsRoom(queue, attaching(1));
+  ledger.buildWhenThereIsRoom(queue, attaching(2));
+  built.erase(built.begin(), built.begin() + 2);  // both answered
+  ASSERT_EQ(queue->held.size(), 2U);
+  ledger.buildWhenThereIsRoom(queue, attaching(3));  // behind the woken ones
+  EXPECT_TRUE(ran.empty());
+  queue->held[0]();
+  queue->held[1]();
+  EXPECT_EQ(queue->held.size(), 2U);  // 3 waits for room
+  EXPECT_EQ(ran, (std::vector<int>{1, 2}));
+}
+
 TEST(ReportLedger, BuildsStillWaitingWhenTheTrackerEndsLetTheirReportsGo) {
   ReportLedger ledger(1);
   auto queue = std::make_shared<HeldQueue>();
