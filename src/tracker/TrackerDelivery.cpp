@@ -87,9 +87,6 @@ bool TrackerCore::flushAtExit() noexcept {
     outbox_->drainAndSync();
     persistPreferencesNow();
     const auto stats = outbox_->stats();
-    // Without an outbox (another process still holds the data directory, or the store cannot
-    // be opened), or with writes it refused (a full disk), what is unanswered now ends with
-    // the process.
     if (stats.waiting == 0) {
       // Nothing waits in the outbox; what is still under way (a request no outbox keeps,
       // such as an uninstall registration) ends with the process.
@@ -99,6 +96,9 @@ bool TrackerCore::flushAtExit() noexcept {
                 static_cast<long long>(timeout.count()));
       return false;
     }
+    // Without an outbox (another process still holds the data directory, or the store cannot
+    // be opened), or with writes it refused (a full disk), what is unanswered now ends with
+    // the process.
     const bool kept = outbox_->allKept();
     const bool guest = outbox_->dataDirectoryHeldElsewhere();
     log_->log(kept ? kLogWarning : kLogError, kMethod,
