@@ -130,8 +130,7 @@ void QuorvelHTTPClient::post(const QuorvelRequestCacheData& request, std::string
   const auto generation = consentGeneration();
   if (stopped()) {
     const ReportLedger::Scope scope(ticket);
-    handleTrackingAnswer(request, origin, slot, std::nullopt, std::nullopt, stoppedError(),
-                         onSuccess);
+    handleTrackingAnswer(request, origin, slot, std::nullopt, std::nullopt, stoppedError());
     return;
   }
   platform::URLRequest http;
@@ -151,11 +150,22 @@ void QuorvelHTTPClient::post(const QuorvelRequestCacheData& request, std::string
         const ReportLedger::Scope scope(ticket);
         if (!self->removeUnderWay(key))
           return;  // cancelled by a stop, and settled then
-        if (!self->consentHolds(generation)) {
-          self->settleAfterConsentChanged(slot, !error);
-          return;
+        bool answered = false;
+        {
+          // Held from the check to the last write the answer makes (a kept file, the link
+          // settings, the outbox's record): a stop or a forgetting waits for them, and none
+          // lands after it returned. Not across `onSuccess`, which may call back in.
+          std::shared_lock<std::shared_mutex> held;
+          if (self->consent_)
+            held = self->consent_->hold();
+          if (!self->consentHolds(generation)) {
+            self->settleAfterConsentChanged(slot, !error);
+            return;
+          }
+          answered = self->handleTrackingAnswer(request, origin, slot, body, response, error);
         }
-        self->handleTrackingAnswer(request, origin, slot, body, response, error, onSuccess);
+        if (answered && onSuccess)
+          onSuccess();
       });
   addUnderWay(key, {task, slotUnderWay, nullptr});
   if (!consentHolds(generation)) {
@@ -254,12 +264,11 @@ bool QuorvelHTTPClient::ownsKeptFolder() const {
   return !outbox_ || !outbox_->dataDirectoryHeldElsewhere();
 }
 
-void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& request, Origin origin,
+bool QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& request, Origin origin,
                                              const OutboxSlotPtr& slot,
                                              const std::optional<Bytes>& body,
                                              const std::optional<platform::URLResponse>& response,
-                                             const std::optional<Error>& error,
-                                             const std::function<void()>& onSuccess) {
+                                             const std::optional<Error>& error) {
   static constexpr const char* kMethod =
       "-[QuorvelHTTPClient "
       "sendRequestEventToServer:isRequestFromCache:appID:isDebug:onSuccess:]_block_invoke";
@@ -289,7 +298,7 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
                                   error->code != -1009 && error->code != -999;
       outbox_->failed(slot, ticket ? ticket->buildPermit() : nullptr, mayHaveArrived);
     }
-    return;
+    return false;
   }
   const long status = response ? response->statusCode : 0L;
   log_->log(kLogDebug, kMethod, "sent information to server, status = %ld", status);
@@ -329,8 +338,7 @@ void QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
   } else if (ownsKeptFolder() && !takeLater) {
     cache_->processCache();
   }
-  if (onSuccess)
-    onSuccess();
+  return true;
 }
 
 void QuorvelHTTPClient::applyTrackingAnswer(const std::optional<Bytes>& body) {
@@ -376,15 +384,40 @@ void QuorvelHTTPClient::sendRequestWithConfiguration(const std::string& url,
   request.method = "POST";
   request.headers = {{"Content-Type", "application/text"}};
   request.body = Bytes(data.begin(), data.end());
-  if (stopped())
+  const auto generation = consentGeneration();
+  if (!consentHolds(generation))
     return;  // built before the stop; it goes nowhere after it
   if (!platform_->device->capabilities().fireAndForgetInBackgroundSession) {
-    backgroundCallWithRequest(std::move(request));
+    backgroundCallWithRequest(std::move(request), generation);
   } else if (bgSession_) {
+    // Under way like every other request: a stop cancels it, and one that came since the check
+    // above keeps it from starting.
+    const auto key = nextUnderWayKey_.fetch_add(1, std::memory_order_relaxed);
     auto task = bgSession_->downloadTask(std::move(request));
-    if (auto ticket = reportOfNewRequest()) {
+    const auto id = task->taskIdentifier();
+    {
       const std::lock_guard lock(backgroundReportsMutex_);
-      backgroundReports_[task->taskIdentifier()] = std::move(ticket);
+      backgroundReports_[id] = {reportOfNewRequest(), key};
+    }
+    // A cancelled task never completes: its entry (and the report it carries) goes then.
+    auto forget = [weak = weak_from_this(), id] {
+      if (const auto self = weak.lock()) {
+        ReportLedger::TicketPtr settled;  // let go outside the lock
+        const std::lock_guard lock(self->backgroundReportsMutex_);
+        if (const auto it = self->backgroundReports_.find(id);
+            it != self->backgroundReports_.end()) {
+          settled = std::move(it->second.ticket);
+          self->backgroundReports_.erase(it);
+        }
+      }
+    };
+    addUnderWay(key, {task, nullptr, forget});
+    if (!consentHolds(generation)) {
+      if (removeUnderWay(key)) {
+        task->cancel();
+        forget();
+      }
+      return;
     }
     task->resume();
   } else {
@@ -393,7 +426,8 @@ void QuorvelHTTPClient::sendRequestWithConfiguration(const std::string& url,
   }
 }
 
-void QuorvelHTTPClient::backgroundCallWithRequest(platform::URLRequest request) {
+void QuorvelHTTPClient::backgroundCallWithRequest(platform::URLRequest request,
+                                                  platform::ConsentGate::Generation consent) {
   static constexpr const char* kMethod = "-[QuorvelHTTPClient backgroundCallWithRequest:]";
   auto cell = std::make_shared<std::atomic<platform::BackgroundTaskIdentifier>>(
       platform::kInvalidBackgroundTask);
@@ -411,24 +445,26 @@ void QuorvelHTTPClient::backgroundCallWithRequest(platform::URLRequest request) 
     endTask();
   }));
   auto session = platform_->urlSessions->sharedSession();
-  platform_->dispatcher->globalQueue()->async([log = log_, me, cell, endTask, session,
-                                               request = std::move(request),
-                                               ticket = reportOfNewRequest()]() mutable {
-    static constexpr const char* kBlock =
-        "-[QuorvelHTTPClient backgroundCallWithRequest:]_block_invoke_2";
-    log->trace(kBlock, "%@ starting background task %lu", me, cell->load());
-    session
-        ->dataTask(std::move(request),
-                   [log, me, cell, endTask, ticket](const auto&, const auto&, const auto& error) {
-                     static constexpr const char* kDone =
-                         "-[QuorvelHTTPClient backgroundCallWithRequest:]_block_invoke_3";
-                     if (!error)
-                       log->trace(kDone, "Response 200 ok.");
-                     log->trace(kDone, "%@ ending background task %lu", me, cell->load());
-                     endTask();
-                   })
-        ->resume();
-  });
+  // Started later, on another queue: not after a stop that came meanwhile, and cancelled by
+  // one that comes while it is under way.
+  platform_->dispatcher->globalQueue()->async(
+      [self = shared_from_this(), log = log_, me, cell, endTask, session, consent,
+       request = std::move(request), ticket = reportOfNewRequest()]() mutable {
+        static constexpr const char* kBlock =
+            "-[QuorvelHTTPClient backgroundCallWithRequest:]_block_invoke_2";
+        log->trace(kBlock, "%@ starting background task %lu", me, cell->load());
+        self->startUnlessStopped(
+            *session, std::move(request),
+            [log, me, cell, endTask, ticket](const auto&, const auto&, const auto& error) {
+              static constexpr const char* kDone =
+                  "-[QuorvelHTTPClient backgroundCallWithRequest:]_block_invoke_3";
+              if (!error)
+                log->trace(kDone, "Response 200 ok.");
+              log->trace(kDone, "%@ ending background task %lu", me, cell->load());
+              endTask();
+            },
+            endTask, consent);
+      });
   log_->log(kLogDebug, kMethod, "%@ dispatched background task %lu", me, cell->load());
 }
 
@@ -614,12 +650,18 @@ void QuorvelHTTPClient::didCompleteWithError(platform::URLSessionTask& task,
               "task %@ completed with error: %@", task.description(), error->localizedDescription);
   }
   ReportLedger::TicketPtr settled;  // let go outside the lock
-  const std::lock_guard lock(backgroundReportsMutex_);
-  if (const auto it = backgroundReports_.find(task.taskIdentifier());
-      it != backgroundReports_.end()) {
-    settled = std::move(it->second);
-    backgroundReports_.erase(it);
+  std::optional<std::uint64_t> underWay;
+  {
+    const std::lock_guard lock(backgroundReportsMutex_);
+    if (const auto it = backgroundReports_.find(task.taskIdentifier());
+        it != backgroundReports_.end()) {
+      settled = std::move(it->second.ticket);
+      underWay = it->second.underWayKey;
+      backgroundReports_.erase(it);
+    }
   }
+  if (underWay)
+    removeUnderWay(*underWay);
 }
 
 }  // namespace quorvel

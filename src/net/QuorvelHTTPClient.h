@@ -70,7 +70,8 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
                          double secondsWaiting);
   // Posts a small text body whose outcome is only logged.
   void sendRequestWithConfiguration(const std::string& url, const std::string& data);
-  void backgroundCallWithRequest(platform::URLRequest request);
+  void backgroundCallWithRequest(platform::URLRequest request,
+                                 platform::ConsentGate::Generation consent);
 
   std::shared_ptr<platform::URLSessionTask> getHopline(const std::string& url,
                                                        const std::string& devKey,
@@ -136,11 +137,11 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
   }
   // An answer that came after the consent changed: the outbox alone learns of it.
   void settleAfterConsentChanged(const OutboxSlotPtr& slot, bool answered);
-  void handleTrackingAnswer(const QuorvelRequestCacheData& request, Origin origin,
+  // True when the service answered: the caller runs what follows an answer, outside any hold.
+  bool handleTrackingAnswer(const QuorvelRequestCacheData& request, Origin origin,
                             const OutboxSlotPtr& slot, const std::optional<Bytes>& body,
                             const std::optional<platform::URLResponse>& response,
-                            const std::optional<Error>& error,
-                            const std::function<void()>& onSuccess);
+                            const std::optional<Error>& error);
   void applyTrackingAnswer(const std::optional<Bytes>& body);
   // The requests started and not yet answered, with the outbox slots of the tracking ones.
   struct UnderWay {
@@ -168,7 +169,13 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
   std::atomic<std::uint64_t> nextUnderWayKey_{1};
   // The reports of fire-and-forget bodies still on the wire, by task identifier.
   std::mutex backgroundReportsMutex_;
-  std::map<std::uint64_t, ReportLedger::TicketPtr> backgroundReports_;
+  // Fire-and-forget bodies in the background session, by task: the report they carry (if
+  // any) and their entry among the requests under way.
+  struct BackgroundSend {
+    ReportLedger::TicketPtr ticket;
+    std::uint64_t underWayKey = 0;
+  };
+  std::map<std::uint64_t, BackgroundSend> backgroundReports_;
 };
 
 }  // namespace quorvel

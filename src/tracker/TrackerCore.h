@@ -189,7 +189,7 @@ class TrackerCore {
                              const std::optional<std::string>& price,
                              const std::optional<std::string>& currency,
                              const std::optional<std::string>& transactionId,
-                             const Json& receiptData);
+                             const Json& receiptData, platform::ConsentGate::Generation consent);
   std::shared_ptr<platform::URLSessionTask> validateRequest() const;
 
   // --- Uninstall measurement ---------------------------------------------------------------
@@ -353,7 +353,8 @@ class TrackerCore {
   void pushPayloadStep(QuorvelDictionary& parameters);
   void advertisingIdentifierStep(QuorvelDictionary& parameters);
   void emailStep(QuorvelDictionary& parameters);
-  void deliverAppOpenAttribution(const Json& attribution);
+  void deliverAppOpenAttribution(const Json& attribution,
+                                 platform::ConsentGate::Generation consent);
   // Preference writes: a launch's values are written before its request leaves; the others
   // are group-committed on the serial queue within 100 ms, at the move to the background, at
   // flush and at exit.

@@ -234,7 +234,7 @@ void TrackerCore::deepLinkStep(QuorvelDictionary& d) {
   const auto path = QuorvelUtils::getHoplinePath(params.contains("link") ? params["link"] : Json());
   if (!path) {
     log_->log(kLogDebug, kMethod, "Hopline not found.");
-    deliverAppOpenAttribution(params);
+    deliverAppOpenAttribution(params, consent_->generation());
     setDeeplink(std::nullopt);
     setSourceApplication(std::nullopt);
     return;
@@ -245,7 +245,8 @@ void TrackerCore::deepLinkStep(QuorvelDictionary& d) {
   auto self = self_;
   httpClient_->getHopline(
       url, quorvelDevKey().value_or(std::string()),
-      [self, params](const std::optional<Json>& response, const std::optional<Error>& error) {
+      [self, params, consent = consent_->generation()](const std::optional<Json>& response,
+                                                       const std::optional<Error>& error) {
         static constexpr const char* kBlock = "-[QuorvelTracker getEventParameters:]_block_invoke";
         const auto tracker = self->pin();
         if (!tracker)
@@ -254,7 +255,7 @@ void TrackerCore::deepLinkStep(QuorvelDictionary& d) {
           Json merged = params;
           for (const auto& [k, v] : response->items())
             merged[k] = v;
-          tracker->deliverAppOpenAttribution(merged);
+          tracker->deliverAppOpenAttribution(merged, consent);
         } else if (error) {
           tracker->log_->log(kLogDebug, kBlock, "Error occured. %@", *error);
         } else {
@@ -266,14 +267,17 @@ void TrackerCore::deepLinkStep(QuorvelDictionary& d) {
       });
 }
 
-void TrackerCore::deliverAppOpenAttribution(const Json& attribution) {
+// `consent`: the generation the link's handling began under (the payload's build). A stop or
+// a forgetting since, even while the answer or the hop was under way, keeps it from the host.
+void TrackerCore::deliverAppOpenAttribution(const Json& attribution,
+                                            platform::ConsentGate::Generation consent) {
   const auto current = delegate();
-  if (!current || !current->onAppOpenAttribution)
+  if (!current || !current->onAppOpenAttribution || !consent_->holds(consent))
     return;
   // Held weakly across the hop: a delegate that goes away meanwhile is not called.
   std::weak_ptr<QuorvelTrackerDelegate> weak = current;
-  platform_->dispatcher->mainQueue()->async([weak, attribution] {
-    if (const auto d = weak.lock(); d && d->onAppOpenAttribution)
+  platform_->dispatcher->mainQueue()->async([weak, attribution, gate = consent_, consent] {
+    if (const auto d = weak.lock(); d && d->onAppOpenAttribution && gate->holds(consent))
       d->onAppOpenAttribution(attribution);
   });
 }

@@ -63,7 +63,8 @@ void TrackerCore::validateAndTrackInAppPurchase(const std::optional<std::string>
         Json("Quorvel Error: Could not get application receipt data, please check the paramters."));
     return;
   }
-  validatePurchaseEvent(productIdentifier, price, currency, transactionId, receipt);
+  validatePurchaseEvent(productIdentifier, price, currency, transactionId, receipt,
+                        consent_->generation());
 
   const auto devKey = quorvelDevKey();
   const auto appID = appleAppID();
@@ -129,17 +130,28 @@ void TrackerCore::validatePurchaseEvent(const std::optional<std::string>& hostPr
                                         const std::optional<std::string>& hostPrice,
                                         const std::optional<std::string>& hostCurrency,
                                         const std::optional<std::string>& hostTransactionId,
-                                        const Json& receiptData) {
+                                        const Json& receiptData,
+                                        platform::ConsentGate::Generation consent) {
   if (!outbox_->numberingIsSafe()) {
     // Its counters are given below: not before this process knows the last ones given, or a
     // second process on the directory would repeat the holder's `iaecounter`.
     outbox_->afterNumberingIsSafe(
-        mBackgroundQueue_, inCurrentWorkContext([self = self_, hostProductIdentifier, hostPrice,
-                                                 hostCurrency, hostTransactionId, receiptData] {
+        mBackgroundQueue_,
+        inCurrentWorkContext([self = self_, hostProductIdentifier, hostPrice, hostCurrency,
+                              hostTransactionId, receiptData, consent] {
           if (const auto tracker = self->pin())
             tracker->validatePurchaseEvent(hostProductIdentifier, hostPrice, hostCurrency,
-                                           hostTransactionId, receiptData);
+                                           hostTransactionId, receiptData, consent);
         }));
+    return;
+  }
+  // A stop or a forgetting since the call drops it: its counters and its record would be
+  // written after the stop returned, and after a forgetting it would go under the new install.
+  // Held to the hand-over, so that neither can fall between this check and the writes.
+  const auto held = consent_->hold();
+  if (!consent_->holds(consent)) {
+    log_->log(kLogDebug, kValidateMethod,
+              "Quorvel is stopped or was reset since the purchase: its event is not sent");
     return;
   }
   const auto productIdentifier = hostText(hostProductIdentifier);

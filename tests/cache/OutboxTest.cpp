@@ -238,22 +238,37 @@ TEST_F(OutboxTest, ASecondProcessWaitsForTheDataDirectoryAndNumbersAfterTheFirst
 }
 
 // A purchase numbers its event where the counters are given out, as an event does: a second
-// process never gives out the `iaecounter` the first one may still be giving.
+// process never gives out the `iaecounter` the first one may still be giving. Stopped while it
+// waits for that, it is dropped: neither written nor sent, not even once the library runs again.
 TEST_F(OutboxTest, ASecondProcessNumbersItsPurchaseAfterTheFirst) {
-  fakes.bundle->receiptPath = "/app/receipt";
-  fakes.fileSystem->writeFileAtomically("/app/receipt", Bytes{'r', 'c', 'p'});
-  fakes.outbox->setHeldElsewhere(true);
-  const auto second = restart();
-  ASSERT_TRUE(fakes.outbox->apply({{0, Json{{keys::kInAppCounter, 7}}.dump()}}));
-  tracker->validateAndTrackInAppPurchase(std::string("gems"), std::string("1"), std::string("EUR"),
-                                         std::string("tx-1"), std::nullopt, nullptr, nullptr);
-  fakes.dispatcher->advance(2s);
-  EXPECT_TRUE(payloadsOf("qv_purchase").empty());
-  fakes.outbox->setHeldElsewhere(false);  // the first process exits
-  fakes.dispatcher->advance(10s);
-  const auto purchases = payloadsOf("qv_purchase");
-  ASSERT_EQ(purchases.size(), 1U);
-  EXPECT_EQ(purchases[0]["iaecounter"], "8");
+  for (const bool stopped : {true, false}) {
+    SCOPED_TRACE(stopped ? "stopped while it waits" : "running");
+    fakes.bundle->receiptPath = "/app/receipt";
+    fakes.fileSystem->writeFileAtomically("/app/receipt", Bytes{'r', 'c', 'p'});
+    fakes.outbox->setHeldElsewhere(true);
+    const auto second = restart();
+    ASSERT_TRUE(fakes.outbox->apply({{0, Json{{keys::kInAppCounter, 7}}.dump()}}));
+    tracker->validateAndTrackInAppPurchase(std::string("gems"), std::string("1"),
+                                           std::string("EUR"), std::string("tx-1"), std::nullopt,
+                                           nullptr, nullptr);
+    fakes.dispatcher->advance(2s);
+    EXPECT_TRUE(payloadsOf("qv_purchase").empty());
+    if (stopped)
+      second->setStopped(true);
+    const auto records = fakes.outbox->size();
+    fakes.outbox->setHeldElsewhere(false);  // the first process exits
+    fakes.dispatcher->advance(10s);
+    if (stopped) {
+      EXPECT_EQ(fakes.outbox->size(), records);
+      second->setStopped(false);
+      fakes.dispatcher->advance(10s);
+      EXPECT_TRUE(payloadsOf("qv_purchase").empty());
+      continue;
+    }
+    const auto purchases = payloadsOf("qv_purchase");
+    ASSERT_EQ(purchases.size(), 1U);
+    EXPECT_EQ(purchases[0]["iaecounter"], "8");
+  }
 }
 
 // A second process that ends before its next try at the data directory tries it once more

@@ -66,5 +66,16 @@ TEST_F(StopSwitch, AStoppedLibraryDoesNothingAcrossStartsUntilItRunsAgain) {
   EXPECT_EQ(conversions, 1);
 }
 
+// Statistics that a system without a usable background session sends from a background task,
+// started on another queue: a stop that comes meanwhile keeps them from leaving.
+TEST_F(StopSwitch, StatisticsStartedBeforeAStopDoNotLeaveAfterIt) {
+  fakes.device->systemVersionValue = "9.3";
+  makeTracker();
+  tracker->backgroundstatCall();
+  facade->setStopped(true);
+  fakes.dispatcher->advance(10s);
+  EXPECT_TRUE(sent().empty());
+}
+
 }  // namespace
 }  // namespace quorvel
