@@ -434,6 +434,17 @@ void QuorvelRequestCache::releaseRequest(const QuorvelRequestCacheData& request)
   claimed_.erase(name);
 }
 
+void QuorvelRequestCache::abandonReplay(const QuorvelRequestCacheData& request, bool answered) {
+  if (answered)
+    deleteRequest(request);
+  else
+    releaseRequest(request);
+  std::lock_guard guard(lock_);
+  if (cachedRequests_)
+    cachedRequests_->clear();
+  isSendingCachedData_ = false;
+}
+
 bool QuorvelRequestCache::mayClaim(const std::string& name) const {
   std::lock_guard guard(lock_);
   if (unclaimable_.count(plainName(name)) > 0 || claimed_.count(name) > 0)

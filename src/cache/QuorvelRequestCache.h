@@ -61,6 +61,9 @@ class QuorvelRequestCache : public std::enable_shared_from_this<QuorvelRequestCa
   // Gives a claimed record's file its plain name back: its send failed, it waits for a later
   // replay.
   void releaseRequest(const QuorvelRequestCacheData& request);
+  // A replay that a stop cut short: its file goes back under its own name (answered, it goes),
+  // and the chain ends, so that the first answer once the library runs again starts a new one.
+  void abandonReplay(const QuorvelRequestCacheData& request, bool answered);
   // Files removed because they held no readable request.
   std::uint64_t unreadableRemoved() const noexcept { return unreadable_.load(); }
 

@@ -159,7 +159,12 @@ void QuorvelHTTPClient::post(const QuorvelRequestCacheData& request, std::string
           if (self->consent_)
             held = self->consent_->hold();
           if (!self->consentHolds(generation)) {
-            self->settleAfterConsentChanged(slot, !error);
+            // A 5xx or a 429 took nothing: the report stays for a start that runs.
+            const long status = response ? response->statusCode : 0L;
+            const bool taken = !error && status < 500 && status != 429;
+            self->settleAfterConsentChanged(slot, taken);
+            if (origin == Origin::cache)
+              self->cache_->abandonReplay(request, taken);
             return;
           }
           answered = self->handleTrackingAnswer(request, origin, slot, body, response, error);
@@ -167,12 +172,20 @@ void QuorvelHTTPClient::post(const QuorvelRequestCacheData& request, std::string
         if (answered && onSuccess)
           onSuccess();
       });
-  addUnderWay(key, {task, slotUnderWay, nullptr});
+  // A kept file's replay carries no report of the outbox: cancelled, its file and the chain
+  // of replays are let go instead.
+  std::function<void()> replayCancelled;
+  if (origin == Origin::cache)
+    replayCancelled = [cache = cache_, request] { cache->abandonReplay(request, false); };
+  addUnderWay(key, {task, slotUnderWay, replayCancelled});
   if (!consentHolds(generation)) {
     // A stop came since the check above: this one never starts.
     if (removeUnderWay(key)) {
       task->cancel();
-      settleAfterConsentChanged(slotUnderWay, false);
+      if (replayCancelled)
+        replayCancelled();
+      else
+        settleAfterConsentChanged(slotUnderWay, false);
     }
     return;
   }

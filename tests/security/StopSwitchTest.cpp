@@ -77,5 +77,26 @@ TEST_F(StopSwitch, StatisticsStartedBeforeAStopDoNotLeaveAfterIt) {
   EXPECT_TRUE(sent().empty());
 }
 
+// A kept request whose replay a stop cut short goes again once the library runs: its file and
+// the chain of replays are let go, not held for good.
+TEST_F(StopSwitch, AReplayAStopCutShortGoesAgainOnceTheLibraryRuns) {
+  tracker->trackEvent("kept", std::nullopt);
+  fakes.dispatcher->advance(1ms);
+  fakes.fail(0, Error{platform::kURLErrorDomain, -1004, "refused"});  // the folder takes it
+  fakes.dispatcher->advance(1s);  // the start's replay of the folder
+  const auto replaying = [&] {
+    return sent().back().url.find("isCachedRequest=true") != std::string::npos;
+  };
+  ASSERT_TRUE(replaying());
+  facade->setStopped(true);
+  facade->setStopped(false);
+  facade->trackEvent("after_the_stop", std::nullopt);
+  fakes.dispatcher->advance(1s);
+  ASSERT_EQ(payload(sent().size() - 1).value("event", ""), "after_the_stop");
+  fakes.respond(sent().size() - 1, 200, "{}");  // an answer replays the folder
+  fakes.dispatcher->advance(1s);
+  EXPECT_TRUE(replaying());
+}
+
 }  // namespace
 }  // namespace quorvel
