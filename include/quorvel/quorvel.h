@@ -157,9 +157,10 @@ QUORVEL_C_API quorvel_status quorvel_tracker_create(const quorvel_options* optio
  * first to wait for them). The data directory is let go before it returns: a tracker made next
  * on the same folder, in this process or another, holds it and sends what this one kept. Called on
  * a host thread, it blocks until no callback and no transport call of this tracker is under way
- * (transport calls: at most 10 s) and none starts afterwards. Called from inside one of the
- * tracker's callbacks or its transport's send, it returns at once: nothing new is called from then
- * on, and the tracker finishes on a library thread once that call has returned. In a child made by
+ * (transport calls: at most 10 s) and none starts afterwards. Called from inside one of this
+ * tracker's own callbacks or its transport's send, it returns at once: nothing new is called from
+ * then on, and the tracker finishes on a library thread once that call has returned (inside
+ * another tracker's callback it waits as on a host thread). In a child made by
  * fork() from a process that had the tracker, it returns at once and frees nothing: the child's
  * copy is inert (every other call on it is QUORVEL_ERROR_FAILED), and its parent's threads, which
  * it would wait for, did not come along. Destroying a handle twice is undefined. */
@@ -279,8 +280,8 @@ typedef struct quorvel_callbacks {
 } quorvel_callbacks;
 QUORVEL_C_API void quorvel_callbacks_init(quorvel_callbacks* callbacks);
 /* Installs the callbacks (a copy; NULL removes them). No callback runs after the next
- * quorvel_set_callbacks or quorvel_tracker_destroy has returned: on a host thread it blocks
- * until the callbacks under way have returned. */
+ * quorvel_set_callbacks or quorvel_tracker_destroy has returned: it blocks until the callbacks
+ * under way have returned, unless called from inside one of this tracker's own callbacks. */
 QUORVEL_C_API quorvel_status quorvel_set_callbacks(quorvel_tracker* tracker,
                                                    const quorvel_callbacks* callbacks);
 /* Asks for the install's conversion data, delivered to on_conversion_data. */
@@ -329,8 +330,8 @@ typedef void (*quorvel_log_callback)(void* user_data, int level, const char* tex
  * the console. A line arrives on the thread that writes it: a library thread, or the host's own
  * thread during one of its calls, possibly while the library holds a lock, so the callback must
  * return quickly and must not call the library. No line arrives once the next
- * quorvel_set_log_callback or quorvel_tracker_destroy has returned: on a host thread each waits
- * for the lines under way. */
+ * quorvel_set_log_callback or quorvel_tracker_destroy has returned: each waits for the lines
+ * under way, unless called from inside one of this tracker's own calls into the host. */
 QUORVEL_C_API quorvel_status quorvel_set_log_callback(quorvel_tracker* tracker,
                                                       quorvel_log_callback callback,
                                                       void* user_data);

@@ -55,6 +55,7 @@ class CTransport final : public Transport {
     if (!gate_->enter())
       return failRequest(done, "the tracker was destroyed");
     const Leave leave{*gate_};
+    const HostCallScope inside(gate_.get(), HostCallScope::Kind::send);
     quorvel_transport_request c{};
     std::string headers;
     quorvel_transport_reply* reply = nullptr;
