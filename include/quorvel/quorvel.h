@@ -99,8 +99,9 @@ typedef struct quorvel_transport_request {
   uint32_t timeout_ms; /* fail the request when no answer came in this time */
 } quorvel_transport_request;
 
-/* Where the answer to one request goes: answered exactly once, by quorvel_transport_respond
- * or quorvel_transport_fail, from any thread, during the send call or later. */
+/* Where the answer to one request goes: answered once, by quorvel_transport_respond or
+ * quorvel_transport_fail, from any thread, during the send call or later. A second answer to
+ * the same reply is ignored. */
 typedef struct quorvel_transport_reply quorvel_transport_reply;
 
 /* Sends `request`; called on one of the library's four send threads, never on a host thread

@@ -200,6 +200,7 @@ TEST(CApi, AHostFreesItsTransportStateOnceDestroyReturned) {
   options.transport = [](void*, const quorvel_transport_request*, quorvel_transport_reply* reply) {
     ++answered;
     quorvel_transport_respond(reply, 200, "", 0, nullptr, 0);
+    quorvel_transport_fail(reply, -1009, "answered twice", 14);  // a host's mistake: ignored
   };
   ASSERT_EQ(quorvel_tracker_create(&options, &tracker), QUORVEL_OK);
   quorvel_set_dev_key(tracker, "K", 1);
