@@ -19,8 +19,8 @@
  *   returns QUORVEL_OK dropped what it was given.
  * - Unless a function says otherwise it returns at once (it may take a short lock and touch
  *   the disk), and its statuses are QUORVEL_OK, QUORVEL_ERROR_INVALID_ARGUMENT (a NULL
- *   handle or pointer, an empty name, an unknown struct size) and QUORVEL_ERROR_FAILED (out
- *   of memory, or the tracker is stopped: see quorvel_set_stopped).
+ *   handle or pointer, an empty name, an unknown struct size), QUORVEL_ERROR_FAILED (out of
+ *   memory) and QUORVEL_STOPPED (the tracker is stopped: see quorvel_set_stopped).
  * - A handle must not be used once quorvel_tracker_destroy was called on it: a second destroy
  *   or any later call is undefined (the handle's memory is gone).
  * - Callbacks are a function pointer and a `user_data` pointer handed back unchanged. Each
@@ -340,8 +340,9 @@ QUORVEL_C_API quorvel_status quorvel_set_log_callback(quorvel_tracker* tracker,
 /* --- Consent ------------------------------------------------------------------------------ */
 
 /* Stops (1) or lets run (0); kept across starts. While stopped, the settings (key, app id,
- * service domain, callbacks, ...) are still taken and apply once it runs; the calls that
- * collect or send return QUORVEL_STOPPED and do nothing. */
+ * service domain, callbacks, outbox limits, ...) are still taken and apply once it runs; the
+ * calls that collect or send, the settings about the user (customer user id, custom data) and
+ * quorvel_get_uid return QUORVEL_STOPPED and do nothing. */
 QUORVEL_C_API quorvel_status quorvel_set_stopped(quorvel_tracker* tracker, int stopped);
 /* 1 stopped, 0 running, -1 for a NULL handle. */
 QUORVEL_C_API int quorvel_is_stopped(quorvel_tracker* tracker);

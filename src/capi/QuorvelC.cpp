@@ -419,7 +419,7 @@ quorvel_status quorvel_set_outbox_limits(quorvel_tracker* tracker, uint64_t max_
   constexpr std::uint64_t kLongestAge = std::uint64_t{10} * 366 * 24 * 3600;
   if (max_bytes == 0 || max_age_seconds == 0 || max_age_seconds > kLongestAge)
     return QUORVEL_ERROR_INVALID_ARGUMENT;
-  return withRunningTracker(tracker, [&](QuorvelTracker& t) {
+  return withTracker(tracker, [&](QuorvelTracker& t) {
     t.setOutboxLimits(max_bytes, std::chrono::seconds(static_cast<std::int64_t>(max_age_seconds)));
     return QUORVEL_OK;
   });

@@ -406,6 +406,11 @@ TEST(CApi, AnEngineReportsItsLifecycleCustomDataAndPushPayloads) {
   EXPECT_NE(launch.find("app://from-push"), std::string::npos) << launch;
   EXPECT_NE(launch.find(R"("deviceTrackingDisabled":"true")"), std::string::npos) << launch;
   EXPECT_TRUE(statistics) << "no background statistics";
+
+  // Stopped: the configuration is still taken, what is about the user is not.
+  ASSERT_EQ(quorvel_set_stopped(t, 1), QUORVEL_OK);
+  EXPECT_EQ(quorvel_set_outbox_limits(t, 1 << 20, 3600), QUORVEL_OK);
+  EXPECT_EQ(quorvel_set_custom_data(t, custom.data(), custom.size()), QUORVEL_STOPPED);
 }
 
 }  // namespace
