@@ -100,9 +100,33 @@ _LIVE_FOREVER: List[Any] = []
 _in_callback = threading.local()
 
 
-def _fail_reply(reply: int, message: str) -> None:
-    data = message.encode()
-    lib.quorvel_transport_fail(reply, -1004, data, len(data))
+class _Reply:
+    """The library's reply handle for one request. Answered once whatever happens: a second
+    answer would end a handle the library has already released."""
+
+    def __init__(self, handle: int) -> None:
+        self._handle: Optional[int] = handle
+        self._lock = threading.Lock()
+
+    @property
+    def answered(self) -> bool:
+        return self._handle is None
+
+    def _take(self) -> Optional[int]:
+        with self._lock:
+            handle, self._handle = self._handle, None
+        return handle
+
+    def respond(self, status: int, headers: bytes, body: bytes) -> None:
+        handle = self._take()
+        if handle is not None:
+            lib.quorvel_transport_respond(handle, status, headers, len(headers), body, len(body))
+
+    def fail(self, message: str) -> None:
+        handle = self._take()
+        if handle is not None:
+            data = message.encode(errors="replace")
+            lib.quorvel_transport_fail(handle, -1004, data, len(data))
 
 
 class _Transport:
@@ -114,7 +138,7 @@ class _Transport:
     def __init__(self, send: Callable[[Request], Response], workers: int = 4) -> None:
         self._send = send
         self._closed = False
-        self._requests: "queue.SimpleQueue[Optional[Tuple[Request, int]]]" = queue.SimpleQueue()
+        self._requests: "queue.SimpleQueue[Optional[Tuple[Request, _Reply]]]" = queue.SimpleQueue()
         self._lock = threading.Lock()
         self._workers = 0
         self._max_workers = workers
@@ -123,7 +147,8 @@ class _Transport:
         # it calls lives as long as the process.
         _LIVE_FOREVER.append(self.c_function)
 
-    def _hand_over(self, _user_data: Any, c_request: Any, reply: int) -> None:
+    def _hand_over(self, _user_data: Any, c_request: Any, handle: int) -> None:
+        reply = _Reply(handle)
         try:
             r = c_request.contents
             request = Request(
@@ -134,14 +159,23 @@ class _Transport:
                 timeout=r.timeout_ms / 1000.0)
             with self._lock:
                 if self._closed:
-                    raise RuntimeError("closed")
+                    raise RuntimeError("the transport is closed")
                 self._requests.put((request, reply))
                 start = self._workers < self._max_workers
                 self._workers += start
             if start:
-                threading.Thread(target=self._work, name="quorvel-http", daemon=True).start()
-        except Exception:  # noqa: BLE001 - closed, or the interpreter is shutting down
-            _fail_reply(reply, "the transport is closed")
+                self._start_worker()
+        except Exception as error:  # noqa: BLE001 - closed, no thread, or the interpreter exits
+            # Still queued when no worker could start: a worker skips it, answered.
+            reply.fail(str(error))
+
+    def _start_worker(self) -> None:
+        try:
+            threading.Thread(target=self._work, name="quorvel-http", daemon=True).start()
+        except BaseException:
+            with self._lock:
+                self._workers -= 1  # never started: a later request starts one
+            raise
 
     def _work(self) -> None:
         while True:
@@ -150,18 +184,18 @@ class _Transport:
                 return
             self._answer(*item)
 
-    def _answer(self, request: Request, reply: int) -> None:
+    def _answer(self, request: Request, reply: _Reply) -> None:
+        if reply.answered:
+            return
         if self._closed:
-            _fail_reply(reply, "the transport is closed")
+            reply.fail("the transport is closed")
             return
         try:
             response = self._send(request)
             headers = "".join(f"{name}: {value}\r\n" for name, value in response.headers)
-            data = headers.encode()
-            lib.quorvel_transport_respond(reply, int(response.status), data, len(data),
-                                          bytes(response.body), len(response.body))
+            reply.respond(int(response.status), headers.encode(), bytes(response.body))
         except Exception as error:  # noqa: BLE001 - any failure is a transport failure
-            _fail_reply(reply, str(error))
+            reply.fail(str(error))
 
     def close(self) -> None:
         # Never joins: a close may run on one of the workers (a tracker collected there), and
