@@ -258,6 +258,35 @@ def _call_safely(callback: Callable[..., Any], *arguments: Any) -> None:
         _in_callback.depth -= 1
 
 
+class _Callbacks:
+    """A tracker's C callbacks, made once: they call whichever Python callables are set when
+    they run. The library never holds a function Python has freed, whatever the order of
+    set_callbacks calls on several threads, or one made from inside a callback."""
+
+    def __init__(self) -> None:
+        # (on_conversion_data, on_conversion_data_failure, on_app_open_attribution)
+        self.current: Tuple[Optional[Callable[..., Any]], ...] = (None, None, None)
+        self.c = _native.Callbacks()
+        lib.quorvel_callbacks_init(ctypes.byref(self.c))
+        self.c.on_conversion_data = _native.JSON_CALLBACK(
+            lambda _u, pointer, length: self._json(0, pointer, length))
+        self.c.on_conversion_data_failure = _native.ERROR_CALLBACK(self._failure)
+        self.c.on_app_open_attribution = _native.JSON_CALLBACK(
+            lambda _u, pointer, length: self._json(2, pointer, length))
+        self._keep = (self.c.on_conversion_data, self.c.on_conversion_data_failure,
+                      self.c.on_app_open_attribution)
+
+    def _json(self, which: int, pointer: int, length: int) -> None:
+        function = self.current[which]
+        if function is not None:
+            _call_safely(function, json.loads(_text(pointer, length)))
+
+    def _failure(self, _user_data: Any, code: int, pointer: int, length: int) -> None:
+        function = self.current[1]
+        if function is not None:
+            _call_safely(function, code, _text(pointer, length))
+
+
 class _Handle:
     """The C handle, guarded: calls count themselves in, close waits for them and releases
     the handle once, and a call after close raises QuorvelError."""
@@ -407,7 +436,7 @@ class Tracker:
         self._handle = _Handle(handle, self._released)
         # Its lines (written while set_debug is on) go to the logger "quorvel".
         lib.quorvel_set_log_callback(handle, _C_LOG_LINE, None)
-        self._c_callbacks: Any = None
+        self._callbacks = _Callbacks()
         # C callbacks of purchases under way, kept alive until they are called.
         self._purchases: Dict[int, Any] = {}
         self._purchase_lock = threading.Lock()
@@ -622,31 +651,11 @@ class Tracker:
         _callable(on_conversion_data, "on_conversion_data")
         _callable(on_conversion_data_failure, "on_conversion_data_failure")
         _callable(on_app_open_attribution, "on_app_open_attribution")
-
-        def json_callback(function: Optional[Callable[[Dict[str, Any]], Any]]) -> Any:
-            if function is None:
-                return _native.JSON_CALLBACK()
-            return _native.JSON_CALLBACK(
-                lambda _u, pointer, length: _call_safely(function,
-                                                         json.loads(_text(pointer, length))))
-
-        c = _native.Callbacks()
-        lib.quorvel_callbacks_init(ctypes.byref(c))
-        c.on_conversion_data = json_callback(on_conversion_data)
-        c.on_app_open_attribution = json_callback(on_app_open_attribution)
-        if on_conversion_data_failure is not None:
-            failure = on_conversion_data_failure
-            c.on_conversion_data_failure = _native.ERROR_CALLBACK(
-                lambda _u, code, pointer, length: _call_safely(failure, code,
-                                                               _text(pointer, length)))
-        previous = self._c_callbacks
-        self._call(lib.quorvel_set_callbacks, "set_callbacks", ctypes.byref(c))
-        # The library no longer calls the old ones once the call returned (but for the one
-        # that may be making this call): they go once this returns, the new ones live as long
-        # as the tracker holds them.
-        self._c_callbacks = (c, c.on_conversion_data, c.on_conversion_data_failure,
-                             c.on_app_open_attribution)
-        del previous
+        self._callbacks.current = (on_conversion_data, on_conversion_data_failure,
+                                   on_app_open_attribution)
+        # The same C functions each time: the call only waits for those under way with the
+        # callables set before (but for the one that may be making this call).
+        self._call(lib.quorvel_set_callbacks, "set_callbacks", ctypes.byref(self._callbacks.c))
 
     def get_conversion_data(self) -> None:
         self._call(lib.quorvel_get_conversion_data, "get_conversion_data")
