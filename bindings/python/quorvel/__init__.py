@@ -86,6 +86,18 @@ class Response:
     headers: Headers = field(default_factory=list)
     body: bytes = b""
 
+    def __post_init__(self) -> None:
+        _http_status(self.status)
+
+
+def _http_status(value: Any) -> int:
+    # Three digits: ctypes would wrap a larger int silently into another status.
+    if isinstance(value, bool) or not isinstance(value, int):
+        raise TypeError(f"status must be an int, not {type(value).__name__}")
+    if not 100 <= value <= 999:
+        raise ValueError(f"status {value} is not an HTTP status")
+    return value
+
 
 def _header_pairs(text: str) -> Headers:
     pairs = []
@@ -193,7 +205,7 @@ class _Transport:
         try:
             response = self._send(request)
             headers = "".join(f"{name}: {value}\r\n" for name, value in response.headers)
-            reply.respond(int(response.status), headers.encode(), bytes(response.body))
+            reply.respond(_http_status(response.status), headers.encode(), bytes(response.body))
         except Exception as error:  # noqa: BLE001 - any failure is a transport failure
             reply.fail(str(error))
 
@@ -235,11 +247,17 @@ def _callable(value: Any, name: str) -> None:
         raise TypeError(f"{name} must be callable, not {type(value).__name__}")
 
 
+# Longer than any wait or age the library has a use for (its own bound on an outbox age): a
+# larger number is a mistake, and ctypes would wrap it silently.
+_LONGEST_SECONDS = 10 * 366 * 24 * 3600
+_UINT64_MAX = 2**64 - 1
+
+
 def _seconds(value: Any, name: str) -> float:
     if isinstance(value, bool) or not isinstance(value, (int, float)):
         raise TypeError(f"{name} must be a number of seconds, not {type(value).__name__}")
-    if math.isnan(value) or value < 0:
-        raise ValueError(f"{name} must not be negative")
+    if math.isnan(value) or not 0 <= value <= _LONGEST_SECONDS:
+        raise ValueError(f"{name} must be between 0 and {_LONGEST_SECONDS} seconds")
     return float(value)
 
 
@@ -528,8 +546,9 @@ class Tracker:
     def set_outbox_limits(self, max_bytes: int, max_age: float) -> None:
         """How much the outbox keeps while the service cannot be reached: at most `max_bytes`
         bytes and reports at most `max_age` seconds old (defaults: 16 MiB, 30 days)."""
-        if isinstance(max_bytes, bool) or not isinstance(max_bytes, int) or max_bytes <= 0:
-            raise ValueError("max_bytes must be a positive int")
+        if (isinstance(max_bytes, bool) or not isinstance(max_bytes, int)
+                or not 0 < max_bytes <= _UINT64_MAX):
+            raise ValueError(f"max_bytes must be an int from 1 to {_UINT64_MAX}")
         age = int(_seconds(max_age, "max_age"))
         self._call(lib.quorvel_set_outbox_limits, "set_outbox_limits", max_bytes, age)
 

@@ -3,6 +3,7 @@
 import http.client
 import json
 import logging
+import math
 import socket
 import ssl
 import threading
@@ -91,8 +92,15 @@ def test_misuse_raises_python_errors(tmp_path):
         tracker.track_event(42)
     with pytest.raises(TypeError):
         tracker.track_event("level_up", 3)
-    with pytest.raises(ValueError):
-        tracker.flush(-1)
+    # Numbers past what the C call takes raise, instead of wrapping into another value.
+    for out_of_range in (lambda: tracker.flush(-1),
+                         lambda: tracker.flush(math.inf),
+                         lambda: tracker.set_outbox_limits(1 << 20, 2**64 + 1),
+                         lambda: tracker.set_outbox_limits(2**64 + 5, 3600),
+                         lambda: tracker.set_min_time_between_sessions(2**64),
+                         lambda: quorvel.Response(2**32 + 200)):
+        with pytest.raises(ValueError):
+            out_of_range()
     tracker.close()
     tracker.close()  # idempotent
     with pytest.raises(quorvel.QuorvelError):
