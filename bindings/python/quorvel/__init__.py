@@ -416,7 +416,12 @@ def _close_at_exit() -> None:
 
 class Tracker:
     """One tracker on the POSIX platform. Use it as a context manager: leaving the block
-    flushes and releases it, in at most `flush_timeout` seconds all told."""
+    flushes and releases it, in at most `flush_timeout` seconds all told.
+
+    While stopped (`stopped = True`), the calls that collect or send do nothing and return
+    False (True when taken); the settings about the user (`customer_user_id`,
+    `set_custom_data`) and `uid` raise QuorvelError with status 6; the other settings are
+    kept and apply once the library runs again."""
 
     def __init__(self, data_directory: Optional[PathArg] = None, *,
                  keychain_directory: Optional[PathArg] = None,
@@ -501,13 +506,22 @@ class Tracker:
 
     @staticmethod
     def _check(status: int, what: str) -> None:
-        # A stopped library drops the call on purpose, as the C++ one does, without an error.
-        if status not in (_native.OK, _native.STOPPED):
+        if status != _native.OK:
             raise QuorvelError(status, what)
 
     def _call(self, function: Callable[..., int], what: str, *arguments: Any) -> None:
         with self._handle.use() as handle:
             self._check(function(handle, *arguments), what)
+
+    def _collect(self, function: Callable[..., int], what: str, *arguments: Any) -> bool:
+        # A call that collects or sends does nothing while the host has stopped the library:
+        # the host's own choice, said by the result rather than an error.
+        with self._handle.use() as handle:
+            status = function(handle, *arguments)
+        if status == _native.STOPPED:
+            return False
+        self._check(status, what)
+        return True
 
     # --- Settings -------------------------------------------------------------------------
 
@@ -571,60 +585,61 @@ class Tracker:
 
     # --- Reports ----------------------------------------------------------------------------
 
-    def track_app_launch(self) -> None:
-        self._call(lib.quorvel_track_app_launch, "track_app_launch")
+    def track_app_launch(self) -> bool:
+        return self._collect(lib.quorvel_track_app_launch, "track_app_launch")
 
-    def track_event(self, name: str, values: Union[None, str, Dict[str, Any]] = None) -> None:
+    def track_event(self, name: str, values: Union[None, str, Dict[str, Any]] = None) -> bool:
         """An in-app event: `values` is None, a str (one value) or a dict (sent as JSON)."""
         event, event_length = _utf8(name, "name")
         if isinstance(values, dict):
             data, length = _utf8(json.dumps(values), "values")
-            self._call(lib.quorvel_track_event_with_values, f"track_event({name!r})", event,
-                       event_length, data, length)
+            return self._collect(lib.quorvel_track_event_with_values, f"track_event({name!r})",
+                                 event, event_length, data, length)
         elif values is None or isinstance(values, str):
             data, length = _utf8(values, "value")
-            self._call(lib.quorvel_track_event, f"track_event({name!r})", event, event_length,
-                       data, length)
+            return self._collect(lib.quorvel_track_event, f"track_event({name!r})", event,
+                                 event_length, data, length)
         else:
             raise TypeError("values must be None, a str or a dict")
 
-    def app_entered_foreground(self) -> None:
+    def app_entered_foreground(self) -> bool:
         """The app came to the foreground (the same as track_app_launch)."""
-        self._call(lib.quorvel_app_entered_foreground, "app_entered_foreground")
+        return self._collect(lib.quorvel_app_entered_foreground, "app_entered_foreground")
 
-    def app_entered_background(self) -> None:
+    def app_entered_background(self) -> bool:
         """The app went to the background: counts the session, writes what is pending to disk
         and sends the background statistics."""
-        self._call(lib.quorvel_app_entered_background, "app_entered_background")
+        return self._collect(lib.quorvel_app_entered_background, "app_entered_background")
 
-    def handle_push_payload(self, payload: Dict[str, Any]) -> None:
+    def handle_push_payload(self, payload: Dict[str, Any]) -> bool:
         """The app was opened from a push notification with this payload."""
         if not isinstance(payload, dict):
             raise TypeError("payload must be a dict")
         text, length = _utf8(json.dumps(payload), "payload")
-        self._call(lib.quorvel_handle_push_payload, "handle_push_payload", text, length)
+        return self._collect(lib.quorvel_handle_push_payload, "handle_push_payload", text,
+                             length)
 
-    def handle_open_url(self, url: str, source_application: Optional[str] = None) -> None:
+    def handle_open_url(self, url: str, source_application: Optional[str] = None) -> bool:
         link, link_length = _utf8(url, "url")
         source, source_length = _utf8(source_application, "source_application")
-        self._call(lib.quorvel_handle_open_url, "handle_open_url", link, link_length, source,
-                   source_length)
+        return self._collect(lib.quorvel_handle_open_url, "handle_open_url", link, link_length,
+                             source, source_length)
 
-    def continue_web_link(self, url: str) -> None:
+    def continue_web_link(self, url: str) -> bool:
         link, length = _utf8(url, "url")
-        self._call(lib.quorvel_continue_web_link, "continue_web_link", link, length)
+        return self._collect(lib.quorvel_continue_web_link, "continue_web_link", link, length)
 
-    def register_uninstall(self, token: bytes) -> None:
+    def register_uninstall(self, token: bytes) -> bool:
         if not isinstance(token, (bytes, bytearray)) or not token:
             raise TypeError("token must be non-empty bytes")
-        self._call(lib.quorvel_register_uninstall, "register_uninstall", bytes(token),
-                   len(token))
+        return self._collect(lib.quorvel_register_uninstall, "register_uninstall", bytes(token),
+                             len(token))
 
     def validate_and_track_purchase(
             self, product_id: str, price: str, currency: str, transaction_id: str,
-            on_result: Optional[Callable[[bool, Dict[str, Any]], Any]] = None) -> None:
+            on_result: Optional[Callable[[bool, Dict[str, Any]], Any]] = None) -> bool:
         """Reports a store purchase; `on_result(succeeded, answer_dict)` is called once, on a
-        library thread."""
+        library thread (never when the library is stopped: False)."""
         _callable(on_result, "on_result")
         purchase = _native.Purchase()
         lib.quorvel_purchase_init(ctypes.byref(purchase))
@@ -650,13 +665,15 @@ class Tracker:
             with self._purchase_lock:
                 self._purchases[token] = c_callback
             purchase.callback = c_callback
+        taken = False
         try:
-            self._call(lib.quorvel_validate_and_track_purchase, "validate_and_track_purchase",
-                       ctypes.byref(purchase))
-        except QuorvelError:
-            with self._purchase_lock:
-                self._purchases.pop(token, None)
-            raise
+            taken = self._collect(lib.quorvel_validate_and_track_purchase,
+                                  "validate_and_track_purchase", ctypes.byref(purchase))
+        finally:
+            if not taken:
+                with self._purchase_lock:
+                    self._purchases.pop(token, None)
+        return taken
 
     # --- Attribution callbacks ---------------------------------------------------------------
 
@@ -676,8 +693,8 @@ class Tracker:
         # callables set before (but for the one that may be making this call).
         self._call(lib.quorvel_set_callbacks, "set_callbacks", ctypes.byref(self._callbacks.c))
 
-    def get_conversion_data(self) -> None:
-        self._call(lib.quorvel_get_conversion_data, "get_conversion_data")
+    def get_conversion_data(self) -> bool:
+        return self._collect(lib.quorvel_get_conversion_data, "get_conversion_data")
 
     # --- Delivery and consent ----------------------------------------------------------------
 

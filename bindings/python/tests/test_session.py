@@ -114,10 +114,16 @@ def test_opting_in_after_a_kept_stop_delivers(devserver, tmp_path):
                    extra_ca_file=devserver["ca_file"], dev_key=DEV_KEY, app_id=APP_ID)
     with quorvel.Tracker(tmp_path / "app", **options) as tracker:
         tracker.stopped = True
+        assert tracker.track_event("while_stopped", "1") is False  # dropped, and said so
+        tracker.set_outbox_limits(1 << 20, 3600)  # configuration: taken
+        with pytest.raises(quorvel.QuorvelError, match="stopped"):
+            tracker.customer_user_id = "someone"  # about the user: not taken
+        with pytest.raises(quorvel.QuorvelError, match="stopped"):
+            tracker.uid
     with quorvel.Tracker(tmp_path / "app", **options) as tracker:
         assert tracker.stopped
         tracker.stopped = False
-        tracker.track_event("after_consent", "1")
+        assert tracker.track_event("after_consent", "1") is True
         tracker.flush(30)
         uid = tracker.uid
     events = [r["decrypted"].get("event") for r in devserver["received"]()
