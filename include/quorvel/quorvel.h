@@ -160,8 +160,9 @@ QUORVEL_C_API quorvel_status quorvel_tracker_create(const quorvel_options* optio
  * a host thread, it blocks until no callback and no transport call of this tracker is under way
  * (transport calls: at most 10 s) and none starts afterwards. Called from inside one of this
  * tracker's own callbacks or its transport's send, it returns at once: nothing new is called from
- * then on, and the tracker finishes on a library thread once that call has returned (inside
- * another tracker's callback it waits as on a host thread). In a child made by
+ * then on, and the tracker finishes on a library thread once that call has returned. Inside
+ * another tracker's callback it waits as on a host thread: two trackers whose callbacks each
+ * destroy the other, or replace its callbacks, may wait for each other for ever. In a child made by
  * fork() from a process that had the tracker, it returns at once and frees nothing: the child's
  * copy is inert (every other call on it is QUORVEL_ERROR_FAILED), and its parent's threads, which
  * it would wait for, did not come along. Destroying a handle twice is undefined. */
