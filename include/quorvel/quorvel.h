@@ -19,8 +19,8 @@
  *   returns QUORVEL_OK dropped what it was given.
  * - Unless a function says otherwise it returns at once (it may take a short lock and touch
  *   the disk), and its statuses are QUORVEL_OK, QUORVEL_ERROR_INVALID_ARGUMENT (a NULL
- *   handle or pointer, an empty name, an unknown struct size) and QUORVEL_ERROR_FAILED (out
- *   of memory, or the tracker is stopped: see quorvel_set_stopped).
+ *   handle or pointer, an empty name, an unknown struct size), QUORVEL_ERROR_FAILED (out of
+ *   memory) and QUORVEL_STOPPED (the tracker is stopped: see quorvel_set_stopped).
  * - A handle must not be used once quorvel_tracker_destroy was called on it: a second destroy
  *   or any later call is undefined (the handle's memory is gone).
  * - Callbacks are a function pointer and a `user_data` pointer handed back unchanged. Each
@@ -99,8 +99,9 @@ typedef struct quorvel_transport_request {
   uint32_t timeout_ms; /* fail the request when no answer came in this time */
 } quorvel_transport_request;
 
-/* Where the answer to one request goes: answered exactly once, by quorvel_transport_respond
- * or quorvel_transport_fail, from any thread, during the send call or later. */
+/* Where the answer to one request goes: answered once, by quorvel_transport_respond or
+ * quorvel_transport_fail, from any thread, during the send call or later. A second answer to
+ * the same reply is ignored. */
 typedef struct quorvel_transport_reply quorvel_transport_reply;
 
 /* Sends `request`; called on one of the library's four send threads, never on a host thread
@@ -157,9 +158,11 @@ QUORVEL_C_API quorvel_status quorvel_tracker_create(const quorvel_options* optio
  * first to wait for them). The data directory is let go before it returns: a tracker made next
  * on the same folder, in this process or another, holds it and sends what this one kept. Called on
  * a host thread, it blocks until no callback and no transport call of this tracker is under way
- * (transport calls: at most 10 s) and none starts afterwards. Called from inside one of the
- * tracker's callbacks or its transport's send, it returns at once: nothing new is called from then
- * on, and the tracker finishes on a library thread once that call has returned. In a child made by
+ * (transport calls: at most 10 s) and none starts afterwards. Called from inside one of this
+ * tracker's own callbacks or its transport's send, it returns at once: nothing new is called from
+ * then on, and the tracker finishes on a library thread once that call has returned. Inside
+ * another tracker's callback it waits as on a host thread: two trackers whose callbacks each
+ * destroy the other, or replace its callbacks, may wait for each other for ever. In a child made by
  * fork() from a process that had the tracker, it returns at once and frees nothing: the child's
  * copy is inert (every other call on it is QUORVEL_ERROR_FAILED), and its parent's threads, which
  * it would wait for, did not come along. Destroying a handle twice is undefined. */
@@ -279,8 +282,8 @@ typedef struct quorvel_callbacks {
 } quorvel_callbacks;
 QUORVEL_C_API void quorvel_callbacks_init(quorvel_callbacks* callbacks);
 /* Installs the callbacks (a copy; NULL removes them). No callback runs after the next
- * quorvel_set_callbacks or quorvel_tracker_destroy has returned: on a host thread it blocks
- * until the callbacks under way have returned. */
+ * quorvel_set_callbacks or quorvel_tracker_destroy has returned: it blocks until the callbacks
+ * under way have returned, unless called from inside one of this tracker's own callbacks. */
 QUORVEL_C_API quorvel_status quorvel_set_callbacks(quorvel_tracker* tracker,
                                                    const quorvel_callbacks* callbacks);
 /* Asks for the install's conversion data, delivered to on_conversion_data. */
@@ -329,8 +332,8 @@ typedef void (*quorvel_log_callback)(void* user_data, int level, const char* tex
  * the console. A line arrives on the thread that writes it: a library thread, or the host's own
  * thread during one of its calls, possibly while the library holds a lock, so the callback must
  * return quickly and must not call the library. No line arrives once the next
- * quorvel_set_log_callback or quorvel_tracker_destroy has returned: on a host thread each waits
- * for the lines under way. */
+ * quorvel_set_log_callback or quorvel_tracker_destroy has returned: each waits for the lines
+ * under way, unless called from inside one of this tracker's own calls into the host. */
 QUORVEL_C_API quorvel_status quorvel_set_log_callback(quorvel_tracker* tracker,
                                                       quorvel_log_callback callback,
                                                       void* user_data);
@@ -338,8 +341,9 @@ QUORVEL_C_API quorvel_status quorvel_set_log_callback(quorvel_tracker* tracker,
 /* --- Consent ------------------------------------------------------------------------------ */
 
 /* Stops (1) or lets run (0); kept across starts. While stopped, the settings (key, app id,
- * service domain, callbacks, ...) are still taken and apply once it runs; the calls that
- * collect or send return QUORVEL_STOPPED and do nothing. */
+ * service domain, callbacks, outbox limits, ...) are still taken and apply once it runs; the
+ * calls that collect or send, the settings about the user (customer user id, custom data) and
+ * quorvel_get_uid return QUORVEL_STOPPED and do nothing. */
 QUORVEL_C_API quorvel_status quorvel_set_stopped(quorvel_tracker* tracker, int stopped);
 /* 1 stopped, 0 running, -1 for a NULL handle. */
 QUORVEL_C_API int quorvel_is_stopped(quorvel_tracker* tracker);

@@ -21,11 +21,33 @@ namespace quorvel::capi {
 // How long destroy waits for transport sends under way on other threads.
 inline constexpr std::chrono::milliseconds kTransportCallBound{10000};
 
-// How many calls into the host (callbacks, transport sends) the current thread is inside.
-int& hostCallDepth();
+// Marks the current thread as inside a call into the host made for one handle (its callbacks,
+// its log function, its transport), for the scope's life. Calls of other handles the thread is
+// inside do not count: only a handle's own call under way would wait for its caller.
+class HostCallScope {
+ public:
+  enum class Kind { callback, send };
+  HostCallScope(const void* handle, Kind kind) noexcept;
+  HostCallScope(const HostCallScope&) = delete;
+  HostCallScope& operator=(const HostCallScope&) = delete;
+  ~HostCallScope();
+
+  static bool inside(const void* handle) noexcept;
+  static bool insideSend(const void* handle) noexcept;
+
+ private:
+  // The innermost scope of the thread: scopes nest on a thread's stack, so a list through
+  // them needs no allocation.
+  static HostCallScope*& innermost() noexcept;
+
+  const void* handle_;
+  Kind kind_;
+  HostCallScope* outer_;
+};
 
 // Calls into the host's transport, counted so that closing waits for those under way (within
-// a bound), except those of the closing thread itself.
+// a bound), except those of the closing thread itself. Its address identifies its handle's
+// host calls.
 class CallGate {
  public:
   // False once closed: the call must not be made.
@@ -46,6 +68,9 @@ class CallGate {
 template <typename Calls>
 class HostCalls {
  public:
+  // `handle`: what identifies the handle's host calls (see HostCallScope).
+  explicit HostCalls(const void* handle) : handle_(handle) {}
+
   // Runs `call` with the current calls unless closed. False when closed.
   template <typename Call>
   bool invoke(Call&& call) {
@@ -57,9 +82,10 @@ class HostCalls {
       current = calls_;
       ++running_;
     }
-    ++hostCallDepth();
-    call(current);
-    --hostCallDepth();
+    {
+      const HostCallScope inside(handle_, HostCallScope::Kind::callback);
+      call(current);
+    }
     const std::lock_guard lock(mutex_);
     if (--running_ == 0)
       idle_.notify_all();
@@ -79,11 +105,13 @@ class HostCalls {
 
  private:
   void waitForCallsLocked(std::unique_lock<std::mutex>& lock) {
-    // From inside a call the call under way is the caller's own: waiting would never end.
-    if (hostCallDepth() == 0)
+    // From inside this handle's call the call under way is the caller's own: waiting would
+    // never end.
+    if (!HostCallScope::inside(handle_))
       idle_.wait(lock, [this] { return running_ == 0; });
   }
 
+  const void* handle_;
   std::mutex mutex_;
   std::condition_variable idle_;
   Calls calls_{};
@@ -107,10 +135,15 @@ std::shared_ptr<const Platform> withHostLog(std::shared_ptr<const Platform> plat
 }  // namespace quorvel::capi
 
 struct quorvel_tracker {
+  explicit quorvel_tracker(std::shared_ptr<quorvel::capi::CallGate> gate)
+      : transport(std::move(gate)) {}
+
+  // First: its address identifies the handle's host calls, in the boxes below too.
+  std::shared_ptr<quorvel::capi::CallGate> transport;
   std::shared_ptr<quorvel::capi::CallbackBox> callbacks =
-      std::make_shared<quorvel::capi::CallbackBox>();
-  std::shared_ptr<quorvel::capi::CallGate> transport = std::make_shared<quorvel::capi::CallGate>();
-  std::shared_ptr<quorvel::capi::LogBox> log = std::make_shared<quorvel::capi::LogBox>();
+      std::make_shared<quorvel::capi::CallbackBox>(transport.get());
+  std::shared_ptr<quorvel::capi::LogBox> log =
+      std::make_shared<quorvel::capi::LogBox>(transport.get());
   std::shared_ptr<quorvel::QuorvelTrackerDelegate> delegate;
   std::unique_ptr<quorvel::QuorvelTracker> tracker;
   // The process image that made it: a forked child's copy is inert and never destroyed.
@@ -121,6 +154,14 @@ struct quorvel_tracker {
 };
 
 namespace quorvel::capi {
+
+// A handle for a tracker on `platform`, whose host transport (if any) goes through `gate`.
+quorvel_tracker* makeHandle(std::shared_ptr<const Platform> platform,
+                            std::shared_ptr<CallGate> gate) noexcept;
+// Whether the current thread is inside one of the handle's own calls into the host.
+inline bool insideHostCall(const quorvel_tracker& handle) noexcept {
+  return HostCallScope::inside(handle.transport.get());
+}
 
 // A transport that hands each request to the host's C function.
 std::shared_ptr<Transport> makeCTransport(quorvel_transport_send send, void* userData,

@@ -3,16 +3,45 @@
 #include <quorvel/Transport.h>
 #include <quorvel/quorvel.h>
 
+#include <cstdint>
+#include <mutex>
 #include <string_view>
+#include <unordered_map>
 
 #include "capi/CTracker.h"
 
-struct quorvel_transport_reply {
-  quorvel::TransportDone done;
-};
-
 namespace quorvel::capi {
 namespace {
+
+// The requests the host has not answered yet. A reply handle is a number, never an address, and
+// never handed out twice: a second answer to one (a host's mistake, or a race in a binding) finds
+// nothing and is ignored, where an address would be freed twice.
+class OpenReplies {
+ public:
+  quorvel_transport_reply* add(TransportDone done) {
+    const std::lock_guard lock(mutex_);
+    const std::uintptr_t id = ++last_;
+    open_.emplace(id, std::move(done));
+    return reinterpret_cast<quorvel_transport_reply*>(id);  // NOLINT: an opaque handle
+  }
+  // Empty when already answered.
+  TransportDone take(const quorvel_transport_reply* reply) noexcept {
+    const std::lock_guard lock(mutex_);
+    auto node = open_.extract(reinterpret_cast<std::uintptr_t>(reply));  // NOLINT
+    return node.empty() ? TransportDone() : std::move(node.mapped());
+  }
+
+ private:
+  std::mutex mutex_;
+  std::unordered_map<std::uintptr_t, TransportDone> open_;
+  std::uintptr_t last_ = 0;
+};
+
+// Never destroyed: a host may answer on its own threads while the process exits.
+OpenReplies& openReplies() {
+  static auto* const replies = new OpenReplies;  // NOLINT(cppcoreguidelines-owning-memory)
+  return *replies;
+}
 
 std::string headerLines(const platform::HeaderList& headers) {
   std::string lines;
@@ -40,6 +69,12 @@ platform::HeaderList parseHeaderLines(std::string_view text) {
   return headers;
 }
 
+void answer(const quorvel_transport_reply* reply, std::optional<TransportResponse> response,
+            std::optional<Error> failure) {
+  if (const TransportDone done = openReplies().take(reply))
+    done(std::move(response), std::move(failure));
+}
+
 void failRequest(const TransportDone& done, const char* message) {
   if (done)
     done(std::nullopt, Error{platform::kURLErrorDomain, -1004, message});
@@ -55,13 +90,14 @@ class CTransport final : public Transport {
     if (!gate_->enter())
       return failRequest(done, "the tracker was destroyed");
     const Leave leave{*gate_};
+    const HostCallScope inside(gate_.get(), HostCallScope::Kind::send);
     quorvel_transport_request c{};
     std::string headers;
     quorvel_transport_reply* reply = nullptr;
     try {
       headers = headerLines(request.headers);
-      // Owned by the host from here until it answers.
-      reply = new quorvel_transport_reply{done};  // NOLINT(cppcoreguidelines-owning-memory)
+      // The host's from here until it answers.
+      reply = openReplies().add(done);
     } catch (...) {
       return failRequest(done, "transport failed");
     }
@@ -110,34 +146,32 @@ extern "C" {
 
 void quorvel_transport_respond(quorvel_transport_reply* reply, int status, const char* headers,
                                size_t headers_length, const uint8_t* body, size_t body_length) {
-  if (reply == nullptr)
-    return;
-  const std::unique_ptr<quorvel_transport_reply> owned(reply);
+  std::optional<quorvel::TransportResponse> response;
   try {
-    quorvel::TransportResponse response;
-    response.status = status;
+    response.emplace();
+    response->status = status;
     if (headers != nullptr)
-      response.headers = quorvel::capi::parseHeaderLines(std::string_view(headers, headers_length));
+      response->headers =
+          quorvel::capi::parseHeaderLines(std::string_view(headers, headers_length));
     if (body != nullptr)
-      response.body.assign(body, body + body_length);
-    owned->done(std::move(response), std::nullopt);
+      response->body.assign(body, body + body_length);
   } catch (...) {
-    owned->done(std::nullopt, quorvel::Error{quorvel::platform::kURLErrorDomain, -1004,
-                                             "the answer could not be read"});
+    return quorvel::capi::answer(
+        reply, std::nullopt,
+        quorvel::Error{quorvel::platform::kURLErrorDomain, -1004, "the answer could not be read"});
   }
+  quorvel::capi::answer(reply, std::move(response), std::nullopt);
 }
 
 void quorvel_transport_fail(quorvel_transport_reply* reply, int64_t code, const char* message,
                             size_t message_length) {
-  if (reply == nullptr)
-    return;
-  const std::unique_ptr<quorvel_transport_reply> owned(reply);
   std::string text;
   try {
     text = message != nullptr ? std::string(message, message_length) : std::string();
   } catch (...) {
   }
-  owned->done(std::nullopt, quorvel::Error{quorvel::platform::kURLErrorDomain, code, text});
+  quorvel::capi::answer(reply, std::nullopt,
+                        quorvel::Error{quorvel::platform::kURLErrorDomain, code, text});
 }
 
 }  // extern "C"

@@ -20,9 +20,34 @@
 
 namespace quorvel::capi {
 
-int& hostCallDepth() {
-  thread_local int calls = 0;
-  return calls;
+HostCallScope*& HostCallScope::innermost() noexcept {
+  thread_local HostCallScope* scope = nullptr;
+  return scope;
+}
+
+HostCallScope::HostCallScope(const void* handle, Kind kind) noexcept
+    : handle_(handle), kind_(kind), outer_(innermost()) {
+  innermost() = this;
+}
+
+HostCallScope::~HostCallScope() {
+  innermost() = outer_;
+}
+
+bool HostCallScope::inside(const void* handle) noexcept {
+  for (const HostCallScope* s = innermost(); s != nullptr; s = s->outer_) {
+    if (s->handle_ == handle)
+      return true;
+  }
+  return false;
+}
+
+bool HostCallScope::insideSend(const void* handle) noexcept {
+  for (const HostCallScope* s = innermost(); s != nullptr; s = s->outer_) {
+    if (s->handle_ == handle && s->kind_ == Kind::send)
+      return true;
+  }
+  return false;
 }
 
 bool CallGate::enter() {
@@ -30,12 +55,10 @@ bool CallGate::enter() {
   if (closed_)
     return false;
   ++running_;
-  ++hostCallDepth();
   return true;
 }
 
 void CallGate::leave() {
-  --hostCallDepth();
   const std::lock_guard lock(mutex_);
   if (--running_ == 0)
     idle_.notify_all();
@@ -44,8 +67,8 @@ void CallGate::leave() {
 void CallGate::close(std::chrono::milliseconds bound) {
   std::unique_lock lock(mutex_);
   closed_ = true;
-  // The closing thread's own call would never end while it waits.
-  const int own = hostCallDepth() > 0 ? 1 : 0;
+  // The closing thread's own send would never end while it waits.
+  const int own = HostCallScope::insideSend(this) ? 1 : 0;
   idle_.wait_for(lock, bound, [&] { return running_ <= own; });
 }
 
@@ -160,18 +183,28 @@ quorvel_status withRunningTracker(quorvel_tracker* handle, Call&& call) {
 }
 
 }  // namespace
+
+quorvel_tracker* makeHandle(std::shared_ptr<const Platform> platform,
+                            std::shared_ptr<CallGate> gate) noexcept {
+  try {
+    auto handle = std::make_unique<quorvel_tracker>(std::move(gate));
+    handle->tracker =
+        std::make_unique<QuorvelTracker>(withHostLog(std::move(platform), handle->log));
+    handle->delegate = delegateFor(handle->callbacks);
+    handle->tracker->setDelegate(handle->delegate);
+    return handle.release();  // owned by the host until quorvel_tracker_destroy
+  } catch (...) {
+    return nullptr;
+  }
+}
+
 }  // namespace quorvel::capi
 
 namespace quorvel {
 
 quorvel_tracker* makeCTrackerHandle(std::shared_ptr<const Platform> platform) noexcept {
   try {
-    auto handle = std::make_unique<quorvel_tracker>();
-    handle->tracker =
-        std::make_unique<QuorvelTracker>(capi::withHostLog(std::move(platform), handle->log));
-    handle->delegate = capi::delegateFor(handle->callbacks);
-    handle->tracker->setDelegate(handle->delegate);
-    return handle.release();  // owned by the host until quorvel_tracker_destroy
+    return capi::makeHandle(std::move(platform), std::make_shared<capi::CallGate>());
   } catch (...) {
     return nullptr;
   }
@@ -255,10 +288,9 @@ quorvel_status quorvel_tracker_create(const quorvel_options* given, quorvel_trac
     if (o.transport != nullptr)
       options.transport = quorvel::capi::makeCTransport(o.transport, o.transport_user_data, gate);
     auto platform = std::make_shared<const quorvel::Platform>(quorvel::makePosixPlatform(options));
-    quorvel_tracker* handle = quorvel::makeCTrackerHandle(std::move(platform));
+    quorvel_tracker* handle = quorvel::capi::makeHandle(std::move(platform), gate);
     if (handle == nullptr)
       return QUORVEL_ERROR_FAILED;
-    handle->transport = gate;
     if (auto domain = textOf(o.service_domain, o.service_domain_length))
       handle->tracker->setHost(domain);
     *tracker = handle;
@@ -284,7 +316,9 @@ void quorvel_tracker_destroy(quorvel_tracker* tracker) {
   using quorvel::capi::kTransportCallBound;
   tracker->callbacks->close();
   tracker->log->close();
-  if (quorvel::capi::hostCallDepth() == 0) {
+  // Only a call of this very handle waits for its caller: inside another handle's callback (or
+  // on any other thread) destroy waits as from a host thread.
+  if (!quorvel::capi::insideHostCall(*tracker)) {
     tracker->transport->close(kTransportCallBound);
     delete tracker;  // NOLINT(cppcoreguidelines-owning-memory): the host's handle ends here
     return;
@@ -385,7 +419,7 @@ quorvel_status quorvel_set_outbox_limits(quorvel_tracker* tracker, uint64_t max_
   constexpr std::uint64_t kLongestAge = std::uint64_t{10} * 366 * 24 * 3600;
   if (max_bytes == 0 || max_age_seconds == 0 || max_age_seconds > kLongestAge)
     return QUORVEL_ERROR_INVALID_ARGUMENT;
-  return withRunningTracker(tracker, [&](QuorvelTracker& t) {
+  return withTracker(tracker, [&](QuorvelTracker& t) {
     t.setOutboxLimits(max_bytes, std::chrono::seconds(static_cast<std::int64_t>(max_age_seconds)));
     return QUORVEL_OK;
   });

@@ -91,6 +91,7 @@ class TransportTask final : public platform::URLSessionTask,
   std::shared_ptr<TransportSession> session_;
   std::atomic<bool> resumed_{false};
   std::atomic<bool> cancelled_{false};
+  std::atomic<bool> ended_{false};  // its one outcome is known (its deadline may come first)
 };
 
 class TransportSession final : public platform::URLSession,
@@ -174,8 +175,10 @@ void TransportTask::resume() noexcept {
           }
         });
     session_->lanes().run([self = shared_from_this(), timeout, done = std::move(done)]() mutable {
-      if (self->cancelled_)
-        return;  // cancelled while it waited for a lane: it never leaves
+      // Cancelled, or failed at its deadline, while it waited for a lane: it never leaves (the
+      // library sends a failed request again, and this copy would go twice).
+      if (self->cancelled_ || self->ended_)
+        return;
       try {
         TransportRequest request{self->request_.method, self->request_.url, self->request_.headers,
                                  self->request_.body, timeout};
@@ -191,6 +194,7 @@ void TransportTask::resume() noexcept {
 
 void TransportTask::finish(std::optional<TransportResponse> response,
                            std::optional<Error> failure) {
+  ended_ = true;
   if (!response && !failure)
     failure = Error{platform::kURLErrorDomain, kCannotConnect, "no answer from the transport"};
   session_->delegateQueue()->async([self = shared_from_this(), response = std::move(response),

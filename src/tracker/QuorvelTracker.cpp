@@ -48,6 +48,7 @@ bool refusedWhileStopped(const TrackerCore& core, std::string_view method) {
       "-[QuorvelTracker setUseUninstallSandbox:]",
       "-[QuorvelTracker setAppInviteHopline:]",
       "-[QuorvelTracker setExitFlushTimeout:]",
+      "-[QuorvelTracker setOutboxLimits:]",
       "-[QuorvelTracker getSDKVersion]"};
   if (!core.isStopped() ||
       std::find(std::begin(kAllowed), std::end(kAllowed), method) != std::end(kAllowed))

@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -198,6 +200,7 @@ TEST(CApi, AHostFreesItsTransportStateOnceDestroyReturned) {
   options.transport = [](void*, const quorvel_transport_request*, quorvel_transport_reply* reply) {
     ++answered;
     quorvel_transport_respond(reply, 200, "", 0, nullptr, 0);
+    quorvel_transport_fail(reply, -1009, "answered twice", 14);  // a host's mistake: ignored
   };
   ASSERT_EQ(quorvel_tracker_create(&options, &tracker), QUORVEL_OK);
   quorvel_set_dev_key(tracker, "K", 1);
@@ -213,6 +216,94 @@ TEST(CApi, AHostFreesItsTransportStateOnceDestroyReturned) {
   EXPECT_EQ(stats.waiting, 0U);
   EXPECT_GE(answered.load(), 202);  // the two launches and the 200 events
   quorvel_tracker_destroy(tracker);
+}
+
+// Inside one tracker's callback, another tracker is an ordinary one: its destroy waits for its
+// own sends under way on other threads and lets its folder go before it returns.
+TEST(CApi, DestroyingAnotherTrackerFromACallbackWaitsForThatTrackersSends) {
+  struct Host {
+    std::mutex mutex;
+    std::condition_variable changed;
+    int started = 0;
+    int finished = 0;
+    bool released = false;
+  };
+  auto host = std::make_unique<Host>();
+  const quorvel::test::TempDir folder;
+  const std::string data = folder / "b";
+  const std::string keys = folder / "keys";
+  quorvel_options options;
+  quorvel_options_init(&options);
+  options.data_directory = data.data();
+  options.data_directory_length = data.size();
+  options.keychain_directory = keys.data();
+  options.keychain_directory_length = keys.size();
+  options.transport = [](void* user, const quorvel_transport_request*,
+                         quorvel_transport_reply* reply) {
+    auto* h = static_cast<Host*>(user);
+    std::unique_lock lock(h->mutex);
+    ++h->started;
+    h->changed.notify_all();
+    h->changed.wait_for(lock, std::chrono::seconds(30), [h] { return h->released; });
+    ++h->finished;  // freed memory, were this send still under way once destroy returned
+    lock.unlock();
+    quorvel_transport_fail(reply, -1009, "offline", 7);
+  };
+  options.transport_user_data = host.get();
+  quorvel_tracker* b = nullptr;
+  ASSERT_EQ(quorvel_tracker_create(&options, &b), QUORVEL_OK);
+  quorvel_set_dev_key(b, "K", 1);
+  quorvel_set_app_id(b, "1", 1);
+  quorvel_track_app_launch(b);
+
+  struct Inside {
+    quorvel_tracker* b;
+    Host* host;
+    std::thread releaser;
+    int unfinishedAtReturn = -1;
+  } inside{b, host.get(), {}, -1};
+  const Kit a;
+  quorvel_callbacks callbacks;
+  quorvel_callbacks_init(&callbacks);
+  callbacks.user_data = &inside;
+  callbacks.on_conversion_data = [](void* user, const char*, size_t) {
+    auto* in = static_cast<Inside*>(user);
+    if (in->b == nullptr)
+      return;
+    {
+      std::unique_lock lock(in->host->mutex);
+      in->host->changed.wait_for(lock, std::chrono::seconds(30),
+                                 [in] { return in->host->started > 0; });
+    }
+    in->releaser = std::thread([h = in->host] {
+      const std::lock_guard lock(h->mutex);
+      h->released = true;
+      h->changed.notify_all();
+    });
+    quorvel_tracker_destroy(std::exchange(in->b, nullptr));
+    const std::lock_guard lock(in->host->mutex);
+    in->unfinishedAtReturn = in->host->started - in->host->finished;
+  };
+  ASSERT_EQ(quorvel_set_callbacks(a.tracker, &callbacks), QUORVEL_OK);
+  quorvel_set_dev_key(a.tracker, "K", 1);
+  const std::string attribution = R"({"status": "unpaid"})";
+  quorvel_testkit_answer_service(a.kit, "sdk", 3, 200, attribution.data(), attribution.size());
+  quorvel_track_app_launch(a.tracker);
+  quorvel_testkit_advance(a.kit, 10000);
+  ASSERT_TRUE(inside.releaser.joinable());
+  inside.releaser.join();
+  EXPECT_EQ(inside.unfinishedAtReturn, 0);
+  host.reset();
+
+  options.transport = [](void*, const quorvel_transport_request*, quorvel_transport_reply* reply) {
+    quorvel_transport_fail(reply, -1009, "offline", 7);
+  };
+  ASSERT_EQ(quorvel_tracker_create(&options, &b), QUORVEL_OK);
+  quorvel_delivery_stats stats{};
+  stats.struct_size = sizeof stats;
+  ASSERT_EQ(quorvel_get_delivery_stats(b, &stats), QUORVEL_OK);
+  EXPECT_EQ(stats.data_directory_held_elsewhere, 0);
+  quorvel_tracker_destroy(b);
 }
 
 // The lines a host's log function received.
@@ -315,6 +406,11 @@ TEST(CApi, AnEngineReportsItsLifecycleCustomDataAndPushPayloads) {
   EXPECT_NE(launch.find("app://from-push"), std::string::npos) << launch;
   EXPECT_NE(launch.find(R"("deviceTrackingDisabled":"true")"), std::string::npos) << launch;
   EXPECT_TRUE(statistics) << "no background statistics";
+
+  // Stopped: the configuration is still taken, what is about the user is not.
+  ASSERT_EQ(quorvel_set_stopped(t, 1), QUORVEL_OK);
+  EXPECT_EQ(quorvel_set_outbox_limits(t, 1 << 20, 3600), QUORVEL_OK);
+  EXPECT_EQ(quorvel_set_custom_data(t, custom.data(), custom.size()), QUORVEL_STOPPED);
 }
 
 }  // namespace

@@ -96,12 +96,31 @@ TEST(TransportSessions, ABlockingSendHoldsNeitherTheCallerNorTheNextSend) {
   transport->answer("https://a.svc.example/1", 200);  // answered, it lets go of its task
 }
 
-// A stop cancels what is under way: a task cancelled before it starts, or while it waits for
-// a lane that blocking sends hold, never reaches the host's transport.
-TEST(TransportSessions, ACancelledTaskNeverReachesTheTransport) {
+// Sends on real threads (they block), deadlines on the virtual clock.
+class LanesOnThreads final : public platform::Dispatcher {
+ public:
+  std::shared_ptr<platform::DispatchQueue> makeSerialQueue(std::string label) override {
+    return clock->makeSerialQueue(std::move(label));
+  }
+  std::shared_ptr<platform::DispatchQueue> makeDiskQueue(std::string label) override {
+    return threads->makeDiskQueue(std::move(label));
+  }
+  std::shared_ptr<platform::DispatchQueue> mainQueue() override { return clock->mainQueue(); }
+  std::shared_ptr<platform::DispatchQueue> globalQueue() override { return clock->globalQueue(); }
+
+  std::shared_ptr<test::VirtualDispatcher> clock =
+      std::make_shared<test::VirtualDispatcher>(std::make_shared<test::VirtualClock>());
+  std::shared_ptr<platform::PosixDispatcher> threads =
+      std::make_shared<platform::PosixDispatcher>();
+};
+
+// A task that ends before its lane is free never reaches the host's transport: cancelled (a
+// stop) before it starts or while it waits, or failed at its deadline meanwhile (the library
+// has sent it again by then).
+TEST(TransportSessions, ATaskEndedBeforeItsLaneIsFreeNeverReachesTheTransport) {
   const auto transport = std::make_shared<HeldTransport>();
   transport->block("https://a.svc.example/busy");
-  const auto dispatcher = std::make_shared<platform::PosixDispatcher>();
+  const auto dispatcher = std::make_shared<LanesOnThreads>();
   const auto session = makeTransportSessions(transport, dispatcher, "/tmp")->sharedSession();
   std::vector<std::shared_ptr<platform::URLSessionTask>> tasks;
   for (int i = 0; i < 4; ++i) {  // every lane
@@ -110,21 +129,36 @@ TEST(TransportSessions, ACancelledTaskNeverReachesTheTransport) {
     tasks.back()->resume();
   }
   ASSERT_TRUE(transport->waitForSends(4));
+  std::vector<std::optional<Error>> late;
+  const auto timedOut = session->dataTask(
+      post("https://a.svc.example/late", 1s),
+      [&](const auto&, const auto&, const auto& error) { late.push_back(error); });
+  timedOut->resume();
   const auto waiting = session->dataTask(post("https://a.svc.example/waiting"), nullptr);
   waiting->resume();
   waiting->cancel();
   const auto never = session->dataTask(post("https://a.svc.example/never"), nullptr);
   never->cancel();
   never->resume();
-  const auto after = session->dataTask(post("https://a.svc.example/after"), nullptr);
-  after->resume();
+  for (int i = 0; i < 4; ++i) {  // one behind each lane's queue
+    tasks.push_back(
+        session->dataTask(post("https://a.svc.example/after" + std::to_string(i)), nullptr));
+    tasks.back()->resume();
+  }
+  dispatcher->clock->advance(2s);
+  ASSERT_EQ(late.size(), 1U);
+  ASSERT_TRUE(late[0]);
+  EXPECT_EQ(late[0]->code, -1001);
   transport->release();
-  ASSERT_TRUE(transport->waitForSends(5));
+  ASSERT_TRUE(transport->waitForSends(8));
   for (const auto& url : transport->urls())
-    EXPECT_TRUE(url.find("busy") != std::string::npos || url.ends_with("after")) << url;
-  for (int i = 0; i < 4; ++i)
+    EXPECT_TRUE(url.find("busy") != std::string::npos || url.find("after") != std::string::npos)
+        << url;
+  for (int i = 0; i < 4; ++i) {
     transport->answer("https://a.svc.example/busy" + std::to_string(i), 200);
-  transport->answer("https://a.svc.example/after", 200);
+    transport->answer("https://a.svc.example/after" + std::to_string(i), 200);
+  }
+  dispatcher->clock->clear();
 }
 
 TEST(TransportSessions, ASendThatNeverAnswersFailsAtItsDeadlineAndALateAnswerIsIgnored) {

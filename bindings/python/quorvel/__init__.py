@@ -86,6 +86,18 @@ class Response:
     headers: Headers = field(default_factory=list)
     body: bytes = b""
 
+    def __post_init__(self) -> None:
+        _http_status(self.status)
+
+
+def _http_status(value: Any) -> int:
+    # Three digits: ctypes would wrap a larger int silently into another status.
+    if isinstance(value, bool) or not isinstance(value, int):
+        raise TypeError(f"status must be an int, not {type(value).__name__}")
+    if not 100 <= value <= 999:
+        raise ValueError(f"status {value} is not an HTTP status")
+    return value
+
 
 def _header_pairs(text: str) -> Headers:
     pairs = []
@@ -100,9 +112,33 @@ _LIVE_FOREVER: List[Any] = []
 _in_callback = threading.local()
 
 
-def _fail_reply(reply: int, message: str) -> None:
-    data = message.encode()
-    lib.quorvel_transport_fail(reply, -1004, data, len(data))
+class _Reply:
+    """The library's reply handle for one request. Answered once whatever happens: a second
+    answer would end a handle the library has already released."""
+
+    def __init__(self, handle: int) -> None:
+        self._handle: Optional[int] = handle
+        self._lock = threading.Lock()
+
+    @property
+    def answered(self) -> bool:
+        return self._handle is None
+
+    def _take(self) -> Optional[int]:
+        with self._lock:
+            handle, self._handle = self._handle, None
+        return handle
+
+    def respond(self, status: int, headers: bytes, body: bytes) -> None:
+        handle = self._take()
+        if handle is not None:
+            lib.quorvel_transport_respond(handle, status, headers, len(headers), body, len(body))
+
+    def fail(self, message: str) -> None:
+        handle = self._take()
+        if handle is not None:
+            data = message.encode(errors="replace")
+            lib.quorvel_transport_fail(handle, -1004, data, len(data))
 
 
 class _Transport:
@@ -114,7 +150,7 @@ class _Transport:
     def __init__(self, send: Callable[[Request], Response], workers: int = 4) -> None:
         self._send = send
         self._closed = False
-        self._requests: "queue.SimpleQueue[Optional[Tuple[Request, int]]]" = queue.SimpleQueue()
+        self._requests: "queue.SimpleQueue[Optional[Tuple[Request, _Reply]]]" = queue.SimpleQueue()
         self._lock = threading.Lock()
         self._workers = 0
         self._max_workers = workers
@@ -123,7 +159,8 @@ class _Transport:
         # it calls lives as long as the process.
         _LIVE_FOREVER.append(self.c_function)
 
-    def _hand_over(self, _user_data: Any, c_request: Any, reply: int) -> None:
+    def _hand_over(self, _user_data: Any, c_request: Any, handle: int) -> None:
+        reply = _Reply(handle)
         try:
             r = c_request.contents
             request = Request(
@@ -134,14 +171,23 @@ class _Transport:
                 timeout=r.timeout_ms / 1000.0)
             with self._lock:
                 if self._closed:
-                    raise RuntimeError("closed")
+                    raise RuntimeError("the transport is closed")
                 self._requests.put((request, reply))
                 start = self._workers < self._max_workers
                 self._workers += start
             if start:
-                threading.Thread(target=self._work, name="quorvel-http", daemon=True).start()
-        except Exception:  # noqa: BLE001 - closed, or the interpreter is shutting down
-            _fail_reply(reply, "the transport is closed")
+                self._start_worker()
+        except Exception as error:  # noqa: BLE001 - closed, no thread, or the interpreter exits
+            # Still queued when no worker could start: a worker skips it, answered.
+            reply.fail(str(error))
+
+    def _start_worker(self) -> None:
+        try:
+            threading.Thread(target=self._work, name="quorvel-http", daemon=True).start()
+        except BaseException:
+            with self._lock:
+                self._workers -= 1  # never started: a later request starts one
+            raise
 
     def _work(self) -> None:
         while True:
@@ -150,18 +196,18 @@ class _Transport:
                 return
             self._answer(*item)
 
-    def _answer(self, request: Request, reply: int) -> None:
+    def _answer(self, request: Request, reply: _Reply) -> None:
+        if reply.answered:
+            return
         if self._closed:
-            _fail_reply(reply, "the transport is closed")
+            reply.fail("the transport is closed")
             return
         try:
             response = self._send(request)
             headers = "".join(f"{name}: {value}\r\n" for name, value in response.headers)
-            data = headers.encode()
-            lib.quorvel_transport_respond(reply, int(response.status), data, len(data),
-                                          bytes(response.body), len(response.body))
+            reply.respond(_http_status(response.status), headers.encode(), bytes(response.body))
         except Exception as error:  # noqa: BLE001 - any failure is a transport failure
-            _fail_reply(reply, str(error))
+            reply.fail(str(error))
 
     def close(self) -> None:
         # Never joins: a close may run on one of the workers (a tracker collected there), and
@@ -201,11 +247,17 @@ def _callable(value: Any, name: str) -> None:
         raise TypeError(f"{name} must be callable, not {type(value).__name__}")
 
 
+# Longer than any wait or age the library has a use for (its own bound on an outbox age): a
+# larger number is a mistake, and ctypes would wrap it silently.
+_LONGEST_SECONDS = 10 * 366 * 24 * 3600
+_UINT64_MAX = 2**64 - 1
+
+
 def _seconds(value: Any, name: str) -> float:
     if isinstance(value, bool) or not isinstance(value, (int, float)):
         raise TypeError(f"{name} must be a number of seconds, not {type(value).__name__}")
-    if math.isnan(value) or value < 0:
-        raise ValueError(f"{name} must not be negative")
+    if math.isnan(value) or not 0 <= value <= _LONGEST_SECONDS:
+        raise ValueError(f"{name} must be between 0 and {_LONGEST_SECONDS} seconds")
     return float(value)
 
 
@@ -222,6 +274,35 @@ def _call_safely(callback: Callable[..., Any], *arguments: Any) -> None:
         sys.excepthook(*sys.exc_info())
     finally:
         _in_callback.depth -= 1
+
+
+class _Callbacks:
+    """A tracker's C callbacks, made once: they call whichever Python callables are set when
+    they run. The library never holds a function Python has freed, whatever the order of
+    set_callbacks calls on several threads, or one made from inside a callback."""
+
+    def __init__(self) -> None:
+        # (on_conversion_data, on_conversion_data_failure, on_app_open_attribution)
+        self.current: Tuple[Optional[Callable[..., Any]], ...] = (None, None, None)
+        self.c = _native.Callbacks()
+        lib.quorvel_callbacks_init(ctypes.byref(self.c))
+        self.c.on_conversion_data = _native.JSON_CALLBACK(
+            lambda _u, pointer, length: self._json(0, pointer, length))
+        self.c.on_conversion_data_failure = _native.ERROR_CALLBACK(self._failure)
+        self.c.on_app_open_attribution = _native.JSON_CALLBACK(
+            lambda _u, pointer, length: self._json(2, pointer, length))
+        self._keep = (self.c.on_conversion_data, self.c.on_conversion_data_failure,
+                      self.c.on_app_open_attribution)
+
+    def _json(self, which: int, pointer: int, length: int) -> None:
+        function = self.current[which]
+        if function is not None:
+            _call_safely(function, json.loads(_text(pointer, length)))
+
+    def _failure(self, _user_data: Any, code: int, pointer: int, length: int) -> None:
+        function = self.current[1]
+        if function is not None:
+            _call_safely(function, code, _text(pointer, length))
 
 
 class _Handle:
@@ -335,7 +416,12 @@ def _close_at_exit() -> None:
 
 class Tracker:
     """One tracker on the POSIX platform. Use it as a context manager: leaving the block
-    flushes and releases it, in at most `flush_timeout` seconds all told."""
+    flushes and releases it, in at most `flush_timeout` seconds all told.
+
+    While stopped (`stopped = True`), the calls that collect or send do nothing and return
+    False (True when taken); the settings about the user (`customer_user_id`,
+    `set_custom_data`) and `uid` raise QuorvelError with status 6; the other settings are
+    kept and apply once the library runs again."""
 
     def __init__(self, data_directory: Optional[PathArg] = None, *,
                  keychain_directory: Optional[PathArg] = None,
@@ -373,7 +459,7 @@ class Tracker:
         self._handle = _Handle(handle, self._released)
         # Its lines (written while set_debug is on) go to the logger "quorvel".
         lib.quorvel_set_log_callback(handle, _C_LOG_LINE, None)
-        self._c_callbacks: Any = None
+        self._callbacks = _Callbacks()
         # C callbacks of purchases under way, kept alive until they are called.
         self._purchases: Dict[int, Any] = {}
         self._purchase_lock = threading.Lock()
@@ -420,13 +506,22 @@ class Tracker:
 
     @staticmethod
     def _check(status: int, what: str) -> None:
-        # A stopped library drops the call on purpose, as the C++ one does, without an error.
-        if status not in (_native.OK, _native.STOPPED):
+        if status != _native.OK:
             raise QuorvelError(status, what)
 
     def _call(self, function: Callable[..., int], what: str, *arguments: Any) -> None:
         with self._handle.use() as handle:
             self._check(function(handle, *arguments), what)
+
+    def _collect(self, function: Callable[..., int], what: str, *arguments: Any) -> bool:
+        # A call that collects or sends does nothing while the host has stopped the library:
+        # the host's own choice, said by the result rather than an error.
+        with self._handle.use() as handle:
+            status = function(handle, *arguments)
+        if status == _native.STOPPED:
+            return False
+        self._check(status, what)
+        return True
 
     # --- Settings -------------------------------------------------------------------------
 
@@ -465,8 +560,9 @@ class Tracker:
     def set_outbox_limits(self, max_bytes: int, max_age: float) -> None:
         """How much the outbox keeps while the service cannot be reached: at most `max_bytes`
         bytes and reports at most `max_age` seconds old (defaults: 16 MiB, 30 days)."""
-        if isinstance(max_bytes, bool) or not isinstance(max_bytes, int) or max_bytes <= 0:
-            raise ValueError("max_bytes must be a positive int")
+        if (isinstance(max_bytes, bool) or not isinstance(max_bytes, int)
+                or not 0 < max_bytes <= _UINT64_MAX):
+            raise ValueError(f"max_bytes must be an int from 1 to {_UINT64_MAX}")
         age = int(_seconds(max_age, "max_age"))
         self._call(lib.quorvel_set_outbox_limits, "set_outbox_limits", max_bytes, age)
 
@@ -489,60 +585,61 @@ class Tracker:
 
     # --- Reports ----------------------------------------------------------------------------
 
-    def track_app_launch(self) -> None:
-        self._call(lib.quorvel_track_app_launch, "track_app_launch")
+    def track_app_launch(self) -> bool:
+        return self._collect(lib.quorvel_track_app_launch, "track_app_launch")
 
-    def track_event(self, name: str, values: Union[None, str, Dict[str, Any]] = None) -> None:
+    def track_event(self, name: str, values: Union[None, str, Dict[str, Any]] = None) -> bool:
         """An in-app event: `values` is None, a str (one value) or a dict (sent as JSON)."""
         event, event_length = _utf8(name, "name")
         if isinstance(values, dict):
             data, length = _utf8(json.dumps(values), "values")
-            self._call(lib.quorvel_track_event_with_values, f"track_event({name!r})", event,
-                       event_length, data, length)
+            return self._collect(lib.quorvel_track_event_with_values, f"track_event({name!r})",
+                                 event, event_length, data, length)
         elif values is None or isinstance(values, str):
             data, length = _utf8(values, "value")
-            self._call(lib.quorvel_track_event, f"track_event({name!r})", event, event_length,
-                       data, length)
+            return self._collect(lib.quorvel_track_event, f"track_event({name!r})", event,
+                                 event_length, data, length)
         else:
             raise TypeError("values must be None, a str or a dict")
 
-    def app_entered_foreground(self) -> None:
+    def app_entered_foreground(self) -> bool:
         """The app came to the foreground (the same as track_app_launch)."""
-        self._call(lib.quorvel_app_entered_foreground, "app_entered_foreground")
+        return self._collect(lib.quorvel_app_entered_foreground, "app_entered_foreground")
 
-    def app_entered_background(self) -> None:
+    def app_entered_background(self) -> bool:
         """The app went to the background: counts the session, writes what is pending to disk
         and sends the background statistics."""
-        self._call(lib.quorvel_app_entered_background, "app_entered_background")
+        return self._collect(lib.quorvel_app_entered_background, "app_entered_background")
 
-    def handle_push_payload(self, payload: Dict[str, Any]) -> None:
+    def handle_push_payload(self, payload: Dict[str, Any]) -> bool:
         """The app was opened from a push notification with this payload."""
         if not isinstance(payload, dict):
             raise TypeError("payload must be a dict")
         text, length = _utf8(json.dumps(payload), "payload")
-        self._call(lib.quorvel_handle_push_payload, "handle_push_payload", text, length)
+        return self._collect(lib.quorvel_handle_push_payload, "handle_push_payload", text,
+                             length)
 
-    def handle_open_url(self, url: str, source_application: Optional[str] = None) -> None:
+    def handle_open_url(self, url: str, source_application: Optional[str] = None) -> bool:
         link, link_length = _utf8(url, "url")
         source, source_length = _utf8(source_application, "source_application")
-        self._call(lib.quorvel_handle_open_url, "handle_open_url", link, link_length, source,
-                   source_length)
+        return self._collect(lib.quorvel_handle_open_url, "handle_open_url", link, link_length,
+                             source, source_length)
 
-    def continue_web_link(self, url: str) -> None:
+    def continue_web_link(self, url: str) -> bool:
         link, length = _utf8(url, "url")
-        self._call(lib.quorvel_continue_web_link, "continue_web_link", link, length)
+        return self._collect(lib.quorvel_continue_web_link, "continue_web_link", link, length)
 
-    def register_uninstall(self, token: bytes) -> None:
+    def register_uninstall(self, token: bytes) -> bool:
         if not isinstance(token, (bytes, bytearray)) or not token:
             raise TypeError("token must be non-empty bytes")
-        self._call(lib.quorvel_register_uninstall, "register_uninstall", bytes(token),
-                   len(token))
+        return self._collect(lib.quorvel_register_uninstall, "register_uninstall", bytes(token),
+                             len(token))
 
     def validate_and_track_purchase(
             self, product_id: str, price: str, currency: str, transaction_id: str,
-            on_result: Optional[Callable[[bool, Dict[str, Any]], Any]] = None) -> None:
+            on_result: Optional[Callable[[bool, Dict[str, Any]], Any]] = None) -> bool:
         """Reports a store purchase; `on_result(succeeded, answer_dict)` is called once, on a
-        library thread."""
+        library thread (never when the library is stopped: False)."""
         _callable(on_result, "on_result")
         purchase = _native.Purchase()
         lib.quorvel_purchase_init(ctypes.byref(purchase))
@@ -568,13 +665,15 @@ class Tracker:
             with self._purchase_lock:
                 self._purchases[token] = c_callback
             purchase.callback = c_callback
+        taken = False
         try:
-            self._call(lib.quorvel_validate_and_track_purchase, "validate_and_track_purchase",
-                       ctypes.byref(purchase))
-        except QuorvelError:
-            with self._purchase_lock:
-                self._purchases.pop(token, None)
-            raise
+            taken = self._collect(lib.quorvel_validate_and_track_purchase,
+                                  "validate_and_track_purchase", ctypes.byref(purchase))
+        finally:
+            if not taken:
+                with self._purchase_lock:
+                    self._purchases.pop(token, None)
+        return taken
 
     # --- Attribution callbacks ---------------------------------------------------------------
 
@@ -588,34 +687,14 @@ class Tracker:
         _callable(on_conversion_data, "on_conversion_data")
         _callable(on_conversion_data_failure, "on_conversion_data_failure")
         _callable(on_app_open_attribution, "on_app_open_attribution")
+        self._callbacks.current = (on_conversion_data, on_conversion_data_failure,
+                                   on_app_open_attribution)
+        # The same C functions each time: the call only waits for those under way with the
+        # callables set before (but for the one that may be making this call).
+        self._call(lib.quorvel_set_callbacks, "set_callbacks", ctypes.byref(self._callbacks.c))
 
-        def json_callback(function: Optional[Callable[[Dict[str, Any]], Any]]) -> Any:
-            if function is None:
-                return _native.JSON_CALLBACK()
-            return _native.JSON_CALLBACK(
-                lambda _u, pointer, length: _call_safely(function,
-                                                         json.loads(_text(pointer, length))))
-
-        c = _native.Callbacks()
-        lib.quorvel_callbacks_init(ctypes.byref(c))
-        c.on_conversion_data = json_callback(on_conversion_data)
-        c.on_app_open_attribution = json_callback(on_app_open_attribution)
-        if on_conversion_data_failure is not None:
-            failure = on_conversion_data_failure
-            c.on_conversion_data_failure = _native.ERROR_CALLBACK(
-                lambda _u, code, pointer, length: _call_safely(failure, code,
-                                                               _text(pointer, length)))
-        previous = self._c_callbacks
-        self._call(lib.quorvel_set_callbacks, "set_callbacks", ctypes.byref(c))
-        # The library no longer calls the old ones once the call returned (but for the one
-        # that may be making this call): they go once this returns, the new ones live as long
-        # as the tracker holds them.
-        self._c_callbacks = (c, c.on_conversion_data, c.on_conversion_data_failure,
-                             c.on_app_open_attribution)
-        del previous
-
-    def get_conversion_data(self) -> None:
-        self._call(lib.quorvel_get_conversion_data, "get_conversion_data")
+    def get_conversion_data(self) -> bool:
+        return self._collect(lib.quorvel_get_conversion_data, "get_conversion_data")
 
     # --- Delivery and consent ----------------------------------------------------------------
 

@@ -144,6 +144,35 @@ def test_ctrl_c_interrupts_a_flush(tmp_path):
     assert float(out.split()[1]) < 5
 
 
+def test_a_worker_that_cannot_start_answers_its_request_once(tmp_path):
+    # Every other worker fails to start: its request is failed at once, and neither answered
+    # again by a later worker (freed twice) nor left counted as a worker.
+    child = run_python(OFFLINE + """
+    start, starts = threading.Thread.start, []
+    def flaky_start(thread):
+        starts.append(thread.name)
+        if thread.name == "quorvel-http" and len(starts) % 2:
+            raise RuntimeError("can't start new thread")
+        start(thread)
+    threading.Thread.start = flaky_start
+    tracker = quorvel.Tracker(f"{folder}/app", keychain_directory=f"{folder}/keys",
+                              dev_key="K", app_id="1", transport=offline(0.05))
+    for i in range(100):
+        tracker.track_event("e", str(i))
+        try:
+            tracker.flush(0.1)
+        except quorvel.QuorvelError:
+            pass
+        if len(starts) > 6:
+            break
+    live = sum(t.name == "quorvel-http" for t in threading.enumerate())
+    print(len(starts) > 4, live == tracker._transport._workers, flush=True)
+    tracker.close()
+    """.replace("\n    ", "\n"), tmp_path)
+    out, err = child.communicate(timeout=60)
+    assert child.returncode == 0 and out.split() == ["True", "True"], err
+
+
 def test_collection_on_its_own_transport_worker_is_quiet(tmp_path):
     holder = []
     collected = threading.Event()

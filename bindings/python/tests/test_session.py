@@ -3,6 +3,7 @@
 import http.client
 import json
 import logging
+import math
 import socket
 import ssl
 import threading
@@ -91,8 +92,15 @@ def test_misuse_raises_python_errors(tmp_path):
         tracker.track_event(42)
     with pytest.raises(TypeError):
         tracker.track_event("level_up", 3)
-    with pytest.raises(ValueError):
-        tracker.flush(-1)
+    # Numbers past what the C call takes raise, instead of wrapping into another value.
+    for out_of_range in (lambda: tracker.flush(-1),
+                         lambda: tracker.flush(math.inf),
+                         lambda: tracker.set_outbox_limits(1 << 20, 2**64 + 1),
+                         lambda: tracker.set_outbox_limits(2**64 + 5, 3600),
+                         lambda: tracker.set_min_time_between_sessions(2**64),
+                         lambda: quorvel.Response(2**32 + 200)):
+        with pytest.raises(ValueError):
+            out_of_range()
     tracker.close()
     tracker.close()  # idempotent
     with pytest.raises(quorvel.QuorvelError):
@@ -106,10 +114,16 @@ def test_opting_in_after_a_kept_stop_delivers(devserver, tmp_path):
                    extra_ca_file=devserver["ca_file"], dev_key=DEV_KEY, app_id=APP_ID)
     with quorvel.Tracker(tmp_path / "app", **options) as tracker:
         tracker.stopped = True
+        assert tracker.track_event("while_stopped", "1") is False  # dropped, and said so
+        tracker.set_outbox_limits(1 << 20, 3600)  # configuration: taken
+        with pytest.raises(quorvel.QuorvelError, match="stopped"):
+            tracker.customer_user_id = "someone"  # about the user: not taken
+        with pytest.raises(quorvel.QuorvelError, match="stopped"):
+            tracker.uid
     with quorvel.Tracker(tmp_path / "app", **options) as tracker:
         assert tracker.stopped
         tracker.stopped = False
-        tracker.track_event("after_consent", "1")
+        assert tracker.track_event("after_consent", "1") is True
         tracker.flush(30)
         uid = tracker.uid
     events = [r["decrypted"].get("event") for r in devserver["received"]()
