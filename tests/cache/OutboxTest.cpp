@@ -262,12 +262,10 @@ TEST_F(OutboxTest, ASecondProcessNumbersItsPurchaseAfterTheFirst) {
       EXPECT_EQ(fakes.outbox->size(), records);
       second->setStopped(false);
       fakes.dispatcher->advance(10s);
-      EXPECT_TRUE(payloadsOf("qv_purchase").empty());
-      continue;
     }
     const auto purchases = payloadsOf("qv_purchase");
-    ASSERT_EQ(purchases.size(), 1U);
-    EXPECT_EQ(purchases[0]["iaecounter"], "8");
+    ASSERT_EQ(purchases.size(), stopped ? 0U : 1U);
+    EXPECT_TRUE(stopped || purchases[0]["iaecounter"] == "8");
   }
 }
 
@@ -508,20 +506,6 @@ TEST_F(OutboxTest, BoundsDropTheOldestAndCountThem) {
   EXPECT_EQ(tracker->deliveryStats().droppedOverAge, 3U);
   EXPECT_EQ(fakes.systemLog->count("reports older than 3600 s dropped"), 1U);
   EXPECT_EQ(payloadsOf("old").size(), 3U);  // none of them went again
-}
-
-// Under a burst the builds wait for the network; each event still carries its call's time.
-TEST_F(OutboxTest, AnEventsTimestampIsTheMomentOfTheCall) {
-  const double called = platform::secondsSince1970(fakes.clock->now());
-  for (int i = 0; i < 130; ++i)
-    tracker->trackEvent("burst", std::nullopt);
-  fakes.dispatcher->advance(10s);
-  ASSERT_EQ(sent().size(), 128U);
-  fakes.respond(0, 200, "{}");
-  fakes.respond(1, 200, "{}");
-  fakes.dispatcher->runUntilIdle();
-  ASSERT_EQ(sent().size(), 130U);
-  EXPECT_EQ(std::stod(payload(129)["timestamp"].get<std::string>()), called);
 }
 
 // A purchase started in a delegate callback runs inside the report whose answer called the

@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/Url.h"
 #include "platform/posix/PosixServices.h"
 #include "support/TempDir.h"
 #include "support/TestPlatform.h"
@@ -139,21 +138,6 @@ TEST(NotificationCenter, ASubscriptionOutlivesNoneOfItsHandlersCalls) {
   center->post({"m", Json()});
   EXPECT_EQ(calls, 2);
   EXPECT_FALSE(self.active());
-}
-
-TEST(Url, ParsesWhatAPlatformParserAccepts) {
-  const auto u = Url::parse("https://t.example.com:8443/a/b%20c?x=1#frag");
-  ASSERT_TRUE(u);
-  EXPECT_EQ(u->scheme(), "https");
-  EXPECT_EQ(u->host(), "t.example.com");
-  EXPECT_EQ(u->port(), 8443);
-  EXPECT_EQ(u->path(), "/a/b c");
-  EXPECT_EQ(u->query(), "x=1");
-  EXPECT_EQ(u->pathComponents(), (std::vector<std::string>{"/", "a", "b c"}));
-  EXPECT_FALSE(Url::parse(""));
-  EXPECT_FALSE(Url::parse("no scheme here"));
-  EXPECT_TRUE(Url::parse("myapp://open?x=\xc3\xa9"));
-  EXPECT_FALSE(Url::parse("https://x.example")->path());
 }
 
 }  // namespace

@@ -18,6 +18,8 @@ struct Reading {
 TEST(UrlTest, ReadsTypedLinksAsALenientParserDoes) {
   const Reading readings[] = {
       {"HTTPS://A.Com", "https://A.Com/", "A.Com"},
+      {"https://t.example.com:8443/a/b%20c?x=1#f", "https://t.example.com:8443/a/b%20c?x=1#f",
+       "t.example.com", 8443, "/a/b c", "x=1"},
       {"myapp://host/p/../x/./y?q", "myapp://host/x/y?q", "host", -1, "/x/y", "q"},
       {"https://h/a b?x=1 2#f g", "https://h/a%20b?x=1+2#f g", "h", -1, "/a b", "x=1+2"},
       {"https://h/\xc3\xa9?\xc3\xa9", "https://h/%c3%a9?%c3%a9", "h", -1, "/\xc3\xa9", "%c3%a9"},
@@ -35,6 +37,7 @@ TEST(UrlTest, ReadsTypedLinksAsALenientParserDoes) {
       {"https://[fe80::1%25eth0]/", "https://[fe80::1%25eth0]/", "[fe80::1]", -1, "/"},
       {"https://[fe80::1%eth0]/", "https://[fe80::1%25eth0]/", "[fe80::1]", -1, "/"},
       {"", nullptr},
+      {"no scheme here", nullptr},
       {" https://h/", nullptr},
       {"https:h/p", nullptr},
       {"https:////h/", nullptr},
@@ -62,6 +65,8 @@ TEST(UrlTest, ReadsTypedLinksAsALenientParserDoes) {
     EXPECT_EQ(url->path(), r.path ? std::optional<std::string>(r.path) : std::nullopt);
     EXPECT_EQ(url->query(), r.query ? std::optional<std::string>(r.query) : std::nullopt);
   }
+  EXPECT_EQ(Url::parse("https://h/a/b%20c")->pathComponents(),
+            (std::vector<std::string>{"/", "a", "b c"}));
 }
 
 }  // namespace

@@ -84,9 +84,7 @@ TEST_F(StopSwitch, AReplayAStopCutShortGoesAgainOnceTheLibraryRuns) {
   fakes.dispatcher->advance(1ms);
   fakes.fail(0, Error{platform::kURLErrorDomain, -1004, "refused"});  // the folder takes it
   fakes.dispatcher->advance(1s);  // the start's replay of the folder
-  const auto replaying = [&] {
-    return sent().back().url.find("isCachedRequest=true") != std::string::npos;
-  };
+  const auto replaying = [&] { return sent().back().url.ends_with("&isCachedRequest=true"); };
   ASSERT_TRUE(replaying());
   facade->setStopped(true);
   facade->setStopped(false);
