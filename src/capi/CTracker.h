@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string_view>
 
 #include <quorvel/Platform.h>
@@ -32,8 +33,8 @@ class HostCallScope {
   HostCallScope& operator=(const HostCallScope&) = delete;
   ~HostCallScope();
 
-  static bool inside(const void* handle) noexcept;
-  static bool insideSend(const void* handle) noexcept;
+  // Inside one of the handle's calls (of that kind only, when one is given).
+  static bool inside(const void* handle, std::optional<Kind> kind = std::nullopt) noexcept;
 
  private:
   // The innermost scope of the thread: scopes nest on a thread's stack, so a list through
@@ -105,9 +106,10 @@ class HostCalls {
 
  private:
   void waitForCallsLocked(std::unique_lock<std::mutex>& lock) {
-    // From inside this handle's call the call under way is the caller's own: waiting would
-    // never end.
-    if (!HostCallScope::inside(handle_))
+    // From inside this handle's callback the call under way is the caller's own: waiting would
+    // never end. From inside its send, the callbacks on other threads are waited for as the
+    // header says.
+    if (!HostCallScope::inside(handle_, HostCallScope::Kind::callback))
       idle_.wait(lock, [this] { return running_ == 0; });
   }
 

@@ -9,6 +9,7 @@
 #include <unordered_map>
 
 #include "capi/CTracker.h"
+#include "platform/ForkGeneration.h"
 
 namespace quorvel::capi {
 namespace {
@@ -30,6 +31,8 @@ class OpenReplies {
     auto node = open_.extract(reinterpret_cast<std::uintptr_t>(reply));  // NOLINT
     return node.empty() ? TransportDone() : std::move(node.mapped());
   }
+  void lockForFork() noexcept { mutex_.lock(); }
+  void unlockAfterFork() noexcept { mutex_.unlock(); }
 
  private:
   std::mutex mutex_;
@@ -37,9 +40,16 @@ class OpenReplies {
   std::uintptr_t last_ = 0;
 };
 
-// Never destroyed: a host may answer on its own threads while the process exits.
+// Never destroyed: a host may answer on its own threads while the process exits. Held across
+// a fork, so that a child never inherits it locked by a thread that did not come along: its
+// host's answers (to its own trackers' requests) would wait for ever.
 OpenReplies& openReplies() {
-  static auto* const replies = new OpenReplies;  // NOLINT(cppcoreguidelines-owning-memory)
+  static auto* const replies = [] {
+    auto* made = new OpenReplies;  // NOLINT(cppcoreguidelines-owning-memory)
+    platform::lockAcrossForks([] { openReplies().lockForFork(); },
+                              [] { openReplies().unlockAfterFork(); });
+    return made;
+  }();
   return *replies;
 }
 

@@ -34,17 +34,9 @@ HostCallScope::~HostCallScope() {
   innermost() = outer_;
 }
 
-bool HostCallScope::inside(const void* handle) noexcept {
+bool HostCallScope::inside(const void* handle, std::optional<Kind> kind) noexcept {
   for (const HostCallScope* s = innermost(); s != nullptr; s = s->outer_) {
-    if (s->handle_ == handle)
-      return true;
-  }
-  return false;
-}
-
-bool HostCallScope::insideSend(const void* handle) noexcept {
-  for (const HostCallScope* s = innermost(); s != nullptr; s = s->outer_) {
-    if (s->handle_ == handle && s->kind_ == Kind::send)
+    if (s->handle_ == handle && (!kind || s->kind_ == *kind))
       return true;
   }
   return false;
@@ -68,7 +60,7 @@ void CallGate::close(std::chrono::milliseconds bound) {
   std::unique_lock lock(mutex_);
   closed_ = true;
   // The closing thread's own send would never end while it waits.
-  const int own = HostCallScope::insideSend(this) ? 1 : 0;
+  const int own = HostCallScope::inside(this, HostCallScope::Kind::send) ? 1 : 0;
   idle_.wait_for(lock, bound, [&] { return running_ <= own; });
 }
 

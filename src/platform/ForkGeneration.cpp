@@ -47,4 +47,8 @@ void keepForkOrphan(std::shared_ptr<void> object) noexcept {
   }
 }
 
+void lockAcrossForks(void (*lock)(), void (*unlock)()) noexcept {
+  pthread_atfork(lock, unlock, unlock);
+}
+
 }  // namespace quorvel::platform

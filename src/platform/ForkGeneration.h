@@ -16,4 +16,8 @@ std::uint64_t forkGeneration() noexcept;
 // so hang the child. Kept reachable, not leaked; takes no lock.
 void keepForkOrphan(std::shared_ptr<void> object) noexcept;
 
+// Runs `lock` before every fork and `unlock` after it, in the parent and in the child, so that
+// what `lock` guards is never inherited held by a thread that did not come along.
+void lockAcrossForks(void (*lock)(), void (*unlock)()) noexcept;
+
 }  // namespace quorvel::platform

@@ -77,7 +77,9 @@ class TransportTask final : public platform::URLSessionTask,
   std::uint64_t taskIdentifier() const noexcept override { return id_; }
   const URLRequest& originalRequest() const noexcept override { return request_; }
   void resume() noexcept override;
-  void cancel() noexcept override { cancelled_ = true; }
+  // A cancelled task never completes: its completion (and the report it holds) goes at once,
+  // not when the host answers, which may be never.
+  void cancel() noexcept override;
   std::string description() const override {
     return "<TransportTask> { taskIdentifier: " + std::to_string(id_) + " }";
   }
@@ -91,7 +93,14 @@ class TransportTask final : public platform::URLSessionTask,
   std::shared_ptr<TransportSession> session_;
   std::atomic<bool> resumed_{false};
   std::atomic<bool> cancelled_{false};
-  std::atomic<bool> ended_{false};  // its one outcome is known (its deadline may come first)
+  // Who came first: the lane that hands it to the host, or its outcome (its deadline, a
+  // failure). Decided once, so that a request failed at its deadline never leaves afterwards.
+  enum Stage : int { waiting, handedOver, ended };
+  std::atomic<int> stage_{waiting};
+  bool takeStage(Stage next) noexcept {
+    int expected = waiting;
+    return stage_.compare_exchange_strong(expected, next);
+  }
 };
 
 class TransportSession final : public platform::URLSession,
@@ -177,7 +186,7 @@ void TransportTask::resume() noexcept {
     session_->lanes().run([self = shared_from_this(), timeout, done = std::move(done)]() mutable {
       // Cancelled, or failed at its deadline, while it waited for a lane: it never leaves (the
       // library sends a failed request again, and this copy would go twice).
-      if (self->cancelled_ || self->ended_)
+      if (self->cancelled_ || !self->takeStage(handedOver))
         return;
       try {
         TransportRequest request{self->request_.method, self->request_.url, self->request_.headers,
@@ -192,9 +201,19 @@ void TransportTask::resume() noexcept {
   }
 }
 
+void TransportTask::cancel() noexcept {
+  if (cancelled_.exchange(true))
+    return;
+  try {
+    session_->delegateQueue()->async([self = shared_from_this()] { self->completion_ = nullptr; });
+  } catch (...) {
+    // Out of memory: the completion goes with the task instead.
+  }
+}
+
 void TransportTask::finish(std::optional<TransportResponse> response,
                            std::optional<Error> failure) {
-  ended_ = true;
+  takeStage(ended);
   if (!response && !failure)
     failure = Error{platform::kURLErrorDomain, kCannotConnect, "no answer from the transport"};
   session_->delegateQueue()->async([self = shared_from_this(), response = std::move(response),
