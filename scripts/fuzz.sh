@@ -37,7 +37,8 @@ run_target() {
     echo "fuzz $target: FAILED, see build/fuzz/$target.log and $crashes"
     return 1
   fi
-  grep -E "stat::number_of_executed_units|stat::peak_rss_mb" "build/fuzz/$target.log" |
+  # -a: a target's log may hold bytes of the inputs it was fed.
+  grep -a -E "stat::number_of_executed_units|stat::peak_rss_mb" "build/fuzz/$target.log" |
     sed "s/^/$target: /" || true
 }
 status=0
