@@ -414,15 +414,8 @@ void QuorvelHTTPClient::sendRequestWithConfiguration(const std::string& url,
     }
     // A cancelled task never completes: its entry (and the report it carries) goes then.
     auto forget = [weak = weak_from_this(), id] {
-      if (const auto self = weak.lock()) {
-        ReportLedger::TicketPtr settled;  // let go outside the lock
-        const std::lock_guard lock(self->backgroundReportsMutex_);
-        if (const auto it = self->backgroundReports_.find(id);
-            it != self->backgroundReports_.end()) {
-          settled = std::move(it->second.ticket);
-          self->backgroundReports_.erase(it);
-        }
-      }
+      if (const auto self = weak.lock())
+        self->letGoOfBackgroundSend(id);
     };
     addUnderWay(key, {task, nullptr, forget});
     if (!consentHolds(generation)) {
@@ -662,19 +655,19 @@ void QuorvelHTTPClient::didCompleteWithError(platform::URLSessionTask& task,
     log_->log(kLogError, "-[QuorvelHTTPClient URLSession:task:didCompleteWithError:]",
               "task %@ completed with error: %@", task.description(), error->localizedDescription);
   }
+  removeUnderWay(letGoOfBackgroundSend(task.taskIdentifier()));
+}
+
+std::uint64_t QuorvelHTTPClient::letGoOfBackgroundSend(std::uint64_t taskId) {
   ReportLedger::TicketPtr settled;  // let go outside the lock
-  std::optional<std::uint64_t> underWay;
-  {
-    const std::lock_guard lock(backgroundReportsMutex_);
-    if (const auto it = backgroundReports_.find(task.taskIdentifier());
-        it != backgroundReports_.end()) {
-      settled = std::move(it->second.ticket);
-      underWay = it->second.underWayKey;
-      backgroundReports_.erase(it);
-    }
-  }
-  if (underWay)
-    removeUnderWay(*underWay);
+  const std::lock_guard lock(backgroundReportsMutex_);
+  const auto it = backgroundReports_.find(taskId);
+  if (it == backgroundReports_.end())
+    return 0;
+  settled = std::move(it->second.ticket);
+  const std::uint64_t underWay = it->second.underWayKey;
+  backgroundReports_.erase(it);
+  return underWay;
 }
 
 }  // namespace quorvel

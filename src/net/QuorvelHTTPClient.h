@@ -176,6 +176,9 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
     std::uint64_t underWayKey = 0;
   };
   std::map<std::uint64_t, BackgroundSend> backgroundReports_;
+  // Removes a background send's entry (its report goes); its key among the requests under
+  // way, or 0 when it had none left.
+  std::uint64_t letGoOfBackgroundSend(std::uint64_t taskId);
 };
 
 }  // namespace quorvel
