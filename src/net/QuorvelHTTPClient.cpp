@@ -155,7 +155,7 @@ void QuorvelHTTPClient::post(const QuorvelRequestCacheData& request, std::string
           // Held from the check to the last write the answer makes (a kept file, the link
           // settings, the outbox's record): a stop or a forgetting waits for them, and none
           // lands after it returned. Not across `onSuccess`, which may call back in.
-          std::shared_lock<std::shared_mutex> held;
+          platform::ConsentGate::Hold held;
           if (self->consent_)
             held = self->consent_->hold();
           if (!self->consentHolds(generation)) {

@@ -1,6 +1,8 @@
 #include "platform/ConsentGate.h"
 
+#include <algorithm>
 #include <utility>
+#include <vector>
 
 namespace quorvel::platform {
 
@@ -56,6 +58,52 @@ void ConsentGate::stop() const {
 void ConsentGate::stopAndSettle() const {
   stop();
   const std::unique_lock settled(settling_);
+}
+
+namespace {
+
+// The gates this thread holds, each with its depth: a hold taken again on the same thread
+// must not lock again (a shared lock taken twice while a stop waits is undefined).
+struct HeldGate {
+  const ConsentGate* gate;
+  int depth;
+};
+thread_local std::vector<HeldGate> tHeldGates;
+
+std::vector<HeldGate>::iterator findHeld(const ConsentGate* gate) {
+  return std::find_if(tHeldGates.begin(), tHeldGates.end(),
+                      [gate](const HeldGate& held) { return held.gate == gate; });
+}
+
+}  // namespace
+
+ConsentGate::Hold ConsentGate::hold() const {
+  if (const auto held = findHeld(this); held != tHeldGates.end()) {
+    ++held->depth;
+    return Hold(this);
+  }
+  settling_.lock_shared();
+  tHeldGates.push_back({this, 1});
+  return Hold(this);
+}
+
+ConsentGate::Hold& ConsentGate::Hold::operator=(Hold&& other) noexcept {
+  if (this != &other) {
+    release();
+    gate_ = std::exchange(other.gate_, nullptr);
+  }
+  return *this;
+}
+
+void ConsentGate::Hold::release() noexcept {
+  const ConsentGate* gate = std::exchange(gate_, nullptr);
+  if (!gate)
+    return;
+  const auto held = findHeld(gate);
+  if (held == tHeldGates.end() || --held->depth > 0)
+    return;
+  tHeldGates.erase(held);
+  gate->settling_.unlock_shared();
 }
 
 void ConsentGate::run() {

@@ -12,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
+#include <utility>
 
 #include <quorvel/platform/Clock.h>
 
@@ -51,11 +52,26 @@ class ConsentGate {
   void lookElsewhereNow() const;
 
   // Taken by work that writes the install's state or hands a report on (a build, the storing
-  // of an answer), around its check of the gate and the writes that follow it, so that a stop
-  // cannot fall between the two. Never held across a call into the host.
-  [[nodiscard]] std::shared_lock<std::shared_mutex> hold() const {
-    return std::shared_lock(settling_);
-  }
+  // of an answer, a store's write), around its check of the gate and the writes that follow
+  // it, so that a stop cannot fall between the two. Never held across a call into the host.
+  // A thread that holds the gate already may take it again (a build writes the preferences
+  // through a store that holds it too); a hold stays on the thread that took it.
+  class Hold {
+   public:
+    Hold() = default;
+    Hold(Hold&& other) noexcept : gate_(std::exchange(other.gate_, nullptr)) {}
+    Hold& operator=(Hold&& other) noexcept;
+    Hold(const Hold&) = delete;
+    Hold& operator=(const Hold&) = delete;
+    ~Hold() { release(); }
+
+   private:
+    friend class ConsentGate;
+    explicit Hold(const ConsentGate* gate) : gate_(gate) {}
+    void release() noexcept;
+    const ConsentGate* gate_ = nullptr;
+  };
+  [[nodiscard]] Hold hold() const;
 
  private:
   void checkElsewhere() const;

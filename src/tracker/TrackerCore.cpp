@@ -12,6 +12,7 @@
 #include "log/Log.h"
 #include "net/QuorvelHTTPClient.h"
 #include "net/ReportLedger.h"
+#include "platform/ConsentedStores.h"
 #include "tracker/TrackerLifetime.h"
 #include "util/HostInput.h"
 #include "util/NoDestructor.h"
@@ -64,6 +65,14 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
           platform_->systemLog, &remoteDebugging_)),
       ledger_(std::make_shared<ReportLedger>()),
       self_(std::make_shared<TrackerLifetime>(this)) {
+  // Before anything takes the platform's stores.
+  switchPreferences_ = platform_->preferences;
+  auto consented = std::make_shared<Platform>(*platform_);
+  consented->preferences =
+      std::make_shared<platform::ConsentedPreferences>(switchPreferences_, consent_);
+  consented->secureStore =
+      std::make_shared<platform::ConsentedSecureStore>(platform_->secureStore, consent_);
+  platform_ = std::move(consented);
   if (!cache) {
     cache = std::make_shared<QuorvelRequestCache>(platform_, log_,
                                                   [self = self_](const QuorvelRequestCacheData& r) {

@@ -405,9 +405,13 @@ class TrackerCore {
                                   const std::optional<Error>& error, platform::TimePoint start,
                                   platform::ConsentGate::Generation generation);
 
+  // The host's platform, but for the preferences and the secure store: those drop what the
+  // library's work writes once a stop returned (see ConsentedStores.h).
   std::shared_ptr<const Platform> platform_;
   QuorvelProxyManager& remoteDebugging_;
   std::shared_ptr<platform::ConsentGate> consent_;
+  // The host's own preferences, which the switch and the forgetting write while stopped.
+  std::shared_ptr<platform::PreferencesStore> switchPreferences_;
   std::shared_ptr<QuorvelProxyManager> ownRemoteDebugging_;  // null: the process's
   std::shared_ptr<const Log> log_;
 

@@ -139,7 +139,7 @@ void TrackerCore::setStopped(bool stopped) {
     fs.removeFile(stopMarkerPath(*platform_));
     consent_->run();
   }
-  auto& prefs = *platform_->preferences;
+  auto& prefs = *switchPreferences_;
   if (stopped)
     prefs.setBool(keys::kStopped, true);
   else

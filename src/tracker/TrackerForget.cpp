@@ -88,8 +88,8 @@ bool TrackerCore::forgetThisInstall() {
   } const done{forgettingHere_};
   consent_->stopAndSettle();
   httpClient_->cancelRequestsUnderWay();
-  platform_->preferences->setBool(keys::kStopped, true);
-  platform_->preferences->synchronize();  // the stop holds if a kill cuts the forgetting short
+  switchPreferences_->setBool(keys::kStopped, true);
+  switchPreferences_->synchronize();  // the stop holds if a kill cuts the forgetting short
   // Calls made before the stop are forgotten with the rest, not accepted after it.
   acceptIntake();
   forgetInMemory();
@@ -188,7 +188,7 @@ bool TrackerCore::eraseInstall() {
   whole = sweepTemporaryFiles(*platform_->fileSystem, platform_->fileSystem->libraryDirectory(),
                               kSweepDepth) &&
           whole;
-  auto& prefs = *platform_->preferences;
+  auto& prefs = *switchPreferences_;
   if (!prefs.removeAllObjects()) {
     for (const char* key : kPreferenceKeys)
       prefs.removeObjectForKey(key);

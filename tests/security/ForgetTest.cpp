@@ -236,7 +236,10 @@ TEST(Forget, ForgettingThenOptingInAgainInOneProcessStartsAFreshInstall) {
   tracker.setAdditionalData(Json{{"plan", "gold"}});
   tracker.trackAppLaunch();
   kit.dispatcher->advance(10s);
+  tracker.registerUninstall(Bytes{9});  // its send waits 3.5 s, then reads the install date
   ASSERT_TRUE(tracker.forgetThisInstall());
+  kit.dispatcher->advance(5s);
+  EXPECT_FALSE(kit.platform->preferences->objectForKey(keys::kInstallDate));  // kept nothing
   kit.transport->clear();
 
   tracker.setStopped(false);
