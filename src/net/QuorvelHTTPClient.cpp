@@ -343,7 +343,8 @@ bool QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
     // A kept file the service turned away stays for the replay after the next answer that
     // took a report; going on now would only meet the same refusal.
     if (takeLater) {
-      cache_->releaseRequest(request);  // back under its own name, for a later replay
+      // Back under its own name, and the replay ends here: the next answer starts it again.
+      cache_->abandonReplay(request, false);
     } else {
       cache_->deleteRequest(request);
       cache_->sendNextCachedEvents();

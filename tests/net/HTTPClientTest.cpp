@@ -103,6 +103,11 @@ TEST_F(HTTPClientTest, FreshAnswerReplaysTheCacheOneByOneWithTheSuffix) {
   fakes.dispatcher->runUntilIdle();
   EXPECT_EQ(files(), std::vector<std::string>{"699999991.000000.qv"});
   EXPECT_EQ(fakes.requests().size(), 3U);
+  // It goes again after the next answer that takes a report.
+  client->sendRequestEventToServer(fresh(), false, std::nullopt, false, nullptr);
+  fakes.respond(3, 200, "{}");
+  fakes.dispatcher->advance(100ms);
+  EXPECT_EQ(fakes.requests().size(), 5U);
 }
 
 TEST_F(HTTPClientTest, ReplayedTransportFailureKeepsOnlyCurrentVersionRecords) {
