@@ -13,6 +13,7 @@
 #include "net/QuorvelHTTPClient.h"
 #include "net/ReportLedger.h"
 #include "platform/ConsentedStores.h"
+#include "platform/posix/SqliteOutboxStore.h"
 #include "tracker/TrackerLifetime.h"
 #include "util/HostInput.h"
 #include "util/NoDestructor.h"
@@ -65,13 +66,15 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
           platform_->systemLog, &remoteDebugging_)),
       ledger_(std::make_shared<ReportLedger>()),
       self_(std::make_shared<TrackerLifetime>(this)) {
-  // Before anything takes the platform's stores.
+  // Before anything takes the platform's stores. The library's work writes through guards of
+  // the host's consent, and each tracker has an outbox store of its own.
   switchPreferences_ = platform_->preferences;
   auto consented = std::make_shared<Platform>(*platform_);
   consented->preferences =
       std::make_shared<platform::ConsentedPreferences>(switchPreferences_, consent_);
   consented->secureStore =
       std::make_shared<platform::ConsentedSecureStore>(platform_->secureStore, consent_);
+  consented->outbox = platform::SqliteOutboxStore::forOneTracker(platform_->outbox);
   platform_ = std::move(consented);
   if (!cache) {
     cache = std::make_shared<QuorvelRequestCache>(platform_, log_,

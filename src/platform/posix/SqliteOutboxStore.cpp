@@ -167,6 +167,13 @@ bool SqliteOutboxStore::exec(const char* sql) noexcept {
   return sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
 }
 
+std::shared_ptr<OutboxStore> SqliteOutboxStore::forOneTracker(
+    const std::shared_ptr<OutboxStore>& given) {
+  if (const auto* sqlite = dynamic_cast<const SqliteOutboxStore*>(given.get()))
+    return std::make_shared<SqliteOutboxStore>(sqlite->path_);
+  return given;
+}
+
 bool SqliteOutboxStore::open(std::string& reason) noexcept {
   if (inheritedByFork()) {
     close();

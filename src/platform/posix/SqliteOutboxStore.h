@@ -30,6 +30,11 @@ class SqliteOutboxStore final : public OutboxStore {
   // + ".intake-" and a number, a newer file a higher number.
   explicit SqliteOutboxStore(std::string path);
   ~SqliteOutboxStore() override;
+  // A store of its own for each tracker, on the same files: the folder is held by a lock on an
+  // open file, so a second tracker on one platform waits as a guest (as a second process
+  // does) instead of numbering over the first one's records, and a tracker made after one
+  // ended opens the folder again. A store of another kind is returned as it is.
+  static std::shared_ptr<OutboxStore> forOneTracker(const std::shared_ptr<OutboxStore>& given);
 
   bool open(std::string& reason) noexcept override;
   bool heldByAnotherProcess() const noexcept override { return heldElsewhere_; }

@@ -1,0 +1,56 @@
+// Trackers made on one platform share its data directory as processes do: one holds it, the
+// others keep their reports for it, and one made after another ended holds it again.
+#include <set>
+
+#include <gtest/gtest.h>
+
+#include <quorvel/QuorvelTracker.h>
+#include <quorvel/testing/TestPlatform.h>
+
+#include "support/TempDir.h"
+
+namespace quorvel {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(TrackersOnOnePlatform, EachReportGoesOnceAndALaterTrackerHoldsTheFolderAgain) {
+  test::TempDir dir;
+  PosixPlatformOptions options;
+  options.bundleIdentifier = "com.example.two";
+  options.dataDirectory = dir / "app";
+  options.keychainDirectory = dir / "keychain";
+  auto kit = testkit::makeTestPlatform(options, "TWO-KEY");
+  const auto configured = [&] {
+    auto tracker = std::make_unique<QuorvelTracker>(kit.platform);
+    tracker->setQuorvelDevKey(std::string("TWO-KEY"));
+    tracker->setAppleAppID(std::string("123456789"));
+    return tracker;
+  };
+  kit.transport->setResponder([](const auto&) { return testkit::Answer::offline(); });
+  auto first = configured();
+  first->trackEvent("first", std::nullopt);
+  auto second = configured();
+  second->trackEvent("second", std::nullopt);
+  kit.dispatcher->advance(10s);
+  EXPECT_FALSE(first->deliveryStats().dataDirectoryHeldElsewhere);
+  EXPECT_TRUE(second->deliveryStats().dataDirectoryHeldElsewhere);
+  first.reset();
+  second.reset();
+  kit.transport->setResponder(nullptr);
+  kit.transport->clear();
+
+  auto third = configured();
+  third->trackEvent("third", std::nullopt);
+  kit.dispatcher->advance(10s);
+  std::multiset<std::string> events;
+  for (const auto& request : kit.transport->sent()) {
+    if (request.payload && request.service() == "events")
+      events.insert(request.payload->value("event", ""));
+  }
+  EXPECT_EQ(events, (std::multiset<std::string>{"first", "second", "third"}));
+  EXPECT_FALSE(third->deliveryStats().dataDirectoryHeldElsewhere);
+}
+
+}  // namespace
+}  // namespace quorvel
