@@ -144,7 +144,7 @@ void Outbox::scheduleSyncLocked() {
   syncScheduled_ = true;
   const auto since = clock_->now() - lastSync_;
   const auto wait =
-      since >= kSyncInterval
+      since >= kSyncInterval || since < std::chrono::nanoseconds::zero()  // a clock set back
           ? std::chrono::nanoseconds::zero()
           : std::chrono::duration_cast<std::chrono::nanoseconds>(kSyncInterval - since);
   std::weak_ptr<Outbox> weak = weak_from_this();

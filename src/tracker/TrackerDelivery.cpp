@@ -151,8 +151,10 @@ void TrackerCore::setStopped(bool stopped) {
             stopped ? "Quorvel stopped: nothing is collected, stored or sent until "
                       "setStopped(false), in this start and the next ones"
                     : "Quorvel runs again");
-  if (!stopped)
+  if (!stopped) {
     outbox_->transportRecovered();  // what waited during the stop goes now
+    scheduleOutboxResume();         // and what an earlier run left, with or without a call
+  }
 }
 
 void TrackerCore::persistPreferencesSoon() {

@@ -42,8 +42,14 @@ void TrackerCore::scheduleOutboxResume() {
   outbox_->openSoon();
   mBackgroundQueue_->asyncAfter(kResumeDelay, [self = self_] {
     const auto tracker = self->pin();
-    if (!tracker || tracker->isStopped())
+    if (!tracker)
       return;
+    if (tracker->isStopped()) {
+      tracker->outboxResumeScheduled_ = false;  // the opt-in schedules it again
+      if (!tracker->isStopped())
+        tracker->scheduleOutboxResume();  // an opt-in came between the look and the flag
+      return;
+    }
     tracker->resumeOutboxOnce();
     // The kept-request files an earlier run left go too, without waiting for an answer; as a
     // report of its own, so that a flush (the exit's) waits for their replay.

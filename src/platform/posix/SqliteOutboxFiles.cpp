@@ -198,8 +198,14 @@ std::size_t SqliteOutboxStore::adoptGuests(
       }
       records.push_back({kTakingMark, file + "\n" + std::to_string(end)});
       if (!guest->removed() && keep(std::move(records))) {
-        ::unlink(file.c_str());
         ++taken;
+        if (::unlink(file.c_str()) != 0 && errno != ENOENT) {
+          // A folder that cannot be changed: the mark, which names this file, stays, so that
+          // the next round takes only what the guest writes after it. It holds one file.
+          guest->unlock();
+          markDone = false;
+          break;
+        }
         markDone = true;
       }
       guest->unlock();
