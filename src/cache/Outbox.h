@@ -300,7 +300,8 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   void noteUnreadableLocked();
   // While another process holds the store: the unbuilt reports of `batch` go to this process's
   // guest file for that process to send, and leave the batch.
-  void handOverToHolderLocked(std::vector<Op>& batch);
+  // False when the reports could not be kept for the holder (they stay in memory).
+  bool handOverToHolderLocked(std::vector<Op>& batch);
   // The holder's side: what guests kept is made this process's own (new numbers, written),
   // then built and sent like an earlier run's reports. Outside the store's lock.
   void adoptGuests(const std::shared_ptr<platform::OutboxStore>& store);

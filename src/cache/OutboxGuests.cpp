@@ -84,7 +84,7 @@ void Outbox::tryFreedLock() noexcept {
   }
 }
 
-void Outbox::handOverToHolderLocked(std::vector<Op>& batch) {
+bool Outbox::handOverToHolderLocked(std::vector<Op>& batch) {
   std::vector<platform::OutboxChange> changes;
   std::vector<OutboxSlotPtr> slots;
   for (auto& op : batch) {
@@ -98,8 +98,10 @@ void Outbox::handOverToHolderLocked(std::vector<Op>& batch) {
     }
     slots.push_back(put->slot);
   }
-  if (changes.empty() || !lockedOut_->appendAsGuest(changes))
-    return;
+  if (changes.empty())
+    return true;
+  if (!lockedOut_->appendAsGuest(changes))
+    return false;
   // Settled here: the builds that wait for the data directory skip them, and the holder sends
   // them under its own counters.
   for (const auto& slot : slots) {
@@ -109,6 +111,7 @@ void Outbox::handOverToHolderLocked(std::vector<Op>& batch) {
   log_->log(kLogDebug, kMethod,
             "Quorvel: %lu reports kept on disk for the process that holds the data directory",
             static_cast<unsigned long>(slots.size()));
+  return true;
 }
 
 void Outbox::adoptGuests(const std::shared_ptr<platform::OutboxStore>& store) {

@@ -49,8 +49,7 @@ void Outbox::writeBufferedLocked() {
     }
     noted.swap(noted_);
   }
-  if (heldElsewhere_ && lockedOut_)
-    handOverToHolderLocked(batch);
+  const bool handOverFailed = heldElsewhere_ && lockedOut_ && !handOverToHolderLocked(batch);
   if (!noted.empty() && !countersRead_ && store_)
     mergeCountersLocked(store_->load(kCountersRecord - 1, 1));  // never written over unread
   for (const auto& [key, value] : noted) {
@@ -109,7 +108,9 @@ void Outbox::writeBufferedLocked() {
   }
   enforceBoundsLocked(changes);
   const bool written = writeChangesLocked(changes);
-  if (!written && !heldElsewhere_)
+  // A process that does not hold the directory writes nothing itself: only a failed hand-over
+  // leaves its reports unkept.
+  if (!written && (!heldElsewhere_ || handOverFailed))
     countNotKeptLocked();
   // The rest of a burst, at once.
   if (more && !promptWriteScheduled_.exchange(true))
@@ -226,7 +227,9 @@ void Outbox::countNotKeptLocked() {
   log_->log(kLogWarning, kMethod,
             "Quorvel outbox: cannot write to the disk (%@): reports are not kept and go from "
             "memory; those unanswered when the process ends are lost",
-            store_ ? store_->lastError() : std::string("no store"));
+            store_       ? store_->lastError()
+            : lockedOut_ ? lockedOut_->lastError()
+                         : std::string("no store"));
 }
 
 void Outbox::scheduleRewrite() {
@@ -253,7 +256,9 @@ void Outbox::noteSyncLocked(bool synced) {
   log_->log(kLogWarning, kMethod,
             "Quorvel outbox: cannot move the written reports into the database (%@); they stay in "
             "the intake file and the move is tried again",
-            store_ ? store_->lastError() : std::string("no store"));
+            store_       ? store_->lastError()
+            : lockedOut_ ? lockedOut_->lastError()
+                         : std::string("no store"));
 }
 
 void Outbox::forgetHeldLocked(std::int64_t id) {

@@ -215,6 +215,7 @@ TEST_F(OutboxTest, ASecondProcessWaitsForTheDataDirectoryAndNumbersAfterTheFirst
   const auto held = tracker->deliveryStats();
   EXPECT_TRUE(held.dataDirectoryHeldElsewhere);
   EXPECT_EQ(held.waiting, 1U);
+  EXPECT_EQ(held.notKept, 1U);  // this store keeps nothing for the holder: in memory only
   EXPECT_EQ(fakes.systemLog->count("another process uses this app's data directory"), 1U);
   EXPECT_EQ(fakes.outbox->size(), 1U);  // the first one's counters only
 
