@@ -155,8 +155,13 @@ OutboxIntake::~OutboxIntake() = default;
 
 bool OutboxIntake::append(const std::vector<OutboxChange>& changes,
                           std::vector<Place>& places) noexcept {
-  if (size_ == std::numeric_limits<std::uint64_t>::max())
-    return false;
+  // Half a frame left by a failed write goes before anything is appended after it; until it
+  // can go (a disk that fails for a while), nothing is.
+  if (tailDirty_) {
+    if (::ftruncate(fd_.get(), static_cast<off_t>(size_)) != 0)
+      return false;
+    tailDirty_ = false;
+  }
   try {
     std::uint64_t payloadSize = 0;
     for (const auto& change : changes)
@@ -183,8 +188,7 @@ bool OutboxIntake::append(const std::vector<OutboxChange>& changes,
     std::memcpy(frame.data() + 8, &length, sizeof length);
     if (!writeAll(fd_.get(), frame.data(), frame.size())) {
       // Half a frame would end the file for a reader, hiding every later batch.
-      if (::ftruncate(fd_.get(), static_cast<off_t>(size_)) != 0)
-        size_ = std::numeric_limits<std::uint64_t>::max();  // refuse from now on
+      tailDirty_ = ::ftruncate(fd_.get(), static_cast<off_t>(size_)) != 0;
       return false;
     }
     size_ += frame.size();

@@ -58,6 +58,7 @@ class OutboxIntake {
   explicit OutboxIntake(int fd) : fd_(fd) {}
   ParentOnlyDescriptor fd_;  // a forked child does not keep it
   std::uint64_t size_ = 0;
+  bool tailDirty_ = false;  // a failed write left bytes after size_
 };
 
 }  // namespace quorvel::platform
