@@ -14,6 +14,7 @@
 #include "net/ReportLedger.h"
 #include "platform/ConsentedStores.h"
 #include "platform/posix/SqliteOutboxStore.h"
+#include "tracker/InstallEpoch.h"
 #include "tracker/TrackerLifetime.h"
 #include "util/HostInput.h"
 #include "util/NoDestructor.h"
@@ -52,13 +53,18 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
                          std::shared_ptr<LogSwitches> logSwitches)
     : platform_(std::move(platform)),
       remoteDebugging_(remoteDebugging),
+      installEpoch_(std::make_shared<InstallEpoch>(
+          platform_->fileSystem,
+          platform_->fileSystem->libraryDirectory() + "/" + InstallEpoch::kName)),
       consent_(std::make_shared<platform::ConsentGate>(
           [prefs = platform_->preferences, fs = platform_->fileSystem,
            marker = stopMarkerPath(*platform_)] {
             return prefs->boolForKey(keys::kStopped) || fs->fileExists(marker);
           },
-          [fs = platform_->fileSystem, marker = stopMarkerPath(*platform_)] {
-            return fs->fileExists(marker);
+          // A renewed epoch stops too, for the moment it takes to let go of the old install.
+          [fs = platform_->fileSystem, marker = stopMarkerPath(*platform_), epoch = installEpoch_] {
+            const bool renewed = epoch->changedSinceLastLook();
+            return fs->fileExists(marker) || renewed;
           },
           platform_->clock)),
       log_(std::make_shared<const Log>(

@@ -41,6 +41,7 @@ class QuorvelRequestCache;
 class QuorvelRequestCacheData;
 class QuorvelDictionary;
 class TrackerLifetime;
+class InstallEpoch;
 
 class TrackerCore {
  public:
@@ -335,6 +336,9 @@ class TrackerCore {
   // The install's state this process holds in memory: what the host set about the user, the
   // counters' floors, the link and push payload waiting for a launch.
   void forgetInMemory();
+  // Another process forgot the install and the user consented again before this one looked:
+  // what it holds of the old install goes; the files are the new install's.
+  void forgetOldInstallHeldHere();
   bool waitSettledTurningOwnQueues(std::uint64_t mark, std::chrono::milliseconds timeout);
   const std::uint64_t forkGeneration_ = platform::forkGeneration();
   template <typename T>
@@ -409,6 +413,7 @@ class TrackerCore {
   // library's work writes once a stop returned (see ConsentedStores.h).
   std::shared_ptr<const Platform> platform_;
   QuorvelProxyManager& remoteDebugging_;
+  std::shared_ptr<InstallEpoch> installEpoch_;
   std::shared_ptr<platform::ConsentGate> consent_;
   // The host's own preferences, which the switch and the forgetting write while stopped.
   std::shared_ptr<platform::PreferencesStore> switchPreferences_;

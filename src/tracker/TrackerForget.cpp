@@ -18,6 +18,8 @@
 #include "log/Log.h"
 #include "log/QuorvelProxyManager.h"
 #include "net/QuorvelHTTPClient.h"
+#include "platform/posix/JsonFilePreferencesStore.h"
+#include "tracker/InstallEpoch.h"
 #include "util/PreferenceKeys.h"
 
 namespace quorvel {
@@ -102,7 +104,9 @@ bool TrackerCore::forgetThisInstall() {
     setStopped(true);  // the stop holds, kept for the next starts, even so
     return false;
   }
-  // The other processes forget too, once they see it.
+  // The other processes forget too, once they see it, even after an opt-in here.
+  if (!installEpoch_->renew(*platform_->random))
+    log_->log(kLogError, kMethod, "Quorvel could not mark the install as forgotten");
   forgottenHere_ = true;
   if (!fs.writeFileAtomically(stopMarkerPath(*platform_), Bytes{kForgottenMark}, &reason))
     log_->log(kLogError, kMethod, "Quorvel could not tell other processes of the forgetting");
@@ -115,6 +119,10 @@ void TrackerCore::forgetIfForgottenElsewhere() {
 }
 
 void TrackerCore::forgetIfForgottenElsewhereLocked() {
+  // Looked at now too: a stopped process does not look on its own. What it finds here is
+  // carried out here, and its gate no longer takes it for news.
+  installEpoch_->changedSinceLastLook();
+  const bool renewed = installEpoch_->takeRenewed();
   if (!isStopped() || forgettingHere_)
     return;  // consent given again since (a fresh install runs), or this process forgets now
   auto& fs = *platform_->fileSystem;
@@ -122,12 +130,32 @@ void TrackerCore::forgetIfForgottenElsewhereLocked() {
   if (forgottenHere_ && !unfinished)
     return;  // the marker is this process's own, and its forgetting is done
   const auto mark = fs.readFile(stopMarkerPath(*platform_));
+  if (renewed && !mark) {
+    forgetOldInstallHeldHere();
+    return;
+  }
   if (!unfinished && !(mark && *mark == Bytes{kForgottenMark}))
     return;
   log_->log(kLogInfo, kMethod, "Quorvel forgets this install, as another process of the app did");
   acceptIntake();
   forgetInMemory();
   eraseInstall();
+}
+
+void TrackerCore::forgetOldInstallHeldHere() {
+  log_->log(kLogInfo, kMethod,
+            "Quorvel lets go of the install it held: another process forgot it, and the user "
+            "consented again since");
+  acceptIntake();
+  forgetInMemory();
+  // This process's copy of the preferences is the old install's: read again, never written.
+  if (auto* own = dynamic_cast<platform::JsonFilePreferencesStore*>(switchPreferences_.get()))
+    own->discardCopy();
+  // Left for this process, the holder: its reports are the old install's.
+  auto& fs = *platform_->fileSystem;
+  if (fs.fileExists(forgetMarkerPath()) && outbox_->forgetAll())
+    fs.removeFile(forgetMarkerPath());
+  consent_->run();
 }
 
 void TrackerCore::forgetInMemory() {
@@ -169,6 +197,7 @@ void TrackerCore::finishForgettingIfStarted() {
   // The kill may have come before the stop marker was written: the stop holds, and the other
   // processes forget too.
   fs.writeFileAtomically(stopMarkerPath(*platform_), Bytes{kForgottenMark});
+  installEpoch_->renew(*platform_->random);
   eraseInstall();
 }
 

@@ -115,11 +115,11 @@ void liveASession(const std::string& dir) {
 
 constexpr const char* kStopMarker = "app/Library/QuorvelStopped";
 
-// The files of a forgotten install: the stop flag in the preferences and the stop marker that
-// other processes read, nothing else.
+// The files of a forgotten install: the stop flag in the preferences, the stop marker that
+// other processes read and the random epoch that tells them of the forgetting, nothing else.
 ::testing::AssertionResult forgotten(std::map<std::string, std::string> files) {
-  if (files.erase(kStopMarker) == 1 && files.size() == 1 &&
-      files.begin()->first.find("Preferences/") != std::string::npos &&
+  if (files.erase(kStopMarker) == 1 && files.erase("app/Library/QuorvelInstallEpoch") == 1 &&
+      files.size() == 1 && files.begin()->first.find("Preferences/") != std::string::npos &&
       Json::parse(files.begin()->second, nullptr, false) == Json{{"QuorvelStopped", true}})
     return ::testing::AssertionSuccess();
   return ::testing::AssertionFailure() << "left behind:\n" << listing(files);
@@ -346,6 +346,36 @@ TEST(Forget, AHolderStoppedBeforeTheOtherProcessForgetsForgetsToo) {
     EXPECT_EQ(counters, std::vector<std::string>{"1"});
     here.transport->clear();
   }
+}
+
+// The other process forgets, and the user consents again there, between two looks of this
+// one: this one lets go of the old install all the same (its user, its identifier) and runs.
+TEST(Forget, AForgettingAndAnOptInBetweenTwoLooksReachTheOtherProcess) {
+  test::TempDir dir;
+  auto here = testkit::makeTestPlatform(optionsIn(dir.path()), kKey);
+  auto other = testkit::makeTestPlatform(optionsIn(dir.path()), kKey);
+  QuorvelTracker tracker(here.platform);
+  launchOffline(tracker, here);
+  const std::string uid = tracker.getQuorvelUID();
+  {
+    QuorvelTracker otherProcess(other.platform);
+    ASSERT_TRUE(otherProcess.forgetThisInstall());
+    otherProcess.setStopped(false);
+  }
+  EXPECT_TRUE(test::eventually(
+      [&] {
+        here.dispatcher->advance(1s);
+        return !tracker.isStopped() && tracker.getQuorvelUID() != uid;
+      },
+      10s));
+  here.transport->clear();
+  here.transport->setResponder(nullptr);
+  tracker.trackEvent("after", std::nullopt);
+  here.dispatcher->advance(10s);
+  ASSERT_EQ(here.transport->sent().size(), 1U);
+  const Json after = *here.transport->sent()[0].payload;
+  EXPECT_EQ(after.value("uid", ""), tracker.getQuorvelUID());
+  EXPECT_EQ(after.dump().find("customer-1"), std::string::npos);
 }
 
 // One trial, in a process of its own so that the test's process never forks with threads:

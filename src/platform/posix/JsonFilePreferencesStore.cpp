@@ -228,6 +228,17 @@ bool JsonFilePreferencesStore::removeAllObjects() {
   return true;
 }
 
+void JsonFilePreferencesStore::discardCopy() {
+  std::lock_guard writer(writeMutex_);
+  std::lock_guard lock(mutex_);
+  loaded_ = false;
+  unreadable_ = false;
+  values_ = Json::object();
+  changes_.clear();
+  cleared_ = false;
+  dirty_ = false;
+}
+
 std::optional<Json> JsonFilePreferencesStore::readCurrentFile() const {
   std::string text;
   if (readWholeFile(path_, text) != 0)

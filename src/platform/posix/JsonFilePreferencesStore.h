@@ -33,6 +33,9 @@ class JsonFilePreferencesStore final : public PreferencesStore {
   // Also removes the temp files of interrupted writes and a corrupt file set aside.
   bool removeAllObjects() override;
   bool synchronize() override;
+  // Forgets this process's copy and its unsaved changes, writing nothing: the file is read
+  // again at the next use (another process replaced the install it held).
+  void discardCopy();
 
   const std::string& path() const noexcept { return path_; }
 
