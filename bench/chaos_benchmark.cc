@@ -4,8 +4,8 @@
 // the harness's records (accepted calls, lives, kill times) and the emulator's (what arrived,
 // when), never from the library's own bookkeeping. Figures, not a test.
 //
-// With QUORVEL_CHAOS_LOG set, each life's outbox lines go to host-LIFE.log, the lost events
-// and avoidable repeats are listed, and the run's files are kept.
+// With QUORVEL_CHAOS_LOG set, each life's outbox, exit and answer lines go to host-LIFE.log, the
+// lost events and avoidable repeats are listed, and the run's files are kept.
 #include <sys/prctl.h>
 
 #include <algorithm>

@@ -92,8 +92,9 @@ bool logging() {
   return std::getenv("QUORVEL_CHAOS_LOG") != nullptr;
 }
 
-// The library's outbox and exit lines, each after the milliseconds since the host made its
-// platform, in the life's own log file (host-TAG.log).
+// The library's outbox, exit and answer lines, each after the wall time in seconds (the clock
+// the emulator records by, so that a line can be set against what the emulator received), in
+// the life's own log file (host-TAG.log).
 class OutboxLines final : public quorvel::platform::SystemLog {
  public:
   explicit OutboxLines(const fs::path& file) : lines_(file, kLogSize) {}
@@ -104,13 +105,11 @@ class OutboxLines final : public quorvel::platform::SystemLog {
       return;
     if (line.find("outbox") == std::string_view::npos &&
         line.find("Outbox") == std::string_view::npos &&
-        line.find("exit") == std::string_view::npos)
+        line.find("exit") == std::string_view::npos &&
+        line.find("status =") == std::string_view::npos)
       return;
-    const double ms =
-        std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start_)
-            .count();
     char head[32];
-    std::snprintf(head, sizeof head, "%8.1f ", ms);
+    std::snprintf(head, sizeof head, "%.4f ", wallSeconds());
     try {
       lines_.add(std::string(head) + std::string(line) + "\n");
     } catch (...) {
@@ -120,7 +119,6 @@ class OutboxLines final : public quorvel::platform::SystemLog {
  private:
   MappedLines lines_;
   const pid_t pid_ = ::getpid();
-  const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
 // Written at exit, after the library's own exit flush (registered before the tracker exists,

@@ -146,6 +146,9 @@ void countRepeats(const Judgement& j, const Copies<Key>& copies, RowOf rowOf, Co
 // The library's figures are taken at `exitAt`. An answer to a request the emulator recorded
 // within the transit margin before then may or may not have reached the library, and none to a
 // request recorded after it can have: a figure agrees when it lies between the two counts.
+// The emulator records a request as it answers it: while it plays a delay, an earlier life's
+// last requests are recorded well into the next lives. A request another life may have sent
+// counts toward the most only.
 // `repeated` counts the copies sent after one that may have reached the service (sent by an
 // earlier life that ended before its answer, or failed in transport): at least the repeats
 // the emulator flagged. It may be more: a copy on its way when its sender ended need not have
@@ -174,12 +177,14 @@ bool compareStats(const Judgement& j, const RequestLog& log) {
         continue;
       const bool ok = r.status >= 200 && r.status < 300;
       const bool no = r.status >= 400 && r.status < 500 && r.status != 429;
-      const bool answerSeen = r.time <= sure;
+      const auto who = senders(j, r.time);
+      const bool mine = who.size() == 1 && &j.lives[who.front()] == &life;
+      const bool answerSeen = mine && r.time <= sure;
       delivered.most += ok ? 1 : 0;
       refused.most += no ? 1 : 0;
       delivered.least += ok && answerSeen ? 1 : 0;
       refused.least += no && answerSeen ? 1 : 0;
-      repeated.least += r.repeat ? 1 : 0;
+      repeated.least += mine && r.repeat ? 1 : 0;
       repeated.most = std::numeric_limits<long long>::max();
     }
     ++compared;

@@ -100,11 +100,29 @@ void Outbox::noteFolderAnswer(long status) {
 }
 
 void Outbox::answered(const OutboxSlotPtr& slot) {
-  settleCounted(slot, delivered_);
+  if (settleCounted(slot, delivered_))
+    writeNowIfExiting();
 }
 
 void Outbox::refused(const OutboxSlotPtr& slot) {
-  settleCounted(slot, refused_);
+  if (settleCounted(slot, refused_))
+    writeNowIfExiting();
+}
+
+// Once the exit flush is over the process ends within moments: a removal posted to the queue
+// would often come after the end (the queue first waits for the exit's own write), and a report
+// the service had answered would go again at the next start. The answer's thread (never one
+// that holds the lock) writes it before the answer's handling returns.
+void Outbox::writeNowIfExiting() noexcept {
+  if (!exitFlushOver_.load(std::memory_order_relaxed) ||
+      platform::forkGeneration() != forkGeneration_)
+    return;
+  try {
+    const std::lock_guard lock(storeMutex_);
+    writeBufferedLocked();
+  } catch (...) {
+    // The queue's write, already posted, tries again.
+  }
 }
 
 void Outbox::dropped(const OutboxSlotPtr& slot, DropReason reason) {

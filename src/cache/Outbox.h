@@ -204,8 +204,8 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // after (a late answer's removal) is not written: its report goes again at the next start.
   void release() noexcept;
   // The exit flush is over and the process ends within moments: an answer that still comes has
-  // its removal written at once rather than after the batch window, so that its report is not
-  // sent again by the next start.
+  // its removal written at once, on the answer's own thread, so that its report is not sent
+  // again by the next start.
   void exitFlushOver() noexcept { exitFlushOver_ = true; }
   // Opens the store on the outbox's queue now, so that the first batch of a start is written
   // within milliseconds of its call instead of after the store's opening.
@@ -260,6 +260,8 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   using Op = std::variant<Put, Remove>;
 
   void enqueue(Op op);
+  // After the exit flush: writes what is buffered now, on the calling thread.
+  void writeNowIfExiting() noexcept;
   // The queue's side; `mutex_` for the store is held.
   void writeBufferedLocked();
   void openLocked();

@@ -304,14 +304,23 @@ void Outbox::drainAndSync() noexcept {
   if (platform::forkGeneration() != forkGeneration_)
     return;  // a forked child's copy: the store is its parent's
   try {
+    std::shared_ptr<platform::OutboxStore> store;
+    {
+      const std::lock_guard lock(storeMutex_);
+      // The process that held the data directory may have ended since the last try; an exit
+      // that did not try again would lose what this one kept in memory meanwhile.
+      if (lockedOut_)
+        takeFreedLockLocked();
+      writeBufferedLocked();
+      store = store_;
+    }
+    // Outside the lock, as the periodic sync: what was written is the kernel's already, and the
+    // sync of a large outbox takes tens of milliseconds. Held, it would stop every answer that
+    // comes meanwhile at exit (its removal is written on its own thread then), and the process
+    // would end before those answers were counted.
+    if (store)
+      store->sync();
     const std::lock_guard lock(storeMutex_);
-    // The process that held the data directory may have ended since the last try; an exit
-    // that did not try again would lose what this one kept in memory meanwhile.
-    if (lockedOut_)
-      takeFreedLockLocked();
-    writeBufferedLocked();
-    if (store_)
-      store_->sync();
     lastSync_ = clock_->now();
   } catch (...) {
     // Exit and background paths never throw.
