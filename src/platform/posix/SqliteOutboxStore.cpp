@@ -520,10 +520,13 @@ bool SqliteOutboxStore::syncOnce() noexcept {
   if (committed) {
     const std::lock_guard intake(intakeMutex_);
     committing_.clear();
-    for (const auto& file : covered)
-      ::unlink(file.c_str());
-    retired_.erase(retired_.begin(),
-                   retired_.begin() + static_cast<std::ptrdiff_t>(covered.size()));
+    // A file that stays would lay its old changes over the database again at the next start
+    // (an answered report back): one that cannot go now is tried again at the next sync.
+    std::size_t gone = 0;
+    while (gone < covered.size() &&
+           (::unlink(covered[gone].c_str()) == 0 || errno == ENOENT))
+      ++gone;
+    retired_.erase(retired_.begin(), retired_.begin() + static_cast<std::ptrdiff_t>(gone));
   }
   // A checkpoint syncs the log, copies it into the database and syncs that. A passive one
   // never waits, so it does the slow part; a truncating one then copies what
