@@ -10,6 +10,7 @@
 #include "common/QuorvelUtils.h"
 #include "device/QVSDKiAdClient.h"
 #include "log/Log.h"
+#include "platform/SystemClock.h"
 #include "net/QuorvelHTTPClient.h"
 #include "net/ReportLedger.h"
 #include "tracker/TrackerLifetime.h"
@@ -63,6 +64,7 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
           logSwitches ? std::move(logSwitches) : std::make_shared<LogSwitches>(), platform_->clock,
           platform_->systemLog, &remoteDebugging_)),
       ledger_(std::make_shared<ReportLedger>()),
+      systemClock_(platform::isSystemClock(*platform_->clock)),
       self_(std::make_shared<TrackerLifetime>(this)) {
   if (!cache) {
     cache = std::make_shared<QuorvelRequestCache>(platform_, log_,

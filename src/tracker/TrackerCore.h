@@ -374,6 +374,8 @@ class TrackerCore {
     platform::TimePoint at;
   };
   void takeIntake(IntakeCall call);
+  // The platform's time, read directly when the platform's clock is the system's.
+  platform::TimePoint callTime() const noexcept;
   // Takes every call now, on the caller's thread; the watch goes on as it was.
   void acceptIntake();
   // False when calls are left.
@@ -472,8 +474,11 @@ class TrackerCore {
   // then only pushes. Raised by the host's call that finds it clear, cleared by the turn that
   // ends the watch, which looks at the intake once more afterwards (both sides seq_cst: a
   // call pushed as the watch ends sees it clear, or the last look sees the call).
-  std::atomic<bool> intakeWatched_{false};
-  platform::TimePoint intakeLastCall_{};  // the turns' own: when they last took a call
+  // On a line of their own: every host's call reads them, and the turns write their fields
+  // (and lock theirs) every few milliseconds.
+  alignas(64) std::atomic<bool> intakeWatched_{false};
+  const bool systemClock_;  // the platform's clock is the system's: a call reads it directly
+  alignas(64) platform::TimePoint intakeLastCall_{};  // the turns' own: when they last took a call
   // Reports are built on more than one queue; a counter is read, raised and written as one
   // step. The outbox's floor is read once: from then on the preferences in memory are above it.
   std::mutex countersMutex_;

@@ -57,8 +57,8 @@ void scheduleEventBuild(const std::shared_ptr<TrackerLifetime>& self,
 
 }  // namespace
 
-void TrackerCore::trackEvent(const std::string& hostEventName,
-                             const std::optional<std::string>& hostValue) {
+[[gnu::hot]] void TrackerCore::trackEvent(const std::string& hostEventName,
+                                          const std::optional<std::string>& hostValue) {
   std::string eventName = hostText(hostEventName);
   auto value = hostText(hostValue);
   if (looksLikeRevenue(value)) {
@@ -67,7 +67,7 @@ void TrackerCore::trackEvent(const std::string& hostEventName,
               *value, eventName);
   }
   takeIntake({{OutboxIntent::Kind::event, std::move(eventName), std::move(value), std::nullopt},
-              platform_->clock->now()});
+              callTime()});
 }
 
 void TrackerCore::trackEventWithValues(const std::string& hostEventName,
@@ -77,7 +77,11 @@ void TrackerCore::trackEventWithValues(const std::string& hostEventName,
               platform_->clock->now()});
 }
 
-void TrackerCore::takeIntake(IntakeCall call) {
+[[gnu::hot]] platform::TimePoint TrackerCore::callTime() const noexcept {
+  return systemClock_ ? std::chrono::system_clock::now() : platform_->clock->now();
+}
+
+[[gnu::hot]] void TrackerCore::takeIntake(IntakeCall call) {
   intake_.push(std::move(call));
   // While the intake is watched, the push is all: no system call, no wait for the queue.
   if (intakeWatched_.load() || intakeWatched_.exchange(true))
@@ -134,12 +138,20 @@ void TrackerCore::acceptIntake() {
   acceptIntakeLocked();
 }
 
+// The host's call asked only whether the library is known stopped; the look for a stop made
+// by another process is taken here. Calls that such a stop finds in the intake are dropped
+// (some came before it, but nothing tells which); those that came before a stop made here
+// are kept, as their record would have been had the turn come first.
 bool TrackerCore::acceptIntakeLocked(std::size_t most) {
+  if (intake_.empty())
+    return true;
+  const bool stoppedElsewhere = consent_->stopped() && consent_->stopSeenElsewhere();
   for (std::size_t n = 0; n < most; ++n) {
     auto call = intake_.pop();
     if (!call)
       return true;
-    scheduleIntake(*call);
+    if (!stoppedElsewhere)
+      scheduleIntake(*call);
   }
   return intake_.empty();
 }
