@@ -381,14 +381,18 @@ class TrackerCore {
   // False when calls are left.
   bool acceptIntakeLocked(std::size_t most = SIZE_MAX);
   // The outbox's queue watches the intake: a turn takes what is there, and while calls came
-  // lately it looks again every kIntakePoll, so that a host's call made meanwhile is taken
-  // without waking anything. Once no call came for kIntakeLinger the watch ends and the next
-  // call wakes the queue again.
+  // lately it looks again, so that a host's call made meanwhile is taken without waking
+  // anything. The looks come kIntakePoll after a turn that took calls, then twice as far
+  // apart up to kIntakePollMost: a burst is taken at once, and an app's lone calls cost a
+  // few looks each instead of one every kIntakePoll. Once no call came for kIntakeLinger the
+  // watch ends and the next call wakes the queue again.
   void scheduleIntakeTurn(std::chrono::nanoseconds after = std::chrono::nanoseconds::zero());
   void intakeTurn();
   static constexpr std::size_t kIntakeTurn = 512;
-  // Well within the 10 ms in which a call reaches the disk, with the outbox's batch window.
   static constexpr std::chrono::milliseconds kIntakePoll{2};
+  // The longest a call waits for a look: with the outbox's batch window and the write, well
+  // within the 10 ms in which it reaches the disk.
+  static constexpr std::chrono::milliseconds kIntakePollMost{6};
   // Calls of an app in use come closer together than this; an idle app pays no look after it.
   static constexpr std::chrono::milliseconds kIntakeLinger{1000};
   void scheduleIntake(const IntakeCall& call);
@@ -479,6 +483,7 @@ class TrackerCore {
   alignas(64) std::atomic<bool> intakeWatched_{false};
   const bool systemClock_;  // the platform's clock is the system's: a call reads it directly
   alignas(64) platform::TimePoint intakeLastCall_{};  // the turns' own: when they last took a call
+  std::chrono::nanoseconds intakeLookGap_{kIntakePoll};  // the turns' own: until the next look
   // Reports are built on more than one queue; a counter is read, raised and written as one
   // step. The outbox's floor is read once: from then on the preferences in memory are above it.
   std::mutex countersMutex_;

@@ -110,8 +110,10 @@ void TrackerCore::intakeTurn() {
   const auto now = platform_->clock->now();
   std::unique_lock lock(intakeConsumer_);
   const bool empty = intake_.empty();
-  if (!empty)
+  if (!empty) {
     intakeLastCall_ = now;
+    intakeLookGap_ = kIntakePoll;
+  }
   if (!empty && !acceptIntakeLocked(kIntakeTurn)) {
     lock.unlock();
     scheduleIntakeTurn();  // more than a turn's worth: the next turn takes the rest at once
@@ -121,8 +123,11 @@ void TrackerCore::intakeTurn() {
   // starts it again.
   if (const auto since = now - intakeLastCall_;
       since >= platform::TimePoint::duration::zero() && since < kIntakeLinger) {
+    const auto gap = intakeLookGap_;
+    if (empty)
+      intakeLookGap_ = std::min<std::chrono::nanoseconds>(gap * 2, kIntakePollMost);
     lock.unlock();
-    scheduleIntakeTurn(kIntakePoll);
+    scheduleIntakeTurn(gap);
     return;
   }
   intakeWatched_.store(false);
