@@ -25,6 +25,7 @@
 #include "net/ReportLedger.h"
 #include "platform/ConsentGate.h"
 #include "platform/ForkGeneration.h"
+#include "tracker/IntakeCall.h"
 #include "util/MpscQueue.h"
 
 namespace quorvel {
@@ -369,10 +370,6 @@ class TrackerCore {
   // Events come in through the intake: the host's thread only pushes its call there (no lock
   // that a library thread holds, no wake-up of one per call), and the serial queue accepts
   // what it finds, in order. Whoever reads the ledger or the outbox takes the intake first.
-  struct IntakeCall {
-    OutboxIntent intent;
-    platform::TimePoint at;
-  };
   void takeIntake(IntakeCall call);
   // The platform's time, read directly when the platform's clock is the system's.
   platform::TimePoint callTime() const noexcept;

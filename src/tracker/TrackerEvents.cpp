@@ -59,22 +59,17 @@ void scheduleEventBuild(const std::shared_ptr<TrackerLifetime>& self,
 
 [[gnu::hot]] void TrackerCore::trackEvent(const std::string& hostEventName,
                                           const std::optional<std::string>& hostValue) {
-  std::string eventName = hostText(hostEventName);
-  auto value = hostText(hostValue);
-  if (looksLikeRevenue(value)) {
+  if (looksLikeRevenue(hostValue) && log_->debugWanted()) {
     log_->log(kLogDebug, "-[QuorvelTracker trackEvent:withValue:]",
               "Quorvel: numeric value '%@' for event '%@' will be categorized as a revenue event.",
-              *value, eventName);
+              hostText(*hostValue), hostText(hostEventName));
   }
-  takeIntake({{OutboxIntent::Kind::event, std::move(eventName), std::move(value), std::nullopt},
-              callTime()});
+  takeIntake(IntakeCall(hostEventName, hostValue, callTime()));
 }
 
 void TrackerCore::trackEventWithValues(const std::string& hostEventName,
                                        const std::optional<Json>& hostValues) {
-  takeIntake({{OutboxIntent::Kind::eventWithValues, hostText(hostEventName), std::nullopt,
-               hostJson(hostValues)},
-              platform_->clock->now()});
+  takeIntake(IntakeCall(hostEventName, hostJson(hostValues), callTime()));
 }
 
 [[gnu::hot]] platform::TimePoint TrackerCore::callTime() const noexcept {
@@ -164,22 +159,23 @@ bool TrackerCore::acceptIntakeLocked(std::size_t most) {
 // An event is built a moment after its call (1 ms on the main queue; with values, 100 ms on
 // the serial queue), counted from the call, not from its acceptance here.
 void TrackerCore::scheduleIntake(const IntakeCall& call) {
-  const bool withValues = call.intent.kind == OutboxIntent::Kind::eventWithValues;
+  const bool withValues = call.kind() == OutboxIntent::Kind::eventWithValues;
   const std::chrono::nanoseconds delay =
       withValues ? std::chrono::milliseconds(100) : std::chrono::milliseconds(1);
   const auto wait =
-      std::max(std::chrono::nanoseconds::zero(), call.at + delay - platform_->clock->now());
-  auto ticket = acceptReport(call.intent, call.at);
+      std::max(std::chrono::nanoseconds::zero(), call.at() + delay - platform_->clock->now());
+  OutboxIntent intent = call.intent();
+  auto ticket = acceptReport(intent, call.at());
   if (withValues) {
     scheduleEventBuild(self_, std::move(ticket), *mBackgroundQueue_, false, wait,
-                       [name = call.intent.name, values = call.intent.values](TrackerCore& t) {
-                         t.buildEventWithValues(name, values);
-                       });
+                       [name = std::move(intent.name), values = std::move(intent.values)](
+                           TrackerCore& t) { t.buildEventWithValues(name, values); });
   } else {
-    scheduleEventBuild(self_, std::move(ticket), *platform_->dispatcher->mainQueue(), true, wait,
-                       [name = call.intent.name, value = call.intent.value](TrackerCore& t) {
-                         t.callServerWithEventName(name, value, true, false);
-                       });
+    scheduleEventBuild(
+        self_, std::move(ticket), *platform_->dispatcher->mainQueue(), true, wait,
+        [name = std::move(intent.name), value = std::move(intent.value)](TrackerCore& t) {
+          t.callServerWithEventName(name, value, true, false);
+        });
   }
 }
 
