@@ -13,12 +13,19 @@ ConsentGate::ConsentGate(std::function<bool()> readStored, std::function<bool()>
       clock_(std::move(clock)) {}
 
 bool ConsentGate::stopped() const {
-  std::call_once(storedRead_, [this] {
-    if (readStored_ && readStored_())
-      stopped_.store(true);
-  });
-  if (!stopped_.load() && stoppedElsewhere_)
+  if (!knownStopped() && stoppedElsewhere_)
     checkElsewhere();
+  return stopped_.load();
+}
+
+[[gnu::hot]] bool ConsentGate::knownStopped() const {
+  if (!storedReadDone_.load(std::memory_order_acquire)) {
+    std::call_once(storedRead_, [this] {
+      if (readStored_ && readStored_())
+        stopped_.store(true);
+    });
+    storedReadDone_.store(true, std::memory_order_release);
+  }
   return stopped_.load();
 }
 
@@ -36,6 +43,7 @@ void ConsentGate::checkElsewhere() const {
   if (!stoppedElsewhere_())
     return;
   stop();
+  stopSeenElsewhere_.store(true);
   if (stoppedElsewhereSeen_)
     stoppedElsewhereSeen_();
 }
@@ -51,6 +59,7 @@ void ConsentGate::lookElsewhereNow() const {
 
 void ConsentGate::stop() const {
   std::call_once(storedRead_, [] {});  // a later first read cannot overwrite this
+  stopSeenElsewhere_.store(false);
   stopped_.store(true);
   generation_.fetch_add(1, std::memory_order_acq_rel);
 }
@@ -108,6 +117,7 @@ void ConsentGate::Hold::release() noexcept {
 
 void ConsentGate::run() {
   std::call_once(storedRead_, [] {});
+  stopSeenElsewhere_.store(false);
   stopped_.store(false);
 }
 

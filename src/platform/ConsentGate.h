@@ -37,7 +37,17 @@ class ConsentGate {
     stoppedElsewhereSeen_ = std::move(handler);
   }
 
+  // Looks whether another process stopped the library when the last look is
+  // kSharedCheckInterval old: a file's status, so only work of the library's own threads and
+  // calls that are not the host's hot path ask this.
   bool stopped() const;
+  // What is known without looking elsewhere: a flag read, for the host's tracking calls, which
+  // must cost no system call. The work such a call hands over asks stopped() (and drops the
+  // call if the look finds a stop made elsewhere), so such a stop still holds within the
+  // interval.
+  bool knownStopped() const;
+  // The stop in force was seen made by another process, not made here.
+  bool stopSeenElsewhere() const noexcept { return stopSeenElsewhere_.load(); }
   Generation generation() const noexcept { return generation_.load(std::memory_order_acquire); }
   // True while the library runs and no stop or forgetting came since `start` was taken.
   bool holds(Generation start) const { return !stopped() && generation() == start; }
@@ -81,7 +91,11 @@ class ConsentGate {
   std::function<void()> stoppedElsewhereSeen_;
   std::shared_ptr<const Clock> clock_;
   mutable std::once_flag storedRead_;
+  // Set once the stored stop was read: after that a question is a flag read, with no call into
+  // the thread library.
+  mutable std::atomic<bool> storedReadDone_{false};
   mutable std::atomic<bool> stopped_{false};
+  mutable std::atomic<bool> stopSeenElsewhere_{false};
   mutable std::atomic<Generation> generation_{0};
   static constexpr std::int64_t kNeverChecked = INT64_MIN;
   mutable std::atomic<std::int64_t> lastCheckMs_{kNeverChecked};

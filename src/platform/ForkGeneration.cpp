@@ -24,7 +24,7 @@ void childAfterFork() noexcept {
 
 }  // namespace
 
-std::uint64_t forkGeneration() noexcept {
+[[gnu::hot]] std::uint64_t forkGeneration() noexcept {
   // Registered on first use: only what was made after it can be told apart, and nothing that
   // asks was made before it.
   static const bool registered = pthread_atfork(nullptr, nullptr, childAfterFork) == 0;

@@ -23,7 +23,12 @@ namespace {
 // needs to see and leave that state (the log switches, flush and the delivery figures) and the
 // configuration it sets at start, which says nothing about the user and must be in place when
 // the library runs again.
-bool refusedWhileStopped(const TrackerCore& core, std::string_view method) {
+// A tracking call asks only what is known (a flag): looking whether another process stopped
+// the library is a file's status, which the work the call hands over pays instead.
+enum class StopCheck { look, known };
+
+bool refusedWhileStopped(const TrackerCore& core, std::string_view method,
+                         StopCheck check = StopCheck::look) {
   static constexpr std::string_view kAllowed[] = {
       "-[QuorvelTracker setIsDebug:]",
       "-[QuorvelTracker setIsTrace:]",
@@ -50,8 +55,8 @@ bool refusedWhileStopped(const TrackerCore& core, std::string_view method) {
       "-[QuorvelTracker setExitFlushTimeout:]",
       "-[QuorvelTracker setOutboxLimits:]",
       "-[QuorvelTracker getSDKVersion]"};
-  if (!core.isStopped() ||
-      std::find(std::begin(kAllowed), std::end(kAllowed), method) != std::end(kAllowed))
+  const bool stopped = check == StopCheck::look ? core.isStopped() : core.consent().knownStopped();
+  if (!stopped || std::find(std::begin(kAllowed), std::end(kAllowed), method) != std::end(kAllowed))
     return false;
   core.logger().log(kLogDebug, std::string(method).c_str(),
                     "Quorvel is stopped: the call did nothing");
@@ -75,11 +80,12 @@ R guarded(const TrackerCore& core, const char* method, R fallback, F&& call) noe
 }
 
 template <typename F>
-void guarded(const TrackerCore& core, const char* method, F&& call) noexcept {
+void guarded(const TrackerCore& core, const char* method, F&& call,
+             StopCheck check = StopCheck::look) noexcept {
   if (core.inertAfterFork())
     return;
   try {
-    if (refusedWhileStopped(core, method))
+    if (refusedWhileStopped(core, method, check))
       return;
     std::forward<F>(call)();
   } catch (const std::exception& e) {
@@ -322,10 +328,11 @@ const Platform& QuorvelTracker::platform() const noexcept {
 void QuorvelTracker::trackAppLaunch() noexcept {
   guarded(*core_, "-[QuorvelTracker trackAppLaunch]", [&] { core_->trackAppLaunch(); });
 }
-void QuorvelTracker::trackEvent(const std::string& eventName,
-                                const std::optional<std::string>& value) noexcept {
-  guarded(*core_, "-[QuorvelTracker trackEvent:withValue:]",
-          [&] { core_->trackEvent(eventName, value); });
+[[gnu::hot]] void QuorvelTracker::trackEvent(const std::string& eventName,
+                                             const std::optional<std::string>& value) noexcept {
+  guarded(
+      *core_, "-[QuorvelTracker trackEvent:withValue:]",
+      [&] { core_->trackEvent(eventName, value); }, StopCheck::known);
 }
 void QuorvelTracker::trackEventWithValue(const std::string& eventName,
                                          const std::optional<std::string>& value) noexcept {
@@ -333,8 +340,9 @@ void QuorvelTracker::trackEventWithValue(const std::string& eventName,
 }
 void QuorvelTracker::trackEventWithValues(const std::string& eventName,
                                           const std::optional<Json>& values) noexcept {
-  guarded(*core_, "-[QuorvelTracker trackEvent:withValues:]",
-          [&] { core_->trackEventWithValues(eventName, values); });
+  guarded(
+      *core_, "-[QuorvelTracker trackEvent:withValues:]",
+      [&] { core_->trackEventWithValues(eventName, values); }, StopCheck::known);
 }
 void QuorvelTracker::trackLocation(double longitude, double latitude) noexcept {
   guarded(*core_, "-[QuorvelTracker trackLocation:latitude:]",

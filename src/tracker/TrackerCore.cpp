@@ -13,6 +13,7 @@
 #include "net/QuorvelHTTPClient.h"
 #include "net/ReportLedger.h"
 #include "platform/ConsentedStores.h"
+#include "platform/SystemClock.h"
 #include "platform/posix/SqliteOutboxStore.h"
 #include "tracker/InstallEpoch.h"
 #include "tracker/TrackerLifetime.h"
@@ -71,6 +72,7 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
           logSwitches ? std::move(logSwitches) : std::make_shared<LogSwitches>(), platform_->clock,
           platform_->systemLog, &remoteDebugging_)),
       ledger_(std::make_shared<ReportLedger>()),
+      systemClock_(platform::isSystemClock(*platform_->clock)),
       self_(std::make_shared<TrackerLifetime>(this)) {
   // Before anything takes the platform's stores. The library's work writes through guards of
   // the host's consent, and each tracker has an outbox store of its own.

@@ -25,6 +25,7 @@
 #include "net/ReportLedger.h"
 #include "platform/ConsentGate.h"
 #include "platform/ForkGeneration.h"
+#include "tracker/IntakeCall.h"
 #include "util/MpscQueue.h"
 
 namespace quorvel {
@@ -373,24 +374,26 @@ class TrackerCore {
   // Events come in through the intake: the host's thread only pushes its call there (no lock
   // that a library thread holds, no wake-up of one per call), and the serial queue accepts
   // what it finds, in order. Whoever reads the ledger or the outbox takes the intake first.
-  struct IntakeCall {
-    OutboxIntent intent;
-    platform::TimePoint at;
-  };
   void takeIntake(IntakeCall call);
+  // The platform's time, read directly when the platform's clock is the system's.
+  platform::TimePoint callTime() const noexcept;
   // Takes every call now, on the caller's thread; the watch goes on as it was.
   void acceptIntake();
   // False when calls are left.
   bool acceptIntakeLocked(std::size_t most = SIZE_MAX);
   // The outbox's queue watches the intake: a turn takes what is there, and while calls came
-  // lately it looks again every kIntakePoll, so that a host's call made meanwhile is taken
-  // without waking anything. Once no call came for kIntakeLinger the watch ends and the next
-  // call wakes the queue again.
+  // lately it looks again, so that a host's call made meanwhile is taken without waking
+  // anything. The looks come kIntakePoll after a turn that took calls, then twice as far
+  // apart up to kIntakePollMost: a burst is taken at once, and an app's lone calls cost a
+  // few looks each instead of one every kIntakePoll. Once no call came for kIntakeLinger the
+  // watch ends and the next call wakes the queue again.
   void scheduleIntakeTurn(std::chrono::nanoseconds after = std::chrono::nanoseconds::zero());
   void intakeTurn();
   static constexpr std::size_t kIntakeTurn = 512;
-  // Well within the 10 ms in which a call reaches the disk, with the outbox's batch window.
   static constexpr std::chrono::milliseconds kIntakePoll{2};
+  // The longest a call waits for a look: with the outbox's batch window and the write, well
+  // within the 10 ms in which it reaches the disk.
+  static constexpr std::chrono::milliseconds kIntakePollMost{6};
   // Calls of an app in use come closer together than this; an idle app pays no look after it.
   static constexpr std::chrono::milliseconds kIntakeLinger{1000};
   void scheduleIntake(const IntakeCall& call);
@@ -481,8 +484,12 @@ class TrackerCore {
   // then only pushes. Raised by the host's call that finds it clear, cleared by the turn that
   // ends the watch, which looks at the intake once more afterwards (both sides seq_cst: a
   // call pushed as the watch ends sees it clear, or the last look sees the call).
-  std::atomic<bool> intakeWatched_{false};
-  platform::TimePoint intakeLastCall_{};  // the turns' own: when they last took a call
+  // On a line of their own: every host's call reads them, and the turns write their fields
+  // (and lock theirs) every few milliseconds.
+  alignas(64) std::atomic<bool> intakeWatched_{false};
+  const bool systemClock_;  // the platform's clock is the system's: a call reads it directly
+  alignas(64) platform::TimePoint intakeLastCall_{};  // the turns' own: when they last took a call
+  std::chrono::nanoseconds intakeLookGap_{kIntakePoll};  // the turns' own: until the next look
   // Reports are built on more than one queue; a counter is read, raised and written as one
   // step. The outbox's floor is read once: from then on the preferences in memory are above it.
   std::mutex countersMutex_;

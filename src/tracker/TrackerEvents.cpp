@@ -57,27 +57,26 @@ void scheduleEventBuild(const std::shared_ptr<TrackerLifetime>& self,
 
 }  // namespace
 
-void TrackerCore::trackEvent(const std::string& hostEventName,
-                             const std::optional<std::string>& hostValue) {
-  std::string eventName = hostText(hostEventName);
-  auto value = hostText(hostValue);
-  if (looksLikeRevenue(value)) {
+[[gnu::hot]] void TrackerCore::trackEvent(const std::string& hostEventName,
+                                          const std::optional<std::string>& hostValue) {
+  if (looksLikeRevenue(hostValue) && log_->debugWanted()) {
     log_->log(kLogDebug, "-[QuorvelTracker trackEvent:withValue:]",
               "Quorvel: numeric value '%@' for event '%@' will be categorized as a revenue event.",
-              *value, eventName);
+              hostText(*hostValue), hostText(hostEventName));
   }
-  takeIntake({{OutboxIntent::Kind::event, std::move(eventName), std::move(value), std::nullopt},
-              platform_->clock->now()});
+  takeIntake(IntakeCall(hostEventName, hostValue, callTime()));
 }
 
 void TrackerCore::trackEventWithValues(const std::string& hostEventName,
                                        const std::optional<Json>& hostValues) {
-  takeIntake({{OutboxIntent::Kind::eventWithValues, hostText(hostEventName), std::nullopt,
-               hostJson(hostValues)},
-              platform_->clock->now()});
+  takeIntake(IntakeCall(hostEventName, hostJson(hostValues), callTime()));
 }
 
-void TrackerCore::takeIntake(IntakeCall call) {
+[[gnu::hot]] platform::TimePoint TrackerCore::callTime() const noexcept {
+  return systemClock_ ? std::chrono::system_clock::now() : platform_->clock->now();
+}
+
+[[gnu::hot]] void TrackerCore::takeIntake(IntakeCall call) {
   intake_.push(std::move(call));
   // While the intake is watched, the push is all: no system call, no wait for the queue.
   if (intakeWatched_.load() || intakeWatched_.exchange(true))
@@ -106,8 +105,10 @@ void TrackerCore::intakeTurn() {
   const auto now = platform_->clock->now();
   std::unique_lock lock(intakeConsumer_);
   const bool empty = intake_.empty();
-  if (!empty)
+  if (!empty) {
     intakeLastCall_ = now;
+    intakeLookGap_ = kIntakePoll;
+  }
   if (!empty && !acceptIntakeLocked(kIntakeTurn)) {
     lock.unlock();
     scheduleIntakeTurn();  // more than a turn's worth: the next turn takes the rest at once
@@ -117,8 +118,11 @@ void TrackerCore::intakeTurn() {
   // starts it again.
   if (const auto since = now - intakeLastCall_;
       since >= platform::TimePoint::duration::zero() && since < kIntakeLinger) {
+    const auto gap = intakeLookGap_;
+    if (empty)
+      intakeLookGap_ = std::min<std::chrono::nanoseconds>(gap * 2, kIntakePollMost);
     lock.unlock();
-    scheduleIntakeTurn(kIntakePoll);
+    scheduleIntakeTurn(gap);
     return;
   }
   intakeWatched_.store(false);
@@ -134,12 +138,20 @@ void TrackerCore::acceptIntake() {
   acceptIntakeLocked();
 }
 
+// The host's call asked only whether the library is known stopped; the look for a stop made
+// by another process is taken here. Calls that such a stop finds in the intake are dropped
+// (some came before it, but nothing tells which); those that came before a stop made here
+// are kept, as their record would have been had the turn come first.
 bool TrackerCore::acceptIntakeLocked(std::size_t most) {
+  if (intake_.empty())
+    return true;
+  const bool stoppedElsewhere = consent_->stopped() && consent_->stopSeenElsewhere();
   for (std::size_t n = 0; n < most; ++n) {
     auto call = intake_.pop();
     if (!call)
       return true;
-    scheduleIntake(*call);
+    if (!stoppedElsewhere)
+      scheduleIntake(*call);
   }
   return intake_.empty();
 }
@@ -147,22 +159,23 @@ bool TrackerCore::acceptIntakeLocked(std::size_t most) {
 // An event is built a moment after its call (1 ms on the main queue; with values, 100 ms on
 // the serial queue), counted from the call, not from its acceptance here.
 void TrackerCore::scheduleIntake(const IntakeCall& call) {
-  const bool withValues = call.intent.kind == OutboxIntent::Kind::eventWithValues;
+  const bool withValues = call.kind() == OutboxIntent::Kind::eventWithValues;
   const std::chrono::nanoseconds delay =
       withValues ? std::chrono::milliseconds(100) : std::chrono::milliseconds(1);
   const auto wait =
-      std::max(std::chrono::nanoseconds::zero(), call.at + delay - platform_->clock->now());
-  auto ticket = acceptReport(call.intent, call.at);
+      std::max(std::chrono::nanoseconds::zero(), call.at() + delay - platform_->clock->now());
+  OutboxIntent intent = call.intent();
+  auto ticket = acceptReport(intent, call.at());
   if (withValues) {
     scheduleEventBuild(self_, std::move(ticket), *mBackgroundQueue_, false, wait,
-                       [name = call.intent.name, values = call.intent.values](TrackerCore& t) {
-                         t.buildEventWithValues(name, values);
-                       });
+                       [name = std::move(intent.name), values = std::move(intent.values)](
+                           TrackerCore& t) { t.buildEventWithValues(name, values); });
   } else {
-    scheduleEventBuild(self_, std::move(ticket), *platform_->dispatcher->mainQueue(), true, wait,
-                       [name = call.intent.name, value = call.intent.value](TrackerCore& t) {
-                         t.callServerWithEventName(name, value, true, false);
-                       });
+    scheduleEventBuild(
+        self_, std::move(ticket), *platform_->dispatcher->mainQueue(), true, wait,
+        [name = std::move(intent.name), value = std::move(intent.value)](TrackerCore& t) {
+          t.callServerWithEventName(name, value, true, false);
+        });
   }
 }
 

@@ -31,11 +31,11 @@ Json cleanCopy(const Json& value) {
 
 }  // namespace
 
-std::string hostText(const std::string& text) {
+[[gnu::hot]] std::string hostText(const std::string& text) {
   return isValidUtf8(text) ? text : toValidUtf8(text);
 }
 
-std::optional<std::string> hostText(const std::optional<std::string>& text) {
+[[gnu::hot]] std::optional<std::string> hostText(const std::optional<std::string>& text) {
   if (!text)
     return std::nullopt;
   return hostText(*text);

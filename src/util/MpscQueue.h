@@ -77,6 +77,7 @@ class MpscQueue {
  private:
   // Zeroed memory is a valid slot: `stored` is its sequence number less its index in the
   // ring, and `value` holds a T only while the slot is filled.
+  static constexpr std::size_t kLine = 64;
   struct Slot {
     std::size_t stored;
     alignas(T) std::byte value[sizeof(T)];
@@ -186,14 +187,16 @@ class MpscQueue {
   const std::size_t size_;
   const std::size_t mask_;
   const std::unique_ptr<Slot[], FreeSlots> slots_;
-  std::atomic<std::size_t> writePosition_{0};
-  std::size_t readPosition_ = 0;  // the consumer's
+  // The pushes' line and the consumer's apart: a consumer that looks often would otherwise
+  // take the line from a lone push each time, and a push would pay for fetching it back.
+  alignas(kLine) std::atomic<std::size_t> writePosition_{0};
+  std::atomic<bool> overflowing_{false};
+  alignas(kLine) std::size_t readPosition_ = 0;  // the consumer's
   // Slots below this index were touched (the consumer's); the ring's size once all were.
   std::size_t touchedUpTo_ = 0;
   // How far ahead of the consumer the ring is kept in memory: a few hundred calls between
   // two of its turns.
   static constexpr std::size_t kTouchLead = 512;
-  std::atomic<bool> overflowing_{false};
   std::unique_ptr<Node> overflowTail_;  // the last node taken (or the first placeholder)
   std::atomic<Node*> overflowHead_;     // the newest node
 };

@@ -40,7 +40,7 @@ std::size_t sequenceLength(std::string_view s, std::size_t i) {
 
 }  // namespace
 
-bool isValidUtf8(std::string_view text) noexcept {
+[[gnu::hot]] bool isValidUtf8(std::string_view text) noexcept {
   for (std::size_t i = 0; i < text.size();) {
     const std::size_t n = sequenceLength(text, i);
     if (n == 0)

@@ -1,11 +1,16 @@
 #include <ctime>
 
+#include "platform/SystemClock.h"
 #include "platform/posix/PosixServices.h"
 
 namespace quorvel::platform {
 
-TimePoint PosixClock::now() const noexcept {
+[[gnu::hot]] TimePoint PosixClock::now() const noexcept {
   return std::chrono::system_clock::now();
+}
+
+bool isSystemClock(const Clock& clock) noexcept {
+  return dynamic_cast<const PosixClock*>(&clock) != nullptr;
 }
 
 long PosixClock::secondsFromGMT(TimePoint at) const noexcept {
