@@ -5,6 +5,22 @@
 #include <vector>
 
 namespace quorvel::platform {
+namespace {
+
+// The gates this thread holds, each with its depth: a hold taken again on the same thread
+// must not lock again (a shared lock taken twice while a stop waits is undefined).
+struct HeldGate {
+  const ConsentGate* gate;
+  int depth;
+};
+thread_local std::vector<HeldGate> tHeldGates;
+
+std::vector<HeldGate>::iterator findHeld(const ConsentGate* gate) {
+  return std::find_if(tHeldGates.begin(), tHeldGates.end(),
+                      [gate](const HeldGate& held) { return held.gate == gate; });
+}
+
+}  // namespace
 
 ConsentGate::ConsentGate(std::function<bool()> readStored, std::function<bool()> stoppedElsewhere,
                          std::shared_ptr<const Clock> clock)
@@ -66,25 +82,12 @@ void ConsentGate::stop() const {
 
 void ConsentGate::stopAndSettle() const {
   stop();
+  // From inside a hold of this thread (a host's log callback, say) waiting would never end:
+  // the work outside it still settles, this thread's own work sees the stop at its next look.
+  if (findHeld(this) != tHeldGates.end())
+    return;
   const std::unique_lock settled(settling_);
 }
-
-namespace {
-
-// The gates this thread holds, each with its depth: a hold taken again on the same thread
-// must not lock again (a shared lock taken twice while a stop waits is undefined).
-struct HeldGate {
-  const ConsentGate* gate;
-  int depth;
-};
-thread_local std::vector<HeldGate> tHeldGates;
-
-std::vector<HeldGate>::iterator findHeld(const ConsentGate* gate) {
-  return std::find_if(tHeldGates.begin(), tHeldGates.end(),
-                      [gate](const HeldGate& held) { return held.gate == gate; });
-}
-
-}  // namespace
 
 ConsentGate::Hold ConsentGate::hold() const {
   if (const auto held = findHeld(this); held != tHeldGates.end()) {

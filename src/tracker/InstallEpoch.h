@@ -24,8 +24,12 @@ class InstallEpoch {
   bool changedSinceLastLook();
   // True once after changedSinceLastLook() saw a change.
   bool takeRenewed();
-  // A forgetting here: a new epoch, which this process knows already.
-  bool renew(platform::Random& random);
+  // A forgetting here, by a tracker whose preferences are `store`: a new epoch, which this
+  // tracker knows already.
+  bool renew(platform::Random& random, const void* store);
+  // The epoch last seen was written by a tracker on the preferences `store` (which shares this
+  // one's copy of them).
+  bool renewedThrough(const void* store);
   // A forgetting removes every file of the install but this one.
   static constexpr const char* kName = "QuorvelInstallEpoch";
 

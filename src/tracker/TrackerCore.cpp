@@ -74,6 +74,8 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
       ledger_(std::make_shared<ReportLedger>()),
       systemClock_(platform::isSystemClock(*platform_->clock)),
       self_(std::make_shared<TrackerLifetime>(this)) {
+  // The install this process starts with: a forgetting made elsewhere from now on is news.
+  installEpoch_->changedSinceLastLook();
   // Before anything takes the platform's stores. The library's work writes through guards of
   // the host's consent, and each tracker has an outbox store of its own.
   switchPreferences_ = platform_->preferences;

@@ -124,29 +124,31 @@ bool TrackerCore::isStopped() const {
 void TrackerCore::setStopped(bool stopped) {
   static constexpr const char* kMethod = "-[QuorvelTracker setStopped:]";
   auto& fs = *platform_->fileSystem;
+  auto& prefs = *switchPreferences_;
+  // What this process does for another one's forgetting never falls inside a switch here.
+  const std::lock_guard lock(optInMutex_);
   if (stopped) {
     consent_->stopAndSettle();
     httpClient_->cancelRequestsUnderWay();
     fs.createDirectory(fs.libraryDirectory());
     if (!fs.writeFileAtomically(stopMarkerPath(*platform_), Bytes{kStoppedMark}))
       log_->log(kLogError, kMethod, "Quorvel could not tell other processes of the stop");
+    prefs.setBool(keys::kStopped, true);
   } else {
     // Forgotten by another process while stopped here, unseen so far: what this process still
     // holds of the install goes first, or it would go out under the consent given now.
-    const std::lock_guard lock(optInMutex_);
     forgetIfForgottenElsewhereLocked();
     forgottenHere_ = false;
+    prefs.removeObjectForKey(keys::kStopped);
+  }
+  // On the caller's thread: a consent given must hold even if the app is killed right after.
+  // Stored before the marker goes: a process that finds it gone finds the consent stored.
+  if (!prefs.synchronize())
+    log_->log(kLogError, kMethod, "Quorvel could not store the stop switch; it holds until exit");
+  if (!stopped) {
     fs.removeFile(stopMarkerPath(*platform_));
     consent_->run();
   }
-  auto& prefs = *switchPreferences_;
-  if (stopped)
-    prefs.setBool(keys::kStopped, true);
-  else
-    prefs.removeObjectForKey(keys::kStopped);
-  // On the caller's thread: a consent given must hold even if the app is killed right after.
-  if (!prefs.synchronize())
-    log_->log(kLogError, kMethod, "Quorvel could not store the stop switch; it holds until exit");
   log_->log(kLogInfo, kMethod,
             stopped ? "Quorvel stopped: nothing is collected, stored or sent until "
                       "setStopped(false), in this start and the next ones"

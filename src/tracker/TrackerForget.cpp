@@ -104,12 +104,13 @@ bool TrackerCore::forgetThisInstall() {
     setStopped(true);  // the stop holds, kept for the next starts, even so
     return false;
   }
-  // The other processes forget too, once they see it, even after an opt-in here.
-  if (!installEpoch_->renew(*platform_->random))
-    log_->log(kLogError, kMethod, "Quorvel could not mark the install as forgotten");
+  // The other processes forget too, once they see it: the marker says so, and the epoch,
+  // written after it, still says so once an opt-in here removed the marker.
   forgottenHere_ = true;
   if (!fs.writeFileAtomically(stopMarkerPath(*platform_), Bytes{kForgottenMark}, &reason))
     log_->log(kLogError, kMethod, "Quorvel could not tell other processes of the forgetting");
+  if (!installEpoch_->renew(*platform_->random, switchPreferences_.get()))
+    log_->log(kLogError, kMethod, "Quorvel could not mark the install as forgotten");
   return eraseInstall();
 }
 
@@ -130,7 +131,8 @@ void TrackerCore::forgetIfForgottenElsewhereLocked() {
   if (forgottenHere_ && !unfinished)
     return;  // the marker is this process's own, and its forgetting is done
   const auto mark = fs.readFile(stopMarkerPath(*platform_));
-  if (renewed && !mark) {
+  // Forgotten elsewhere, and since then consented again (no marker) or stopped plainly.
+  if (renewed && (!mark || *mark == Bytes{kStoppedMark})) {
     forgetOldInstallHeldHere();
     return;
   }
@@ -148,14 +150,19 @@ void TrackerCore::forgetOldInstallHeldHere() {
             "consented again since");
   acceptIntake();
   forgetInMemory();
-  // This process's copy of the preferences is the old install's: read again, never written.
-  if (auto* own = dynamic_cast<platform::JsonFilePreferencesStore*>(switchPreferences_.get()))
+  // This process's copy of the preferences is the old install's: read again, never written
+  // (unless a tracker of this process forgot: it shares the copy, which is the new one).
+  if (auto* own = dynamic_cast<platform::JsonFilePreferencesStore*>(switchPreferences_.get());
+      own && !installEpoch_->renewedThrough(switchPreferences_.get()))
     own->discardCopy();
-  // Left for this process, the holder: its reports are the old install's.
+  // What the outbox holds (the holder's records, a guest's reports in memory) is the old
+  // install's; the forgetting's marker, left for the holder, goes once it is emptied.
   auto& fs = *platform_->fileSystem;
-  if (fs.fileExists(forgetMarkerPath()) && outbox_->forgetAll())
+  if (outbox_->forgetAll())
     fs.removeFile(forgetMarkerPath());
-  consent_->run();
+  // Running again only if the consent was given again since; a stop stays.
+  if (!fs.fileExists(stopMarkerPath(*platform_)) && !switchPreferences_->boolForKey(keys::kStopped))
+    consent_->run();
 }
 
 void TrackerCore::forgetInMemory() {
@@ -197,7 +204,7 @@ void TrackerCore::finishForgettingIfStarted() {
   // The kill may have come before the stop marker was written: the stop holds, and the other
   // processes forget too.
   fs.writeFileAtomically(stopMarkerPath(*platform_), Bytes{kForgottenMark});
-  installEpoch_->renew(*platform_->random);
+  installEpoch_->renew(*platform_->random, switchPreferences_.get());
   eraseInstall();
 }
 

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <filesystem>
 #include <map>
@@ -17,6 +18,13 @@
 #include "platform/posix/SqliteStatement.h"
 
 namespace quorvel::platform {
+namespace {
+
+// Numbers the guest files of every store of the process: two trackers of one process that are
+// both guests never make the same file.
+std::atomic<std::uint64_t> processGuestNumber{0};
+
+}  // namespace
 
 std::vector<std::pair<std::uint64_t, std::string>> SqliteOutboxStore::intakeFiles() const {
   const std::filesystem::path database(path_);
@@ -130,7 +138,7 @@ bool SqliteOutboxStore::appendAsGuest(const std::vector<OutboxChange>& changes) 
       if (!guest_) {
         std::string reason;
         const std::string name = path_ + kGuestSuffix + std::to_string(::getpid()) + "-" +
-                                 std::to_string(++guestNumber_);
+                                 std::to_string(++processGuestNumber);
         guest_ = OutboxIntake::create(name, reason);
         if (!guest_)
           return false;

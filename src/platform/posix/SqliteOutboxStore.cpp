@@ -523,8 +523,7 @@ bool SqliteOutboxStore::syncOnce() noexcept {
     // A file that stays would lay its old changes over the database again at the next start
     // (an answered report back): one that cannot go now is tried again at the next sync.
     std::size_t gone = 0;
-    while (gone < covered.size() &&
-           (::unlink(covered[gone].c_str()) == 0 || errno == ENOENT))
+    while (gone < covered.size() && (::unlink(covered[gone].c_str()) == 0 || errno == ENOENT))
       ++gone;
     retired_.erase(retired_.begin(), retired_.begin() + static_cast<std::ptrdiff_t>(gone));
   }

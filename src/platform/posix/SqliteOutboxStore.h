@@ -139,7 +139,6 @@ class SqliteOutboxStore final : public OutboxStore {
   // holder took the last.
   std::mutex guestMutex_;
   std::shared_ptr<OutboxIntake> guest_;
-  std::uint64_t guestNumber_ = 0;
 
   std::mutex adoptMutex_;  // taken before the intake's
   std::vector<std::pair<std::uint64_t, std::string>> toAdopt_;
