@@ -265,7 +265,8 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // The queue's side; `mutex_` for the store is held.
   void writeBufferedLocked();
   void openLocked();
-  void scheduleLeftoverPage();
+  // `after` zero: at once; later after a page that a passing fault cut short.
+  void scheduleLeftoverPage(std::chrono::nanoseconds after = std::chrono::nanoseconds::zero());
   void loadLeftoverPage();
   // A record an earlier process left; none when it cannot be read.
   static std::optional<Leftover> parseLeftover(const platform::OutboxRecord& record);
@@ -411,6 +412,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   std::map<std::int64_t, std::optional<std::string>> unwritten_;
   bool rewriteScheduled_ = false;
   int rewriteAttempt_ = 0;
+  int leftoverPageAttempt_ = 0;  // pages cut short in a row
   std::uint64_t storeUnreadable_ = 0;
   platform::TimePoint guestWatchUntil_{};
   bool guestWatchScheduled_ = false;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "cache/Backoff.h"
 #include "cache/OutboxShared.h"
 
 namespace quorvel {
@@ -13,12 +14,16 @@ using namespace outbox_internal;
 
 // Pages are read and parsed on the sync queue, outside the store's lock: a page takes
 // milliseconds, which the writer's thread must not spend while this run's calls wait for it.
-void Outbox::scheduleLeftoverPage() {
+void Outbox::scheduleLeftoverPage(std::chrono::nanoseconds after) {
   std::weak_ptr<Outbox> weak = weak_from_this();
-  syncQueue_->async([weak] {
+  auto load = [weak] {
     if (const auto self = weak.lock())
       self->loadLeftoverPage();
-  });
+  };
+  if (after > std::chrono::nanoseconds::zero())
+    syncQueue_->asyncAfter(after, std::move(load));
+  else
+    syncQueue_->async(std::move(load));
 }
 
 void Outbox::loadLeftoverPage() {
@@ -36,7 +41,8 @@ void Outbox::loadLeftoverPage() {
     end = leftoversEnd_;
     generation = forgetGeneration_;
   }
-  const auto page = store->load(after, kPage);
+  bool complete = true;
+  const auto page = store->loadPage(after, kPage, complete);
   struct Read {
     std::int64_t id;
     std::size_t bytes;
@@ -44,8 +50,9 @@ void Outbox::loadLeftoverPage() {
   };
   std::vector<Read> read;
   read.reserve(page.size());
-  // Records come by number: the first of this process's own ends the earlier one's.
-  bool lastPage = page.size() < kPage;
+  // Records come by number: the first of this process's own ends the earlier one's. A page
+  // a passing fault cut short is no end: the rest is read again later.
+  bool lastPage = complete && page.size() < kPage;
   for (const auto& record : page) {
     if (record.id > end) {
       lastPage = true;
@@ -82,8 +89,12 @@ void Outbox::loadLeftoverPage() {
       unbuilt = releaseLeftoversLocked();
       take = take_;
     }
-    if (loadedUpTo_ < leftoversEnd_)
-      scheduleLeftoverPage();
+    if (loadedUpTo_ < leftoversEnd_) {
+      const bool cutShort = !complete && !lastPage;
+      leftoverPageAttempt_ = cutShort ? leftoverPageAttempt_ + 1 : 0;
+      scheduleLeftoverPage(cutShort ? kRewriteBackoff.delay(leftoverPageAttempt_, backoffRandom())
+                                    : std::chrono::nanoseconds::zero());
+    }
   }
   if (!unbuilt.empty() && take)
     take(std::move(unbuilt));

@@ -137,6 +137,32 @@ TEST_F(OutboxDamageTest, AnOldSchemaIsMigratedInPlace) {
   EXPECT_EQ(filesStartingWith(dir / "Library", "QuorvelOutbox.sqlite.corrupt-"), 0U);
 }
 
+// A healing that cannot be done now (a folder in the way of the saved records, as a full disk
+// would be) closes only the database: batches still reach the intake, a read says that more is
+// to come, and a later sync heals with them.
+TEST_F(OutboxDamageTest, AHealingThatFailsKeepsTheIntakeAndIsTriedAgain) {
+  writeRecords();
+  SqliteOutboxStore store(file());
+  std::string reason;
+  ASSERT_TRUE(store.open(reason)) << reason;
+  overwrite(file(), 4 * 4096, 4096);
+  std::filesystem::create_directories(file() + ".healing/in-the-way");
+  bool complete = true;
+  store.loadPage(-1, SIZE_MAX, complete);
+  EXPECT_FALSE(complete);
+  ASSERT_TRUE(store.apply({{kRecords + 1, "after"}}));
+  EXPECT_FALSE(store.sync());
+  std::filesystem::remove_all(file() + ".healing");
+  for (int n = 0; n < 4 && !store.sync(); ++n) {
+  }
+  const auto records = store.loadPage(-1, SIZE_MAX, complete);
+  EXPECT_TRUE(complete);
+  ASSERT_FALSE(records.empty());
+  EXPECT_GE(records.size(), static_cast<std::size_t>(kRecords - 30));
+  EXPECT_EQ(records.back().content, "after");
+  EXPECT_NE(store.takeHealingNote().find("set aside"), std::string::npos);
+}
+
 // A second opener, refused the store, keeps its records in a file of its own; the holder hears
 // of it and takes each file whole, and a guest whose file was taken starts another: nothing is lost
 // or taken twice.

@@ -95,6 +95,15 @@ class OutboxStore {
                            std::function<void(std::string_view)> /*onOtherFile*/) noexcept {}
   // Ends what watchFolder() began, until it is called again.
   virtual void unwatchFolder() noexcept {}
+  // As load(), with `complete` false when a passing fault (a failing read, a store closed
+  // until it heals) cut the page short: the records it holds are sound, and those after them
+  // are read later instead of being taken for the end. A store of the host's own built
+  // against an older header is built again against this one.
+  virtual std::vector<OutboxRecord> loadPage(std::int64_t afterId, std::size_t limit,
+                                             bool& complete) noexcept {
+    complete = true;
+    return load(afterId, limit);
+  }
 };
 
 }  // namespace quorvel::platform

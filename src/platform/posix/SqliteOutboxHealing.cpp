@@ -6,6 +6,7 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -77,12 +78,42 @@ void SqliteOutboxStore::healAfterDamage() noexcept {
     damage_ = 0;
     return;
   }
+  healOrWaitLocked();
+}
+
+// A failed healing (a full disk, a file in the way) closes the database only: the intake goes
+// on taking every batch, so that nothing is less durable than before the damage was met, and
+// sync() tries the healing again, less often the longer it fails.
+void SqliteOutboxStore::healOrWaitLocked() noexcept {
   std::string reason;
-  if (!healLocked(reason)) {
-    const std::lock_guard note(noteMutex_);
-    lastError_ = reason;
-    closeLocked();  // no store now: the library keeps what comes in memory and tries again
+  if (healLocked(reason)) {
+    healAttempts_ = 0;
+    return;
   }
+  if (syncDb_ != nullptr)
+    sqlite3_close_v2(std::exchange(syncDb_, nullptr));
+  if (db_ != nullptr)
+    sqlite3_close_v2(std::exchange(db_, nullptr));
+  ++healAttempts_;
+  healSkips_ = std::min<std::uint32_t>(healAttempts_ * healAttempts_, 60);
+  try {
+    const std::lock_guard note(noteMutex_);
+    lastError_ = reason + "; the reports are kept in the intake file meanwhile";
+  } catch (...) {
+  }
+}
+
+void SqliteOutboxStore::healAgainIfDue() noexcept {
+  const std::lock_guard syncing(syncMutex_);
+  const std::lock_guard adopting(adoptMutex_);
+  const std::lock_guard lock(intakeMutex_);
+  if (healAttempts_ == 0 || !intake_ || db_ != nullptr)
+    return;
+  if (healSkips_ > 0) {
+    --healSkips_;
+    return;
+  }
+  healOrWaitLocked();
 }
 
 bool SqliteOutboxStore::checkSchemaLocked(std::string& reason) noexcept {

@@ -333,34 +333,44 @@ bool SqliteOutboxStore::apply(const std::vector<OutboxChange>& changes) noexcept
   }
 }
 
-std::vector<OutboxRecord> SqliteOutboxStore::databasePage(std::int64_t afterId, std::size_t limit) {
+std::vector<OutboxRecord> SqliteOutboxStore::databasePage(std::int64_t afterId, std::size_t limit,
+                                                          bool& failed) {
   std::vector<OutboxRecord> records;
   SqliteStatement page(db_, "SELECT id, content FROM outbox WHERE id > ?1 ORDER BY id LIMIT ?2");
-  if (!page)
+  if (!page) {
+    noteFailureLocked(db_, "cannot read");
+    failed = true;
     return records;
+  }
   sqlite3_bind_int64(page.get(), 1, afterId);
   sqlite3_bind_int64(page.get(), 2,
                      static_cast<sqlite3_int64>(std::min<std::size_t>(limit, INT64_MAX)));
   int rc = SQLITE_OK;
   while ((rc = sqlite3_step(page.get())) == SQLITE_ROW)
     records.push_back(page.record());
-  // An error is never the end of the data: damage is healed and the page read again.
-  if (rc != SQLITE_DONE)
+  // An error is never the end of the data: damage is healed and the page read again, and a
+  // passing fault leaves the rest for a later read.
+  if (rc != SQLITE_DONE) {
     noteFailureLocked(db_, "cannot read");
+    failed = true;
+  }
   return records;
 }
 
 // The database's pages with the intake's changes laid over them. sync() may commit some of
 // those changes meanwhile (its transaction runs without the intake's lock), and laying a
 // change over a database that already has it changes nothing.
-std::vector<OutboxRecord> SqliteOutboxStore::mergedPage(std::int64_t afterId, std::size_t limit) {
+std::vector<OutboxRecord> SqliteOutboxStore::mergedPage(std::int64_t afterId, std::size_t limit,
+                                                        bool& failed) {
   std::map<std::int64_t, std::string> merged;
   std::map<std::int64_t, const Pending*> fromIntake;
   for (std::int64_t cursor = afterId; merged.size() + fromIntake.size() < limit;) {
-    auto page = databasePage(cursor, limit);
+    auto page = databasePage(cursor, limit, failed);
     const bool full = page.size() == limit;
-    // A full page says nothing of the numbers past its last: those wait for the next round.
-    const std::int64_t through = full ? page.back().id : std::numeric_limits<std::int64_t>::max();
+    // A full page says nothing of the numbers past its last: those wait for the next round;
+    // nor does one a read error cut short, whose rest waits for a later read.
+    const std::int64_t through = full || failed ? (page.empty() ? cursor : page.back().id)
+                                                : std::numeric_limits<std::int64_t>::max();
     for (auto& record : page)
       merged.insert_or_assign(record.id, std::move(record.content));
     // The older changes first, so that the newer one of a number wins.
@@ -374,7 +384,7 @@ std::vector<OutboxRecord> SqliteOutboxStore::mergedPage(std::int64_t afterId, st
           fromIntake.insert_or_assign(it->first, &it->second);
       }
     }
-    if (!full)
+    if (!full || failed)
       break;
     cursor = through;
   }
@@ -397,17 +407,30 @@ std::vector<OutboxRecord> SqliteOutboxStore::mergedPage(std::int64_t afterId, st
 
 std::vector<OutboxRecord> SqliteOutboxStore::load(std::int64_t afterId,
                                                   std::size_t limit) noexcept {
+  bool complete = true;
+  return loadPage(afterId, limit, complete);
+}
+
+std::vector<OutboxRecord> SqliteOutboxStore::loadPage(std::int64_t afterId, std::size_t limit,
+                                                      bool& complete) noexcept {
   adoptLeftIntakes();
+  complete = false;
   try {
     for (int attempt = 0;; ++attempt) {
       {
         const std::lock_guard lock(intakeMutex_);
-        if (db_ == nullptr || limit == 0)
+        if (db_ == nullptr || limit == 0) {
+          // Closed for good, or until a failed healing succeeds: only then is there more.
+          complete = limit == 0 || !intake_ || healAttempts_ == 0;
           return {};
+        }
         damage_ = 0;
-        auto page = mergedPage(afterId, limit);
-        if (damage_ == 0 || attempt > 0)
+        bool failed = false;
+        auto page = mergedPage(afterId, limit, failed);
+        if (damage_ == 0 || attempt > 0) {
+          complete = !failed;
           return page;
+        }
       }
       healAfterDamage();
     }
@@ -483,6 +506,7 @@ bool SqliteOutboxStore::commitToDatabase(const PendingMap& changes) noexcept {
 }
 
 bool SqliteOutboxStore::sync() noexcept {
+  healAgainIfDue();
   if (syncOnce())
     return true;
   {

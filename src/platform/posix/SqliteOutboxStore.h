@@ -40,6 +40,8 @@ class SqliteOutboxStore final : public OutboxStore {
   bool heldByAnotherProcess() const noexcept override { return heldElsewhere_; }
   bool apply(const std::vector<OutboxChange>& changes) noexcept override;
   std::vector<OutboxRecord> load(std::int64_t afterId, std::size_t limit) noexcept override;
+  std::vector<OutboxRecord> loadPage(std::int64_t afterId, std::size_t limit,
+                                     bool& complete) noexcept override;
   std::int64_t highestId() noexcept override;
   // Each process numbers its records from its first intake file's number times 2^32: above
   // what the database and every intake file left on the disk can hold, known from their
@@ -103,6 +105,11 @@ class SqliteOutboxStore final : public OutboxStore {
   bool healLocked(std::string& reason) noexcept;
   // A damaged page met by a read or a commit: healed unless a second look finds it sound.
   void healAfterDamage() noexcept;
+  // Heals, or closes the database and leaves the healing to a later sync(); the locks of
+  // healLocked() held.
+  void healOrWaitLocked() noexcept;
+  // The healing that failed, tried again when its turn came.
+  void healAgainIfDue() noexcept;
   // The intake files an earlier process left, oldest first.
   std::vector<std::pair<std::uint64_t, std::string>> intakeFiles() const;
   // Starts this process's intake file, numbered after those earlier processes left.
@@ -118,8 +125,9 @@ class SqliteOutboxStore final : public OutboxStore {
   // One move of the intake into the database and a checkpoint.
   bool syncOnce() noexcept;
   // The records after `afterId` that the database and the pending changes make together.
-  std::vector<OutboxRecord> mergedPage(std::int64_t afterId, std::size_t limit);
-  std::vector<OutboxRecord> databasePage(std::int64_t afterId, std::size_t limit);
+  // `failed` set when a read error cut the database's part short.
+  std::vector<OutboxRecord> mergedPage(std::int64_t afterId, std::size_t limit, bool& failed);
+  std::vector<OutboxRecord> databasePage(std::int64_t afterId, std::size_t limit, bool& failed);
 
   std::string path_;
   sqlite3* db_ = nullptr;  // the reads: pages and the highest number
@@ -129,7 +137,9 @@ class SqliteOutboxStore final : public OutboxStore {
   bool inherited_ = false;
   bool heldElsewhere_ = false;
   std::atomic<bool> released_{false};
-  int damage_ = 0;  // the SQLite code of damage met, until it is healed
+  int damage_ = 0;                  // the SQLite code of damage met, until it is healed
+  std::uint32_t healAttempts_ = 0;  // failed healings in a row; the database closed meanwhile
+  std::uint32_t healSkips_ = 0;     // syncs to let pass before the next try
   std::atomic<std::uint64_t> unreadable_{0};
   mutable std::mutex noteMutex_;
   std::string lastError_;
