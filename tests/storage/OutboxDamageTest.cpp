@@ -2,10 +2,13 @@
 // record still readable is saved into a fresh database, what is lost is counted, and the store
 // is durable again. A passing fault never sets a sound database aside.
 #include <sqlite3.h>
+#include <sys/inotify.h>
+#include <unistd.h>
 
 #include <condition_variable>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <mutex>
 #include <random>
 
@@ -219,6 +222,27 @@ TEST_F(OutboxDamageTest, AGuestsRecordsGoToTheHolderOnce) {
   taker = &next;
   EXPECT_EQ(next.adoptGuests(keep), 1U);
   EXPECT_EQ(taken, (std::vector<std::string>{"a", "b", "c", "d", "e"}));
+}
+
+// With every inotify instance of the user taken when the holder begins to watch, it still
+// hears of a guest's file: it looks at the folder instead (a real wait, bounded).
+TEST_F(OutboxDamageTest, AHolderWithoutInotifyStillHearsOfAGuest) {
+  SqliteOutboxStore holder(file());
+  SqliteOutboxStore guest(file());
+  std::string reason;
+  ASSERT_TRUE(holder.open(reason)) << reason;
+  ASSERT_FALSE(guest.open(reason));
+  std::vector<int> taken;  // held for a moment only: other tests may want one
+  for (int fd = 0; taken.size() < 100'000 && (fd = ::inotify_init1(IN_CLOEXEC)) >= 0;)
+    taken.push_back(fd);
+  std::promise<void> seen;
+  std::once_flag once;
+  holder.watchFolder([&] { std::call_once(once, [&] { seen.set_value(); }); }, nullptr);
+  for (const int fd : taken)
+    ::close(fd);
+  ASSERT_TRUE(guest.appendAsGuest({{1, "a"}}));
+  EXPECT_EQ(seen.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  holder.unwatchFolder();
 }
 
 // Forgetting never waits for a guest file that is being taken: the taking may be this process's

@@ -57,16 +57,31 @@ bool tellEvents(const NewFileWatch::State& state) noexcept {
   }
 }
 
+// Without inotify (every instance the user may have is taken) the folder is not watched but
+// looked at: once a second the caller hears "any file may have been made", so that a guest's
+// reports or another process's stop still reach an idle holder within a second or two.
+constexpr int kLookEveryMs = 1000;
+
 void watchUntilStopped(const std::shared_ptr<const NewFileWatch::State>& state) noexcept {
+  // A negative descriptor is skipped by poll(): only the stop is waited for then.
   std::array<pollfd, 2> fds{{{state->watch.get(), POLLIN, 0}, {state->stop.get(), POLLIN, 0}}};
+  const int timeout = state->watch.get() < 0 ? kLookEveryMs : -1;
   for (;;) {
-    if (::poll(fds.data(), fds.size(), -1) < 0) {
+    const int ready = ::poll(fds.data(), fds.size(), timeout);
+    if (ready < 0) {
       if (errno == EINTR)
         continue;
       return;
     }
     if (fds[1].revents != 0)
       return;
+    if (ready == 0 && !state->stopped.load()) {
+      try {
+        state->onNewFile(std::string_view());
+      } catch (...) {
+        // Looked at again in a second.
+      }
+    }
     if (fds[0].revents != 0 && !tellEvents(*state))
       return;
   }
@@ -77,12 +92,16 @@ void watchUntilStopped(const std::shared_ptr<const NewFileWatch::State>& state) 
 std::unique_ptr<NewFileWatch> NewFileWatch::start(const std::string& folder,
                                                   std::function<void(std::string_view)> onNewFile) {
   auto state = std::make_shared<State>();
-  state->watch = ParentOnlyDescriptor(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
   state->stop = ParentOnlyDescriptor(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
-  if (state->watch.get() < 0 || state->stop.get() < 0 ||
-      ::inotify_add_watch(state->watch.get(), folder.c_str(),
-                          IN_CREATE | IN_MOVED_TO | IN_ONLYDIR) < 0)
+  if (state->stop.get() < 0)
     return nullptr;
+  state->watch = ParentOnlyDescriptor(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+  if (state->watch.get() >= 0 && ::inotify_add_watch(state->watch.get(), folder.c_str(),
+                                                     IN_CREATE | IN_MOVED_TO | IN_ONLYDIR) < 0) {
+    if (errno == ENOENT || errno == ENOTDIR)
+      return nullptr;                       // no such folder to look at either
+    state->watch = ParentOnlyDescriptor();  // no watch left: looked at instead
+  }
   state->onNewFile = std::move(onNewFile);
   try {
     std::unique_ptr<NewFileWatch> watch(new NewFileWatch(state));

@@ -9,8 +9,10 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <filesystem>
 #include <map>
+#include <random>
 #include <string>
 #include <utility>
 #include <vector>
@@ -23,6 +25,19 @@ namespace {
 // Numbers the guest files of every store of the process: two trackers of one process that are
 // both guests never make the same file.
 std::atomic<std::uint64_t> processGuestNumber{0};
+
+// With the process id, names this process's guest files apart from those of a dead process
+// that had the same id: a holder's note of a file it was taking names the file, and must
+// never match a new one.
+const std::string& processGuestToken() {
+  static const std::string token = [] {
+    std::random_device random;
+    char text[17];
+    std::snprintf(text, sizeof text, "%08x%08x", random(), random());
+    return std::string(text);
+  }();
+  return token;
+}
 
 }  // namespace
 
@@ -138,7 +153,7 @@ bool SqliteOutboxStore::appendAsGuest(const std::vector<OutboxChange>& changes) 
       if (!guest_) {
         std::string reason;
         const std::string name = path_ + kGuestSuffix + std::to_string(::getpid()) + "-" +
-                                 std::to_string(++processGuestNumber);
+                                 processGuestToken() + "-" + std::to_string(++processGuestNumber);
         guest_ = OutboxIntake::create(name, reason);
         if (!guest_)
           return false;
