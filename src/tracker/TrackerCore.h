@@ -337,9 +337,10 @@ class TrackerCore {
   // The install's state this process holds in memory: what the host set about the user, the
   // counters' floors, the link and push payload waiting for a launch.
   void forgetInMemory();
-  // Another process forgot the install and the user consented again before this one looked:
-  // what it holds of the old install goes; the files are the new install's.
-  void forgetOldInstallHeldHere();
+  // Another process forgot the install and the user consented again (or the library was
+  // stopped plainly, `stoppedSince`) before this one looked: what it holds of the old install
+  // goes; the files are the new install's.
+  void forgetOldInstallHeldHere(bool stoppedSince);
   bool waitSettledTurningOwnQueues(std::uint64_t mark, std::chrono::milliseconds timeout);
   const std::uint64_t forkGeneration_ = platform::forkGeneration();
   template <typename T>

@@ -52,6 +52,8 @@ constexpr std::array kPreferenceKeys = {keys::kCounter,
                                         keys::kDeviceToken};
 
 constexpr std::string_view kTempInfix = ".tmp-";
+// A download's body, valid during its delegate's call only: a kill then leaves it behind.
+constexpr std::string_view kDownloadPrefix = "quorvel-download-";
 // The app's folders nest shallowly (Library/Caches/<cache>); deeper is none of ours.
 constexpr int kSweepDepth = 3;
 
@@ -61,7 +63,7 @@ bool sweepTemporaryFiles(platform::FileSystem& fs, const std::string& directory,
   bool all = true;
   for (const auto& name : fs.contentsOfDirectory(directory).value_or(std::vector<std::string>{})) {
     const std::string path = directory + "/" + name;
-    if (name.find(kTempInfix) != std::string::npos)
+    if (name.find(kTempInfix) != std::string::npos || name.starts_with(kDownloadPrefix))
       all = (fs.removeFile(path) || !fs.fileExists(path)) && all;
     else if (depth > 1)
       all = sweepTemporaryFiles(fs, path, depth - 1) && all;
@@ -133,7 +135,7 @@ void TrackerCore::forgetIfForgottenElsewhereLocked() {
   const auto mark = fs.readFile(stopMarkerPath(*platform_));
   // Forgotten elsewhere, and since then consented again (no marker) or stopped plainly.
   if (renewed && (!mark || *mark == Bytes{kStoppedMark})) {
-    forgetOldInstallHeldHere();
+    forgetOldInstallHeldHere(mark.has_value());
     return;
   }
   if (!unfinished && !(mark && *mark == Bytes{kForgottenMark}))
@@ -144,10 +146,12 @@ void TrackerCore::forgetIfForgottenElsewhereLocked() {
   eraseInstall();
 }
 
-void TrackerCore::forgetOldInstallHeldHere() {
-  log_->log(kLogInfo, kMethod,
-            "Quorvel lets go of the install it held: another process forgot it, and the user "
-            "consented again since");
+void TrackerCore::forgetOldInstallHeldHere(bool stoppedSince) {
+  log_->log(kLogInfo, kMethod, "%@",
+            stoppedSince ? std::string("Quorvel lets go of the install it held: another process "
+                                       "forgot it, and it has been stopped since")
+                         : std::string("Quorvel lets go of the install it held: another process "
+                                       "forgot it, and the user consented again since"));
   acceptIntake();
   forgetInMemory();
   // This process's copy of the preferences is the old install's: read again, never written
@@ -221,9 +225,11 @@ bool TrackerCore::eraseInstall() {
   const bool outboxEmptied = outbox_->forgetAll();
   const bool outboxElsewhere = !outboxEmptied && outbox_->dataDirectoryHeldElsewhere();
   whole = (outboxEmptied || outboxElsewhere) && whole;
-  whole = sweepTemporaryFiles(*platform_->fileSystem, platform_->fileSystem->libraryDirectory(),
-                              kSweepDepth) &&
-          whole;
+  whole =
+      sweepTemporaryFiles(*platform_->fileSystem, platform_->fileSystem->libraryDirectory(),
+                          kSweepDepth) &&
+      sweepTemporaryFiles(*platform_->fileSystem, platform_->fileSystem->temporaryDirectory(), 1) &&
+      whole;
   auto& prefs = *switchPreferences_;
   if (!prefs.removeAllObjects()) {
     for (const char* key : kPreferenceKeys)

@@ -137,7 +137,8 @@ TEST(Forget, ForgettingLeavesOnlyTheStopFlagAndTheNextRunIsAFreshInstall) {
                                .itemPath(keys::kKeychainService, keys::kKeychainIdItem);
   for (const std::string& left :
        {item + ".tmp-Kq3x9Z", dir / "app/Library/QuorvelForgetting.tmp-a1",
-        dir / "app/Library/Preferences/com.example.forget.json.tmp-b2"})
+        dir / "app/Library/Preferences/com.example.forget.json.tmp-b2",
+        dir / "app/tmp/quorvel-download-71-3"})
     std::ofstream(left) << "old-uid";
 
   std::string uid;
