@@ -86,7 +86,8 @@ struct QuorvelDeliveryStats {
   // only repeats, each marked on the wire as a replay.
   std::uint64_t repeated = 0;
   // Another process holds this app's data directory (the same app started twice): this
-  // tracker sends from memory only, and nothing of the directory's reports is its to send.
+  // tracker keeps its reports on disk for that process to send (in memory when the disk
+  // refuses them), and nothing of the directory's reports is its to send.
   bool dataDirectoryHeldElsewhere = false;
   // Added last, so that the fields before keep their places.
   // Answered 4xx (but 429): the service will never take them; not sent again.

@@ -25,9 +25,10 @@ void Outbox::openLocked() {
     if (store_->heldByAnotherProcess()) {
       heldElsewhere_ = true;
       log_->log(kLogError, kMethod,
-                "Quorvel: another process uses this app's data directory (%@): this tracker keeps "
-                "its reports in memory, and builds and sends them once that process lets the "
-                "directory go; the kept requests there are left to that process",
+                "Quorvel: another process uses this app's data directory (%@): this tracker "
+                "keeps its reports on disk for that process to send (in memory, sent once that "
+                "process lets the directory go, when the disk refuses them); the kept requests "
+                "there are left to that process",
                 reason);
     } else {
       // A full disk or a folder not yet writable passes: the store is tried again, and what

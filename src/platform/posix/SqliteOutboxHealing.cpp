@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <limits>
 #include <string>
 #include <utility>
 #include <vector>
@@ -55,9 +56,19 @@ bool SqliteOutboxStore::healLocked(std::string& reason) noexcept {
     unreadable_.fetch_add(saved.lost);
     std::string note = "Quorvel outbox: the damaged database was set aside as " + aside + "; " +
                        std::to_string(saved.records.size()) + " records saved";
-    for (const auto& [from, to] : saved.gaps)
-      note += "; the records between " + std::to_string(from) + " and " + std::to_string(to) +
-              " could not be read";
+    constexpr auto kNone = std::numeric_limits<std::int64_t>::min();
+    constexpr auto kAll = std::numeric_limits<std::int64_t>::max();
+    for (const auto& [from, to] : saved.gaps) {
+      note += from == kNone && to == kAll ? std::string("; no record could be read")
+              : to == kAll    ? "; the records after " + std::to_string(from) + " could not be read"
+              : from == kNone ? "; the records before " + std::to_string(to) + " could not be read"
+                              : "; the records between " + std::to_string(from) + " and " +
+                                    std::to_string(to) + " could not be read";
+    }
+    // Where the pages themselves are lost, what they held is known only from below: each
+    // unreadable page held one record at least.
+    if (saved.lost > 0)
+      note += "; at least " + std::to_string(saved.lost) + " records lost";
     const std::lock_guard lock(noteMutex_);
     healingNote_ = std::move(note);
     return true;
