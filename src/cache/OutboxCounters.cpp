@@ -31,9 +31,11 @@ std::int64_t Outbox::counterFloor(const std::string& key) {
     store = store_;
     generation = forgetGeneration_;
   }
-  const auto first = store->load(kCountersRecord - 1, 1);
+  bool complete = true;
+  const auto first = store->loadPage(kCountersRecord - 1, 1, complete);
   const std::lock_guard lock(storeMutex_);
-  if (!countersRead_ && store_ == store && generation == forgetGeneration_)
+  // A read a passing fault cut short says nothing of the stored counters: asked again later.
+  if (complete && !countersRead_ && store_ == store && generation == forgetGeneration_)
     mergeCountersLocked(first);
   return counterLocked(key);
 }

@@ -165,11 +165,17 @@ bool Outbox::forgetAll() noexcept {
     leftovers_.clear();
     replays_.clear();
     loadedUpTo_ = leftoversEnd_;
+    leftoverPageAttempt_ = 0;
     ++forgetGeneration_;  // a page being read now is dropped
     counters_ = Json::object();
     countersDirty_ = false;
-    if (!store_)
-      return !heldElsewhere_;  // another process's store is not this one's to forget
+    if (!store_) {
+      // Another process's store is not this one's to forget; what this one kept there for it,
+      // not yet taken, is, and goes (a report handed over just before the stop was seen).
+      if (lockedOut_)
+        lockedOut_->removeOwnGuestFiles();
+      return !heldElsewhere_;
+    }
     if (store_->destroy()) {
       // Opened again, new and empty, only when a report comes: a stopped library leaves no file.
       // Its watch went with it, and begins again once the new store idles.

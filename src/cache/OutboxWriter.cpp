@@ -50,8 +50,21 @@ void Outbox::writeBufferedLocked() {
     noted.swap(noted_);
   }
   const bool handOverFailed = heldElsewhere_ && lockedOut_ && !handOverToHolderLocked(batch);
-  if (!noted.empty() && !countersRead_ && store_)
-    mergeCountersLocked(store_->load(kCountersRecord - 1, 1));  // never written over unread
+  if (!noted.empty() && !countersRead_ && store_) {
+    bool complete = true;
+    auto first = store_->loadPage(kCountersRecord - 1, 1, complete);
+    if (complete)
+      mergeCountersLocked(first);
+  }
+  if (!countersRead_ && store_ && !noted.empty()) {
+    // Never written over stored counters not yet read: kept for a batch after they are.
+    const std::lock_guard lock(bufferMutex_);
+    for (const auto& [key, value] : noted) {
+      auto& kept = noted_[key];
+      kept = std::max(kept, value);
+    }
+    noted.clear();
+  }
   for (const auto& [key, value] : noted) {
     const auto it = counters_.find(key);
     if (it == counters_.end() || !it->is_number_integer() || it->get<std::int64_t>() < value) {

@@ -222,6 +222,11 @@ TEST_F(OutboxDamageTest, AGuestsRecordsGoToTheHolderOnce) {
   taker = &next;
   EXPECT_EQ(next.adoptGuests(keep), 1U);
   EXPECT_EQ(taken, (std::vector<std::string>{"a", "b", "c", "d", "e"}));
+
+  // A guest's forgetting takes back what it kept and the holder has not taken.
+  ASSERT_TRUE(guest.appendAsGuest({{6, "f"}}));
+  guest.removeOwnGuestFiles();
+  EXPECT_EQ(next.adoptGuests(keep), 0U);
 }
 
 // With every inotify instance of the user taken when the holder begins to watch, it still
@@ -232,9 +237,13 @@ TEST_F(OutboxDamageTest, AHolderWithoutInotifyStillHearsOfAGuest) {
   std::string reason;
   ASSERT_TRUE(holder.open(reason)) << reason;
   ASSERT_FALSE(guest.open(reason));
+  // One descriptor kept free, whichever limit ends the taking (the user's instances or the
+  // process's descriptors): the watch's own wake-up needs one.
+  const int spare = ::dup(0);
   std::vector<int> taken;  // held for a moment only: other tests may want one
   for (int fd = 0; taken.size() < 100'000 && (fd = ::inotify_init1(IN_CLOEXEC)) >= 0;)
     taken.push_back(fd);
+  ::close(spare);
   std::promise<void> seen;
   std::once_flag once;
   holder.watchFolder([&] { std::call_once(once, [&] { seen.set_value(); }); }, nullptr);

@@ -95,6 +95,9 @@ class OutboxStore {
                            std::function<void(std::string_view)> /*onOtherFile*/) noexcept {}
   // Ends what watchFolder() began, until it is called again.
   virtual void unwatchFolder() noexcept {}
+  // For a process that kept records as a guest: removes the files it kept them in, whether
+  // or not the holder took them yet (a forgetting: they are the forgotten install's).
+  virtual void removeOwnGuestFiles() noexcept {}
   // As load(), with `complete` false when a passing fault (a failing read, a store closed
   // until it heals) cut the page short: the records it holds are sound, and those after them
   // are read later instead of being taken for the end. A store of the host's own built

@@ -9,6 +9,7 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -58,14 +59,17 @@ bool tellEvents(const NewFileWatch::State& state) noexcept {
 }
 
 // Without inotify (every instance the user may have is taken) the folder is not watched but
-// looked at: once a second the caller hears "any file may have been made", so that a guest's
-// reports or another process's stop still reach an idle holder within a second or two.
-constexpr int kLookEveryMs = 1000;
+// looked at: the caller hears "any file may have been made" a second after the watch began,
+// then less often, up to every 8 s, so that a guest's reports or another process's stop still
+// reach an idle holder within seconds, at a few wake-ups a minute.
+constexpr int kFirstLookMs = 1000;
+constexpr int kLastLookMs = 8000;
 
 void watchUntilStopped(const std::shared_ptr<const NewFileWatch::State>& state) noexcept {
   // A negative descriptor is skipped by poll(): only the stop is waited for then.
   std::array<pollfd, 2> fds{{{state->watch.get(), POLLIN, 0}, {state->stop.get(), POLLIN, 0}}};
-  const int timeout = state->watch.get() < 0 ? kLookEveryMs : -1;
+  const bool looking = state->watch.get() < 0;
+  int timeout = looking ? kFirstLookMs : -1;
   for (;;) {
     const int ready = ::poll(fds.data(), fds.size(), timeout);
     if (ready < 0) {
@@ -79,8 +83,9 @@ void watchUntilStopped(const std::shared_ptr<const NewFileWatch::State>& state) 
       try {
         state->onNewFile(std::string_view());
       } catch (...) {
-        // Looked at again in a second.
+        // Looked at again at the next turn.
       }
+      timeout = std::min(timeout * 2, kLastLookMs);
     }
     if (fds[0].revents != 0 && !tellEvents(*state))
       return;

@@ -28,15 +28,24 @@ std::atomic<std::uint64_t> processGuestNumber{0};
 
 // With the process id, names this process's guest files apart from those of a dead process
 // that had the same id: a holder's note of a file it was taking names the file, and must
-// never match a new one.
-const std::string& processGuestToken() {
-  static const std::string token = [] {
+// never match a new one. Made again in a forked child (siblings may come to have the same
+// process id); the id and the token share one word, so that every thread of a process agrees
+// on it without a lock, which a fork could leave held.
+std::string processGuestToken() {
+  static std::atomic<std::uint64_t> state{0};
+  const auto pid = static_cast<std::uint32_t>(::getpid());
+  std::uint64_t now = state.load();
+  if (now >> 32 != pid) {
     std::random_device random;
-    char text[17];
-    std::snprintf(text, sizeof text, "%08x%08x", random(), random());
-    return std::string(text);
-  }();
-  return token;
+    const std::uint64_t made = (std::uint64_t{pid} << 32) | random();
+    if (!state.compare_exchange_strong(now, made))
+      now = state.load();  // another thread of this process made it first
+    else
+      now = made;
+  }
+  char text[9];
+  std::snprintf(text, sizeof text, "%08x", static_cast<unsigned>(now & 0xffffffffU));
+  return text;
 }
 
 }  // namespace
@@ -175,9 +184,10 @@ bool SqliteOutboxStore::appendAsGuest(const std::vector<OutboxChange>& changes) 
   return false;
 }
 
-std::optional<SqliteOutboxStore::TakingMark> SqliteOutboxStore::takingMark() noexcept {
+std::optional<SqliteOutboxStore::TakingMark> SqliteOutboxStore::takingMark(
+    bool& readable) noexcept {
   try {
-    const auto first = load(kTakingMark - 1, 1);
+    const auto first = loadPage(kTakingMark - 1, 1, readable);
     if (first.empty() || first.front().id != kTakingMark)
       return std::nullopt;
     const std::string& content = first.front().content;
@@ -194,7 +204,10 @@ std::size_t SqliteOutboxStore::adoptGuests(
     const std::function<bool(std::vector<OutboxRecord>)>& keep) noexcept {
   std::size_t taken = 0;
   try {
-    const auto mark = takingMark();
+    bool readable = true;
+    const auto mark = takingMark(readable);
+    if (!readable)
+      return 0;  // the mark unknown now: a file it names would be taken twice
     bool markDone = mark && ::access(mark->file.c_str(), F_OK) != 0;
     for (const auto& file : guestFiles()) {
       if (released_)
@@ -265,6 +278,21 @@ void SqliteOutboxStore::watchFolder(std::function<void()> onGuest,
 void SqliteOutboxStore::unwatchFolder() noexcept {
   const std::lock_guard watching(watchMutex_);
   folderWatch_.reset();
+}
+
+void SqliteOutboxStore::removeOwnGuestFiles() noexcept {
+  try {
+    const std::lock_guard lock(guestMutex_);
+    guest_.reset();
+    const std::string own = std::filesystem::path(path_).filename().string() + kGuestSuffix +
+                            std::to_string(::getpid()) + "-" + processGuestToken() + "-";
+    for (const auto& file : guestFiles()) {
+      if (std::filesystem::path(file).filename().string().starts_with(own))
+        ::unlink(file.c_str());
+    }
+  } catch (...) {
+    // Out of memory: what is left goes with the next forgetting, or is taken by the holder.
+  }
 }
 
 std::vector<std::string> SqliteOutboxStore::guestFiles() const {

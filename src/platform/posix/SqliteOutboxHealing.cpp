@@ -51,8 +51,7 @@ bool SqliteOutboxStore::healLocked(std::string& reason) noexcept {
       return false;
     }
     damage_ = 0;
-    if (!openDatabaseLocked(reason))
-      return false;
+    // Counted before the open: a failed open leaves the healed file, which the next try opens.
     unreadable_.fetch_add(saved.lost);
     std::string note = "Quorvel outbox: the damaged database was set aside as " + aside + "; " +
                        std::to_string(saved.records.size()) + " records saved";
@@ -69,9 +68,11 @@ bool SqliteOutboxStore::healLocked(std::string& reason) noexcept {
     // unreadable page held one record at least.
     if (saved.lost > 0)
       note += "; at least " + std::to_string(saved.lost) + " records lost";
-    const std::lock_guard lock(noteMutex_);
-    healingNote_ = std::move(note);
-    return true;
+    {
+      const std::lock_guard lock(noteMutex_);
+      healingNote_ = std::move(note);
+    }
+    return openDatabaseLocked(reason);
   } catch (...) {
     reason = "out of memory healing " + path_;
     return false;
@@ -101,6 +102,10 @@ void SqliteOutboxStore::healOrWaitLocked() noexcept {
     healAttempts_ = 0;
     return;
   }
+  waitToHealLocked(reason);
+}
+
+void SqliteOutboxStore::waitToHealLocked(const std::string& reason) noexcept {
   if (syncDb_ != nullptr)
     sqlite3_close_v2(std::exchange(syncDb_, nullptr));
   if (db_ != nullptr)
@@ -122,6 +127,21 @@ void SqliteOutboxStore::healAgainIfDue() noexcept {
     return;
   if (healSkips_ > 0) {
     --healSkips_;
+    return;
+  }
+  // An earlier try may have got as far as the healed file (its records saved, the damaged
+  // one set aside): that file is opened, never healed again.
+  if (const std::string healing = path_ + kHealingSuffix;
+      ::access(path_.c_str(), F_OK) != 0 && ::access(healing.c_str(), F_OK) == 0)
+    ::rename(healing.c_str(), path_.c_str());
+  damage_ = 0;
+  std::string reason;
+  if (::access(path_.c_str(), F_OK) == 0 && openDatabaseLocked(reason)) {
+    healAttempts_ = 0;
+    return;
+  }
+  if (damage_ == 0) {
+    waitToHealLocked(reason);  // a passing fault (a full disk): tried again later
     return;
   }
   healOrWaitLocked();

@@ -108,6 +108,7 @@ void SqliteOutboxStore::close() noexcept {
 
 void SqliteOutboxStore::closeLocked() noexcept {
   intake_.reset();
+  healAttempts_ = 0;
   idFloor_ = 0;
   retired_.clear();
   pending_.clear();
@@ -415,6 +416,9 @@ std::vector<OutboxRecord> SqliteOutboxStore::loadPage(std::int64_t afterId, std:
                                                       bool& complete) noexcept {
   adoptLeftIntakes();
   complete = false;
+  // A healing that failed is tried again by reads too: a process that writes nothing has
+  // no sync to try it.
+  healAgainIfDue();
   try {
     for (int attempt = 0;; ++attempt) {
       {
@@ -442,10 +446,10 @@ std::vector<OutboxRecord> SqliteOutboxStore::loadPage(std::int64_t afterId, std:
 std::int64_t SqliteOutboxStore::idFloor() noexcept {
   {
     const std::lock_guard lock(intakeMutex_);
+    if (idFloor_ > 0)
+      return idFloor_;  // known from the intake's number, whatever the database does now
     if (db_ == nullptr)
       return 0;
-    if (idFloor_ > 0)
-      return idFloor_;
   }
   return highestId() + 1;
 }

@@ -60,6 +60,7 @@ class SqliteOutboxStore final : public OutboxStore {
   void watchFolder(std::function<void()> onGuest,
                    std::function<void(std::string_view)> onOtherFile) noexcept override;
   void unwatchFolder() noexcept override;
+  void removeOwnGuestFiles() noexcept override;
 
  private:
   static constexpr const char* kIntakeSuffix = ".intake-";
@@ -74,7 +75,8 @@ class SqliteOutboxStore final : public OutboxStore {
     std::string file;
     std::uint64_t length = 0;
   };
-  std::optional<TakingMark> takingMark() noexcept;
+  // `readable` false when the store could not be read now (the mark unknown).
+  std::optional<TakingMark> takingMark(bool& readable) noexcept;
   // Removes the guest files of other processes (forgetting); false when one was held.
   bool removeGuests();
   // The guest files in the data directory, whichever process wrote them.
@@ -108,6 +110,8 @@ class SqliteOutboxStore final : public OutboxStore {
   // Heals, or closes the database and leaves the healing to a later sync(); the locks of
   // healLocked() held.
   void healOrWaitLocked() noexcept;
+  // Closes the database until the healing is tried again, a few syncs later.
+  void waitToHealLocked(const std::string& reason) noexcept;
   // The healing that failed, tried again when its turn came.
   void healAgainIfDue() noexcept;
   // The intake files an earlier process left, oldest first.
