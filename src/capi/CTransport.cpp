@@ -97,7 +97,8 @@ class CTransport final : public Transport {
 
   void send(TransportRequest request, TransportDone done) noexcept override {
     // Once the handle is destroyed the host's transport state may be gone: never call it.
-    if (!gate_->enter())
+    ReleaseHold hold;  // declared first, so let go once the gate is left
+    if (!gate_->enter(hold))
       return failRequest(done, "the tracker was destroyed");
     const Leave leave{*gate_};
     const HostCallScope inside(gate_.get(), HostCallScope::Kind::send);

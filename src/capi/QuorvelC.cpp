@@ -42,11 +42,24 @@ bool HostCallScope::inside(const void* handle, std::optional<Kind> kind) noexcep
   return false;
 }
 
-bool CallGate::enter() {
+HostRelease::~HostRelease() {
+  const auto release = release_;
+  if (release == nullptr)
+    return;
+  // Never on the host's thread inside destroy, nor under a lock of the library's.
+  try {
+    std::thread([release, userData = userData_] { release(userData); }).detach();
+  } catch (...) {
+    release(userData_);  // no thread to be had: late is worse than here
+  }
+}
+
+bool CallGate::enter(ReleaseHold& hold) {
   const std::lock_guard lock(mutex_);
   if (closed_)
     return false;
   ++running_;
+  hold = release_;
   return true;
 }
 
@@ -57,8 +70,10 @@ void CallGate::leave() {
 }
 
 void CallGate::close(std::chrono::milliseconds bound) {
+  ReleaseHold released;  // let go outside the lock
   std::unique_lock lock(mutex_);
   closed_ = true;
+  released = std::move(release_);
   // The closing thread's own send would never end while it waits.
   const int own = HostCallScope::inside(this, HostCallScope::Kind::send) ? 1 : 0;
   idle_.wait_for(lock, bound, [&] { return running_ <= own; });
@@ -90,8 +105,9 @@ namespace {
 template <typename Struct>
 constexpr std::array<std::size_t, 1> kKnownSizes{sizeof(Struct)};
 template <>
-constexpr std::array<std::size_t, 2> kKnownSizes<quorvel_options>{
-    offsetof(quorvel_options, transport),  // 1.0, before the host's transport
+constexpr std::array<std::size_t, 3> kKnownSizes<quorvel_options>{
+    offsetof(quorvel_options, transport),          // 1.0, before the host's transport
+    offsetof(quorvel_options, transport_release),  // 1.1 to 1.3, before its release
     sizeof(quorvel_options)};
 
 template <typename Struct>
@@ -267,9 +283,19 @@ quorvel_status quorvel_tracker_create(const quorvel_options* given, quorvel_trac
   quorvel_options_init(&o);
   if (given != nullptr && !quorvel::capi::readSized(given, o))
     return QUORVEL_ERROR_INVALID_ARGUMENT;
+  // A tracker never made is never released: the host still holds all it lent.
+  std::shared_ptr<quorvel::capi::HostRelease> release;
+  const auto failed = [&release] {
+    if (release)
+      release->disarm();
+    return QUORVEL_ERROR_FAILED;
+  };
   try {
     quorvel::PosixPlatformOptions options;
-    auto gate = std::make_shared<quorvel::capi::CallGate>();
+    if (o.transport_release != nullptr)
+      release =
+          std::make_shared<quorvel::capi::HostRelease>(o.transport_release, o.transport_user_data);
+    auto gate = std::make_shared<quorvel::capi::CallGate>(release);
     if (auto v = textOf(o.data_directory, o.data_directory_length))
       options.dataDirectory = *v;
     if (auto v = textOf(o.keychain_directory, o.keychain_directory_length))
@@ -282,13 +308,13 @@ quorvel_status quorvel_tracker_create(const quorvel_options* given, quorvel_trac
     auto platform = std::make_shared<const quorvel::Platform>(quorvel::makePosixPlatform(options));
     quorvel_tracker* handle = quorvel::capi::makeHandle(std::move(platform), gate);
     if (handle == nullptr)
-      return QUORVEL_ERROR_FAILED;
+      return failed();
     if (auto domain = textOf(o.service_domain, o.service_domain_length))
       handle->tracker->setHost(domain);
     *tracker = handle;
     return QUORVEL_OK;
   } catch (...) {
-    return QUORVEL_ERROR_FAILED;
+    return failed();
   }
 }
 

@@ -12,6 +12,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -155,27 +156,56 @@ TEST(CApi, DestroyFromInsideACallbackReturnsAndNothingIsCalledAfter) {
   quorvel_testkit_destroy(kit);
 }
 
-TEST(CApi, AHostFreesItsTransportStateOnceDestroyReturned) {
-  // Under AddressSanitizer a transport call after destroy reads freed memory.
-  struct Host {
-    std::atomic<int> sends = 0;
-  };
-  const quorvel::test::TempDir folder;
-  auto host = std::make_unique<Host>();
+// Options for a tracker in `data` and `keys` on a host transport.
+quorvel_options hostOptions(const std::string& data, const std::string& keys,
+                            quorvel_transport_send send, void* user) {
   quorvel_options options;
   quorvel_options_init(&options);
-  const std::string data = folder / "app";
-  const std::string keys = folder / "keys";
   options.data_directory = data.data();
   options.data_directory_length = data.size();
   options.keychain_directory = keys.data();
   options.keychain_directory_length = keys.size();
-  options.transport = [](void* user, const quorvel_transport_request*,
-                         quorvel_transport_reply* reply) {
-    ++static_cast<Host*>(user)->sends;
+  options.transport = send;
+  options.transport_user_data = user;
+  return options;
+}
+
+// What a host lends its transport, freed at the release notice: under AddressSanitizer a
+// transport call after it reads freed memory. The notice says how many sends were under way.
+struct LentState {
+  std::atomic<int> underWay = 0;
+  std::atomic<quorvel_tracker*> destroyInSend = nullptr;
+  std::shared_future<void> destroyWhen;  // once the host's own call has returned
+  std::promise<int> released;
+
+  static void send(void* user, const quorvel_transport_request*, quorvel_transport_reply* reply) {
+    auto* state = static_cast<LentState*>(user);
+    ++state->underWay;
+    if (quorvel_tracker* own = state->destroyInSend.exchange(nullptr)) {
+      state->destroyWhen.wait();
+      quorvel_tracker_destroy(own);
+    }
     quorvel_transport_fail(reply, -1009, "offline", 7);
-  };
-  options.transport_user_data = host.get();
+    --state->underWay;  // freed memory, had the notice come during the send
+  }
+
+  static void release(void* user) {
+    auto* state = static_cast<LentState*>(user);
+    std::promise<int> released = std::move(state->released);
+    const int underWay = state->underWay;
+    delete state;  // NOLINT(cppcoreguidelines-owning-memory): the host's own
+    released.set_value(underWay);
+  }
+};
+
+TEST(CApi, AHostFreesItsTransportStateAtTheReleaseNotice) {
+  const quorvel::test::TempDir folder;
+  const std::string data = folder / "app";
+  const std::string keys = folder / "keys";
+  auto* host = new LentState;  // NOLINT(cppcoreguidelines-owning-memory): freed at the notice
+  std::future<int> released = host->released.get_future();
+  quorvel_options options = hostOptions(data, keys, LentState::send, host);
+  options.transport_release = LentState::release;
   quorvel_tracker* tracker = nullptr;
   ASSERT_EQ(quorvel_tracker_create(&options, &tracker), QUORVEL_OK);
   quorvel_set_dev_key(tracker, "K", 1);
@@ -192,11 +222,13 @@ TEST(CApi, AHostFreesItsTransportStateOnceDestroyReturned) {
   for (auto& thread : threads)
     thread.join();
   quorvel_tracker_destroy(tracker);
-  host.reset();
+  ASSERT_EQ(released.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  EXPECT_EQ(released.get(), 0);
 
   // The folder is let go with the handle: a new tracker on it holds it at once and sends
   // what the first one kept.
   static std::atomic<int> answered = 0;
+  options.transport_release = nullptr;
   options.transport = [](void*, const quorvel_transport_request*, quorvel_transport_reply* reply) {
     ++answered;
     quorvel_transport_respond(reply, 200, "", 0, nullptr, 0);
@@ -216,6 +248,28 @@ TEST(CApi, AHostFreesItsTransportStateOnceDestroyReturned) {
   EXPECT_EQ(stats.waiting, 0U);
   EXPECT_GE(answered.load(), 202);  // the two launches and the 200 events
   quorvel_tracker_destroy(tracker);
+}
+
+// Destroyed from inside its own send, a tracker returns at once; the notice waits for that send.
+TEST(CApi, TheReleaseNoticeComesOnceTheSendThatDestroyedTheTrackerReturned) {
+  const quorvel::test::TempDir folder;
+  const std::string data = folder / "app";
+  const std::string keys = folder / "keys";
+  auto* host = new LentState;  // NOLINT(cppcoreguidelines-owning-memory): freed at the notice
+  std::future<int> released = host->released.get_future();
+  quorvel_options options = hostOptions(data, keys, LentState::send, host);
+  options.transport_release = LentState::release;
+  std::promise<void> launched;
+  host->destroyWhen = launched.get_future().share();
+  quorvel_tracker* tracker = nullptr;
+  ASSERT_EQ(quorvel_tracker_create(&options, &tracker), QUORVEL_OK);
+  quorvel_set_dev_key(tracker, "K", 1);
+  quorvel_set_app_id(tracker, "1", 1);
+  host->destroyInSend = tracker;
+  quorvel_track_app_launch(tracker);
+  launched.set_value();
+  ASSERT_EQ(released.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  EXPECT_EQ(released.get(), 0);
 }
 
 // Inside one tracker's callback, another tracker is an ordinary one: its destroy waits for its
