@@ -95,7 +95,7 @@ class CTransport final : public Transport {
   CTransport(quorvel_transport_send send, void* userData, std::shared_ptr<CallGate> gate)
       : send_(send), userData_(userData), gate_(std::move(gate)) {}
 
-  void send(TransportRequest request, TransportDone done) noexcept override {
+  void send(TransportRequest request, TransportDone done) override {
     // Once the handle is destroyed the host's transport state may be gone: never call it.
     ReleaseHold hold;  // declared first, so let go once the gate is left
     if (!gate_->enter(hold))

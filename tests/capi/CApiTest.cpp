@@ -2,6 +2,8 @@
 // that no callback reaches the host once it has destroyed its handle.
 #include <gtest/gtest.h>
 
+#include <pthread.h>
+
 #include <quorvel/quorvel_testkit.h>
 
 #include "support/TempDir.h"
@@ -270,6 +272,34 @@ TEST(CApi, TheReleaseNoticeComesOnceTheSendThatDestroyedTheTrackerReturned) {
   launched.set_value();
   ASSERT_EQ(released.wait_for(std::chrono::seconds(30)), std::future_status::ready);
   EXPECT_EQ(released.get(), 0);
+}
+
+// An interpreter exiting ends the foreign threads that call into it (a forced unwind): a library
+// thread ended under a send unwinds, neither aborting nor leaving the send counted.
+TEST(CApi, AThreadEndedUnderASendUnwindsAndTheTrackerIsStillReleased) {
+  const quorvel::test::TempDir folder;
+  const std::string data = folder / "app";
+  const std::string keys = folder / "keys";
+  auto* host = new LentState;  // NOLINT(cppcoreguidelines-owning-memory): freed at the notice
+  std::future<int> released = host->released.get_future();
+  static std::promise<void> ended;
+  quorvel_options options = hostOptions(
+      data, keys,
+      [](void*, const quorvel_transport_request*, quorvel_transport_reply*) {
+        static std::once_flag once;
+        std::call_once(once, [] { ended.set_value(); });
+        pthread_exit(nullptr);
+      },
+      host);
+  options.transport_release = LentState::release;
+  quorvel_tracker* tracker = nullptr;
+  ASSERT_EQ(quorvel_tracker_create(&options, &tracker), QUORVEL_OK);
+  quorvel_set_dev_key(tracker, "K", 1);
+  quorvel_set_app_id(tracker, "1", 1);
+  quorvel_track_app_launch(tracker);
+  ASSERT_EQ(ended.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  quorvel_tracker_destroy(tracker);
+  EXPECT_EQ(released.wait_for(std::chrono::seconds(30)), std::future_status::ready);
 }
 
 // Inside one tracker's callback, another tracker is an ordinary one: its destroy waits for its
