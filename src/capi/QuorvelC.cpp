@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "capi/CTracker.h"
+#include "tracker/TrackerCore.h"
 #include "util/BoundedJson.h"
 
 namespace quorvel::capi {
@@ -421,7 +422,8 @@ quorvel_status quorvel_set_custom_data(quorvel_tracker* tracker, const char* jso
                                        size_t json_length) {
   return withRunningTracker(tracker, [&](QuorvelTracker& t) {
     if (json == nullptr) {
-      t.setAdditionalData(std::nullopt);
+      // Not setAdditionalData(nullopt): the C++ setter ignores nil, NULL here removes it.
+      quorvel::coreOf(t).clearAdditionalData();
       return QUORVEL_OK;
     }
     auto data = quorvel::capi::objectOf(json, json_length);

@@ -480,6 +480,21 @@ TEST(CApi, AnEngineReportsItsLifecycleCustomDataAndPushPayloads) {
   EXPECT_NE(launch.find(R"("deviceTrackingDisabled":"true")"), std::string::npos) << launch;
   EXPECT_TRUE(statistics) << "no background statistics";
 
+  // Removed, custom data is no longer sent.
+  ASSERT_EQ(quorvel_set_custom_data(t, nullptr, 0), QUORVEL_OK);
+  const size_t before = quorvel_testkit_sent_count(k.kit);
+  ASSERT_EQ(quorvel_track_event(t, "after_removal", 13, nullptr, 0), QUORVEL_OK);
+  quorvel_testkit_advance(k.kit, 10000);
+  std::string after;
+  for (size_t i = before; i < quorvel_testkit_sent_count(k.kit); ++i) {
+    char text[16384];
+    size_t length = 0;
+    ASSERT_EQ(quorvel_testkit_sent_payload(k.kit, i, text, sizeof text, &length), QUORVEL_OK);
+    after.append(text, length);
+  }
+  EXPECT_NE(after.find("after_removal"), std::string::npos) << after;
+  EXPECT_EQ(after.find("gold"), std::string::npos) << after;
+
   // Stopped: the configuration is still taken, what is about the user is not.
   ASSERT_EQ(quorvel_set_stopped(t, 1), QUORVEL_OK);
   EXPECT_EQ(quorvel_set_outbox_limits(t, 1 << 20, 3600), QUORVEL_OK);
