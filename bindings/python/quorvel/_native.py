@@ -33,6 +33,9 @@ TRANSPORT_SEND = ctypes.CFUNCTYPE(
 )
 
 
+RELEASE_CALLBACK = ctypes.CFUNCTYPE(None, ctypes.c_void_p)
+
+
 class Options(ctypes.Structure):
     _fields_ = [
         ("struct_size", ctypes.c_size_t),
@@ -48,6 +51,7 @@ class Options(ctypes.Structure):
         ("extra_ca_file_length", ctypes.c_size_t),
         ("transport", TRANSPORT_SEND),
         ("transport_user_data", ctypes.c_void_p),
+        ("transport_release", RELEASE_CALLBACK),
     ]
 
 
