@@ -109,9 +109,10 @@ typedef struct quorvel_transport_reply quorvel_transport_reply;
  * and never on the thread that writes the outbox. Best: return quickly (hand the request to
  * the host's own HTTP stack and answer `reply` later). A send that blocks until its answer
  * holds its own thread only: the other three go on, and reports reach the disk meanwhile. A
- * request not answered within `timeout_ms` plus 1 s fails as timed out (code -1001); a later
- * answer to it is ignored. Never called once quorvel_tracker_destroy has returned; a request
- * the library makes after that fails without reaching the host. */
+ * request not answered within `timeout_ms` fails as timed out (code -1001), at most 1 s later,
+ * and its reply handle is ended: a later answer to it is ignored. Never called once
+ * quorvel_tracker_destroy has returned; a request the library makes after that fails without
+ * reaching the host. */
 typedef void (*quorvel_transport_send)(void* user_data, const quorvel_transport_request* request,
                                        quorvel_transport_reply* reply);
 

@@ -6,6 +6,7 @@
 
 #include <quorvel/quorvel_testkit.h>
 
+#include "capi/CTracker.h"
 #include "support/TempDir.h"
 
 #include <algorithm>
@@ -300,6 +301,25 @@ TEST(CApi, AThreadEndedUnderASendUnwindsAndTheTrackerIsStillReleased) {
   ASSERT_EQ(ended.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
   quorvel_tracker_destroy(tracker);
   EXPECT_EQ(released.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+}
+
+// A host that never answers: the request fails as timed out once past its timeout, and what it
+// carried is let go (not kept for an answer that never comes).
+TEST(CApi, ARequestTheHostNeverAnswersIsFailedAndForgottenPastItsTimeout) {
+  const auto transport = quorvel::capi::makeCTransport(
+      [](void*, const quorvel_transport_request*, quorvel_transport_reply*) {}, nullptr,
+      std::make_shared<quorvel::capi::CallGate>());
+  std::vector<std::int64_t> failures;
+  auto carried = std::make_shared<int>();
+  const std::weak_ptr<int> kept = carried;
+  transport->send({"POST", "https://a.svc.example/", {}, {1, 2, 3}, std::chrono::milliseconds(0)},
+                  [&failures, carried = std::move(carried)](auto, auto failure) {
+                    failures.push_back(failure ? failure->code : 0);
+                  });
+  transport->send({"POST", "https://a.svc.example/", {}, {}, std::chrono::seconds(60)},
+                  [](auto, auto) {});
+  EXPECT_EQ(failures, std::vector<std::int64_t>{-1001});
+  EXPECT_TRUE(kept.expired());
 }
 
 // Inside one tracker's callback, another tracker is an ordinary one: its destroy waits for its
