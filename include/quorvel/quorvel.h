@@ -360,7 +360,8 @@ QUORVEL_C_API quorvel_status quorvel_set_log_callback(quorvel_tracker* tracker,
  * calls that collect or send, the settings about the user (customer user id, custom data) and
  * quorvel_get_uid return QUORVEL_STOPPED and do nothing. */
 QUORVEL_C_API quorvel_status quorvel_set_stopped(quorvel_tracker* tracker, int stopped);
-/* 1 stopped, 0 running, -1 for a NULL handle. */
+/* 1 stopped, 0 running, -1 for a NULL handle, a forked child's copy (see
+ * quorvel_tracker_destroy) or a state that could not be read: never "running" by mistake. */
 QUORVEL_C_API int quorvel_is_stopped(quorvel_tracker* tracker);
 /* Stops, then removes everything the library keeps for the app (blocks on the disk).
  * QUORVEL_ERROR_FAILED when something could not be removed now (the next start retries). */

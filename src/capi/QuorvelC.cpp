@@ -675,9 +675,14 @@ quorvel_status quorvel_set_stopped(quorvel_tracker* tracker, int stopped) {
 }
 
 int quorvel_is_stopped(quorvel_tracker* tracker) {
-  if (tracker == nullptr || !tracker->tracker)
+  if (tracker == nullptr || !tracker->tracker || tracker->inheritedByFork())
     return -1;
-  return tracker->tracker->isStopped() ? 1 : 0;
+  try {
+    // The core, not QuorvelTracker::isStopped: that one says "running" when it cannot tell.
+    return quorvel::coreOf(*tracker->tracker).isStopped() ? 1 : 0;
+  } catch (...) {
+    return -1;
+  }
 }
 
 quorvel_status quorvel_forget_this_install(quorvel_tracker* tracker) {

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <pthread.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <quorvel/quorvel_testkit.h>
 
@@ -122,7 +124,19 @@ TEST(CApi, MisuseIsRefusedWithAStatusAndNothingHalfDone) {
   EXPECT_EQ(made, nullptr);
   EXPECT_EQ(quorvel_is_stopped(nullptr), -1);
   EXPECT_EQ(quorvel_is_stopped(t), 0);
+  quorvel_set_dev_key(t, "K", 1);
+  quorvel_track_app_launch(t);
   quorvel_testkit_advance(k.kit, 10000);
+  ASSERT_GT(quorvel_testkit_sent_count(k.kit), 0U);
+  EXPECT_EQ(quorvel_testkit_sent_payload(k.kit, 0, nullptr, 100, &length),
+            QUORVEL_ERROR_INVALID_ARGUMENT);
+  // A forked child's copy is inert: its state is not "running".
+  const pid_t child = fork();
+  if (child == 0)
+    _exit(quorvel_is_stopped(t) == -1 ? 0 : 1);
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
   for (size_t i = 0; i < quorvel_testkit_sent_count(k.kit); ++i) {
     char payload[16384];
     ASSERT_EQ(quorvel_testkit_sent_payload(k.kit, i, payload, sizeof payload, &length), QUORVEL_OK);
