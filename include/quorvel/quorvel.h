@@ -58,7 +58,7 @@ extern "C" {
 #define QUORVEL_C_API_VERSION_MAJOR 1
 /* 1: the host-supplied transport, 2: QUORVEL_STOPPED, 3: the log callback, the lifecycle calls,
  * custom data, push payloads, the outbox limits, the privacy and sandbox switches, 4: the
- * release notice (quorvel_options.transport_release) */
+ * release notice (quorvel_options.transport_release) and the later delivery stats */
 #define QUORVEL_C_API_VERSION_MINOR 4
 #define QUORVEL_C_API_VERSION (QUORVEL_C_API_VERSION_MAJOR * 1000 + QUORVEL_C_API_VERSION_MINOR)
 
@@ -324,6 +324,11 @@ typedef struct quorvel_delivery_stats {
   uint64_t dropped_by_rule;
   uint64_t repeated;
   int data_directory_held_elsewhere;
+  /* Since 1.4 (a struct_size of 1.3's, up to data_directory_held_elsewhere, is still taken). */
+  uint64_t refused;            /* answered 4xx (but 429): never sent again */
+  uint64_t retrying;           /* answered 5xx or 429, to go again (counted in `waiting` too) */
+  uint64_t not_kept;           /* their record refused by the disk: sent from memory only */
+  uint64_t dropped_unreadable; /* left by an earlier run, but not readable */
 } quorvel_delivery_stats;
 /* Fills `stats`, whose struct_size the caller sets. Works while stopped. */
 QUORVEL_C_API quorvel_status quorvel_get_delivery_stats(quorvel_tracker* tracker,

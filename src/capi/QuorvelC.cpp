@@ -111,6 +111,11 @@ constexpr std::array<std::size_t, 3> kKnownSizes<quorvel_options>{
     offsetof(quorvel_options, transport_release),  // 1.1 to 1.3, before its release
     sizeof(quorvel_options)};
 
+template <>
+constexpr std::array<std::size_t, 2> kKnownSizes<quorvel_delivery_stats>{
+    offsetof(quorvel_delivery_stats, refused),  // up to 1.3, before the later counts
+    sizeof(quorvel_delivery_stats)};
+
 template <typename Struct>
 bool knownSize(std::size_t size) {
   return std::ranges::find(kKnownSizes<Struct>, size) != kKnownSizes<Struct>.end();
@@ -644,6 +649,10 @@ quorvel_status quorvel_get_delivery_stats(quorvel_tracker* tracker, quorvel_deli
         out.dropped_by_rule = s.droppedByRule;
         out.repeated = s.repeated;
         out.data_directory_held_elsewhere = s.dataDirectoryHeldElsewhere ? 1 : 0;
+        out.refused = s.refused;
+        out.retrying = s.retrying;
+        out.not_kept = s.notKept;
+        out.dropped_unreadable = s.droppedUnreadable;
         // Only the fields the caller's struct has; its size stays the caller's.
         const std::size_t size = std::min(stats->struct_size, sizeof out);
         std::memcpy(reinterpret_cast<char*>(stats) + sizeof(std::size_t),

@@ -125,9 +125,17 @@ TEST(CApi, MisuseIsRefusedWithAStatusAndNothingHalfDone) {
   EXPECT_EQ(quorvel_is_stopped(nullptr), -1);
   EXPECT_EQ(quorvel_is_stopped(t), 0);
   quorvel_set_dev_key(t, "K", 1);
+  quorvel_testkit_answer_service(k.kit, "t", 1, 400, "{}", 2);
   quorvel_track_app_launch(t);
   quorvel_testkit_advance(k.kit, 10000);
   ASSERT_GT(quorvel_testkit_sent_count(k.kit), 0U);
+  quorvel_delivery_stats stats{};
+  stats.struct_size = offsetof(quorvel_delivery_stats, refused);  // a 1.3 host's
+  ASSERT_EQ(quorvel_get_delivery_stats(t, &stats), QUORVEL_OK);
+  EXPECT_EQ(stats.refused, 0U);  // past its struct: untouched
+  stats.struct_size = sizeof stats;
+  ASSERT_EQ(quorvel_get_delivery_stats(t, &stats), QUORVEL_OK);
+  EXPECT_EQ(stats.refused, 1U);
   EXPECT_EQ(quorvel_testkit_sent_payload(k.kit, 0, nullptr, 100, &length),
             QUORVEL_ERROR_INVALID_ARGUMENT);
   // A forked child's copy is inert: its state is not "running".

@@ -68,6 +68,10 @@ class DeliveryStats:
     dropped_by_rule: int
     repeated: int
     data_directory_held_elsewhere: bool
+    refused: int  # answered 4xx (but 429): never sent again
+    retrying: int  # answered 5xx or 429, to go again (counted in `waiting` too)
+    not_kept: int  # their record refused by the disk: sent from memory only
+    dropped_unreadable: int  # left by an earlier run, but not readable
 
 
 @dataclass(frozen=True)

@@ -104,6 +104,10 @@ class DeliveryStats(ctypes.Structure):
         ("dropped_by_rule", ctypes.c_uint64),
         ("repeated", ctypes.c_uint64),
         ("data_directory_held_elsewhere", ctypes.c_int),
+        ("refused", ctypes.c_uint64),
+        ("retrying", ctypes.c_uint64),
+        ("not_kept", ctypes.c_uint64),
+        ("dropped_unreadable", ctypes.c_uint64),
     ]
 
 
