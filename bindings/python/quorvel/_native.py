@@ -5,7 +5,7 @@ import ctypes.util
 import os
 from pathlib import Path
 
-C_API_VERSION = 1003  # QUORVEL_C_API_VERSION of the header these declarations follow
+C_API_VERSION = 1004  # QUORVEL_C_API_VERSION of the header these declarations follow
 
 OK = 0
 BUFFER_TOO_SMALL = 2
