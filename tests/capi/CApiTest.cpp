@@ -201,6 +201,8 @@ struct LentState {
   std::atomic<int> underWay = 0;
   std::atomic<quorvel_tracker*> destroyInSend = nullptr;
   std::shared_future<void> destroyWhen;  // once the host's own call has returned
+  std::atomic<bool> sentOnce = false;
+  std::promise<void> sent;
   std::promise<int> released;
 
   static void send(void* user, const quorvel_transport_request*, quorvel_transport_reply* reply) {
@@ -305,12 +307,13 @@ TEST(CApi, AThreadEndedUnderASendUnwindsAndTheTrackerIsStillReleased) {
   const std::string keys = folder / "keys";
   auto* host = new LentState;  // NOLINT(cppcoreguidelines-owning-memory): freed at the notice
   std::future<int> released = host->released.get_future();
-  static std::promise<void> ended;
+  std::future<void> sent = host->sent.get_future();
   quorvel_options options = hostOptions(
       data, keys,
-      [](void*, const quorvel_transport_request*, quorvel_transport_reply*) {
-        static std::once_flag once;
-        std::call_once(once, [] { ended.set_value(); });
+      [](void* user, const quorvel_transport_request*, quorvel_transport_reply*) {
+        auto* state = static_cast<LentState*>(user);
+        if (!state->sentOnce.exchange(true))
+          state->sent.set_value();
         pthread_exit(nullptr);
       },
       host);
@@ -320,7 +323,7 @@ TEST(CApi, AThreadEndedUnderASendUnwindsAndTheTrackerIsStillReleased) {
   quorvel_set_dev_key(tracker, "K", 1);
   quorvel_set_app_id(tracker, "1", 1);
   quorvel_track_app_launch(tracker);
-  ASSERT_EQ(ended.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  ASSERT_EQ(sent.wait_for(std::chrono::seconds(30)), std::future_status::ready);
   quorvel_tracker_destroy(tracker);
   EXPECT_EQ(released.wait_for(std::chrono::seconds(30)), std::future_status::ready);
 }
