@@ -183,7 +183,8 @@ TEST(CApi, DestroyFromInsideACallbackReturnsAndNothingIsCalledAfter) {
 
 // Options for a tracker in `data` and `keys` on a host transport.
 quorvel_options hostOptions(const std::string& data, const std::string& keys,
-                            quorvel_transport_send send, void* user) {
+                            quorvel_transport_send send, void* user,
+                            void (*release)(void*) = nullptr) {
   quorvel_options options;
   quorvel_options_init(&options);
   options.data_directory = data.data();
@@ -192,6 +193,7 @@ quorvel_options hostOptions(const std::string& data, const std::string& keys,
   options.keychain_directory_length = keys.size();
   options.transport = send;
   options.transport_user_data = user;
+  options.transport_release = release;
   return options;
 }
 
@@ -231,8 +233,7 @@ TEST(CApi, AHostFreesItsTransportStateAtTheReleaseNotice) {
   const std::string keys = folder / "keys";
   auto* host = new LentState;  // NOLINT(cppcoreguidelines-owning-memory): freed at the notice
   std::future<int> released = host->released.get_future();
-  quorvel_options options = hostOptions(data, keys, LentState::send, host);
-  options.transport_release = LentState::release;
+  quorvel_options options = hostOptions(data, keys, LentState::send, host, LentState::release);
   quorvel_tracker* tracker = nullptr;
   ASSERT_EQ(quorvel_tracker_create(&options, &tracker), QUORVEL_OK);
   quorvel_set_dev_key(tracker, "K", 1);
@@ -284,8 +285,8 @@ TEST(CApi, TheReleaseNoticeComesOnceTheSendThatDestroyedTheTrackerReturned) {
   const std::string keys = folder / "keys";
   auto* host = new LentState;  // NOLINT(cppcoreguidelines-owning-memory): freed at the notice
   std::future<int> released = host->released.get_future();
-  quorvel_options options = hostOptions(data, keys, LentState::send, host);
-  options.transport_release = LentState::release;
+  const quorvel_options options =
+      hostOptions(data, keys, LentState::send, host, LentState::release);
   std::promise<void> launched;
   host->destroyWhen = launched.get_future().share();
   quorvel_tracker* tracker = nullptr;
@@ -308,7 +309,7 @@ TEST(CApi, AThreadEndedUnderASendUnwindsAndTheTrackerIsStillReleased) {
   auto* host = new LentState;  // NOLINT(cppcoreguidelines-owning-memory): freed at the notice
   std::future<int> released = host->released.get_future();
   std::future<void> sent = host->sent.get_future();
-  quorvel_options options = hostOptions(
+  const quorvel_options options = hostOptions(
       data, keys,
       [](void* user, const quorvel_transport_request*, quorvel_transport_reply*) {
         auto* state = static_cast<LentState*>(user);
@@ -316,8 +317,7 @@ TEST(CApi, AThreadEndedUnderASendUnwindsAndTheTrackerIsStillReleased) {
           state->sent.set_value();
         pthread_exit(nullptr);
       },
-      host);
-  options.transport_release = LentState::release;
+      host, LentState::release);
   quorvel_tracker* tracker = nullptr;
   ASSERT_EQ(quorvel_tracker_create(&options, &tracker), QUORVEL_OK);
   quorvel_set_dev_key(tracker, "K", 1);
@@ -361,24 +361,19 @@ TEST(CApi, DestroyingAnotherTrackerFromACallbackWaitsForThatTrackersSends) {
   const quorvel::test::TempDir folder;
   const std::string data = folder / "b";
   const std::string keys = folder / "keys";
-  quorvel_options options;
-  quorvel_options_init(&options);
-  options.data_directory = data.data();
-  options.data_directory_length = data.size();
-  options.keychain_directory = keys.data();
-  options.keychain_directory_length = keys.size();
-  options.transport = [](void* user, const quorvel_transport_request*,
-                         quorvel_transport_reply* reply) {
-    auto* h = static_cast<Host*>(user);
-    std::unique_lock lock(h->mutex);
-    ++h->started;
-    h->changed.notify_all();
-    h->changed.wait_for(lock, std::chrono::seconds(30), [h] { return h->released; });
-    ++h->finished;  // freed memory, were this send still under way once destroy returned
-    lock.unlock();
-    quorvel_transport_fail(reply, -1009, "offline", 7);
-  };
-  options.transport_user_data = host.get();
+  const quorvel_options options = hostOptions(
+      data, keys,
+      [](void* user, const quorvel_transport_request*, quorvel_transport_reply* reply) {
+        auto* h = static_cast<Host*>(user);
+        std::unique_lock lock(h->mutex);
+        ++h->started;
+        h->changed.notify_all();
+        h->changed.wait_for(lock, std::chrono::seconds(30), [h] { return h->released; });
+        ++h->finished;  // freed memory, were this send still under way once destroy returned
+        lock.unlock();
+        quorvel_transport_fail(reply, -1009, "offline", 7);
+      },
+      host.get());
   quorvel_tracker* b = nullptr;
   ASSERT_EQ(quorvel_tracker_create(&options, &b), QUORVEL_OK);
   quorvel_set_dev_key(b, "K", 1);
