@@ -766,8 +766,8 @@ class Tracker:
     def stopped(self) -> bool:
         with self._handle.use() as handle:
             state = lib.quorvel_is_stopped(handle)
-        if state < 0:
-            raise QuorvelError(INVALID_ARGUMENT, "stopped")
+        if state < 0:  # the state could not be read: neither answer would be true
+            raise QuorvelError(FAILED, "stopped")
         return state == 1
 
     @stopped.setter
