@@ -46,8 +46,9 @@ class Transport {
   virtual ~Transport() = default;
 
   // Starts the request and returns without waiting for it; `done` may also be called before
-  // this returns.
-  virtual void send(TransportRequest request, TransportDone done) noexcept = 0;
+  // this returns. Never throws; not noexcept only so that a thread ended under a blocking send
+  // (a forced unwind, as an interpreter does to foreign threads at exit) unwinds through it.
+  virtual void send(TransportRequest request, TransportDone done) = 0;
 };
 
 // The library's sessions on a host's transport. Completions run on queues of `dispatcher`;

@@ -57,8 +57,9 @@ extern "C" {
  * version or an older one of the same major version. */
 #define QUORVEL_C_API_VERSION_MAJOR 1
 /* 1: the host-supplied transport, 2: QUORVEL_STOPPED, 3: the log callback, the lifecycle calls,
- * custom data, push payloads, the outbox limits, the privacy and sandbox switches */
-#define QUORVEL_C_API_VERSION_MINOR 3
+ * custom data, push payloads, the outbox limits, the privacy and sandbox switches, 4: the
+ * release notice (quorvel_options.transport_release) and the later delivery stats */
+#define QUORVEL_C_API_VERSION_MINOR 4
 #define QUORVEL_C_API_VERSION (QUORVEL_C_API_VERSION_MAJOR * 1000 + QUORVEL_C_API_VERSION_MINOR)
 
 typedef enum quorvel_status {
@@ -108,9 +109,10 @@ typedef struct quorvel_transport_reply quorvel_transport_reply;
  * and never on the thread that writes the outbox. Best: return quickly (hand the request to
  * the host's own HTTP stack and answer `reply` later). A send that blocks until its answer
  * holds its own thread only: the other three go on, and reports reach the disk meanwhile. A
- * request not answered within `timeout_ms` plus 1 s fails as timed out (code -1001); a later
- * answer to it is ignored. Never called once quorvel_tracker_destroy has returned; a request
- * the library makes after that fails without reaching the host. */
+ * request not answered within `timeout_ms` fails as timed out (code -1001), at most 1 s later,
+ * and its reply handle is ended: a later answer to it is ignored. Never called once
+ * quorvel_tracker_destroy has returned; a request the library makes after that fails without
+ * reaching the host. */
 typedef void (*quorvel_transport_send)(void* user_data, const quorvel_transport_request* request,
                                        quorvel_transport_reply* reply);
 
@@ -144,6 +146,16 @@ typedef struct quorvel_options {
   /* Since 1.1: the host's transport, used instead of the built-in one when set. */
   quorvel_transport_send transport;
   void* transport_user_data;
+  /* Since 1.4, optional: the release notice, called with transport_user_data exactly once per
+   * tracker quorvel_tracker_create made, on a library thread, once quorvel_tracker_destroy was
+   * called and no transport send, callback, purchase callback or log line of this tracker is
+   * under way, and none will come. This is when the host frees the state its transport and
+   * callbacks use: destroy's own wait is bounded (see there), so a send still blocking, or a
+   * destroy made from inside a callback, may end after destroy has returned; the notice comes
+   * after them, and may come after destroy has returned. Not called when create fails, nor in
+   * a child made by fork(). Answering a request (quorvel_transport_respond/_fail) after it is
+   * harmless. */
+  void (*transport_release)(void* transport_user_data);
 } quorvel_options;
 
 /* Sets `struct_size` and leaves every option unset. */
@@ -158,9 +170,12 @@ QUORVEL_C_API quorvel_status quorvel_tracker_create(const quorvel_options* optio
  * first to wait for them). The data directory is let go before it returns: a tracker made next
  * on the same folder, in this process or another, holds it and sends what this one kept. Called on
  * a host thread, it blocks until no callback and no transport call of this tracker is under way
- * (transport calls: at most 10 s) and none starts afterwards. Called from inside one of this
+ * and none starts afterwards; that wait is bounded for transport calls (10 s): a send blocking
+ * longer may still run once destroy has returned, and only the release notice
+ * (quorvel_options.transport_release) says when it is over. Called from inside one of this
  * tracker's own callbacks or its transport's send, it returns at once: nothing new is called from
- * then on, and the tracker finishes on a library thread once that call has returned. Inside
+ * then on, while calls under way on other threads may still run; the tracker finishes on a
+ * library thread once they have returned, and the release notice follows. Inside
  * another tracker's callback it waits as on a host thread: two trackers whose callbacks each
  * destroy the other, or replace its callbacks, may wait for each other for ever. In a child made by
  * fork() from a process that had the tracker, it returns at once and frees nothing: the child's
@@ -309,6 +324,11 @@ typedef struct quorvel_delivery_stats {
   uint64_t dropped_by_rule;
   uint64_t repeated;
   int data_directory_held_elsewhere;
+  /* Since 1.4 (a struct_size of 1.3's, up to data_directory_held_elsewhere, is still taken). */
+  uint64_t refused;            /* answered 4xx (but 429): never sent again */
+  uint64_t retrying;           /* answered 5xx or 429, to go again (counted in `waiting` too) */
+  uint64_t not_kept;           /* their record refused by the disk: sent from memory only */
+  uint64_t dropped_unreadable; /* left by an earlier run, but not readable */
 } quorvel_delivery_stats;
 /* Fills `stats`, whose struct_size the caller sets. Works while stopped. */
 QUORVEL_C_API quorvel_status quorvel_get_delivery_stats(quorvel_tracker* tracker,
@@ -345,7 +365,8 @@ QUORVEL_C_API quorvel_status quorvel_set_log_callback(quorvel_tracker* tracker,
  * calls that collect or send, the settings about the user (customer user id, custom data) and
  * quorvel_get_uid return QUORVEL_STOPPED and do nothing. */
 QUORVEL_C_API quorvel_status quorvel_set_stopped(quorvel_tracker* tracker, int stopped);
-/* 1 stopped, 0 running, -1 for a NULL handle. */
+/* 1 stopped, 0 running, -1 for a NULL handle, a forked child's copy (see
+ * quorvel_tracker_destroy) or a state that could not be read: never "running" by mistake. */
 QUORVEL_C_API int quorvel_is_stopped(quorvel_tracker* tracker);
 /* Stops, then removes everything the library keeps for the app (blocks on the disk).
  * QUORVEL_ERROR_FAILED when something could not be removed now (the next start retries). */

@@ -21,7 +21,8 @@ QUORVEL_C_API quorvel_status quorvel_testkit_create(const char* developer_key, s
                                                     quorvel_testkit** kit,
                                                     quorvel_tracker** tracker);
 QUORVEL_C_API void quorvel_testkit_destroy(quorvel_testkit* kit);
-/* Moves the virtual clock on, running everything that falls due. */
+/* Moves the virtual clock on, running everything that falls due; at most 100 years a call (a
+ * longer step is that long). */
 QUORVEL_C_API quorvel_status quorvel_testkit_advance(quorvel_testkit* kit, uint64_t milliseconds);
 /* 1: every request from now on fails as with no network; 0: answered 200 "{}" again. */
 QUORVEL_C_API quorvel_status quorvel_testkit_set_offline(quorvel_testkit* kit, int offline);
@@ -34,7 +35,8 @@ QUORVEL_C_API quorvel_status quorvel_testkit_answer_service(quorvel_testkit* kit
 /* How many requests were sent so far. */
 QUORVEL_C_API size_t quorvel_testkit_sent_count(quorvel_testkit* kit);
 /* Request `index`: its service (the first label of its host: "t", "events", ...) and its
- * decrypted payload as JSON ("null" when it is not a sealed report), copied out. */
+ * decrypted payload as JSON ("null" when it is not a sealed report), copied out as in
+ * quorvel.h (a NULL buffer with a capacity is QUORVEL_ERROR_INVALID_ARGUMENT). */
 QUORVEL_C_API quorvel_status quorvel_testkit_sent_service(quorvel_testkit* kit, size_t index,
                                                           char* buffer, size_t capacity,
                                                           size_t* length);

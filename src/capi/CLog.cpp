@@ -41,7 +41,7 @@ class HostLog final : public platform::SystemLog {
   HostLog(std::shared_ptr<platform::SystemLog> platformLog, std::shared_ptr<LogBox> box)
       : platformLog_(std::move(platformLog)), box_(std::move(box)) {}
 
-  void write(std::string_view line) noexcept override {
+  void write(std::string_view line) override {
     LevelAndText split;
     try {
       split = splitLine(line);

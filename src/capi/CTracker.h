@@ -22,6 +22,26 @@ namespace quorvel::capi {
 // How long destroy waits for transport sends under way on other threads.
 inline constexpr std::chrono::milliseconds kTransportCallBound{10000};
 
+// The host's notice that it may free what its transport and callbacks use: sent once, on a
+// thread of its own, when the last holder lets go (the handle, until destroy has finished it,
+// and each call into the host under way). Destroy's wait is bounded; this notice is not.
+class HostRelease {
+ public:
+  HostRelease(void (*release)(void*), void* userData) noexcept
+      : release_(release), userData_(userData) {}
+  HostRelease(const HostRelease&) = delete;
+  HostRelease& operator=(const HostRelease&) = delete;
+  ~HostRelease();
+
+  // The handle was never handed to the host: nothing to notify.
+  void disarm() noexcept { release_ = nullptr; }
+
+ private:
+  void (*release_)(void*);
+  void* userData_;
+};
+using ReleaseHold = std::shared_ptr<HostRelease>;
+
 // Marks the current thread as inside a call into the host made for one handle (its callbacks,
 // its log function, its transport), for the scope's life. Calls of other handles the thread is
 // inside do not count: only a handle's own call under way would wait for its caller.
@@ -51,16 +71,20 @@ class HostCallScope {
 // host calls.
 class CallGate {
  public:
-  // False once closed: the call must not be made.
-  bool enter();
+  explicit CallGate(ReleaseHold release = nullptr) : release_(std::move(release)) {}
+  // False once closed: the call must not be made. Otherwise `hold` keeps the host's release
+  // back until the call has left.
+  bool enter(ReleaseHold& hold);
   void leave();
   void close(std::chrono::milliseconds bound);
+  ReleaseHold release() const { return release_; }
 
  private:
   std::mutex mutex_;
   std::condition_variable idle_;
   int running_ = 0;
   bool closed_ = false;
+  ReleaseHold release_;
 };
 
 // Calls into the host of one kind (its callbacks, its log function), shared with the library's
@@ -69,27 +93,28 @@ class CallGate {
 template <typename Calls>
 class HostCalls {
  public:
-  // `handle`: what identifies the handle's host calls (see HostCallScope).
-  explicit HostCalls(const void* handle) : handle_(handle) {}
+  // `handle`: what identifies the handle's host calls (see HostCallScope); `release`: the
+  // host's release, held back by each call under way until closed.
+  HostCalls(const void* handle, ReleaseHold release)
+      : handle_(handle), release_(std::move(release)) {}
 
   // Runs `call` with the current calls unless closed. False when closed.
   template <typename Call>
   bool invoke(Call&& call) {
     Calls current{};
+    ReleaseHold hold;
     {
       const std::lock_guard lock(mutex_);
       if (closed_)
         return false;
       current = calls_;
+      hold = release_;
       ++running_;
     }
-    {
-      const HostCallScope inside(handle_, HostCallScope::Kind::callback);
-      call(current);
-    }
-    const std::lock_guard lock(mutex_);
-    if (--running_ == 0)
-      idle_.notify_all();
+    // Counted out however the call ends, a thread's forced unwind included.
+    const Running running(*this, std::move(hold));
+    const HostCallScope inside(handle_, HostCallScope::Kind::callback);
+    call(current);
     return true;
   }
   void replace(const Calls& calls) {
@@ -99,12 +124,30 @@ class HostCalls {
   }
   // No call of this box runs once this returns (but for one that makes the call).
   void close() {
+    ReleaseHold released;  // let go outside the lock
     std::unique_lock lock(mutex_);
     closed_ = true;
+    released = std::move(release_);
     waitForCallsLocked(lock);
   }
 
  private:
+  class Running {
+   public:
+    Running(HostCalls& calls, ReleaseHold hold) : calls_(calls), hold_(std::move(hold)) {}
+    Running(const Running&) = delete;
+    Running& operator=(const Running&) = delete;
+    ~Running() {
+      const std::lock_guard lock(calls_.mutex_);
+      if (--calls_.running_ == 0)
+        calls_.idle_.notify_all();
+    }
+
+   private:
+    HostCalls& calls_;
+    ReleaseHold hold_;  // goes after the count: the host's release comes last
+  };
+
   void waitForCallsLocked(std::unique_lock<std::mutex>& lock) {
     // From inside this handle's callback the call under way is the caller's own: waiting would
     // never end. From inside its send, the callbacks on other threads are waited for as the
@@ -119,6 +162,7 @@ class HostCalls {
   Calls calls_{};
   int running_ = 0;
   bool closed_ = false;
+  ReleaseHold release_;
 };
 
 using CallbackBox = HostCalls<quorvel_callbacks>;
@@ -138,14 +182,16 @@ std::shared_ptr<const Platform> withHostLog(std::shared_ptr<const Platform> plat
 
 struct quorvel_tracker {
   explicit quorvel_tracker(std::shared_ptr<quorvel::capi::CallGate> gate)
-      : transport(std::move(gate)) {}
+      : release(gate->release()), transport(std::move(gate)) {}
 
-  // First: its address identifies the handle's host calls, in the boxes below too.
+  // First, so that it goes last: the host's release never comes before the tracker is gone.
+  quorvel::capi::ReleaseHold release;
+  // Its address identifies the handle's host calls, in the boxes below too.
   std::shared_ptr<quorvel::capi::CallGate> transport;
   std::shared_ptr<quorvel::capi::CallbackBox> callbacks =
-      std::make_shared<quorvel::capi::CallbackBox>(transport.get());
+      std::make_shared<quorvel::capi::CallbackBox>(transport.get(), release);
   std::shared_ptr<quorvel::capi::LogBox> log =
-      std::make_shared<quorvel::capi::LogBox>(transport.get());
+      std::make_shared<quorvel::capi::LogBox>(transport.get(), release);
   std::shared_ptr<quorvel::QuorvelTrackerDelegate> delegate;
   std::unique_ptr<quorvel::QuorvelTracker> tracker;
   // The process image that made it: a forked child's copy is inert and never destroyed.

@@ -3,10 +3,13 @@
 #include <quorvel/Transport.h>
 #include <quorvel/quorvel.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <mutex>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 #include "capi/CTracker.h"
 #include "platform/ForkGeneration.h"
@@ -16,28 +19,64 @@ namespace {
 
 // The requests the host has not answered yet. A reply handle is a number, never an address, and
 // never handed out twice: a second answer to one (a host's mistake, or a race in a binding) finds
-// nothing and is ignored, where an address would be freed twice.
+// nothing and is ignored, where an address would be freed twice. A request the host never
+// answers goes (failed as timed out, its body freed) at the first request past its timeout,
+// where the library's own deadline fails it anyway: none is kept for ever.
 class OpenReplies {
  public:
-  quorvel_transport_reply* add(TransportDone done) {
-    const std::lock_guard lock(mutex_);
-    const std::uintptr_t id = ++last_;
-    open_.emplace(id, std::move(done));
+  using Clock = std::chrono::steady_clock;
+
+  quorvel_transport_reply* add(TransportDone done, std::chrono::milliseconds timeout) {
+    std::vector<TransportDone> expired;
+    std::uintptr_t id = 0;
+    {
+      const std::lock_guard lock(mutex_);
+      const auto now = Clock::now();
+      if (now >= nextExpiry_)
+        expired = takeExpiredLocked(now);
+      id = ++last_;
+      const auto deadline = now + timeout;
+      open_.emplace(id, Open{std::move(done), deadline});
+      nextExpiry_ = std::min(nextExpiry_, deadline);
+    }
+    for (const TransportDone& late : expired)
+      late(std::nullopt, Error{platform::kURLErrorDomain, -1001, "The request timed out."});
     return reinterpret_cast<quorvel_transport_reply*>(id);  // NOLINT: an opaque handle
   }
   // Empty when already answered.
   TransportDone take(const quorvel_transport_reply* reply) noexcept {
     const std::lock_guard lock(mutex_);
     auto node = open_.extract(reinterpret_cast<std::uintptr_t>(reply));  // NOLINT
-    return node.empty() ? TransportDone() : std::move(node.mapped());
+    return node.empty() ? TransportDone() : std::move(node.mapped().done);
   }
   void lockForFork() noexcept { mutex_.lock(); }
   void unlockAfterFork() noexcept { mutex_.unlock(); }
 
  private:
+  struct Open {
+    TransportDone done;
+    Clock::time_point deadline;
+  };
+
+  std::vector<TransportDone> takeExpiredLocked(Clock::time_point now) {
+    std::vector<TransportDone> expired;
+    nextExpiry_ = Clock::time_point::max();
+    for (auto it = open_.begin(); it != open_.end();) {
+      if (it->second.deadline <= now) {
+        expired.push_back(std::move(it->second.done));
+        it = open_.erase(it);
+      } else {
+        nextExpiry_ = std::min(nextExpiry_, it->second.deadline);
+        ++it;
+      }
+    }
+    return expired;
+  }
+
   std::mutex mutex_;
-  std::unordered_map<std::uintptr_t, TransportDone> open_;
+  std::unordered_map<std::uintptr_t, Open> open_;
   std::uintptr_t last_ = 0;
+  Clock::time_point nextExpiry_ = Clock::time_point::max();
 };
 
 // Never destroyed: a host may answer on its own threads while the process exits. Held across
@@ -95,9 +134,10 @@ class CTransport final : public Transport {
   CTransport(quorvel_transport_send send, void* userData, std::shared_ptr<CallGate> gate)
       : send_(send), userData_(userData), gate_(std::move(gate)) {}
 
-  void send(TransportRequest request, TransportDone done) noexcept override {
+  void send(TransportRequest request, TransportDone done) override {
     // Once the handle is destroyed the host's transport state may be gone: never call it.
-    if (!gate_->enter())
+    ReleaseHold hold;  // declared first, so let go once the gate is left
+    if (!gate_->enter(hold))
       return failRequest(done, "the tracker was destroyed");
     const Leave leave{*gate_};
     const HostCallScope inside(gate_.get(), HostCallScope::Kind::send);
@@ -107,7 +147,7 @@ class CTransport final : public Transport {
     try {
       headers = headerLines(request.headers);
       // The host's from here until it answers.
-      reply = openReplies().add(done);
+      reply = openReplies().add(done, request.timeout);
     } catch (...) {
       return failRequest(done, "transport failed");
     }

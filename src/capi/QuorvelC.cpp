@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "capi/CTracker.h"
+#include "tracker/TrackerCore.h"
 #include "util/BoundedJson.h"
 
 namespace quorvel::capi {
@@ -42,11 +43,24 @@ bool HostCallScope::inside(const void* handle, std::optional<Kind> kind) noexcep
   return false;
 }
 
-bool CallGate::enter() {
+HostRelease::~HostRelease() {
+  const auto release = release_;
+  if (release == nullptr)
+    return;
+  // Never on the host's thread inside destroy, nor under a lock of the library's.
+  try {
+    std::thread([release, userData = userData_] { release(userData); }).detach();
+  } catch (...) {
+    release(userData_);  // no thread to be had: late is worse than here
+  }
+}
+
+bool CallGate::enter(ReleaseHold& hold) {
   const std::lock_guard lock(mutex_);
   if (closed_)
     return false;
   ++running_;
+  hold = release_;
   return true;
 }
 
@@ -57,8 +71,10 @@ void CallGate::leave() {
 }
 
 void CallGate::close(std::chrono::milliseconds bound) {
+  ReleaseHold released;  // let go outside the lock
   std::unique_lock lock(mutex_);
   closed_ = true;
+  released = std::move(release_);
   // The closing thread's own send would never end while it waits.
   const int own = HostCallScope::inside(this, HostCallScope::Kind::send) ? 1 : 0;
   idle_.wait_for(lock, bound, [&] { return running_ <= own; });
@@ -90,9 +106,15 @@ namespace {
 template <typename Struct>
 constexpr std::array<std::size_t, 1> kKnownSizes{sizeof(Struct)};
 template <>
-constexpr std::array<std::size_t, 2> kKnownSizes<quorvel_options>{
-    offsetof(quorvel_options, transport),  // 1.0, before the host's transport
+constexpr std::array<std::size_t, 3> kKnownSizes<quorvel_options>{
+    offsetof(quorvel_options, transport),          // 1.0, before the host's transport
+    offsetof(quorvel_options, transport_release),  // 1.1 to 1.3, before its release
     sizeof(quorvel_options)};
+
+template <>
+constexpr std::array<std::size_t, 2> kKnownSizes<quorvel_delivery_stats>{
+    offsetof(quorvel_delivery_stats, refused),  // up to 1.3, before the later counts
+    sizeof(quorvel_delivery_stats)};
 
 template <typename Struct>
 bool knownSize(std::size_t size) {
@@ -267,9 +289,19 @@ quorvel_status quorvel_tracker_create(const quorvel_options* given, quorvel_trac
   quorvel_options_init(&o);
   if (given != nullptr && !quorvel::capi::readSized(given, o))
     return QUORVEL_ERROR_INVALID_ARGUMENT;
+  // A tracker never made is never released: the host still holds all it lent.
+  std::shared_ptr<quorvel::capi::HostRelease> release;
+  const auto failed = [&release] {
+    if (release)
+      release->disarm();
+    return QUORVEL_ERROR_FAILED;
+  };
   try {
     quorvel::PosixPlatformOptions options;
-    auto gate = std::make_shared<quorvel::capi::CallGate>();
+    if (o.transport_release != nullptr)
+      release =
+          std::make_shared<quorvel::capi::HostRelease>(o.transport_release, o.transport_user_data);
+    auto gate = std::make_shared<quorvel::capi::CallGate>(release);
     if (auto v = textOf(o.data_directory, o.data_directory_length))
       options.dataDirectory = *v;
     if (auto v = textOf(o.keychain_directory, o.keychain_directory_length))
@@ -282,13 +314,13 @@ quorvel_status quorvel_tracker_create(const quorvel_options* given, quorvel_trac
     auto platform = std::make_shared<const quorvel::Platform>(quorvel::makePosixPlatform(options));
     quorvel_tracker* handle = quorvel::capi::makeHandle(std::move(platform), gate);
     if (handle == nullptr)
-      return QUORVEL_ERROR_FAILED;
+      return failed();
     if (auto domain = textOf(o.service_domain, o.service_domain_length))
       handle->tracker->setHost(domain);
     *tracker = handle;
     return QUORVEL_OK;
   } catch (...) {
-    return QUORVEL_ERROR_FAILED;
+    return failed();
   }
 }
 
@@ -395,7 +427,8 @@ quorvel_status quorvel_set_custom_data(quorvel_tracker* tracker, const char* jso
                                        size_t json_length) {
   return withRunningTracker(tracker, [&](QuorvelTracker& t) {
     if (json == nullptr) {
-      t.setAdditionalData(std::nullopt);
+      // Not setAdditionalData(nullopt): the C++ setter ignores nil, NULL here removes it.
+      quorvel::coreOf(t).clearAdditionalData();
       return QUORVEL_OK;
     }
     auto data = quorvel::capi::objectOf(json, json_length);
@@ -616,6 +649,10 @@ quorvel_status quorvel_get_delivery_stats(quorvel_tracker* tracker, quorvel_deli
         out.dropped_by_rule = s.droppedByRule;
         out.repeated = s.repeated;
         out.data_directory_held_elsewhere = s.dataDirectoryHeldElsewhere ? 1 : 0;
+        out.refused = s.refused;
+        out.retrying = s.retrying;
+        out.not_kept = s.notKept;
+        out.dropped_unreadable = s.droppedUnreadable;
         // Only the fields the caller's struct has; its size stays the caller's.
         const std::size_t size = std::min(stats->struct_size, sizeof out);
         std::memcpy(reinterpret_cast<char*>(stats) + sizeof(std::size_t),
@@ -647,9 +684,14 @@ quorvel_status quorvel_set_stopped(quorvel_tracker* tracker, int stopped) {
 }
 
 int quorvel_is_stopped(quorvel_tracker* tracker) {
-  if (tracker == nullptr || !tracker->tracker)
+  if (tracker == nullptr || !tracker->tracker || tracker->inheritedByFork())
     return -1;
-  return tracker->tracker->isStopped() ? 1 : 0;
+  try {
+    // The core, not QuorvelTracker::isStopped: that one says "running" when it cannot tell.
+    return quorvel::coreOf(*tracker->tracker).isStopped() ? 1 : 0;
+  } catch (...) {
+    return -1;
+  }
 }
 
 quorvel_status quorvel_forget_this_install(quorvel_tracker* tracker) {

@@ -4,6 +4,7 @@
 #include <quorvel/testing/TestPlatform.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -27,6 +28,9 @@ struct quorvel_testkit {
 namespace {
 
 quorvel_status copyOut(std::string_view text, char* buffer, size_t capacity, size_t* length) {
+  // As in the main API: a capacity with no buffer is a host's mistake, not a size query.
+  if (buffer == nullptr && capacity > 0)
+    return QUORVEL_ERROR_INVALID_ARGUMENT;
   if (length != nullptr)
     *length = text.size();
   if (buffer != nullptr && capacity > 0)
@@ -85,7 +89,10 @@ void quorvel_testkit_destroy(quorvel_testkit* kit) {
 quorvel_status quorvel_testkit_advance(quorvel_testkit* kit, uint64_t milliseconds) {
   if (kit == nullptr)
     return QUORVEL_ERROR_INVALID_ARGUMENT;
-  kit->kit.dispatcher->advance(std::chrono::milliseconds(milliseconds));
+  // The virtual clock counts signed nanoseconds: a larger step would wrap into a negative one.
+  constexpr std::uint64_t kLongestStep = std::uint64_t{100} * 366 * 24 * 3600 * 1000;
+  const auto step = static_cast<std::int64_t>(std::min(milliseconds, kLongestStep));
+  kit->kit.dispatcher->advance(std::chrono::milliseconds(step));
   return QUORVEL_OK;
 }
 

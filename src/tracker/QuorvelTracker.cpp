@@ -2,6 +2,8 @@
 // reaches the host. A failure is logged with the method it came from.
 #include <quorvel/QuorvelTracker.h>
 
+#include <cxxabi.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <exception>
@@ -64,13 +66,15 @@ bool refusedWhileStopped(const TrackerCore& core, std::string_view method,
 }
 
 template <typename R, typename F>
-R guarded(const TrackerCore& core, const char* method, R fallback, F&& call) noexcept {
+R guarded(const TrackerCore& core, const char* method, R fallback, F&& call) {
   if (core.inertAfterFork())
     return fallback;
   try {
     if (refusedWhileStopped(core, method))
       return fallback;
     return std::forward<F>(call)();
+  } catch (abi::__forced_unwind&) {
+    throw;  // a thread ended under a host's function: never swallowed
   } catch (const std::exception& e) {
     core.logger().log(kLogError, method, "failed: %@", std::string(e.what()));
   } catch (...) {
@@ -81,13 +85,15 @@ R guarded(const TrackerCore& core, const char* method, R fallback, F&& call) noe
 
 template <typename F>
 void guarded(const TrackerCore& core, const char* method, F&& call,
-             StopCheck check = StopCheck::look) noexcept {
+             StopCheck check = StopCheck::look) {
   if (core.inertAfterFork())
     return;
   try {
     if (refusedWhileStopped(core, method, check))
       return;
     std::forward<F>(call)();
+  } catch (abi::__forced_unwind&) {
+    throw;
   } catch (const std::exception& e) {
     core.logger().log(kLogError, method, "failed: %@", std::string(e.what()));
   } catch (...) {

@@ -274,6 +274,12 @@ void TrackerCore::setAdditionalData(std::optional<Json> customData) {
   customData_ = hostJson(customData);
 }
 
+void TrackerCore::clearAdditionalData() {
+  std::lock_guard lock(monitor_);
+  log_->log(kLogDebug, "-[QuorvelTracker setAdditionalData:]", "customData removed");
+  customData_.reset();
+}
+
 void TrackerCore::setUserEmails(const std::vector<std::string>& emails, int cryptType) {
   setUserEmails(Json(emails), cryptType);
 }

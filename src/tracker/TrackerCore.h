@@ -79,6 +79,8 @@ class TrackerCore {
   std::optional<Json> customData() const;
   // A nil dictionary is ignored: custom data, once set, can be replaced but not cleared.
   void setAdditionalData(std::optional<Json> customData);
+  // What the C API's NULL asks for: custom data no longer sent (the C++ setter ignores nil).
+  void clearAdditionalData();
 
   // Stores the user's e-mails and how the payload hashes them: 0 plain, 1 SHA-1, 2 MD5,
   // 3 SHA-256 (any other value: SHA-1).

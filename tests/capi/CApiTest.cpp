@@ -2,8 +2,13 @@
 // that no callback reaches the host once it has destroyed its handle.
 #include <gtest/gtest.h>
 
+#include <pthread.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <quorvel/quorvel_testkit.h>
 
+#include "capi/CTracker.h"
 #include "support/TempDir.h"
 
 #include <algorithm>
@@ -12,6 +17,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -118,7 +124,27 @@ TEST(CApi, MisuseIsRefusedWithAStatusAndNothingHalfDone) {
   EXPECT_EQ(made, nullptr);
   EXPECT_EQ(quorvel_is_stopped(nullptr), -1);
   EXPECT_EQ(quorvel_is_stopped(t), 0);
+  quorvel_set_dev_key(t, "K", 1);
+  quorvel_testkit_answer_service(k.kit, "t", 1, 400, "{}", 2);
+  quorvel_track_app_launch(t);
   quorvel_testkit_advance(k.kit, 10000);
+  ASSERT_GT(quorvel_testkit_sent_count(k.kit), 0U);
+  quorvel_delivery_stats stats{};
+  stats.struct_size = offsetof(quorvel_delivery_stats, refused);  // a 1.3 host's
+  ASSERT_EQ(quorvel_get_delivery_stats(t, &stats), QUORVEL_OK);
+  EXPECT_EQ(stats.refused, 0U);  // past its struct: untouched
+  stats.struct_size = sizeof stats;
+  ASSERT_EQ(quorvel_get_delivery_stats(t, &stats), QUORVEL_OK);
+  EXPECT_EQ(stats.refused, 1U);
+  EXPECT_EQ(quorvel_testkit_sent_payload(k.kit, 0, nullptr, 100, &length),
+            QUORVEL_ERROR_INVALID_ARGUMENT);
+  // A forked child's copy is inert: its state is not "running".
+  const pid_t child = fork();
+  if (child == 0)
+    _exit(quorvel_is_stopped(t) == -1 ? 0 : 1);
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
   for (size_t i = 0; i < quorvel_testkit_sent_count(k.kit); ++i) {
     char payload[16384];
     ASSERT_EQ(quorvel_testkit_sent_payload(k.kit, i, payload, sizeof payload, &length), QUORVEL_OK);
@@ -155,27 +181,59 @@ TEST(CApi, DestroyFromInsideACallbackReturnsAndNothingIsCalledAfter) {
   quorvel_testkit_destroy(kit);
 }
 
-TEST(CApi, AHostFreesItsTransportStateOnceDestroyReturned) {
-  // Under AddressSanitizer a transport call after destroy reads freed memory.
-  struct Host {
-    std::atomic<int> sends = 0;
-  };
-  const quorvel::test::TempDir folder;
-  auto host = std::make_unique<Host>();
+// Options for a tracker in `data` and `keys` on a host transport.
+quorvel_options hostOptions(const std::string& data, const std::string& keys,
+                            quorvel_transport_send send, void* user,
+                            void (*release)(void*) = nullptr) {
   quorvel_options options;
   quorvel_options_init(&options);
-  const std::string data = folder / "app";
-  const std::string keys = folder / "keys";
   options.data_directory = data.data();
   options.data_directory_length = data.size();
   options.keychain_directory = keys.data();
   options.keychain_directory_length = keys.size();
-  options.transport = [](void* user, const quorvel_transport_request*,
-                         quorvel_transport_reply* reply) {
-    ++static_cast<Host*>(user)->sends;
+  options.transport = send;
+  options.transport_user_data = user;
+  options.transport_release = release;
+  return options;
+}
+
+// What a host lends its transport, freed at the release notice: under AddressSanitizer a
+// transport call after it reads freed memory. The notice says how many sends were under way.
+struct LentState {
+  std::atomic<int> underWay = 0;
+  std::atomic<quorvel_tracker*> destroyInSend = nullptr;
+  std::shared_future<void> destroyWhen;  // once the host's own call has returned
+  std::atomic<bool> sentOnce = false;
+  std::promise<void> sent;
+  std::promise<int> released;
+
+  static void send(void* user, const quorvel_transport_request*, quorvel_transport_reply* reply) {
+    auto* state = static_cast<LentState*>(user);
+    ++state->underWay;
+    if (quorvel_tracker* own = state->destroyInSend.exchange(nullptr)) {
+      state->destroyWhen.wait();
+      quorvel_tracker_destroy(own);
+    }
     quorvel_transport_fail(reply, -1009, "offline", 7);
-  };
-  options.transport_user_data = host.get();
+    --state->underWay;  // freed memory, had the notice come during the send
+  }
+
+  static void release(void* user) {
+    auto* state = static_cast<LentState*>(user);
+    std::promise<int> released = std::move(state->released);
+    const int underWay = state->underWay;
+    delete state;  // NOLINT(cppcoreguidelines-owning-memory): the host's own
+    released.set_value(underWay);
+  }
+};
+
+TEST(CApi, AHostFreesItsTransportStateAtTheReleaseNotice) {
+  const quorvel::test::TempDir folder;
+  const std::string data = folder / "app";
+  const std::string keys = folder / "keys";
+  auto* host = new LentState;  // NOLINT(cppcoreguidelines-owning-memory): freed at the notice
+  std::future<int> released = host->released.get_future();
+  quorvel_options options = hostOptions(data, keys, LentState::send, host, LentState::release);
   quorvel_tracker* tracker = nullptr;
   ASSERT_EQ(quorvel_tracker_create(&options, &tracker), QUORVEL_OK);
   quorvel_set_dev_key(tracker, "K", 1);
@@ -192,11 +250,13 @@ TEST(CApi, AHostFreesItsTransportStateOnceDestroyReturned) {
   for (auto& thread : threads)
     thread.join();
   quorvel_tracker_destroy(tracker);
-  host.reset();
+  ASSERT_EQ(released.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  EXPECT_EQ(released.get(), 0);
 
   // The folder is let go with the handle: a new tracker on it holds it at once and sends
   // what the first one kept.
   static std::atomic<int> answered = 0;
+  options.transport_release = nullptr;
   options.transport = [](void*, const quorvel_transport_request*, quorvel_transport_reply* reply) {
     ++answered;
     quorvel_transport_respond(reply, 200, "", 0, nullptr, 0);
@@ -218,6 +278,75 @@ TEST(CApi, AHostFreesItsTransportStateOnceDestroyReturned) {
   quorvel_tracker_destroy(tracker);
 }
 
+// Destroyed from inside its own send, a tracker returns at once; the notice waits for that send.
+TEST(CApi, TheReleaseNoticeComesOnceTheSendThatDestroyedTheTrackerReturned) {
+  const quorvel::test::TempDir folder;
+  const std::string data = folder / "app";
+  const std::string keys = folder / "keys";
+  auto* host = new LentState;  // NOLINT(cppcoreguidelines-owning-memory): freed at the notice
+  std::future<int> released = host->released.get_future();
+  const quorvel_options options =
+      hostOptions(data, keys, LentState::send, host, LentState::release);
+  std::promise<void> launched;
+  host->destroyWhen = launched.get_future().share();
+  quorvel_tracker* tracker = nullptr;
+  ASSERT_EQ(quorvel_tracker_create(&options, &tracker), QUORVEL_OK);
+  quorvel_set_dev_key(tracker, "K", 1);
+  quorvel_set_app_id(tracker, "1", 1);
+  host->destroyInSend = tracker;
+  quorvel_track_app_launch(tracker);
+  launched.set_value();
+  ASSERT_EQ(released.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  EXPECT_EQ(released.get(), 0);
+}
+
+// An interpreter exiting ends the foreign threads that call into it (a forced unwind): a library
+// thread ended under a send unwinds, neither aborting nor leaving the send counted.
+TEST(CApi, AThreadEndedUnderASendUnwindsAndTheTrackerIsStillReleased) {
+  const quorvel::test::TempDir folder;
+  const std::string data = folder / "app";
+  const std::string keys = folder / "keys";
+  auto* host = new LentState;  // NOLINT(cppcoreguidelines-owning-memory): freed at the notice
+  std::future<int> released = host->released.get_future();
+  std::future<void> sent = host->sent.get_future();
+  const quorvel_options options = hostOptions(
+      data, keys,
+      [](void* user, const quorvel_transport_request*, quorvel_transport_reply*) {
+        auto* state = static_cast<LentState*>(user);
+        if (!state->sentOnce.exchange(true))
+          state->sent.set_value();
+        pthread_exit(nullptr);
+      },
+      host, LentState::release);
+  quorvel_tracker* tracker = nullptr;
+  ASSERT_EQ(quorvel_tracker_create(&options, &tracker), QUORVEL_OK);
+  quorvel_set_dev_key(tracker, "K", 1);
+  quorvel_set_app_id(tracker, "1", 1);
+  quorvel_track_app_launch(tracker);
+  ASSERT_EQ(sent.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  quorvel_tracker_destroy(tracker);
+  EXPECT_EQ(released.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+}
+
+// A host that never answers: the request fails as timed out once past its timeout, and what it
+// carried is let go (not kept for an answer that never comes).
+TEST(CApi, ARequestTheHostNeverAnswersIsFailedAndForgottenPastItsTimeout) {
+  const auto transport = quorvel::capi::makeCTransport(
+      [](void*, const quorvel_transport_request*, quorvel_transport_reply*) {}, nullptr,
+      std::make_shared<quorvel::capi::CallGate>());
+  std::vector<std::int64_t> failures;
+  auto carried = std::make_shared<int>();
+  const std::weak_ptr<int> kept = carried;
+  transport->send({"POST", "https://a.svc.example/", {}, {1, 2, 3}, std::chrono::milliseconds(0)},
+                  [&failures, carried = std::move(carried)](auto, auto failure) {
+                    failures.push_back(failure ? failure->code : 0);
+                  });
+  transport->send({"POST", "https://a.svc.example/", {}, {}, std::chrono::seconds(60)},
+                  [](auto, auto) {});
+  EXPECT_EQ(failures, std::vector<std::int64_t>{-1001});
+  EXPECT_TRUE(kept.expired());
+}
+
 // Inside one tracker's callback, another tracker is an ordinary one: its destroy waits for its
 // own sends under way on other threads.
 TEST(CApi, DestroyingAnotherTrackerFromACallbackWaitsForThatTrackersSends) {
@@ -232,24 +361,19 @@ TEST(CApi, DestroyingAnotherTrackerFromACallbackWaitsForThatTrackersSends) {
   const quorvel::test::TempDir folder;
   const std::string data = folder / "b";
   const std::string keys = folder / "keys";
-  quorvel_options options;
-  quorvel_options_init(&options);
-  options.data_directory = data.data();
-  options.data_directory_length = data.size();
-  options.keychain_directory = keys.data();
-  options.keychain_directory_length = keys.size();
-  options.transport = [](void* user, const quorvel_transport_request*,
-                         quorvel_transport_reply* reply) {
-    auto* h = static_cast<Host*>(user);
-    std::unique_lock lock(h->mutex);
-    ++h->started;
-    h->changed.notify_all();
-    h->changed.wait_for(lock, std::chrono::seconds(30), [h] { return h->released; });
-    ++h->finished;  // freed memory, were this send still under way once destroy returned
-    lock.unlock();
-    quorvel_transport_fail(reply, -1009, "offline", 7);
-  };
-  options.transport_user_data = host.get();
+  const quorvel_options options = hostOptions(
+      data, keys,
+      [](void* user, const quorvel_transport_request*, quorvel_transport_reply* reply) {
+        auto* h = static_cast<Host*>(user);
+        std::unique_lock lock(h->mutex);
+        ++h->started;
+        h->changed.notify_all();
+        h->changed.wait_for(lock, std::chrono::seconds(30), [h] { return h->released; });
+        ++h->finished;  // freed memory, were this send still under way once destroy returned
+        lock.unlock();
+        quorvel_transport_fail(reply, -1009, "offline", 7);
+      },
+      host.get());
   quorvel_tracker* b = nullptr;
   ASSERT_EQ(quorvel_tracker_create(&options, &b), QUORVEL_OK);
   quorvel_set_dev_key(b, "K", 1);
@@ -395,6 +519,21 @@ TEST(CApi, AnEngineReportsItsLifecycleCustomDataAndPushPayloads) {
   EXPECT_NE(launch.find("app://from-push"), std::string::npos) << launch;
   EXPECT_NE(launch.find(R"("deviceTrackingDisabled":"true")"), std::string::npos) << launch;
   EXPECT_TRUE(statistics) << "no background statistics";
+
+  // Removed, custom data is no longer sent.
+  ASSERT_EQ(quorvel_set_custom_data(t, nullptr, 0), QUORVEL_OK);
+  const size_t before = quorvel_testkit_sent_count(k.kit);
+  ASSERT_EQ(quorvel_track_event(t, "after_removal", 13, nullptr, 0), QUORVEL_OK);
+  quorvel_testkit_advance(k.kit, 10000);
+  std::string after;
+  for (size_t i = before; i < quorvel_testkit_sent_count(k.kit); ++i) {
+    char text[16384];
+    size_t length = 0;
+    ASSERT_EQ(quorvel_testkit_sent_payload(k.kit, i, text, sizeof text, &length), QUORVEL_OK);
+    after.append(text, length);
+  }
+  EXPECT_NE(after.find("after_removal"), std::string::npos) << after;
+  EXPECT_EQ(after.find("gold"), std::string::npos) << after;
 
   // Stopped: the configuration is still taken, what is about the user is not.
   ASSERT_EQ(quorvel_set_stopped(t, 1), QUORVEL_OK);

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import atexit
 import ctypes
+import itertools
 import json
 import logging
 import math
@@ -67,6 +68,10 @@ class DeliveryStats:
     dropped_by_rule: int
     repeated: int
     data_directory_held_elsewhere: bool
+    refused: int  # answered 4xx (but 429): never sent again
+    retrying: int  # answered 5xx or 429, to go again (counted in `waiting` too)
+    not_kept: int  # their record refused by the disk: sent from memory only
+    dropped_unreadable: int  # left by an earlier run, but not readable
 
 
 @dataclass(frozen=True)
@@ -108,8 +113,23 @@ def _header_pairs(text: str) -> Headers:
     return pairs
 
 
-_LIVE_FOREVER: List[Any] = []
 _in_callback = threading.local()
+
+# What each tracker lent the library (its C functions and its transport), by key, kept until
+# the library's release notice says that none of them runs or will run again: a send blocking
+# past close's bounded wait, or a close from inside a callback, may still run after close.
+_lent: Dict[int, Tuple[Any, ...]] = {}
+_lent_keys = itertools.count(1)
+
+
+def _release_lent(key: Optional[int]) -> None:
+    lent = _lent.pop(key or 0, ())
+    for item in lent:
+        if isinstance(item, _Transport):
+            item.close()
+
+
+_C_RELEASE = _native.RELEASE_CALLBACK(_release_lent)
 
 
 class _Reply:
@@ -154,10 +174,8 @@ class _Transport:
         self._lock = threading.Lock()
         self._workers = 0
         self._max_workers = workers
+        # Kept by the tracker's entry in _lent until the library's release notice.
         self.c_function = _native.TRANSPORT_SEND(self._hand_over)
-        # The library may still hand over a request while a tracker goes away: the function
-        # it calls lives as long as the process.
-        _LIVE_FOREVER.append(self.c_function)
 
     def _hand_over(self, _user_data: Any, c_request: Any, handle: int) -> None:
         reply = _Reply(handle)
@@ -266,11 +284,12 @@ def _text(pointer: int, length: int) -> str:
 
 
 def _call_safely(callback: Callable[..., Any], *arguments: Any) -> None:
-    # A Python exception must never unwind into the library's threads.
+    # A Python exception must never unwind into the library's threads, SystemExit and
+    # KeyboardInterrupt raised in a host callback included: there is no Python caller to stop.
     _in_callback.depth = getattr(_in_callback, "depth", 0) + 1
     try:
         callback(*arguments)
-    except Exception:  # noqa: BLE001 - printed, as an unhandled thread exception would be
+    except BaseException:  # noqa: BLE001 - printed, as an unhandled thread exception would be
         sys.excepthook(*sys.exc_info())
     finally:
         _in_callback.depth -= 1
@@ -303,6 +322,34 @@ class _Callbacks:
         function = self.current[1]
         if function is not None:
             _call_safely(function, code, _text(pointer, length))
+
+
+class _Purchases:
+    """A tracker's purchase results: one C function for all of them (a function ctypes frees
+    while the library runs it would crash), each purchase's callable found by its key."""
+
+    def __init__(self) -> None:
+        self._pending: Dict[int, Callable[[bool, Dict[str, Any]], Any]] = {}
+        self._lock = threading.Lock()
+        self._keys = itertools.count(1)
+        self.c = _native.PURCHASE_CALLBACK(self._deliver)
+
+    def add(self, on_result: Callable[[bool, Dict[str, Any]], Any]) -> int:
+        key = next(self._keys)
+        with self._lock:
+            self._pending[key] = on_result
+        return key
+
+    def drop(self, key: int) -> None:
+        with self._lock:
+            self._pending.pop(key, None)
+
+    def _deliver(self, key: Optional[int], succeeded: int, pointer: int, length: int) -> None:
+        with self._lock:
+            on_result = self._pending.pop(key or 0, None)
+        if on_result is not None:
+            answer = _text(pointer, length)
+            _call_safely(lambda: on_result(bool(succeeded), json.loads(answer)))
 
 
 class _Handle:
@@ -364,16 +411,21 @@ class _Handle:
         # this very callback: the last call out releases the handle instead of waiting here.
         inside = getattr(_in_callback, "depth", 0) > 0
         me = threading.get_ident()
-        with self._changed:
-            if self._closing:
-                return
-            self._closing = True
-            if not inside and me not in self._users:
-                self._changed.wait_for(lambda: not self._users)
-            if self._users:
+        try:
+            with self._changed:
+                if self._closing:
+                    return
+                self._closing = True
+                # Planned before the wait: one cut short (Ctrl-C) still leaves the release to
+                # the last call out.
                 self._release_on_last_exit = True
-                return
-        self._release()
+                if not inside and me not in self._users:
+                    self._changed.wait_for(lambda: not self._users)
+        finally:
+            with self._changed:
+                idle = self._release_on_last_exit and not self._users
+            if idle:
+                self._release()
 
     def _release(self) -> None:
         with self._changed:
@@ -450,20 +502,20 @@ class Tracker:
         self._transport = None if transport is None else _Transport(transport)
         if self._transport is not None:
             options.transport = self._transport.c_function
+        self._callbacks = _Callbacks()
+        self._purchases = _Purchases()
+        key = next(_lent_keys)
+        _lent[key] = (self._transport, self._callbacks, self._purchases)
+        options.transport_user_data = key
+        options.transport_release = _C_RELEASE
         handle = ctypes.c_void_p()
         status = lib.quorvel_tracker_create(ctypes.byref(options), ctypes.byref(handle))
         if status != _native.OK:
-            if self._transport is not None:
-                self._transport.close()
+            _release_lent(key)  # a tracker never made sends no notice
             raise QuorvelError(status, "creating the tracker")
         self._handle = _Handle(handle, self._released)
         # Its lines (written while set_debug is on) go to the logger "quorvel".
         lib.quorvel_set_log_callback(handle, _C_LOG_LINE, None)
-        self._callbacks = _Callbacks()
-        # C callbacks of purchases under way, kept alive until they are called.
-        self._purchases: Dict[int, Any] = {}
-        self._purchase_lock = threading.Lock()
-        self._next_purchase = 0
         _open_trackers.add(self)
         if dev_key is not None:
             self.dev_key = dev_key
@@ -495,9 +547,8 @@ class Tracker:
             self.close()
 
     def _released(self) -> None:
+        # The transport's workers stop at the library's release notice, once no send runs.
         _open_trackers.discard(self)
-        if self._transport is not None:
-            self._transport.close()
 
     def __del__(self) -> None:
         handle = getattr(self, "_handle", None)
@@ -650,29 +701,18 @@ class Tracker:
             keep.append(data)
             setattr(purchase, name, data)
             setattr(purchase, name + "_length", length)
-        token = None
+        key = 0
         if on_result is not None:
-            with self._purchase_lock:
-                token = self._next_purchase
-                self._next_purchase += 1
-
-            def deliver(_user_data: Any, succeeded: int, pointer: int, length: int) -> None:
-                with self._purchase_lock:
-                    self._purchases.pop(token, None)
-                _call_safely(on_result, bool(succeeded), json.loads(_text(pointer, length)))
-
-            c_callback = _native.PURCHASE_CALLBACK(deliver)
-            with self._purchase_lock:
-                self._purchases[token] = c_callback
-            purchase.callback = c_callback
+            key = self._purchases.add(on_result)
+            purchase.callback = self._purchases.c
+            purchase.user_data = key
         taken = False
         try:
             taken = self._collect(lib.quorvel_validate_and_track_purchase,
                                   "validate_and_track_purchase", ctypes.byref(purchase))
         finally:
             if not taken:
-                with self._purchase_lock:
-                    self._purchases.pop(token, None)
+                self._purchases.drop(key)
         return taken
 
     # --- Attribution callbacks ---------------------------------------------------------------
@@ -726,8 +766,8 @@ class Tracker:
     def stopped(self) -> bool:
         with self._handle.use() as handle:
             state = lib.quorvel_is_stopped(handle)
-        if state < 0:
-            raise QuorvelError(INVALID_ARGUMENT, "stopped")
+        if state < 0:  # the state could not be read: neither answer would be true
+            raise QuorvelError(FAILED, "stopped")
         return state == 1
 
     @stopped.setter

@@ -5,7 +5,7 @@ import ctypes.util
 import os
 from pathlib import Path
 
-C_API_VERSION = 1003  # QUORVEL_C_API_VERSION of the header these declarations follow
+C_API_VERSION = 1004  # QUORVEL_C_API_VERSION of the header these declarations follow
 
 OK = 0
 BUFFER_TOO_SMALL = 2
@@ -33,6 +33,9 @@ TRANSPORT_SEND = ctypes.CFUNCTYPE(
 )
 
 
+RELEASE_CALLBACK = ctypes.CFUNCTYPE(None, ctypes.c_void_p)
+
+
 class Options(ctypes.Structure):
     _fields_ = [
         ("struct_size", ctypes.c_size_t),
@@ -48,6 +51,7 @@ class Options(ctypes.Structure):
         ("extra_ca_file_length", ctypes.c_size_t),
         ("transport", TRANSPORT_SEND),
         ("transport_user_data", ctypes.c_void_p),
+        ("transport_release", RELEASE_CALLBACK),
     ]
 
 
@@ -100,6 +104,10 @@ class DeliveryStats(ctypes.Structure):
         ("dropped_by_rule", ctypes.c_uint64),
         ("repeated", ctypes.c_uint64),
         ("data_directory_held_elsewhere", ctypes.c_int),
+        ("refused", ctypes.c_uint64),
+        ("retrying", ctypes.c_uint64),
+        ("not_kept", ctypes.c_uint64),
+        ("dropped_unreadable", ctypes.c_uint64),
     ]
 
 

@@ -144,6 +144,39 @@ def test_ctrl_c_interrupts_a_flush(tmp_path):
     assert float(out.split()[1]) < 5
 
 
+def test_ctrl_c_in_close_still_releases_the_tracker_and_then_what_it_lent(tmp_path):
+    tracker = quorvel.Tracker(tmp_path / "app", keychain_directory=tmp_path / "keys")
+    entered, leave = threading.Event(), threading.Event()
+
+    def busy():
+        with tracker._handle.use():
+            entered.set()
+            leave.wait(30)
+
+    worker = threading.Thread(target=busy)
+    worker.start()
+    assert entered.wait(30)
+    interrupt = threading.Timer(0.2, signal.pthread_kill,
+                                (threading.main_thread().ident, signal.SIGINT))
+    interrupt.start()
+    with pytest.raises(KeyboardInterrupt):
+        tracker.close()  # waits for `busy`, until interrupted
+    interrupt.join()
+    leave.set()
+    worker.join(30)
+    assert tracker._handle._handle is None  # released by the last call out
+
+    def lent():
+        return any(tracker._callbacks in kept for kept in quorvel._lent.values())
+
+    # The C functions stay until the library's release notice, which follows the release.
+    for _ in range(3000):
+        if not lent():
+            break
+        threading.Event().wait(0.01)
+    assert not lent()
+
+
 def test_a_worker_that_cannot_start_answers_its_request_once(tmp_path):
     # Every other worker fails to start: its request is failed at once, and neither answered
     # again by a later worker (freed twice) nor left counted as a worker.
@@ -195,12 +228,17 @@ def test_collection_on_its_own_transport_worker_is_quiet(tmp_path):
 
 
 def test_purchases_bytes_paths_and_argument_checks(tmp_path):
-    results = []
+    results, caught, escaped = [], [], []
     answered = threading.Event()
 
     def on_result(succeeded, answer):
         results.append(succeeded)
         answered.set()
+        raise SystemExit  # reported, never raised into the library's thread
+
+    hooks = sys.excepthook, sys.unraisablehook
+    sys.excepthook = lambda kind, *_: caught.append(kind)
+    sys.unraisablehook = escaped.append
 
     def offline(request):
         raise OSError("offline")
@@ -223,6 +261,8 @@ def test_purchases_bytes_paths_and_argument_checks(tmp_path):
         tracker.track_event("last", "1")
         with pytest.raises(quorvel.QuorvelError, match="failed"):
             tracker.flush(1e7)  # clamped, not wrapped; a failed send is said as such
+    sys.excepthook, sys.unraisablehook = hooks
+    assert caught == [SystemExit] and not escaped
     assert (tmp_path / "bytes").is_dir()
     assert not any("b'" in p.name for p in tmp_path.iterdir())
 

@@ -36,6 +36,7 @@ def test_a_whole_session_from_python_arrives(devserver, tmp_path):
         assert arrived.wait(30)
         stats = tracker.delivery_stats()
         assert stats.accepted >= 3 and stats.delivered == stats.accepted and stats.waiting == 0
+        assert stats.refused == stats.retrying == stats.not_kept == 0
         uid = tracker.uid
 
     assert conversions and conversions[0].get("campaign") == "spring"

@@ -14,8 +14,9 @@ class SystemLog {
   SystemLog& operator=(const SystemLog&) = delete;
   virtual ~SystemLog() = default;
 
-  // Writes one line (the sink adds its own prefix and the newline). Any thread.
-  virtual void write(std::string_view line) noexcept = 0;
+  // Writes one line (the sink adds its own prefix and the newline). Any thread. Never throws;
+  // not noexcept only so that a thread ended inside a host's log function unwinds through it.
+  virtual void write(std::string_view line) = 0;
 };
 
 }  // namespace quorvel::platform

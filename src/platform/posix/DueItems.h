@@ -3,6 +3,8 @@
 // a shared pool. Not locked: its owner holds its own lock around every call.
 #pragma once
 
+#include <cxxabi.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
@@ -65,10 +67,13 @@ class DueItems {
   std::uint64_t nextSequence_ = 0;
 };
 
-// Runs one item; one that throws must not take its queue down with it.
-inline void runItem(Work& work) noexcept {
+// Runs one item; one that throws must not take its queue down with it. A thread ended under
+// it (a forced unwind: a host's function that ended its thread) must go on unwinding.
+inline void runItem(Work& work) {
   try {
     work();
+  } catch (abi::__forced_unwind&) {
+    throw;
   } catch (...) {
   }
   work = nullptr;
