@@ -156,6 +156,11 @@ typedef struct quorvel_options {
    * a child made by fork(). Answering a request (quorvel_transport_respond/_fail) after it is
    * harmless. */
   void (*transport_release)(void* transport_user_data);
+  /* Since 1.4, optional: the app's store receipt file, which purchase validation sends (on
+   * this platform there is no system place to find it). Not set: a purchase fails through
+   * its callback, "Could not get application receipt data". */
+  const char* receipt_path;
+  size_t receipt_path_length;
 } quorvel_options;
 
 /* Sets `struct_size` and leaves every option unset. */

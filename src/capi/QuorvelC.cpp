@@ -309,6 +309,7 @@ quorvel_status quorvel_tracker_create(const quorvel_options* given, quorvel_trac
     if (auto v = textOf(o.bundle_identifier, o.bundle_identifier_length))
       options.bundleIdentifier = *v;
     options.extraCAFile = textOf(o.extra_ca_file, o.extra_ca_file_length);
+    options.receiptPath = textOf(o.receipt_path, o.receipt_path_length);
     if (o.transport != nullptr)
       options.transport = quorvel::capi::makeCTransport(o.transport, o.transport_user_data, gate);
     auto platform = std::make_shared<const quorvel::Platform>(quorvel::makePosixPlatform(options));

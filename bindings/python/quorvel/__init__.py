@@ -478,7 +478,8 @@ class Tracker:
     def __init__(self, data_directory: Optional[PathArg] = None, *,
                  keychain_directory: Optional[PathArg] = None,
                  bundle_identifier: Optional[str] = None, service_domain: Optional[str] = None,
-                 extra_ca_file: Optional[PathArg] = None, dev_key: Optional[str] = None,
+                 extra_ca_file: Optional[PathArg] = None,
+                 receipt_path: Optional[PathArg] = None, dev_key: Optional[str] = None,
                  app_id: Optional[str] = None,
                  transport: Optional[Callable[[Request], Response]] = None,
                  flush_timeout: float = 5.0) -> None:
@@ -492,7 +493,8 @@ class Tracker:
                                      ("keychain_directory", keychain_directory, _path),
                                      ("bundle_identifier", bundle_identifier, _utf8),
                                      ("service_domain", service_domain, _utf8),
-                                     ("extra_ca_file", extra_ca_file, _path)):
+                                     ("extra_ca_file", extra_ca_file, _path),
+                                     ("receipt_path", receipt_path, _path)):
             data, length = convert(value, name)
             keep.append(data)
             setattr(options, name, data)

@@ -52,6 +52,8 @@ class Options(ctypes.Structure):
         ("transport", TRANSPORT_SEND),
         ("transport_user_data", ctypes.c_void_p),
         ("transport_release", RELEASE_CALLBACK),
+        ("receipt_path", ctypes.c_char_p),
+        ("receipt_path_length", ctypes.c_size_t),
     ]
 
 

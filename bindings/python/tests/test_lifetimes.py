@@ -240,12 +240,16 @@ def test_purchases_bytes_paths_and_argument_checks(tmp_path):
     sys.excepthook = lambda kind, *_: caught.append(kind)
     sys.unraisablehook = escaped.append
 
+    sent = []
+
     def offline(request):
+        sent.append(request.url)
         raise OSError("offline")
 
+    (tmp_path / "receipt").write_bytes(b"\x01store receipt")
     with quorvel.Tracker(os.fsencode(tmp_path / "bytes"), keychain_directory=tmp_path / "keys",
-                         dev_key="K", app_id="1", transport=offline,
-                         flush_timeout=1) as tracker:
+                         receipt_path=tmp_path / "receipt", dev_key="K", app_id="1",
+                         transport=offline, flush_timeout=1) as tracker:
         tracker.validate_and_track_purchase("gem", "0.99", "USD", "t-1", on_result)
         with pytest.raises(TypeError):
             tracker.set_callbacks(on_conversion_data=5)
@@ -258,6 +262,7 @@ def test_purchases_bytes_paths_and_argument_checks(tmp_path):
         with pytest.raises(quorvel.QuorvelError):  # nested deeper than the library's bound
             tracker.track_event("deep", {"v": __import__("json").loads("[" * 200 + "]" * 200)})
         assert answered.wait(30) and results == [False]
+        assert sent  # with its receipt the purchase went out (and failed offline)
         tracker.track_event("last", "1")
         with pytest.raises(quorvel.QuorvelError, match="failed"):
             tracker.flush(1e7)  # clamped, not wrapped; a failed send is said as such
