@@ -275,7 +275,10 @@ typedef struct quorvel_purchase {
 } quorvel_purchase;
 QUORVEL_C_API void quorvel_purchase_init(quorvel_purchase* purchase);
 /* Reports a store purchase and has its receipt validated by the service. The callback is
- * called once, on a library thread (not at all when the tracker is destroyed first). */
+ * called once (not at all when the tracker is destroyed first): on a library thread with the
+ * service's verdict, or, when the purchase is refused at once (no receipt, see
+ * quorvel_options.receipt_path, or a missing field), on the calling thread before this
+ * returns: a host that holds a lock of its own across this call must not take it there. */
 QUORVEL_C_API quorvel_status quorvel_validate_and_track_purchase(quorvel_tracker* tracker,
                                                                  const quorvel_purchase* purchase);
 /* The push token, for uninstall measurement. */
