@@ -30,9 +30,10 @@ struct AnsweringAdClient final : platform::SearchAdsClient, platform::SearchAdsC
 
 class LaunchAndEventsTest : public test::TrackerFixture {};
 
-TEST_F(LaunchAndEventsTest, LaunchLeavesAfter250msOnTheSerialQueue) {
+// The launch leaves after 250 ms; event counters are written in one group within 100 ms, not
+// once per event. (That a launch is durable before it leaves is shown by the crash-safety test.)
+TEST_F(LaunchAndEventsTest, LaunchLeavesAfter250msAndEventCountsAreWrittenInOneGroup) {
   tracker->trackAppLaunch();
-  EXPECT_TRUE(sent().empty());
   fakes.dispatcher->advance(249ms);
   EXPECT_TRUE(sent().empty());
   fakes.dispatcher->advance(1ms);
@@ -42,14 +43,6 @@ TEST_F(LaunchAndEventsTest, LaunchLeavesAfter250msOnTheSerialQueue) {
   EXPECT_EQ(ran.at(ran.size() - 2), "com.quorvel.serial");
   EXPECT_EQ(ran.back(), "com.quorvel.outbox");
   EXPECT_EQ(payload(0)["event"], "Launched");
-}
-
-// Event counters are written in one group within 100 ms, not once per event. (That a
-// launch is durable before it leaves is shown by the crash-safety test.)
-TEST_F(LaunchAndEventsTest, EventCountsAreWrittenInOneGroupWithin100ms) {
-  tracker->trackAppLaunch();
-  fakes.dispatcher->advance(250ms);
-  ASSERT_EQ(sent().size(), 1U);
 
   const int writes = fakes.preferences->synchronizeCount();
   for (int i = 0; i < 3; ++i)
