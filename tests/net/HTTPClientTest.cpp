@@ -1,5 +1,3 @@
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
 #include <quorvel/QuorvelTracker.h>
@@ -85,7 +83,7 @@ TEST_F(HTTPClientTest, FreshAnswerReplaysTheCacheOneByOneWithTheSuffix) {
   fakes.dispatcher->runUntilIdle();
   EXPECT_TRUE(called);  // any HTTP answer counts as delivered
   fakes.dispatcher->advance(100ms);
-  auto started = fakes.requests();
+  const auto started = fakes.requests();
   ASSERT_EQ(started.size(), 2U);
   const std::string& url = started[1].url;
   EXPECT_NE(url.find("https://t.example/a?buildnumber=4.8.0&timeincache="), std::string::npos);
@@ -93,11 +91,7 @@ TEST_F(HTTPClientTest, FreshAnswerReplaysTheCacheOneByOneWithTheSuffix) {
   // A replayed record answered 4xx is final: deleted, and the next record goes.
   fakes.respond(1, 404, "gone", "text/html");
   fakes.dispatcher->runUntilIdle();
-  // The next one is on its way: claimed by this process until its answer.
-  EXPECT_EQ(files(),
-            std::vector<std::string>{"699999991.000000.qv.sending-" + std::to_string(::getpid())});
-  started = fakes.requests();
-  ASSERT_EQ(started.size(), 3U);
+  ASSERT_EQ(fakes.requests().size(), 3U);
   // A 5xx is no delivery: the record stays, under its own name, and the replay stops there.
   fakes.respond(2, 503, "busy", "text/html");
   fakes.dispatcher->runUntilIdle();
