@@ -77,29 +77,8 @@ TEST_F(LaunchAndEventsTest, SessionIntervalIsStrictlyGreater) {
   }
 }
 
+// Switched off, the lookup is not made; on, its answer after a launch sends one follow-up.
 TEST_F(LaunchAndEventsTest, SearchAdsAnswerAfterTheLaunchSendsOneFollowUp) {
-  auto ads = std::make_shared<AnsweringAdClient>();
-  ads->self = ads;
-  fakes.classRegistry->registerClass("ADClient", ads);
-  tracker->trackAppLaunch();
-  fakes.dispatcher->advance(250ms);  // the launch payload raises the flag
-  EXPECT_TRUE(tracker->permitAggregateiAdData());
-  fakes.dispatcher->advance(2s);  // the Search Ads answer
-  ASSERT_EQ(sent().size(), 2U);
-  EXPECT_EQ(sent()[1].url,
-            "https://attr.svc.example/api/v4.8/iosevent?app_id=123&buildnumber=4.8.0");
-  EXPECT_EQ(payload(1)["qv_iad_data"], ads->details);
-  EXPECT_FALSE(tracker->permitAggregateiAdData());
-  EXPECT_EQ(fakes.preferences->objectForKey(keys::kSearchAdsAttribution), ads->details);
-  // Stored: never asked again.
-  fakes.clock->advance(10s);
-  tracker->trackAppLaunch();
-  fakes.dispatcher->advance(5s);
-  EXPECT_EQ(ads->requests, 1);
-  EXPECT_EQ(sent().size(), 3U);
-}
-
-TEST_F(LaunchAndEventsTest, SearchAdsLookupCanBeSwitchedOff) {
   auto ads = std::make_shared<AnsweringAdClient>();
   ads->self = ads;
   fakes.classRegistry->registerClass("ADClient", ads);
@@ -107,6 +86,24 @@ TEST_F(LaunchAndEventsTest, SearchAdsLookupCanBeSwitchedOff) {
   tracker->trackAppLaunch();
   fakes.dispatcher->advance(5s);
   EXPECT_EQ(ads->requests, 0);
+  tracker->setDisableIAdTracking(false);
+  fakes.clock->advance(10s);
+  tracker->trackAppLaunch();
+  fakes.dispatcher->advance(250ms);  // the launch payload raises the flag
+  EXPECT_TRUE(tracker->permitAggregateiAdData());
+  fakes.dispatcher->advance(2s);  // the Search Ads answer
+  ASSERT_EQ(sent().size(), 3U);
+  EXPECT_EQ(sent()[2].url,
+            "https://attr.svc.example/api/v4.8/iosevent?app_id=123&buildnumber=4.8.0");
+  EXPECT_EQ(payload(2)["qv_iad_data"], ads->details);
+  EXPECT_FALSE(tracker->permitAggregateiAdData());
+  EXPECT_EQ(fakes.preferences->objectForKey(keys::kSearchAdsAttribution), ads->details);
+  // Stored: never asked again.
+  fakes.clock->advance(10s);
+  tracker->trackAppLaunch();
+  fakes.dispatcher->advance(5s);
+  EXPECT_EQ(ads->requests, 1);
+  EXPECT_EQ(sent().size(), 4U);
 }
 
 TEST_F(LaunchAndEventsTest, BackgroundCountsTheSessionAndSendsStatistics) {
