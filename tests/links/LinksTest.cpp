@@ -156,7 +156,6 @@ class HelpersTest : public test::TrackerFixture {
 
 TEST_F(HelpersTest, InviteLinkWithoutATemplateCarriesTheAppId) {
   const QuorvelLinkGenerator g = QuorvelShareInviteHelper::createLink(*facade, "qv_app_invites");
-  EXPECT_EQ(g.referrerUID(), facade->getQuorvelUID());
   EXPECT_EQ(g.generateLink(), "https://app.svc.example/id555?pid=qv_app_invites&referrer_qv_id=" +
                                   facade->getQuorvelUID() + "&qv_siteid=555");
   std::vector<std::string> urls;

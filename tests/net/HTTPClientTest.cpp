@@ -52,9 +52,8 @@ class HTTPClientTest : public ::testing::Test {
 TEST_F(HTTPClientTest, RequestShapeAndLegacyEscaping) {
   client->sendRequestEventToServer(fresh("https://t.example/p?a=b c&d=\xc3\xa9|x%y"), false,
                                    std::nullopt, false, nullptr);
-  const auto started = fakes.requests();
-  ASSERT_EQ(started.size(), 1U);
-  const auto& r = started[0];
+  const auto r = fakes.requests().at(0);
+  EXPECT_EQ(fakes.requests().size(), 1U);
   EXPECT_EQ(r.url, "https://t.example/p?a=b%20c&d=%C3%A9%7Cx%25y");
   EXPECT_EQ(r.method, "POST");
   EXPECT_EQ(r.headers, (platform::HeaderList{{"Content-Type", "application/octet-stream"}}));
