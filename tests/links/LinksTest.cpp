@@ -154,7 +154,7 @@ class HelpersTest : public test::TrackerFixture {
   Json lastEvent() { return payload(sent().size() - 1); }
 };
 
-TEST_F(HelpersTest, InviteLinkWithoutATemplateCarriesTheAppId) {
+TEST_F(HelpersTest, InviteLinksCarryTheAppIdOrTheServicesSettingsWithATemplate) {
   const QuorvelLinkGenerator g = QuorvelShareInviteHelper::createLink(*facade, "qv_app_invites");
   EXPECT_EQ(g.generateLink(), "https://app.svc.example/id555?pid=qv_app_invites&referrer_qv_id=" +
                                   facade->getQuorvelUID() + "&qv_siteid=555");
@@ -168,9 +168,8 @@ TEST_F(HelpersTest, InviteLinkWithoutATemplateCarriesTheAppId) {
       [&](const std::string& u) { urls.push_back(u); });
   ASSERT_EQ(urls.size(), 1U);
   EXPECT_NE(urls[0].find("qv_channel=email"), std::string::npos);
-}
 
-TEST_F(HelpersTest, InviteLinkSettingsFromTheService) {
+  // With a template, the service's link settings make the base; no app id then.
   facade->setAppInviteHopline(std::string("tmpl"));
   struct Case {
     std::optional<std::string> domain, scheme;
@@ -185,10 +184,11 @@ TEST_F(HelpersTest, InviteLinkSettingsFromTheService) {
   for (const auto& c : cases) {
     fakes.preferences->setString(keys::kHoplineDomain, *c.domain);
     fakes.preferences->setString(keys::kHoplineScheme, *c.scheme);
-    const QuorvelLinkGenerator g = QuorvelShareInviteHelper::createLink(*facade, "qv_app_invites");
-    EXPECT_EQ(g.baseURL(), c.base);
-    EXPECT_EQ(g.baseDeeplink().has_value(), c.deeplink);
-    EXPECT_FALSE(g.appleAppID());
+    const QuorvelLinkGenerator made =
+        QuorvelShareInviteHelper::createLink(*facade, "qv_app_invites");
+    EXPECT_EQ(made.baseURL(), c.base);
+    EXPECT_EQ(made.baseDeeplink().has_value(), c.deeplink);
+    EXPECT_FALSE(made.appleAppID());
   }
   EXPECT_EQ(QuorvelShareInviteHelper::buildHoplineWithID("id", "d.example"),
             "https://d.example/id");
