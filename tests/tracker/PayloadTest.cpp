@@ -129,7 +129,7 @@ TEST_F(PayloadTest, AdvertisingIdentifierThroughTheRegistry) {
   EXPECT_EQ(d["advertiserIdEnabled"], false);
 }
 
-TEST_F(PayloadTest, PendingLinkAndPushArePassedOnLaunchesOnly) {
+TEST_F(PayloadTest, PendingLinkAndPushArePassedOnLaunchesOnlyAndMarkedLinksAreSplit) {
   tracker->setDeeplink(std::string("myapp://open?x=1"));
   tracker->setSourceApplication(std::string("com.other"));
   tracker->setPushPayload(Json{{"qv", Json{{"c", "push"}}}});
@@ -144,16 +144,14 @@ TEST_F(PayloadTest, PendingLinkAndPushArePassedOnLaunchesOnly) {
   fakes.dispatcher->runUntilIdle();
   EXPECT_EQ(opened, (std::vector<Json>{Json{{"link", "myapp://open?x=1"}}}));
   EXPECT_EQ(fakes.dispatcher->ranOn().back(), "main");
-}
-
-TEST_F(PayloadTest, LinksHoldingTheMarkerAreSplitIntoParameters) {
+  // A link holding the marker is split into its parameters.
   tracker->setDeeplink(std::string("myapp://open/path?qv_deeplink=true&pid=mail&c=spring"));
   tracker->getEventParameters(true);
   fakes.dispatcher->runUntilIdle();
-  ASSERT_EQ(opened.size(), 1U);
-  EXPECT_EQ(opened[0]["pid"], "mail");
-  EXPECT_EQ(opened[0]["c"], "spring");
-  EXPECT_EQ(opened[0]["scheme"], "myapp");
+  ASSERT_EQ(opened.size(), 2U);
+  EXPECT_EQ(opened[1]["pid"], "mail");
+  EXPECT_EQ(opened[1]["c"], "spring");
+  EXPECT_EQ(opened[1]["scheme"], "myapp");
 }
 
 TEST_F(PayloadTest, OwnShortLinksAreResolvedAndMergedAndAFailureOnlyLosesTheCallback) {
