@@ -67,13 +67,6 @@ TEST_F(ConversionDataTest, FreshAnswerIsCleanedStoredAndDelivered) {
   EXPECT_EQ(queues.back(), "main");
 }
 
-TEST_F(ConversionDataTest, ServiceCachedAnswerKeepsTheExpiration) {
-  tracker->getConversionData();
-  answer(200, R"({"origin":"unpaid","iscache":true})");
-  EXPECT_EQ(received.at(0), (Json{{"origin", "unpaid"}}));
-  EXPECT_FALSE(fakes.preferences->objectForKey(keys::kConversionDataCacheExpiration));
-}
-
 TEST_F(ConversionDataTest, SixtyDaysLaterItAsksOnceAgain) {
   fakes.preferences->setObject(keys::kConversionData, Json{{"old", 1}});
   fakes.preferences->setDouble(keys::kConversionDataCacheExpiration,
@@ -109,7 +102,7 @@ TEST_F(ConversionDataTest, RejectionsAreCountedUpToTheLimit) {
   EXPECT_EQ(failures.size(), 5U);
 }
 
-TEST_F(ConversionDataTest, ServerErrorsAndNonListenersAreNotCounted) {
+TEST_F(ConversionDataTest, ServerErrorsNonListenersAndCachedAnswersLeaveNoState) {
   tracker->getConversionData();
   answer(503, "");
   EXPECT_EQ(failures.at(0).code, 503);
@@ -118,6 +111,11 @@ TEST_F(ConversionDataTest, ServerErrorsAndNonListenersAreNotCounted) {
   tracker->getConversionData();
   answer(404, "");
   EXPECT_FALSE(fakes.preferences->objectForKey(keys::kConversionDataRequestRetries));
+  // An answer the service served from its cache is delivered but sets no expiration.
+  tracker->getConversionData();
+  answer(200, R"({"origin":"unpaid","iscache":true})");
+  EXPECT_EQ(received.at(0), (Json{{"origin", "unpaid"}}));
+  EXPECT_FALSE(fakes.preferences->objectForKey(keys::kConversionDataCacheExpiration));
 }
 
 TEST_F(ConversionDataTest, BadBodies) {

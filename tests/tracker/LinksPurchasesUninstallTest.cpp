@@ -22,7 +22,7 @@ class HostEventsTest : public test::TrackerFixture {
   }
 };
 
-TEST_F(HostEventsTest, OpenURLEntryPoints) {
+TEST_F(HostEventsTest, OpenURLAndPushEntryPoints) {
   tracker->handleOpenURL("myapp://first", std::string("com.a"));
   tracker->handleOpenURL("myapp://second", std::string("com.b"), Json{{"x", 1}});
   EXPECT_EQ(tracker->deeplink(), "myapp://first");
@@ -43,14 +43,13 @@ TEST_F(HostEventsTest, OpenURLEntryPoints) {
       {kQuorvelUserActivityTypeBrowsingWeb, "https://x.example/a"}, nullptr));
   EXPECT_EQ(tracker->deeplink(), "https://x.example/a");
   tracker->didUpdateUserActivity({kQuorvelUserActivityTypeBrowsingWeb, std::nullopt});  // no URL
-}
-
-TEST_F(HostEventsTest, PushPayloadsKeepTheirOwnEntry) {
+  // Push payloads keep their own entry; one without ours, or not an object, clears it.
   tracker->handlePushNotification(Json{{"aps", Json::object()}, {"qv", Json{{"pid", "push"}}}});
   EXPECT_EQ(tracker->pushPayload(), (Json{{"pid", "push"}}));
+  EXPECT_EQ(tracker->deeplink(), "https://x.example/a");
   tracker->handlePushNotification(Json{{"aps", Json::object()}});
   EXPECT_FALSE(tracker->pushPayload());
-  tracker->handlePushNotification(Json::array({1}));  // not an object: clears as well
+  tracker->handlePushNotification(Json::array({1}));
   EXPECT_FALSE(tracker->pushPayload());
 }
 

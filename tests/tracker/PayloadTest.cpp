@@ -152,6 +152,11 @@ TEST_F(PayloadTest, PendingLinkAndPushArePassedOnLaunchesOnlyAndMarkedLinksAreSp
   EXPECT_EQ(opened[1]["pid"], "mail");
   EXPECT_EQ(opened[1]["c"], "spring");
   EXPECT_EQ(opened[1]["scheme"], "myapp");
+  // A push payload that is not an object is logged and cleared, never passed on.
+  tracker->setPushPayload(Json::array({1, 2}));
+  EXPECT_FALSE(tracker->getEventParameters(true).dict().contains("qv_deeplink"));
+  EXPECT_FALSE(tracker->pushPayload());
+  EXPECT_EQ(fakes.systemLog->count("pushPayload is not valid json data"), 1U);
 }
 
 TEST_F(PayloadTest, OwnShortLinksAreResolvedAndMergedAndAFailureOnlyLosesTheCallback) {
@@ -175,14 +180,6 @@ TEST_F(PayloadTest, OwnShortLinksAreResolvedAndMergedAndAFailureOnlyLosesTheCall
   fakes.dispatcher->runUntilIdle();
   EXPECT_EQ(opened.size(), 1U);
   EXPECT_FALSE(tracker->deeplink());
-}
-
-TEST_F(PayloadTest, InvalidPushPayloadIsLoggedAndCleared) {
-  tracker->setPushPayload(Json::array({1, 2}));
-  const Json d = tracker->getEventParameters(true).dict();
-  EXPECT_FALSE(d.contains("qv_deeplink"));
-  EXPECT_FALSE(tracker->pushPayload());
-  EXPECT_EQ(fakes.systemLog->count("pushPayload is not valid json data"), 1U);
 }
 
 TEST_F(PayloadTest, PasteboardOnlyBeforeVersionSeven) {
