@@ -48,9 +48,9 @@ class EmulatorTest : public ::testing::Test {
     return emulator.handle(r);
   }
 
-  ServiceResponse tracking(const std::string& body, const std::string& app = kEmulatorApp) {
-    return send("POST", "t.localhost:8443", "/api/v4.8/iosevent",
-                "app_id=" + app + "&buildnumber=4.8.0", body);
+  ServiceResponse tracking(const std::string& body, const std::string& app = kEmulatorApp,
+                           const std::string& host = "t.localhost:8443") {
+    return send("POST", host, "/api/v4.8/iosevent", "app_id=" + app + "&buildnumber=4.8.0", body);
   }
 
   RequestStore store{":memory:"};
@@ -215,10 +215,7 @@ TEST_F(EmulatorTest, AFailingServiceAnswersItsStatusAndOthersAreUntouched) {
   const auto busy = tracking(seal("{}"));
   EXPECT_EQ(busy.status, 429);
   EXPECT_EQ(busy.retryAfterSeconds, 7);
-  EXPECT_EQ(
-      send("POST", "events.localhost:8443", "/api/v4.8/iosevent", "app_id=123456789", seal("{}"))
-          .status,
-      200);
+  EXPECT_EQ(tracking(seal("{}"), kEmulatorApp, "events.localhost:8443").status, 200);
   faults.failService(Faults::kEveryService, 500);
   EXPECT_EQ(send("GET", "impressions.localhost:8443", "/id1").status, 500);
   faults.clear();
