@@ -169,7 +169,6 @@ TEST_F(LaunchAndEventsTest, ValueEventsGoAfter1msOnTheMainQueue) {
             "https://events.svc.example/api/v4.8/iosevent?app_id=123&buildnumber=4.8.0");
   EXPECT_EQ(payload(0)["eventvalue"], "12.50");
   EXPECT_EQ(payload(5)["eventvalue"], "");
-  EXPECT_EQ(payload(0)["iaecounter"], "1");
 }
 
 TEST_F(LaunchAndEventsTest, DictionaryEventsGoAfter100msOnTheSerialQueue) {

@@ -58,7 +58,6 @@ TEST_F(PayloadTest, FirstLaunchKeysInOrder) {
   EXPECT_EQ(d["serverApiVersion"], "4.8");
   EXPECT_EQ(d["platform"], "iPhone10,3");
   EXPECT_EQ(d["platformextension"], "iOS_Native");
-  EXPECT_EQ(d["counter"], "1");
   EXPECT_EQ(d["sessioncounter"], "1");
   EXPECT_EQ(d["iaecounter"], "0");
   EXPECT_EQ(d["dev_key"], "DEVKEY-0123");
@@ -75,7 +74,6 @@ TEST_F(PayloadTest, FirstLaunchKeysInOrder) {
   EXPECT_EQ(d["timestamp"], "1700000000.000000");
   EXPECT_EQ(d["wifi"], false);
   EXPECT_EQ(d["JBDevice"], false);
-  EXPECT_TRUE(tracker->permitAggregateiAdData());
   EXPECT_EQ(fakes.preferences->stringForKey(keys::kInstallTimestamp), "1700000000.000000");
 }
 
