@@ -65,7 +65,6 @@ TEST(SystemInfo, NumbersAndTheirFailureValues) {
   EXPECT_EQ(QVSystemInfo::ramSize(s), -1);
   EXPECT_EQ(QVSystemInfo::cpuSpeed(s), -1);
   EXPECT_EQ(QVSystemInfo::cpuCount(s), 1);
-  EXPECT_FALSE(QVSystemInfo::is64bit(s));
   EXPECT_FALSE(QVSystemInfo::machineModel(s));
   s.byNameAnswers["hw.memsize"] = raw<std::uint64_t>(2'147'483'648ULL);
   s.byMibAnswers[{6, 15}] = raw<std::int64_t>(2'399'999'999LL);

@@ -48,9 +48,9 @@ class EmulatorTest : public ::testing::Test {
     return emulator.handle(r);
   }
 
-  ServiceResponse tracking(const std::string& body, const std::string& app = kEmulatorApp) {
-    return send("POST", "t.localhost:8443", "/api/v4.8/iosevent",
-                "app_id=" + app + "&buildnumber=4.8.0", body);
+  ServiceResponse tracking(const std::string& body, const std::string& app = kEmulatorApp,
+                           const std::string& host = "t.localhost:8443") {
+    return send("POST", host, "/api/v4.8/iosevent", "app_id=" + app + "&buildnumber=4.8.0", body);
   }
 
   RequestStore store{":memory:"};
@@ -144,38 +144,31 @@ TEST_F(EmulatorTest, ConversionDataIsFreshOnceThenCachedPerDevice) {
 
 TEST_F(EmulatorTest, ShortLinksNeedTheSignatureOfAKnownAppAndResolveToTheirData) {
   const std::string timestamp = "1510000000";
-  const std::multimap<std::string, std::string> signedHeaders = {
-      {"qv-timestamp", timestamp},
-      {"authorization", sha1Hex(std::string(kEmulatorKey) + timestamp)}};
+  using Headers = std::multimap<std::string, std::string>;
+  const Headers signedHeaders = {{"qv-timestamp", timestamp},
+                                 {"authorization", sha1Hex(std::string(kEmulatorKey) + timestamp)}};
+  const auto link = [&](const std::string& method, const std::string& query,
+                        const std::string& body, const Headers& headers) {
+    return send(method, "hopline.localhost:8443", "/shortlink-sdk/v1/inv1", query, body, headers);
+  };
 
-  const auto made = send("POST", "hopline.localhost:8443", "/shortlink-sdk/v1/inv1", "",
-                         R"({"ttl":"-1","data":{"pid":"qv_app_invites","c":"x"}})", signedHeaders);
+  const auto made =
+      link("POST", "", R"({"ttl":"-1","data":{"pid":"qv_app_invites","c":"x"}})", signedHeaders);
   ASSERT_EQ(made.status, 200) << made.body;
   const std::string prefix = "https://quorvel.link.localhost:8443/inv1/";
   ASSERT_EQ(made.body.rfind(prefix, 0), 0U) << made.body;
   const std::string id = made.body.substr(prefix.size());
 
-  const auto resolved = send("GET", "hopline.localhost:8443", "/shortlink-sdk/v1/inv1", "id=" + id,
-                             "", signedHeaders);
+  const auto resolved = link("GET", "id=" + id, "", signedHeaders);
   ASSERT_EQ(resolved.status, 200);
   EXPECT_EQ(Json::parse(resolved.body)["c"], "x");
 
-  const std::multimap<std::string, std::string> badSignature = {
-      {"qv-timestamp", timestamp}, {"authorization", sha1Hex(std::string("OTHER") + timestamp)}};
-  EXPECT_EQ(
-      send("GET", "hopline.localhost:8443", "/shortlink-sdk/v1/inv1", "id=" + id, "", badSignature)
-          .status,
-      401);
-  EXPECT_EQ(send("GET", "hopline.localhost:8443", "/shortlink-sdk/v1/inv1", "id=" + id).status,
-            401);
-  EXPECT_EQ(send("GET", "hopline.localhost:8443", "/shortlink-sdk/v1/inv1", "id=nothing", "",
-                 signedHeaders)
-                .status,
-            404);
-  EXPECT_EQ(
-      send("POST", "hopline.localhost:8443", "/shortlink-sdk/v1/inv1", "", "[1,2]", signedHeaders)
-          .status,
-      400);
+  const Headers badSignature = {{"qv-timestamp", timestamp},
+                                {"authorization", sha1Hex(std::string("OTHER") + timestamp)}};
+  EXPECT_EQ(link("GET", "id=" + id, "", badSignature).status, 401);
+  EXPECT_EQ(link("GET", "id=" + id, "", {}).status, 401);
+  EXPECT_EQ(link("GET", "id=nothing", "", signedHeaders).status, 404);
+  EXPECT_EQ(link("POST", "", "[1,2]", signedHeaders).status, 400);
 }
 
 TEST_F(EmulatorTest, ReceiptsAreValidOnlyWhenWellFormed) {
@@ -222,10 +215,7 @@ TEST_F(EmulatorTest, AFailingServiceAnswersItsStatusAndOthersAreUntouched) {
   const auto busy = tracking(seal("{}"));
   EXPECT_EQ(busy.status, 429);
   EXPECT_EQ(busy.retryAfterSeconds, 7);
-  EXPECT_EQ(
-      send("POST", "events.localhost:8443", "/api/v4.8/iosevent", "app_id=123456789", seal("{}"))
-          .status,
-      200);
+  EXPECT_EQ(tracking(seal("{}"), kEmulatorApp, "events.localhost:8443").status, 200);
   faults.failService(Faults::kEveryService, 500);
   EXPECT_EQ(send("GET", "impressions.localhost:8443", "/id1").status, 500);
   faults.clear();

@@ -186,8 +186,6 @@ TEST_F(DemoAgainstDevserver, AWholeSessionArrivesDecryptedKeyByKey) {
   const auto launches = find(requests, "t", "Launched");
   ASSERT_EQ(launches.size(), 1U);
   const Json& launch = launches[0]["decrypted"];
-  EXPECT_EQ(launch["dev_key"], kDemoKey);
-  EXPECT_EQ(launch["counter"], "1");
   EXPECT_EQ(launch["appUID"], "e2e-user");
   EXPECT_EQ(launch["bundleIdentifier"], "com.quorvel.demo");
   EXPECT_EQ(launch["qv_deeplink"], "demoapp://open?pid=email&c=spring");
@@ -225,16 +223,6 @@ TEST_F(DemoAgainstDevserver, AWholeSessionArrivesDecryptedKeyByKey) {
 
   // The launch's answer fetched the conversion data.
   EXPECT_NE(run.out.find("< onConversionDataReceived"), std::string::npos) << run.out;
-  // The next process: a second launch, the conversion data from the stored copy.
-  const auto next = demo({"launch", "idle"});
-  EXPECT_NE(next.out.find("< onConversionDataReceived"), std::string::npos) << next.out;
-  const Json later = received();
-  const auto relaunches = find(later, "t", "Launched");
-  ASSERT_EQ(relaunches.size(), 2U);
-  EXPECT_NE(relaunches[1]["decrypted"]["counter"], "1");
-  EXPECT_EQ(relaunches[1]["decrypted"]["uid"], uid);
-  EXPECT_FALSE(relaunches[1]["decrypted"].contains("installReceiptData"));
-  EXPECT_EQ(find(later, "sdk").size(), 1U);
   EXPECT_EQ(server->stop(), 0);
 }
 

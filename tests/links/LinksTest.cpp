@@ -82,6 +82,14 @@ TEST_F(LinkGeneratorTest, LongLinkRules) {
        "&qv_referrer_image_url=https%3A%2F%2Fi%2Fx.png"},
       {"unicode", [](auto& g) { g.setCampaign(std::string("\xc3\xa9t\xc3\xa9")); },
        "https://app.svc.example?pid=m&c=%C3%A9t%C3%A9"},
+      {"a missing value is ignored",
+       [](auto& g) {
+         g.setChannel(std::string("a"));
+         g.setChannel(std::nullopt);
+       },
+       "https://app.svc.example?pid=m&qv_channel=a"},
+      {"a huge value", [](auto& g) { g.setCampaign(std::string(100'000, 'x')); },
+       "https://app.svc.example?pid=m&c=" + std::string(100'000, 'x')},
   };
   for (const auto& c : cases) {
     QuorvelLinkGenerator g(std::string("m"), *facade);
@@ -89,17 +97,7 @@ TEST_F(LinkGeneratorTest, LongLinkRules) {
     EXPECT_EQ(g.generateLink(), c.want) << c.name;
     EXPECT_TRUE(Url::parse(g.generateLink())) << c.name;
   }
-}
-
-TEST_F(LinkGeneratorTest, SettersIgnoreMissingValuesAndHugeValuesStayAUrl) {
-  QuorvelLinkGenerator g(std::string("m"), *facade);
-  g.setChannel(std::string("a"));
-  g.setChannel(std::nullopt);
-  EXPECT_EQ(g.channel(), "a");
   EXPECT_EQ(QuorvelLinkGenerator::encodeValue("a b/c:d"), "a%20b%2Fc:d");
-  const std::string huge(100'000, 'x');
-  g.setCampaign(huge);
-  EXPECT_TRUE(Url::parse(g.generateLink()));
 }
 
 TEST_F(LinkGeneratorTest, ShortLinkFallsBackToTheLongLinkOnEveryFailure) {
@@ -156,9 +154,8 @@ class HelpersTest : public test::TrackerFixture {
   Json lastEvent() { return payload(sent().size() - 1); }
 };
 
-TEST_F(HelpersTest, InviteLinkWithoutATemplateCarriesTheAppId) {
+TEST_F(HelpersTest, InviteLinksCarryTheAppIdOrTheServicesSettingsWithATemplate) {
   const QuorvelLinkGenerator g = QuorvelShareInviteHelper::createLink(*facade, "qv_app_invites");
-  EXPECT_EQ(g.referrerUID(), facade->getQuorvelUID());
   EXPECT_EQ(g.generateLink(), "https://app.svc.example/id555?pid=qv_app_invites&referrer_qv_id=" +
                                   facade->getQuorvelUID() + "&qv_siteid=555");
   std::vector<std::string> urls;
@@ -171,9 +168,8 @@ TEST_F(HelpersTest, InviteLinkWithoutATemplateCarriesTheAppId) {
       [&](const std::string& u) { urls.push_back(u); });
   ASSERT_EQ(urls.size(), 1U);
   EXPECT_NE(urls[0].find("qv_channel=email"), std::string::npos);
-}
 
-TEST_F(HelpersTest, InviteLinkSettingsFromTheService) {
+  // With a template, the service's link settings make the base; no app id then.
   facade->setAppInviteHopline(std::string("tmpl"));
   struct Case {
     std::optional<std::string> domain, scheme;
@@ -188,10 +184,11 @@ TEST_F(HelpersTest, InviteLinkSettingsFromTheService) {
   for (const auto& c : cases) {
     fakes.preferences->setString(keys::kHoplineDomain, *c.domain);
     fakes.preferences->setString(keys::kHoplineScheme, *c.scheme);
-    const QuorvelLinkGenerator g = QuorvelShareInviteHelper::createLink(*facade, "qv_app_invites");
-    EXPECT_EQ(g.baseURL(), c.base);
-    EXPECT_EQ(g.baseDeeplink().has_value(), c.deeplink);
-    EXPECT_FALSE(g.appleAppID());
+    const QuorvelLinkGenerator made =
+        QuorvelShareInviteHelper::createLink(*facade, "qv_app_invites");
+    EXPECT_EQ(made.baseURL(), c.base);
+    EXPECT_EQ(made.baseDeeplink().has_value(), c.deeplink);
+    EXPECT_FALSE(made.appleAppID());
   }
   EXPECT_EQ(QuorvelShareInviteHelper::buildHoplineWithID("id", "d.example"),
             "https://d.example/id");

@@ -20,7 +20,6 @@ class SecureStoreContract : public ::testing::Test {
       store = std::make_unique<Store>();
     }
   }
-  test::TestPlatform fakes;
   test::TempDir dir;
   std::unique_ptr<SecureStore> store;
 };

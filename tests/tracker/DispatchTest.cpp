@@ -22,7 +22,6 @@ TEST_F(DispatchTest, FirstLaunchCarriesTheReceiptAndLaterOnesDoNot) {
   tracker->callServerWithEventName("Launched");
   const Json first = payload(0);
   ASSERT_FALSE(first.is_discarded());
-  EXPECT_EQ(first["event"], "Launched");
   EXPECT_EQ(first["eventvalue"], "");
   EXPECT_EQ(first["counter"], "1");
   EXPECT_EQ(first["installReceiptData"], R"({"data":{"receipt-data":"cmNwdA=="}})");

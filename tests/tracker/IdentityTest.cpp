@@ -40,16 +40,14 @@ class IdentityTest : public test::TrackerFixture {
   }
 };
 
-TEST_F(IdentityTest, IdentifierIsInstallTimePlusOffsetAndARandomNumber) {
+TEST_F(IdentityTest, IdentifierIsInstallTimePlusOffsetAndARandomNumberOrOnlyTheOffset) {
   const std::pair<std::uint32_t, std::string> cases[] = {
       {0, "1700007200500-1"}, {9'999'998, "1700007200500-9999999"}, {41, "1700007200500-42"}};
   for (const auto& [draw, want] : cases) {
     fakes.random->uniformValues.push_back(draw);
     EXPECT_EQ(tracker->generateQuorvelId(), want);
   }
-}
-
-TEST_F(IdentityTest, UnreadableInstallDateLeavesOnlyTheOffset) {
+  // An unreadable install date leaves only the offset.
   fakes.fileSystem->setDates("/app/Library", std::nullopt, std::nullopt);
   fakes.clock->setGMTOffset(-3600);
   const std::string id = tracker->generateQuorvelId();

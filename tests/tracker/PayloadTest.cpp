@@ -58,7 +58,6 @@ TEST_F(PayloadTest, FirstLaunchKeysInOrder) {
   EXPECT_EQ(d["serverApiVersion"], "4.8");
   EXPECT_EQ(d["platform"], "iPhone10,3");
   EXPECT_EQ(d["platformextension"], "iOS_Native");
-  EXPECT_EQ(d["counter"], "1");
   EXPECT_EQ(d["sessioncounter"], "1");
   EXPECT_EQ(d["iaecounter"], "0");
   EXPECT_EQ(d["dev_key"], "DEVKEY-0123");
@@ -75,7 +74,6 @@ TEST_F(PayloadTest, FirstLaunchKeysInOrder) {
   EXPECT_EQ(d["timestamp"], "1700000000.000000");
   EXPECT_EQ(d["wifi"], false);
   EXPECT_EQ(d["JBDevice"], false);
-  EXPECT_TRUE(tracker->permitAggregateiAdData());
   EXPECT_EQ(fakes.preferences->stringForKey(keys::kInstallTimestamp), "1700000000.000000");
 }
 
@@ -129,7 +127,7 @@ TEST_F(PayloadTest, AdvertisingIdentifierThroughTheRegistry) {
   EXPECT_EQ(d["advertiserIdEnabled"], false);
 }
 
-TEST_F(PayloadTest, PendingLinkAndPushArePassedOnLaunchesOnly) {
+TEST_F(PayloadTest, PendingLinkAndPushArePassedOnLaunchesOnlyAndMarkedLinksAreSplit) {
   tracker->setDeeplink(std::string("myapp://open?x=1"));
   tracker->setSourceApplication(std::string("com.other"));
   tracker->setPushPayload(Json{{"qv", Json{{"c", "push"}}}});
@@ -144,19 +142,22 @@ TEST_F(PayloadTest, PendingLinkAndPushArePassedOnLaunchesOnly) {
   fakes.dispatcher->runUntilIdle();
   EXPECT_EQ(opened, (std::vector<Json>{Json{{"link", "myapp://open?x=1"}}}));
   EXPECT_EQ(fakes.dispatcher->ranOn().back(), "main");
-}
-
-TEST_F(PayloadTest, LinksHoldingTheMarkerAreSplitIntoParameters) {
+  // A link holding the marker is split into its parameters.
   tracker->setDeeplink(std::string("myapp://open/path?qv_deeplink=true&pid=mail&c=spring"));
   tracker->getEventParameters(true);
   fakes.dispatcher->runUntilIdle();
-  ASSERT_EQ(opened.size(), 1U);
-  EXPECT_EQ(opened[0]["pid"], "mail");
-  EXPECT_EQ(opened[0]["c"], "spring");
-  EXPECT_EQ(opened[0]["scheme"], "myapp");
+  ASSERT_EQ(opened.size(), 2U);
+  EXPECT_EQ(opened[1]["pid"], "mail");
+  EXPECT_EQ(opened[1]["c"], "spring");
+  EXPECT_EQ(opened[1]["scheme"], "myapp");
+  // A push payload that is not an object is logged and cleared, never passed on.
+  tracker->setPushPayload(Json::array({1, 2}));
+  EXPECT_FALSE(tracker->getEventParameters(true).dict().contains("qv_deeplink"));
+  EXPECT_FALSE(tracker->pushPayload());
+  EXPECT_EQ(fakes.systemLog->count("pushPayload is not valid json data"), 1U);
 }
 
-TEST_F(PayloadTest, OwnShortLinksAreResolvedAndMerged) {
+TEST_F(PayloadTest, OwnShortLinksAreResolvedAndMergedAndAFailureOnlyLosesTheCallback) {
   tracker->setHost(std::string("svc.example"));
   const std::string link = std::string("https://go.") + kHoplineSchema + "/tmpl/abc";
   tracker->setDeeplink(link);
@@ -170,23 +171,13 @@ TEST_F(PayloadTest, OwnShortLinksAreResolvedAndMerged) {
   ASSERT_EQ(opened.size(), 1U);
   EXPECT_EQ(opened[0], (Json{{"link", "overridden"}, {"pid", "sms"}}));
   EXPECT_FALSE(tracker->deeplink());
-}
-
-TEST_F(PayloadTest, AFailedResolutionOnlyLosesTheCallback) {
-  tracker->setDeeplink(std::string("https://go.") + kHoplineSchema + "/tmpl/abc");
+  // A failed resolution only loses the callback.
+  tracker->setDeeplink(link);
   tracker->getEventParameters(true);
-  fakes.respond(0, 404, "{}");
+  fakes.respond(1, 404, "{}");
   fakes.dispatcher->runUntilIdle();
-  EXPECT_TRUE(opened.empty());
+  EXPECT_EQ(opened.size(), 1U);
   EXPECT_FALSE(tracker->deeplink());
-}
-
-TEST_F(PayloadTest, InvalidPushPayloadIsLoggedAndCleared) {
-  tracker->setPushPayload(Json::array({1, 2}));
-  const Json d = tracker->getEventParameters(true).dict();
-  EXPECT_FALSE(d.contains("qv_deeplink"));
-  EXPECT_FALSE(tracker->pushPayload());
-  EXPECT_EQ(fakes.systemLog->count("pushPayload is not valid json data"), 1U);
 }
 
 TEST_F(PayloadTest, PasteboardOnlyBeforeVersionSeven) {

@@ -31,12 +31,14 @@ TEST(Format, ObjectConversionDescribesEachKindOfValue) {
       {format("%@", Json()), "(null)"},
       {format("%@", Json::binary({1, 0xab})), "{length = 2, bytes = 0x01ab}"},
       {format("%@", true), "1"},
+      {format("%@", std::chrono::system_clock::time_point(std::chrono::seconds(1'493'890'215))),
+       "2017-05-04 09:30:15 +0000"},  // a date, in UTC
   };
   for (const auto& c : cases)
     EXPECT_EQ(c.got, c.want);
 }
 
-TEST(Format, PrintfConversionsBehaveAsPrintf) {
+TEST(Format, PrintfConversionsBehaveAsPrintfAndWidthPadsObjects) {
   EXPECT_EQ(format("%d|%i|%ld|%lu|%u", 1, -2, 3L, 4UL, 5U), "1|-2|3|4|5");
   EXPECT_EQ(format("%02x%02x", 0x0a, 255), "0aff");
   EXPECT_EQ(format("%0.0f", 1234567.89), "1234568");
@@ -46,10 +48,8 @@ TEST(Format, PrintfConversionsBehaveAsPrintf) {
   EXPECT_EQ(format("%c%c", 'o', 107), "ok");
   EXPECT_EQ(format("100%%"), "100%");
   EXPECT_EQ(format("%5d|%-5d|", 42, 42), "   42|42   |");
-}
-
-TEST(Format, WidthPadsObjectsButNeverCutsThem) {
-  // A 19-character date in a field of 18 keeps all its characters and gains no blanks.
+  // Width pads objects but never cuts them: a 19-character date in a field of 18 keeps all its
+  // characters and gains no blanks.
   EXPECT_EQ(format("%18@ %@", "2024-01-02 03:04:05", "line"), "2024-01-02 03:04:05 line");
   EXPECT_EQ(format("%8@|", "ab"), "      ab|");
   EXPECT_EQ(format("%-8@|", "ab"), "ab      |");
@@ -65,11 +65,6 @@ TEST(Format, MismatchedOrMissingArgumentsNeverMisbehave) {
   EXPECT_EQ(format("trailing %"), "trailing %");
   EXPECT_EQ(format("%y unknown", 1), "%y unknown");
   EXPECT_EQ(format("%@", "extra", "ignored"), "extra");
-}
-
-TEST(Format, DatesPrintAsUtcDescriptions) {
-  const auto t = std::chrono::system_clock::time_point(std::chrono::seconds(1'493'890'215));
-  EXPECT_EQ(format("%@", t), "2017-05-04 09:30:15 +0000");
 }
 
 }  // namespace
