@@ -163,8 +163,14 @@ typedef struct quorvel_options {
   size_t receipt_path_length;
 } quorvel_options;
 
-/* Sets `struct_size` and leaves every option unset. */
+/* Sets `struct_size` to `size`, the caller's sizeof(quorvel_options), and leaves every option
+ * unset. Since 1.4. */
+QUORVEL_C_API void quorvel_options_init_sized(quorvel_options* options, size_t size);
+/* Sets `struct_size` and leaves every option unset. Since 1.4 a macro, so that the size is the
+ * caller's own struct's: the function of the name, kept for hosts built against an older
+ * header, clears only the fields a 1.1-1.3 header had (the struct grew since). */
 QUORVEL_C_API void quorvel_options_init(quorvel_options* options);
+#define quorvel_options_init(options) quorvel_options_init_sized((options), sizeof *(options))
 
 /* Makes a tracker on the POSIX platform with `options` (NULL: all defaults). Any thread;
  * reads the data directory. QUORVEL_ERROR_INVALID_ARGUMENT for a NULL `tracker` or an unknown

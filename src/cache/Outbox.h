@@ -146,8 +146,9 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // with the requests, in the same transaction, so that a kill right after a send can never
   // give the next process the same value for another report.
   void noteCounter(const std::string& key, std::int64_t value);
-  // The highest value kept for `key` (0 when none); waits until the store was read.
-  std::int64_t counterFloor(const std::string& key);
+  // The highest value kept for `key` (0 when none); waits until the store was read; nullopt
+  // when a passing fault kept the store from being read.
+  std::optional<std::int64_t> counterFloor(const std::string& key);
   // The report's request is built. `send` runs once it is written (on the outbox's queue):
   // a request never leaves before its record, so that a report the service may have seen
   // is never built a second time. While the store refuses writes (a full disk), it waits.

@@ -20,7 +20,7 @@ void Outbox::noteCounter(const std::string& key, std::int64_t value) {
 // The kept counters are read the first time one is asked for, on the asking thread and outside
 // the store's lock: the read may wait for the store to take in what an earlier process left,
 // and the writer's batches go on meanwhile.
-std::int64_t Outbox::counterFloor(const std::string& key) {
+std::optional<std::int64_t> Outbox::counterFloor(const std::string& key) {
   std::shared_ptr<platform::OutboxStore> store;
   std::uint64_t generation = 0;
   {
@@ -35,7 +35,9 @@ std::int64_t Outbox::counterFloor(const std::string& key) {
   const auto first = store->loadPage(kCountersRecord - 1, 1, complete);
   const std::lock_guard lock(storeMutex_);
   // A read a passing fault cut short says nothing of the stored counters: asked again later.
-  if (complete && !countersRead_ && store_ == store && generation == forgetGeneration_)
+  if (!complete && !countersRead_)
+    return std::nullopt;
+  if (!countersRead_ && store_ == store && generation == forgetGeneration_)
     mergeCountersLocked(first);
   return counterLocked(key);
 }

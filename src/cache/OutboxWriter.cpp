@@ -64,6 +64,7 @@ void Outbox::writeBufferedLocked() {
       kept = std::max(kept, value);
     }
     noted.clear();
+    scheduleRewrite();  // tried again after the backoff, batch or not
   }
   for (const auto& [key, value] : noted) {
     const auto it = counters_.find(key);

@@ -274,11 +274,18 @@ const char* quorvel_status_text(quorvel_status given) {
   return "unknown status";
 }
 
-void quorvel_options_init(quorvel_options* options) {
-  if (options == nullptr)
+void quorvel_options_init_sized(quorvel_options* options, size_t size) {
+  if (options == nullptr || size < sizeof(std::size_t))
     return;
-  std::memset(options, 0, sizeof *options);
-  options->struct_size = sizeof *options;
+  std::memset(options, 0, size);  // the caller's struct, whatever header it was built with
+  options->struct_size = size;
+}
+
+// A host built against an older header calls this with its own, smaller struct: only what the
+// last header before the struct grew had is written. (Parenthesised: the header's macro of
+// the same name is for hosts.)
+void(quorvel_options_init)(quorvel_options* options) {
+  quorvel_options_init_sized(options, offsetof(quorvel_options, transport_release));
 }
 
 quorvel_status quorvel_tracker_create(const quorvel_options* given, quorvel_tracker** tracker) {

@@ -18,7 +18,10 @@ int TrackerCore::counterFloorLocked(const char* key) {
   const auto it = counterFloors_.find(key);
   if (it != counterFloors_.end())
     return it->second;
-  const int floor = clampToInt(outbox_->counterFloor(key));
+  const auto kept = outbox_->counterFloor(key);
+  if (!kept)
+    return 0;  // the store could not be read now: asked again at the next counter
+  const int floor = clampToInt(*kept);
   counterFloors_.emplace(key, floor);
   return floor;
 }

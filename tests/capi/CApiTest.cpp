@@ -90,6 +90,15 @@ TEST(CApi, MisuseIsRefusedWithAStatusAndNothingHalfDone) {
   quorvel_purchase_init(&purchase);
   quorvel_options options;
   quorvel_options_init(&options);
+  EXPECT_EQ(options.struct_size, sizeof options);
+  // A host built against a 1.3 header calls the function with its smaller struct: nothing
+  // past it is written.
+  std::vector<unsigned char> older(sizeof options, 0xAB);
+  (quorvel_options_init)(reinterpret_cast<quorvel_options*>(older.data()));
+  const size_t olderSize = offsetof(quorvel_options, transport_release);
+  EXPECT_EQ(reinterpret_cast<quorvel_options*>(older.data())->struct_size, olderSize);
+  EXPECT_TRUE(
+      std::all_of(older.begin() + olderSize, older.end(), [](auto b) { return b == 0xAB; }));
   quorvel_tracker* made = nullptr;
   const struct {
     const char* what;

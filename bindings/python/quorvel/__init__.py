@@ -486,7 +486,7 @@ class Tracker:
         self._flush_timeout = _seconds(flush_timeout, "flush_timeout")
         _callable(transport, "transport")
         options = _native.Options()
-        lib.quorvel_options_init(ctypes.byref(options))
+        lib.quorvel_options_init_sized(ctypes.byref(options), ctypes.sizeof(options))
         # Kept referenced until the call returns: the library copies what it keeps.
         keep = []
         for name, value, convert in (("data_directory", data_directory, _path),

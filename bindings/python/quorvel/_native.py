@@ -147,7 +147,7 @@ def _declare(lib):
         "quorvel_version": ([], ctypes.c_char_p),
         "quorvel_check_version": ([ctypes.c_int], ctypes.c_int),
         "quorvel_status_text": ([ctypes.c_int], ctypes.c_char_p),
-        "quorvel_options_init": ([ctypes.POINTER(Options)], None),
+        "quorvel_options_init_sized": ([ctypes.POINTER(Options), ctypes.c_size_t], None),
         "quorvel_tracker_create": (
             [ctypes.POINTER(Options), ctypes.POINTER(ctypes.c_void_p)],
             ctypes.c_int,

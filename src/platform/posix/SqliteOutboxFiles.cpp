@@ -287,8 +287,16 @@ void SqliteOutboxStore::removeOwnGuestFiles() noexcept {
     const std::string own = std::filesystem::path(path_).filename().string() + kGuestSuffix +
                             std::to_string(::getpid()) + "-" + processGuestToken() + "-";
     for (const auto& file : guestFiles()) {
-      if (std::filesystem::path(file).filename().string().starts_with(own))
-        ::unlink(file.c_str());
+      if (!std::filesystem::path(file).filename().string().starts_with(own))
+        continue;
+      // Under the file's lock, as the holder takes it: one being taken now is the holder's
+      // (and goes with the holder's own forgetting), never half taken.
+      std::vector<OutboxIntake::Entry> entries;
+      const auto guest = OutboxIntake::adopt(file, entries);
+      if (!guest || !guest->tryLock())
+        continue;
+      ::unlink(file.c_str());
+      guest->unlock();
     }
   } catch (...) {
     // Out of memory: what is left goes with the next forgetting, or is taken by the holder.

@@ -100,6 +100,7 @@ void SqliteOutboxStore::healOrWaitLocked() noexcept {
   std::string reason;
   if (healLocked(reason)) {
     healAttempts_ = 0;
+    healPending_ = false;
     return;
   }
   waitToHealLocked(reason);
@@ -110,8 +111,12 @@ void SqliteOutboxStore::waitToHealLocked(const std::string& reason) noexcept {
     sqlite3_close_v2(std::exchange(syncDb_, nullptr));
   if (db_ != nullptr)
     sqlite3_close_v2(std::exchange(db_, nullptr));
+  // The first try again at once (what was in the way may be gone by the next sync), then
+  // 1, 4, 9 ... seconds apart, a minute at most: each try reads the whole file.
+  const std::uint32_t waitSeconds = std::min<std::uint32_t>(healAttempts_ * healAttempts_, 60);
   ++healAttempts_;
-  healSkips_ = std::min<std::uint32_t>(healAttempts_ * healAttempts_, 60);
+  nextHeal_ = std::chrono::steady_clock::now() + std::chrono::seconds(waitSeconds);
+  healPending_ = true;
   try {
     const std::lock_guard note(noteMutex_);
     lastError_ = reason + "; the reports are kept in the intake file meanwhile";
@@ -120,15 +125,14 @@ void SqliteOutboxStore::waitToHealLocked(const std::string& reason) noexcept {
 }
 
 void SqliteOutboxStore::healAgainIfDue() noexcept {
+  if (!healPending_.load(std::memory_order_acquire))
+    return;  // the usual case: no lock taken
   const std::lock_guard syncing(syncMutex_);
   const std::lock_guard adopting(adoptMutex_);
   const std::lock_guard lock(intakeMutex_);
-  if (healAttempts_ == 0 || !intake_ || db_ != nullptr)
+  if (healAttempts_ == 0 || !intake_ || db_ != nullptr ||
+      std::chrono::steady_clock::now() < nextHeal_)
     return;
-  if (healSkips_ > 0) {
-    --healSkips_;
-    return;
-  }
   // An earlier try may have got as far as the healed file (its records saved, the damaged
   // one set aside): that file is opened, never healed again.
   if (const std::string healing = path_ + kHealingSuffix;
@@ -136,9 +140,15 @@ void SqliteOutboxStore::healAgainIfDue() noexcept {
     ::rename(healing.c_str(), path_.c_str());
   damage_ = 0;
   std::string reason;
-  if (::access(path_.c_str(), F_OK) == 0 && openDatabaseLocked(reason)) {
-    healAttempts_ = 0;
-    return;
+  if (openDatabaseLocked(reason)) {
+    // Opened is not healed: damage in the table's pages shows only to a read, or to SQLite's
+    // own check.
+    if (passesQuickCheck(db_)) {
+      healAttempts_ = 0;
+      healPending_ = false;
+      return;
+    }
+    damage_ = SQLITE_CORRUPT;
   }
   if (damage_ == 0) {
     waitToHealLocked(reason);  // a passing fault (a full disk): tried again later

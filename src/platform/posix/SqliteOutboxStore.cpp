@@ -109,6 +109,7 @@ void SqliteOutboxStore::close() noexcept {
 void SqliteOutboxStore::closeLocked() noexcept {
   intake_.reset();
   healAttempts_ = 0;
+  healPending_ = false;
   idFloor_ = 0;
   retired_.clear();
   pending_.clear();

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -143,7 +144,8 @@ class SqliteOutboxStore final : public OutboxStore {
   std::atomic<bool> released_{false};
   int damage_ = 0;                  // the SQLite code of damage met, until it is healed
   std::uint32_t healAttempts_ = 0;  // failed healings in a row; the database closed meanwhile
-  std::uint32_t healSkips_ = 0;     // syncs to let pass before the next try
+  std::chrono::steady_clock::time_point nextHeal_;  // the next try, not before
+  std::atomic<bool> healPending_{false};            // read without a lock by every read and sync
   std::atomic<std::uint64_t> unreadable_{0};
   mutable std::mutex noteMutex_;
   std::string lastError_;
