@@ -120,6 +120,9 @@ _in_callback = threading.local()
 # past close's bounded wait, or a close from inside a callback, may still run after close.
 _lent: Dict[int, Tuple[Any, ...]] = {}
 _lent_keys = itertools.count(1)
+# Set by the notice: a close waits for it, so that the notice never calls into an interpreter
+# that is ending (the process would crash there).
+_notices: Dict[int, threading.Event] = {}
 
 
 def _release_lent(key: Optional[int]) -> None:
@@ -127,6 +130,9 @@ def _release_lent(key: Optional[int]) -> None:
     for item in lent:
         if isinstance(item, _Transport):
             item.close()
+    notice = _notices.pop(key or 0, None)
+    if notice is not None:
+        notice.set()
 
 
 _C_RELEASE = _native.RELEASE_CALLBACK(_release_lent)
@@ -356,7 +362,7 @@ class _Handle:
     """The C handle, guarded: calls count themselves in, close waits for them and releases
     the handle once, and a call after close raises QuorvelError."""
 
-    def __init__(self, handle: ctypes.c_void_p, on_release: Callable[[], None]) -> None:
+    def __init__(self, handle: ctypes.c_void_p, on_release: Callable[[bool], None]) -> None:
         self._handle: Optional[ctypes.c_void_p] = handle
         self._on_release = on_release
         self._changed = threading.Condition()
@@ -404,7 +410,7 @@ class _Handle:
             self._changed.notify_all()
             last = self._release_on_last_exit and not self._users
         if last:
-            self._release()
+            self._release(wait=False)  # inside a call: the notice waits for it to end
 
     def close(self) -> None:
         # Inside a callback a call under way (on this thread or another) may be waiting for
@@ -425,14 +431,14 @@ class _Handle:
             with self._changed:
                 idle = self._release_on_last_exit and not self._users
             if idle:
-                self._release()
+                self._release(wait=not inside)
 
-    def _release(self) -> None:
+    def _release(self, wait: bool) -> None:
         with self._changed:
             handle, self._handle = self._handle, None
         if handle is not None:
             lib.quorvel_tracker_destroy(handle)
-            self._on_release()
+            self._on_release(wait)
 
 
 class _Use:
@@ -508,6 +514,7 @@ class Tracker:
         self._purchases = _Purchases()
         key = next(_lent_keys)
         _lent[key] = (self._transport, self._callbacks, self._purchases)
+        self._notice = _notices[key] = threading.Event()
         options.transport_user_data = key
         options.transport_release = _C_RELEASE
         handle = ctypes.c_void_p()
@@ -548,9 +555,13 @@ class Tracker:
         finally:
             self.close()
 
-    def _released(self) -> None:
-        # The transport's workers stop at the library's release notice, once no send runs.
+    def _released(self, wait: bool) -> None:
+        # The transport's workers stop at the library's release notice, once no send runs. It
+        # comes within moments (a send hands its request to a worker and returns); waited for,
+        # within the flush bound, so that it never reaches an interpreter that is ending.
         _open_trackers.discard(self)
+        if wait:
+            self._notice.wait(max(self._flush_timeout, 1.0))
 
     def __del__(self) -> None:
         handle = getattr(self, "_handle", None)
