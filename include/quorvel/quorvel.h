@@ -321,9 +321,9 @@ QUORVEL_C_API quorvel_status quorvel_get_conversion_data(quorvel_tracker* tracke
 /* --- Delivery ----------------------------------------------------------------------------- */
 
 /* Blocks at most `timeout_ms` until every report accepted so far is answered or kept on disk.
- * QUORVEL_OK when all were delivered; QUORVEL_ERROR_TIMED_OUT when some were still on their
- * way; QUORVEL_ERROR_FAILED when a send failed during the flush (what it carried stays on disk
- * for a later send).
+ * QUORVEL_OK when all of them were delivered; QUORVEL_ERROR_TIMED_OUT when some were still on
+ * their way; QUORVEL_ERROR_FAILED when a send of one of them failed (what it carried stays on
+ * disk for a later send). Reports that other threads track during the flush are not judged.
  * Works while stopped. Any thread; a host that must stay responsive flushes in short slices. */
 QUORVEL_C_API quorvel_status quorvel_flush(quorvel_tracker* tracker, uint32_t timeout_ms);
 

@@ -2,6 +2,7 @@
 // buffer they append to, the slots' own state, and the figures.
 #include "cache/Outbox.h"
 
+#include <algorithm>
 #include <variant>
 
 #include "cache/OutboxShared.h"
@@ -126,6 +127,8 @@ void Outbox::writeNowIfExiting() noexcept {
 }
 
 void Outbox::dropped(const OutboxSlotPtr& slot, DropReason reason) {
+  if (slot && reason == DropReason::handedOver && !slot->keptForHolder_ && !slot->settled_)
+    slot->handedToFolder_ = true;
   settleCounted(slot, reason == DropReason::rule         ? droppedByRule_
                       : reason == DropReason::bytes      ? droppedForBytes_
                       : reason == DropReason::handedOver ? handedOver_
@@ -173,6 +176,41 @@ void Outbox::runLocked(void (Outbox::*method)(), std::chrono::nanoseconds after)
 bool Outbox::allKept() noexcept {
   const std::lock_guard lock(storeMutex_);
   return store_ != nullptr && unwritten_.empty();
+}
+
+std::vector<OutboxSlotPtr> Outbox::unsettledSlots(bool& earlierRunUnread) {
+  std::vector<OutboxSlotPtr> slots;
+  const auto keep = [&slots](const OutboxSlotPtr& slot) {
+    if (slot && !slot->settled())
+      slots.push_back(slot);
+  };
+  const std::lock_guard lock(storeMutex_);
+  openLocked();  // what an earlier run left is known once the store is open
+  earlierRunUnread = store_ && loadedUpTo_ < leftoversEnd_;
+  {
+    const std::lock_guard buffer(bufferMutex_);
+    for (const auto& op : buffer_) {
+      if (const auto* put = std::get_if<Put>(&op))
+        keep(put->slot);
+    }
+  }
+  for (const auto& [id, held] : held_)
+    keep(held.slot);
+  for (const auto& left : leftovers_)
+    keep(left.slot);
+  for (const auto& left : replays_)
+    keep(left.slot);
+  return slots;
+}
+
+bool Outbox::earlierRunWaits() {
+  const std::lock_guard lock(storeMutex_);
+  if (store_ && loadedUpTo_ < leftoversEnd_)
+    return true;
+  return std::ranges::any_of(held_, [](const auto& entry) {
+    const auto& slot = entry.second.slot;
+    return slot && slot->earlierRun_ && !slot->settled();
+  });
 }
 
 OutboxStats Outbox::stats() const {

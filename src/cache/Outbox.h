@@ -56,6 +56,9 @@ class OutboxSlot {
   // Handed to the process that holds the data directory, which sends it: settled for a flush
   // here, though the build that waits for the directory still holds the report.
   bool keptForHolder() const noexcept { return keptForHolder_.load(); }
+  // Settled by going to the kept-request folder after a failed send: not delivered, it waits
+  // there for a later send.
+  bool handedToFolder() const noexcept { return handedToFolder_.load(); }
 
  private:
   friend class Outbox;
@@ -66,11 +69,13 @@ class OutboxSlot {
   std::mutex holdMutex_;
   std::shared_ptr<void> hold_;
   const platform::TimePoint acceptedAt_;
-  std::int64_t id_ = 0;  // set and read on the outbox's queue only
+  std::int64_t id_ = 0;      // set and read on the outbox's queue only
+  bool earlierRun_ = false;  // left by an earlier run: set and read under the store's lock
   std::atomic<bool> inFlight_{false};
   std::atomic<bool> requestMade_{false};
   std::atomic<bool> settled_{false};  // answered or dropped: no further change
   std::atomic<bool> keptForHolder_{false};
+  std::atomic<bool> handedToFolder_{false};
   std::atomic<bool> replay_{false};  // sent again from an earlier run, not yet come back
   // Answered 5xx or 429: the service did not take it, and it goes again after a backoff.
   std::atomic<bool> retrying_{false};
@@ -222,6 +227,13 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   bool forgetAll() noexcept;
 
   OutboxStats stats() const;
+  // The reports of this process and of earlier runs that are not settled yet: what a flush
+  // that must say whether everything so far was delivered looks at again once it settled.
+  // `earlierRunUnread`: records an earlier run left are still to be read (they are not
+  // among the slots).
+  std::vector<OutboxSlotPtr> unsettledSlots(bool& earlierRunUnread);
+  // Records an earlier run left are still unread, or read and not settled.
+  bool earlierRunWaits();
   // False when no store could be opened (nothing survives this process).
   bool durable() const noexcept { return durable_.load(); }
   // True when every waiting report has its record on disk: an exit now loses nothing.

@@ -101,6 +101,7 @@ void Outbox::loadLeftoverPage() {
 }
 
 void Outbox::keepLeftoverLocked(Leftover left, std::size_t bytes) {
+  left.slot->earlierRun_ = true;
   Held held;
   held.slot = left.slot;
   held.bytes = bytes;
@@ -127,6 +128,7 @@ std::vector<Outbox::Leftover> Outbox::releaseLeftoversLocked() {
     } else if (keptElsewhere_ && keptElsewhere_(*left.request)) {
       forgetHeldLocked(left.slot->id_);
       twins.push_back({left.slot->id_, std::nullopt});
+      left.slot->handedToFolder_ = true;
       if (left.slot->settle()) {
         handedOver_.fetch_add(1, std::memory_order_relaxed);
         waiting_.fetch_sub(1, std::memory_order_relaxed);

@@ -628,13 +628,22 @@ quorvel_status quorvel_flush(quorvel_tracker* tracker, uint32_t timeout_ms) {
   return withTracker(
       tracker,
       [&](QuorvelTracker& t) {
-        const std::uint64_t keptBefore = t.deliveryStats().keptAsFiles;
-        if (!t.flush(std::chrono::milliseconds(timeout_ms)))
-          return QUORVEL_ERROR_TIMED_OUT;
         // Settled is not delivered: a report whose request failed waits for a later send.
-        const quorvel::QuorvelDeliveryStats after = t.deliveryStats();
-        return after.waiting == 0 && after.keptAsFiles == keptBefore ? QUORVEL_OK
-                                                                     : QUORVEL_ERROR_FAILED;
+        // Judged by the reports that waited when the flush began, so that other threads'
+        // tracking meanwhile never turns a delivered flush into a failed one.
+        using Outcome = quorvel::TrackerCore::FlushOutcome;
+        auto& core = quorvel::coreOf(t);
+        if (core.inertAfterFork())  // a forked child's flush never waits for its parent's
+          return QUORVEL_ERROR_FAILED;
+        switch (core.flushReports(std::chrono::milliseconds(timeout_ms))) {
+          case Outcome::delivered:
+            return QUORVEL_OK;
+          case Outcome::notDelivered:
+            return QUORVEL_ERROR_FAILED;
+          case Outcome::timedOut:
+            break;
+        }
+        return QUORVEL_ERROR_TIMED_OUT;
       },
       Stopped::allowed);
 }

@@ -156,6 +156,12 @@ class TrackerCore {
 
   // --- Delivery (as QuorvelTracker documents it) ------------------------------------
   bool flush(std::chrono::milliseconds timeout) noexcept;
+  // A flush that also says whether the reports waiting when it began were delivered: each
+  // answered by the service or kept for the process that holds the data directory, none still
+  // waiting for a later send nor handed to the kept-request folder. Reports accepted during
+  // the flush (other threads go on tracking) are not judged.
+  enum class FlushOutcome { delivered, notDelivered, timedOut };
+  FlushOutcome flushReports(std::chrono::milliseconds timeout) noexcept;
   std::chrono::milliseconds exitFlushTimeout() const;
   void setExitFlushTimeout(std::chrono::milliseconds timeout);
   // What is unanswered at exit stays in the outbox, written and synced.

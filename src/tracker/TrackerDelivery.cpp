@@ -61,6 +61,36 @@ bool TrackerCore::flush(std::chrono::milliseconds timeout) noexcept {
   }
 }
 
+TrackerCore::FlushOutcome TrackerCore::flushReports(std::chrono::milliseconds timeout) noexcept {
+  try {
+    acceptIntake();
+    const std::uint64_t mark = ledger_->newest();
+    bool earlierRunUnread = false;
+    std::vector<OutboxSlotPtr> judged = outbox_->unsettledSlots(earlierRunUnread);
+    for (const auto& ticket : ledger_->unsettled()) {
+      if (ticket->id() <= mark && ticket->outbox())
+        judged.push_back(ticket->outbox());
+    }
+    log_->log(kLogDebug, "-[QuorvelTracker flush:]", "Quorvel: flush waits for %lu reports",
+              static_cast<unsigned long>(judged.size()));
+    const bool settled = waitSettledTurningOwnQueues(mark, timeout);
+    persistPreferencesNow();
+    if (!settled)
+      return FlushOutcome::timedOut;
+    // What an earlier run left and was still unread is judged whole at the end: its records
+    // get their slots only once read.
+    const bool allDelivered =
+        std::ranges::none_of(
+            judged,
+            [](const OutboxSlotPtr& slot) { return !slot->settled() || slot->handedToFolder(); }) &&
+        !(earlierRunUnread && outbox_->earlierRunWaits());
+    return allDelivered ? FlushOutcome::delivered : FlushOutcome::notDelivered;
+  } catch (const std::exception& e) {
+    log_->log(kLogError, "-[QuorvelTracker flush:]", "flush failed: %@", e.what());
+    return FlushOutcome::timedOut;
+  }
+}
+
 std::chrono::milliseconds TrackerCore::exitFlushTimeout() const {
   return std::chrono::milliseconds(exitFlushMs_.load());
 }

@@ -21,6 +21,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -450,6 +451,61 @@ struct HostLog {
     });
   }
 };
+
+// Another thread tracking during a flush never turns the flush's own delivered reports into a
+// failure; what failed before the next flush does.
+TEST(CApi, AFlushJudgesTheReportsMadeBeforeItNotThoseTrackedMeanwhile) {
+  const quorvel::test::TempDir folder;
+  const std::string data = folder / "app";
+  const std::string keys = folder / "keys";
+  struct Host {
+    std::atomic<quorvel_tracker*> tracker = nullptr;
+    std::atomic<int> sends = 0;
+    std::promise<void> flushing;
+    std::shared_future<void> flushBegan = flushing.get_future().share();
+  } host;
+  const auto send = [](void* user, const quorvel_transport_request*,
+                       quorvel_transport_reply* reply) {
+    auto& h = *static_cast<Host*>(user);
+    if (h.sends++ > 0) {
+      quorvel_transport_fail(reply, -1009, "offline", 7);
+      return;
+    }
+    // The launch, answered only once the flush has taken its reports and another report
+    // was tracked and accepted meanwhile.
+    h.flushBegan.wait_for(std::chrono::seconds(30));
+    quorvel_track_event(h.tracker, "meanwhile", 9, nullptr, 0);
+    quorvel_delivery_stats stats{};
+    stats.struct_size = sizeof stats;
+    for (int i = 0; i < 3000 && stats.waiting < 2; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      quorvel_get_delivery_stats(h.tracker, &stats);
+    }
+    quorvel_transport_respond(reply, 200, "", 0, nullptr, 0);
+  };
+  const quorvel_options options = hostOptions(data, keys, send, &host);
+  quorvel_tracker* tracker = nullptr;
+  ASSERT_EQ(quorvel_tracker_create(&options, &tracker), QUORVEL_OK);
+  host.tracker = tracker;
+  quorvel_set_debug(tracker, 1);
+  const auto onLog = [](void* user, int, const char* text, size_t length) {
+    if (std::string_view(text, length).find("flush waits for") != std::string_view::npos)
+      static_cast<Host*>(user)->flushing.set_value();
+  };
+  ASSERT_EQ(quorvel_set_log_callback(tracker, onLog, &host), QUORVEL_OK);
+  quorvel_set_dev_key(tracker, "K", 1);
+  quorvel_set_app_id(tracker, "1", 1);
+  quorvel_track_app_launch(tracker);
+  EXPECT_EQ(quorvel_flush(tracker, 30000), QUORVEL_OK);
+  quorvel_set_log_callback(tracker, nullptr, nullptr);
+  // The flush's own report, the launch, was delivered; the event tracked meanwhile was not.
+  quorvel_delivery_stats stats{};
+  stats.struct_size = sizeof stats;
+  ASSERT_EQ(quorvel_get_delivery_stats(tracker, &stats), QUORVEL_OK);
+  EXPECT_EQ(stats.delivered, 1U);
+  EXPECT_EQ(stats.waiting + stats.kept_as_files, 1U);
+  quorvel_tracker_destroy(tracker);
+}
 
 TEST(CApi, TheLogGoesToTheHostsFunctionWithItsLevelsAndNeverAfterDestroy) {
   quorvel_testkit* kit = nullptr;
