@@ -49,6 +49,12 @@ class OpenReplies {
     auto node = open_.extract(reinterpret_cast<std::uintptr_t>(reply));  // NOLINT
     return node.empty() ? TransportDone() : std::move(node.mapped().done);
   }
+  // Still awaited: not answered, and its deadline not passed.
+  bool pending(const quorvel_transport_reply* reply) noexcept {
+    const std::lock_guard lock(mutex_);
+    const auto it = open_.find(reinterpret_cast<std::uintptr_t>(reply));  // NOLINT
+    return it != open_.end() && Clock::now() < it->second.deadline;
+  }
   void lockForFork() noexcept { mutex_.lock(); }
   void unlockAfterFork() noexcept { mutex_.unlock(); }
 
@@ -211,6 +217,10 @@ void quorvel_transport_respond(quorvel_transport_reply* reply, int status, const
         quorvel::Error{quorvel::platform::kURLErrorDomain, -1004, "the answer could not be read"});
   }
   quorvel::capi::answer(reply, std::move(response), std::nullopt);
+}
+
+int quorvel_transport_pending(const quorvel_transport_reply* reply) {
+  return quorvel::capi::openReplies().pending(reply) ? 1 : 0;
 }
 
 void quorvel_transport_fail(quorvel_transport_reply* reply, int64_t code, const char* message,

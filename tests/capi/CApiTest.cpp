@@ -341,9 +341,12 @@ TEST(CApi, AThreadEndedUnderASendUnwindsAndTheTrackerIsStillReleased) {
 // A host that never answers: the request fails as timed out once past its timeout, and what it
 // carried is let go (not kept for an answer that never comes).
 TEST(CApi, ARequestTheHostNeverAnswersIsFailedAndForgottenPastItsTimeout) {
+  std::vector<quorvel_transport_reply*> replies;
   const auto transport = quorvel::capi::makeCTransport(
-      [](void*, const quorvel_transport_request*, quorvel_transport_reply*) {}, nullptr,
-      std::make_shared<quorvel::capi::CallGate>());
+      [](void* user, const quorvel_transport_request*, quorvel_transport_reply* reply) {
+        static_cast<std::vector<quorvel_transport_reply*>*>(user)->push_back(reply);
+      },
+      &replies, std::make_shared<quorvel::capi::CallGate>());
   std::vector<std::int64_t> failures;
   auto carried = std::make_shared<int>();
   const std::weak_ptr<int> kept = carried;
@@ -355,6 +358,13 @@ TEST(CApi, ARequestTheHostNeverAnswersIsFailedAndForgottenPastItsTimeout) {
                   [](auto, auto) {});
   EXPECT_EQ(failures, std::vector<std::int64_t>{-1001});
   EXPECT_TRUE(kept.expired());
+  // A transport that queues requests can tell the one given up on (not to be sent) from the
+  // one still awaited.
+  ASSERT_EQ(replies.size(), 2U);
+  EXPECT_EQ(quorvel_transport_pending(replies[0]), 0);
+  EXPECT_EQ(quorvel_transport_pending(replies[1]), 1);
+  quorvel_transport_respond(replies[1], 200, nullptr, 0, nullptr, 0);
+  EXPECT_EQ(quorvel_transport_pending(replies[1]), 0);
 }
 
 // Inside one tracker's callback, another tracker is an ordinary one: its destroy waits for its

@@ -150,6 +150,12 @@ class _Reply:
     def answered(self) -> bool:
         return self._handle is None
 
+    @property
+    def abandoned(self) -> bool:
+        """The library no longer waits for this answer (timed out while queued)."""
+        handle = self._handle
+        return handle is not None and not lib.quorvel_transport_pending(handle)
+
     def _take(self) -> Optional[int]:
         with self._lock:
             handle, self._handle = self._handle, None
@@ -222,6 +228,11 @@ class _Transport:
 
     def _answer(self, request: Request, reply: _Reply) -> None:
         if reply.answered:
+            return
+        if reply.abandoned:
+            # The library failed it as timed out while it waited here, and sends the report
+            # again later: sending this copy too would make a repeat.
+            reply.fail("timed out before it was sent")
             return
         if self._closed:
             reply.fail("the transport is closed")

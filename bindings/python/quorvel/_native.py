@@ -195,6 +195,7 @@ def _declare(lib):
              ctypes.c_size_t],
             None,
         ),
+        "quorvel_transport_pending": ([ctypes.c_void_p], ctypes.c_int),
         "quorvel_transport_fail": (
             [ctypes.c_void_p, ctypes.c_int64, ctypes.c_char_p, ctypes.c_size_t],
             None,
