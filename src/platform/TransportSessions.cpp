@@ -49,8 +49,13 @@ class SendLanes : public std::enable_shared_from_this<SendLanes> {
     Lane& lane = lanes_[chosen];
     lane.sends.fetch_add(1, std::memory_order_relaxed);
     lane.queue->async([self = shared_from_this(), &lane, send = std::move(send)] {
+      // Given back on every way out, a thread ended under the host's send among them: a count
+      // never given back would steer every later send away from a lane that works.
+      const struct GiveBack {
+        std::atomic<int>& sends;
+        ~GiveBack() { sends.fetch_sub(1, std::memory_order_relaxed); }
+      } giveBack{lane.sends};
       send();
-      lane.sends.fetch_sub(1, std::memory_order_relaxed);
     });
   }
 
