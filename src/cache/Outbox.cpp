@@ -178,14 +178,18 @@ bool Outbox::allKept() noexcept {
   return store_ != nullptr && unwritten_.empty();
 }
 
-std::vector<OutboxSlotPtr> Outbox::unsettledSlots(bool& earlierRunUnread) {
+std::optional<std::vector<OutboxSlotPtr>> Outbox::unsettledSlots(bool& earlierRunUnread,
+                                                                 Deadline deadline) {
   std::vector<OutboxSlotPtr> slots;
   const auto keep = [&slots](const OutboxSlotPtr& slot) {
     if (slot && !slot->settled())
       slots.push_back(slot);
   };
-  const std::lock_guard lock(storeMutex_);
-  openLocked();  // what an earlier run left is known once the store is open
+  const std::unique_lock lock(storeMutex_, deadline);
+  if (!lock.owns_lock())
+    return std::nullopt;
+  // A store not opened yet is not opened here (a healing may take long): what an earlier run
+  // left in it is not judged.
   earlierRunUnread = store_ && loadedUpTo_ < leftoversEnd_;
   {
     const std::lock_guard buffer(bufferMutex_);
@@ -203,8 +207,10 @@ std::vector<OutboxSlotPtr> Outbox::unsettledSlots(bool& earlierRunUnread) {
   return slots;
 }
 
-bool Outbox::earlierRunWaits() {
-  const std::lock_guard lock(storeMutex_);
+std::optional<bool> Outbox::earlierRunWaits(Deadline deadline) {
+  const std::unique_lock lock(storeMutex_, deadline);
+  if (!lock.owns_lock())
+    return std::nullopt;
   if (store_ && loadedUpTo_ < leftoversEnd_)
     return true;
   return std::ranges::any_of(held_, [](const auto& entry) {

@@ -229,11 +229,15 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   OutboxStats stats() const;
   // The reports of this process and of earlier runs that are not settled yet: what a flush
   // that must say whether everything so far was delivered looks at again once it settled.
-  // `earlierRunUnread`: records an earlier run left are still to be read (they are not
-  // among the slots).
-  std::vector<OutboxSlotPtr> unsettledSlots(bool& earlierRunUnread);
-  // Records an earlier run left are still unread, or read and not settled.
-  bool earlierRunWaits();
+  // `earlierRunUnread`: records an earlier run left in the open store are still to be read
+  // (they are not among the slots). None when the store was busy until `deadline` (a write
+  // to a slow disk, a healing): a host's flush never waits past its bound.
+  using Deadline = std::chrono::steady_clock::time_point;
+  std::optional<std::vector<OutboxSlotPtr>> unsettledSlots(bool& earlierRunUnread,
+                                                           Deadline deadline);
+  // Records an earlier run left are still unread, or read and not settled; none when the
+  // store was busy until `deadline`.
+  std::optional<bool> earlierRunWaits(Deadline deadline);
   // False when no store could be opened (nothing survives this process).
   bool durable() const noexcept { return durable_.load(); }
   // True when every waiting report has its record on disk: an exit now loses nothing.
@@ -380,7 +384,8 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   std::atomic<bool> exitFlushOver_{false};
 
   // The writer's state.
-  std::mutex storeMutex_;
+  // Timed: a host's flush waits for it no longer than its own bound.
+  std::timed_mutex storeMutex_;
   bool opened_ = false;
   bool released_ = false;  // the directory was let go: nothing is written or opened again
   std::vector<Op> spareBuffer_;

@@ -63,28 +63,38 @@ bool TrackerCore::flush(std::chrono::milliseconds timeout) noexcept {
 
 TrackerCore::FlushOutcome TrackerCore::flushReports(std::chrono::milliseconds timeout) noexcept {
   try {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
     acceptIntake();
     const std::uint64_t mark = ledger_->newest();
     bool earlierRunUnread = false;
-    std::vector<OutboxSlotPtr> judged = outbox_->unsettledSlots(earlierRunUnread);
+    auto judged = outbox_->unsettledSlots(earlierRunUnread, deadline);
+    if (!judged)
+      return FlushOutcome::timedOut;
     for (const auto& ticket : ledger_->unsettled()) {
       if (ticket->id() <= mark && ticket->outbox())
-        judged.push_back(ticket->outbox());
+        judged->push_back(ticket->outbox());
     }
     log_->log(kLogDebug, "-[QuorvelTracker flush:]", "Quorvel: flush waits for %lu reports",
-              static_cast<unsigned long>(judged.size()));
-    const bool settled = waitSettledTurningOwnQueues(mark, timeout);
+              static_cast<unsigned long>(judged->size()));
+    const bool settled =
+        waitSettledTurningOwnQueues(mark, std::max(std::chrono::ceil<std::chrono::milliseconds>(
+                                                       deadline - std::chrono::steady_clock::now()),
+                                                   std::chrono::milliseconds::zero()));
     persistPreferencesNow();
     if (!settled)
       return FlushOutcome::timedOut;
-    // What an earlier run left and was still unread is judged whole at the end: its records
-    // get their slots only once read.
-    const bool allDelivered =
-        std::ranges::none_of(
-            judged,
-            [](const OutboxSlotPtr& slot) { return !slot->settled() || slot->handedToFolder(); }) &&
-        !(earlierRunUnread && outbox_->earlierRunWaits());
-    return allDelivered ? FlushOutcome::delivered : FlushOutcome::notDelivered;
+    if (std::ranges::any_of(*judged, [](const OutboxSlotPtr& slot) {
+          return !slot->settled() || slot->handedToFolder();
+        }))
+      return FlushOutcome::notDelivered;
+    if (!earlierRunUnread)
+      return FlushOutcome::delivered;
+    // What an earlier run left unread is judged whole at the end: its records get their
+    // slots only once read.
+    const auto earlierWaits = outbox_->earlierRunWaits(deadline);
+    if (!earlierWaits)
+      return FlushOutcome::timedOut;
+    return *earlierWaits ? FlushOutcome::notDelivered : FlushOutcome::delivered;
   } catch (const std::exception& e) {
     log_->log(kLogError, "-[QuorvelTracker flush:]", "flush failed: %@", e.what());
     return FlushOutcome::timedOut;
