@@ -21,8 +21,10 @@
  *   the disk), and its statuses are QUORVEL_OK, QUORVEL_ERROR_INVALID_ARGUMENT (a NULL
  *   handle or pointer, an empty name, an unknown struct size), QUORVEL_ERROR_FAILED (out of
  *   memory) and QUORVEL_STOPPED (the tracker is stopped: see quorvel_set_stopped).
- * - A handle must not be used once quorvel_tracker_destroy was called on it: a second destroy
- *   or any later call is undefined (the handle's memory is gone).
+ * - A handle must not be used once quorvel_tracker_destroy has returned: a second destroy
+ *   or any later call is undefined (the handle's memory is gone). Calls of the handle under way
+ *   on other threads when destroy begins are waited for (a flush at most its own timeout);
+ *   one that begins while destroy waits is QUORVEL_ERROR_INVALID_ARGUMENT.
  * - Callbacks are a function pointer and a `user_data` pointer handed back unchanged. Each
  *   says which thread it arrives on; none arrives while the library holds a lock, so a
  *   callback may call the library back, but it should return quickly.

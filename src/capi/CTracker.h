@@ -2,6 +2,7 @@
 // guarded so that none runs once the host has replaced them or destroyed the handle.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -180,6 +181,39 @@ std::shared_ptr<const Platform> withHostLog(std::shared_ptr<const Platform> plat
 
 }  // namespace quorvel::capi
 
+namespace quorvel::capi {
+
+// The host's calls under way on one handle: destroy waits for them (a flush at most its own
+// bound), so that a call begun before destroy never runs on a freed tracker; one begun while
+// destroy waits is refused. Two atomic steps per call, no lock.
+class HandleCalls {
+ public:
+  bool enter() noexcept {
+    calls_.fetch_add(1);
+    if (!closing_.load())
+      return true;
+    leave();
+    return false;
+  }
+  void leave() noexcept {
+    if (calls_.fetch_sub(1) == 1 && closing_.load())
+      calls_.notify_all();
+  }
+  // Refuses the calls that begin from now.
+  void close() noexcept { closing_.store(true); }
+  void closeAndWait() noexcept {
+    close();
+    for (int n = calls_.load(); n != 0; n = calls_.load())
+      calls_.wait(n);
+  }
+
+ private:
+  std::atomic<int> calls_{0};
+  std::atomic<bool> closing_{false};
+};
+
+}  // namespace quorvel::capi
+
 struct quorvel_tracker {
   explicit quorvel_tracker(std::shared_ptr<quorvel::capi::CallGate> gate)
       : release(gate->release()), transport(std::move(gate)) {}
@@ -194,6 +228,7 @@ struct quorvel_tracker {
       std::make_shared<quorvel::capi::LogBox>(transport.get(), release);
   std::shared_ptr<quorvel::QuorvelTrackerDelegate> delegate;
   std::unique_ptr<quorvel::QuorvelTracker> tracker;
+  quorvel::capi::HandleCalls calls;
   // The process image that made it: a forked child's copy is inert and never destroyed.
   std::uint64_t forkGeneration = quorvel::platform::forkGeneration();
   bool inheritedByFork() const noexcept {

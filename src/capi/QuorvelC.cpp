@@ -182,6 +182,12 @@ quorvel_status withTracker(quorvel_tracker* handle, Call&& call,
     return QUORVEL_ERROR_INVALID_ARGUMENT;
   if (handle->inheritedByFork())
     return QUORVEL_ERROR_FAILED;
+  if (!handle->calls.enter())
+    return QUORVEL_ERROR_INVALID_ARGUMENT;  // destroy has begun
+  const struct Leave {
+    quorvel::capi::HandleCalls& calls;
+    ~Leave() { calls.leave(); }
+  } leave{handle->calls};
   if (whenStopped == Stopped::refused && handle->tracker->isStopped())
     return QUORVEL_STOPPED;
   try {
@@ -351,6 +357,7 @@ void quorvel_tracker_destroy(quorvel_tracker* tracker) {
   // Only a call of this very handle waits for its caller: inside another handle's callback (or
   // on any other thread) destroy waits as from a host thread.
   if (!quorvel::capi::insideHostCall(*tracker)) {
+    tracker->calls.closeAndWait();
     tracker->transport->close(kTransportCallBound);
     delete tracker;  // NOLINT(cppcoreguidelines-owning-memory): the host's handle ends here
     return;
@@ -358,10 +365,12 @@ void quorvel_tracker_destroy(quorvel_tracker* tracker) {
   // Inside a callback or a send: the tracker's threads wait for this very call to return, so
   // the handle is finished on a thread of its own once it has. Nothing new starts from now.
   tracker->transport->close(std::chrono::milliseconds(0));
+  tracker->calls.close();
   try {
     std::thread([tracker] {
       tracker->callbacks->close();
       tracker->log->close();
+      tracker->calls.closeAndWait();  // the call this destroy came from among them
       tracker->transport->close(kTransportCallBound);
       delete tracker;  // NOLINT(cppcoreguidelines-owning-memory)
     }).detach();
@@ -613,8 +622,10 @@ quorvel_status quorvel_set_callbacks(quorvel_tracker* tracker, const quorvel_cal
     return QUORVEL_ERROR_INVALID_ARGUMENT;
   if (tracker->inheritedByFork())
     return QUORVEL_ERROR_FAILED;  // its gate may wait for a callback of the parent's
-  tracker->callbacks->replace(c);
-  return QUORVEL_OK;
+  return withTracker(tracker, [&](QuorvelTracker&) {
+    tracker->callbacks->replace(c);
+    return QUORVEL_OK;
+  });
 }
 
 quorvel_status quorvel_get_conversion_data(quorvel_tracker* tracker) {
@@ -686,8 +697,10 @@ quorvel_status quorvel_set_log_callback(quorvel_tracker* tracker, quorvel_log_ca
     return QUORVEL_ERROR_INVALID_ARGUMENT;
   if (tracker->inheritedByFork())
     return QUORVEL_ERROR_FAILED;  // its gate may wait for a log line of the parent's
-  tracker->log->replace({callback, user_data});
-  return QUORVEL_OK;
+  return withTracker(tracker, [&](QuorvelTracker&) {
+    tracker->log->replace({callback, user_data});
+    return QUORVEL_OK;
+  });
 }
 
 quorvel_status quorvel_set_stopped(quorvel_tracker* tracker, int stopped) {
@@ -701,14 +714,13 @@ quorvel_status quorvel_set_stopped(quorvel_tracker* tracker, int stopped) {
 }
 
 int quorvel_is_stopped(quorvel_tracker* tracker) {
-  if (tracker == nullptr || !tracker->tracker || tracker->inheritedByFork())
-    return -1;
-  try {
+  int state = -1;
+  withTracker(tracker, [&](QuorvelTracker& t) {
     // The core, not QuorvelTracker::isStopped: that one says "running" when it cannot tell.
-    return quorvel::coreOf(*tracker->tracker).isStopped() ? 1 : 0;
-  } catch (...) {
-    return -1;
-  }
+    state = quorvel::coreOf(t).isStopped() ? 1 : 0;
+    return QUORVEL_OK;
+  });
+  return state;
 }
 
 quorvel_status quorvel_forget_this_install(quorvel_tracker* tracker) {

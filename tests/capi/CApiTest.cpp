@@ -517,6 +517,39 @@ TEST(CApi, AFlushJudgesTheReportsMadeBeforeItNotThoseTrackedMeanwhile) {
   quorvel_tracker_destroy(tracker);
 }
 
+// A flush under way on another thread when the host destroys the handle: destroy waits for it
+// (under AddressSanitizer, a flush left running on the freed tracker is a use after free).
+TEST(CApi, DestroyWaitsForTheHandlesCallsUnderWayOnOtherThreads) {
+  const quorvel::test::TempDir folder;
+  const std::string data = folder / "app";
+  const std::string keys = folder / "keys";
+  const auto neverAnswers = [](void*, const quorvel_transport_request*, quorvel_transport_reply*) {
+  };
+  const quorvel_options options = hostOptions(data, keys, neverAnswers, nullptr);
+  quorvel_tracker* tracker = nullptr;
+  ASSERT_EQ(quorvel_tracker_create(&options, &tracker), QUORVEL_OK);
+  std::promise<void> flushing;
+  quorvel_set_debug(tracker, 1);
+  ASSERT_EQ(
+      quorvel_set_log_callback(
+          tracker,
+          [](void* user, int, const char* text, size_t length) {
+            if (std::string_view(text, length).find("flush waits for") != std::string_view::npos)
+              static_cast<std::promise<void>*>(user)->set_value();
+          },
+          &flushing),
+      QUORVEL_OK);
+  quorvel_set_dev_key(tracker, "K", 1);
+  quorvel_set_app_id(tracker, "1", 1);
+  quorvel_track_app_launch(tracker);
+  std::future<quorvel_status> flushed =
+      std::async(std::launch::async, [tracker] { return quorvel_flush(tracker, 300); });
+  flushing.get_future().wait();
+  quorvel_tracker_destroy(tracker);
+  EXPECT_EQ(flushed.wait_for(std::chrono::seconds(0)), std::future_status::ready);
+  EXPECT_EQ(flushed.get(), QUORVEL_ERROR_TIMED_OUT);
+}
+
 TEST(CApi, TheLogGoesToTheHostsFunctionWithItsLevelsAndNeverAfterDestroy) {
   quorvel_testkit* kit = nullptr;
   quorvel_tracker* t = nullptr;
