@@ -207,16 +207,17 @@ std::optional<std::vector<OutboxSlotPtr>> Outbox::unsettledSlots(bool& earlierRu
   return slots;
 }
 
-std::optional<bool> Outbox::earlierRunWaits(Deadline deadline) {
+std::optional<std::vector<OutboxSlotPtr>> Outbox::earlierRunSlots(bool& unread, Deadline deadline) {
   const std::unique_lock lock(storeMutex_, deadline);
   if (!lock.owns_lock())
     return std::nullopt;
-  if (store_ && loadedUpTo_ < leftoversEnd_)
-    return true;
-  return std::ranges::any_of(held_, [](const auto& entry) {
-    const auto& slot = entry.second.slot;
-    return slot && slot->earlierRun_ && !slot->settled();
-  });
+  unread = store_ && loadedUpTo_ < leftoversEnd_;
+  std::vector<OutboxSlotPtr> slots;
+  for (const auto& [id, held] : held_) {
+    if (held.slot && held.slot->earlierRun_ && !held.slot->settled())
+      slots.push_back(held.slot);
+  }
+  return slots;
 }
 
 OutboxStats Outbox::stats() const {

@@ -59,6 +59,8 @@ class OutboxSlot {
   // Settled by going to the kept-request folder after a failed send: not delivered, it waits
   // there for a later send.
   bool handedToFolder() const noexcept { return handedToFolder_.load(); }
+  // A send of it failed in this process (in transport, or answered 5xx or 429).
+  bool failedHere() const noexcept { return failures_.load() > 0; }
 
  private:
   friend class Outbox;
@@ -76,6 +78,7 @@ class OutboxSlot {
   std::atomic<bool> settled_{false};  // answered or dropped: no further change
   std::atomic<bool> keptForHolder_{false};
   std::atomic<bool> handedToFolder_{false};
+  std::atomic<std::uint32_t> failures_{0};
   std::atomic<bool> replay_{false};  // sent again from an earlier run, not yet come back
   // Answered 5xx or 429: the service did not take it, and it goes again after a backoff.
   std::atomic<bool> retrying_{false};
@@ -235,9 +238,9 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   using Deadline = std::chrono::steady_clock::time_point;
   std::optional<std::vector<OutboxSlotPtr>> unsettledSlots(bool& earlierRunUnread,
                                                            Deadline deadline);
-  // Records an earlier run left are still unread, or read and not settled; none when the
-  // store was busy until `deadline`.
-  std::optional<bool> earlierRunWaits(Deadline deadline);
+  // The unsettled reports an earlier run left, read so far; `unread`: more are still to be
+  // read. None when the store was busy until `deadline`.
+  std::optional<std::vector<OutboxSlotPtr>> earlierRunSlots(bool& unread, Deadline deadline);
   // False when no store could be opened (nothing survives this process).
   bool durable() const noexcept { return durable_.load(); }
   // True when every waiting report has its record on disk: an exit now loses nothing.

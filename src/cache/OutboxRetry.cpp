@@ -24,6 +24,7 @@ void Outbox::answeredRetryLater(const OutboxSlotPtr& slot,
     replayCameBack(slot);
   if (!slot || slot->settled_)
     return;
+  slot->failures_.fetch_add(1, std::memory_order_relaxed);
   if (retryAfter && !slot->retrying_.exchange(true))
     retrying_.fetch_add(1, std::memory_order_relaxed);  // an answer: 0 s when it named no time
   if (hold)

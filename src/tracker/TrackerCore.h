@@ -350,6 +350,8 @@ class TrackerCore {
   // goes; the files are the new install's.
   void forgetOldInstallHeldHere(bool stoppedSince);
   bool waitSettledTurningOwnQueues(std::uint64_t mark, std::chrono::milliseconds timeout);
+  // Runs the work due on the queues a waiting flush may be the one to turn.
+  void turnOwnQueues();
   const std::uint64_t forkGeneration_ = platform::forkGeneration();
   template <typename T>
   T read(const T& field) const {

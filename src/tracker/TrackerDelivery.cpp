@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <array>
+#include <thread>
 
 namespace quorvel {
 namespace {
@@ -24,21 +25,25 @@ constexpr std::chrono::milliseconds kQueueTurn{2};
 // stopped turning at exit), nothing there would run and the wait would last its whole bound:
 // so the wait runs that work itself, a few milliseconds at a time. The report of the callback
 // that waits cannot settle before the callback returns, so it is not waited for.
-bool TrackerCore::waitSettledTurningOwnQueues(std::uint64_t mark,
-                                              std::chrono::milliseconds timeout) {
+void TrackerCore::turnOwnQueues() {
   const std::array<std::shared_ptr<platform::DispatchQueue>, 3> queues = {
       platform_->dispatcher->mainQueue(), mBackgroundQueue_,
       platform_->urlSessions ? platform_->urlSessions->sharedSession()->delegateQueue() : nullptr};
+  for (const auto& queue : queues) {
+    if (queue)
+      queue->runDueItemsHere();
+  }
+  if (outbox_->dataDirectoryHeldElsewhere())
+    ledger_->settleKeptForHolder();
+}
+
+bool TrackerCore::waitSettledTurningOwnQueues(std::uint64_t mark,
+                                              std::chrono::milliseconds timeout) {
   const auto ownReport = ReportLedger::current();
   const std::uint64_t except = ownReport ? ownReport->id() : 0;
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   for (;;) {
-    for (const auto& queue : queues) {
-      if (queue)
-        queue->runDueItemsHere();
-    }
-    if (outbox_->dataDirectoryHeldElsewhere())
-      ledger_->settleKeptForHolder();
+    turnOwnQueues();
     const auto left =
         std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     const auto slice = std::clamp(left, std::chrono::milliseconds::zero(), kQueueTurn);
@@ -63,11 +68,16 @@ bool TrackerCore::flush(std::chrono::milliseconds timeout) noexcept {
 
 TrackerCore::FlushOutcome TrackerCore::flushReports(std::chrono::milliseconds timeout) noexcept {
   try {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    using SteadyClock = std::chrono::steady_clock;
+    const auto deadline = SteadyClock::now() + timeout;
+    const auto left = [deadline] {
+      return std::max(std::chrono::ceil<std::chrono::milliseconds>(deadline - SteadyClock::now()),
+                      std::chrono::milliseconds::zero());
+    };
     acceptIntake();
     const std::uint64_t mark = ledger_->newest();
-    bool earlierRunUnread = false;
-    auto judged = outbox_->unsettledSlots(earlierRunUnread, deadline);
+    bool unread = false;
+    auto judged = outbox_->unsettledSlots(unread, deadline);
     if (!judged)
       return FlushOutcome::timedOut;
     for (const auto& ticket : ledger_->unsettled()) {
@@ -76,25 +86,34 @@ TrackerCore::FlushOutcome TrackerCore::flushReports(std::chrono::milliseconds ti
     }
     log_->log(kLogDebug, "-[QuorvelTracker flush:]", "Quorvel: flush waits for %lu reports",
               static_cast<unsigned long>(judged->size()));
-    const bool settled =
-        waitSettledTurningOwnQueues(mark, std::max(std::chrono::ceil<std::chrono::milliseconds>(
-                                                       deadline - std::chrono::steady_clock::now()),
-                                                   std::chrono::milliseconds::zero()));
+    const bool settled = waitSettledTurningOwnQueues(mark, left());
     persistPreferencesNow();
     if (!settled)
       return FlushOutcome::timedOut;
-    if (std::ranges::any_of(*judged, [](const OutboxSlotPtr& slot) {
-          return !slot->settled() || slot->handedToFolder();
-        }))
-      return FlushOutcome::notDelivered;
-    if (!earlierRunUnread)
-      return FlushOutcome::delivered;
-    // What an earlier run left unread is judged whole at the end: its records get their
-    // slots only once read.
-    const auto earlierWaits = outbox_->earlierRunWaits(deadline);
-    if (!earlierWaits)
-      return FlushOutcome::timedOut;
-    return *earlierWaits ? FlushOutcome::notDelivered : FlushOutcome::delivered;
+    // What an earlier run left goes by the replay, which no ticket of this flush follows: it
+    // is waited for until each report was answered or failed once here. The records still
+    // unread get their slots once read.
+    for (;;) {
+      if (unread) {
+        auto read = outbox_->earlierRunSlots(unread, deadline);
+        if (!read)
+          return FlushOutcome::timedOut;
+        judged->insert(judged->end(), read->begin(), read->end());
+      }
+      const bool tried = !unread && std::ranges::all_of(*judged, [](const OutboxSlotPtr& slot) {
+        return slot->settled() || slot->failedHere();
+      });
+      if (tried)
+        break;
+      if (left() == std::chrono::milliseconds::zero())
+        return FlushOutcome::timedOut;
+      turnOwnQueues();
+      std::this_thread::sleep_for(std::min(left(), kQueueTurn));
+    }
+    const bool delivered = std::ranges::none_of(*judged, [](const OutboxSlotPtr& slot) {
+      return !slot->settled() || slot->handedToFolder();
+    });
+    return delivered ? FlushOutcome::delivered : FlushOutcome::notDelivered;
   } catch (const std::exception& e) {
     log_->log(kLogError, "-[QuorvelTracker flush:]", "flush failed: %@", e.what());
     return FlushOutcome::timedOut;
