@@ -178,6 +178,17 @@ bool Outbox::allKept() noexcept {
   return store_ != nullptr && unwritten_.empty();
 }
 
+// A store not opened yet is opened on the writer's queue, never on the flushing thread (a
+// healing may take long): what an earlier run left is unknown until then.
+bool Outbox::earlierRunUnreadLocked() {
+  if (!opened_ && !released_) {
+    if (!openPosted_.exchange(true))
+      runLocked(&Outbox::openLocked);
+    return true;
+  }
+  return store_ && loadedUpTo_ < leftoversEnd_;
+}
+
 std::optional<std::vector<OutboxSlotPtr>> Outbox::unsettledSlots(bool& earlierRunUnread,
                                                                  Deadline deadline) {
   std::vector<OutboxSlotPtr> slots;
@@ -188,9 +199,7 @@ std::optional<std::vector<OutboxSlotPtr>> Outbox::unsettledSlots(bool& earlierRu
   const std::unique_lock lock(storeMutex_, deadline);
   if (!lock.owns_lock())
     return std::nullopt;
-  // A store not opened yet is not opened here (a healing may take long): what an earlier run
-  // left in it is not judged.
-  earlierRunUnread = store_ && loadedUpTo_ < leftoversEnd_;
+  earlierRunUnread = earlierRunUnreadLocked();
   {
     const std::lock_guard buffer(bufferMutex_);
     for (const auto& op : buffer_) {
@@ -211,7 +220,7 @@ std::optional<std::vector<OutboxSlotPtr>> Outbox::earlierRunSlots(bool& unread, 
   const std::unique_lock lock(storeMutex_, deadline);
   if (!lock.owns_lock())
     return std::nullopt;
-  unread = store_ && loadedUpTo_ < leftoversEnd_;
+  unread = earlierRunUnreadLocked();
   std::vector<OutboxSlotPtr> slots;
   for (const auto& [id, held] : held_) {
     if (held.slot && held.slot->earlierRun_ && !held.slot->settled())

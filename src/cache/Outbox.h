@@ -285,6 +285,10 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // The queue's side; `mutex_` for the store is held.
   void writeBufferedLocked();
   void openLocked();
+  // Records an earlier run left are still to be read, or unknown: the store is not open yet
+  // (then its opening is posted once).
+  bool earlierRunUnreadLocked();
+  std::atomic<bool> openPosted_{false};
   // `after` zero: at once; later after a page that a passing fault cut short.
   void scheduleLeftoverPage(std::chrono::nanoseconds after = std::chrono::nanoseconds::zero());
   void loadLeftoverPage();
