@@ -82,8 +82,9 @@ struct QuorvelDeliveryStats {
   std::uint64_t droppedOverSize = 0;  // the oldest, past the outbox's byte bound
   std::uint64_t droppedOverAge = 0;   // past the outbox's age bound
   std::uint64_t droppedByRule = 0;    // a launch too soon after the last, no developer key
-  // Requests sent again after an earlier process had sent them without an answer: the
-  // only repeats, each marked on the wire as a replay.
+  // Copies sent after one that may have reached the service (sent and never answered: its
+  // process ended with it on the wire, or its transfer failed once the connection was made),
+  // from the outbox or the kept-request folder: the only repeats, each marked as a replay.
   std::uint64_t repeated = 0;
   // Another process holds this app's data directory (the same app started twice): this
   // tracker keeps its reports on disk for that process to send (in memory when the disk

@@ -17,6 +17,9 @@ namespace quorvel {
 namespace {
 
 constexpr const char* kDirectoryName = "QuorvelCache";
+// Appended to a kept file whose request may have reached the service already (its transfer
+// failed after it was made): its replay is a repeat. Readers that do not know it skip it.
+constexpr std::string_view kReachedLine = "\nsent=1";
 
 // Splits at every newline character: LF, CR, VT, FF, NEL, LINE and PARAGRAPH SEPARATOR.
 std::vector<std::string> splitLines(const std::string& text) {
@@ -197,7 +200,7 @@ std::string QuorvelRequestCache::fileContent(const QuorvelRequestCacheData& r) {
 
 std::optional<std::string> QuorvelRequestCache::cacheRequest(
     const std::optional<QuorvelRequestCacheData>& request,
-    std::optional<platform::TimePoint> madeAt) {
+    std::optional<platform::TimePoint> madeAt, bool mayHaveReached) {
   static constexpr const char* kMethod = "-[QuorvelRequestCache cacheRequest:]";
   if (!request)
     return std::nullopt;
@@ -228,7 +231,9 @@ std::optional<std::string> QuorvelRequestCache::cacheRequest(
     name = format("%f.qv", seconds);
   }
   const std::string path = directory.value_or(std::string()) + "/" + name;
-  const std::string content = fileContent(*request);
+  std::string content = fileContent(*request);
+  if (mayHaveReached)
+    content += kReachedLine;
   std::string reason;
   if (!directory || !fs.writeFileAtomically(path, Bytes(content.begin(), content.end()), &reason)) {
     log_->log(kLogError, kMethod, "Error writing file at %@\n%@", path,
@@ -267,10 +272,15 @@ std::vector<QuorvelRequestCacheData> QuorvelRequestCache::getCachedRequests() {
         record.setSdkVersion(trimBlanksAndTabs(line.substr(8)));
       } else if (line.rfind("data=", 0) == 0) {
         record.stringToPostData(trimBlanksAndTabs(line.substr(5)));
+      } else if (line == kReachedLine.substr(1)) {
+        record.setMayHaveReached(true);
       }
     }
     if (record.requestURL() && record.postData()) {
       record.setCacheKey(name);
+      // A claim left by a process that ended was on the wire when it ended.
+      if (claimerOf(name) != 0)
+        record.setMayHaveReached(true);
       result.push_back(std::move(record));
     } else if (bytes) {
       // Read whole but not a request (files are written whole, by rename): damaged or
@@ -417,11 +427,14 @@ bool QuorvelRequestCache::claim(QuorvelRequestCacheData& request) {
   return true;
 }
 
-void QuorvelRequestCache::releaseRequest(const QuorvelRequestCacheData& request) {
+void QuorvelRequestCache::releaseRequest(const QuorvelRequestCacheData& request,
+                                         bool mayHaveReached) {
   const auto directory = getCacheDirectoryPath();
   const std::string name = request.cacheKey().value_or(std::string());
   if (!directory || claimerOf(name) == 0)
     return;
+  if (mayHaveReached || request.mayHaveReached())
+    markReached(*directory + "/" + name);
   std::string reason;
   if (!platform_->fileSystem->moveFile(*directory + "/" + name, *directory + "/" + plainName(name),
                                        &reason)) {
@@ -432,6 +445,25 @@ void QuorvelRequestCache::releaseRequest(const QuorvelRequestCacheData& request)
   }
   std::lock_guard guard(lock_);
   claimed_.erase(name);
+}
+
+void QuorvelRequestCache::noteReplayLeaving(const QuorvelRequestCacheData& request) {
+  if (request.mayHaveReached())
+    repeated_.fetch_add(1, std::memory_order_relaxed);
+}
+
+// Said in the file itself, so that a later process counts its replay as a repeat too. A file
+// that cannot be rewritten only loses that count.
+void QuorvelRequestCache::markReached(const std::string& path) {
+  auto& fs = *platform_->fileSystem;
+  auto bytes = fs.readFile(path);
+  if (!bytes)
+    return;
+  const std::string text(bytes->begin(), bytes->end());
+  if (text.find(kReachedLine) != std::string::npos)
+    return;
+  bytes->insert(bytes->end(), kReachedLine.begin(), kReachedLine.end());
+  fs.writeFileAtomically(path, *bytes);
 }
 
 void QuorvelRequestCache::abandonReplay(const QuorvelRequestCacheData& request, bool answered) {

@@ -37,9 +37,11 @@ class QuorvelRequestCache : public std::enable_shared_from_this<QuorvelRequestCa
   void initialize();
   // Stores one request as a file, unless the directory holds 41 entries already. Returns
   // the file's name (the record's cache key) when it was written.
-  // `madeAt`: when the host's call made the report (now, when not given).
+  // `madeAt`: when the host's call made the report (now, when not given). `mayHaveReached`:
+  // the failed copy may have reached the service, so that the file's replay is a repeat.
   std::optional<std::string> cacheRequest(const std::optional<QuorvelRequestCacheData>& request,
-                                          std::optional<platform::TimePoint> madeAt = {});
+                                          std::optional<platform::TimePoint> madeAt = {},
+                                          bool mayHaveReached = false);
   std::uint64_t getCacheSize();
   static std::uint64_t getCacheSize(const platform::FileSystem& fileSystem,
                                     const std::string& path);
@@ -59,13 +61,18 @@ class QuorvelRequestCache : public std::enable_shared_from_this<QuorvelRequestCa
   // Removes the record's file: answered, or given up.
   void deleteRequest(const QuorvelRequestCacheData& request);
   // Gives a claimed record's file its plain name back: its send failed, it waits for a later
-  // replay.
-  void releaseRequest(const QuorvelRequestCacheData& request);
+  // replay. `mayHaveReached`: the failed copy may have reached the service (the file says so
+  // from then on).
+  void releaseRequest(const QuorvelRequestCacheData& request, bool mayHaveReached = false);
   // A replay that a stop cut short: its file goes back under its own name (answered, it goes),
   // and the chain ends, so that the first answer once the library runs again starts a new one.
   void abandonReplay(const QuorvelRequestCacheData& request, bool answered);
   // Files removed because they held no readable request.
   std::uint64_t unreadableRemoved() const noexcept { return unreadable_.load(); }
+  // A replay leaves: a repeat when an earlier copy of its file may have reached the service.
+  void noteReplayLeaving(const QuorvelRequestCacheData& request);
+  // Replays sent of files an earlier copy of which may have reached the service.
+  std::uint64_t repeatedReplays() const noexcept { return repeated_.load(); }
 
   bool failedToInitialize() const noexcept { return failedToInitialize_; }
   // The records of the current batch not yet handed over; nullopt when none was loaded.
@@ -88,6 +95,8 @@ class QuorvelRequestCache : public std::enable_shared_from_this<QuorvelRequestCa
   // Whether this process may claim the file: neither its own claim already, nor left out, nor
   // another running process's claim.
   bool mayClaim(const std::string& name) const;
+  // Adds the line saying that the file's request may have reached the service.
+  void markReached(const std::string& path);
   // This process's claims (file names); one whose file could not be deleted after its answer
   // stays here, never sent again by this process.
   std::set<std::string> claimed_;
@@ -102,6 +111,7 @@ class QuorvelRequestCache : public std::enable_shared_from_this<QuorvelRequestCa
   std::atomic<std::uint64_t> filesWritten_{0};
   std::atomic<std::uint64_t> foundNothingAt_{UINT64_MAX};
   std::atomic<std::uint64_t> unreadable_{0};
+  std::atomic<std::uint64_t> repeated_{0};
 };
 
 }  // namespace quorvel

@@ -19,6 +19,9 @@ class QuorvelRequestCacheData {
   const std::optional<std::string>& postDataAsString() const noexcept { return postDataAsString_; }
   const std::optional<std::string>& requestURL() const noexcept { return requestURL_; }
   const std::optional<std::string>& cacheKey() const noexcept { return cacheKey_; }
+  // A copy sent before may have reached the service (its transfer failed after it was made,
+  // or its process ended with it on the wire): the next copy is a repeat.
+  bool mayHaveReached() const noexcept { return mayHaveReached_; }
 
   void setSdkVersion(std::optional<std::string> v) { sdkVersion_ = std::move(v); }
   // Does not refresh postDataAsString.
@@ -26,6 +29,7 @@ class QuorvelRequestCacheData {
   void setPostDataAsString(std::optional<std::string> v) { postDataAsString_ = std::move(v); }
   void setRequestURL(std::optional<std::string> v) { requestURL_ = std::move(v); }
   void setCacheKey(std::optional<std::string> v) { cacheKey_ = std::move(v); }
+  void setMayHaveReached(bool v) noexcept { mayHaveReached_ = v; }
 
   friend bool operator==(const QuorvelRequestCacheData&, const QuorvelRequestCacheData&) = default;
 
@@ -38,6 +42,7 @@ class QuorvelRequestCacheData {
   std::optional<std::string> postDataAsString_;
   std::optional<std::string> requestURL_;
   std::optional<std::string> cacheKey_;
+  bool mayHaveReached_ = false;
 };
 
 // Strict Base64: only the alphabet, "=" padding at the end, a length multiple of four.

@@ -212,9 +212,11 @@ void quorvel_transport_respond(quorvel_transport_reply* reply, int status, const
     if (body != nullptr)
       response->body.assign(body, body + body_length);
   } catch (...) {
+    // An answer came, so the request reached the service: not "cannot connect" (-1004), which
+    // would make its next copy no repeat.
     return quorvel::capi::answer(
         reply, std::nullopt,
-        quorvel::Error{quorvel::platform::kURLErrorDomain, -1004, "the answer could not be read"});
+        quorvel::Error{quorvel::platform::kURLErrorDomain, -1017, "the answer could not be read"});
   }
   quorvel::capi::answer(reply, std::move(response), std::nullopt);
 }

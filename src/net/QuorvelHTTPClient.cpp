@@ -22,6 +22,24 @@ Error stoppedError() {
   return Error{platform::kURLErrorDomain, -999, "Quorvel is stopped"};
 }
 
+// Whether a failed transfer may have taken the request to the service: not when no connection
+// was made (no route, refused, no name), none was secured (the handshake or the certificate
+// failed), the URL was unusable, or it was cancelled before it started.
+bool mayHaveArrived(const Error& error) {
+  switch (error.code) {
+    case -999:
+    case -1000:
+    case -1003:
+    case -1004:
+    case -1009:
+    case -1200:
+    case -1202:
+      return false;
+    default:
+      return true;
+  }
+}
+
 }  // namespace
 
 std::shared_ptr<QuorvelHTTPClient> QuorvelHTTPClient::create(
@@ -189,6 +207,8 @@ void QuorvelHTTPClient::post(const QuorvelRequestCacheData& request, std::string
     }
     return;
   }
+  if (origin == Origin::cache)
+    cache_->noteReplayLeaving(request);
   task->resume();
 }
 
@@ -294,22 +314,21 @@ bool QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
       if (request.sdkVersion() != std::optional<std::string>(kQuorvelSDKVersion))
         cache_->deleteRequest(request);
       else
-        cache_->releaseRequest(request);
+        cache_->releaseRequest(request, mayHaveArrived(*error));
       cache_->sendNextCachedEvents();
     } else if (origin == Origin::fresh && ownsKeptFolder() && !stopped() &&
                cache_->cacheRequest(request,
-                                    slot ? std::optional(slot->acceptedAt()) : std::nullopt)) {
+                                    slot ? std::optional(slot->acceptedAt()) : std::nullopt,
+                                    mayHaveArrived(*error))) {
       // The kept-request folder holds it now, and replays it after the next answer.
       if (outbox_)
         outbox_->dropped(slot, Outbox::DropReason::handedOver);
     } else if (outbox_) {
       // The folder is full (or this was the outbox's own try): it waits in the outbox, and
-      // keeps its place in the build throttle while it waits. A connection never made (no
-      // route, refused, no name) took nothing to the service: its next copy is no repeat.
+      // keeps its place in the build throttle while it waits. One that cannot have reached
+      // the service: its next copy is no repeat.
       const auto ticket = ReportLedger::current();
-      const bool mayHaveArrived = error->code != -1003 && error->code != -1004 &&
-                                  error->code != -1009 && error->code != -999;
-      outbox_->failed(slot, ticket ? ticket->buildPermit() : nullptr, mayHaveArrived);
+      outbox_->failed(slot, ticket ? ticket->buildPermit() : nullptr, mayHaveArrived(*error));
     }
     return false;
   }

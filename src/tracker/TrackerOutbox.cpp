@@ -119,7 +119,7 @@ QuorvelDeliveryStats TrackerCore::deliveryStats() {
   out.droppedOverSize = s.droppedForBytes;
   out.droppedOverAge = s.droppedForAge;
   out.droppedByRule = s.droppedByRule;
-  out.repeated = s.repeated;
+  out.repeated = s.repeated + requestCache_->repeatedReplays();
   out.dataDirectoryHeldElsewhere = outbox_->dataDirectoryHeldElsewhere();
   return out;
 }

@@ -465,6 +465,34 @@ TEST_F(OutboxTest, WhatAnEarlierRunLeftGoesWithoutATrackingCall) {
   EXPECT_EQ(tracker->deliveryStats().repeated, 1U);
 }
 
+// A kept file's replay is a repeat only when a copy sent before may have reached the service:
+// its transfer failed after the connection was made, or its process ended with it on the wire;
+// never when no connection was made or secured.
+TEST_F(OutboxTest, AKeptFileRepeatsOnlyWhatMayHaveReachedTheService) {
+  for (const long code : {-1004L, -1200L, -1001L, -1005L}) {
+    tracker->trackEvent("e" + std::to_string(-code), std::nullopt);
+    fakes.dispatcher->advance(2ms);
+    fakes.fail(sent().size() - 1, Error{platform::kURLErrorDomain, code, "failed"});
+    fakes.dispatcher->runUntilIdle();
+  }
+  ASSERT_EQ(tracker->requestCache()->getCacheSize(), 4U);
+  const auto second = restart();
+  fakes.dispatcher->advance(1s);  // the first file's replay: its transfer is cut
+  ASSERT_EQ(copiesOf("e1004").size(), 2U);
+  fakes.fail(copiesOf("e1004")[1], Error{platform::kURLErrorDomain, -1005, "lost"});
+  fakes.dispatcher->runUntilIdle();
+  ASSERT_EQ(copiesOf("e1200").size(), 2U);  // the next one is on the wire at the kill
+  EXPECT_EQ(tracker->deliveryStats().repeated, 0U);
+  fakes.dispatcher->clear();
+  const auto third = restart();
+  tracker->trackEvent("fresh", std::nullopt);
+  answerAllFrom(sent().size());
+  EXPECT_EQ(copiesOf("e1004").size() + copiesOf("e1200").size(), 6U);
+  EXPECT_EQ(copiesOf("e1001").size() + copiesOf("e1005").size(), 4U);
+  EXPECT_EQ(tracker->deliveryStats().repeated, 4U);
+  EXPECT_EQ(tracker->requestCache()->getCacheSize(), 0U);
+}
+
 TEST_F(OutboxTest, BoundsDropTheOldestAndCountThem) {
   tracker->setOutboxLimits(600, std::chrono::hours(1));
   for (int i = 0; i < 20; ++i)
