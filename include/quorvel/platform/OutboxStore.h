@@ -98,8 +98,6 @@ class OutboxStore {
   // For a process that kept records as a guest: removes the files it kept them in, whether
   // or not the holder took them yet (a forgetting: they are the forgotten install's).
   virtual void removeOwnGuestFiles() noexcept {}
-  // The same for the files every process kept that way (a forgetting begun by this process).
-  virtual void removeEveryGuestFile() noexcept { removeOwnGuestFiles(); }
   // As load(), with `complete` false when a passing fault (a failing read, a store closed
   // until it heals) cut the page short: the records it holds are sound, and those after them
   // are read later instead of being taken for the end. A store of the host's own built
@@ -109,6 +107,10 @@ class OutboxStore {
     complete = true;
     return load(afterId, limit);
   }
+  // As removeOwnGuestFiles(), for the files every process kept that way (a forgetting begun by
+  // this process: they are all the forgotten install's). Last, so that a store built against
+  // an older header keeps its table of calls.
+  virtual void removeEveryGuestFile() noexcept { removeOwnGuestFiles(); }
 };
 
 }  // namespace quorvel::platform
