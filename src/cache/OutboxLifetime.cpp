@@ -147,8 +147,11 @@ bool Outbox::forgetAll(bool everyGuestFile) noexcept {
     if (installEpochNow_)
       epoch_ = installEpochNow_().value_or(epoch_);
     openLocked();
-    if (!store_ && lockedOut_ && !heldElsewhere_)
-      takeFreedLockLocked();  // refused before as the new install's: emptied now if it can be
+    // Refused before as the new install's: emptied now if it can be, and left to the process
+    // that took it meanwhile if one did.
+    if (!store_ && lockedOut_ && !heldElsewhere_ && !takeFreedLockLocked() &&
+        lockedOut_->heldByAnotherProcess())
+      heldElsewhere_ = true;
     std::vector<OutboxSlotPtr> slots;
     {
       const std::lock_guard buffer(bufferMutex_);
