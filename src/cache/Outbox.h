@@ -197,6 +197,12 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // empty name once the watch has begun, for what was made before. Called on a thread of the
   // store's own; it must not wait for anything that ends the outbox.
   void setOnFolderFile(std::function<void(std::string_view)> onFolderFile);
+  // Reads the install's epoch on the disk now (empty: none written yet; nothing: unreadable
+  // now). What a guest keeps for the holder carries the epoch its reports were made under, and
+  // the holder drops what carries another one: the reports of an install forgotten since, by
+  // a guest that died before it saw the forgetting. Set once by the tracker, before any report.
+  using InstallEpochNow = std::function<std::optional<std::string>()>;
+  void setInstallEpoch(InstallEpochNow now);
   // Hands what an earlier process left to `take`, once, on the outbox's queue. Built reports
   // are resent through the Resend first; `take` gets the unbuilt ones.
   void resume(std::function<void(std::vector<Leftover>)> take);
@@ -227,7 +233,9 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // and the kept counters: the install is being forgotten. Answers that come back later for
   // forgotten reports change nothing. On the calling thread.
   // False when the store could not be emptied.
-  bool forgetAll() noexcept;
+  // `everyGuestFile`: the files every other process kept for the holder go too, not only this
+  // one's (the forgetting began here: they are all the old install's).
+  bool forgetAll(bool everyGuestFile = false) noexcept;
 
   OutboxStats stats() const;
   // The reports of this process and of earlier runs that are not settled yet: what a flush
@@ -371,7 +379,10 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   void writeHeldLocked();
   // Posts the work that waited for numbering; `storeMutex_` is held.
   void releaseNumberingLocked();
-  static std::string serialise(const Put& put);
+  // `epoch`: the install's, for a report kept for the holder.
+  static std::string serialise(const Put& put, const std::string& epoch = {});
+  // The install epoch a guest's record was made under (empty: before any forgetting).
+  static std::string recordEpoch(const platform::OutboxRecord& record);
   // A built report's record: a one-line head, then the body's bytes as they are.
   static std::string requestRecord(platform::TimePoint at, const QuorvelRequestCacheData& request,
                                    bool reached);
@@ -428,6 +439,12 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   Resend resend_;
   std::function<bool(const QuorvelRequestCacheData&)> keptElsewhere_;
   std::function<void(std::string_view)> onFolderFile_;
+  InstallEpochNow installEpochNow_;
+  std::string epoch_;  // the install this outbox's reports were made under
+  // A forgetting this process has not carried out yet: what it holds is the old install's, and
+  // goes into no file that a kill would leave for the next holder (neither a guest file nor
+  // the store, which the forgetting freed). False when the epoch cannot be read now.
+  bool epochStaleLocked() const;
   int retryAttempt_ = 0;
   bool retryScheduled_ = false;
   std::shared_ptr<platform::OutboxStore> lockedOut_;  // held by another process: tried again

@@ -27,7 +27,16 @@ void Outbox::retryLockLocked() {
     scheduleLockRetry();
 }
 
+bool Outbox::epochStaleLocked() const {
+  if (!installEpochNow_)
+    return false;
+  const auto now = installEpochNow_();
+  return now && *now != epoch_;
+}
+
 bool Outbox::takeFreedLockLocked() {
+  if (epochStaleLocked())
+    return false;  // tried again once this process has forgotten too
   std::string reason;
   if (!lockedOut_->open(reason)) {
     if (lockedOut_->heldByAnotherProcess())
@@ -85,6 +94,10 @@ void Outbox::tryFreedLock() noexcept {
 }
 
 bool Outbox::handOverToHolderLocked(std::vector<Op>& batch) {
+  // A forgetting this process has not seen yet: its reports are the old install's, and stay in
+  // memory, where seeing it drops them, instead of in a file a kill would leave behind.
+  if (epochStaleLocked())
+    return false;
   std::vector<platform::OutboxChange> changes;
   std::vector<OutboxSlotPtr> slots;
   for (auto& op : batch) {
@@ -92,7 +105,7 @@ bool Outbox::handOverToHolderLocked(std::vector<Op>& batch) {
     if (put == nullptr || !put->intent || put->slot->settled_)
       continue;
     try {
-      changes.push_back({++lastId_, serialise(*put)});
+      changes.push_back({++lastId_, serialise(*put, epoch_)});
     } catch (const std::exception&) {
       continue;  // kept in memory like the rest
     }
@@ -144,11 +157,20 @@ void Outbox::adoptGuests(const std::shared_ptr<platform::OutboxStore>& store) {
 bool Outbox::keepGuestRecordsLocked(std::vector<platform::OutboxRecord> records) {
   if (!store_)
     return false;
+  // Read at each file: a forgetting may come between two. Unreadable now, the file waits.
+  const auto epoch = installEpochNow_ ? installEpochNow_() : std::optional<std::string>("");
+  if (!epoch)
+    return false;
   std::vector<std::pair<Leftover, std::size_t>> adopted;
   std::vector<platform::OutboxChange> changes;
+  std::size_t forgotten = 0;
   for (auto& record : records) {
     if (record.id < kCountersRecord) {  // the store's note of this taking: in the same batch
       changes.push_back({record.id, std::move(record.content)});
+      continue;
+    }
+    if (installEpochNow_ && recordEpoch(record) != *epoch) {
+      ++forgotten;  // made before a forgetting its guest did not live to see
       continue;
     }
     auto left = parseLeftover(record);
@@ -164,6 +186,11 @@ bool Outbox::keepGuestRecordsLocked(std::vector<platform::OutboxRecord> records)
     accepted_.fetch_add(1, std::memory_order_relaxed);
     keepLeftoverLocked(std::move(left), bytes);
   }
+  if (forgotten > 0)
+    log_->log(kLogInfo, kMethod,
+              "Quorvel outbox: %lu reports another process kept for this one belong to an "
+              "install forgotten since; dropped",
+              static_cast<unsigned long>(forgotten));
   return true;
 }
 

@@ -14,6 +14,13 @@ void Outbox::openLocked() {
     return;
   opened_ = true;
   std::string reason = "no outbox store";
+  if (store_ && epochStaleLocked()) {
+    // Freed by a forgetting this process has not seen yet: taken once it has.
+    lockedOut_ = std::move(store_);
+    durable_ = false;
+    scheduleLockRetry();
+    return;
+  }
   if (!store_ || !store_->open(reason)) {
     durable_ = false;
     if (!store_) {
@@ -132,10 +139,19 @@ void Outbox::noteUnreadableLocked() {
   storeUnreadable_ = now;
 }
 
-bool Outbox::forgetAll() noexcept {
+bool Outbox::forgetAll(bool everyGuestFile) noexcept {
   try {
     const std::lock_guard lock(storeMutex_);
+    // What is accepted from now on belongs to the install on the disk now; the store is
+    // opened for that one (to be emptied), not refused as another install's.
+    if (installEpochNow_)
+      epoch_ = installEpochNow_().value_or(epoch_);
     openLocked();
+    // Refused before as the new install's: emptied now if it can be, and left to the process
+    // that took it meanwhile if one did.
+    if (!store_ && lockedOut_ && !heldElsewhere_ && !takeFreedLockLocked() &&
+        lockedOut_->heldByAnotherProcess())
+      heldElsewhere_ = true;
     std::vector<OutboxSlotPtr> slots;
     {
       const std::lock_guard buffer(bufferMutex_);
@@ -171,8 +187,12 @@ bool Outbox::forgetAll() noexcept {
     countersDirty_ = false;
     if (!store_) {
       // Another process's store is not this one's to forget; what this one kept there for it,
-      // not yet taken, is, and goes (a report handed over just before the stop was seen).
-      if (lockedOut_)
+      // not yet taken, is, and goes (a report handed over just before the stop was seen), and
+      // at a forgetting that began here, what every other process kept (the holder drops it
+      // anyway, by its epoch, but no file of the old install is left meanwhile).
+      if (lockedOut_ && everyGuestFile)
+        lockedOut_->removeEveryGuestFile();
+      else if (lockedOut_)
         lockedOut_->removeOwnGuestFiles();
       return !heldElsewhere_;
     }

@@ -50,10 +50,12 @@ std::string Outbox::requestRecord(platform::TimePoint at, const QuorvelRequestCa
   return content;
 }
 
-std::string Outbox::serialise(const Put& put) {
+std::string Outbox::serialise(const Put& put, const std::string& epoch) {
   if (!put.intent)
     return put.content;
   Json record = Json::object();
+  if (!epoch.empty())
+    record["epoch"] = epoch;
   record["at"] = seconds(put.slot->acceptedAt());
   record["kind"] = kindName(put.intent->kind);
   record["name"] = put.intent->name;
@@ -62,6 +64,12 @@ std::string Outbox::serialise(const Put& put) {
   if (put.intent->values)
     record["values"] = *put.intent->values;
   return record.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+std::string Outbox::recordEpoch(const platform::OutboxRecord& record) {
+  const Json parsed = parseBoundedJson(record.content.substr(0, record.content.find('\n')));
+  const auto epoch = parsed.is_object() ? parsed.find("epoch") : parsed.end();
+  return epoch != parsed.end() && epoch->is_string() ? epoch->get<std::string>() : std::string();
 }
 
 std::optional<Outbox::Leftover> Outbox::parseLeftover(const platform::OutboxRecord& record) {

@@ -176,6 +176,12 @@ void Outbox::setKeptElsewhere(std::function<bool(const QuorvelRequestCacheData&)
   keptElsewhere_ = std::move(keptElsewhere);
 }
 
+void Outbox::setInstallEpoch(InstallEpochNow now) {
+  const std::lock_guard lock(storeMutex_);
+  installEpochNow_ = std::move(now);
+  epoch_ = installEpochNow_().value_or(std::string());
+}
+
 void Outbox::setOnFolderFile(std::function<void(std::string_view)> onFolderFile) {
   const std::lock_guard lock(storeMutex_);
   onFolderFile_ = std::move(onFolderFile);

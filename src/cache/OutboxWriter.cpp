@@ -123,8 +123,9 @@ void Outbox::writeBufferedLocked() {
   enforceBoundsLocked(changes);
   const bool written = writeChangesLocked(changes);
   // A process that does not hold the directory writes nothing itself: only a failed hand-over
-  // leaves its reports unkept.
-  if (!written && (!heldElsewhere_ || handOverFailed))
+  // leaves its reports unkept. Those of an install forgotten elsewhere are not lost but
+  // forgotten, once this process sees it: no disk failed.
+  if (!written && (!heldElsewhere_ || handOverFailed) && !epochStaleLocked())
     countNotKeptLocked();
   // The rest of a burst, at once.
   if (more && !promptWriteScheduled_.exchange(true))

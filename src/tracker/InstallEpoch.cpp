@@ -47,13 +47,24 @@ bool InstallEpoch::renewedThrough(const void* store) {
   return it != writtenHere().end() && it->second == store;
 }
 
-bool InstallEpoch::renew(platform::Random& random, const void* store) {
+std::optional<Bytes> InstallEpoch::make(platform::Random& random) {
   Bytes epoch(16);
   if (random.fill(epoch) != 0)
-    return false;
+    return std::nullopt;
+  return epoch;
+}
+
+bool InstallEpoch::renew(platform::Random& random, const void* store) {
+  auto epoch = make(random);
+  return epoch && renewTo(std::move(*epoch), store);
+}
+
+bool InstallEpoch::renewTo(Bytes epoch, const void* store) {
   {
+    // The first writer of an epoch is the tracker that forgot: a process that finishes its
+    // forgetting with the same epoch is not.
     const std::lock_guard written(gWrittenMutex);
-    writtenHere().insert_or_assign(epoch, store);
+    writtenHere().try_emplace(epoch, store);
   }
   // Written outside the lock: a look meanwhile waits for no disk flush.
   if (!fileSystem_->writeFileAtomically(path_, epoch))
@@ -63,6 +74,19 @@ bool InstallEpoch::renew(platform::Random& random, const void* store) {
   known_ = std::move(epoch);
   renewed_ = false;
   return true;
+}
+
+std::optional<std::string> InstallEpoch::onDisk() const {
+  const auto now = fileSystem_->readFile(path_);
+  if (!now)
+    return fileSystem_->fileExists(path_) ? std::nullopt : std::optional<std::string>("");
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string text;
+  for (const auto byte : *now) {
+    text += kDigits[static_cast<unsigned>(byte) >> 4];
+    text += kDigits[static_cast<unsigned>(byte) & 15U];
+  }
+  return text;
 }
 
 }  // namespace quorvel

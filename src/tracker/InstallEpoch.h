@@ -27,6 +27,14 @@ class InstallEpoch {
   // A forgetting here, by a tracker whose preferences are `store`: a new epoch, which this
   // tracker knows already.
   bool renew(platform::Random& random, const void* store);
+  // The same with an epoch chosen beforehand (kept in the forgetting's marker), so that a
+  // process that finishes a forgetting another one began writes the epoch that one would have:
+  // two writers never make two forgettings of one.
+  bool renewTo(Bytes epoch, const void* store);
+  static std::optional<Bytes> make(platform::Random& random);
+  // The epoch on the disk now, as text: empty when none was ever written (no forgetting yet),
+  // nothing when it cannot be read now. Records kept for another process carry it.
+  std::optional<std::string> onDisk() const;
   // The epoch last seen was written by a tracker on the preferences `store` (which shares this
   // one's copy of them).
   bool renewedThrough(const void* store);

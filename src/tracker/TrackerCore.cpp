@@ -112,6 +112,7 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
                                      platform_->dispatcher->makeSerialQueue(kOutboxSyncQueueLabel),
                                      platform_->clock, log_, Outbox::Limits{});
   ledger_->holdEarlierRunWhile(outbox_->writesFailFlag());
+  outbox_->setInstallEpoch([epoch = installEpoch_] { return epoch->onDisk(); });
   httpClient_ =
       QuorvelHTTPClient::create(platform_, remoteDebugging_, log_, requestCache_, ledger_, outbox_);
   httpClient_->setConsent(consent_);

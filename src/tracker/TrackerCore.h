@@ -341,7 +341,11 @@ class TrackerCore {
   void forgetIfForgottenElsewhere();
   void forgetIfForgottenElsewhereLocked();  // under optInMutex_
   void finishForgettingIfStarted();
-  bool eraseInstall();
+  // Writes the epoch the forgetting's marker holds, unless the disk has it already.
+  void renewEpochAsMarked();
+  // `everyGuestFile`: the forgetting began here (or is finished for a killed process), so that
+  // every file other processes kept for the holder is the old install's and goes.
+  bool eraseInstall(bool everyGuestFile);
   // The install's state this process holds in memory: what the host set about the user, the
   // counters' floors, the link and push payload waiting for a launch.
   void forgetInMemory();

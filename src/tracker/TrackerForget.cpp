@@ -27,6 +27,7 @@ namespace {
 
 constexpr const char* kMethod = "-[QuorvelTracker forgetThisInstall]";
 constexpr const char* kMarkerName = "QuorvelForgetting";
+constexpr std::size_t kEpochBytes = 16;
 
 // For a preferences store that cannot remove everything at once.
 constexpr std::array kPreferenceKeys = {keys::kCounter,
@@ -100,7 +101,11 @@ bool TrackerCore::forgetThisInstall() {
   auto& fs = *platform_->fileSystem;
   fs.createDirectory(fs.libraryDirectory());
   std::string reason;
-  if (!fs.writeFileAtomically(forgetMarkerPath(), Bytes{'1'}, &reason)) {
+  // The new install's epoch is chosen first and kept in the marker: a process that finishes
+  // this forgetting, should a kill cut it short, writes this one, so that what another process
+  // kept for the holder under the old epoch is never taken for the new install's.
+  const auto epoch = InstallEpoch::make(*platform_->random);
+  if (!epoch || !fs.writeFileAtomically(forgetMarkerPath(), *epoch, &reason)) {
     log_->log(kLogError, kMethod, "Quorvel cannot forget this install now (%@); nothing changed",
               reason);
     setStopped(true);  // the stop holds, kept for the next starts, even so
@@ -111,9 +116,20 @@ bool TrackerCore::forgetThisInstall() {
   forgottenHere_ = true;
   if (!fs.writeFileAtomically(stopMarkerPath(*platform_), Bytes{kForgottenMark}, &reason))
     log_->log(kLogError, kMethod, "Quorvel could not tell other processes of the forgetting");
-  if (!installEpoch_->renew(*platform_->random, switchPreferences_.get()))
+  if (!installEpoch_->renewTo(*epoch, switchPreferences_.get()))
     log_->log(kLogError, kMethod, "Quorvel could not mark the install as forgotten");
-  return eraseInstall();
+  return eraseInstall(true);
+}
+
+void TrackerCore::renewEpochAsMarked() {
+  auto& fs = *platform_->fileSystem;
+  const auto chosen = fs.readFile(forgetMarkerPath());
+  if (!chosen || chosen->size() != kEpochBytes) {
+    installEpoch_->renew(*platform_->random, switchPreferences_.get());  // an older marker
+    return;
+  }
+  if (fs.readFile(fs.libraryDirectory() + "/" + InstallEpoch::kName) != chosen)
+    installEpoch_->renewTo(*chosen, switchPreferences_.get());
 }
 
 void TrackerCore::forgetIfForgottenElsewhere() {
@@ -141,9 +157,13 @@ void TrackerCore::forgetIfForgottenElsewhereLocked() {
   if (!unfinished && !(mark && *mark == Bytes{kForgottenMark}))
     return;
   log_->log(kLogInfo, kMethod, "Quorvel forgets this install, as another process of the app did");
+  // The process that forgot may have been killed before it renewed the epoch: what it meant
+  // to write is written here (the same, if it was only slower than this look).
+  if (unfinished)
+    renewEpochAsMarked();
   acceptIntake();
   forgetInMemory();
-  eraseInstall();
+  eraseInstall(false);
 }
 
 void TrackerCore::forgetOldInstallHeldHere(bool stoppedSince) {
@@ -208,11 +228,11 @@ void TrackerCore::finishForgettingIfStarted() {
   // The kill may have come before the stop marker was written: the stop holds, and the other
   // processes forget too.
   fs.writeFileAtomically(stopMarkerPath(*platform_), Bytes{kForgottenMark});
-  installEpoch_->renew(*platform_->random, switchPreferences_.get());
-  eraseInstall();
+  renewEpochAsMarked();
+  eraseInstall(true);
 }
 
-bool TrackerCore::eraseInstall() {
+bool TrackerCore::eraseInstall(bool everyGuestFile) {
   bool whole = true;
   for (const char* item : {keys::kKeychainIdItem, keys::kKeychainReinstallCounterItem}) {
     const auto status = platform_->secureStore->remove(keys::kKeychainService, item);
@@ -222,7 +242,7 @@ bool TrackerCore::eraseInstall() {
   whole = requestCache_->removeAll() && whole;
   whole = platform_->fileSystem->forgetCreationDates() && whole;
   // Held by another process, the outbox is that process's to empty: the marker stays for it.
-  const bool outboxEmptied = outbox_->forgetAll();
+  const bool outboxEmptied = outbox_->forgetAll(everyGuestFile);
   const bool outboxElsewhere = !outboxEmptied && outbox_->dataDirectoryHeldElsewhere();
   whole = (outboxEmptied || outboxElsewhere) && whole;
   whole =

@@ -368,6 +368,87 @@ TEST(Forget, AForgettingAndAnOptInBetweenTwoLooksReachTheOtherProcess) {
   EXPECT_EQ(after.dump().find("customer-1"), std::string::npos);
 }
 
+// What a guest kept for the holder after the holder forgot, the guest dying before it saw the
+// forgetting (a guest tracker, or a file such a guest left, of the old epoch or of none), is
+// never sent under the install the user consents to next; a guest file of the new install is.
+TEST(Forget, WhatAGuestKeptBeforeItSawTheForgettingIsNeverSent) {
+  // The last: the forgetting's process killed after its markers, before it renewed the epoch.
+  enum class Guest { tracker, fileOfNoEpoch, fileOfTheNewEpoch, fileAfterAKilledForgetting };
+  for (const auto guest : {Guest::tracker, Guest::fileOfNoEpoch, Guest::fileOfTheNewEpoch,
+                           Guest::fileAfterAKilledForgetting}) {
+    SCOPED_TRACE(static_cast<int>(guest));
+    test::TempDir dir;
+    auto here = testkit::makeTestPlatform(optionsIn(dir.path()), kKey);
+    auto other = testkit::makeTestPlatform(optionsIn(dir.path()), kKey);
+    QuorvelTracker tracker(here.platform);
+    launchOffline(tracker, here);
+    auto guestTracker = std::make_unique<QuorvelTracker>(other.platform);
+    guestTracker->setQuorvelDevKey(std::string(kKey));
+    guestTracker->setAppleAppID(std::string("123456789"));
+    guestTracker->trackEvent("before", std::nullopt);  // a guest from now on
+    other.dispatcher->advance(300ms);
+    if (guest == Guest::fileAfterAKilledForgetting) {
+      guestTracker.reset();          // its file is written by hand below
+      here.dispatcher->advance(2s);  // idle: the holder watches its folder
+      for (const auto& [name, content] : {std::pair{"QuorvelForgetting", std::string(16, 'e')},
+                                          std::pair{"QuorvelStopped", std::string("f")}}) {
+        std::ofstream(dir / "app/Library/tmp-marker") << content;
+        fs::rename(dir / "app/Library/tmp-marker", dir / ("app/Library/" + std::string(name)));
+      }
+      EXPECT_TRUE(test::eventually(
+          [&] {
+            here.dispatcher->runUntilIdle();
+            return !fs::exists(dir / "app/Library/QuorvelForgetting");
+          },
+          10s));
+    } else {
+      ASSERT_TRUE(tracker.forgetThisInstall());
+    }
+    const std::string epoch = [&] {
+      std::string hex;
+      for (const unsigned char c : readAll(dir / "app/Library/QuorvelInstallEpoch"))
+        hex += "0123456789abcdef"[c >> 4U] + std::string(1, "0123456789abcdef"[c & 15U]);
+      return hex;
+    }();
+    const auto leaveAFile = [&] {
+      const std::string head =
+          guest == Guest::fileOfTheNewEpoch ? R"("epoch":")" + epoch + "\"," : "";
+      const auto at = std::chrono::duration<double>(here.clock->now().time_since_epoch()).count();
+      return platform::SqliteOutboxStore(dir / ("app/Library/" + std::string(kOutboxFile)))
+          .appendAsGuest({{1, "{" + head + R"("at":)" + std::to_string(at) +
+                                  R"(,"kind":"event","name":"kept_by_the_guest"})"}});
+    };
+    if (guest == Guest::tracker) {
+      // Within the second before its next look at the markers: the guest still runs.
+      guestTracker->trackEvent("kept_by_the_guest", std::nullopt);
+      other.dispatcher->advance(300ms);
+    } else if (guest != Guest::fileAfterAKilledForgetting) {
+      ASSERT_TRUE(leaveAFile());
+    }
+    other.transport->clear();
+    guestTracker.reset();  // the guest dies before it sees the forgetting
+    here.transport->clear();
+    here.transport->setResponder(nullptr);
+    tracker.setStopped(false);
+    // After the opt-in here, which forgets once more as the stop marker still says so.
+    if (guest == Guest::fileAfterAKilledForgetting) {
+      ASSERT_TRUE(leaveAFile());
+    }
+    tracker.trackAppLaunch();
+    bool sent = false;
+    for (int look = 0; look < 5 && !sent; ++look) {  // the holder takes guest files as it syncs
+      here.dispatcher->advance(3s);
+      for (const auto& request : here.transport->sent())
+        sent = sent || (request.payload &&
+                        request.payload->dump().find("kept_by_the_guest") != std::string::npos);
+    }
+    EXPECT_EQ(sent, guest == Guest::fileOfTheNewEpoch);
+    for (const auto& file : fs::directory_iterator(dir / "app/Library"))
+      EXPECT_EQ(file.path().filename().string().find(".guest-"), std::string::npos) << file.path();
+    here.transport->clear();
+  }
+}
+
 // One trial, in a process of its own so that the test's process never forks with threads:
 // copies the install, forgets it in a child killed after `delay` (none: never killed), then
 // starts once more and says what that start found. Exit 0: all of the install, 1: none of it,

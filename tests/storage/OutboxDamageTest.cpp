@@ -226,6 +226,13 @@ TEST_F(OutboxDamageTest, AGuestsRecordsGoToTheHolderOnce) {
   ASSERT_TRUE(guest.appendAsGuest({{6, "f"}}));
   guest.removeOwnGuestFiles();
   EXPECT_EQ(next.adoptGuests(keep), 0U);
+  // A forgetting begun here removes the files of every process, not only its own.
+  ASSERT_TRUE(guest.appendAsGuest({{7, "g"}}));
+  for (const auto& entry : std::filesystem::directory_iterator(dir / "Library"))
+    if (entry.path().string().starts_with(file() + ".guest-"))
+      std::filesystem::rename(entry.path(), file() + ".guest-1-00000000-1");  // another process's
+  guest.removeEveryGuestFile();
+  EXPECT_EQ(next.adoptGuests(keep), 0U);
 }
 
 // With every inotify instance of the user taken when the holder begins to watch, it still

@@ -107,6 +107,10 @@ class OutboxStore {
     complete = true;
     return load(afterId, limit);
   }
+  // As removeOwnGuestFiles(), for the files every process kept that way (a forgetting begun by
+  // this process: they are all the forgotten install's). Last, so that a store built against
+  // an older header keeps its table of calls.
+  virtual void removeEveryGuestFile() noexcept { removeOwnGuestFiles(); }
 };
 
 }  // namespace quorvel::platform

@@ -303,6 +303,14 @@ void SqliteOutboxStore::removeOwnGuestFiles() noexcept {
   }
 }
 
+void SqliteOutboxStore::removeEveryGuestFile() noexcept {
+  removeOwnGuestFiles();
+  try {
+    removeGuests();  // a file being taken or written now stays: its epoch tells the holder
+  } catch (...) {
+  }
+}
+
 std::vector<std::string> SqliteOutboxStore::guestFiles() const {
   const std::filesystem::path database(path_);
   const std::string prefix = database.filename().string() + kGuestSuffix;

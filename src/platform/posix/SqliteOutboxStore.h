@@ -62,6 +62,7 @@ class SqliteOutboxStore final : public OutboxStore {
                    std::function<void(std::string_view)> onOtherFile) noexcept override;
   void unwatchFolder() noexcept override;
   void removeOwnGuestFiles() noexcept override;
+  void removeEveryGuestFile() noexcept override;
 
  private:
   static constexpr const char* kIntakeSuffix = ".intake-";
