@@ -173,9 +173,14 @@ void Outbox::runLocked(void (Outbox::*method)(), std::chrono::nanoseconds after)
     queue_->async(std::move(work));
 }
 
-bool Outbox::allKept() noexcept {
+std::uint64_t Outbox::unansweredNotOnDisk() noexcept {
   const std::lock_guard lock(storeMutex_);
-  return store_ != nullptr && unwritten_.empty();
+  std::uint64_t count = 0;
+  for (const auto& [id, held] : held_) {
+    if (held.slot && !held.slot->settled() && !held.onDisk)
+      ++count;
+  }
+  return count;
 }
 
 // A store not opened yet is opened on the writer's queue, never on the flushing thread (a

@@ -251,8 +251,9 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   std::optional<std::vector<OutboxSlotPtr>> earlierRunSlots(bool& unread, Deadline deadline);
   // False when no store could be opened (nothing survives this process).
   bool durable() const noexcept { return durable_.load(); }
-  // True when every waiting report has its record on disk: an exit now loses nothing.
-  bool allKept() noexcept;
+  // The unanswered reports with no record on disk (the disk refused it, or no store could be
+  // used): what an exit now loses.
+  std::uint64_t unansweredNotOnDisk() noexcept;
   // Another process holds this app's data directory: this one keeps its reports in memory,
   // unnumbered, and leaves the kept-request folder, and the reports in it, to that process.
   bool dataDirectoryHeldElsewhere() const noexcept { return heldElsewhere_.load(); }

@@ -137,16 +137,13 @@ bool TrackerCore::flushAtExit() noexcept {
     outbox_->tryFreedLock();
     const bool settled = flush(timeout);
     outbox_->exitFlushOver();
-    if (settled) {
-      outbox_->drainAndSync();
-      return true;
-    }
     // Every unanswered report is in the outbox already; what the last few milliseconds
     // accepted is written now, and the next start sends it all.
     outbox_->drainAndSync();
-    persistPreferencesNow();
     const auto stats = outbox_->stats();
     if (stats.waiting == 0) {
+      if (settled)
+        return true;
       // Nothing waits in the outbox; what is still under way (a request no outbox keeps,
       // such as an uninstall registration) ends with the process.
       log_->log(kLogWarning, kMethod,
@@ -155,20 +152,31 @@ bool TrackerCore::flushAtExit() noexcept {
                 static_cast<long long>(timeout.count()));
       return false;
     }
-    // Without an outbox (another process still holds the data directory, or the store cannot
-    // be opened), or with writes it refused (a full disk), what is unanswered now ends with
-    // the process.
-    const bool kept = outbox_->allKept();
-    const bool guest = outbox_->dataDirectoryHeldElsewhere();
-    log_->log(kept ? kLogWarning : kLogError, kMethod,
-              kept    ? "exit: %llu reports still unanswered after %lld ms wait in the outbox for "
-                        "the next start"
-              : guest ? "exit: %llu reports still unanswered after %lld ms are lost: another "
-                        "process holds the data directory and they could not be kept for it"
-                      : "exit: %llu reports still unanswered after %lld ms are lost: the outbox "
-                        "could not write them to the disk",
-              static_cast<unsigned long long>(stats.waiting),
-              static_cast<long long>(timeout.count()));
+    // Settled is not answered: a report whose send failed waits too. What has its record on
+    // disk waits for the next start; what has none (a full disk, no store, another process
+    // holding the data directory) ends with the process, and the log says how many of each.
+    const auto waiting = static_cast<unsigned long long>(stats.waiting);
+    const auto lost = std::min<unsigned long long>(outbox_->unansweredNotOnDisk(), waiting);
+    const auto ms = static_cast<long long>(timeout.count());
+    const char* why = outbox_->dataDirectoryHeldElsewhere()
+                          ? "another process holds the data directory and they could not be "
+                            "kept for it"
+                          : "the outbox could not write them to the disk";
+    if (lost == 0) {
+      log_->log(kLogWarning, kMethod,
+                "exit: %llu reports still unanswered after %lld ms wait in the outbox for the "
+                "next start",
+                waiting, ms);
+    } else if (lost == waiting) {
+      log_->log(kLogError, kMethod,
+                "exit: %llu reports still unanswered after %lld ms are lost: %@", waiting, ms,
+                std::string(why));
+    } else {
+      log_->log(kLogError, kMethod,
+                "exit: %llu reports still unanswered after %lld ms: %llu wait in the outbox for "
+                "the next start, %llu are lost: %@",
+                waiting, ms, waiting - lost, lost, std::string(why));
+    }
     return false;
   } catch (const std::exception& e) {
     log_->log(kLogError, kMethod, "exit flush failed: %@", e.what());

@@ -372,6 +372,24 @@ TEST_F(OutboxTest, AFullDiskNeverStopsDeliveryAndKeepsWhatIsUnansweredOnceItFree
   EXPECT_EQ(tracker->deliveryStats().delivered, tracker->deliveryStats().accepted);
 }
 
+// The exit log tells what waits on disk for the next start from what has no record and ends
+// with the process, and says so also when every send had failed before the exit.
+TEST_F(OutboxTest, TheExitLogSaysHowManyWaitOnDiskAndHowManyAreLost) {
+  tracker->trackEvent("kept", std::nullopt);
+  fakes.dispatcher->advance(300ms);
+  fakes.outbox->setFailWrites(true);
+  tracker->trackEvent("lost", std::nullopt);
+  fakes.dispatcher->advance(300ms);
+  ASSERT_EQ(sent().size(), 2U);
+  fakes.respond(0, 503, "{}");  // settled, and waits to go again
+  fakes.dispatcher->runUntilIdle();
+  facade->setExitFlushTimeout(20ms);
+  facade->flushAtExit();
+  EXPECT_EQ(fakes.systemLog->count("2 reports still unanswered after 20 ms: 1 wait in the outbox "
+                                   "for the next start, 1 are lost: the outbox could not write"),
+            1U);
+}
+
 // A 5xx or a 429 is not a delivery: the report stays, goes again as a replay after the
 // backoff (never before a Retry-After), and counts as delivered only once answered 2xx; a
 // 4xx is final. What runs after any answer runs for each.
