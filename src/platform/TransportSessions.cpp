@@ -218,7 +218,11 @@ void TransportTask::cancel() noexcept {
 
 void TransportTask::finish(std::optional<TransportResponse> response,
                            std::optional<Error> failure) {
-  takeStage(ended);
+  // Failed before a lane handed it to the host (every lane held by a blocking send until its
+  // deadline): it never left, and a later copy is no repeat, whatever the failure says.
+  if (takeStage(ended) && !response)
+    failure = Error{platform::kURLErrorDomain, kCannotConnect,
+                    "no transport lane was free before the request's deadline"};
   if (!response && !failure)
     failure = Error{platform::kURLErrorDomain, kCannotConnect, "no answer from the transport"};
   session_->delegateQueue()->async([self = shared_from_this(), response = std::move(response),
