@@ -191,20 +191,48 @@ TEST(CApi, DestroyFromInsideACallbackReturnsAndNothingIsCalledAfter) {
   quorvel_testkit_destroy(kit);
 }
 
-// Options for a tracker in `data` and `keys` on a host transport.
-quorvel_options hostOptions(const std::string& data, const std::string& keys,
-                            quorvel_transport_send send, void* user,
-                            void (*release)(void*) = nullptr) {
-  quorvel_options options;
-  quorvel_options_init(&options);
-  options.data_directory = data.data();
-  options.data_directory_length = data.size();
-  options.keychain_directory = keys.data();
-  options.keychain_directory_length = keys.size();
-  options.transport = send;
-  options.transport_user_data = user;
-  options.transport_release = release;
-  return options;
+// A data and a keychain folder for a tracker on a host transport, removed with it.
+struct HostFolder {
+  quorvel::test::TempDir root;
+  std::string data = root / "app";
+  std::string keys = root / "keys";
+  HostFolder() = default;
+  explicit HostFolder(const char* name) : data(root / name) {}
+  quorvel_options options(quorvel_transport_send send, void* user,
+                          void (*release)(void*) = nullptr) const {
+    quorvel_options options;
+    quorvel_options_init(&options);
+    options.data_directory = data.data();
+    options.data_directory_length = data.size();
+    options.keychain_directory = keys.data();
+    options.keychain_directory_length = keys.size();
+    options.transport = send;
+    options.transport_user_data = user;
+    options.transport_release = release;
+    return options;
+  }
+};
+
+// A tracker made from `options`, with its developer key and app id.
+quorvel_tracker* configured(const quorvel_options& options) {
+  quorvel_tracker* tracker = nullptr;
+  EXPECT_EQ(quorvel_tracker_create(&options, &tracker), QUORVEL_OK);
+  quorvel_set_dev_key(tracker, "K", 1);
+  quorvel_set_app_id(tracker, "1", 1);
+  return tracker;
+}
+
+// Ready once a flush of `tracker` has taken the reports it judges (its debug line says so).
+std::shared_future<void> whenAFlushBegins(quorvel_tracker* tracker, std::promise<void>& began) {
+  quorvel_set_debug(tracker, 1);
+  quorvel_set_log_callback(
+      tracker,
+      [](void* user, int, const char* text, size_t length) {
+        if (std::string_view(text, length).find("flush waits for") != std::string_view::npos)
+          static_cast<std::promise<void>*>(user)->set_value();
+      },
+      &began);
+  return began.get_future().share();
 }
 
 // What a host lends its transport, freed at the release notice: under AddressSanitizer a
@@ -238,16 +266,11 @@ struct LentState {
 };
 
 TEST(CApi, AHostFreesItsTransportStateAtTheReleaseNotice) {
-  const quorvel::test::TempDir folder;
-  const std::string data = folder / "app";
-  const std::string keys = folder / "keys";
+  const HostFolder folder;
   auto* host = new LentState;  // NOLINT(cppcoreguidelines-owning-memory): freed at the notice
   std::future<int> released = host->released.get_future();
-  quorvel_options options = hostOptions(data, keys, LentState::send, host, LentState::release);
-  quorvel_tracker* tracker = nullptr;
-  ASSERT_EQ(quorvel_tracker_create(&options, &tracker), QUORVEL_OK);
-  quorvel_set_dev_key(tracker, "K", 1);
-  quorvel_set_app_id(tracker, "1", 1);
+  quorvel_options options = folder.options(LentState::send, host, LentState::release);
+  quorvel_tracker* tracker = configured(options);
   quorvel_track_app_launch(tracker);
   EXPECT_EQ(quorvel_flush(tracker, 30000), QUORVEL_ERROR_FAILED);  // sent, and failed
   std::vector<std::thread> threads;
@@ -272,9 +295,7 @@ TEST(CApi, AHostFreesItsTransportStateAtTheReleaseNotice) {
     quorvel_transport_respond(reply, 200, "", 0, nullptr, 0);
     quorvel_transport_fail(reply, -1009, "answered twice", 14);  // a host's mistake: ignored
   };
-  ASSERT_EQ(quorvel_tracker_create(&options, &tracker), QUORVEL_OK);
-  quorvel_set_dev_key(tracker, "K", 1);
-  quorvel_set_app_id(tracker, "1", 1);
+  tracker = configured(options);
   quorvel_delivery_stats stats{};
   stats.struct_size = sizeof stats;
   ASSERT_EQ(quorvel_get_delivery_stats(tracker, &stats), QUORVEL_OK);
@@ -290,19 +311,13 @@ TEST(CApi, AHostFreesItsTransportStateAtTheReleaseNotice) {
 
 // Destroyed from inside its own send, a tracker returns at once; the notice waits for that send.
 TEST(CApi, TheReleaseNoticeComesOnceTheSendThatDestroyedTheTrackerReturned) {
-  const quorvel::test::TempDir folder;
-  const std::string data = folder / "app";
-  const std::string keys = folder / "keys";
+  const HostFolder folder;
   auto* host = new LentState;  // NOLINT(cppcoreguidelines-owning-memory): freed at the notice
   std::future<int> released = host->released.get_future();
-  const quorvel_options options =
-      hostOptions(data, keys, LentState::send, host, LentState::release);
+  const quorvel_options options = folder.options(LentState::send, host, LentState::release);
   std::promise<void> launched;
   host->destroyWhen = launched.get_future().share();
-  quorvel_tracker* tracker = nullptr;
-  ASSERT_EQ(quorvel_tracker_create(&options, &tracker), QUORVEL_OK);
-  quorvel_set_dev_key(tracker, "K", 1);
-  quorvel_set_app_id(tracker, "1", 1);
+  quorvel_tracker* tracker = configured(options);
   host->destroyInSend = tracker;
   quorvel_track_app_launch(tracker);
   launched.set_value();
@@ -313,14 +328,11 @@ TEST(CApi, TheReleaseNoticeComesOnceTheSendThatDestroyedTheTrackerReturned) {
 // An interpreter exiting ends the foreign threads that call into it (a forced unwind): a library
 // thread ended under a send unwinds, neither aborting nor leaving the send counted.
 TEST(CApi, AThreadEndedUnderASendUnwindsAndTheTrackerIsStillReleased) {
-  const quorvel::test::TempDir folder;
-  const std::string data = folder / "app";
-  const std::string keys = folder / "keys";
+  const HostFolder folder;
   auto* host = new LentState;  // NOLINT(cppcoreguidelines-owning-memory): freed at the notice
   std::future<int> released = host->released.get_future();
   std::future<void> sent = host->sent.get_future();
-  const quorvel_options options = hostOptions(
-      data, keys,
+  const quorvel_options options = folder.options(
       [](void* user, const quorvel_transport_request*, quorvel_transport_reply*) {
         auto* state = static_cast<LentState*>(user);
         if (!state->sentOnce.exchange(true))
@@ -328,10 +340,7 @@ TEST(CApi, AThreadEndedUnderASendUnwindsAndTheTrackerIsStillReleased) {
         pthread_exit(nullptr);
       },
       host, LentState::release);
-  quorvel_tracker* tracker = nullptr;
-  ASSERT_EQ(quorvel_tracker_create(&options, &tracker), QUORVEL_OK);
-  quorvel_set_dev_key(tracker, "K", 1);
-  quorvel_set_app_id(tracker, "1", 1);
+  quorvel_tracker* tracker = configured(options);
   quorvel_track_app_launch(tracker);
   ASSERT_EQ(sent.wait_for(std::chrono::seconds(30)), std::future_status::ready);
   quorvel_tracker_destroy(tracker);
@@ -378,11 +387,8 @@ TEST(CApi, DestroyingAnotherTrackerFromACallbackWaitsForThatTrackersSends) {
     bool released = false;
   };
   auto host = std::make_unique<Host>();
-  const quorvel::test::TempDir folder;
-  const std::string data = folder / "b";
-  const std::string keys = folder / "keys";
-  const quorvel_options options = hostOptions(
-      data, keys,
+  const HostFolder folder("b");
+  const quorvel_options options = folder.options(
       [](void* user, const quorvel_transport_request*, quorvel_transport_reply* reply) {
         auto* h = static_cast<Host*>(user);
         std::unique_lock lock(h->mutex);
@@ -463,24 +469,19 @@ struct HostLog {
 };
 
 // Another thread tracking during a flush never turns the flush's own delivered reports into a
-// failure; what failed before the next flush does.
+// failure.
 TEST(CApi, AFlushJudgesTheReportsMadeBeforeItNotThoseTrackedMeanwhile) {
-  const quorvel::test::TempDir folder;
-  const std::string data = folder / "app";
-  const std::string keys = folder / "keys";
+  const HostFolder folder;
   struct Host {
     std::atomic<quorvel_tracker*> tracker = nullptr;
     std::atomic<int> sends = 0;
-    std::promise<void> flushing;
-    std::shared_future<void> flushBegan = flushing.get_future().share();
+    std::shared_future<void> flushBegan;
   } host;
   const auto send = [](void* user, const quorvel_transport_request*,
                        quorvel_transport_reply* reply) {
     auto& h = *static_cast<Host*>(user);
-    if (h.sends++ > 0) {
-      quorvel_transport_fail(reply, -1009, "offline", 7);
-      return;
-    }
+    if (h.sends++ > 0)
+      return quorvel_transport_fail(reply, -1009, "offline", 7);
     // The launch, answered only once the flush has taken its reports and another report
     // was tracked and accepted meanwhile.
     h.flushBegan.wait_for(std::chrono::seconds(30));
@@ -493,22 +494,13 @@ TEST(CApi, AFlushJudgesTheReportsMadeBeforeItNotThoseTrackedMeanwhile) {
     }
     quorvel_transport_respond(reply, 200, "", 0, nullptr, 0);
   };
-  const quorvel_options options = hostOptions(data, keys, send, &host);
-  quorvel_tracker* tracker = nullptr;
-  ASSERT_EQ(quorvel_tracker_create(&options, &tracker), QUORVEL_OK);
+  quorvel_tracker* tracker = configured(folder.options(send, &host));
   host.tracker = tracker;
-  quorvel_set_debug(tracker, 1);
-  const auto onLog = [](void* user, int, const char* text, size_t length) {
-    if (std::string_view(text, length).find("flush waits for") != std::string_view::npos)
-      static_cast<Host*>(user)->flushing.set_value();
-  };
-  ASSERT_EQ(quorvel_set_log_callback(tracker, onLog, &host), QUORVEL_OK);
-  quorvel_set_dev_key(tracker, "K", 1);
-  quorvel_set_app_id(tracker, "1", 1);
+  std::promise<void> began;
+  host.flushBegan = whenAFlushBegins(tracker, began);
   quorvel_track_app_launch(tracker);
   EXPECT_EQ(quorvel_flush(tracker, 30000), QUORVEL_OK);
-  quorvel_set_log_callback(tracker, nullptr, nullptr);
-  // The flush's own report, the launch, was delivered; the event tracked meanwhile was not.
+  // The launch was delivered; the event tracked meanwhile was not.
   quorvel_delivery_stats stats{};
   stats.struct_size = sizeof stats;
   ASSERT_EQ(quorvel_get_delivery_stats(tracker, &stats), QUORVEL_OK);
@@ -517,33 +509,38 @@ TEST(CApi, AFlushJudgesTheReportsMadeBeforeItNotThoseTrackedMeanwhile) {
   quorvel_tracker_destroy(tracker);
 }
 
-// What an earlier tracker on the folder left unsent goes by the replay: a flush waits for it
-// instead of judging it failed before it was ever tried.
-TEST(CApi, AFlushWaitsForWhatAnEarlierTrackerLeftUnsent) {
-  const quorvel::test::TempDir folder;
-  const std::string data = folder / "app";
-  const std::string keys = folder / "keys";
+// What earlier trackers on the folder left unsent goes by the replay: a flush waits for it
+// instead of judging it failed before it was ever tried. And a flush under way on another
+// thread when the host destroys the handle is waited for (under AddressSanitizer, a flush
+// left running on the freed tracker is a use after free).
+TEST(CApi, AFlushWaitsForWhatEarlierTrackersLeftAndDestroyWaitsForAFlush) {
+  const HostFolder folder;
   const auto neverAnswers = [](void*, const quorvel_transport_request*, quorvel_transport_reply*) {
   };
-  quorvel_options options = hostOptions(data, keys, neverAnswers, nullptr);
+  quorvel_options options = folder.options(neverAnswers, nullptr);
   for (int round = 0; round < 3; ++round) {
-    quorvel_tracker* tracker = nullptr;
-    ASSERT_EQ(quorvel_tracker_create(&options, &tracker), QUORVEL_OK);
-    quorvel_set_dev_key(tracker, "K", 1);
-    quorvel_set_app_id(tracker, "1", 1);
+    quorvel_tracker* tracker = configured(options);
     for (int i = 0; i < 20; ++i)
       quorvel_track_event(tracker, "e", 1, "1", 1);
+    if (round < 2) {
+      quorvel_tracker_destroy(tracker);
+      continue;
+    }
+    std::promise<void> began;
+    const auto flushBegan = whenAFlushBegins(tracker, began);
+    auto flushed =
+        std::async(std::launch::async, [tracker] { return quorvel_flush(tracker, 300); });
+    flushBegan.wait();
     quorvel_tracker_destroy(tracker);
+    EXPECT_EQ(flushed.wait_for(std::chrono::seconds(0)), std::future_status::ready);
+    EXPECT_EQ(flushed.get(), QUORVEL_ERROR_TIMED_OUT);
   }
   static std::atomic<int> answered = 0;
   options.transport = [](void*, const quorvel_transport_request*, quorvel_transport_reply* reply) {
     ++answered;
     quorvel_transport_respond(reply, 200, "", 0, nullptr, 0);
   };
-  quorvel_tracker* tracker = nullptr;
-  ASSERT_EQ(quorvel_tracker_create(&options, &tracker), QUORVEL_OK);
-  quorvel_set_dev_key(tracker, "K", 1);
-  quorvel_set_app_id(tracker, "1", 1);
+  quorvel_tracker* tracker = configured(options);
   EXPECT_EQ(quorvel_flush(tracker, 30000), QUORVEL_OK);
   quorvel_delivery_stats stats{};
   stats.struct_size = sizeof stats;
@@ -552,39 +549,6 @@ TEST(CApi, AFlushWaitsForWhatAnEarlierTrackerLeftUnsent) {
   // A request a destroy cut off may wait as a kept file instead, which goes on its own.
   EXPECT_GE(answered.load(), 50);
   quorvel_tracker_destroy(tracker);
-}
-
-// A flush under way on another thread when the host destroys the handle: destroy waits for it
-// (under AddressSanitizer, a flush left running on the freed tracker is a use after free).
-TEST(CApi, DestroyWaitsForTheHandlesCallsUnderWayOnOtherThreads) {
-  const quorvel::test::TempDir folder;
-  const std::string data = folder / "app";
-  const std::string keys = folder / "keys";
-  const auto neverAnswers = [](void*, const quorvel_transport_request*, quorvel_transport_reply*) {
-  };
-  const quorvel_options options = hostOptions(data, keys, neverAnswers, nullptr);
-  quorvel_tracker* tracker = nullptr;
-  ASSERT_EQ(quorvel_tracker_create(&options, &tracker), QUORVEL_OK);
-  std::promise<void> flushing;
-  quorvel_set_debug(tracker, 1);
-  ASSERT_EQ(
-      quorvel_set_log_callback(
-          tracker,
-          [](void* user, int, const char* text, size_t length) {
-            if (std::string_view(text, length).find("flush waits for") != std::string_view::npos)
-              static_cast<std::promise<void>*>(user)->set_value();
-          },
-          &flushing),
-      QUORVEL_OK);
-  quorvel_set_dev_key(tracker, "K", 1);
-  quorvel_set_app_id(tracker, "1", 1);
-  quorvel_track_app_launch(tracker);
-  std::future<quorvel_status> flushed =
-      std::async(std::launch::async, [tracker] { return quorvel_flush(tracker, 300); });
-  flushing.get_future().wait();
-  quorvel_tracker_destroy(tracker);
-  EXPECT_EQ(flushed.wait_for(std::chrono::seconds(0)), std::future_status::ready);
-  EXPECT_EQ(flushed.get(), QUORVEL_ERROR_TIMED_OUT);
 }
 
 TEST(CApi, TheLogGoesToTheHostsFunctionWithItsLevelsAndNeverAfterDestroy) {
