@@ -3,6 +3,7 @@
 #include "cache/Outbox.h"
 
 #include <algorithm>
+#include <thread>
 #include <variant>
 
 #include "cache/OutboxShared.h"
@@ -183,6 +184,15 @@ std::uint64_t Outbox::unansweredNotOnDisk() noexcept {
   return count;
 }
 
+std::unique_lock<std::mutex> Outbox::storeLockBy(Deadline deadline) {
+  std::unique_lock lock(storeMutex_, std::try_to_lock);
+  while (!lock.owns_lock() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
+    lock.try_lock();
+  }
+  return lock;
+}
+
 // A store not opened yet is opened on the writer's queue, never on the flushing thread (a
 // healing may take long): what an earlier run left is unknown until then.
 bool Outbox::earlierRunUnreadLocked() {
@@ -201,7 +211,7 @@ std::optional<std::vector<OutboxSlotPtr>> Outbox::unsettledSlots(bool& earlierRu
     if (slot && !slot->settled())
       slots.push_back(slot);
   };
-  const std::unique_lock lock(storeMutex_, deadline);
+  const auto lock = storeLockBy(deadline);
   if (!lock.owns_lock())
     return std::nullopt;
   earlierRunUnread = earlierRunUnreadLocked();
@@ -222,7 +232,7 @@ std::optional<std::vector<OutboxSlotPtr>> Outbox::unsettledSlots(bool& earlierRu
 }
 
 std::optional<std::vector<OutboxSlotPtr>> Outbox::earlierRunSlots(bool& unread, Deadline deadline) {
-  const std::unique_lock lock(storeMutex_, deadline);
+  const auto lock = storeLockBy(deadline);
   if (!lock.owns_lock())
     return std::nullopt;
   unread = earlierRunUnreadLocked();

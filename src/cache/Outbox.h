@@ -403,8 +403,10 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   std::atomic<bool> exitFlushOver_{false};
 
   // The writer's state.
-  // Timed: a host's flush waits for it no longer than its own bound.
-  std::timed_mutex storeMutex_;
+  std::mutex storeMutex_;
+  // The store's lock, tried until `deadline`: a host's flush waits for it no longer than its
+  // own bound. (Polled: a timed mutex's wait is not seen by ThreadSanitizer here.)
+  std::unique_lock<std::mutex> storeLockBy(Deadline deadline);
   bool opened_ = false;
   bool released_ = false;  // the directory was let go: nothing is written or opened again
   std::vector<Op> spareBuffer_;
