@@ -10,6 +10,7 @@
 #include <mutex>
 #include <optional>
 #include <string_view>
+#include <thread>
 
 #include <quorvel/Platform.h>
 #include <quorvel/QuorvelTracker.h>
@@ -195,16 +196,16 @@ class HandleCalls {
     leave();
     return false;
   }
-  void leave() noexcept {
-    if (calls_.fetch_sub(1) == 1 && closing_.load())
-      calls_.notify_all();
-  }
+  // The decrement is the last touch of the handle: once it reaches 0, destroy may free it.
+  void leave() noexcept { calls_.fetch_sub(1); }
   // Refuses the calls that begin from now.
   void close() noexcept { closing_.store(true); }
+  // Looks every millisecond: no call has to wake destroy, which a call could only do after
+  // its decrement, on a handle that may be freed by then.
   void closeAndWait() noexcept {
     close();
-    for (int n = calls_.load(); n != 0; n = calls_.load())
-      calls_.wait(n);
+    while (calls_.load() != 0)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
 
  private:
