@@ -1,5 +1,6 @@
 // Trackers made on one platform share its data directory as processes do: one holds it, the
 // others keep their reports for it, and one made after another ended holds it again.
+#include <filesystem>
 #include <set>
 
 #include <gtest/gtest.h>
@@ -50,6 +51,50 @@ TEST(TrackersOnOnePlatform, EachReportGoesOnceAndALaterTrackerHoldsTheFolderAgai
   }
   EXPECT_EQ(events, (std::multiset<std::string>{"first", "second", "third"}));
   EXPECT_FALSE(third->deliveryStats().dataDirectoryHeldElsewhere);
+}
+
+// The folder emptied under the holder, and a second tracker holding the new one: the first
+// stops holding at its next write, and each report made from then on goes once. (One that
+// failed before and became a kept-request file went with the folder.)
+TEST(TrackersOnOnePlatform, AFolderEmptiedUnderTheHolderHasOneHolderAfterIt) {
+  test::TempDir dir;
+  PosixPlatformOptions options;
+  options.bundleIdentifier = "com.example.emptied";
+  options.dataDirectory = dir / "app";
+  options.keychainDirectory = dir / "keychain";
+  auto kit = testkit::makeTestPlatform(options, "TWO-KEY");
+  const auto configured = [&] {
+    auto tracker = std::make_unique<QuorvelTracker>(kit.platform);
+    tracker->setQuorvelDevKey(std::string("TWO-KEY"));
+    tracker->setAppleAppID(std::string("123456789"));
+    return tracker;
+  };
+  kit.transport->setResponder([](const auto&) { return testkit::Answer::offline(); });
+  auto first = configured();
+  first->trackEvent("before", std::nullopt);
+  kit.dispatcher->advance(10s);
+  EXPECT_EQ(first->deliveryStats().keptAsFiles, 1U);
+  std::error_code ec;
+  std::filesystem::remove_all(dir / "app", ec);
+  auto second = configured();
+  second->trackEvent("second", std::nullopt);
+  kit.dispatcher->advance(10s);
+  first->trackEvent("after", std::nullopt);
+  kit.dispatcher->advance(10s);
+  EXPECT_TRUE(first->deliveryStats().dataDirectoryHeldElsewhere);
+  EXPECT_FALSE(second->deliveryStats().dataDirectoryHeldElsewhere);
+  second.reset();
+  first.reset();
+  kit.transport->setResponder(nullptr);
+  kit.transport->clear();
+  auto third = configured();
+  kit.dispatcher->advance(10s);
+  std::multiset<std::string> events;
+  for (const auto& request : kit.transport->sent()) {
+    if (request.payload && request.service() == "events")
+      events.insert(request.payload->value("event", ""));
+  }
+  EXPECT_EQ(events, (std::multiset<std::string>{"second", "after"}));
 }
 
 }  // namespace
