@@ -284,8 +284,19 @@ void Outbox::guestSeen() noexcept {
       const std::lock_guard lock(self->storeMutex_);
       store = self->store_;
     }
-    if (store)
-      self->adoptGuests(store);
+    if (!store)
+      return;
+    // The folder's removal is told here too: a sync looks whether the store still holds it
+    // (and locks it again if no other process took it), so that an idle holder does not wait
+    // for its next write to find out.
+    store->sync();
+    if (store->heldByAnotherProcess()) {
+      const std::lock_guard lock(self->storeMutex_);
+      if (self->store_ == store)
+        self->stepDownIfTakenLocked();
+      return;
+    }
+    self->adoptGuests(store);
   });
 }
 

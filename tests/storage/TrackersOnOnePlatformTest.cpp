@@ -8,6 +8,7 @@
 #include <quorvel/QuorvelTracker.h>
 #include <quorvel/testing/TestPlatform.h>
 
+#include "support/Eventually.h"
 #include "support/TempDir.h"
 
 namespace quorvel {
@@ -53,10 +54,15 @@ TEST(TrackersOnOnePlatform, EachReportGoesOnceAndALaterTrackerHoldsTheFolderAgai
   EXPECT_FALSE(third->deliveryStats().dataDirectoryHeldElsewhere);
 }
 
-// The folder emptied under the holder, and a second tracker holding the new one: the first
-// stops holding at its next write, and each report made from then on goes once. (One that
-// failed before and became a kept-request file went with the folder.)
-TEST(TrackersOnOnePlatform, AFolderEmptiedUnderTheHolderHasOneHolderAfterIt) {
+// The folder emptied under the holder, then a second tracker: an idle holder whose watch saw
+// the removal locks the folder again first (the second is its guest); one that did not look
+// meanwhile stops holding at its next write (the second holds). Either way one holder at a
+// time, and each report made from then on goes once. (One that failed before and became a
+// kept-request file went with the folder.)
+class FolderEmptied : public ::testing::TestWithParam<bool> {};
+
+TEST_P(FolderEmptied, OneHolderAfterItAndEachReportOnce) {
+  const bool holderLooksFirst = GetParam();
   test::TempDir dir;
   PosixPlatformOptions options;
   options.bundleIdentifier = "com.example.emptied";
@@ -76,13 +82,20 @@ TEST(TrackersOnOnePlatform, AFolderEmptiedUnderTheHolderHasOneHolderAfterIt) {
   EXPECT_EQ(first->deliveryStats().keptAsFiles, 1U);
   std::error_code ec;
   std::filesystem::remove_all(dir / "app", ec);
+  const std::string lock = dir / "app/Library/QuorvelOutbox.sqlite.lock";
+  if (holderLooksFirst) {
+    EXPECT_TRUE(test::eventually([&] {
+      kit.dispatcher->advance(300ms);
+      return std::filesystem::exists(lock);
+    }));
+  }
   auto second = configured();
   second->trackEvent("second", std::nullopt);
   kit.dispatcher->advance(10s);
   first->trackEvent("after", std::nullopt);
   kit.dispatcher->advance(10s);
-  EXPECT_TRUE(first->deliveryStats().dataDirectoryHeldElsewhere);
-  EXPECT_FALSE(second->deliveryStats().dataDirectoryHeldElsewhere);
+  EXPECT_EQ(first->deliveryStats().dataDirectoryHeldElsewhere, !holderLooksFirst);
+  EXPECT_EQ(second->deliveryStats().dataDirectoryHeldElsewhere, holderLooksFirst);
   second.reset();
   first.reset();
   kit.transport->setResponder(nullptr);
@@ -96,6 +109,11 @@ TEST(TrackersOnOnePlatform, AFolderEmptiedUnderTheHolderHasOneHolderAfterIt) {
   }
   EXPECT_EQ(events, (std::multiset<std::string>{"second", "after"}));
 }
+
+INSTANTIATE_TEST_SUITE_P(TrackersOnOnePlatform, FolderEmptied, ::testing::Bool(),
+                         [](const auto& info) {
+                           return std::string(info.param ? "HolderLooksFirst" : "SecondTakesIt");
+                         });
 
 }  // namespace
 }  // namespace quorvel
