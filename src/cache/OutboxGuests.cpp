@@ -114,8 +114,8 @@ void Outbox::stepDownIfTakenLocked() {
       unwritten_[id] = std::move(content);
     }
   }
-  // Written with the rest once this process holds the directory again.
-  unwritten_[kCountersRecord] = counters_.dump();
+  // The counters stay in memory only: laid over the store's by the larger value once this
+  // process holds the directory again, never written over a newer holder's.
   lockedOut_ = std::move(store_);
   heldElsewhere_ = true;
   durable_ = false;
