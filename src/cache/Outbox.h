@@ -375,6 +375,11 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // Opens the store if the other process let it go. False while it still holds it; true
   // once the wait is over, with the store or without one (the reports stay in memory).
   bool takeFreedLockLocked();
+  // The open store found that another process took the data directory (its files were
+  // removed and that process made them again): this one stops writing and numbering at once,
+  // hands its unbuilt reports to that process as a guest would, and keeps its built ones in
+  // memory (written once it holds the directory again); the lock is tried again.
+  void stepDownIfTakenLocked();
   // Writes what this process kept in memory while another one held the store, under numbers
   // after the store's own.
   void writeHeldLocked();

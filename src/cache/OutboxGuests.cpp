@@ -5,6 +5,7 @@
 
 #include "cache/Backoff.h"
 #include "cache/OutboxShared.h"
+#include "util/BoundedJson.h"
 
 namespace quorvel {
 
@@ -79,6 +80,59 @@ void Outbox::writeHeldLocked() {
   held_.swap(renumbered);
   unwritten_.clear();
   writeChangesLocked(changes);
+}
+
+void Outbox::stepDownIfTakenLocked() {
+  if (!store_ || !store_->heldByAnotherProcess())
+    return;
+  log_->log(kLogWarning, kMethod,
+            "Quorvel: %@: this process stops writing to the data directory and hands its "
+            "unbuilt reports to that process; its built ones wait in memory until it holds "
+            "the directory again",
+            store_->lastError());
+  // The store still reads what this process wrote (its removed files stay open here).
+  std::vector<platform::OutboxChange> handOver;
+  std::vector<OutboxSlotPtr> slots;
+  const bool stale = epochStaleLocked();
+  for (auto& [id, held] : held_) {
+    if (held.slot->settled_)
+      continue;
+    std::optional<std::string> content;
+    if (const auto it = unwritten_.find(id); it != unwritten_.end())
+      content = it->second;
+    else if (const auto page = store_->load(id - 1, 1); !page.empty() && page.front().id == id)
+      content = page.front().content;
+    if (!content)
+      continue;
+    Json record = held.request || stale ? Json() : parseBoundedJson(*content);
+    if (record.is_object() && record.contains("kind")) {
+      if (!epoch_.empty())
+        record["epoch"] = epoch_;
+      handOver.push_back({id, record.dump(-1, ' ', false, Json::error_handler_t::replace)});
+      slots.push_back(held.slot);
+    } else {
+      unwritten_[id] = std::move(content);
+    }
+  }
+  // The counters stay in memory only: laid over the store's by the larger value once this
+  // process holds the directory again, never written over a newer holder's.
+  lockedOut_ = std::move(store_);
+  heldElsewhere_ = true;
+  durable_ = false;
+  numberingSafe_.store(false, std::memory_order_release);
+  watching_ = false;
+  lockedOut_->unwatchFolder();
+  if (!handOver.empty() && lockedOut_->appendAsGuest(handOver)) {
+    for (const auto& slot : slots) {
+      slot->keptForHolder_ = true;
+      if (settleCounted(slot, handedOver_))
+        forgetHeldLocked(slot->id_);
+    }
+  } else {
+    for (auto& [id, content] : handOver)
+      unwritten_[id] = std::move(content);
+  }
+  scheduleLockRetry();
 }
 
 void Outbox::tryFreedLock() noexcept {
@@ -230,8 +284,19 @@ void Outbox::guestSeen() noexcept {
       const std::lock_guard lock(self->storeMutex_);
       store = self->store_;
     }
-    if (store)
-      self->adoptGuests(store);
+    if (!store)
+      return;
+    // The folder's removal is told here too: a sync looks whether the store still holds it
+    // (and locks it again if no other process took it), so that an idle holder does not wait
+    // for its next write to find out.
+    store->sync();
+    if (store->heldByAnotherProcess()) {
+      const std::lock_guard lock(self->storeMutex_);
+      if (self->store_ == store)
+        self->stepDownIfTakenLocked();
+      return;
+    }
+    self->adoptGuests(store);
   });
 }
 

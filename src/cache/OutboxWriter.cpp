@@ -121,7 +121,11 @@ void Outbox::writeBufferedLocked() {
     }
   }
   enforceBoundsLocked(changes);
-  const bool written = writeChangesLocked(changes);
+  bool written = writeChangesLocked(changes);
+  if (!written && store_ && store_->heldByAnotherProcess()) {
+    stepDownIfTakenLocked();
+    written = true;  // nothing was lost: kept in memory, or with the new holder
+  }
   // A process that does not hold the directory writes nothing itself: only a failed hand-over
   // leaves its reports unkept. Those of an install forgotten elsewhere are not lost but
   // forgotten, once this process sees it: no disk failed.
@@ -179,6 +183,10 @@ void Outbox::scheduleSyncLocked() {
     if (store)
       self->adoptGuests(store);
     const std::lock_guard lock(self->storeMutex_);
+    if (store && store == self->store_ && store->heldByAnotherProcess()) {
+      self->stepDownIfTakenLocked();
+      return;
+    }
     self->noteSyncLocked(synced);
   });
 }

@@ -1,5 +1,6 @@
 // Trackers made on one platform share its data directory as processes do: one holds it, the
 // others keep their reports for it, and one made after another ended holds it again.
+#include <filesystem>
 #include <set>
 
 #include <gtest/gtest.h>
@@ -7,6 +8,7 @@
 #include <quorvel/QuorvelTracker.h>
 #include <quorvel/testing/TestPlatform.h>
 
+#include "support/Eventually.h"
 #include "support/TempDir.h"
 
 namespace quorvel {
@@ -51,6 +53,67 @@ TEST(TrackersOnOnePlatform, EachReportGoesOnceAndALaterTrackerHoldsTheFolderAgai
   EXPECT_EQ(events, (std::multiset<std::string>{"first", "second", "third"}));
   EXPECT_FALSE(third->deliveryStats().dataDirectoryHeldElsewhere);
 }
+
+// The folder emptied under the holder, then a second tracker: an idle holder whose watch saw
+// the removal locks the folder again first (the second is its guest); one that did not look
+// meanwhile stops holding at its next write (the second holds). Either way one holder at a
+// time, and each report made from then on goes once. (One that failed before and became a
+// kept-request file went with the folder.)
+class FolderEmptied : public ::testing::TestWithParam<bool> {};
+
+TEST_P(FolderEmptied, OneHolderAfterItAndEachReportOnce) {
+  const bool holderLooksFirst = GetParam();
+  test::TempDir dir;
+  PosixPlatformOptions options;
+  options.bundleIdentifier = "com.example.emptied";
+  options.dataDirectory = dir / "app";
+  options.keychainDirectory = dir / "keychain";
+  auto kit = testkit::makeTestPlatform(options, "TWO-KEY");
+  const auto configured = [&] {
+    auto tracker = std::make_unique<QuorvelTracker>(kit.platform);
+    tracker->setQuorvelDevKey(std::string("TWO-KEY"));
+    tracker->setAppleAppID(std::string("123456789"));
+    return tracker;
+  };
+  kit.transport->setResponder([](const auto&) { return testkit::Answer::offline(); });
+  auto first = configured();
+  first->trackEvent("before", std::nullopt);
+  kit.dispatcher->advance(10s);
+  EXPECT_EQ(first->deliveryStats().keptAsFiles, 1U);
+  std::error_code ec;
+  std::filesystem::remove_all(dir / "app", ec);
+  const std::string lock = dir / "app/Library/QuorvelOutbox.sqlite.lock";
+  if (holderLooksFirst) {
+    EXPECT_TRUE(test::eventually([&] {
+      kit.dispatcher->advance(300ms);
+      return std::filesystem::exists(lock);
+    }));
+  }
+  auto second = configured();
+  second->trackEvent("second", std::nullopt);
+  kit.dispatcher->advance(10s);
+  first->trackEvent("after", std::nullopt);
+  kit.dispatcher->advance(10s);
+  EXPECT_EQ(first->deliveryStats().dataDirectoryHeldElsewhere, !holderLooksFirst);
+  EXPECT_EQ(second->deliveryStats().dataDirectoryHeldElsewhere, holderLooksFirst);
+  second.reset();
+  first.reset();
+  kit.transport->setResponder(nullptr);
+  kit.transport->clear();
+  auto third = configured();
+  kit.dispatcher->advance(10s);
+  std::multiset<std::string> events;
+  for (const auto& request : kit.transport->sent()) {
+    if (request.payload && request.service() == "events")
+      events.insert(request.payload->value("event", ""));
+  }
+  EXPECT_EQ(events, (std::multiset<std::string>{"second", "after"}));
+}
+
+INSTANTIATE_TEST_SUITE_P(TrackersOnOnePlatform, FolderEmptied, ::testing::Bool(),
+                         [](const auto& info) {
+                           return std::string(info.param ? "HolderLooksFirst" : "SecondTakesIt");
+                         });
 
 }  // namespace
 }  // namespace quorvel

@@ -43,9 +43,14 @@ bool tellEvents(const NewFileWatch::State& state) noexcept {
       inotify_event event{};
       std::memcpy(&event, buffer.data() + at, sizeof event);
       const char* const name = buffer.data() + at + sizeof event;
-      // Events the kernel could not queue are told as an empty name: look at everything.
-      const bool overflow = (event.mask & IN_Q_OVERFLOW) != 0;
-      if ((event.len > 0 || overflow) && !state.stopped.load()) {
+      // Events the kernel could not queue are told as an empty name: look at everything; so is
+      // the removal of a lock file (the folder emptied under the process: the lock is to be
+      // taken again). The folder's own removal would be told only once its open files closed.
+      const bool removed = (event.mask & IN_DELETE) != 0;
+      const bool overflow =
+          (event.mask & IN_Q_OVERFLOW) != 0 ||
+          (removed && std::string_view(name, ::strnlen(name, event.len)).ends_with(".lock"));
+      if (((event.len > 0 && !removed) || overflow) && !state.stopped.load()) {
         try {
           state.onNewFile(overflow ? std::string_view()
                                    : std::string_view(name, ::strnlen(name, event.len)));
@@ -101,8 +106,9 @@ std::unique_ptr<NewFileWatch> NewFileWatch::start(const std::string& folder,
   if (state->stop.get() < 0)
     return nullptr;
   state->watch = ParentOnlyDescriptor(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-  if (state->watch.get() >= 0 && ::inotify_add_watch(state->watch.get(), folder.c_str(),
-                                                     IN_CREATE | IN_MOVED_TO | IN_ONLYDIR) < 0) {
+  if (state->watch.get() >= 0 &&
+      ::inotify_add_watch(state->watch.get(), folder.c_str(),
+                          IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_ONLYDIR) < 0) {
     if (errno == ENOENT || errno == ENOTDIR)
       return nullptr;                       // no such folder to look at either
     state->watch = ParentOnlyDescriptor();  // no watch left: looked at instead

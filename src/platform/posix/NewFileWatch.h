@@ -18,7 +18,8 @@ class NewFileWatch {
  public:
   // Null when there is no such folder or no thread to be had: the caller then finds new files
   // only when it looks itself. An empty name: any file may have been made (the kernel lost
-  // events, or, with no inotify instance left, at a look every few seconds). `onNewFile` runs on
+  // events, or, with no inotify instance left, at a look every few seconds), or a lock file
+  // was removed (the folder emptied under the process). `onNewFile` runs on
   // the watch's thread and must not wait for anything that stops the watch.
   static std::unique_ptr<NewFileWatch> start(const std::string& folder,
                                              std::function<void(std::string_view)> onNewFile);

@@ -186,8 +186,15 @@ bool SqliteOutboxStore::open(std::string& reason) noexcept {
     reason = "the tracker that used this outbox has ended";
     return false;
   }
-  if (lock_.get() >= 0)
+  if (lock_.get() >= 0 && !heldElsewhere_)
     return true;  // open already
+  if (lock_.get() >= 0) {
+    // Another process took the folder while this store was open: its files here are gone.
+    const std::lock_guard syncing(syncMutex_);
+    const std::lock_guard adopting(adoptMutex_);
+    const std::lock_guard lock(intakeMutex_);
+    closeLocked();
+  }
   // The caller's default text would hide the store's own reason (a full disk, say).
   reason.clear();
   heldElsewhere_ = false;
@@ -312,9 +319,44 @@ bool SqliteOutboxStore::openDatabaseLocked(std::string& reason) noexcept {
   return true;
 }
 
+// Two calls, at each write and sync: a lock on a file that was removed holds nothing, and a
+// process started meanwhile would lock a new one and hold the folder too.
+bool SqliteOutboxStore::stillHoldsLocked() noexcept {
+  if (heldElsewhere_)
+    return false;
+  const std::string lockPath = path_ + ".lock";
+  struct stat held {};
+  struct stat atPath {};
+  if (::fstat(lock_.get(), &held) != 0)
+    return false;
+  if (::lstat(lockPath.c_str(), &atPath) == 0 && atPath.st_dev == held.st_dev &&
+      atPath.st_ino == held.st_ino && held.st_nlink > 0)
+    return true;
+  std::error_code ec;
+  std::filesystem::create_directories(std::filesystem::path(path_).parent_path(), ec);
+  ParentOnlyDescriptor fresh(
+      ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+  if (fresh.get() < 0)
+    return true;  // nothing can be made there now, and no other process can lock it either
+  if (::flock(fresh.get(), LOCK_EX | LOCK_NB) == 0) {
+    lock_ = std::move(fresh);  // still the only holder
+    return true;
+  }
+  if (errno != EWOULDBLOCK)
+    return true;
+  heldElsewhere_ = true;
+  try {
+    const std::lock_guard note(noteMutex_);
+    lastError_ = "another process took the data directory (" + lockPath +
+                 " was removed, made again and locked by it)";
+  } catch (...) {
+  }
+  return false;
+}
+
 bool SqliteOutboxStore::apply(const std::vector<OutboxChange>& changes) noexcept {
   const std::lock_guard lock(intakeMutex_);
-  if (!intake_)
+  if (!intake_ || !stillHoldsLocked())
     return false;
   try {
     std::vector<OutboxIntake::Place> places;
@@ -358,6 +400,11 @@ bool SqliteOutboxStore::commitToDatabase(const PendingMap& changes) noexcept {
 }
 
 bool SqliteOutboxStore::sync() noexcept {
+  {
+    const std::lock_guard lock(intakeMutex_);
+    if (intake_ && !stillHoldsLocked())
+      return false;  // the records stay readable here until the library has handed them over
+  }
   healAgainIfDue();
   if (syncOnce())
     return true;

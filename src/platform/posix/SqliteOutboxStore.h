@@ -38,7 +38,9 @@ class SqliteOutboxStore final : public OutboxStore {
   static std::shared_ptr<OutboxStore> forOneTracker(const std::shared_ptr<OutboxStore>& given);
 
   bool open(std::string& reason) noexcept override;
-  bool heldByAnotherProcess() const noexcept override { return heldElsewhere_; }
+  // Also true once an open store found that another process locked the folder after its files
+  // were removed and made again: this store then refuses writes, and open() tries again.
+  bool heldByAnotherProcess() const noexcept override { return heldElsewhere_.load(); }
   bool apply(const std::vector<OutboxChange>& changes) noexcept override;
   std::vector<OutboxRecord> load(std::int64_t afterId, std::size_t limit) noexcept override;
   std::vector<OutboxRecord> loadPage(std::int64_t afterId, std::size_t limit,
@@ -92,6 +94,11 @@ class SqliteOutboxStore final : public OutboxStore {
   using PendingMap = std::map<std::int64_t, Pending>;
 
   bool exec(const char* sql) noexcept;
+  // Whether this store still holds the folder: its lock file is the one at the path. A lock
+  // file removed (the folder emptied under the process) is made and locked again; one another
+  // process made and locked means it holds the folder now (`heldElsewhere_` set). `intakeMutex_`
+  // held.
+  bool stillHoldsLocked() noexcept;
   void close() noexcept;
   // `intakeMutex_` held by these.
   void closeLocked() noexcept;
@@ -141,7 +148,7 @@ class SqliteOutboxStore final : public OutboxStore {
   sqlite3* syncDb_ = nullptr;  // sync()'s own connection: the commits and checkpoints
   ParentOnlyDescriptor lock_;
   bool inherited_ = false;
-  bool heldElsewhere_ = false;
+  std::atomic<bool> heldElsewhere_{false};
   std::atomic<bool> released_{false};
   int damage_ = 0;                  // the SQLite code of damage met, until it is healed
   std::uint32_t healAttempts_ = 0;  // failed healings in a row; the database closed meanwhile
