@@ -370,6 +370,11 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // process's.
   void mergeCountersLocked(const std::vector<platform::OutboxRecord>& first);
   std::int64_t counterLocked(const std::string& key) const;
+  // After a failed write: whether the batch's reports may leave with counters the store did
+  // not keep (the store's mark is set, and they are within reach of the kept ones).
+  bool unkeptCountersMayGoLocked();
+  // Record 0 was written: the counters given out are kept, and what waited for that goes.
+  void noteCountersKeptLocked();
   void scheduleLockRetry();
   void retryLockLocked();
   // Opens the store if the other process let it go. False while it still holds it; true
@@ -417,7 +422,12 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   std::vector<Op> spareBuffer_;
   Json counters_ = Json::object();  // the kept counters (record 0)
   bool countersDirty_ = false;
-  bool countersRead_ = false;  // record 0 of the store was read
+  bool countersRead_ = false;           // record 0 of the store was read
+  Json keptCounters_ = Json::object();  // record 0 as the store last took it
+  bool countersUnkeptMarked_ = false;   // the store's mark of counters not kept is set
+  // Sends of reports whose counters the store neither kept nor covers by its mark: they wait
+  // for a write that keeps them.
+  std::vector<std::function<void()>> unkeptSends_;
   std::int64_t lastId_ = 0;
   struct Held {
     OutboxSlotPtr slot;

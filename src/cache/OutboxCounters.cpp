@@ -6,10 +6,27 @@
 
 #include "cache/OutboxShared.h"
 #include "util/BoundedJson.h"
+#include "util/PreferenceKeys.h"
 
 namespace quorvel {
 
 using namespace outbox_internal;
+
+namespace {
+
+// How far a counter may go beyond its kept value while the disk refuses it: the next start
+// numbers above that, so a full disk costs at most this gap. A process launches a few times,
+// but may send many events.
+std::int64_t unkeptReach(const std::string& key) {
+  return key == keys::kCounter ? 16 : 10'000;
+}
+
+std::int64_t keptValue(const Json& kept, const std::string& key) {
+  const auto it = kept.find(key);
+  return it != kept.end() && it->is_number_integer() ? it->get<std::int64_t>() : 0;
+}
+
+}  // namespace
 
 void Outbox::noteCounter(const std::string& key, std::int64_t value) {
   const std::lock_guard lock(bufferMutex_);
@@ -49,20 +66,58 @@ std::int64_t Outbox::counterLocked(const std::string& key) const {
 
 void Outbox::mergeCountersLocked(const std::vector<platform::OutboxRecord>& first) {
   countersRead_ = true;
-  if (first.empty() || first.front().id != kCountersRecord)
-    return;
-  const Json parsed = parseBoundedJson(first.front().content);
-  if (!parsed.is_object())
-    return;
-  for (const auto& [key, value] : parsed.items()) {
-    const auto mine = counters_.find(key);
-    if (mine != counters_.end() && mine->is_number_integer() && value.is_number_integer() &&
-        mine->get<std::int64_t>() > value.get<std::int64_t>()) {
-      countersDirty_ = true;  // this process's is newer: it is written with the next batch
-    } else {
-      counters_[key] = value;
+  const Json parsed = first.empty() || first.front().id != kCountersRecord
+                          ? Json::object()
+                          : parseBoundedJson(first.front().content);
+  if (parsed.is_object()) {
+    keptCounters_ = parsed;
+    for (const auto& [key, value] : parsed.items()) {
+      const auto mine = counters_.find(key);
+      if (mine != counters_.end() && mine->is_number_integer() && value.is_number_integer() &&
+          mine->get<std::int64_t>() > value.get<std::int64_t>()) {
+        countersDirty_ = true;  // this process's is newer: it is written with the next batch
+      } else {
+        counters_[key] = value;
+      }
     }
   }
+  if (!store_ || !store_->countersUnkept())
+    return;
+  // An earlier process gave out counters its full disk did not keep, and their reports may
+  // have reached the service; it let none go beyond the kept ones by more than the reach, so
+  // numbering goes on above that. Kept before the mark is cleared.
+  countersUnkeptMarked_ = true;
+  for (const std::string key : {keys::kCounter, keys::kInAppCounter})
+    counters_[key] = std::max(counterLocked(key), keptValue(keptCounters_, key) + unkeptReach(key));
+  countersDirty_ = true;
+}
+
+bool Outbox::unkeptCountersMayGoLocked() {
+  if (heldElsewhere_)
+    return true;  // the holder numbers: this process gives out no counters
+  platform::OutboxStore* const store = store_ ? store_.get() : lockedOut_.get();
+  if (!store)
+    return true;  // no store at all: the preferences are the only record there is
+  if (!countersUnkeptMarked_)
+    countersUnkeptMarked_ = store->markCountersUnkept(true);
+  if (!countersUnkeptMarked_)
+    return false;
+  for (const auto& [key, value] : counters_.items()) {
+    if (value.is_number_integer() &&
+        value.get<std::int64_t>() > keptValue(keptCounters_, key) + unkeptReach(key))
+      return false;
+  }
+  return true;
+}
+
+void Outbox::noteCountersKeptLocked() {
+  keptCounters_ = counters_;
+  if (countersUnkeptMarked_ && store_ && store_->markCountersUnkept(false))
+    countersUnkeptMarked_ = false;
+  std::vector<std::function<void()>> sends;
+  sends.swap(unkeptSends_);
+  for (const auto& send : sends)
+    send();
 }
 
 bool Outbox::numberingIsSafe() {

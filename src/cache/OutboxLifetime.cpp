@@ -177,6 +177,7 @@ bool Outbox::forgetAll(bool everyGuestFile) noexcept {
     }
     held_.clear();
     unwritten_.clear();
+    unkeptSends_.clear();
     heldBytes_ = 0;
     leftovers_.clear();
     replays_.clear();
@@ -184,6 +185,8 @@ bool Outbox::forgetAll(bool everyGuestFile) noexcept {
     leftoverPageAttempt_ = 0;
     ++forgetGeneration_;  // a page being read now is dropped
     counters_ = Json::object();
+    keptCounters_ = Json::object();
+    countersUnkeptMarked_ = false;
     countersDirty_ = false;
     if (!store_) {
       // Another process's store is not this one's to forget; what this one kept there for it,
@@ -203,6 +206,7 @@ bool Outbox::forgetAll(bool everyGuestFile) noexcept {
       watching_ = false;
       return true;
     }
+    store_->markCountersUnkept(false);  // the new install numbers from the start
     std::vector<platform::OutboxChange> removals;
     for (std::int64_t after = kCountersRecord - 1;;) {
       const auto page = store_->load(after, 1000);

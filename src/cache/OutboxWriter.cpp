@@ -131,6 +131,13 @@ void Outbox::writeBufferedLocked() {
   // forgotten, once this process sees it: no disk failed.
   if (!written && (!heldElsewhere_ || handOverFailed) && !epochStaleLocked())
     countNotKeptLocked();
+  // A counter that may reach the service is never given out again: reports whose counters
+  // the store refused go only once the next start is sure to number above them.
+  if (!written && unwritten_.contains(kCountersRecord) && !unkeptCountersMayGoLocked()) {
+    unkeptSends_.insert(unkeptSends_.end(), std::make_move_iterator(sends.begin()),
+                        std::make_move_iterator(sends.end()));
+    sends.clear();
+  }
   // The rest of a burst, at once.
   if (more && !promptWriteScheduled_.exchange(true))
     runLocked(&Outbox::writeBufferedLocked);
@@ -207,10 +214,14 @@ bool Outbox::writeChangesLocked(std::vector<platform::OutboxChange>& changes) {
   const bool applied = store_ && store_->apply(changes);
   writesFail_->store(!applied && store_, std::memory_order_relaxed);
   if (applied) {
+    bool countersKept = false;
     for (const auto& change : changes) {
       if (const auto it = held_.find(change.id); change.content && it != held_.end())
         it->second.onDisk = true;
+      countersKept = countersKept || (change.id == kCountersRecord && change.content);
     }
+    if (countersKept)
+      noteCountersKeptLocked();
     if (notKeptLogged_) {
       notKeptLogged_ = false;  // the episode is over: the next failure is logged again
       log_->log(kLogWarning, kMethod,
@@ -352,9 +363,12 @@ void Outbox::drainAndSync() noexcept {
 
 void Outbox::release() noexcept {
   drainAndSync();
+  // Let go after the lock: a send holds the client that holds this outbox.
+  std::vector<std::function<void()>> unsent;
   try {
     const std::lock_guard lock(storeMutex_);
     released_ = true;
+    unsent.swap(unkeptSends_);
     for (const auto& store : {store_, lockedOut_}) {
       if (store)
         store->release();

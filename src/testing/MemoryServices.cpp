@@ -114,7 +114,19 @@ bool MemoryOutboxStore::destroy() noexcept {
   if (failWrites_)
     return false;
   records_.clear();
+  countersUnkept_ = false;
   return true;
+}
+
+bool MemoryOutboxStore::markCountersUnkept(bool unkept) noexcept {
+  std::lock_guard lock(mutex_);
+  countersUnkept_ = unkept;
+  return true;
+}
+
+bool MemoryOutboxStore::countersUnkept() const noexcept {
+  std::lock_guard lock(mutex_);
+  return countersUnkept_;
 }
 
 std::size_t MemoryOutboxStore::size() const {

@@ -25,11 +25,14 @@ class OutboxTest : public test::TrackerFixture {
  protected:
   // A new process on the same disk: what the dropped tracker wrote of its preferences and
   // outbox is all the next one finds.
-  std::unique_ptr<QuorvelTracker> restart() {
+  // `durable`: the preferences as the disk last took them, when it refused the later ones.
+  std::unique_ptr<QuorvelTracker> restart(
+      std::optional<std::map<std::string, Json>> durable = std::nullopt) {
     facade.reset();
-    auto durable = fakes.preferences->durable();
+    if (!durable)
+      durable = fakes.preferences->durable();
     fakes.preferences = std::make_shared<test::MemoryPreferencesStore>();
-    for (const auto& [key, value] : durable)
+    for (const auto& [key, value] : *durable)
       fakes.preferences->setObject(key, value);
     makeTracker();
     return std::move(facade);
@@ -388,6 +391,42 @@ TEST_F(OutboxTest, TheExitLogSaysHowManyWaitOnDiskAndHowManyAreLost) {
   EXPECT_EQ(fakes.systemLog->count("2 reports still unanswered after 20 ms: 1 wait in the outbox "
                                    "for the next start, 1 are lost: the outbox could not write"),
             1U);
+}
+
+// Counters that went from memory while the disk refused them (the outbox's record 0 and the
+// preferences alike) may have reached the service: the next start numbers above them, and the
+// one after it goes on without a gap once they are kept.
+TEST_F(OutboxTest, ACounterAFullDiskCouldNotKeepIsNeverGivenAgain) {
+  tracker->trackEvent("kept", std::nullopt);
+  fakes.dispatcher->advance(300ms);
+  fakes.respond(0, 200, "{}");
+  fakes.dispatcher->runUntilIdle();
+  const auto beforeTheDiskFilled = fakes.preferences->durable();
+  fakes.outbox->setFailWrites(true);
+  tracker->trackEvent("from_memory", std::nullopt);
+  tracker->trackEvent("from_memory", std::nullopt);
+  fakes.dispatcher->advance(300ms);
+  const auto fromMemory = payloadsOf("from_memory");
+  ASSERT_EQ(fromMemory.size(), 2U);  // delivery goes on
+  EXPECT_EQ(fromMemory[1]["iaecounter"], "3");
+
+  auto next = restart(beforeTheDiskFilled);  // a kill; the disk frees
+  fakes.outbox->setFailWrites(false);
+  tracker->trackEvent("after", std::nullopt);
+  fakes.dispatcher->advance(300ms);
+  const auto after = payloadsOf("after");
+  ASSERT_EQ(after.size(), 1U);
+  const int given = std::stoi(after[0]["iaecounter"].get<std::string>());
+  EXPECT_GT(given, 3);
+  answerAllFrom(1);
+
+  next.reset();
+  next = restart();
+  tracker->trackEvent("later", std::nullopt);
+  fakes.dispatcher->advance(300ms);
+  const auto later = payloadsOf("later");
+  ASSERT_EQ(later.size(), 1U);
+  EXPECT_EQ(later[0]["iaecounter"], std::to_string(given + 1));
 }
 
 // A 5xx or a 429 is not a delivery: the report stays, goes again as a replay after the

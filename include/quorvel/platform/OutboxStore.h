@@ -58,6 +58,12 @@ class OutboxStore {
   // disk; a later open() makes a new, empty one. False when it cannot (the library then
   // removes the records one by one).
   virtual bool destroy() noexcept { return false; }
+  // A mark that counters went out that the store could not keep (a full disk): set before
+  // such a report leaves, cleared once the counters are kept again. It must hold where the
+  // records cannot (an empty file's name needs no data block). False when it cannot be set or
+  // cleared; a store that cannot keep it never reports one.
+  virtual bool markCountersUnkept(bool unkept) noexcept { return !unkept; }
+  virtual bool countersUnkept() const noexcept { return false; }
   // Lets go of the storage for good (its files stay): the tracker that used it has ended, and
   // another may open the same storage at once. Every later call fails, open() included.
   virtual void release() noexcept {}

@@ -3,6 +3,7 @@
 // not hold the store, and the removal of all of them when the outbox is forgotten.
 #include "platform/posix/SqliteOutboxStore.h"
 
+#include <fcntl.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -17,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/AtomicFile.h"
 #include "platform/posix/SqliteStatement.h"
 
 namespace quorvel::platform {
@@ -383,13 +385,39 @@ bool SqliteOutboxStore::destroy() noexcept {
   } catch (...) {
     removed = false;
   }
-  for (const char* suffix : {"-wal", "-shm", "", ".lock"}) {
+  for (const char* suffix : {"-wal", "-shm", kUnkeptSuffix, "", ".lock"}) {
     const std::string file = path_ + suffix;
     removed = (::unlink(file.c_str()) == 0 || errno == ENOENT) && removed;
   }
   heldLock.reset();
   heldElsewhere_ = false;
   return removed;
+}
+
+// An empty file: its creation writes no data, so a full disk (or a file size limit) still
+// takes it where it refuses every record.
+bool SqliteOutboxStore::markCountersUnkept(bool unkept) noexcept {
+  if (inheritedByFork())
+    return !unkept;  // the parent's folder
+  const std::string mark = path_ + kUnkeptSuffix;
+  if (unkept) {
+    const int fd = ::open(mark.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (fd < 0)
+      return false;
+    ::close(fd);
+  } else if (::unlink(mark.c_str()) != 0) {
+    return errno == ENOENT;
+  }
+  try {
+    syncDirectory(std::filesystem::path(path_).parent_path().string());
+  } catch (...) {
+    return false;
+  }
+  return true;
+}
+
+bool SqliteOutboxStore::countersUnkept() const noexcept {
+  return ::access((path_ + kUnkeptSuffix).c_str(), F_OK) == 0;
 }
 
 }  // namespace quorvel::platform
