@@ -370,10 +370,9 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // process's.
   void mergeCountersLocked(const std::vector<platform::OutboxRecord>& first);
   std::int64_t counterLocked(const std::string& key) const;
-  // After a failed write: whether the batch's reports may leave with counters the store did
-  // not keep (the store's mark is set, and they are within reach of the kept ones).
-  bool unkeptCountersMayGoLocked();
-  // Record 0 was written: the counters given out are kept, and what waited for that goes.
+  // After a failed write that held counters: the store's mark for the next start.
+  void markUnkeptCountersLocked();
+  // Record 0 was written: the counters given out are kept.
   void noteCountersKeptLocked();
   void scheduleLockRetry();
   void retryLockLocked();
@@ -425,9 +424,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   bool countersRead_ = false;           // record 0 of the store was read
   Json keptCounters_ = Json::object();  // record 0 as the store last took it
   bool countersUnkeptMarked_ = false;   // the store's mark of counters not kept is set
-  // Sends of reports whose counters the store neither kept nor covers by its mark: they wait
-  // for a write that keeps them.
-  std::vector<std::function<void()>> unkeptSends_;
+  bool unkeptCountersLogged_ = false;
   std::int64_t lastId_ = 0;
   struct Held {
     OutboxSlotPtr slot;

@@ -92,32 +92,28 @@ void Outbox::mergeCountersLocked(const std::vector<platform::OutboxRecord>& firs
   countersDirty_ = true;
 }
 
-bool Outbox::unkeptCountersMayGoLocked() {
-  if (heldElsewhere_)
-    return true;  // the holder numbers: this process gives out no counters
+// A write failed with counters in it: the store's mark tells the next start to number above
+// the kept ones by the reach. The reports go in any case (a write that fails never stops
+// delivery): where no mark can be made (a read-only folder), or a process goes beyond the
+// reach, a later start may give a counter again, and the log says so once.
+void Outbox::markUnkeptCountersLocked() {
+  if (heldElsewhere_ || countersUnkeptMarked_)
+    return;  // the holder numbers, or marked already
   platform::OutboxStore* const store = store_ ? store_.get() : lockedOut_.get();
-  if (!store)
-    return true;  // no store at all: the preferences are the only record there is
-  if (!countersUnkeptMarked_)
+  if (store != nullptr)
     countersUnkeptMarked_ = store->markCountersUnkept(true);
-  if (!countersUnkeptMarked_)
-    return false;
-  for (const auto& [key, value] : counters_.items()) {
-    if (value.is_number_integer() &&
-        value.get<std::int64_t>() > keptValue(keptCounters_, key) + unkeptReach(key))
-      return false;
+  if (!countersUnkeptMarked_ && !unkeptCountersLogged_) {
+    unkeptCountersLogged_ = true;
+    log_->log(kLogWarning, kMethod,
+              "Quorvel outbox: the counters given out cannot be kept; a later start may give "
+              "some of them again");
   }
-  return true;
 }
 
 void Outbox::noteCountersKeptLocked() {
   keptCounters_ = counters_;
   if (countersUnkeptMarked_ && store_ && store_->markCountersUnkept(false))
     countersUnkeptMarked_ = false;
-  std::vector<std::function<void()>> sends;
-  sends.swap(unkeptSends_);
-  for (const auto& send : sends)
-    send();
 }
 
 bool Outbox::numberingIsSafe() {

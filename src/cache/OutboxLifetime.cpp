@@ -177,7 +177,6 @@ bool Outbox::forgetAll(bool everyGuestFile) noexcept {
     }
     held_.clear();
     unwritten_.clear();
-    unkeptSends_.clear();
     heldBytes_ = 0;
     leftovers_.clear();
     replays_.clear();

@@ -131,13 +131,10 @@ void Outbox::writeBufferedLocked() {
   // forgotten, once this process sees it: no disk failed.
   if (!written && (!heldElsewhere_ || handOverFailed) && !epochStaleLocked())
     countNotKeptLocked();
-  // A counter that may reach the service is never given out again: reports whose counters
-  // the store refused go only once the next start is sure to number above them.
-  if (!written && unwritten_.contains(kCountersRecord) && !unkeptCountersMayGoLocked()) {
-    unkeptSends_.insert(unkeptSends_.end(), std::make_move_iterator(sends.begin()),
-                        std::make_move_iterator(sends.end()));
-    sends.clear();
-  }
+  // A counter that may reach the service is never given out again: the next start numbers
+  // above the counters the store refused.
+  if (!written && unwritten_.contains(kCountersRecord))
+    markUnkeptCountersLocked();
   // The rest of a burst, at once.
   if (more && !promptWriteScheduled_.exchange(true))
     runLocked(&Outbox::writeBufferedLocked);
@@ -363,12 +360,9 @@ void Outbox::drainAndSync() noexcept {
 
 void Outbox::release() noexcept {
   drainAndSync();
-  // Let go after the lock: a send holds the client that holds this outbox.
-  std::vector<std::function<void()>> unsent;
   try {
     const std::lock_guard lock(storeMutex_);
     released_ = true;
-    unsent.swap(unkeptSends_);
     for (const auto& store : {store_, lockedOut_}) {
       if (store)
         store->release();
