@@ -16,19 +16,30 @@ namespace {
 
 using namespace std::chrono_literals;
 
-TEST(TrackersOnOnePlatform, EachReportGoesOnceAndALaterTrackerHoldsTheFolderAgain) {
+// One platform on a folder of its own, and configured trackers made on it.
+struct OnePlatform {
   test::TempDir dir;
-  PosixPlatformOptions options;
-  options.bundleIdentifier = "com.example.two";
-  options.dataDirectory = dir / "app";
-  options.keychainDirectory = dir / "keychain";
-  auto kit = testkit::makeTestPlatform(options, "TWO-KEY");
-  const auto configured = [&] {
+  testkit::TestPlatform kit = testkit::makeTestPlatform(
+      [this] {
+        PosixPlatformOptions options;
+        options.bundleIdentifier = "com.example.two";
+        options.dataDirectory = dir / "app";
+        options.keychainDirectory = dir / "keychain";
+        return options;
+      }(),
+      "TWO-KEY");
+  std::unique_ptr<QuorvelTracker> configured() const {
     auto tracker = std::make_unique<QuorvelTracker>(kit.platform);
     tracker->setQuorvelDevKey(std::string("TWO-KEY"));
     tracker->setAppleAppID(std::string("123456789"));
     return tracker;
-  };
+  }
+};
+
+TEST(TrackersOnOnePlatform, EachReportGoesOnceAndALaterTrackerHoldsTheFolderAgain) {
+  OnePlatform one;
+  auto& kit = one.kit;
+  const auto configured = [&] { return one.configured(); };
   kit.transport->setResponder([](const auto&) { return testkit::Answer::offline(); });
   auto first = configured();
   first->trackEvent("first", std::nullopt);
@@ -63,18 +74,10 @@ class FolderEmptied : public ::testing::TestWithParam<bool> {};
 
 TEST_P(FolderEmptied, OneHolderAfterItAndEachReportOnce) {
   const bool holderLooksFirst = GetParam();
-  test::TempDir dir;
-  PosixPlatformOptions options;
-  options.bundleIdentifier = "com.example.emptied";
-  options.dataDirectory = dir / "app";
-  options.keychainDirectory = dir / "keychain";
-  auto kit = testkit::makeTestPlatform(options, "TWO-KEY");
-  const auto configured = [&] {
-    auto tracker = std::make_unique<QuorvelTracker>(kit.platform);
-    tracker->setQuorvelDevKey(std::string("TWO-KEY"));
-    tracker->setAppleAppID(std::string("123456789"));
-    return tracker;
-  };
+  OnePlatform one;
+  auto& kit = one.kit;
+  const auto& dir = one.dir;
+  const auto configured = [&] { return one.configured(); };
   kit.transport->setResponder([](const auto&) { return testkit::Answer::offline(); });
   auto first = configured();
   first->trackEvent("before", std::nullopt);
