@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <thread>
+#include <unordered_set>
 
 namespace quorvel {
 namespace {
@@ -93,12 +94,18 @@ TrackerCore::FlushOutcome TrackerCore::flushReports(std::chrono::milliseconds ti
     // What an earlier run left goes by the replay, which no ticket of this flush follows: it
     // is waited for until each report was answered or failed once here. The records still
     // unread get their slots once read.
+    std::unordered_set<const OutboxSlot*> known;
+    for (const auto& slot : *judged)
+      known.insert(slot.get());
     for (;;) {
       if (unread) {
         auto read = outbox_->earlierRunSlots(unread, deadline);
         if (!read)
           return FlushOutcome::timedOut;
-        judged->insert(judged->end(), read->begin(), read->end());
+        for (auto& slot : *read) {
+          if (known.insert(slot.get()).second)
+            judged->push_back(std::move(slot));
+        }
       }
       const bool tried = !unread && std::ranges::all_of(*judged, [](const OutboxSlotPtr& slot) {
         return slot->settled() || slot->failedHere();
