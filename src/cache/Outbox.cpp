@@ -231,15 +231,17 @@ std::optional<std::vector<OutboxSlotPtr>> Outbox::unsettledSlots(bool& earlierRu
   return slots;
 }
 
-std::optional<std::vector<OutboxSlotPtr>> Outbox::earlierRunSlots(bool& unread, Deadline deadline) {
+std::optional<std::vector<OutboxSlotPtr>> Outbox::earlierRunSlots(bool& unread, std::int64_t& after,
+                                                                  Deadline deadline) {
   const auto lock = storeLockBy(deadline);
   if (!lock.owns_lock())
     return std::nullopt;
   unread = earlierRunUnreadLocked();
   std::vector<OutboxSlotPtr> slots;
-  for (const auto& [id, held] : held_) {
-    if (held.slot && held.slot->earlierRun_ && !held.slot->settled())
-      slots.push_back(held.slot);
+  for (auto it = held_.upper_bound(after); it != held_.end() && it->first <= leftoversEnd_; ++it) {
+    after = it->first;
+    if (it->second.slot && it->second.slot->earlierRun_ && !it->second.slot->settled())
+      slots.push_back(it->second.slot);
   }
   return slots;
 }

@@ -246,9 +246,12 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   using Deadline = std::chrono::steady_clock::time_point;
   std::optional<std::vector<OutboxSlotPtr>> unsettledSlots(bool& earlierRunUnread,
                                                            Deadline deadline);
-  // The unsettled reports an earlier run left, read so far; `unread`: more are still to be
-  // read. None when the store was busy until `deadline`.
-  std::optional<std::vector<OutboxSlotPtr>> earlierRunSlots(bool& unread, Deadline deadline);
+  // The unsettled reports an earlier run left, read so far and numbered above `after` (which
+  // moves to the last one looked at: records are read in their order, so each look costs
+  // only what was read since); `unread`: more are still to be read. None when the store was
+  // busy until `deadline`.
+  std::optional<std::vector<OutboxSlotPtr>> earlierRunSlots(bool& unread, std::int64_t& after,
+                                                            Deadline deadline);
   // False when no store could be opened (nothing survives this process).
   bool durable() const noexcept { return durable_.load(); }
   // The unanswered reports with no record on disk (the disk refused it, or no store could be

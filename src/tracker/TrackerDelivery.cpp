@@ -94,12 +94,16 @@ TrackerCore::FlushOutcome TrackerCore::flushReports(std::chrono::milliseconds ti
     // What an earlier run left goes by the replay, which no ticket of this flush follows: it
     // is waited for until each report was answered or failed once here. The records still
     // unread get their slots once read.
+    // Read in order, each record once; a report once tried stays tried, so the look goes on
+    // from the first one not tried yet.
     std::unordered_set<const OutboxSlot*> known;
     for (const auto& slot : *judged)
       known.insert(slot.get());
+    std::int64_t readUpTo = 0;
+    std::size_t firstUntried = 0;
     for (;;) {
       if (unread) {
-        auto read = outbox_->earlierRunSlots(unread, deadline);
+        auto read = outbox_->earlierRunSlots(unread, readUpTo, deadline);
         if (!read)
           return FlushOutcome::timedOut;
         for (auto& slot : *read) {
@@ -107,10 +111,10 @@ TrackerCore::FlushOutcome TrackerCore::flushReports(std::chrono::milliseconds ti
             judged->push_back(std::move(slot));
         }
       }
-      const bool tried = !unread && std::ranges::all_of(*judged, [](const OutboxSlotPtr& slot) {
-        return slot->settled() || slot->failedHere();
-      });
-      if (tried)
+      while (firstUntried < judged->size() &&
+             ((*judged)[firstUntried]->settled() || (*judged)[firstUntried]->failedHere()))
+        ++firstUntried;
+      if (!unread && firstUntried == judged->size())
         break;
       if (left() == std::chrono::milliseconds::zero())
         return FlushOutcome::timedOut;
