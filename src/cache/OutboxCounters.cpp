@@ -2,8 +2,6 @@
 // counters are given out only by the process that holds the data directory.
 #include "cache/Outbox.h"
 
-#include <algorithm>
-
 #include "cache/OutboxShared.h"
 #include "util/BoundedJson.h"
 #include "util/PreferenceKeys.h"
@@ -97,12 +95,18 @@ void Outbox::mergeCountersLocked(const std::vector<platform::OutboxRecord>& firs
 // delivery): where no mark can be made (a read-only folder), or a process goes beyond the
 // reach, a later start may give a counter again, and the log says so once.
 void Outbox::markUnkeptCountersLocked() {
-  if (heldElsewhere_ || countersUnkeptMarked_)
-    return;  // the holder numbers, or marked already
+  if (heldElsewhere_)
+    return;  // the holder numbers
   platform::OutboxStore* const store = store_ ? store_.get() : lockedOut_.get();
-  if (store != nullptr)
+  if (store != nullptr && !countersUnkeptMarked_)
     countersUnkeptMarked_ = store->markCountersUnkept(true);
-  if (!countersUnkeptMarked_ && !unkeptCountersLogged_) {
+  bool beyondReach = false;
+  for (const auto& [key, value] : counters_.items()) {
+    beyondReach = beyondReach ||
+                  (value.is_number_integer() &&
+                   value.get<std::int64_t>() > keptValue(keptCounters_, key) + unkeptReach(key));
+  }
+  if ((!countersUnkeptMarked_ || beyondReach) && !unkeptCountersLogged_) {
     unkeptCountersLogged_ = true;
     log_->log(kLogWarning, kMethod,
               "Quorvel outbox: the counters given out cannot be kept; a later start may give "

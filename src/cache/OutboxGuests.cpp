@@ -102,6 +102,9 @@ void Outbox::stepDownIfTakenLocked() {
       content = it->second;
     else if (const auto page = store_->load(id - 1, 1); !page.empty() && page.front().id == id)
       content = page.front().content;
+    // What stays here is on no disk the next start reads (the files it was written to are
+    // removed): an exit now loses it, and the exit log says so.
+    held.onDisk = false;
     if (!content)
       continue;
     Json record = held.request || stale ? Json() : parseBoundedJson(*content);
@@ -115,7 +118,9 @@ void Outbox::stepDownIfTakenLocked() {
     }
   }
   // The counters stay in memory only: laid over the store's by the larger value once this
-  // process holds the directory again, never written over a newer holder's.
+  // process holds the directory again, never written over a newer holder's (not even by the
+  // write the new holder refused).
+  unwritten_.erase(kCountersRecord);
   lockedOut_ = std::move(store_);
   heldElsewhere_ = true;
   durable_ = false;

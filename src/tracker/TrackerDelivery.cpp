@@ -114,7 +114,8 @@ TrackerCore::FlushOutcome TrackerCore::flushReports(std::chrono::milliseconds ti
       while (firstUntried < judged->size() &&
              ((*judged)[firstUntried]->settled() || (*judged)[firstUntried]->failedHere()))
         ++firstUntried;
-      if (!unread && firstUntried == judged->size())
+      // Stopped, nothing is sent: what is untried stays so, and the flush says it failed.
+      if ((!unread && firstUntried == judged->size()) || consent_->stopped())
         break;
       if (left() == std::chrono::milliseconds::zero())
         return FlushOutcome::timedOut;

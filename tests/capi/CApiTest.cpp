@@ -506,6 +506,10 @@ TEST(CApi, AFlushJudgesTheReportsMadeBeforeItNotThoseTrackedMeanwhile) {
   ASSERT_EQ(quorvel_get_delivery_stats(tracker, &stats), QUORVEL_OK);
   EXPECT_EQ(stats.delivered, 1U);
   EXPECT_EQ(stats.waiting + stats.kept_as_files, 1U);
+  // Stopped, nothing goes: a flush says so at once instead of waiting out its bound.
+  quorvel_track_event(tracker, "held", 4, nullptr, 0);
+  quorvel_set_stopped(tracker, 1);
+  EXPECT_EQ(quorvel_flush(tracker, 5000), QUORVEL_ERROR_FAILED);
   quorvel_tracker_destroy(tracker);
 }
 
