@@ -122,7 +122,11 @@ typedef void (*quorvel_transport_send)(void* user_data, const quorvel_transport_
 QUORVEL_C_API void quorvel_transport_respond(quorvel_transport_reply* reply, int status,
                                              const char* headers, size_t headers_length,
                                              const uint8_t* body, size_t body_length);
-/* No answer came (no network, a timeout, a refused certificate). Ends `reply`. */
+/* No answer came (no network, a timeout, a refused certificate). Ends `reply`. `code` says
+ * whether the request may have reached the service, which decides whether its next copy
+ * counts as a repeat: -1003 (no such host), -1004 (no connection made), -1009 (no network)
+ * and -1202 (certificate refused) mean it never left; any other (-1001 timed out, -1005
+ * connection lost, one of the host's own) that it may have arrived. */
 QUORVEL_C_API void quorvel_transport_fail(quorvel_transport_reply* reply, int64_t code,
                                           const char* message, size_t message_length);
 

@@ -4,12 +4,15 @@ from __future__ import annotations
 
 import atexit
 import ctypes
+import errno
 import itertools
 import json
 import logging
 import math
 import os
 import queue
+import socket
+import ssl
 import sys
 import threading
 import time
@@ -138,6 +141,37 @@ def _release_lent(key: Optional[int]) -> None:
 _C_RELEASE = _native.RELEASE_CALLBACK(_release_lent)
 
 
+# The library's codes for a send that raised. Whether the request may have reached the
+# service decides whether its next copy counts as a repeat in the delivery statistics.
+_NEVER_CONNECTED = -1004
+_FAILURE_CODES = ((socket.gaierror, -1003),  # no such host: never left
+                  (ConnectionRefusedError, _NEVER_CONNECTED),
+                  (ssl.SSLCertVerificationError, -1202),  # refused before any request
+                  (TimeoutError, -1001),  # socket.timeout too: the request may have arrived
+                  (ConnectionError, -1005))  # reset or aborted under way: it may have arrived
+_NO_ROUTE = {errno.ENETUNREACH: -1009, errno.EHOSTUNREACH: _NEVER_CONNECTED,
+             errno.ECONNREFUSED: _NEVER_CONNECTED}
+_MAY_HAVE_ARRIVED = -1
+
+
+def _failure_code(error: BaseException) -> int:
+    """The code for what a host's send raised, from the error or what caused it (an HTTP
+    library's own error wraps the socket's). One it cannot tell counts as maybe arrived."""
+    seen = set()
+    current: Optional[BaseException] = error
+    while current is not None and id(current) not in seen:
+        seen.add(id(current))
+        for kind, code in _FAILURE_CODES:
+            if isinstance(current, kind):
+                return code
+        if isinstance(current, OSError) and current.errno in _NO_ROUTE:
+            return _NO_ROUTE[current.errno]
+        reason = getattr(current, "reason", None)  # urllib's URLError keeps it there
+        current = reason if isinstance(reason, BaseException) else (
+            current.__cause__ or current.__context__)
+    return _MAY_HAVE_ARRIVED
+
+
 class _Reply:
     """The library's reply handle for one request. Answered once whatever happens: a second
     answer would end a handle the library has already released."""
@@ -166,11 +200,11 @@ class _Reply:
         if handle is not None:
             lib.quorvel_transport_respond(handle, status, headers, len(headers), body, len(body))
 
-    def fail(self, message: str) -> None:
+    def fail(self, message: str, code: int = _NEVER_CONNECTED) -> None:
         handle = self._take()
         if handle is not None:
             data = message.encode(errors="replace")
-            lib.quorvel_transport_fail(handle, -1004, data, len(data))
+            lib.quorvel_transport_fail(handle, code, data, len(data))
 
 
 class _Transport:
@@ -242,7 +276,7 @@ class _Transport:
             headers = "".join(f"{name}: {value}\r\n" for name, value in response.headers)
             reply.respond(_http_status(response.status), headers.encode(), bytes(response.body))
         except Exception as error:  # noqa: BLE001 - any failure is a transport failure
-            reply.fail(str(error))
+            reply.fail(str(error), _failure_code(error))
 
     def close(self) -> None:
         # Never joins: a close may run on one of the workers (a tracker collected there), and
@@ -516,8 +550,9 @@ class Tracker:
             keep.append(data)
             setattr(options, name, data)
             setattr(options, name + "_length", length)
-        # A callable taking a Request and returning a Response (raising when no answer came),
-        # used instead of the library's own HTTP client.
+        # A callable taking a Request and returning a Response (raising when no answer came:
+        # ConnectionRefusedError or socket.gaierror, or an error they caused, when the request
+        # never left), used instead of the library's own HTTP client.
         self._transport = None if transport is None else _Transport(transport)
         if self._transport is not None:
             options.transport = self._transport.c_function

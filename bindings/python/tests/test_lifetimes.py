@@ -33,7 +33,7 @@ folder = sys.argv[1]
 def offline(delay):
     def send(request):
         time.sleep(delay)
-        raise OSError("offline")
+        raise ConnectionRefusedError("offline")
     return send
 """
 
@@ -213,7 +213,7 @@ def test_collection_on_its_own_transport_worker_is_quiet(tmp_path):
     def send(request):
         holder.clear()  # the last reference goes on this worker thread
         collected.set()
-        raise OSError("offline")
+        raise ConnectionRefusedError("offline")
 
     problems = []
     previous, sys.unraisablehook = sys.unraisablehook, problems.append
@@ -244,7 +244,7 @@ def test_purchases_bytes_paths_and_argument_checks(tmp_path):
 
     def offline(request):
         sent.append(request.url)
-        raise OSError("offline")
+        raise ConnectionRefusedError("offline")
 
     (tmp_path / "receipt").write_bytes(b"\x01store receipt")
     with quorvel.Tracker(os.fsencode(tmp_path / "bytes"), keychain_directory=tmp_path / "keys",
@@ -286,3 +286,20 @@ quorvel.Tracker.__init__ = functools.partialmethod(quorvel.Tracker.__init__,
                            text=True, timeout=60, env={**os.environ, "HOME": str(tmp_path)})
     assert child.returncode == 0, child.stderr
     assert any("level_up" in str(r.get("decrypted")) for r in devserver["received"]())
+
+
+def test_a_send_that_raised_says_whether_its_request_may_have_arrived():
+    import socket
+    import urllib.error
+
+    def caused(error, cause):
+        error.__cause__ = cause
+        return error
+
+    for error, code in ((urllib.error.URLError(ConnectionRefusedError(111, "refused")), -1004),
+                        (socket.gaierror(-2, "no such host"), -1003),
+                        (OSError(101, "unreachable"), -1009),
+                        (caused(RuntimeError("read failed"), socket.timeout("timed out")), -1001),
+                        (ConnectionResetError(104, "reset"), -1005),
+                        (ValueError("the host's own"), -1)):
+        assert quorvel._failure_code(error) == code, error
