@@ -333,9 +333,11 @@ QUORVEL_C_API quorvel_status quorvel_get_conversion_data(quorvel_tracker* tracke
 /* --- Delivery ----------------------------------------------------------------------------- */
 
 /* Blocks at most `timeout_ms` until every report accepted so far is answered or kept on disk.
- * QUORVEL_OK when all of them were delivered; QUORVEL_ERROR_TIMED_OUT when some were still on
- * their way; QUORVEL_ERROR_FAILED when a send of one of them failed (what it carried stays on
- * disk for a later send). Reports that other threads track during the flush are not judged.
+ * QUORVEL_OK when the service took all of them (answered 2xx); QUORVEL_ERROR_TIMED_OUT when
+ * some were still on their way; QUORVEL_ERROR_FAILED when one of them was not taken: a send
+ * failed (what it carried stays on disk for a later send), the service refused it (4xx, final)
+ * or it was dropped (over the outbox's bounds). Reports that other threads track during the
+ * flush are not judged.
  * Works while stopped. Any thread; a host that must stay responsive flushes in short slices. */
 QUORVEL_C_API quorvel_status quorvel_flush(quorvel_tracker* tracker, uint32_t timeout_ms);
 

@@ -14,7 +14,7 @@ using namespace outbox_internal;
 
 void OutboxSlot::holdUntilSettled(std::shared_ptr<void> hold) {
   const std::lock_guard lock(holdMutex_);
-  if (!settled_)
+  if (!settled())
     hold_ = std::move(hold);
 }
 
@@ -23,8 +23,9 @@ bool OutboxSlot::holdsPlace() {
   return hold_ != nullptr;
 }
 
-bool OutboxSlot::settle() {
-  if (settled_.exchange(true))
+bool OutboxSlot::settle(bool taken) {
+  auto open = Outcome::open;
+  if (!outcome_.compare_exchange_strong(open, taken ? Outcome::taken : Outcome::untaken))
     return false;
   std::shared_ptr<void> released;  // let go outside the lock: it may start a build
   {
@@ -72,7 +73,7 @@ OutboxSlotPtr Outbox::acceptBuilt() {
 
 void Outbox::built(const OutboxSlotPtr& slot, const QuorvelRequestCacheData& request,
                    std::function<void()> send) {
-  if (!slot || slot->settled_)
+  if (!slot || slot->settled())
     return;
   std::string content = requestRecord(slot->acceptedAt(), request, true);
   enqueue(Put{slot, std::move(content), std::nullopt,
@@ -83,7 +84,7 @@ bool Outbox::settleCounted(const OutboxSlotPtr& slot, std::atomic<std::uint64_t>
   if (!slot)
     return false;
   replayCameBack(slot);
-  if (!slot->settle())
+  if (!slot->settle(&counter == &delivered_ || (&counter == &handedOver_ && slot->keptForHolder_)))
     return false;
   slot->stopSending();
   if (slot->retrying_.exchange(false))
@@ -128,8 +129,6 @@ void Outbox::writeNowIfExiting() noexcept {
 }
 
 void Outbox::dropped(const OutboxSlotPtr& slot, DropReason reason) {
-  if (slot && reason == DropReason::handedOver && !slot->keptForHolder_ && !slot->settled_)
-    slot->handedToFolder_ = true;
   settleCounted(slot, reason == DropReason::rule         ? droppedByRule_
                       : reason == DropReason::bytes      ? droppedForBytes_
                       : reason == DropReason::handedOver ? handedOver_

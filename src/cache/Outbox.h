@@ -52,13 +52,14 @@ class OutboxSlot {
   bool claimForRequest() noexcept { return !requestMade_.exchange(true); }
   // Answered, dropped, or handed to the process that holds the data directory: nothing more
   // is done for it here.
-  bool settled() const noexcept { return settled_.load(); }
+  bool settled() const noexcept { return outcome_.load() != Outcome::open; }
   // Handed to the process that holds the data directory, which sends it: settled for a flush
   // here, though the build that waits for the directory still holds the report.
   bool keptForHolder() const noexcept { return keptForHolder_.load(); }
-  // Settled by going to the kept-request folder after a failed send: not delivered, it waits
-  // there for a later send.
-  bool handedToFolder() const noexcept { return handedToFolder_.load(); }
+  // Settled without the service taking it: refused (4xx), dropped (over the bounds or the
+  // age, by a rule, forgotten), or gone to the kept-request folder after a failed send to wait
+  // there for a later one. Handed to the holder is taken: the holder sends it.
+  bool settledUntaken() const noexcept { return outcome_.load() == Outcome::untaken; }
   // A send of it failed in this process (in transport, or answered 5xx or 429).
   bool failedHere() const noexcept { return failures_.load() > 0; }
 
@@ -66,8 +67,10 @@ class OutboxSlot {
   friend class Outbox;
   // Keeps `hold` (the build throttle's place of a failed request) until the report settles.
   void holdUntilSettled(std::shared_ptr<void> hold);
-  // Marks the report settled; false when it already was.
-  bool settle();
+  // Marks the report settled, taken by the service (or the holder) or not; false when it
+  // already was.
+  bool settle(bool taken);
+  enum class Outcome : std::uint8_t { open, taken, untaken };
   std::mutex holdMutex_;
   std::shared_ptr<void> hold_;
   const platform::TimePoint acceptedAt_;
@@ -75,9 +78,8 @@ class OutboxSlot {
   bool earlierRun_ = false;  // left by an earlier run: set and read under the store's lock
   std::atomic<bool> inFlight_{false};
   std::atomic<bool> requestMade_{false};
-  std::atomic<bool> settled_{false};  // answered or dropped: no further change
+  std::atomic<Outcome> outcome_{Outcome::open};  // set once: no further change
   std::atomic<bool> keptForHolder_{false};
-  std::atomic<bool> handedToFolder_{false};
   std::atomic<std::uint32_t> failures_{0};
   std::atomic<bool> replay_{false};  // sent again from an earlier run, not yet come back
   // Answered 5xx or 429: the service did not take it, and it goes again after a backoff.
@@ -365,7 +367,8 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   void countNotKeptLocked();
   // A sync's result: a failure is counted and said once an episode.
   void noteSyncLocked(bool synced);
-  // Settles `slot` and counts it under `counter`; false when it was settled already.
+  // Settles `slot` and counts it under `counter` (taken when that is `delivered_`, or
+  // `handedOver_` to the holder); false when it was settled already.
   bool settleCounted(const OutboxSlotPtr& slot, std::atomic<std::uint64_t>& counter);
   // Takes the store's number floor; what earlier processes left is read later.
   void readStoreLocked();

@@ -95,7 +95,7 @@ void Outbox::stepDownIfTakenLocked() {
   std::vector<OutboxSlotPtr> slots;
   const bool stale = epochStaleLocked();
   for (auto& [id, held] : held_) {
-    if (held.slot->settled_)
+    if (held.slot->settled())
       continue;
     std::optional<std::string> content;
     if (const auto it = unwritten_.find(id); it != unwritten_.end())
@@ -161,7 +161,7 @@ bool Outbox::handOverToHolderLocked(std::vector<Op>& batch) {
   std::vector<OutboxSlotPtr> slots;
   for (auto& op : batch) {
     const auto* put = std::get_if<Put>(&op);
-    if (put == nullptr || !put->intent || put->slot->settled_)
+    if (put == nullptr || !put->intent || put->slot->settled())
       continue;
     try {
       changes.push_back({++lastId_, serialise(*put, epoch_)});

@@ -169,7 +169,7 @@ bool Outbox::forgetAll(bool everyGuestFile) noexcept {
     for (const auto& left : replays_)
       slots.push_back(left.slot);
     for (const auto& slot : slots) {
-      if (slot && slot->settle()) {
+      if (slot && slot->settle(false)) {
         waiting_.fetch_sub(1, std::memory_order_relaxed);
         if (slot->retrying_.exchange(false))
           retrying_.fetch_sub(1, std::memory_order_relaxed);

@@ -128,8 +128,7 @@ std::vector<Outbox::Leftover> Outbox::releaseLeftoversLocked() {
     } else if (keptElsewhere_ && keptElsewhere_(*left.request)) {
       forgetHeldLocked(left.slot->id_);
       twins.push_back({left.slot->id_, std::nullopt});
-      left.slot->handedToFolder_ = true;
-      if (left.slot->settle()) {
+      if (left.slot->settle(false)) {
         handedOver_.fetch_add(1, std::memory_order_relaxed);
         waiting_.fetch_sub(1, std::memory_order_relaxed);
       }
@@ -221,7 +220,7 @@ void Outbox::replayChunkLocked() {
     Leftover left = std::move(replays_.front());
     replays_.pop_front();
     const auto it = held_.find(left.slot->id_);
-    if (resend_ && it != held_.end() && !left.slot->settled_ && left.slot->startSending()) {
+    if (resend_ && it != held_.end() && !left.slot->settled() && left.slot->startSending()) {
       left.slot->replay_ = true;
       replaysInFlight_.fetch_add(1);
       noteCopyLeavingLocked(it->second, changes);

@@ -22,7 +22,7 @@ void Outbox::answeredRetryLater(const OutboxSlotPtr& slot,
                                 std::shared_ptr<void> hold, bool reached) {
   if (slot)
     replayCameBack(slot);
-  if (!slot || slot->settled_)
+  if (!slot || slot->settled())
     return;
   slot->failures_.fetch_add(1, std::memory_order_relaxed);
   if (retryAfter && !slot->retrying_.exchange(true))

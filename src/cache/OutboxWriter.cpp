@@ -85,7 +85,7 @@ void Outbox::writeBufferedLocked() {
   std::size_t calls = 0;
   for (auto& op : batch) {
     if (auto* put = std::get_if<Put>(&op)) {
-      if (put->slot->settled_)
+      if (put->slot->settled())
         continue;  // answered or dropped before it was written: nothing to keep
       if (put->intent) {
         ++calls;
@@ -312,7 +312,7 @@ void Outbox::enforceBoundsLocked(std::vector<platform::OutboxChange>& changes) {
     held_.erase(oldest);
     if (slot)
       replayCameBack(slot);
-    if (slot && slot->settle()) {
+    if (slot && slot->settle(false)) {
       if (slot->retrying_.exchange(false))
         retrying_.fetch_sub(1, std::memory_order_relaxed);
       droppedForBytes_.fetch_add(1, std::memory_order_relaxed);

@@ -123,7 +123,7 @@ TrackerCore::FlushOutcome TrackerCore::flushReports(std::chrono::milliseconds ti
       std::this_thread::sleep_for(std::min(left(), kQueueTurn));
     }
     const bool delivered = std::ranges::none_of(*judged, [](const OutboxSlotPtr& slot) {
-      return !slot->settled() || slot->handedToFolder();
+      return !slot->settled() || slot->settledUntaken();
     });
     return delivered ? FlushOutcome::delivered : FlushOutcome::notDelivered;
   } catch (const std::exception& e) {

@@ -513,6 +513,22 @@ TEST(CApi, AFlushJudgesTheReportsMadeBeforeItNotThoseTrackedMeanwhile) {
   quorvel_tracker_destroy(tracker);
 }
 
+// A report the service refused is settled, but not delivered.
+TEST(CApi, AFlushSaysOkOnlyWhenTheServiceTookEveryReport) {
+  for (const int status : {200, 400}) {
+    const HostFolder folder;
+    const auto answer = [](void* user, const quorvel_transport_request*,
+                           quorvel_transport_reply* reply) {
+      quorvel_transport_respond(reply, *static_cast<const int*>(user), "", 0, nullptr, 0);
+    };
+    quorvel_tracker* tracker = configured(folder.options(answer, const_cast<int*>(&status)));
+    quorvel_track_app_launch(tracker);
+    EXPECT_EQ(quorvel_flush(tracker, 30000), status == 200 ? QUORVEL_OK : QUORVEL_ERROR_FAILED)
+        << status;
+    quorvel_tracker_destroy(tracker);
+  }
+}
+
 // What earlier trackers on the folder left unsent goes by the replay: a flush waits for it
 // instead of judging it failed before it was ever tried. And a flush under way on another
 // thread when the host destroys the handle is waited for (under AddressSanitizer, a flush
