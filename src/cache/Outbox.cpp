@@ -103,11 +103,13 @@ void Outbox::noteFolderAnswer(long status) {
 }
 
 void Outbox::answered(const OutboxSlotPtr& slot) {
+  markAnsweredCounters();
   if (settleCounted(slot, delivered_))
     writeNowIfExiting();
 }
 
 void Outbox::refused(const OutboxSlotPtr& slot) {
+  markAnsweredCounters();
   if (settleCounted(slot, refused_))
     writeNowIfExiting();
 }

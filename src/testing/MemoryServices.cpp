@@ -114,17 +114,20 @@ bool MemoryOutboxStore::destroy() noexcept {
   if (failWrites_)
     return false;
   records_.clear();
-  countersUnkept_ = false;
+  countersUnkept_.reset();
   return true;
 }
 
-bool MemoryOutboxStore::markCountersUnkept(bool unkept) noexcept {
+bool MemoryOutboxStore::markCountersUnkept(const Counters& counters) noexcept {
   std::lock_guard lock(mutex_);
-  countersUnkept_ = unkept;
+  if (counters.empty())
+    countersUnkept_.reset();
+  else
+    countersUnkept_ = counters;
   return true;
 }
 
-bool MemoryOutboxStore::countersUnkept() const noexcept {
+std::optional<platform::OutboxStore::Counters> MemoryOutboxStore::countersUnkept() const noexcept {
   std::lock_guard lock(mutex_);
   return countersUnkept_;
 }
