@@ -40,6 +40,24 @@ bool mayHaveArrived(const Error& error) {
   }
 }
 
+// The service answers every report of a burst with the same few bytes: the parse of the last
+// answer a thread read is kept and copied for the same text, which costs a fraction of parsing.
+// Only small answers are kept, so that a thread holds a few kilobytes at most.
+Json parsedAnswer(std::string_view text) {
+  constexpr std::size_t kKeptAnswerBytes = 4096;
+  if (text.size() > kKeptAnswerBytes)
+    return parseBoundedJson(text);
+  thread_local std::string lastText;
+  thread_local Json lastParsed;
+  thread_local bool parsedOnce = false;
+  if (!parsedOnce || text != lastText) {
+    lastParsed = parseBoundedJson(text);
+    lastText.assign(text);
+    parsedOnce = true;
+  }
+  return lastParsed;
+}
+
 }  // namespace
 
 std::shared_ptr<QuorvelHTTPClient> QuorvelHTTPClient::create(
@@ -90,17 +108,18 @@ std::string QuorvelHTTPClient::description() const {
   return text;
 }
 
-void QuorvelHTTPClient::sendRequestEventToServer(const QuorvelRequestCacheData& request,
+void QuorvelHTTPClient::sendRequestEventToServer(QuorvelRequestCacheData request,
                                                  bool isRequestFromCache,
                                                  const std::optional<std::string>& /*appID*/,
                                                  bool /*isDebug*/,
                                                  std::function<void()> onSuccess) {
   std::string url = request.requestURL().value_or(std::string());
+  auto record = std::make_shared<const QuorvelRequestCacheData>(std::move(request));
   // The suffix goes on before escaping.
   if (isRequestFromCache) {
     url += "&isCachedRequest=true";
     // A replay is already safe on disk: it carries the report that started the replay along.
-    post(request, std::move(url), Origin::cache, nullptr, std::move(onSuccess),
+    post(std::move(record), std::move(url), Origin::cache, nullptr, std::move(onSuccess),
          ReportLedger::current());
     return;
   }
@@ -108,7 +127,8 @@ void QuorvelHTTPClient::sendRequestEventToServer(const QuorvelRequestCacheData& 
   if (ticket)
     ticket->attach();
   if (!outbox_) {
-    post(request, std::move(url), Origin::fresh, nullptr, std::move(onSuccess), std::move(ticket));
+    post(std::move(record), std::move(url), Origin::fresh, nullptr, std::move(onSuccess),
+         std::move(ticket));
     return;
   }
   // On disk before it leaves: a report accepted earlier now has its request; one made
@@ -118,11 +138,12 @@ void QuorvelHTTPClient::sendRequestEventToServer(const QuorvelRequestCacheData& 
   if (!slot || !slot->claimForRequest())
     slot = outbox_->acceptBuilt();
   slot->startSending();
-  outbox_->built(slot, request,
-                 [self = shared_from_this(), request, url = std::move(url), slot,
+  const QuorvelRequestCacheData& built = *record;
+  outbox_->built(slot, built,
+                 [self = shared_from_this(), record = std::move(record), url = std::move(url), slot,
                   onSuccess = std::move(onSuccess), ticket = std::move(ticket)]() mutable {
-                   self->post(request, std::move(url), Origin::fresh, slot, std::move(onSuccess),
-                              std::move(ticket));
+                   self->post(std::move(record), std::move(url), Origin::fresh, slot,
+                              std::move(onSuccess), std::move(ticket));
                  });
 }
 
@@ -137,14 +158,16 @@ void QuorvelHTTPClient::sendOutboxRequest(const OutboxSlotPtr& slot,
   auto ticket = ledger_ ? ledger_->open() : nullptr;
   if (ticket && !slot->holdsPlace())
     ticket->attach();
-  post(request, url, Origin::outbox, slot, nullptr, std::move(ticket));
+  post(std::make_shared<const QuorvelRequestCacheData>(request), url, Origin::outbox, slot, nullptr,
+       std::move(ticket));
 }
 
-void QuorvelHTTPClient::post(const QuorvelRequestCacheData& request, std::string url, Origin origin,
+void QuorvelHTTPClient::post(SharedRecord record, std::string url, Origin origin,
                              OutboxSlotPtr slot, std::function<void()> onSuccess,
                              ReportLedger::TicketPtr ticket) {
   static constexpr const char* kMethod =
       "-[QuorvelHTTPClient sendRequestEventToServer:isRequestFromCache:appID:isDebug:onSuccess:]";
+  const QuorvelRequestCacheData& request = *record;
   const auto generation = consentGeneration();
   if (stopped()) {
     const ReportLedger::Scope scope(ticket);
@@ -161,9 +184,10 @@ void QuorvelHTTPClient::post(const QuorvelRequestCacheData& request, std::string
   const auto key = nextUnderWayKey_.fetch_add(1, std::memory_order_relaxed);
   const OutboxSlotPtr slotUnderWay = slot;
   auto task = platform_->urlSessions->sharedSession()->dataTask(
-      std::move(http), [self, request, origin, slot = std::move(slot),
+      std::move(http), [self, record, origin, slot = std::move(slot),
                         onSuccess = std::move(onSuccess), ticket = std::move(ticket), generation,
                         key](const auto& body, const auto& response, const auto& error) {
+        const QuorvelRequestCacheData& request = *record;
         // What the answer starts (the conversion data of a launch) belongs to the report.
         const ReportLedger::Scope scope(ticket);
         if (!self->removeUnderWay(key))
@@ -194,7 +218,7 @@ void QuorvelHTTPClient::post(const QuorvelRequestCacheData& request, std::string
   // of replays are let go instead.
   std::function<void()> replayCancelled;
   if (origin == Origin::cache)
-    replayCancelled = [cache = cache_, request] { cache->abandonReplay(request, false); };
+    replayCancelled = [cache = cache_, record] { cache->abandonReplay(*record, false); };
   addUnderWay(key, {task, slotUnderWay, replayCancelled});
   if (!consentHolds(generation)) {
     // A stop came since the check above: this one never starts.
@@ -378,8 +402,11 @@ void QuorvelHTTPClient::applyTrackingAnswer(const std::optional<Bytes>& body) {
   static constexpr const char* kMethod =
       "-[QuorvelHTTPClient "
       "sendRequestEventToServer:isRequestFromCache:appID:isDebug:onSuccess:]_block_invoke";
-  const std::string text = body ? std::string(body->begin(), body->end()) : std::string();
-  const Json parsed = parseBoundedJson(text);
+  // Read where it lies: every answer passes here.
+  const std::string_view text =
+      body ? std::string_view(reinterpret_cast<const char*>(body->data()), body->size())
+           : std::string_view();
+  const Json parsed = parsedAnswer(text);
   auto& proxy = remoteDebugging_;
   if (parsed.is_discarded()) {
     proxy.dropPreLaunchData();

@@ -59,8 +59,9 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
   std::shared_ptr<platform::URLSession> buildSessionWithConfiguration();
   std::shared_ptr<platform::URLSession> bgSession() const { return bgSession_; }
 
-  // Posts an encrypted tracking request. Returns at once.
-  void sendRequestEventToServer(const QuorvelRequestCacheData& request, bool isRequestFromCache,
+  // Posts an encrypted tracking request. Returns at once. A record moved in is sent without a
+  // copy.
+  void sendRequestEventToServer(QuorvelRequestCacheData request, bool isRequestFromCache,
                                 const std::optional<std::string>& appID, bool isDebug,
                                 std::function<void()> onSuccess);
   // Sends again a report that waited in the outbox, marked on the wire as a kept request is
@@ -126,8 +127,10 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
   bool ownsKeptFolder() const;
   // Where a tracking request comes from: a fresh report, the kept-request folder, the outbox.
   enum class Origin { fresh, cache, outbox };
-  void post(const QuorvelRequestCacheData& request, std::string url, Origin origin,
-            OutboxSlotPtr slot, std::function<void()> onSuccess, ReportLedger::TicketPtr ticket);
+  // The record is shared by the request's completion and its cancellation, not copied.
+  using SharedRecord = std::shared_ptr<const QuorvelRequestCacheData>;
+  void post(SharedRecord record, std::string url, Origin origin, OutboxSlotPtr slot,
+            std::function<void()> onSuccess, ReportLedger::TicketPtr ticket);
   bool stopped() const { return consent_ && consent_->stopped(); }
   platform::ConsentGate::Generation consentGeneration() const {
     return consent_ ? consent_->generation() : 0;

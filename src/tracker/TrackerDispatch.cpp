@@ -113,10 +113,9 @@ void TrackerCore::callServerWithEventName(const std::string& name,
   }
 
   const char* prefix = isEvent ? "events" : (isIAd ? "attr" : "t");
-  const std::string url =
-      format("https://%@.%@/api/v%@/ios%@?app_id=%@&buildnumber=%@", prefix, host(),
-             kQuorvelAPIVersion, "event", appleAppID(), kQuorvelSDKVersion);
-  const Bytes body = encryptData(parameters);
+  std::string url = format("https://%@.%@/api/v%@/ios%@?app_id=%@&buildnumber=%@", prefix, host(),
+                           kQuorvelAPIVersion, "event", appleAppID(), kQuorvelSDKVersion);
+  Bytes body = encryptData(parameters);
   // The clear text is written a second time only to be shown, or to have its fault logged.
   if (log_->debugWanted() || body == Bytes{0xFF}) {
     QuorvelUtils::logRequestContent(
@@ -124,7 +123,7 @@ void TrackerCore::callServerWithEventName(const std::string& name,
         QuorvelUtils::getJsonStringFromDictionary(parameters.dict(), *log_).value_or(std::string()),
         *log_);
   }
-  QuorvelRequestCacheData record(url, body, kQuorvelSDKVersion);
+  QuorvelRequestCacheData record(std::move(url), std::move(body), kQuorvelSDKVersion);
   auto self = self_;
   std::function<void()> answered = [self, isLaunch] {
     const auto tracker = self->pin();
@@ -144,7 +143,7 @@ void TrackerCore::callServerWithEventName(const std::string& name,
   if (isLaunch)
     sendLaunchOnceDurable(std::move(record), std::move(answered));
   else
-    httpClient_->sendRequestEventToServer(record, false, appleAppID(), isDebug(),
+    httpClient_->sendRequestEventToServer(std::move(record), false, appleAppID(), isDebug(),
                                           std::move(answered));
 }
 
@@ -169,7 +168,7 @@ void TrackerCore::sendLaunchOnceDurable(QuorvelRequestCacheData record,
   }
   if (written || outbox_->durable() || attempt >= kLaunchWaits) {
     launchWaitLogged_ = false;
-    httpClient_->sendRequestEventToServer(record, false, appleAppID(), isDebug(),
+    httpClient_->sendRequestEventToServer(std::move(record), false, appleAppID(), isDebug(),
                                           std::move(answered));
     return;
   }

@@ -27,6 +27,7 @@
 #include <unordered_map>
 #include <utility>
 #include <variant>
+#include <vector>
 
 #include "platform/AtomicFile.h"
 #include "platform/posix/IdleMemory.h"
@@ -344,6 +345,8 @@ class CurlURLSession final : public URLSession,
       std::unique_lock lock(mutex_);
       workerEnded_.wait(lock, [this] { return !workerRunning_; });
     }
+    for (CURL* e : idleEasies_)
+      curl_easy_cleanup(e);
     if (multi_ != nullptr)
       curl_multi_cleanup(multi_);
     if (share_ != nullptr)
@@ -374,18 +377,23 @@ class CurlURLSession final : public URLSession,
 
   void start(std::shared_ptr<CurlTask> task) {
     bool needsWorker = false;
+    bool woken = false;
     {
       std::lock_guard lock(mutex_);
       if (stopping_)
         return;
       ++*unfinished_;
+      // Tasks already pending were announced by their own wake-up, and the worker takes all
+      // pending ones at once: under a burst one wake-up (a write and the worker's reads of the
+      // wake-up socket) serves many tasks instead of one each.
+      woken = !pending_.empty();
       pending_.push_back(std::move(task));
       needsWorker = !workerRunning_;
       workerRunning_ = true;
     }
     if (needsWorker)
       startWorker();
-    else
+    else if (!woken)
       wake();
   }
 
@@ -473,8 +481,18 @@ class CurlURLSession final : public URLSession,
     return options_.maxConnectionsPerHost * (origin.multiplexes ? kStreamsPerConnection : 1);
   }
 
+  // The origin of the last URL seen is kept: a burst sends one URL again and again, and
+  // parsing it costs more than the rest of the queueing.
+  const std::string& originOfQueued(const std::string& url) {
+    if (url != lastQueuedUrl_) {
+      lastQueuedOrigin_ = originOf(url);
+      lastQueuedUrl_ = url;
+    }
+    return lastQueuedOrigin_;
+  }
+
   void enqueue(std::shared_ptr<CurlTask> task) {
-    auto& state = origins_[originOf(task->originalRequest().url)];
+    auto& state = origins_[originOfQueued(task->originalRequest().url)];
     if (state.waiting.empty())
       ++originsWaiting_;
     state.waiting.push_back(std::move(task));
@@ -506,7 +524,7 @@ class CurlURLSession final : public URLSession,
     t->task = task;
     t->origin = std::move(origin);
     t->limit = options_.maxResponseBytes;
-    CURL* e = curl_easy_init();
+    CURL* e = takeEasy();
     if (e == nullptr) {
       deliver(*t, transportError(CURLE_OUT_OF_MEMORY, ""));
       release(*t);
@@ -569,6 +587,24 @@ class CurlURLSession final : public URLSession,
     active_[e] = std::move(t);
   }
 
+  // A finished transfer's handle serves the next one, reset to its defaults: making and
+  // freeing a handle for every request cost more than the reset.
+  CURL* takeEasy() {
+    if (idleEasies_.empty())
+      return curl_easy_init();
+    CURL* e = idleEasies_.back();
+    idleEasies_.pop_back();
+    curl_easy_reset(e);
+    return e;
+  }
+
+  void keepEasy(CURL* e) {
+    if (idleEasies_.size() < kIdleEasiesKept)
+      idleEasies_.push_back(e);
+    else
+      curl_easy_cleanup(e);
+  }
+
   void release(Transfer& t) {
     if (!t.origin.empty()) {
       auto& state = origins_[t.origin];
@@ -582,7 +618,7 @@ class CurlURLSession final : public URLSession,
           options_.connectionsOpened)
         options_.connectionsOpened->fetch_add(static_cast<std::uint64_t>(connects));
       curl_multi_remove_handle(multi_, t.easy);
-      curl_easy_cleanup(t.easy);
+      keepEasy(t.easy);
       t.easy = nullptr;
     }
     curl_slist_free_all(t.headers);
@@ -644,20 +680,22 @@ class CurlURLSession final : public URLSession,
           response.mimeType = mime;
         }
       }
-      deliver(*t, response);
+      deliver(*t, std::move(response));
     }
     release(*t);
   }
 
   // Hands the outcome to the callback queue. Cancelled tasks are told nothing.
-  void deliver(Transfer& t, const std::variant<URLResponse, Error>& outcome) {
+  void deliver(Transfer& t, std::variant<URLResponse, Error> outcome) {
     if (t.task->cancelled)
       return;
     auto task = t.task;
     Bytes body(t.body.begin(), t.body.end());
     auto delegate = delegate_;
-    const std::string downloadDir = options_.downloadDirectory;
-    callbacks_->async([task, outcome, body = std::move(body), delegate, downloadDir]() mutable {
+    // Only a download needs the folder: a data task's answer carries no copy of its name.
+    std::string downloadDir = task->isDownload() ? options_.downloadDirectory : std::string();
+    callbacks_->async([task, outcome = std::move(outcome), body = std::move(body), delegate,
+                       downloadDir = std::move(downloadDir)]() mutable {
       if (!task->isDownload()) {
         const auto completion = task->takeCompletion();
         if (!completion)
@@ -724,6 +762,10 @@ class CurlURLSession final : public URLSession,
         if (stopping_)
           break;
         if (!hasWork) {
+          // Idle: the kept handles go too, the next burst makes its own.
+          for (CURL* e : idleEasies_)
+            curl_easy_cleanup(e);
+          idleEasies_.clear();
           endWorkerLocked();
           return true;
         }
@@ -793,6 +835,11 @@ class CurlURLSession final : public URLSession,
   std::map<CURL*, std::unique_ptr<Transfer>> active_;
   std::unordered_map<std::string, Origin> origins_;
   std::size_t originsWaiting_ = 0;  // origins with waiting tasks
+  std::string lastQueuedUrl_;
+  std::string lastQueuedOrigin_;
+  // Handles of finished transfers, reset before reuse; freed with the session.
+  static constexpr std::size_t kIdleEasiesKept = 16;
+  std::vector<CURL*> idleEasies_;
 };
 
 namespace curl_detail {
