@@ -66,9 +66,10 @@ TEST(TrackersOnOnePlatform, EachReportGoesOnceAndALaterTrackerHoldsTheFolderAgai
 }
 
 // The folder emptied under the holder, then a second tracker: an idle holder whose watch saw
-// the removal locks the folder again first (the second is its guest); one that did not look
-// meanwhile stops holding at its next write (the second holds). Either way one holder at a
-// time, and each report made from then on goes once. (One that failed before and became a
+// the removal locks the folder again first (the second is its guest), and makes its outbox
+// again with what the removed one held; one that did not look meanwhile stops holding at its
+// next write (the second holds). Either way one holder at a time, and each report goes once,
+// the one that waited in the removed outbox too. (One that failed before and became a
 // kept-request file went with the folder.)
 class FolderEmptied : public ::testing::TestWithParam<bool> {};
 
@@ -83,6 +84,11 @@ TEST_P(FolderEmptied, OneHolderAfterItAndEachReportOnce) {
   first->trackEvent("before", std::nullopt);
   kit.dispatcher->advance(10s);
   EXPECT_EQ(first->deliveryStats().keptAsFiles, 1U);
+  kit.transport->setResponder([](const auto&) {
+    return testkit::Answer{503, "{}", "application/json", {}, {}};
+  });
+  first->trackEvent("waiting", std::nullopt);
+  kit.dispatcher->advance(10s);
   std::error_code ec;
   std::filesystem::remove_all(dir / "app", ec);
   const std::string lock = dir / "app/Library/QuorvelOutbox.sqlite.lock";
@@ -110,7 +116,7 @@ TEST_P(FolderEmptied, OneHolderAfterItAndEachReportOnce) {
     if (request.payload && request.service() == "events")
       events.insert(request.payload->value("event", ""));
   }
-  EXPECT_EQ(events, (std::multiset<std::string>{"second", "after"}));
+  EXPECT_EQ(events, (std::multiset<std::string>{"waiting", "second", "after"}));
 }
 
 INSTANTIATE_TEST_SUITE_P(TrackersOnOnePlatform, FolderEmptied, ::testing::Bool(),

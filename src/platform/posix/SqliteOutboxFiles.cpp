@@ -86,7 +86,9 @@ bool SqliteOutboxStore::startIntakeLocked(std::string& reason) {
   const std::uint64_t onDisk = toAdopt_.empty() ? 0 : toAdopt_.back().first;
   const std::uint64_t fromDatabase =
       inDatabase > 0 ? static_cast<std::uint64_t>(inDatabase) >> kIdShift : 0;
-  intakeNumber_ = std::max(onDisk, fromDatabase) + 1;
+  // Above this store's own earlier files too: files opened again after the folder was emptied
+  // under it hold records numbered from those.
+  intakeNumber_ = std::max({onDisk, fromDatabase, intakeNumber_}) + 1;
   // Far beyond any real use (one number a second of writing, for decades); past it the floor
   // is read from the records instead.
   constexpr std::uint64_t kLastNumber = std::uint64_t{1} << 30;
