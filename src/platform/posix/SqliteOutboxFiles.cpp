@@ -264,16 +264,16 @@ void SqliteOutboxStore::watchFolder(std::function<void()> onGuest,
     if (folderWatch_ || released_ || inheritedByFork())
       return;
     const std::filesystem::path database(path_);
-    folderWatch_ = NewFileWatch::start(
-        database.parent_path().string(),
-        [guestPrefix = database.filename().string() + kGuestSuffix, onGuest = std::move(onGuest),
-         onOtherFile = std::move(onOtherFile)](std::string_view name) {
-          const bool any = name.empty();  // events lost: either may have come
-          if (any || name.starts_with(guestPrefix))
-            onGuest();
-          if ((any || !name.starts_with(guestPrefix)) && onOtherFile)
-            onOtherFile(name);
-        });
+    watchCall_ = [guestPrefix = database.filename().string() + kGuestSuffix,
+                  onGuest = std::move(onGuest),
+                  onOtherFile = std::move(onOtherFile)](std::string_view name) {
+      const bool any = name.empty();  // events lost: either may have come
+      if (any || name.starts_with(guestPrefix))
+        onGuest();
+      if ((any || !name.starts_with(guestPrefix)) && onOtherFile)
+        onOtherFile(name);
+    };
+    folderWatch_ = NewFileWatch::start(database.parent_path().string(), watchCall_);
   } catch (...) {
     // Not watched: guests are taken at this holder's next write, or by the next holder.
   }

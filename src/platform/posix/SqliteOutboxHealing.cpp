@@ -97,6 +97,9 @@ bool SqliteOutboxStore::filesInPlaceLocked() const noexcept {
 void SqliteOutboxStore::reopenIfMoved() noexcept {
   if (inheritedByFork())
     return;
+  // A watch on the removed folder hears nothing more: it ends once the locks are let go (its
+  // thread may be in a call out of the store).
+  std::unique_ptr<NewFileWatch> removedWatch;
   const std::lock_guard syncing(syncMutex_);
   const std::lock_guard adopting(adoptMutex_);
   const std::lock_guard lock(intakeMutex_);
@@ -125,6 +128,12 @@ void SqliteOutboxStore::reopenIfMoved() noexcept {
       healingNote_ = "Quorvel outbox: its files were removed under this process; made again at " +
                      path_ + " with the " + std::to_string(carried_.size()) + " records they held";
       carried_.clear();
+      const std::lock_guard watching(watchMutex_);
+      if (folderWatch_) {
+        removedWatch = std::move(folderWatch_);
+        folderWatch_ =
+            NewFileWatch::start(std::filesystem::path(path_).parent_path().string(), watchCall_);
+      }
       return;
     }
     closeFilesLocked();

@@ -9,11 +9,13 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -198,6 +200,7 @@ class SqliteOutboxStore final : public OutboxStore {
   // Last, so that it ends first: its thread calls out of the store, never into it.
   std::mutex watchMutex_;
   std::unique_ptr<NewFileWatch> folderWatch_;
+  std::function<void(std::string_view)> watchCall_;  // what folderWatch_ calls
 };
 
 }  // namespace quorvel::platform
