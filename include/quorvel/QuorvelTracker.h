@@ -80,7 +80,7 @@ struct QuorvelDeliveryStats {
   // Failed in transport and kept as files for the replay after the next answer.
   std::uint64_t keptAsFiles = 0;
   std::uint64_t droppedOverSize = 0;  // the oldest, past the outbox's byte bound
-  std::uint64_t droppedOverAge = 0;   // past the outbox's age bound
+  std::uint64_t droppedOverAge = 0;   // past the age bound (outbox or kept-request files)
   std::uint64_t droppedByRule = 0;    // a launch too soon after the last, no developer key
   // Copies sent after one that may have reached the service (sent and never answered: its
   // process ended with it on the wire, or its transfer failed once the connection was made),
@@ -216,7 +216,7 @@ class QuorvelTracker {
   bool flushAtExit() noexcept;
   // The outbox keeps every accepted report on disk until it is answered, within these
   // bounds (16 MiB and 30 days by default); past them the oldest reports are dropped,
-  // counted and logged.
+  // counted and logged. The age bound holds for kept-request files too.
   void setOutboxLimits(std::uint64_t maxBytes, std::chrono::seconds maxAge) noexcept;
   QuorvelDeliveryStats deliveryStats() const noexcept;
 

@@ -191,6 +191,7 @@ void Outbox::scheduleSyncLocked() {
       self->stepDownIfTakenLocked();
       return;
     }
+    self->noteUnreadableLocked();  // a healing or a reopening the sync did
     self->noteSyncLocked(synced);
   });
 }

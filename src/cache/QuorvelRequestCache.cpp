@@ -254,9 +254,19 @@ std::vector<QuorvelRequestCacheData> QuorvelRequestCache::getCachedRequests() {
   if (!names)
     return result;
   const double now = secondsSince2001(platform_->clock->now());
+  const auto maxAge = static_cast<double>(maxAge_.load());
+  std::size_t overAge = 0;
   for (const auto& name : *names) {
     if (!isCacheEntry(name))
       continue;
+    // A name without a time says nothing of its age. A file another process is sending is
+    // that one's to drop.
+    const double created = leadingDouble(name.substr(0, name.rfind(".qv")));
+    if (maxAge > 0 && created > 0 && now - created > maxAge && mayClaim(name) &&
+        fs.removeFile(*directory + "/" + name)) {
+      ++overAge;
+      continue;
+    }
     const auto bytes = fs.readFile(*directory + "/" + name);
     const std::string text = bytes ? std::string(bytes->begin(), bytes->end()) : std::string();
     QuorvelRequestCacheData record;
@@ -265,7 +275,6 @@ std::vector<QuorvelRequestCacheData> QuorvelRequestCache::getCachedRequests() {
       if (line.empty())
         continue;
       if (line.rfind("url=", 0) == 0) {
-        const double created = leadingDouble(name.substr(0, name.rfind(".qv")));
         record.setRequestURL(trimBlanksAndTabs(line.substr(4)) +
                              format("&timeincache=%f", now - created));
       } else if (line.rfind("version=", 0) == 0) {
@@ -293,6 +302,12 @@ std::vector<QuorvelRequestCacheData> QuorvelRequestCache::getCachedRequests() {
                   "Quorvel: kept request %@ could not be read; removed", name);
       }
     }
+  }
+  if (overAge > 0) {
+    overAge_.fetch_add(overAge, std::memory_order_relaxed);
+    log_->log(kLogWarning, "-[QuorvelRequestCache getCachedRequests]",
+              "Quorvel: %lu kept requests older than %lld s dropped",
+              static_cast<unsigned long>(overAge), static_cast<long long>(maxAge));
   }
   return result;
 }

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -69,6 +70,10 @@ class QuorvelRequestCache : public std::enable_shared_from_this<QuorvelRequestCa
   void abandonReplay(const QuorvelRequestCacheData& request, bool answered);
   // Files removed because they held no readable request.
   std::uint64_t unreadableRemoved() const noexcept { return unreadable_.load(); }
+  // The outbox's age bound holds for kept files too: one whose report was made longer ago is
+  // removed when the folder is read, unsent, and counted. None until set.
+  void setMaxAge(std::chrono::seconds maxAge) noexcept { maxAge_ = maxAge.count(); }
+  std::uint64_t droppedOverAge() const noexcept { return overAge_.load(); }
   // A replay leaves: a repeat when an earlier copy of its file may have reached the service.
   void noteReplayLeaving(const QuorvelRequestCacheData& request);
   // Replays sent of files an earlier copy of which may have reached the service.
@@ -111,6 +116,8 @@ class QuorvelRequestCache : public std::enable_shared_from_this<QuorvelRequestCa
   std::atomic<std::uint64_t> filesWritten_{0};
   std::atomic<std::uint64_t> foundNothingAt_{UINT64_MAX};
   std::atomic<std::uint64_t> unreadable_{0};
+  std::atomic<std::int64_t> maxAge_{0};  // seconds; 0: no bound
+  std::atomic<std::uint64_t> overAge_{0};
   std::atomic<std::uint64_t> repeated_{0};
 };
 

@@ -111,6 +111,7 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
   outbox_ = std::make_shared<Outbox>(platform_->outbox, outboxQueue_,
                                      platform_->dispatcher->makeSerialQueue(kOutboxSyncQueueLabel),
                                      platform_->clock, log_, Outbox::Limits{});
+  requestCache_->setMaxAge(Outbox::Limits{}.maxAge);
   ledger_->holdEarlierRunWhile(outbox_->writesFailFlag());
   outbox_->setInstallEpoch([epoch = installEpoch_] { return epoch->onDisk(); });
   httpClient_ =

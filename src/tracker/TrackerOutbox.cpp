@@ -102,6 +102,7 @@ void TrackerCore::dropCurrentReport() {
 
 void TrackerCore::setOutboxLimits(std::uint64_t maxBytes, std::chrono::seconds maxAge) {
   outbox_->setLimits(Outbox::Limits{maxBytes, maxAge});
+  requestCache_->setMaxAge(maxAge);
 }
 
 QuorvelDeliveryStats TrackerCore::deliveryStats() {
@@ -117,7 +118,7 @@ QuorvelDeliveryStats TrackerCore::deliveryStats() {
   out.waiting = s.waiting;
   out.keptAsFiles = s.handedToFolder;
   out.droppedOverSize = s.droppedForBytes;
-  out.droppedOverAge = s.droppedForAge;
+  out.droppedOverAge = s.droppedForAge + requestCache_->droppedOverAge();
   out.droppedByRule = s.droppedByRule;
   out.repeated = s.repeated + requestCache_->repeatedReplays();
   out.dataDirectoryHeldElsewhere = outbox_->dataDirectoryHeldElsewhere();

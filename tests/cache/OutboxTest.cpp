@@ -572,18 +572,22 @@ TEST_F(OutboxTest, BoundsDropTheOldestAndCountThem) {
   fakes.dispatcher->advance(1ms);
   EXPECT_EQ(sent().size(), stats.waiting);  // the dropped ones never go
 
-  // Unanswered reports older than the age bound are dropped at the next start.
+  // Unanswered reports older than the age bound are dropped at the next start, and so is a
+  // kept-request file.
   tracker->setOutboxLimits(1U << 20U, std::chrono::hours(1));
   for (int i = 0; i < 3; ++i)
     tracker->trackEvent("old", std::nullopt);
   fakes.dispatcher->advance(1ms);
+  ASSERT_TRUE(tracker->requestCache()->cacheRequest(
+      QuorvelRequestCacheData("https://t.svc.example/old", Bytes{1}, "4.8.0")));
   fakes.clock->advance(std::chrono::hours(2));
   const auto next = restart();
   tracker->setOutboxLimits(1U << 20U, std::chrono::hours(1));
   tracker->trackEvent("late", std::nullopt);
-  fakes.dispatcher->runUntilIdle();
-  EXPECT_EQ(tracker->deliveryStats().droppedOverAge, 3U);
-  EXPECT_EQ(fakes.systemLog->count("reports older than 3600 s dropped"), 1U);
+  answerAllFrom(sent().size());
+  EXPECT_EQ(tracker->deliveryStats().droppedOverAge, 4U);
+  EXPECT_EQ(fakes.systemLog->count("older than 3600 s dropped"), 2U);
+  EXPECT_EQ(tracker->requestCache()->getCacheSize(), 0U);
   EXPECT_EQ(payloadsOf("old").size(), 3U);  // none of them went again
 }
 

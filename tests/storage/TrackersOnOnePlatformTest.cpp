@@ -1,5 +1,6 @@
 // Trackers made on one platform share its data directory as processes do: one holds it, the
 // others keep their reports for it, and one made after another ended holds it again.
+#include <algorithm>
 #include <filesystem>
 #include <set>
 
@@ -66,9 +67,10 @@ TEST(TrackersOnOnePlatform, EachReportGoesOnceAndALaterTrackerHoldsTheFolderAgai
 }
 
 // The folder emptied under the holder, then a second tracker: an idle holder whose watch saw
-// the removal locks the folder again first (the second is its guest); one that did not look
-// meanwhile stops holding at its next write (the second holds). Either way one holder at a
-// time, and each report made from then on goes once. (One that failed before and became a
+// the removal locks the folder again first (the second is its guest), and makes its outbox
+// again with what the removed one held; one that did not look meanwhile stops holding at its
+// next write (the second holds). Either way one holder at a time, and each report goes once,
+// the one that waited in the removed outbox too. (One that failed before and became a
 // kept-request file went with the folder.)
 class FolderEmptied : public ::testing::TestWithParam<bool> {};
 
@@ -83,6 +85,11 @@ TEST_P(FolderEmptied, OneHolderAfterItAndEachReportOnce) {
   first->trackEvent("before", std::nullopt);
   kit.dispatcher->advance(10s);
   EXPECT_EQ(first->deliveryStats().keptAsFiles, 1U);
+  kit.transport->setResponder([](const auto&) {
+    return testkit::Answer{503, "{}", "application/json", {}, {}};
+  });
+  first->trackEvent("waiting", std::nullopt);
+  kit.dispatcher->advance(10s);
   std::error_code ec;
   std::filesystem::remove_all(dir / "app", ec);
   const std::string lock = dir / "app/Library/QuorvelOutbox.sqlite.lock";
@@ -94,7 +101,12 @@ TEST_P(FolderEmptied, OneHolderAfterItAndEachReportOnce) {
   }
   auto second = configured();
   second->trackEvent("second", std::nullopt);
-  kit.dispatcher->advance(10s);
+  EXPECT_TRUE(test::eventually([&] {  // sent by the holder, idle or not
+    kit.dispatcher->advance(300ms);
+    return std::ranges::any_of(kit.transport->sent(), [](const auto& request) {
+      return request.payload && request.payload->value("event", "") == "second";
+    });
+  }));
   first->trackEvent("after", std::nullopt);
   kit.dispatcher->advance(10s);
   EXPECT_EQ(first->deliveryStats().dataDirectoryHeldElsewhere, !holderLooksFirst);
@@ -110,7 +122,7 @@ TEST_P(FolderEmptied, OneHolderAfterItAndEachReportOnce) {
     if (request.payload && request.service() == "events")
       events.insert(request.payload->value("event", ""));
   }
-  EXPECT_EQ(events, (std::multiset<std::string>{"second", "after"}));
+  EXPECT_EQ(events, (std::multiset<std::string>{"waiting", "second", "after"}));
 }
 
 INSTANTIATE_TEST_SUITE_P(TrackersOnOnePlatform, FolderEmptied, ::testing::Bool(),

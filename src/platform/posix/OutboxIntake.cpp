@@ -151,6 +151,14 @@ bool OutboxIntake::removed() const noexcept {
   return ::fstat(fd_.get(), &info) != 0 || info.st_nlink == 0;
 }
 
+bool OutboxIntake::isAt(const std::string& path) const noexcept {
+  struct stat held {};
+  struct stat atPath {};
+  return ::fstat(fd_.get(), &held) == 0 && held.st_nlink > 0 &&
+         ::lstat(path.c_str(), &atPath) == 0 && atPath.st_dev == held.st_dev &&
+         atPath.st_ino == held.st_ino;
+}
+
 OutboxIntake::~OutboxIntake() = default;
 
 bool OutboxIntake::append(const std::vector<OutboxChange>& changes,

@@ -53,6 +53,8 @@ class OutboxIntake {
   void unlock() noexcept;
   // True once the file was removed (another process took what it held).
   bool removed() const noexcept;
+  // True while this file is the one at `path` (not removed, nor another put in its place).
+  bool isAt(const std::string& path) const noexcept;
 
  private:
   explicit OutboxIntake(int fd) : fd_(fd) {}

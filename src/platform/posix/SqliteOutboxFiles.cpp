@@ -87,7 +87,9 @@ bool SqliteOutboxStore::startIntakeLocked(std::string& reason) {
   const std::uint64_t onDisk = toAdopt_.empty() ? 0 : toAdopt_.back().first;
   const std::uint64_t fromDatabase =
       inDatabase > 0 ? static_cast<std::uint64_t>(inDatabase) >> kIdShift : 0;
-  intakeNumber_ = std::max(onDisk, fromDatabase) + 1;
+  // Above this store's own earlier files too: files opened again after the folder was emptied
+  // under it hold records numbered from those.
+  intakeNumber_ = std::max({onDisk, fromDatabase, intakeNumber_}) + 1;
   // Far beyond any real use (one number a second of writing, for decades); past it the floor
   // is read from the records instead.
   constexpr std::uint64_t kLastNumber = std::uint64_t{1} << 30;
@@ -263,16 +265,16 @@ void SqliteOutboxStore::watchFolder(std::function<void()> onGuest,
     if (folderWatch_ || released_ || inheritedByFork())
       return;
     const std::filesystem::path database(path_);
-    folderWatch_ = NewFileWatch::start(
-        database.parent_path().string(),
-        [guestPrefix = database.filename().string() + kGuestSuffix, onGuest = std::move(onGuest),
-         onOtherFile = std::move(onOtherFile)](std::string_view name) {
-          const bool any = name.empty();  // events lost: either may have come
-          if (any || name.starts_with(guestPrefix))
-            onGuest();
-          if ((any || !name.starts_with(guestPrefix)) && onOtherFile)
-            onOtherFile(name);
-        });
+    watchCall_ = [guestPrefix = database.filename().string() + kGuestSuffix,
+                  onGuest = std::move(onGuest),
+                  onOtherFile = std::move(onOtherFile)](std::string_view name) {
+      const bool any = name.empty();  // events lost: either may have come
+      if (any || name.starts_with(guestPrefix))
+        onGuest();
+      if ((any || !name.starts_with(guestPrefix)) && onOtherFile)
+        onOtherFile(name);
+    };
+    folderWatch_ = NewFileWatch::start(database.parent_path().string(), watchCall_);
   } catch (...) {
     // Not watched: guests are taken at this holder's next write, or by the next holder.
   }

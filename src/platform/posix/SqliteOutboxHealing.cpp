@@ -1,15 +1,18 @@
 // Healing the outbox database: the schema checked (an older one migrated, a newer or foreign one
-// taken as damage), and a damaged file set aside for a fresh one holding every record still
-// readable, after a second look tells damage from a passing fault.
+// taken as damage), a damaged file set aside for a fresh one holding every record still
+// readable, after a second look tells damage from a passing fault, and files removed under the
+// process made again with what they held.
 #include "platform/posix/SqliteOutboxStore.h"
 
 #include <sqlite3.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <limits>
 #include <string>
 #include <utility>
@@ -76,6 +79,69 @@ bool SqliteOutboxStore::healLocked(std::string& reason) noexcept {
   } catch (...) {
     reason = "out of memory healing " + path_;
     return false;
+  }
+}
+
+bool SqliteOutboxStore::filesInPlaceLocked() const noexcept {
+  struct stat atPath {};
+  return ::lstat(path_.c_str(), &atPath) == 0 && atPath.st_dev == databaseFile_.first &&
+         atPath.st_ino == databaseFile_.second &&
+         intake_->isAt(path_ + kIntakeSuffix + std::to_string(intakeNumber_));
+}
+
+// The removed files stay readable through their descriptors: every record they hold (the
+// database's with the intake's changes over it, the counters' record included, so that no
+// counter is given again) is written into the new intake in one batch, under its number, and
+// moved into the new database by the next sync(). A failure keeps them in memory, and the
+// next write or sync tries again.
+void SqliteOutboxStore::reopenIfMoved() noexcept {
+  if (inheritedByFork())
+    return;
+  // A watch on the removed folder hears nothing more: it ends once the locks are let go (its
+  // thread may be in a call out of the store).
+  std::unique_ptr<NewFileWatch> removedWatch;
+  const std::lock_guard syncing(syncMutex_);
+  const std::lock_guard adopting(adoptMutex_);
+  const std::lock_guard lock(intakeMutex_);
+  // A healing that waits has closed the database (its records cannot be carried now): it opens
+  // the file at the path itself.
+  if (lock_.get() < 0 || heldElsewhere_ || healPending_ || (intake_ && filesInPlaceLocked()))
+    return;
+  try {
+    if (intake_) {
+      bool failed = false;
+      for (auto& record : mergedPage(std::numeric_limits<std::int64_t>::min(),
+                                     std::numeric_limits<std::size_t>::max(), failed))
+        carried_.push_back({record.id, std::move(record.content)});
+    }
+    closeFilesLocked();
+    std::error_code ec;
+    std::filesystem::create_directories(std::filesystem::path(path_).parent_path(), ec);
+    std::string reason;
+    damage_ = 0;
+    std::vector<OutboxIntake::Place> places;
+    if ((openDatabaseLocked(reason) || (damage_ != 0 && healLocked(reason))) &&
+        startIntakeLocked(reason) && (carried_.empty() || intake_->append(carried_, places))) {
+      for (std::size_t i = 0; i < carried_.size(); ++i)
+        pending_.insert_or_assign(carried_[i].id, Pending{intake_, places[i], false});
+      const std::lock_guard note(noteMutex_);
+      healingNote_ = "Quorvel outbox: its files were removed under this process; made again at " +
+                     path_ + " with the " + std::to_string(carried_.size()) + " records they held";
+      carried_.clear();
+      const std::lock_guard watching(watchMutex_);
+      if (folderWatch_) {
+        removedWatch = std::move(folderWatch_);
+        folderWatch_ =
+            NewFileWatch::start(std::filesystem::path(path_).parent_path().string(), watchCall_);
+      }
+      return;
+    }
+    closeFilesLocked();
+    const std::lock_guard note(noteMutex_);
+    lastError_ = "cannot make the removed " + path_ +
+                 " again: " + (reason.empty() ? std::string(std::strerror(errno)) : reason);
+  } catch (...) {
+    closeFilesLocked();  // out of memory: what was carried so far stays for the next try
   }
 }
 

@@ -107,6 +107,12 @@ void SqliteOutboxStore::close() noexcept {
 }
 
 void SqliteOutboxStore::closeLocked() noexcept {
+  closeFilesLocked();
+  carried_.clear();  // let go or forgotten: what removed files held goes nowhere now
+  lock_.reset();     // releases the advisory lock
+}
+
+void SqliteOutboxStore::closeFilesLocked() noexcept {
   intake_.reset();
   healAttempts_ = 0;
   healPending_ = false;
@@ -122,7 +128,6 @@ void SqliteOutboxStore::closeLocked() noexcept {
     sqlite3_close_v2(db_);
     db_ = nullptr;
   }
-  lock_.reset();  // releases the advisory lock
 }
 
 // In a child made by fork() the parent's descriptors are closed already; its connections are
@@ -278,6 +283,8 @@ bool SqliteOutboxStore::openDatabaseLocked(std::string& reason) noexcept {
     return false;
   }
   keepPrivate(path_);
+  if (struct stat opened{}; ::stat(path_.c_str(), &opened) == 0)
+    databaseFile_ = {opened.st_dev, opened.st_ino};
   sqlite3_busy_timeout(db_, 1000);
   // No checkpoint inside a write: sync() does them, on its own connection.
   // The outbox appends and removes by number: a small page cache does (the default 2 MB
@@ -321,7 +328,7 @@ bool SqliteOutboxStore::openDatabaseLocked(std::string& reason) noexcept {
 
 // Two calls, at each write and sync: a lock on a file that was removed holds nothing, and a
 // process started meanwhile would lock a new one and hold the folder too.
-bool SqliteOutboxStore::stillHoldsLocked() noexcept {
+bool SqliteOutboxStore::stillHoldsLocked(bool* lockRemade) noexcept {
   if (heldElsewhere_)
     return false;
   const std::string lockPath = path_ + ".lock";
@@ -340,6 +347,8 @@ bool SqliteOutboxStore::stillHoldsLocked() noexcept {
     return true;  // nothing can be made there now, and no other process can lock it either
   if (::flock(fresh.get(), LOCK_EX | LOCK_NB) == 0) {
     lock_ = std::move(fresh);  // still the only holder
+    if (lockRemade != nullptr)
+      *lockRemade = true;
     return true;
   }
   if (errno != EWOULDBLOCK)
@@ -355,8 +364,20 @@ bool SqliteOutboxStore::stillHoldsLocked() noexcept {
 }
 
 bool SqliteOutboxStore::apply(const std::vector<OutboxChange>& changes) noexcept {
-  const std::lock_guard lock(intakeMutex_);
-  if (!intake_ || !stillHoldsLocked())
+  std::unique_lock lock(intakeMutex_);
+  bool lockRemade = false;
+  if (intake_ && !stillHoldsLocked(&lockRemade))
+    return false;
+  // The folder emptied (its files likely with the lock), or a reopening that failed: the
+  // batch goes to the files at the path, not to removed ones.
+  if (lockRemade || (!intake_ && lock_.get() >= 0)) {
+    lock.unlock();
+    reopenIfMoved();
+    lock.lock();
+    if (!intake_ || !stillHoldsLocked())
+      return false;
+  }
+  if (!intake_)
     return false;
   try {
     std::vector<OutboxIntake::Place> places;
@@ -405,6 +426,7 @@ bool SqliteOutboxStore::sync() noexcept {
     if (intake_ && !stillHoldsLocked())
       return false;  // the records stay readable here until the library has handed them over
   }
+  reopenIfMoved();
   healAgainIfDue();
   if (syncOnce())
     return true;

@@ -4,14 +4,18 @@
 // never send or delete) each other's reports.
 #pragma once
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -102,11 +106,20 @@ class SqliteOutboxStore final : public OutboxStore {
   // Whether this store still holds the folder: its lock file is the one at the path. A lock
   // file removed (the folder emptied under the process) is made and locked again; one another
   // process made and locked means it holds the folder now (`heldElsewhere_` set). `intakeMutex_`
-  // held.
-  bool stillHoldsLocked() noexcept;
+  // held. `lockRemade`, if given, is set when the lock file had to be made again.
+  bool stillHoldsLocked(bool* lockRemade = nullptr) noexcept;
   void close() noexcept;
   // `intakeMutex_` held by these.
   void closeLocked() noexcept;
+  // Closes the database and the intake, the lock kept.
+  void closeFilesLocked() noexcept;
+  // Whether the database and the intake being written are still the files at their paths.
+  bool filesInPlaceLocked() const noexcept;
+  // The data folder emptied under the process (or the database or the intake removed alone):
+  // what is written to the removed files would go with their last descriptor. The store opens
+  // files at the path again, made anew, with every record the removed ones still hold. Takes
+  // the locks of healLocked().
+  void reopenIfMoved() noexcept;
   // True in a child made by fork() after this store was opened: it leaves the store alone.
   bool inheritedByFork() noexcept;
   void forgetInherited() noexcept;
@@ -148,7 +161,10 @@ class SqliteOutboxStore final : public OutboxStore {
   std::vector<OutboxRecord> databasePage(std::int64_t afterId, std::size_t limit, bool& failed);
 
   std::string path_;
-  sqlite3* db_ = nullptr;  // the reads: pages and the highest number
+  sqlite3* db_ = nullptr;                   // the reads: pages and the highest number
+  std::pair<dev_t, ino_t> databaseFile_{};  // the file db_ opened
+  // Records of removed files, for a reopening that failed to put in the files made again.
+  std::vector<OutboxChange> carried_;
   std::mutex syncMutex_;
   sqlite3* syncDb_ = nullptr;  // sync()'s own connection: the commits and checkpoints
   ParentOnlyDescriptor lock_;
@@ -186,6 +202,7 @@ class SqliteOutboxStore final : public OutboxStore {
   // Last, so that it ends first: its thread calls out of the store, never into it.
   std::mutex watchMutex_;
   std::unique_ptr<NewFileWatch> folderWatch_;
+  std::function<void(std::string_view)> watchCall_;  // what folderWatch_ calls
 };
 
 }  // namespace quorvel::platform
