@@ -198,6 +198,10 @@ bool Outbox::forgetAll(bool everyGuestFile) noexcept {
         lockedOut_->removeEveryGuestFile();
       else if (lockedOut_)
         lockedOut_->removeOwnGuestFiles();
+      // A store that would not open here (a full disk) is this one's: its mark of unkept
+      // counters goes, or the new install's first launch would be numbered above the old ones.
+      if (lockedOut_ && !heldElsewhere_)
+        lockedOut_->markCountersUnkept({});
       return !heldElsewhere_;
     }
     if (store_->destroy()) {
