@@ -103,13 +103,11 @@ void Outbox::noteFolderAnswer(long status) {
 }
 
 void Outbox::answered(const OutboxSlotPtr& slot) {
-  markAnsweredCounters();
   if (settleCounted(slot, delivered_))
     writeNowIfExiting();
 }
 
 void Outbox::refused(const OutboxSlotPtr& slot) {
-  markAnsweredCounters();
   if (settleCounted(slot, refused_))
     writeNowIfExiting();
 }

@@ -376,11 +376,8 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // process's.
   void mergeCountersLocked(const std::vector<platform::OutboxRecord>& first);
   std::int64_t counterLocked(const std::string& key) const;
-  // After a failed write that held counters: once one of their reports is answered, the
-  // store's mark holds the highest given, for the next start.
+  // After a failed write that held counters: the store's mark for the next start.
   void markUnkeptCountersLocked();
-  void markAnsweredCounters() noexcept;
-  std::atomic<bool> countersUnkept_{false};  // given out since the last counters record kept
   // Record 0 was written: the counters given out are kept.
   void noteCountersKeptLocked();
   void scheduleLockRetry();
@@ -432,9 +429,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   bool countersDirty_ = false;
   bool countersRead_ = false;           // record 0 of the store was read
   Json keptCounters_ = Json::object();  // record 0 as the store last took it
-  // The counters the store's mark of unkept counters holds; empty when none is set.
-  platform::OutboxStore::Counters markedCounters_;
-  bool countersUnkeptMarked_ = false;  // a mark is on the disk (one read at start may name none)
+  bool countersUnkeptMarked_ = false;   // the store's mark of counters not kept is set
   bool unkeptCountersLogged_ = false;
   std::int64_t lastId_ = 0;
   struct Held {

@@ -12,8 +12,8 @@ using namespace outbox_internal;
 
 namespace {
 
-// How far above the kept counters a mark that names none (one an earlier version set) lets
-// the next start number: that version let none go further. A process launches a few times,
+// How far a counter may go beyond its kept value while the disk refuses it: the next start
+// numbers above that, so a full disk costs at most this gap. A process launches a few times,
 // but may send many events.
 std::int64_t unkeptReach(const std::string& key) {
   return key == keys::kCounter ? 16 : 10'000;
@@ -79,67 +79,34 @@ void Outbox::mergeCountersLocked(const std::vector<platform::OutboxRecord>& firs
       }
     }
   }
-  const auto mark = store_ ? store_->countersUnkept() : std::nullopt;
-  if (!mark)
+  if (!store_ || !store_->countersUnkept())
     return;
-  // An earlier process gave out counters its full disk did not keep, and the service answered
-  // reports that carried them: numbering goes on above the highest it gave then (or, from a
-  // mark that names none, a reach above the kept ones). Kept before the mark is cleared.
+  // An earlier process gave out counters its full disk did not keep, and their reports may
+  // have reached the service; it let none go beyond the kept ones by more than the reach, so
+  // numbering goes on above that. Kept before the mark is cleared.
   countersUnkeptMarked_ = true;
-  markedCounters_ = *mark;
-  for (const std::string key : {keys::kCounter, keys::kInAppCounter}) {
-    const auto it = mark->find(key);
-    const std::int64_t floor = mark->empty() ? keptValue(keptCounters_, key) + unkeptReach(key)
-                               : it != mark->end() ? it->second
-                                                   : 0;
-    counters_[key] = std::max(counterLocked(key), floor);
-  }
+  for (const std::string key : {keys::kCounter, keys::kInAppCounter})
+    counters_[key] = std::max(counterLocked(key), keptValue(keptCounters_, key) + unkeptReach(key));
   countersDirty_ = true;
 }
 
-// Counters given out while the disk refused them go from memory with their reports (a write
-// that fails never stops delivery). Once the service answers one of those reports, a counter
-// up to the highest given may have reached it and must never be given again: the store's
-// mark keeps that highest for the next start, renamed as it grows. One whose report no answer
-// came for may be given again after a kill: that report either never arrived (the new one
-// takes its place: an install's first launch still arrives) or arrived unanswered, a repeat
-// nothing here could have told. Where no mark can be made (a read-only folder), the log says
-// once that a later start may give a counter again.
-void Outbox::markAnsweredCounters() noexcept {
-  if (!countersUnkept_.load(std::memory_order_acquire))
-    return;
-  try {
-    const std::lock_guard lock(storeMutex_);
-    markUnkeptCountersLocked();
-  } catch (...) {
-    // Marked at the next answer.
-  }
-}
-
+// A write failed with counters in it: the store's mark tells the next start to number above
+// the kept ones by the reach. The reports go in any case (a write that fails never stops
+// delivery): where no mark can be made (a read-only folder), or a process goes beyond the
+// reach, a later start may give a counter again, and the log says so once.
 void Outbox::markUnkeptCountersLocked() {
-  if (!countersUnkept_.load(std::memory_order_acquire) || heldElsewhere_)
-    return;  // kept since, or the holder numbers
-  platform::OutboxStore::Counters given = markedCounters_;
-  const auto raise = [&given](const std::string& key, std::int64_t value) {
-    auto& highest = given[key];
-    highest = std::max(highest, value);
-  };
-  for (const auto& [key, value] : counters_.items()) {
-    if (value.is_number_integer())
-      raise(key, value.get<std::int64_t>());
-  }
-  {
-    const std::lock_guard buffer(bufferMutex_);
-    for (const auto& [key, value] : noted_)
-      raise(key, value);
-  }
-  if (given == markedCounters_ && countersUnkeptMarked_)
-    return;
+  if (heldElsewhere_)
+    return;  // the holder numbers
   platform::OutboxStore* const store = store_ ? store_.get() : lockedOut_.get();
-  if (store != nullptr && store->markCountersUnkept(given)) {
-    markedCounters_ = std::move(given);
-    countersUnkeptMarked_ = true;
-  } else if (!unkeptCountersLogged_) {
+  if (store != nullptr && !countersUnkeptMarked_)
+    countersUnkeptMarked_ = store->markCountersUnkept(true);
+  bool beyondReach = false;
+  for (const auto& [key, value] : counters_.items()) {
+    beyondReach = beyondReach ||
+                  (value.is_number_integer() &&
+                   value.get<std::int64_t>() > keptValue(keptCounters_, key) + unkeptReach(key));
+  }
+  if ((!countersUnkeptMarked_ || beyondReach) && !unkeptCountersLogged_) {
     unkeptCountersLogged_ = true;
     log_->log(kLogWarning, kMethod,
               "Quorvel outbox: the counters given out cannot be kept; a later start may give "
@@ -149,11 +116,8 @@ void Outbox::markUnkeptCountersLocked() {
 
 void Outbox::noteCountersKeptLocked() {
   keptCounters_ = counters_;
-  countersUnkept_.store(false, std::memory_order_release);
-  if (countersUnkeptMarked_ && store_ && store_->markCountersUnkept({})) {
+  if (countersUnkeptMarked_ && store_ && store_->markCountersUnkept(false))
     countersUnkeptMarked_ = false;
-    markedCounters_.clear();
-  }
 }
 
 bool Outbox::numberingIsSafe() {

@@ -186,8 +186,6 @@ bool Outbox::forgetAll(bool everyGuestFile) noexcept {
     counters_ = Json::object();
     keptCounters_ = Json::object();
     countersUnkeptMarked_ = false;
-    markedCounters_.clear();
-    countersUnkept_.store(false, std::memory_order_release);
     countersDirty_ = false;
     if (!store_) {
       // Another process's store is not this one's to forget; what this one kept there for it,
@@ -211,7 +209,7 @@ bool Outbox::forgetAll(bool everyGuestFile) noexcept {
       watching_ = false;
       return true;
     }
-    store_->markCountersUnkept({});  // the new install numbers from the start
+    store_->markCountersUnkept(false);  // the new install numbers from the start
     std::vector<platform::OutboxChange> removals;
     for (std::int64_t after = kCountersRecord - 1;;) {
       const auto page = store_->load(after, 1000);

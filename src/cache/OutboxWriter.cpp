@@ -131,10 +131,10 @@ void Outbox::writeBufferedLocked() {
   // forgotten, once this process sees it: no disk failed.
   if (!written && (!heldElsewhere_ || handOverFailed) && !epochStaleLocked())
     countNotKeptLocked();
-  // A counter that reached the service is never given out again: the next start numbers
-  // above those the store refused once one of their reports is answered.
-  if (!written && unwritten_.contains(kCountersRecord) && !heldElsewhere_)
-    countersUnkept_.store(true, std::memory_order_release);
+  // A counter that may reach the service is never given out again: the next start numbers
+  // above the counters the store refused.
+  if (!written && unwritten_.contains(kCountersRecord))
+    markUnkeptCountersLocked();
   // The rest of a burst, at once.
   if (more && !promptWriteScheduled_.exchange(true))
     runLocked(&Outbox::writeBufferedLocked);

@@ -114,20 +114,17 @@ bool MemoryOutboxStore::destroy() noexcept {
   if (failWrites_)
     return false;
   records_.clear();
-  countersUnkept_.reset();
+  countersUnkept_ = false;
   return true;
 }
 
-bool MemoryOutboxStore::markCountersUnkept(const Counters& counters) noexcept {
+bool MemoryOutboxStore::markCountersUnkept(bool unkept) noexcept {
   std::lock_guard lock(mutex_);
-  if (counters.empty())
-    countersUnkept_.reset();
-  else
-    countersUnkept_ = counters;
+  countersUnkept_ = unkept;
   return true;
 }
 
-std::optional<platform::OutboxStore::Counters> MemoryOutboxStore::countersUnkept() const noexcept {
+bool MemoryOutboxStore::countersUnkept() const noexcept {
   std::lock_guard lock(mutex_);
   return countersUnkept_;
 }

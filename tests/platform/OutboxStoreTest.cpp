@@ -175,24 +175,6 @@ TEST_F(OutboxStoreTest, ASecondOpenerIsRefusedUntilTheFirstCloses) {
   EXPECT_EQ(contents(third).size(), 1U);
 }
 
-// The mark of counters a full disk did not keep lives in a file's name: it takes the counters
-// back as they grow, one mark at a time; one an earlier version left names none.
-TEST_F(OutboxStoreTest, TheMarkOfUnkeptCountersKeepsTheHighestGiven) {
-  SqliteOutboxStore store(file());
-  std::string reason;
-  ASSERT_TRUE(store.open(reason)) << reason;
-  EXPECT_EQ(store.countersUnkept(), std::nullopt);
-  using Counters = OutboxStore::Counters;
-  for (const Counters& given : {Counters{{"L", 1}, {"E", 7}}, Counters{{"L", 2}, {"E", 9}}}) {
-    ASSERT_TRUE(store.markCountersUnkept(given));
-    EXPECT_EQ(SqliteOutboxStore(file()).countersUnkept(), given);
-  }
-  ASSERT_TRUE(store.markCountersUnkept({}));
-  EXPECT_EQ(store.countersUnkept(), std::nullopt);
-  { std::ofstream earlier(file() + ".unkept-counters"); }
-  EXPECT_EQ(store.countersUnkept(), Counters{});
-}
-
 TEST_F(OutboxStoreTest, AStoreThatCannotBeOpenedSaysWhy) {
   { std::ofstream notAFolder(dir / "Library"); }
   SqliteOutboxStore store(file());

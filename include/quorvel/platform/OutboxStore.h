@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -59,16 +58,12 @@ class OutboxStore {
   // disk; a later open() makes a new, empty one. False when it cannot (the library then
   // removes the records one by one).
   virtual bool destroy() noexcept { return false; }
-  // Counters that went out while the store could not keep them (a full disk) and that reached
-  // the service: the highest of each, kept where the records cannot (in an empty file's name,
-  // which needs no data block), so that the next start numbers above them. Set again as they
-  // grow; an empty `counters` clears it once they are kept. False when it cannot be set or
+  // A mark that counters went out that the store could not keep (a full disk): set before
+  // such a report leaves, cleared once the counters are kept again. It must hold where the
+  // records cannot (an empty file's name needs no data block). False when it cannot be set or
   // cleared; a store that cannot keep it never reports one.
-  using Counters = std::map<std::string, std::int64_t>;
-  virtual bool markCountersUnkept(const Counters& counters) noexcept { return counters.empty(); }
-  // The mark's counters: nullopt when there is none, empty when it names none (one set by an
-  // earlier version, which said only that some went beyond the kept ones).
-  virtual std::optional<Counters> countersUnkept() const noexcept { return std::nullopt; }
+  virtual bool markCountersUnkept(bool unkept) noexcept { return !unkept; }
+  virtual bool countersUnkept() const noexcept { return false; }
   // Lets go of the storage for good (its files stay): the tracker that used it has ended, and
   // another may open the same storage at once. Every later call fails, open() included.
   virtual void release() noexcept {}

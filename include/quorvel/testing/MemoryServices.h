@@ -110,8 +110,8 @@ class MemoryOutboxStore final : public platform::OutboxStore {
   bool sync() noexcept override;
   bool destroy() noexcept override;
   // Kept whether writes fail or not, as an empty file's name on a full disk.
-  bool markCountersUnkept(const Counters& counters) noexcept override;
-  std::optional<Counters> countersUnkept() const noexcept override;
+  bool markCountersUnkept(bool unkept) noexcept override;
+  bool countersUnkept() const noexcept override;
 
   std::size_t size() const;
   int syncCount() const;
@@ -126,7 +126,7 @@ class MemoryOutboxStore final : public platform::OutboxStore {
   int syncCount_ = 0;
   bool failWrites_ = false;
   bool heldElsewhere_ = false;
-  std::optional<Counters> countersUnkept_;
+  bool countersUnkept_ = false;
 };
 
 // Keeps every line the library logs (with its debug switch on).

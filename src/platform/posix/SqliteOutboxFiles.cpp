@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
 #include <filesystem>
 #include <map>
@@ -388,13 +387,7 @@ bool SqliteOutboxStore::destroy() noexcept {
   } catch (...) {
     removed = false;
   }
-  try {
-    for (const auto& mark : unkeptMarks())
-      removed = (::unlink(mark.c_str()) == 0 || errno == ENOENT) && removed;
-  } catch (...) {
-    removed = false;
-  }
-  for (const char* suffix : {"-wal", "-shm", "", ".lock"}) {
+  for (const char* suffix : {"-wal", "-shm", kUnkeptSuffix, "", ".lock"}) {
     const std::string file = path_ + suffix;
     removed = (::unlink(file.c_str()) == 0 || errno == ENOENT) && removed;
   }
@@ -403,77 +396,30 @@ bool SqliteOutboxStore::destroy() noexcept {
   return removed;
 }
 
-// The mark is an empty file whose name holds the counters ("<store>.unkept-counters.KEY-N..."):
-// creating or renaming it writes no data, so a full disk (or a file size limit) still takes
-// it where it refuses every record.
-std::vector<std::string> SqliteOutboxStore::unkeptMarks() const {
-  const std::filesystem::path database(path_);
-  const std::string prefix = database.filename().string() + kUnkeptSuffix;
-  std::vector<std::string> marks;
-  std::error_code ec;
-  for (std::filesystem::directory_iterator it(database.parent_path(), ec), end; !ec && it != end;
-       it.increment(ec)) {
-    const std::string name = it->path().filename().string();
-    if (name == prefix || name.starts_with(prefix + "."))
-      marks.push_back(it->path().string());
-  }
-  return marks;
-}
-
-bool SqliteOutboxStore::markCountersUnkept(const Counters& counters) noexcept {
+// An empty file: its creation writes no data, so a full disk (or a file size limit) still
+// takes it where it refuses every record.
+bool SqliteOutboxStore::markCountersUnkept(bool unkept) noexcept {
   if (inheritedByFork())
-    return counters.empty();  // the parent's folder
+    return !unkept;  // the parent's folder
+  const std::string mark = path_ + kUnkeptSuffix;
+  if (unkept) {
+    const int fd = ::open(mark.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (fd < 0)
+      return false;
+    ::close(fd);
+  } else if (::unlink(mark.c_str()) != 0) {
+    return errno == ENOENT;
+  }
   try {
-    std::vector<std::string> marks = unkeptMarks();
-    std::string mark = path_ + kUnkeptSuffix;
-    for (const auto& [key, value] : counters)
-      mark += "." + key + "-" + std::to_string(value);
-    if (!counters.empty() && !marks.empty()) {
-      // Renamed in one step: a kill leaves the old mark or the new one, never none.
-      if (marks.front() != mark && ::rename(marks.front().c_str(), mark.c_str()) != 0)
-        return false;
-      marks.erase(marks.begin());
-    } else if (!counters.empty()) {
-      const int fd = ::open(mark.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-      if (fd < 0)
-        return false;
-      ::close(fd);
-    }
-    bool done = true;
-    for (const auto& other : marks)
-      done = (::unlink(other.c_str()) == 0 || errno == ENOENT) && done;
     syncDirectory(std::filesystem::path(path_).parent_path().string());
-    return done;
   } catch (...) {
     return false;
   }
+  return true;
 }
 
-std::optional<OutboxStore::Counters> SqliteOutboxStore::countersUnkept() const noexcept {
-  try {
-    const std::size_t prefix = path_.size() + std::string_view(kUnkeptSuffix).size();
-    std::optional<Counters> counters;
-    for (const auto& mark : unkeptMarks()) {
-      auto& found = counters ? *counters : counters.emplace();
-      std::string_view rest = std::string_view(mark).substr(prefix);
-      while (rest.size() > 1 && rest.front() == '.') {
-        rest.remove_prefix(1);
-        const std::string_view part = rest.substr(0, rest.find('.'));
-        rest.remove_prefix(part.size());
-        const std::size_t dash = part.rfind('-');
-        std::int64_t value = 0;
-        if (dash == std::string_view::npos ||
-            std::from_chars(part.data() + dash + 1, part.data() + part.size(), value).ec !=
-                std::errc())
-          continue;
-        auto& highest = found[std::string(part.substr(0, dash))];
-        highest = std::max(highest, value);
-      }
-    }
-    return counters;
-  } catch (...) {
-    return Counters{};  // a mark that cannot be read is taken as one that names none
-  }
+bool SqliteOutboxStore::countersUnkept() const noexcept {
+  return ::access((path_ + kUnkeptSuffix).c_str(), F_OK) == 0;
 }
 
 }  // namespace quorvel::platform

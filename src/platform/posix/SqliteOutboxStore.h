@@ -69,16 +69,14 @@ class SqliteOutboxStore final : public OutboxStore {
   void unwatchFolder() noexcept override;
   void removeOwnGuestFiles() noexcept override;
   void removeEveryGuestFile() noexcept override;
-  bool markCountersUnkept(const Counters& counters) noexcept override;
-  std::optional<Counters> countersUnkept() const noexcept override;
+  bool markCountersUnkept(bool unkept) noexcept override;
+  bool countersUnkept() const noexcept override;
 
  private:
   static constexpr const char* kIntakeSuffix = ".intake-";
   static constexpr const char* kGuestSuffix = ".guest-";
   static constexpr const char* kHealingSuffix = ".healing";
   static constexpr const char* kUnkeptSuffix = ".unkept-counters";
-  // The paths of the marks of unkept counters (one, but a kill may leave two).
-  std::vector<std::string> unkeptMarks() const;
 
   // Which guest file the holder was taking, and how much of it, written with the records it
   // took: a holder killed before it removed the file leaves this mark, and the next one takes
