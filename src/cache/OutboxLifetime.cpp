@@ -199,7 +199,7 @@ bool Outbox::forgetAll(bool everyGuestFile) noexcept {
       // A store that would not open here (a full disk) is this one's: its mark of unkept
       // counters goes, or the new install's first launch would be numbered above the old ones.
       if (lockedOut_ && !heldElsewhere_)
-        lockedOut_->markCountersUnkept({});
+        lockedOut_->markCountersUnkept(false);
       return !heldElsewhere_;
     }
     if (store_->destroy()) {
