@@ -25,6 +25,13 @@ Error stoppedError() {
 // Whether a failed transfer may have taken the request to the service: not when no connection
 // was made (no route, refused, no name), none was secured (the handshake or the certificate
 // failed), the URL was unusable, or it was cancelled before it started.
+// A 2xx takes a report and a 4xx other than 429 refuses it for good; any other answer (a 5xx,
+// a 429, a redirect not followed, an informational or impossible status) took nothing, and the
+// report goes again later.
+bool answerSettles(long status) {
+  return (status >= 200 && status < 300) || (status >= 400 && status < 500 && status != 429);
+}
+
 bool mayHaveArrived(const Error& error) {
   switch (error.code) {
     case -999:
@@ -203,8 +210,8 @@ void QuorvelHTTPClient::post(SharedRecord record, std::string url, Origin origin
           if (!self->consentHolds(generation)) {
             // A 5xx or a 429 took nothing: the report stays for a start that runs.
             const long status = response ? response->statusCode : 0L;
-            const bool taken = !error && status < 500 && status != 429;
-            self->settleAfterConsentChanged(slot, taken);
+            const bool taken = !error && answerSettles(status);
+            self->settleAfterConsentChanged(slot, taken, status);
             if (origin == Origin::cache)
               self->cache_->abandonReplay(request, taken);
             return;
@@ -227,7 +234,7 @@ void QuorvelHTTPClient::post(SharedRecord record, std::string url, Origin origin
       if (replayCancelled)
         replayCancelled();
       else
-        settleAfterConsentChanged(slotUnderWay, false);
+        settleAfterConsentChanged(slotUnderWay, false, 0);
     }
     return;
   }
@@ -299,17 +306,20 @@ void QuorvelHTTPClient::cancelRequestsUnderWay() {
     if (underWay.onCancelled)
       underWay.onCancelled();
     else
-      settleAfterConsentChanged(underWay.slot, false);
+      settleAfterConsentChanged(underWay.slot, false, 0);
   }
 }
 
-void QuorvelHTTPClient::settleAfterConsentChanged(const OutboxSlotPtr& slot, bool answered) {
+void QuorvelHTTPClient::settleAfterConsentChanged(const OutboxSlotPtr& slot, bool answered,
+                                                  long status) {
   log_->log(kLogDebug, "-[QuorvelHTTPClient sendRequestEventToServer:]_block_invoke",
             "Quorvel was stopped while the request was on its way: its answer is ignored");
   if (!outbox_ || !slot)
     return;  // a forgetting settled it already
   // Delivered, it must not go twice; unanswered, it waits for a start that runs.
-  if (answered) {
+  if (answered && status >= 400) {
+    outbox_->refused(slot);
+  } else if (answered) {
     outbox_->answered(slot);
   } else {
     const auto ticket = ReportLedger::current();
@@ -362,7 +372,7 @@ bool QuorvelHTTPClient::handleTrackingAnswer(const QuorvelRequestCacheData& requ
   // a 429 says the service did not take the report: it stays (in the outbox, or as its kept
   // file) and goes again after a backoff, where an answered request used to be deleted whatever
   // its status, which lost every report a restarting or overloaded service turned away.
-  const bool takeLater = status >= 500 || status == 429;
+  const bool takeLater = !answerSettles(status);
   if (takeLater) {
     log_->log(kLogWarning, kMethod,
               "Quorvel: the service answered %ld: the report is kept and goes again later", status);

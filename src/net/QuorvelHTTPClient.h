@@ -139,7 +139,7 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
     return !consent_ || consent_->holds(start);
   }
   // An answer that came after the consent changed: the outbox alone learns of it.
-  void settleAfterConsentChanged(const OutboxSlotPtr& slot, bool answered);
+  void settleAfterConsentChanged(const OutboxSlotPtr& slot, bool answered, long status);
   // True when the service answered: the caller runs what follows an answer, outside any hold.
   bool handleTrackingAnswer(const QuorvelRequestCacheData& request, Origin origin,
                             const OutboxSlotPtr& slot, const std::optional<Bytes>& body,

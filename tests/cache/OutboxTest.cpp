@@ -443,6 +443,8 @@ TEST_F(OutboxTest, OnlyA2xxDeliversAnd5xxOr429GoAgain) {
       {503, {}, 0s, true},
       {500, {{"retry-after", "90"}}, 89s, true},
       {429, {{"Retry-After", "Thu, 01 Jan 2065 00:02:00 GMT"}}, 110s, true},
+      {302, {}, 0s, true},  // a redirect not followed took nothing either
+      {100, {}, 0s, true},
       {404, {}, 0s, false}};
   std::size_t refused = 0;
   for (const auto& c : cases) {
