@@ -62,6 +62,10 @@ TEST(PosixFileSystem, LayoutDatesAndAtomicWrites) {
   EXPECT_EQ(again.creationDate(again.libraryDirectory()), created);
   EXPECT_TRUE(fs.modificationDate(fs.temporaryDirectory()));
   EXPECT_FALSE(fs.creationDate(dir / "missing"));
+  // Forgotten, the install is dated anew: nothing leads back to the old date.
+  const auto forgetting = std::chrono::floor<std::chrono::microseconds>(TimePoint::clock::now());
+  EXPECT_TRUE(fs.forgetCreationDates());
+  EXPECT_GE(fs.creationDate(fs.libraryDirectory()), forgetting);
 
   const std::string file = fs.cachesDirectory() + "/x.bin";
   EXPECT_TRUE(fs.writeFileAtomically(file, Bytes{1, 2, 3}));

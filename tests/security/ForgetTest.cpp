@@ -130,8 +130,10 @@ constexpr const char* kStopMarker = "app/Library/QuorvelStopped";
 // The files of a forgotten install: the stop flag in the preferences, the stop marker that
 // other processes read and the random epoch that tells them of the forgetting, nothing else.
 ::testing::AssertionResult forgotten(std::map<std::string, std::string> files) {
+  // The install's date marker holds only the moment of the forgetting.
   if (files.erase(kStopMarker) == 1 && files.erase("app/Library/QuorvelInstallEpoch") == 1 &&
-      files.size() == 1 && files.begin()->first.find("Preferences/") != std::string::npos &&
+      files.erase("app/Library/.quorvel-created") == 1 && files.size() == 1 &&
+      files.begin()->first.find("Preferences/") != std::string::npos &&
       Json::parse(files.begin()->second, nullptr, false) == Json{{"QuorvelStopped", true}})
     return ::testing::AssertionSuccess();
   return ::testing::AssertionFailure() << "left behind:\n" << listing(files);

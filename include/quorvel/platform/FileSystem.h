@@ -70,8 +70,8 @@ class FileSystem {
     }
     return all;
   }
-  // Removes whatever the file system wrote to date the app's directories (where the system
-  // records no creation time itself): the install is being forgotten. False when it could not.
+  // Dates the app's directories from now, whatever the system recorded: the install is being
+  // forgotten, and the next one's dates must not lead back to it. False when it could not.
   virtual bool forgetCreationDates() { return true; }
 };
 

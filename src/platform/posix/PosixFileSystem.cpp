@@ -54,20 +54,25 @@ PosixFileSystem::PosixFileSystem(std::string dataDirectory) : data_(std::move(da
   const bool existed = fileExists(library);
   makeDirectories(cachesDirectory(), 0700);
   makeDirectories(temporaryDirectory(), 0700);
-  if (!existed) {
-    const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(
-                            std::chrono::system_clock::now().time_since_epoch())
-                            .count();
-    const std::string text = std::to_string(micros) + "\n";
-    writeFileAtomically(library + "/" + kCreationMarker, Bytes(text.begin(), text.end()));
-  }
+  if (!existed)
+    markCreatedNow(library);
 }
 
+bool PosixFileSystem::markCreatedNow(const std::string& directory) {
+  const auto micros = std::chrono::duration_cast<std::chrono::microseconds>(
+                          std::chrono::system_clock::now().time_since_epoch())
+                          .count();
+  const std::string text = std::to_string(micros) + "\n";
+  return writeFileAtomically(directory + "/" + kCreationMarker, Bytes(text.begin(), text.end()));
+}
+
+// The marker first: a forgotten install's directories keep their birth time, and the new
+// install's dates must not lead back to the old one.
 std::optional<TimePoint> PosixFileSystem::creationDate(const std::string& path) const {
-  if (auto born = birthTime(path))
-    return born;
   if (auto marked = markerTime(path))
     return marked;
+  if (auto born = birthTime(path))
+    return born;
   return modificationDate(path);
 }
 
@@ -133,8 +138,9 @@ bool PosixFileSystem::removeFilesIn(const std::string& directory) {
 }
 
 bool PosixFileSystem::forgetCreationDates() {
-  const std::string marker = libraryDirectory() + "/" + kCreationMarker;
-  return ::unlink(marker.c_str()) == 0 || errno == ENOENT;
+  // The temporary directory is dated by its last change.
+  const bool temporary = ::utimensat(AT_FDCWD, temporaryDirectory().c_str(), nullptr, 0) == 0;
+  return markCreatedNow(libraryDirectory()) && temporary;
 }
 
 bool PosixFileSystem::moveFile(const std::string& from, const std::string& to,

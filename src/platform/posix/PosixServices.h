@@ -143,6 +143,8 @@ class PosixFileSystem final : public FileSystem {
   static constexpr const char* kCreationMarker = ".quorvel-created";
 
  private:
+  // A marker that dates `directory` from now, ahead of its birth time.
+  bool markCreatedNow(const std::string& directory);
   std::string data_;
 };
 
