@@ -203,7 +203,10 @@ QUORVEL_C_API quorvel_status quorvel_tracker_create(const quorvel_options* optio
  * destroy the other, or replace its callbacks, may wait for each other for ever. In a child made by
  * fork() from a process that had the tracker, it returns at once and frees nothing: the child's
  * copy is inert (every other call on it is QUORVEL_ERROR_FAILED), and its parent's threads, which
- * it would wait for, did not come along. Destroying a handle twice is undefined. */
+ * it would wait for, did not come along. Destroying a handle twice is undefined. A process
+ * that exits (exit(), or returning from main) without destroying a tracker has what it tracked
+ * written to the disk by an exit handler, with no send and no callback then; the next start
+ * sends it. */
 QUORVEL_C_API void quorvel_tracker_destroy(quorvel_tracker* tracker);
 
 /* --- Settings -------------------------------------------------------------------------- */

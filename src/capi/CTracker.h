@@ -240,6 +240,12 @@ struct quorvel_tracker {
 namespace quorvel::capi {
 
 // A handle for a tracker on `platform`, whose host transport (if any) goes through `gate`.
+// The handles this process has not destroyed: at its exit, what each accepted is written to
+// the disk (an engine that ends with exit() and no destroy loses nothing it tracked).
+// Unregistered first thing in a destroy.
+void keepAtExit(quorvel_tracker* handle);
+void noLongerKeptAtExit(quorvel_tracker* handle) noexcept;
+
 quorvel_tracker* makeHandle(std::shared_ptr<const Platform> platform,
                             std::shared_ptr<CallGate> gate) noexcept;
 // Whether the current thread is inside one of the handle's own calls into the host.

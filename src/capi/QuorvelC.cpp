@@ -212,6 +212,7 @@ quorvel_tracker* makeHandle(std::shared_ptr<const Platform> platform,
         std::make_unique<QuorvelTracker>(withHostLog(std::move(platform), handle->log));
     handle->delegate = delegateFor(handle->callbacks);
     handle->tracker->setDelegate(handle->delegate);
+    keepAtExit(handle.get());
     return handle.release();  // owned by the host until quorvel_tracker_destroy
   } catch (...) {
     return nullptr;
@@ -352,6 +353,7 @@ void quorvel_tracker_destroy(quorvel_tracker* tracker) {
     return;
   }
   using quorvel::capi::kTransportCallBound;
+  quorvel::capi::noLongerKeptAtExit(tracker);
   tracker->callbacks->close();
   tracker->log->close();
   // Only a call of this very handle waits for its caller: inside another handle's callback (or

@@ -166,6 +166,9 @@ class TrackerCore {
   void setExitFlushTimeout(std::chrono::milliseconds timeout);
   // What is unanswered at exit stays in the outbox, written and synced.
   bool flushAtExit() noexcept;
+  // At the exit of a process whose host never ended this tracker: what it accepted is written
+  // and synced, with no send and no call into the host, whose state may be gone by then.
+  void keepAtExit() noexcept;
   void setOutboxLimits(std::uint64_t maxBytes, std::chrono::seconds maxAge);
   QuorvelDeliveryStats deliveryStats();
   std::shared_ptr<Outbox> outbox() const { return outbox_; }

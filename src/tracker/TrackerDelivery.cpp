@@ -196,6 +196,19 @@ bool TrackerCore::flushAtExit() noexcept {
   }
 }
 
+void TrackerCore::keepAtExit() noexcept {
+  if (inertAfterFork())
+    return;  // the parent's
+  try {
+    acceptIntake();
+    outbox_->tryFreedLock();
+    outbox_->exitFlushOver();
+    outbox_->drainAndSync();
+  } catch (...) {
+    // What the intake held ends with the process, as it would without this.
+  }
+}
+
 bool TrackerCore::isStopped() const {
   return consent_->stopped();
 }

@@ -529,6 +529,36 @@ TEST(CApi, AFlushSaysOkOnlyWhenTheServiceTookEveryReport) {
   }
 }
 
+// An engine that ends with exit() and never destroys its tracker: what it tracked in its last
+// moments (not yet on the disk when exit() was called) is written then and sent at the next
+// start.
+TEST(CApi, WhatAHostTrackedRightBeforeExitWithoutDestroyIsSentAtTheNextStart) {
+  const HostFolder folder;
+  const auto neverAnswers = [](void*, const quorvel_transport_request*, quorvel_transport_reply*) {
+  };
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    quorvel_tracker* tracker = configured(folder.options(neverAnswers, nullptr));
+    for (int i = 0; i < 50; ++i)
+      quorvel_track_event(tracker, "last", 4, nullptr, 0);
+    std::exit(0);
+  }
+  // Its exit status is not judged here: in this binary a dependency initialises OpenSSL at
+  // load time with its own exit cleanup, which the library's threads, still building, can meet.
+  int status = 0;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  static std::atomic<int> sent = 0;
+  const auto answers = [](void*, const quorvel_transport_request*, quorvel_transport_reply* reply) {
+    ++sent;
+    quorvel_transport_respond(reply, 200, "", 0, nullptr, 0);
+  };
+  quorvel_tracker* tracker = configured(folder.options(answers, nullptr));
+  EXPECT_EQ(quorvel_flush(tracker, 30000), QUORVEL_OK);
+  EXPECT_EQ(sent.load(), 50);
+  quorvel_tracker_destroy(tracker);
+}
+
 // What earlier trackers on the folder left unsent goes by the replay: a flush waits for it
 // instead of judging it failed before it was ever tried. And a flush under way on another
 // thread when the host destroys the handle is waited for (under AddressSanitizer, a flush
