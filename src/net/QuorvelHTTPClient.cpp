@@ -47,24 +47,6 @@ bool mayHaveArrived(const Error& error) {
   }
 }
 
-// The service answers every report of a burst with the same few bytes: the parse of the last
-// answer a thread read is kept and copied for the same text, which costs a fraction of parsing.
-// Only small answers are kept, so that a thread holds a few kilobytes at most.
-Json parsedAnswer(std::string_view text) {
-  constexpr std::size_t kKeptAnswerBytes = 4096;
-  if (text.size() > kKeptAnswerBytes)
-    return parseBoundedJson(text);
-  thread_local std::string lastText;
-  thread_local Json lastParsed;
-  thread_local bool parsedOnce = false;
-  if (!parsedOnce || text != lastText) {
-    lastParsed = parseBoundedJson(text);
-    lastText.assign(text);
-    parsedOnce = true;
-  }
-  return lastParsed;
-}
-
 }  // namespace
 
 std::shared_ptr<QuorvelHTTPClient> QuorvelHTTPClient::create(
@@ -416,7 +398,7 @@ void QuorvelHTTPClient::applyTrackingAnswer(const std::optional<Bytes>& body) {
   const std::string_view text =
       body ? std::string_view(reinterpret_cast<const char*>(body->data()), body->size())
            : std::string_view();
-  const Json parsed = parsedAnswer(text);
+  const Json parsed = parseBoundedJson(text);
   auto& proxy = remoteDebugging_;
   if (parsed.is_discarded()) {
     proxy.dropPreLaunchData();
