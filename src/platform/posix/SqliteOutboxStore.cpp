@@ -135,8 +135,9 @@ void SqliteOutboxStore::closeFilesLocked() noexcept {
 // the parent's log) but let go, a leak of the child's only. No lock is taken: a thread of the
 // parent may have held one at the fork.
 bool SqliteOutboxStore::inheritedByFork() noexcept {
-  inherited_ = inherited_ || lock_.closedByFork();
-  return inherited_;
+  if (!inherited_.load() && lock_.closedByFork())
+    inherited_.store(true);
+  return inherited_.load();
 }
 
 void SqliteOutboxStore::forgetInherited() noexcept {

@@ -166,7 +166,7 @@ class SqliteOutboxStore final : public OutboxStore {
   std::mutex syncMutex_;
   sqlite3* syncDb_ = nullptr;  // sync()'s own connection: the commits and checkpoints
   ParentOnlyDescriptor lock_;
-  bool inherited_ = false;
+  std::atomic<bool> inherited_{false};  // read from the writer and the sync queues
   std::atomic<bool> heldElsewhere_{false};
   std::atomic<bool> released_{false};
   int damage_ = 0;                  // the SQLite code of damage met, until it is healed
