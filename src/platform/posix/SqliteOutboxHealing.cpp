@@ -95,13 +95,14 @@ bool SqliteOutboxStore::filesInPlaceLocked() const noexcept {
 // moved into the new database by the next sync(). A failure keeps them in memory, and the
 // next write or sync tries again.
 void SqliteOutboxStore::reopenIfMoved() noexcept {
-  if (inheritedByFork())
-    return;
   // A watch on the removed folder hears nothing more: it ends once the locks are let go (its
   // thread may be in a call out of the store).
   std::unique_ptr<NewFileWatch> removedWatch;
   const std::lock_guard syncing(syncMutex_);
   const std::lock_guard adopting(adoptMutex_);
+  // Under the locks a release takes: it closes the lock this looks at.
+  if (inheritedByFork())
+    return;
   const std::lock_guard lock(intakeMutex_);
   // A healing that waits has closed the database (its records cannot be carried now): it opens
   // the file at the path itself.
