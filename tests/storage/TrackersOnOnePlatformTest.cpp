@@ -35,6 +35,15 @@ struct OnePlatform {
     tracker->setAppleAppID(std::string("123456789"));
     return tracker;
   }
+  // The events the service was sent, by name.
+  std::multiset<std::string> sentEvents() const {
+    std::multiset<std::string> events;
+    for (const auto& request : kit.transport->sent()) {
+      if (request.payload && request.service() == "events")
+        events.insert(request.payload->value("event", ""));
+    }
+    return events;
+  }
 };
 
 TEST(TrackersOnOnePlatform, EachReportGoesOnceAndALaterTrackerHoldsTheFolderAgain) {
@@ -57,12 +66,7 @@ TEST(TrackersOnOnePlatform, EachReportGoesOnceAndALaterTrackerHoldsTheFolderAgai
   auto third = configured();
   third->trackEvent("third", std::nullopt);
   kit.dispatcher->advance(10s);
-  std::multiset<std::string> events;
-  for (const auto& request : kit.transport->sent()) {
-    if (request.payload && request.service() == "events")
-      events.insert(request.payload->value("event", ""));
-  }
-  EXPECT_EQ(events, (std::multiset<std::string>{"first", "second", "third"}));
+  EXPECT_EQ(one.sentEvents(), (std::multiset<std::string>{"first", "second", "third"}));
   EXPECT_FALSE(third->deliveryStats().dataDirectoryHeldElsewhere);
 }
 
@@ -117,12 +121,7 @@ TEST_P(FolderEmptied, OneHolderAfterItAndEachReportOnce) {
   kit.transport->clear();
   auto third = configured();
   kit.dispatcher->advance(10s);
-  std::multiset<std::string> events;
-  for (const auto& request : kit.transport->sent()) {
-    if (request.payload && request.service() == "events")
-      events.insert(request.payload->value("event", ""));
-  }
-  EXPECT_EQ(events, (std::multiset<std::string>{"waiting", "second", "after"}));
+  EXPECT_EQ(one.sentEvents(), (std::multiset<std::string>{"waiting", "second", "after"}));
 }
 
 INSTANTIATE_TEST_SUITE_P(TrackersOnOnePlatform, FolderEmptied, ::testing::Bool(),
