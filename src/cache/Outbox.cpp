@@ -58,6 +58,7 @@ void Outbox::setLimits(Limits limits) {
 
 OutboxSlotPtr Outbox::accept(OutboxIntent intent, platform::TimePoint at) {
   auto slot = std::make_shared<OutboxSlot>(at);
+  slot->launch_ = intent.kind == OutboxIntent::Kind::launch;
   accepted_.fetch_add(1, std::memory_order_relaxed);
   waiting_.fetch_add(1, std::memory_order_relaxed);
   enqueue(Put{slot, {}, std::move(intent), nullptr, nullptr});

@@ -76,6 +76,7 @@ class OutboxSlot {
   const platform::TimePoint acceptedAt_;
   std::int64_t id_ = 0;      // set and read on the outbox's queue only
   bool earlierRun_ = false;  // left by an earlier run: set and read under the store's lock
+  bool launch_ = false;      // a launch report: set before the slot is shared
   std::atomic<bool> inFlight_{false};
   std::atomic<bool> requestMade_{false};
   std::atomic<Outcome> outcome_{Outcome::open};  // set once: no further change
@@ -378,6 +379,8 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   std::int64_t counterLocked(const std::string& key) const;
   // After a failed write that held counters: the store's mark for the next start.
   void markUnkeptCountersLocked();
+  void noteLaunchLeavingLocked();
+  void logCountersMayRepeatOnce();
   // Record 0 was written: the counters given out are kept.
   void noteCountersKeptLocked();
   void scheduleLockRetry();
@@ -430,6 +433,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   bool countersRead_ = false;           // record 0 of the store was read
   Json keptCounters_ = Json::object();  // record 0 as the store last took it
   bool countersUnkeptMarked_ = false;   // the store's mark of counters not kept is set
+  bool launchUnsentMarked_ = false;     // and its mark that no launch of those has left yet
   bool unkeptCountersLogged_ = false;
   std::int64_t lastId_ = 0;
   struct Held {

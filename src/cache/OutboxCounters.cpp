@@ -14,9 +14,11 @@ namespace {
 
 // How far a counter may go beyond its kept value while the disk refuses it: the next start
 // numbers above that, so a full disk costs at most this gap. A process launches a few times,
-// but may send many events.
-std::int64_t unkeptReach(const std::string& key) {
-  return key == keys::kCounter ? 16 : 10'000;
+// but may send many events. No launch of the gap left: the launch counter has none.
+std::int64_t unkeptReach(const std::string& key, bool launchUnsent) {
+  if (key != keys::kCounter)
+    return 10'000;
+  return launchUnsent ? 0 : 16;
 }
 
 std::int64_t keptValue(const Json& kept, const std::string& key) {
@@ -85,8 +87,11 @@ void Outbox::mergeCountersLocked(const std::vector<platform::OutboxRecord>& firs
   // have reached the service; it let none go beyond the kept ones by more than the reach, so
   // numbering goes on above that. Kept before the mark is cleared.
   countersUnkeptMarked_ = true;
-  for (const std::string key : {keys::kCounter, keys::kInAppCounter})
-    counters_[key] = std::max(counterLocked(key), keptValue(keptCounters_, key) + unkeptReach(key));
+  launchUnsentMarked_ = store_->launchUnsent();
+  for (const std::string key : {keys::kCounter, keys::kInAppCounter}) {
+    counters_[key] = std::max(
+        counterLocked(key), keptValue(keptCounters_, key) + unkeptReach(key, launchUnsentMarked_));
+  }
   countersDirty_ = true;
 }
 
@@ -98,26 +103,50 @@ void Outbox::markUnkeptCountersLocked() {
   if (heldElsewhere_)
     return;  // the holder numbers
   platform::OutboxStore* const store = store_ ? store_.get() : lockedOut_.get();
-  if (store != nullptr && !countersUnkeptMarked_)
+  if (store != nullptr && !countersUnkeptMarked_) {
     countersUnkeptMarked_ = store->markCountersUnkept(true);
+    // No launch has left with an unkept counter yet: a report leaves only after the write
+    // that carried its counters, and this is the first such write that failed.
+    launchUnsentMarked_ = countersUnkeptMarked_ && store->markLaunchUnsent(true);
+  }
   bool beyondReach = false;
   for (const auto& [key, value] : counters_.items()) {
-    beyondReach = beyondReach ||
-                  (value.is_number_integer() &&
-                   value.get<std::int64_t>() > keptValue(keptCounters_, key) + unkeptReach(key));
+    beyondReach = beyondReach || (value.is_number_integer() &&
+                                  value.get<std::int64_t>() >
+                                      keptValue(keptCounters_, key) + unkeptReach(key, false));
   }
-  if ((!countersUnkeptMarked_ || beyondReach) && !unkeptCountersLogged_) {
-    unkeptCountersLogged_ = true;
-    log_->log(kLogWarning, kMethod,
-              "Quorvel outbox: the counters given out cannot be kept; a later start may give "
-              "some of them again");
-  }
+  if (!countersUnkeptMarked_ || beyondReach)
+    logCountersMayRepeatOnce();
+}
+
+void Outbox::logCountersMayRepeatOnce() {
+  if (unkeptCountersLogged_)
+    return;
+  unkeptCountersLogged_ = true;
+  log_->log(kLogWarning, kMethod,
+            "Quorvel outbox: the counters given out cannot be kept; a later start may give "
+            "some of them again");
 }
 
 void Outbox::noteCountersKeptLocked() {
   keptCounters_ = counters_;
-  if (countersUnkeptMarked_ && store_ && store_->markCountersUnkept(false))
+  if (countersUnkeptMarked_ && store_ && store_->markCountersUnkept(false)) {
     countersUnkeptMarked_ = false;
+    launchUnsentMarked_ = false;
+  }
+}
+
+// Before a launch report leaves while counters are unkept: from now on it may reach the
+// service, and its counter must never be given again.
+void Outbox::noteLaunchLeavingLocked() {
+  if (!launchUnsentMarked_)
+    return;
+  platform::OutboxStore* const store = store_ ? store_.get() : lockedOut_.get();
+  if (store != nullptr && store->markLaunchUnsent(false)) {
+    launchUnsentMarked_ = false;
+    return;
+  }
+  logCountersMayRepeatOnce();
 }
 
 bool Outbox::numberingIsSafe() {

@@ -186,6 +186,7 @@ bool Outbox::forgetAll(bool everyGuestFile) noexcept {
     counters_ = Json::object();
     keptCounters_ = Json::object();
     countersUnkeptMarked_ = false;
+    launchUnsentMarked_ = false;
     countersDirty_ = false;
     if (!store_) {
       // Another process's store is not this one's to forget; what this one kept there for it,

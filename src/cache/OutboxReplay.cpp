@@ -102,6 +102,7 @@ void Outbox::loadLeftoverPage() {
 
 void Outbox::keepLeftoverLocked(Leftover left, std::size_t bytes) {
   left.slot->earlierRun_ = true;
+  left.slot->launch_ = left.intent && left.intent->kind == OutboxIntent::Kind::launch;
   Held held;
   held.slot = left.slot;
   held.bytes = bytes;
@@ -154,8 +155,12 @@ void Outbox::dropExpiredLeftoversLocked() {
     const auto id = left.slot->id_;
     forgetHeldLocked(id);
     expired.push_back({id, std::nullopt});
-    waiting_.fetch_sub(1, std::memory_order_relaxed);
-    droppedForAge_.fetch_add(1, std::memory_order_relaxed);
+    // Settled, so that a flush that judged it (begun before the first call released the
+    // leftovers) says it failed instead of waiting out its bound.
+    if (left.slot->settle(false)) {
+      waiting_.fetch_sub(1, std::memory_order_relaxed);
+      droppedForAge_.fetch_add(1, std::memory_order_relaxed);
+    }
     return true;
   });
   if (expired.empty())

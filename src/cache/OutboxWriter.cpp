@@ -81,6 +81,7 @@ void Outbox::writeBufferedLocked() {
   if (countersDirty_)
     changes.push_back({kCountersRecord, counters_.dump()});
   std::vector<std::function<void()>> sends;
+  bool launchLeaves = false;
   std::optional<platform::TimePoint> firstCall;
   std::size_t calls = 0;
   for (auto& op : batch) {
@@ -106,8 +107,10 @@ void Outbox::writeBufferedLocked() {
       held.bytes = content.size();
       if (put->request)
         held.request = put->request;
-      if (put->then)
+      if (put->then) {
         sends.push_back(put->then);
+        launchLeaves = launchLeaves || put->slot->launch_;
+      }
       changes.push_back({put->slot->id_, std::move(content)});
     } else {
       const auto& slot = std::get<Remove>(op).slot;
@@ -155,6 +158,8 @@ void Outbox::writeBufferedLocked() {
     spareBuffer_ = std::move(batch);
   }
   // Written: now the requests may leave.
+  if (launchLeaves)
+    noteLaunchLeavingLocked();
   for (const auto& send : sends)
     send();
   scheduleSyncLocked();

@@ -39,8 +39,15 @@ bool MemoryPreferencesStore::removeAllObjects() {
 bool MemoryPreferencesStore::synchronize() {
   std::lock_guard lock(mutex_);
   ++synchronizeCount_;
+  if (failWrites_)
+    return false;
   durable_ = {values_.begin(), values_.end()};
   return true;
+}
+
+void MemoryPreferencesStore::setFailWrites(bool fail) {
+  std::lock_guard lock(mutex_);
+  failWrites_ = fail;
 }
 
 std::map<std::string, Json> MemoryPreferencesStore::durable() const {
@@ -59,7 +66,14 @@ bool MemoryOutboxStore::open(std::string& reason) noexcept {
   std::lock_guard lock(mutex_);
   if (heldElsewhere_)
     reason = "another process uses the data directory";
-  return !heldElsewhere_;
+  else if (failOpen_)
+    reason = "disk full";
+  return !heldElsewhere_ && !failOpen_;
+}
+
+void MemoryOutboxStore::setFailOpen(bool fail) {
+  std::lock_guard lock(mutex_);
+  failOpen_ = fail;
 }
 
 bool MemoryOutboxStore::heldByAnotherProcess() const noexcept {
@@ -115,13 +129,26 @@ bool MemoryOutboxStore::destroy() noexcept {
     return false;
   records_.clear();
   countersUnkept_ = false;
+  launchUnsent_ = false;
   return true;
 }
 
 bool MemoryOutboxStore::markCountersUnkept(bool unkept) noexcept {
   std::lock_guard lock(mutex_);
   countersUnkept_ = unkept;
+  launchUnsent_ = launchUnsent_ && unkept;
   return true;
+}
+
+bool MemoryOutboxStore::markLaunchUnsent(bool unsent) noexcept {
+  std::lock_guard lock(mutex_);
+  launchUnsent_ = unsent;
+  return true;
+}
+
+bool MemoryOutboxStore::launchUnsent() const noexcept {
+  std::lock_guard lock(mutex_);
+  return launchUnsent_;
 }
 
 bool MemoryOutboxStore::countersUnkept() const noexcept {

@@ -429,6 +429,45 @@ TEST_F(OutboxTest, ACounterAFullDiskCouldNotKeepIsNeverGivenAgain) {
   EXPECT_EQ(later[0]["iaecounter"], std::to_string(given + 1));
 }
 
+// The launch counter's gap shows (the first launch is the install): a launch whose counter the
+// disk refused is numbered again at the next start if it never left, above the reach if it did.
+TEST_F(OutboxTest, ALaunchCounterTheDiskRefusedIsGivenAgainOnlyIfItNeverLeft) {
+  // A fresh install's first launch on a full disk (no store can be made, no preferences
+  // saved) waits for its counters a few seconds, then goes from memory. The process ends
+  // after `lives`, the disk is freed, and the next start launches.
+  const auto launchCounters = [this](std::chrono::seconds lives, bool exits) {
+    fakes.dispatcher->clear();
+    fakes.outbox = std::make_shared<test::MemoryOutboxStore>();
+    fakes.outbox->setFailOpen(true);
+    const auto firstSent = sent().size();
+    auto full = restart(std::map<std::string, Json>{});
+    fakes.preferences->setFailWrites(true);
+    tracker->trackAppLaunch();
+    fakes.dispatcher->advance(lives);
+    if (exits) {
+      full->setExitFlushTimeout(20ms);
+      full->flushAtExit();  // the launch still waits: only its counters are written
+    }
+    fakes.dispatcher->clear();
+    auto next = restart();
+    fakes.outbox->setFailOpen(false);
+    tracker->trackAppLaunch();
+    fakes.dispatcher->advance(1s);
+    std::vector<int> counters;
+    for (std::size_t i = firstSent; i < sent().size(); ++i)
+      if (request(i).url.starts_with("https://t.") &&
+          request(i).url.find("isCachedRequest") == std::string::npos)
+        counters.push_back(std::stoi(payload(i)["counter"].get<std::string>()));
+    return counters;
+  };
+  for (const bool exits : {false, true})  // it never left: 1 again
+    EXPECT_EQ(launchCounters(2s, exits), std::vector<int>{1}) << exits;
+  const auto left = launchCounters(10s, false);
+  ASSERT_EQ(left.size(), 2U);
+  EXPECT_EQ(left[0], 1);
+  EXPECT_GT(left[1], 16);  // it may have reached the service
+}
+
 // A 5xx or a 429 is not a delivery: the report stays, goes again as a replay after the
 // backoff (never before a Retry-After), and counts as delivered only once answered 2xx; a
 // 4xx is final. What runs after any answer runs for each.

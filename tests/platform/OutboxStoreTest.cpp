@@ -175,6 +175,22 @@ TEST_F(OutboxStoreTest, ASecondOpenerIsRefusedUntilTheFirstCloses) {
   EXPECT_EQ(contents(third).size(), 1U);
 }
 
+// The marks of counters not kept: the launch's never stands without the counters' one, and a
+// store removed takes both with it.
+TEST_F(OutboxStoreTest, TheUnkeptCounterMarksGoTogether) {
+  SqliteOutboxStore store(file());
+  std::string reason;
+  ASSERT_TRUE(store.open(reason)) << reason;
+  for (const bool destroy : {false, true}) {
+    ASSERT_TRUE(store.markCountersUnkept(true));
+    ASSERT_TRUE(store.markLaunchUnsent(true));
+    EXPECT_TRUE(store.countersUnkept() && store.launchUnsent());
+    EXPECT_TRUE(destroy ? store.destroy() : store.markCountersUnkept(false));
+    EXPECT_FALSE(store.countersUnkept() || store.launchUnsent()) << destroy;
+    ASSERT_TRUE(store.open(reason)) << reason;
+  }
+}
+
 TEST_F(OutboxStoreTest, AStoreThatCannotBeOpenedSaysWhy) {
   { std::ofstream notAFolder(dir / "Library"); }
   SqliteOutboxStore store(file());

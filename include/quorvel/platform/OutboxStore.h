@@ -64,6 +64,13 @@ class OutboxStore {
   // cleared; a store that cannot keep it never reports one.
   virtual bool markCountersUnkept(bool unkept) noexcept { return !unkept; }
   virtual bool countersUnkept() const noexcept { return false; }
+  // A second mark, set just after the first and cleared before it: no launch report whose
+  // counter the store did not keep has left yet. The launch counter's gap shows (the first
+  // launch is the install), so a launch that never left is numbered again at the next start,
+  // where one that may have reached the service is numbered above. A store that cannot keep
+  // it never reports one: the launches are then numbered above, as with any unkept counter.
+  virtual bool markLaunchUnsent(bool unsent) noexcept { return !unsent; }
+  virtual bool launchUnsent() const noexcept { return false; }
   // Lets go of the storage for good (its files stay): the tracker that used it has ended, and
   // another may open the same storage at once. Every later call fails, open() included.
   virtual void release() noexcept {}

@@ -28,12 +28,15 @@ class MemoryPreferencesStore final : public platform::PreferencesStore {
   int synchronizeCount() const;
   // The values as of the last synchronize: what a crash would leave.
   std::map<std::string, Json> durable() const;
+  // While set, synchronize fails as on a full disk.
+  void setFailWrites(bool fail);
 
  private:
   mutable std::mutex mutex_;
   std::map<std::string, Json, std::less<>> values_;
   std::map<std::string, Json> durable_;
   int synchronizeCount_ = 0;
+  bool failWrites_ = false;
 };
 
 class MemorySecureStore final : public platform::SecureStore {
@@ -112,6 +115,8 @@ class MemoryOutboxStore final : public platform::OutboxStore {
   // Kept whether writes fail or not, as an empty file's name on a full disk.
   bool markCountersUnkept(bool unkept) noexcept override;
   bool countersUnkept() const noexcept override;
+  bool markLaunchUnsent(bool unsent) noexcept override;
+  bool launchUnsent() const noexcept override;
 
   std::size_t size() const;
   int syncCount() const;
@@ -119,6 +124,8 @@ class MemoryOutboxStore final : public platform::OutboxStore {
   void setFailWrites(bool fail);
   // While set, open() fails as when another process holds the store.
   void setHeldElsewhere(bool held);
+  // While set, open() fails as on a full disk, where a new store cannot be made.
+  void setFailOpen(bool fail);
 
  private:
   mutable std::mutex mutex_;
@@ -127,6 +134,8 @@ class MemoryOutboxStore final : public platform::OutboxStore {
   bool failWrites_ = false;
   bool heldElsewhere_ = false;
   bool countersUnkept_ = false;
+  bool launchUnsent_ = false;
+  bool failOpen_ = false;
 };
 
 // Keeps every line the library logs (with its debug switch on).

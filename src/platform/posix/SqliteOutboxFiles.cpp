@@ -387,7 +387,7 @@ bool SqliteOutboxStore::destroy() noexcept {
   } catch (...) {
     removed = false;
   }
-  for (const char* suffix : {"-wal", "-shm", kUnkeptSuffix, "", ".lock"}) {
+  for (const char* suffix : {"-wal", "-shm", kLaunchUnsentSuffix, kUnkeptSuffix, "", ".lock"}) {
     const std::string file = path_ + suffix;
     removed = (::unlink(file.c_str()) == 0 || errno == ENOENT) && removed;
   }
@@ -398,17 +398,17 @@ bool SqliteOutboxStore::destroy() noexcept {
 
 // An empty file: its creation writes no data, so a full disk (or a file size limit) still
 // takes it where it refuses every record.
-bool SqliteOutboxStore::markCountersUnkept(bool unkept) noexcept {
+bool SqliteOutboxStore::setMark(const char* suffix, bool set) noexcept {
   if (inheritedByFork())
-    return !unkept;  // the parent's folder
-  const std::string mark = path_ + kUnkeptSuffix;
-  if (unkept) {
+    return !set;  // the parent's folder
+  const std::string mark = path_ + suffix;
+  if (set) {
     const int fd = ::open(mark.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0)
       return false;
     ::close(fd);
-  } else if (::unlink(mark.c_str()) != 0) {
-    return errno == ENOENT;
+  } else if (::unlink(mark.c_str()) != 0 && errno != ENOENT) {
+    return false;
   }
   try {
     syncDirectory(std::filesystem::path(path_).parent_path().string());
@@ -418,8 +418,22 @@ bool SqliteOutboxStore::markCountersUnkept(bool unkept) noexcept {
   return true;
 }
 
+// The launch's mark goes first: it never stands without the counters' one.
+bool SqliteOutboxStore::markCountersUnkept(bool unkept) noexcept {
+  return unkept ? setMark(kUnkeptSuffix, true)
+                : setMark(kLaunchUnsentSuffix, false) && setMark(kUnkeptSuffix, false);
+}
+
 bool SqliteOutboxStore::countersUnkept() const noexcept {
   return ::access((path_ + kUnkeptSuffix).c_str(), F_OK) == 0;
+}
+
+bool SqliteOutboxStore::markLaunchUnsent(bool unsent) noexcept {
+  return setMark(kLaunchUnsentSuffix, unsent);
+}
+
+bool SqliteOutboxStore::launchUnsent() const noexcept {
+  return ::access((path_ + kLaunchUnsentSuffix).c_str(), F_OK) == 0;
 }
 
 }  // namespace quorvel::platform

@@ -71,12 +71,17 @@ class SqliteOutboxStore final : public OutboxStore {
   void removeEveryGuestFile() noexcept override;
   bool markCountersUnkept(bool unkept) noexcept override;
   bool countersUnkept() const noexcept override;
+  bool markLaunchUnsent(bool unsent) noexcept override;
+  bool launchUnsent() const noexcept override;
 
  private:
   static constexpr const char* kIntakeSuffix = ".intake-";
   static constexpr const char* kGuestSuffix = ".guest-";
   static constexpr const char* kHealingSuffix = ".healing";
   static constexpr const char* kUnkeptSuffix = ".unkept-counters";
+  static constexpr const char* kLaunchUnsentSuffix = ".unkept-launch-unsent";
+  // Creates or removes the empty file at the store's path plus `suffix`, synced.
+  bool setMark(const char* suffix, bool set) noexcept;
 
   // Which guest file the holder was taking, and how much of it, written with the records it
   // took: a holder killed before it removed the file leaves this mark, and the next one takes
