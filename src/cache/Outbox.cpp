@@ -58,10 +58,9 @@ void Outbox::setLimits(Limits limits) {
 
 OutboxSlotPtr Outbox::accept(OutboxIntent intent, platform::TimePoint at) {
   auto slot = std::make_shared<OutboxSlot>(at);
-  slot->launch_ = intent.kind == OutboxIntent::Kind::launch;
   accepted_.fetch_add(1, std::memory_order_relaxed);
   waiting_.fetch_add(1, std::memory_order_relaxed);
-  enqueue(Put{slot, {}, std::move(intent), nullptr, nullptr});
+  enqueue(Put{slot, {}, std::move(intent), nullptr, nullptr, false});
   return slot;
 }
 
@@ -78,7 +77,8 @@ void Outbox::built(const OutboxSlotPtr& slot, const QuorvelRequestCacheData& req
     return;
   std::string content = requestRecord(slot->acceptedAt(), request, true);
   enqueue(Put{slot, std::move(content), std::nullopt,
-              std::make_shared<const QuorvelRequestCacheData>(request), std::move(send)});
+              std::make_shared<const QuorvelRequestCacheData>(request), std::move(send),
+              request.carriesLaunchCounter()});
 }
 
 bool Outbox::settleCounted(const OutboxSlotPtr& slot, std::atomic<std::uint64_t>& counter) {

@@ -76,7 +76,6 @@ class OutboxSlot {
   const platform::TimePoint acceptedAt_;
   std::int64_t id_ = 0;      // set and read on the outbox's queue only
   bool earlierRun_ = false;  // left by an earlier run: set and read under the store's lock
-  bool launch_ = false;      // a launch report: set before the slot is shared
   std::atomic<bool> inFlight_{false};
   std::atomic<bool> requestMade_{false};
   std::atomic<Outcome> outcome_{Outcome::open};  // set once: no further change
@@ -288,6 +287,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
     // thousands of them may wait at once.
     std::shared_ptr<const QuorvelRequestCacheData> request;
     std::function<void()> then;  // runs once the record is written
+    bool carriesLaunchCounter = false;
   };
   struct Remove {
     OutboxSlotPtr slot;

@@ -102,7 +102,6 @@ void Outbox::loadLeftoverPage() {
 
 void Outbox::keepLeftoverLocked(Leftover left, std::size_t bytes) {
   left.slot->earlierRun_ = true;
-  left.slot->launch_ = left.intent && left.intent->kind == OutboxIntent::Kind::launch;
   Held held;
   held.slot = left.slot;
   held.bytes = bytes;

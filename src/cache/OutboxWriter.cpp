@@ -109,7 +109,7 @@ void Outbox::writeBufferedLocked() {
         held.request = put->request;
       if (put->then) {
         sends.push_back(put->then);
-        launchLeaves = launchLeaves || put->slot->launch_;
+        launchLeaves = launchLeaves || put->carriesLaunchCounter;
       }
       changes.push_back({put->slot->id_, std::move(content)});
     } else {

@@ -22,6 +22,9 @@ class QuorvelRequestCacheData {
   // A copy sent before may have reached the service (its transfer failed after it was made,
   // or its process ended with it on the wire): the next copy is a repeat.
   bool mayHaveReached() const noexcept { return mayHaveReached_; }
+  // Built now with a launch counter (a launch, or its attribution twin): kept in memory only,
+  // so that the outbox knows such a counter leaves.
+  bool carriesLaunchCounter() const noexcept { return carriesLaunchCounter_; }
 
   void setSdkVersion(std::optional<std::string> v) { sdkVersion_ = std::move(v); }
   // Does not refresh postDataAsString.
@@ -30,6 +33,7 @@ class QuorvelRequestCacheData {
   void setRequestURL(std::optional<std::string> v) { requestURL_ = std::move(v); }
   void setCacheKey(std::optional<std::string> v) { cacheKey_ = std::move(v); }
   void setMayHaveReached(bool v) noexcept { mayHaveReached_ = v; }
+  void setCarriesLaunchCounter(bool v) noexcept { carriesLaunchCounter_ = v; }
 
   friend bool operator==(const QuorvelRequestCacheData&, const QuorvelRequestCacheData&) = default;
 
@@ -43,6 +47,7 @@ class QuorvelRequestCacheData {
   std::optional<std::string> requestURL_;
   std::optional<std::string> cacheKey_;
   bool mayHaveReached_ = false;
+  bool carriesLaunchCounter_ = false;
 };
 
 // Strict Base64: only the alphabet, "=" padding at the end, a length multiple of four.

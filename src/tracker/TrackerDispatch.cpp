@@ -124,6 +124,7 @@ void TrackerCore::callServerWithEventName(const std::string& name,
         *log_);
   }
   QuorvelRequestCacheData record(std::move(url), std::move(body), kQuorvelSDKVersion);
+  record.setCarriesLaunchCounter(isLaunch);
   auto self = self_;
   std::function<void()> answered = [self, isLaunch] {
     const auto tracker = self->pin();
