@@ -379,7 +379,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   std::int64_t counterLocked(const std::string& key) const;
   // After a failed write that held counters: the store's mark for the next start.
   void markUnkeptCountersLocked();
-  void noteLaunchLeavingLocked();
+  void noteLaunchLeavingLocked(bool kept);
   void logCountersMayRepeatOnce();
   // Record 0 was written: the counters given out are kept.
   void noteCountersKeptLocked();
@@ -434,6 +434,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   Json keptCounters_ = Json::object();  // record 0 as the store last took it
   bool countersUnkeptMarked_ = false;   // the store's mark of counters not kept is set
   bool launchUnsentMarked_ = false;     // and its mark that no launch of those has left yet
+  bool launchLeftUnkept_ = false;       // a launch counter left since the counters were kept
   bool unkeptCountersLogged_ = false;
   std::int64_t lastId_ = 0;
   struct Held {

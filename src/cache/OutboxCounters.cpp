@@ -104,10 +104,13 @@ void Outbox::markUnkeptCountersLocked() {
     return;  // the holder numbers
   platform::OutboxStore* const store = store_ ? store_.get() : lockedOut_.get();
   if (store != nullptr && !countersUnkeptMarked_) {
+    // The launch's mark only where the episode begins: no mark stood (another process's, or one
+    // this process read while its store was out of reach) and no request with a launch counter
+    // left here since the counters were last kept. A request leaves only after the write that
+    // carried its counters, and this is the first such write that failed.
+    const bool episodeBegins = !store->countersUnkept() && !launchLeftUnkept_;
     countersUnkeptMarked_ = store->markCountersUnkept(true);
-    // No launch has left with an unkept counter yet: a report leaves only after the write
-    // that carried its counters, and this is the first such write that failed.
-    launchUnsentMarked_ = countersUnkeptMarked_ && store->markLaunchUnsent(true);
+    launchUnsentMarked_ = countersUnkeptMarked_ && episodeBegins && store->markLaunchUnsent(true);
   }
   bool beyondReach = false;
   for (const auto& [key, value] : counters_.items()) {
@@ -130,19 +133,22 @@ void Outbox::logCountersMayRepeatOnce() {
 
 void Outbox::noteCountersKeptLocked() {
   keptCounters_ = counters_;
+  launchLeftUnkept_ = false;
   if (countersUnkeptMarked_ && store_ && store_->markCountersUnkept(false)) {
     countersUnkeptMarked_ = false;
     launchUnsentMarked_ = false;
   }
 }
 
-// Before a launch report leaves while counters are unkept: from now on it may reach the
-// service, and its counter must never be given again.
-void Outbox::noteLaunchLeavingLocked() {
-  if (!launchUnsentMarked_)
-    return;
+// Before a request with a launch counter leaves (`kept`: its batch's write took the counters):
+// from now on it may reach the service, and its counter is never given again. The mark is
+// looked for on the store, not only in memory: another process may have made it.
+void Outbox::noteLaunchLeavingLocked(bool kept) {
+  launchLeftUnkept_ = launchLeftUnkept_ || !kept;
   platform::OutboxStore* const store = store_ ? store_.get() : lockedOut_.get();
-  if (store != nullptr && store->markLaunchUnsent(false)) {
+  if (heldElsewhere_ || store == nullptr || (!launchUnsentMarked_ && !store->launchUnsent()))
+    return;
+  if (store->markLaunchUnsent(false)) {
     launchUnsentMarked_ = false;
     return;
   }

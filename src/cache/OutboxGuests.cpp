@@ -63,13 +63,20 @@ bool Outbox::takeFreedLockLocked() {
 }
 
 // Nothing of this process reached the store: its reports are numbered anew, after the store's
-// own, and what is unanswered of them is written; the counters go as they are.
+// own, and what is unanswered of them is written. The counters it gave meanwhile are noted
+// again, so that the next batch lays them over the stored ones (and any mark of counters an
+// earlier process could not keep) instead of writing over them.
 void Outbox::writeHeldLocked() {
   std::map<std::int64_t, Held> renumbered;
   std::vector<platform::OutboxChange> changes;
-  changes.reserve(held_.size() + 1);
-  if (const auto it = unwritten_.find(kCountersRecord); it != unwritten_.end() && it->second)
-    changes.push_back({kCountersRecord, std::move(it->second)});
+  changes.reserve(held_.size());
+  if (unwritten_.contains(kCountersRecord)) {
+    const std::lock_guard lock(bufferMutex_);
+    for (const auto& [key, value] : counters_.items()) {
+      if (value.is_number_integer())
+        noted_[key] = std::max(noted_[key], value.get<std::int64_t>());
+    }
+  }
   for (auto& [id, held] : held_) {
     const std::int64_t number = ++lastId_;
     held.slot->id_ = number;
@@ -80,6 +87,8 @@ void Outbox::writeHeldLocked() {
   held_.swap(renumbered);
   unwritten_.clear();
   writeChangesLocked(changes);
+  if (!promptWriteScheduled_.exchange(true))
+    runLocked(&Outbox::writeBufferedLocked);
 }
 
 void Outbox::stepDownIfTakenLocked() {

@@ -159,7 +159,7 @@ void Outbox::writeBufferedLocked() {
   }
   // Written: now the requests may leave.
   if (launchLeaves)
-    noteLaunchLeavingLocked();
+    noteLaunchLeavingLocked(written);
   for (const auto& send : sends)
     send();
   scheduleSyncLocked();

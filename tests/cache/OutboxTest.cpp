@@ -434,22 +434,29 @@ TEST_F(OutboxTest, ACounterAFullDiskCouldNotKeepIsNeverGivenAgain) {
 TEST_F(OutboxTest, ALaunchCounterTheDiskRefusedIsGivenAgainOnlyIfItNeverLeft) {
   // A fresh install's first launch on a full disk (no store can be made, no preferences
   // saved) waits for its counters a few seconds, then goes from memory. The process ends
-  // after `lives`, the disk is freed, and the next start launches.
-  const auto launchCounters = [this](std::chrono::seconds lives, bool exits) {
+  // after `lives` (`exits`: normally); with `lockedOutAfter`, a start that still finds the
+  // disk full tracks an event; then the disk is freed, and the next start launches.
+  const auto launchCounters = [this](std::chrono::seconds lives, bool exits, bool lockedOutAfter) {
     fakes.dispatcher->clear();
     fakes.outbox = std::make_shared<test::MemoryOutboxStore>();
     fakes.outbox->setFailOpen(true);
     const auto firstSent = sent().size();
-    auto full = restart(std::map<std::string, Json>{});
+    auto process = restart(std::map<std::string, Json>{});
     fakes.preferences->setFailWrites(true);
     tracker->trackAppLaunch();
     fakes.dispatcher->advance(lives);
     if (exits) {
-      full->setExitFlushTimeout(20ms);
-      full->flushAtExit();  // the launch still waits: only its counters are written
+      process->setExitFlushTimeout(20ms);
+      process->flushAtExit();  // the launch still waits: only its counters are written
+    }
+    if (lockedOutAfter) {
+      fakes.dispatcher->clear();
+      process = restart();
+      tracker->trackEvent("locked_out", std::nullopt);
+      fakes.dispatcher->advance(1s);
     }
     fakes.dispatcher->clear();
-    auto next = restart();
+    process = restart();
     fakes.outbox->setFailOpen(false);
     tracker->trackAppLaunch();
     fakes.dispatcher->advance(1s);
@@ -461,11 +468,13 @@ TEST_F(OutboxTest, ALaunchCounterTheDiskRefusedIsGivenAgainOnlyIfItNeverLeft) {
     return counters;
   };
   for (const bool exits : {false, true})  // it never left: 1 again
-    EXPECT_EQ(launchCounters(2s, exits), std::vector<int>{1}) << exits;
-  const auto left = launchCounters(10s, false);
-  ASSERT_EQ(left.size(), 2U);
-  EXPECT_EQ(left[0], 1);
-  EXPECT_GT(left[1], 16);  // it may have reached the service
+    EXPECT_EQ(launchCounters(2s, exits, false), std::vector<int>{1}) << exits;
+  for (const bool lockedOutAfter : {false, true}) {
+    const auto left = launchCounters(10s, false, lockedOutAfter);
+    ASSERT_EQ(left.size(), 2U);
+    EXPECT_EQ(left[0], 1);
+    EXPECT_GT(left[1], 16) << lockedOutAfter;  // it may have reached the service
+  }
 }
 
 // A 5xx or a 429 is not a delivery: the report stays, goes again as a replay after the

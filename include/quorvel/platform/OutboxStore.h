@@ -61,16 +61,10 @@ class OutboxStore {
   // A mark that counters went out that the store could not keep (a full disk): set before
   // such a report leaves, cleared once the counters are kept again. It must hold where the
   // records cannot (an empty file's name needs no data block). False when it cannot be set or
-  // cleared; a store that cannot keep it never reports one.
+  // cleared; a store that cannot keep it never reports one. Clearing it clears the launch's
+  // mark below too.
   virtual bool markCountersUnkept(bool unkept) noexcept { return !unkept; }
   virtual bool countersUnkept() const noexcept { return false; }
-  // A second mark, set just after the first and cleared before it: no launch report whose
-  // counter the store did not keep has left yet. The launch counter's gap shows (the first
-  // launch is the install), so a launch that never left is numbered again at the next start,
-  // where one that may have reached the service is numbered above. A store that cannot keep
-  // it never reports one: the launches are then numbered above, as with any unkept counter.
-  virtual bool markLaunchUnsent(bool unsent) noexcept { return !unsent; }
-  virtual bool launchUnsent() const noexcept { return false; }
   // Lets go of the storage for good (its files stay): the tracker that used it has ended, and
   // another may open the same storage at once. Every later call fails, open() included.
   virtual void release() noexcept {}
@@ -124,6 +118,14 @@ class OutboxStore {
   // this process: they are all the forgotten install's). Last, so that a store built against
   // an older header keeps its table of calls.
   virtual void removeEveryGuestFile() noexcept { removeOwnGuestFiles(); }
+  // A second mark beside markCountersUnkept()'s, set just after it and cleared before it: no
+  // request carrying a launch counter the store did not keep has left yet. The launch
+  // counter's gap shows (the first launch is the install), so a launch that never left is
+  // numbered again at the next start, where one that may have reached the service is numbered
+  // above. A store that cannot keep it never reports one: launches are then numbered above,
+  // as with any unkept counter. Last, for the table of calls of stores built earlier.
+  virtual bool markLaunchUnsent(bool unsent) noexcept { return !unsent; }
+  virtual bool launchUnsent() const noexcept { return false; }
 };
 
 }  // namespace quorvel::platform
