@@ -189,6 +189,11 @@ TEST_F(OutboxStoreTest, TheUnkeptCounterMarksGoTogether) {
     EXPECT_FALSE(store.countersUnkept() || store.launchUnsent()) << destroy;
     ASSERT_TRUE(store.open(reason)) << reason;
   }
+  // A folder emptied under the store takes the marks along: the next write makes them again.
+  ASSERT_TRUE(store.markCountersUnkept(true) && store.markLaunchUnsent(true));
+  std::filesystem::remove_all(std::filesystem::path(file()).parent_path());
+  ASSERT_TRUE(store.apply({{1, "after"}}));
+  EXPECT_TRUE(store.countersUnkept() && store.launchUnsent());
 }
 
 TEST_F(OutboxStoreTest, AStoreThatCannotBeOpenedSaysWhy) {

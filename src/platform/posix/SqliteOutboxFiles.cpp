@@ -391,6 +391,8 @@ bool SqliteOutboxStore::destroy() noexcept {
     const std::string file = path_ + suffix;
     removed = (::unlink(file.c_str()) == 0 || errno == ENOENT) && removed;
   }
+  countersMarked_ = false;
+  launchMarked_ = false;
   heldLock.reset();
   heldElsewhere_ = false;
   return removed;
@@ -410,6 +412,7 @@ bool SqliteOutboxStore::setMark(const char* suffix, bool set) noexcept {
   } else if (::unlink(mark.c_str()) != 0 && errno != ENOENT) {
     return false;
   }
+  (suffix == kUnkeptSuffix ? countersMarked_ : launchMarked_) = set;
   try {
     syncDirectory(std::filesystem::path(path_).parent_path().string());
   } catch (...) {
@@ -425,7 +428,9 @@ bool SqliteOutboxStore::markCountersUnkept(bool unkept) noexcept {
 }
 
 bool SqliteOutboxStore::countersUnkept() const noexcept {
-  return ::access((path_ + kUnkeptSuffix).c_str(), F_OK) == 0;
+  const bool marked = ::access((path_ + kUnkeptSuffix).c_str(), F_OK) == 0;
+  countersMarked_ = countersMarked_ || marked;
+  return marked;
 }
 
 bool SqliteOutboxStore::markLaunchUnsent(bool unsent) noexcept {
@@ -433,7 +438,17 @@ bool SqliteOutboxStore::markLaunchUnsent(bool unsent) noexcept {
 }
 
 bool SqliteOutboxStore::launchUnsent() const noexcept {
-  return ::access((path_ + kLaunchUnsentSuffix).c_str(), F_OK) == 0;
+  const bool marked = ::access((path_ + kLaunchUnsentSuffix).c_str(), F_OK) == 0;
+  launchMarked_ = launchMarked_ || marked;
+  return marked;
+}
+
+// The marks went with a folder emptied under this process: made again in the new one.
+void SqliteOutboxStore::remakeMarks() noexcept {
+  if (countersMarked_)
+    setMark(kUnkeptSuffix, true);
+  if (countersMarked_ && launchMarked_)
+    setMark(kLaunchUnsentSuffix, true);
 }
 
 }  // namespace quorvel::platform

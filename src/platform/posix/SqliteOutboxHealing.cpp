@@ -125,6 +125,7 @@ void SqliteOutboxStore::reopenIfMoved() noexcept {
         startIntakeLocked(reason) && (carried_.empty() || intake_->append(carried_, places))) {
       for (std::size_t i = 0; i < carried_.size(); ++i)
         pending_.insert_or_assign(carried_[i].id, Pending{intake_, places[i], false});
+      remakeMarks();
       const std::lock_guard note(noteMutex_);
       healingNote_ = "Quorvel outbox: its files were removed under this process; made again at " +
                      path_ + " with the " + std::to_string(carried_.size()) + " records they held";

@@ -82,6 +82,10 @@ class SqliteOutboxStore final : public OutboxStore {
   static constexpr const char* kLaunchUnsentSuffix = ".unkept-launch-unsent";
   // Creates or removes the empty file at the store's path plus `suffix`, synced.
   bool setMark(const char* suffix, bool set) noexcept;
+  void remakeMarks() noexcept;
+  // The marks this store made or found, and has not removed since.
+  mutable std::atomic<bool> countersMarked_{false};
+  mutable std::atomic<bool> launchMarked_{false};
 
   // Which guest file the holder was taking, and how much of it, written with the records it
   // took: a holder killed before it removed the file leaves this mark, and the next one takes
