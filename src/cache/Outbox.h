@@ -157,8 +157,12 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // give the next process the same value for another report.
   void noteCounter(const std::string& key, std::int64_t value);
   // The highest value kept for `key` (0 when none); waits until the store was read; nullopt
-  // when a passing fault kept the store from being read.
+  // when a passing fault kept the store from being read, or it is out of reach for now.
   std::optional<std::int64_t> counterFloor(const std::string& key);
+  // While the kept counters are out of reach (the store would not open: a full disk) and an
+  // earlier process marked counters it could not keep: how far above what else it knows this
+  // process numbers `key`. 0 otherwise.
+  std::int64_t reachWhileUnread(const std::string& key);
   // The report's request is built. `send` runs once it is written (on the outbox's queue):
   // a request never leaves before its record, so that a report the service may have seen
   // is never built a second time. While the store refuses writes (a full disk), it waits.

@@ -43,8 +43,11 @@ std::optional<std::int64_t> Outbox::counterFloor(const std::string& key) {
   {
     const std::lock_guard lock(storeMutex_);
     openLocked();
-    if (countersRead_ || !store_)
+    if (countersRead_)
       return counterLocked(key);
+    // Out of reach, the stored counters are unknown, not 0: asked again once it opens.
+    if (!store_)
+      return std::nullopt;
     store = store_;
     generation = forgetGeneration_;
   }
@@ -57,6 +60,15 @@ std::optional<std::int64_t> Outbox::counterFloor(const std::string& key) {
   if (!countersRead_ && store_ == store && generation == forgetGeneration_)
     mergeCountersLocked(first);
   return counterLocked(key);
+}
+
+std::int64_t Outbox::reachWhileUnread(const std::string& key) {
+  const std::lock_guard lock(storeMutex_);
+  openLocked();
+  if (countersRead_ || store_ || !lockedOut_ || heldElsewhere_ || epochStaleLocked() ||
+      !lockedOut_->countersUnkept())
+    return 0;
+  return unkeptReach(key, lockedOut_->launchUnsent());
 }
 
 std::int64_t Outbox::counterLocked(const std::string& key) const {
@@ -146,7 +158,10 @@ void Outbox::noteCountersKeptLocked() {
 void Outbox::noteLaunchLeavingLocked(bool kept) {
   launchLeftUnkept_ = launchLeftUnkept_ || !kept;
   platform::OutboxStore* const store = store_ ? store_.get() : lockedOut_.get();
-  if (heldElsewhere_ || store == nullptr || (!launchUnsentMarked_ && !store->launchUnsent()))
+  // The launch's mark never stands without the counters' one: a store that keeps neither is
+  // not asked for the second.
+  if (heldElsewhere_ || store == nullptr ||
+      (!launchUnsentMarked_ && !(store->countersUnkept() && store->launchUnsent())))
     return;
   if (store->markLaunchUnsent(false)) {
     launchUnsentMarked_ = false;

@@ -158,8 +158,9 @@ void Outbox::writeBufferedLocked() {
     spareBuffer_ = std::move(batch);
   }
   // Written: now the requests may leave.
+  // Kept only if the batch held the counters: while the stored ones are unread, they wait.
   if (launchLeaves)
-    noteLaunchLeavingLocked(written);
+    noteLaunchLeavingLocked(written && countersRead_);
   for (const auto& send : sends)
     send();
   scheduleSyncLocked();

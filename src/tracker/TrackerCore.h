@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -239,6 +240,7 @@ class TrackerCore {
   // The in-app event count, raised first when `increase`.
   int getInAppCounter(bool increase);
   int counterFloorLocked(const char* key);
+  int aboveUnkeptLocked(const char* key, int value);
   // Moves to the background so far, plus the session in progress.
   int getRealLaunchCounter();
   void incrementRealLaunchCounter();
@@ -512,6 +514,7 @@ class TrackerCore {
   // step. The outbox's floor is read once: from then on the preferences in memory are above it.
   std::mutex countersMutex_;
   std::map<std::string, int, std::less<>> counterFloors_;
+  std::set<std::string, std::less<>> unkeptReachTaken_;
   std::atomic<bool> preferencesWriteScheduled_{false};
   std::atomic<bool> launchWaitLogged_{false};  // once per episode of a launch that cannot go
   std::atomic<std::int64_t> exitFlushMs_{2000};

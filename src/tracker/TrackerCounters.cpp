@@ -26,6 +26,19 @@ int TrackerCore::counterFloorLocked(const char* key) {
   return floor;
 }
 
+// Once per process, while the kept counters are out of reach and an earlier process marked
+// counters it could not keep: numbered above the preferences by the outbox's reach, since those
+// counters may have gone beyond what the preferences hold.
+int TrackerCore::aboveUnkeptLocked(const char* key, int value) {
+  if (unkeptReachTaken_.contains(key))
+    return value;
+  const std::int64_t reach = outbox_->reachWhileUnread(key);
+  if (reach <= 0)
+    return value;
+  unkeptReachTaken_.emplace(key);
+  return clampToInt(std::int64_t{value} + reach);
+}
+
 int TrackerCore::getCounter(bool increase) {
   static constexpr const char* kMethod = "-[QuorvelTracker getCounter:]";
   auto& prefs = *platform_->preferences;
@@ -41,7 +54,7 @@ int TrackerCore::getCounter(bool increase) {
   if (increase) {
     // Never below what the outbox kept with the last requests: the preferences may not have
     // reached the disk before the process died.
-    value = std::max(value, counterFloorLocked(keys::kCounter));
+    value = aboveUnkeptLocked(keys::kCounter, std::max(value, counterFloorLocked(keys::kCounter)));
     value = value == INT32_MAX ? value : value + 1;
     prefs.setInteger(keys::kCounter, value);
     outbox_->noteCounter(keys::kCounter, value);
@@ -64,7 +77,8 @@ int TrackerCore::getInAppCounter(bool increase) {
     log_->log(kLogDebug, kMethod, "no in-app yet");
   }
   if (increase) {
-    value = std::max(value, counterFloorLocked(keys::kInAppCounter));
+    value = aboveUnkeptLocked(keys::kInAppCounter,
+                              std::max(value, counterFloorLocked(keys::kInAppCounter)));
     value = value == INT32_MAX ? value : value + 1;
     prefs.setInteger(keys::kInAppCounter, value);
     // Kept with the request in the outbox, durable before it leaves; the preferences follow

@@ -119,7 +119,8 @@ class OutboxStore {
   // an older header keeps its table of calls.
   virtual void removeEveryGuestFile() noexcept { removeOwnGuestFiles(); }
   // A second mark beside markCountersUnkept()'s, set just after it and cleared before it: no
-  // request carrying a launch counter the store did not keep has left yet. The launch
+  // launch request (nor its attribution twin) numbered with a launch counter the store did
+  // not keep has left yet; events only carry the launch they belong to. The launch
   // counter's gap shows (the first launch is the install), so a launch that never left is
   // numbered again at the next start, where one that may have reached the service is numbered
   // above. A store that cannot keep it never reports one: launches are then numbered above,

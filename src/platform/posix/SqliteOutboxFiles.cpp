@@ -391,8 +391,7 @@ bool SqliteOutboxStore::destroy() noexcept {
     const std::string file = path_ + suffix;
     removed = (::unlink(file.c_str()) == 0 || errno == ENOENT) && removed;
   }
-  countersMarked_ = false;
-  launchMarked_ = false;
+  readMarks();
   heldLock.reset();
   heldElsewhere_ = false;
   return removed;
@@ -401,6 +400,11 @@ bool SqliteOutboxStore::destroy() noexcept {
 // An empty file: its creation writes no data, so a full disk (or a file size limit) still
 // takes it where it refuses every record.
 bool SqliteOutboxStore::setMark(const char* suffix, bool set) noexcept {
+  const std::lock_guard lock(markMutex_);
+  return setMarkLocked(suffix, set);
+}
+
+bool SqliteOutboxStore::setMarkLocked(const char* suffix, bool set) noexcept {
   if (inheritedByFork())
     return !set;  // the parent's folder
   const std::string mark = path_ + suffix;
@@ -428,6 +432,7 @@ bool SqliteOutboxStore::markCountersUnkept(bool unkept) noexcept {
 }
 
 bool SqliteOutboxStore::countersUnkept() const noexcept {
+  const std::lock_guard lock(markMutex_);
   const bool marked = ::access((path_ + kUnkeptSuffix).c_str(), F_OK) == 0;
   countersMarked_ = countersMarked_ || marked;
   return marked;
@@ -438,17 +443,26 @@ bool SqliteOutboxStore::markLaunchUnsent(bool unsent) noexcept {
 }
 
 bool SqliteOutboxStore::launchUnsent() const noexcept {
+  const std::lock_guard lock(markMutex_);
   const bool marked = ::access((path_ + kLaunchUnsentSuffix).c_str(), F_OK) == 0;
   launchMarked_ = launchMarked_ || marked;
   return marked;
 }
 
-// The marks went with a folder emptied under this process: made again in the new one.
+void SqliteOutboxStore::readMarks() noexcept {
+  const std::lock_guard lock(markMutex_);
+  countersMarked_ = ::access((path_ + kUnkeptSuffix).c_str(), F_OK) == 0;
+  launchMarked_ = ::access((path_ + kLaunchUnsentSuffix).c_str(), F_OK) == 0;
+}
+
+// The marks went with a folder emptied under this process: made again in the new one. Under
+// the marks' lock, so that a launch's mark removed meanwhile is not made again.
 void SqliteOutboxStore::remakeMarks() noexcept {
+  const std::lock_guard lock(markMutex_);
   if (countersMarked_)
-    setMark(kUnkeptSuffix, true);
+    setMarkLocked(kUnkeptSuffix, true);
   if (countersMarked_ && launchMarked_)
-    setMark(kLaunchUnsentSuffix, true);
+    setMarkLocked(kLaunchUnsentSuffix, true);
 }
 
 }  // namespace quorvel::platform

@@ -233,8 +233,10 @@ bool SqliteOutboxStore::open(std::string& reason) noexcept {
     bool opened = openDatabaseLocked(reason);
     if (!opened && damage_ != 0)
       opened = healLocked(reason);
-    if (opened && startIntakeLocked(reason))
+    if (opened && startIntakeLocked(reason)) {
+      readMarks();  // so that a folder emptied before the first look at them makes them again
       return true;
+    }
   } catch (...) {
     reason = "out of memory reading " + path_ + kIntakeSuffix + "*";
   }

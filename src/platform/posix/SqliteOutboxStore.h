@@ -82,8 +82,12 @@ class SqliteOutboxStore final : public OutboxStore {
   static constexpr const char* kLaunchUnsentSuffix = ".unkept-launch-unsent";
   // Creates or removes the empty file at the store's path plus `suffix`, synced.
   bool setMark(const char* suffix, bool set) noexcept;
+  bool setMarkLocked(const char* suffix, bool set) noexcept;
+  void readMarks() noexcept;
   void remakeMarks() noexcept;
-  // The marks this store made or found, and has not removed since.
+  // The marks this store made or found, and has not removed since; read and changed with the
+  // files under `markMutex_`.
+  mutable std::mutex markMutex_;
   mutable std::atomic<bool> countersMarked_{false};
   mutable std::atomic<bool> launchMarked_{false};
 
