@@ -157,12 +157,11 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // give the next process the same value for another report.
   void noteCounter(const std::string& key, std::int64_t value);
   // The highest value kept for `key` (0 when none); waits until the store was read; nullopt
-  // when a passing fault kept the store from being read, or it is out of reach for now.
-  std::optional<std::int64_t> counterFloor(const std::string& key);
-  // While the kept counters are out of reach (the store would not open: a full disk) and an
-  // earlier process marked counters it could not keep: how far above what else it knows this
-  // process numbers `key`. 0 otherwise.
-  std::int64_t reachWhileUnread(const std::string& key);
+  // when a passing fault kept the store from being read, or it is out of reach for now. Out of
+  // reach (the store would not open: a full disk) with an earlier process's mark of counters
+  // it could not keep, `reachWhileUnread` says how far above what else it knows this process
+  // numbers `key`; 0 otherwise.
+  std::optional<std::int64_t> counterFloor(const std::string& key, std::int64_t& reachWhileUnread);
   // The report's request is built. `send` runs once it is written (on the outbox's queue):
   // a request never leaves before its record, so that a report the service may have seen
   // is never built a second time. While the store refuses writes (a full disk), it waits.
@@ -384,6 +383,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // After a failed write that held counters: the store's mark for the next start.
   void markUnkeptCountersLocked();
   void noteLaunchLeavingLocked(bool kept);
+  std::int64_t reachWhileUnreadLocked(const std::string& key);
   void logCountersMayRepeatOnce();
   // Record 0 was written: the counters given out are kept.
   void noteCountersKeptLocked();
@@ -439,6 +439,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   bool countersUnkeptMarked_ = false;   // the store's mark of counters not kept is set
   bool launchUnsentMarked_ = false;     // and its mark that no launch of those has left yet
   bool launchLeftUnkept_ = false;       // a launch counter left since the counters were kept
+  bool ownUnkeptMark_ = false;          // this process made the counters' mark, none stood
   bool unkeptCountersLogged_ = false;
   std::int64_t lastId_ = 0;
   struct Held {

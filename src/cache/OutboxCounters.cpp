@@ -37,7 +37,9 @@ void Outbox::noteCounter(const std::string& key, std::int64_t value) {
 // The kept counters are read the first time one is asked for, on the asking thread and outside
 // the store's lock: the read may wait for the store to take in what an earlier process left,
 // and the writer's batches go on meanwhile.
-std::optional<std::int64_t> Outbox::counterFloor(const std::string& key) {
+std::optional<std::int64_t> Outbox::counterFloor(const std::string& key,
+                                                 std::int64_t& reachWhileUnread) {
+  reachWhileUnread = 0;
   std::shared_ptr<platform::OutboxStore> store;
   std::uint64_t generation = 0;
   {
@@ -46,8 +48,10 @@ std::optional<std::int64_t> Outbox::counterFloor(const std::string& key) {
     if (countersRead_)
       return counterLocked(key);
     // Out of reach, the stored counters are unknown, not 0: asked again once it opens.
-    if (!store_)
+    if (!store_) {
+      reachWhileUnread = reachWhileUnreadLocked(key);
       return std::nullopt;
+    }
     store = store_;
     generation = forgetGeneration_;
   }
@@ -62,10 +66,10 @@ std::optional<std::int64_t> Outbox::counterFloor(const std::string& key) {
   return counterLocked(key);
 }
 
-std::int64_t Outbox::reachWhileUnread(const std::string& key) {
-  const std::lock_guard lock(storeMutex_);
-  openLocked();
-  if (countersRead_ || store_ || !lockedOut_ || heldElsewhere_ || epochStaleLocked() ||
+// Only an earlier process's mark counts: counters this process gave past a failed write go on
+// from its own, in memory.
+std::int64_t Outbox::reachWhileUnreadLocked(const std::string& key) {
+  if (!lockedOut_ || heldElsewhere_ || ownUnkeptMark_ || epochStaleLocked() ||
       !lockedOut_->countersUnkept())
     return 0;
   return unkeptReach(key, lockedOut_->launchUnsent());
@@ -120,8 +124,10 @@ void Outbox::markUnkeptCountersLocked() {
     // this process read while its store was out of reach) and no request with a launch counter
     // left here since the counters were last kept. A request leaves only after the write that
     // carried its counters, and this is the first such write that failed.
-    const bool episodeBegins = !store->countersUnkept() && !launchLeftUnkept_;
+    const bool stood = store->countersUnkept();
+    const bool episodeBegins = !stood && !launchLeftUnkept_;
     countersUnkeptMarked_ = store->markCountersUnkept(true);
+    ownUnkeptMark_ = countersUnkeptMarked_ && !stood;
     launchUnsentMarked_ = countersUnkeptMarked_ && episodeBegins && store->markLaunchUnsent(true);
   }
   bool beyondReach = false;
@@ -146,6 +152,7 @@ void Outbox::logCountersMayRepeatOnce() {
 void Outbox::noteCountersKeptLocked() {
   keptCounters_ = counters_;
   launchLeftUnkept_ = false;
+  ownUnkeptMark_ = false;
   if (countersUnkeptMarked_ && store_ && store_->markCountersUnkept(false)) {
     countersUnkeptMarked_ = false;
     launchUnsentMarked_ = false;

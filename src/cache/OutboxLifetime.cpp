@@ -188,6 +188,7 @@ bool Outbox::forgetAll(bool everyGuestFile) noexcept {
     countersUnkeptMarked_ = false;
     launchUnsentMarked_ = false;
     launchLeftUnkept_ = false;
+    ownUnkeptMark_ = false;
     countersDirty_ = false;
     if (!store_) {
       // Another process's store is not this one's to forget; what this one kept there for it,

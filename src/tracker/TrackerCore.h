@@ -239,8 +239,7 @@ class TrackerCore {
   int getCounter(bool increase);
   // The in-app event count, raised first when `increase`.
   int getInAppCounter(bool increase);
-  int counterFloorLocked(const char* key);
-  int aboveUnkeptLocked(const char* key, int value);
+  int counterFloorLocked(const char* key, int known);
   // Moves to the background so far, plus the session in progress.
   int getRealLaunchCounter();
   void incrementRealLaunchCounter();

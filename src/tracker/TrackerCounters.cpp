@@ -14,29 +14,23 @@ int clampToInt(std::int64_t v) {
 
 }  // namespace
 
-int TrackerCore::counterFloorLocked(const char* key) {
+// `known`: the value the preferences hold. The store could not be read now: asked again at
+// the next counter; while it is out of reach and an earlier process marked counters it could
+// not keep, numbered above the preferences by the outbox's reach once, decided at the first
+// ask, since those counters may have gone beyond what the preferences hold.
+int TrackerCore::counterFloorLocked(const char* key, int known) {
   const auto it = counterFloors_.find(key);
   if (it != counterFloors_.end())
     return it->second;
-  const auto kept = outbox_->counterFloor(key);
-  if (!kept)
-    return 0;  // the store could not be read now: asked again at the next counter
+  std::int64_t reach = 0;
+  const auto kept = outbox_->counterFloor(key, reach);
+  if (!kept) {
+    const bool first = unkeptReachTaken_.emplace(key).second;
+    return first && reach > 0 ? clampToInt(std::int64_t{known} + reach) : 0;
+  }
   const int floor = clampToInt(*kept);
   counterFloors_.emplace(key, floor);
   return floor;
-}
-
-// Once per process, while the kept counters are out of reach and an earlier process marked
-// counters it could not keep: numbered above the preferences by the outbox's reach, since those
-// counters may have gone beyond what the preferences hold.
-int TrackerCore::aboveUnkeptLocked(const char* key, int value) {
-  if (unkeptReachTaken_.contains(key))
-    return value;
-  const std::int64_t reach = outbox_->reachWhileUnread(key);
-  if (reach <= 0)
-    return value;
-  unkeptReachTaken_.emplace(key);
-  return clampToInt(std::int64_t{value} + reach);
 }
 
 int TrackerCore::getCounter(bool increase) {
@@ -54,7 +48,7 @@ int TrackerCore::getCounter(bool increase) {
   if (increase) {
     // Never below what the outbox kept with the last requests: the preferences may not have
     // reached the disk before the process died.
-    value = aboveUnkeptLocked(keys::kCounter, std::max(value, counterFloorLocked(keys::kCounter)));
+    value = std::max(value, counterFloorLocked(keys::kCounter, value));
     value = value == INT32_MAX ? value : value + 1;
     prefs.setInteger(keys::kCounter, value);
     outbox_->noteCounter(keys::kCounter, value);
@@ -77,8 +71,7 @@ int TrackerCore::getInAppCounter(bool increase) {
     log_->log(kLogDebug, kMethod, "no in-app yet");
   }
   if (increase) {
-    value = aboveUnkeptLocked(keys::kInAppCounter,
-                              std::max(value, counterFloorLocked(keys::kInAppCounter)));
+    value = std::max(value, counterFloorLocked(keys::kInAppCounter, value));
     value = value == INT32_MAX ? value : value + 1;
     prefs.setInteger(keys::kInAppCounter, value);
     // Kept with the request in the outbox, durable before it leaves; the preferences follow

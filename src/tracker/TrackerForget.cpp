@@ -208,6 +208,7 @@ void TrackerCore::forgetInMemory() {
     // Read again from the emptied outbox: a fresh install counts from 1.
     const std::lock_guard lock(countersMutex_);
     counterFloors_.clear();
+    unkeptReachTaken_.clear();
   }
   remoteDebugging_.forgetInstall();
 }

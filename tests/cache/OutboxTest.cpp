@@ -444,6 +444,9 @@ TEST_F(OutboxTest, ALaunchCounterTheDiskRefusedIsGivenAgainOnlyIfItNeverLeft) {
     auto process = restart(std::map<std::string, Json>{});
     fakes.preferences->setFailWrites(true);
     tracker->trackAppLaunch();
+    tracker->trackEvent("own", std::nullopt);
+    fakes.dispatcher->advance(1s);  // its write failed
+    tracker->trackEvent("own", std::nullopt);
     fakes.dispatcher->advance(lives);
     if (exits) {
       process->setExitFlushTimeout(20ms);
@@ -469,6 +472,10 @@ TEST_F(OutboxTest, ALaunchCounterTheDiskRefusedIsGivenAgainOnlyIfItNeverLeft) {
   };
   for (const bool exits : {false, true})  // it never left: 1 again
     EXPECT_EQ(launchCounters(2s, exits, false), std::vector<int>{1}) << exits;
+  // The process's own mark never makes it number above itself.
+  const auto own = payloadsOf("own");
+  ASSERT_GE(own.size(), 2U);
+  EXPECT_EQ(own[1]["iaecounter"], "2");
   for (const bool lockedOutAfter : {false, true}) {
     // It may have reached the service: numbered above, by a start that cannot read the kept
     // counters too.
