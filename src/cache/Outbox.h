@@ -351,6 +351,11 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // then built and sent like an earlier run's reports. Outside the store's lock.
   void adoptGuests(const std::shared_ptr<platform::OutboxStore>& store);
   bool keepGuestRecordsLocked(std::vector<platform::OutboxRecord> records);
+  // forgetAll()'s parts: what guests kept under the install consented to since a forgetting
+  // this holder sees late, taken before the store is emptied and kept in the new one.
+  std::vector<platform::OutboxRecord> takeRenewedGuestRecords();
+  void keepRenewedGuestRecords(std::vector<platform::OutboxRecord> records);
+  bool forgetAllLocked(bool everyGuestFile);
   // Looks for guests every 2 s for a minute after one was seen (an idle holder that saw none
   // never wakes); a sync looks each time too.
   void scheduleGuestWatch();

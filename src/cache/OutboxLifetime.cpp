@@ -141,93 +141,148 @@ void Outbox::noteUnreadableLocked() {
 
 bool Outbox::forgetAll(bool everyGuestFile) noexcept {
   try {
-    const std::lock_guard lock(storeMutex_);
-    // What is accepted from now on belongs to the install on the disk now; the store is
-    // opened for that one (to be emptied), not refused as another install's.
-    if (installEpochNow_)
-      epoch_ = installEpochNow_().value_or(epoch_);
-    openLocked();
-    // Refused before as the new install's: emptied now if it can be, and left to the process
-    // that took it meanwhile if one did.
-    if (!store_ && lockedOut_ && !heldElsewhere_ && !takeFreedLockLocked() &&
-        lockedOut_->heldByAnotherProcess())
-      heldElsewhere_ = true;
-    std::vector<OutboxSlotPtr> slots;
-    {
-      const std::lock_guard buffer(bufferMutex_);
-      for (auto& op : buffer_) {
-        if (const auto* put = std::get_if<Put>(&op))
-          slots.push_back(put->slot);
-      }
-      buffer_.clear();
-      noted_.clear();
-    }
-    for (const auto& [id, held] : held_)
-      slots.push_back(held.slot);
-    for (const auto& left : leftovers_)
-      slots.push_back(left.slot);
-    for (const auto& left : replays_)
-      slots.push_back(left.slot);
-    for (const auto& slot : slots) {
-      if (slot && slot->settle(false)) {
-        waiting_.fetch_sub(1, std::memory_order_relaxed);
-        if (slot->retrying_.exchange(false))
-          retrying_.fetch_sub(1, std::memory_order_relaxed);
-      }
-    }
-    held_.clear();
-    unwritten_.clear();
-    heldBytes_ = 0;
-    leftovers_.clear();
-    replays_.clear();
-    loadedUpTo_ = leftoversEnd_;
-    leftoverPageAttempt_ = 0;
-    ++forgetGeneration_;  // a page being read now is dropped
-    counters_ = Json::object();
-    keptCounters_ = Json::object();
-    countersUnkeptMarked_ = false;
-    launchUnsentMarked_ = false;
-    launchLeftUnkept_ = false;
-    ownUnkeptMark_ = false;
-    countersDirty_ = false;
-    if (!store_) {
-      // Another process's store is not this one's to forget; what this one kept there for it,
-      // not yet taken, is, and goes (a report handed over just before the stop was seen), and
-      // at a forgetting that began here, what every other process kept (the holder drops it
-      // anyway, by its epoch, but no file of the old install is left meanwhile).
-      if (lockedOut_ && everyGuestFile)
-        lockedOut_->removeEveryGuestFile();
-      else if (lockedOut_)
-        lockedOut_->removeOwnGuestFiles();
-      // A store that would not open here (a full disk) is this one's: its mark of unkept
-      // counters goes, or the new install's first launch would be numbered above the old ones.
-      if (lockedOut_ && !heldElsewhere_)
-        lockedOut_->markCountersUnkept(false);
-      return !heldElsewhere_;
-    }
-    if (store_->destroy()) {
-      // Opened again, new and empty, only when a report comes: a stopped library leaves no file.
-      // Its watch went with it, and begins again once the new store idles.
-      opened_ = false;
-      watching_ = false;
-      return true;
-    }
-    store_->markCountersUnkept(false);  // the new install numbers from the start
-    std::vector<platform::OutboxChange> removals;
-    for (std::int64_t after = kCountersRecord - 1;;) {
-      const auto page = store_->load(after, 1000);
-      if (page.empty())
-        break;
-      for (const auto& record : page)
-        removals.push_back({record.id, std::nullopt});
-      after = page.back().id;
-    }
-    if (!removals.empty() && !store_->apply(removals))
+    // A holder that sees another process's forgetting only now: what guests kept meanwhile
+    // under the install consented to since is that install's, and the emptying below removes
+    // every guest file. Taken first (outside the store's lock, as any taking of guest files),
+    // and kept in the new store. A kill in between loses them: rare, and never a repeat.
+    auto renewed =
+        everyGuestFile ? std::vector<platform::OutboxRecord>{} : takeRenewedGuestRecords();
+    if (!forgetAllLocked(everyGuestFile))
       return false;
-    return store_->sync();
+    if (!renewed.empty())
+      keepRenewedGuestRecords(std::move(renewed));
+    return true;
   } catch (...) {
     return false;  // the caller's marker stays: the next start finishes the job
   }
+}
+
+std::vector<platform::OutboxRecord> Outbox::takeRenewedGuestRecords() {
+  std::shared_ptr<platform::OutboxStore> store;
+  {
+    const std::lock_guard lock(storeMutex_);
+    store = store_;
+  }
+  const auto epoch = installEpochNow_ ? installEpochNow_() : std::nullopt;
+  if (!store || !epoch)
+    return {};
+  std::vector<platform::OutboxRecord> renewed;
+  store->adoptGuests([&](std::vector<platform::OutboxRecord> records) {
+    for (auto& record : records) {
+      if (record.id >= kCountersRecord && recordEpoch(record) == *epoch)
+        renewed.push_back(std::move(record));
+    }
+    return true;  // the rest is the forgotten install's
+  });
+  return renewed;
+}
+
+void Outbox::keepRenewedGuestRecords(std::vector<platform::OutboxRecord> records) {
+  std::vector<Leftover> unbuilt;
+  std::function<void(std::vector<Leftover>)> take;
+  {
+    const std::lock_guard lock(storeMutex_);
+    openLocked();
+    if (!keepGuestRecordsLocked(std::move(records))) {
+      log_->log(kLogWarning, kMethod,
+                "Quorvel outbox: reports another process kept for this one since the install was "
+                "forgotten could not be kept; dropped");
+      return;
+    }
+    if (resumed_) {
+      unbuilt = releaseLeftoversLocked();
+      take = take_;
+    }
+  }
+  if (!unbuilt.empty() && take)
+    take(std::move(unbuilt));
+}
+
+bool Outbox::forgetAllLocked(bool everyGuestFile) {
+  const std::lock_guard lock(storeMutex_);
+  // What is accepted from now on belongs to the install on the disk now; the store is
+  // opened for that one (to be emptied), not refused as another install's.
+  if (installEpochNow_)
+    epoch_ = installEpochNow_().value_or(epoch_);
+  openLocked();
+  // Refused before as the new install's: emptied now if it can be, and left to the process
+  // that took it meanwhile if one did.
+  if (!store_ && lockedOut_ && !heldElsewhere_ && !takeFreedLockLocked() &&
+      lockedOut_->heldByAnotherProcess())
+    heldElsewhere_ = true;
+  std::vector<OutboxSlotPtr> slots;
+  {
+    const std::lock_guard buffer(bufferMutex_);
+    for (auto& op : buffer_) {
+      if (const auto* put = std::get_if<Put>(&op))
+        slots.push_back(put->slot);
+    }
+    buffer_.clear();
+    noted_.clear();
+  }
+  for (const auto& [id, held] : held_)
+    slots.push_back(held.slot);
+  for (const auto& left : leftovers_)
+    slots.push_back(left.slot);
+  for (const auto& left : replays_)
+    slots.push_back(left.slot);
+  for (const auto& slot : slots) {
+    if (slot && slot->settle(false)) {
+      waiting_.fetch_sub(1, std::memory_order_relaxed);
+      if (slot->retrying_.exchange(false))
+        retrying_.fetch_sub(1, std::memory_order_relaxed);
+    }
+  }
+  held_.clear();
+  unwritten_.clear();
+  heldBytes_ = 0;
+  leftovers_.clear();
+  replays_.clear();
+  loadedUpTo_ = leftoversEnd_;
+  leftoverPageAttempt_ = 0;
+  ++forgetGeneration_;  // a page being read now is dropped
+  counters_ = Json::object();
+  keptCounters_ = Json::object();
+  countersUnkeptMarked_ = false;
+  launchUnsentMarked_ = false;
+  launchLeftUnkept_ = false;
+  ownUnkeptMark_ = false;
+  countersDirty_ = false;
+  if (!store_) {
+    // Another process's store is not this one's to forget; what this one kept there for it,
+    // not yet taken, is, and goes (a report handed over just before the stop was seen), and
+    // at a forgetting that began here, what every other process kept (the holder drops it
+    // anyway, by its epoch, but no file of the old install is left meanwhile).
+    if (lockedOut_ && everyGuestFile)
+      lockedOut_->removeEveryGuestFile();
+    else if (lockedOut_)
+      lockedOut_->removeOwnGuestFiles();
+    // A store that would not open here (a full disk) is this one's: its mark of unkept
+    // counters goes, or the new install's first launch would be numbered above the old ones.
+    if (lockedOut_ && !heldElsewhere_)
+      lockedOut_->markCountersUnkept(false);
+    return !heldElsewhere_;
+  }
+  if (store_->destroy()) {
+    // Opened again, new and empty, only when a report comes: a stopped library leaves no file.
+    // Its watch went with it, and begins again once the new store idles.
+    opened_ = false;
+    watching_ = false;
+    return true;
+  }
+  store_->markCountersUnkept(false);  // the new install numbers from the start
+  std::vector<platform::OutboxChange> removals;
+  for (std::int64_t after = kCountersRecord - 1;;) {
+    const auto page = store_->load(after, 1000);
+    if (page.empty())
+      break;
+    for (const auto& record : page)
+      removals.push_back({record.id, std::nullopt});
+    after = page.back().id;
+  }
+  if (!removals.empty() && !store_->apply(removals))
+    return false;
+  return store_->sync();
 }
 
 }  // namespace quorvel
