@@ -197,6 +197,10 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // between writing that file and removing the report here leaves both: the folder's copy
   // is the one that goes. Called on the outbox's queue.
   void setKeptElsewhere(std::function<bool(const QuorvelRequestCacheData&)> keptElsewhere);
+  // Whether the sends a write releases are held back now (the user stopped the library): a
+  // launch held back never left, so its counter is still the one to give again. Called on the
+  // outbox's queue.
+  void setSendsHeld(std::function<bool()> sendsHeld);
   // Told the name of each file made in the data directory while this process holds it (set
   // once by the tracker, before the store opens): its markers live there. Called with an
   // empty name once the watch has begun, for what was made before. Called on a thread of the
@@ -474,6 +478,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   Limits limits_;
   Resend resend_;
   std::function<bool(const QuorvelRequestCacheData&)> keptElsewhere_;
+  std::function<bool()> sendsHeld_;
   std::function<void(std::string_view)> onFolderFile_;
   InstallEpochNow installEpochNow_;
   std::string epoch_;  // the install this outbox's reports were made under

@@ -179,6 +179,11 @@ void Outbox::setKeptElsewhere(std::function<bool(const QuorvelRequestCacheData&)
   keptElsewhere_ = std::move(keptElsewhere);
 }
 
+void Outbox::setSendsHeld(std::function<bool()> sendsHeld) {
+  const std::lock_guard lock(storeMutex_);
+  sendsHeld_ = std::move(sendsHeld);
+}
+
 void Outbox::setInstallEpoch(InstallEpochNow now) {
   const std::lock_guard lock(storeMutex_);
   installEpochNow_ = std::move(now);

@@ -159,7 +159,8 @@ void Outbox::writeBufferedLocked() {
   }
   // Written: now the requests may leave.
   // Kept only if the batch held the counters: while the stored ones are unread, they wait.
-  if (launchLeaves)
+  // A stop holds the sends back: the launch does not leave.
+  if (launchLeaves && !(sendsHeld_ && sendsHeld_()))
     noteLaunchLeavingLocked(written && countersRead_);
   for (const auto& send : sends)
     send();

@@ -136,6 +136,12 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
         }
         return request.postData() && kept->count(*request.postData()) > 0;
       });
+  outbox_->setSendsHeld([consent = std::weak_ptr<const platform::ConsentGate>(consent_)] {
+    const auto gate = consent.lock();
+    // What this process knows, without a look at the disk under the outbox's lock: a stop
+    // made elsewhere and not seen yet removes the mark (a gap at worst, never a repeat).
+    return gate && gate->knownStopped();
+  });
   iAdClient_ = std::make_shared<const QVSDKiAdClient>(platform_, log_);
   mBackgroundQueue_ = platform_->dispatcher->makeSerialQueue(kSerialQueueLabel);
   // The holder of the data directory sees a stop or a forgetting made by another process when

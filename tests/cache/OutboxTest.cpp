@@ -434,9 +434,11 @@ TEST_F(OutboxTest, ACounterAFullDiskCouldNotKeepIsNeverGivenAgain) {
 TEST_F(OutboxTest, ALaunchCounterTheDiskRefusedIsGivenAgainOnlyIfItNeverLeft) {
   // A fresh install's first launch on a full disk (no store can be made, no preferences
   // saved) waits for its counters a few seconds, then goes from memory. The process ends
-  // after `lives` (`exits`: normally); with `lockedOutAfter`, a start that still finds the
-  // disk full launches; then the disk is freed, and the next start launches.
-  const auto launchCounters = [this](std::chrono::seconds lives, bool exits, bool lockedOutAfter) {
+  // after `lives` (`exits`: normally; `stops`: stopped by the user before it went); with
+  // `lockedOutAfter`, a start that still finds the disk full launches; then the disk is freed,
+  // and the next start launches (consented to again).
+  const auto launchCounters = [this](std::chrono::seconds lives, bool exits, bool lockedOutAfter,
+                                     bool stops = false) {
     fakes.dispatcher->clear();
     fakes.outbox = std::make_shared<test::MemoryOutboxStore>();
     fakes.outbox->setFailOpen(true);
@@ -448,6 +450,10 @@ TEST_F(OutboxTest, ALaunchCounterTheDiskRefusedIsGivenAgainOnlyIfItNeverLeft) {
     fakes.dispatcher->advance(1s);  // its write failed
     tracker->trackEvent("own", std::nullopt);
     fakes.dispatcher->advance(lives);
+    if (stops) {
+      tracker->setStopped(true);
+      fakes.dispatcher->advance(10s);
+    }
     if (exits) {
       process->setExitFlushTimeout(20ms);
       process->flushAtExit();  // the launch still waits: only its counters are written
@@ -461,6 +467,7 @@ TEST_F(OutboxTest, ALaunchCounterTheDiskRefusedIsGivenAgainOnlyIfItNeverLeft) {
     fakes.dispatcher->clear();
     process = restart();
     fakes.outbox->setFailOpen(false);
+    tracker->setStopped(false);
     tracker->trackAppLaunch();
     fakes.dispatcher->advance(1s);
     std::vector<int> counters;
@@ -472,6 +479,7 @@ TEST_F(OutboxTest, ALaunchCounterTheDiskRefusedIsGivenAgainOnlyIfItNeverLeft) {
   };
   for (const bool exits : {false, true})  // it never left: 1 again
     EXPECT_EQ(launchCounters(2s, exits, false), std::vector<int>{1}) << exits;
+  EXPECT_EQ(launchCounters(2s, false, false, true), std::vector<int>{1});
   // The process's own mark never makes it number above itself.
   const auto own = payloadsOf("own");
   ASSERT_GE(own.size(), 2U);
