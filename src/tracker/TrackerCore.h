@@ -520,9 +520,12 @@ class TrackerCore {
   // The application notifications the tracker follows; destroying them waits out a handler
   // running on another thread. Swapped out under the lock, destroyed outside it.
   std::mutex subscriptionsMutex_;
-  // A forgetting carried out for another process and an opt-in here never interleave: the
-  // one erases only while the library is still stopped.
-  std::mutex optInMutex_;
+  // A forgetting (this process's own or one carried out for another) and an opt-in here never
+  // interleave: the one erases only while the library is still stopped, and the switch a start
+  // runs by is the one it stored. Recursive: a forgetting that cannot begin stops through
+  // setStopped(), and a host's log callback may call back in.
+  std::recursive_mutex optInMutex_;
+  std::mutex uidMutex_;  // the identifier is read, made and stored as one step
   // This process forgot the install: the "forgotten" stop marker it sees then is its own.
   std::atomic<bool> forgottenHere_{false};
   // While it forgets: its own markers, seen by its folder watch, start no second erasing.

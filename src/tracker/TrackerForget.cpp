@@ -83,6 +83,7 @@ std::string TrackerCore::forgetMarkerPath() const {
 }
 
 bool TrackerCore::forgetThisInstall() {
+  const std::lock_guard optIn(optInMutex_);
   // Stopped here at once, but the stop marker that other processes watch is written only after
   // the forgetting's own marker, and says "forgotten" from its first write: a process that saw
   // a plain stop first would stay stopped with what it holds, and never forget.

@@ -23,6 +23,8 @@ std::string TrackerCore::generateQuorvelId() const {
 }
 
 std::string TrackerCore::getQuorvelUID() {
+  // Callers on several threads at once get the one identifier that is kept.
+  const std::lock_guard lock(uidMutex_);
   auto& prefs = *platform_->preferences;
   if (auto stored = prefs.stringForKey(keys::kUserId); stored && !stored->empty())
     return *stored;

@@ -14,6 +14,7 @@
 #include <random>
 #include <sstream>
 #include <string_view>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -262,6 +263,35 @@ void launchOffline(QuorvelTracker& tracker, testkit::TestPlatform& kit) {
   kit.transport->setResponder([](const auto&) { return testkit::Answer::offline(); });
   tracker.trackAppLaunch();
   kit.dispatcher->advance(10s);
+}
+
+// A forgetting and an opt-in from two threads at once end as one of their orders would: the
+// switch this start runs by is the one the next start reads.
+TEST(Forget, AForgettingAndAnOptInAtOnceAgreeWithTheNextStart) {
+  for (int trial = 0; trial < 20; ++trial) {
+    test::TempDir dir;
+    bool running = false;
+    {
+      auto kit = testkit::makeTestPlatform(optionsIn(dir.path()), kKey);
+      QuorvelTracker tracker(kit.platform);
+      launchOffline(tracker, kit);
+      tracker.setStopped(true);
+      std::atomic<int> ready{0};
+      const auto together = [&ready] {
+        ++ready;
+        while (ready < 2) {
+        }
+      };
+      std::thread optIn([&] { together(), tracker.setStopped(false); });
+      together();
+      EXPECT_TRUE(tracker.forgetThisInstall());
+      optIn.join();
+      running = !tracker.isStopped();
+    }
+    auto kit = testkit::makeTestPlatform(optionsIn(dir.path()), kKey);
+    const QuorvelTracker nextStart(kit.platform);
+    EXPECT_EQ(!nextStart.isStopped(), running) << trial;
+  }
 }
 
 // Two processes on one data directory: the other's stop, or its forgetting, holds here at once,
