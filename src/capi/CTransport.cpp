@@ -13,6 +13,7 @@
 
 #include "capi/CTracker.h"
 #include "platform/ForkGeneration.h"
+#include "platform/SendCancellation.h"
 
 namespace quorvel::capi {
 namespace {
@@ -36,7 +37,7 @@ class OpenReplies {
         expired = takeExpiredLocked(now);
       id = ++last_;
       const auto deadline = now + timeout;
-      open_.emplace(id, Open{std::move(done), deadline});
+      open_.emplace(id, Open{std::move(done), deadline, platform::currentSendCancelFlag()});
       nextExpiry_ = std::min(nextExpiry_, deadline);
     }
     for (const TransportDone& late : expired)
@@ -53,7 +54,8 @@ class OpenReplies {
   bool pending(const quorvel_transport_reply* reply) noexcept {
     const std::lock_guard lock(mutex_);
     const auto it = open_.find(reinterpret_cast<std::uintptr_t>(reply));  // NOLINT
-    return it != open_.end() && Clock::now() < it->second.deadline;
+    return it != open_.end() && Clock::now() < it->second.deadline &&
+           !(it->second.cancelled && *it->second.cancelled);
   }
   void lockForFork() noexcept { mutex_.lock(); }
   void unlockAfterFork() noexcept { mutex_.unlock(); }
@@ -62,6 +64,8 @@ class OpenReplies {
   struct Open {
     TransportDone done;
     Clock::time_point deadline;
+    // Set when the library gave the request up (a stop, a forgetting): no longer awaited.
+    platform::SendCancelFlag cancelled;
   };
 
   std::vector<TransportDone> takeExpiredLocked(Clock::time_point now) {

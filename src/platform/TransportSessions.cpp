@@ -14,7 +14,27 @@
 #include <mutex>
 #include <string>
 
+#include "platform/SendCancellation.h"
+
 namespace quorvel {
+
+namespace platform {
+namespace {
+thread_local SendCancelFlag tSendCancelFlag;  // NOLINT: one per thread by design
+}  // namespace
+
+SendCancelFlag currentSendCancelFlag() noexcept {
+  return tSendCancelFlag;
+}
+
+SendCancelScope::SendCancelScope(SendCancelFlag flag) noexcept
+    : previous_(std::exchange(tSendCancelFlag, std::move(flag))) {}
+
+SendCancelScope::~SendCancelScope() {
+  tSendCancelFlag = std::move(previous_);
+}
+}  // namespace platform
+
 namespace {
 
 using platform::URLRequest;
@@ -97,7 +117,8 @@ class TransportTask final : public platform::URLSessionTask,
   platform::DataTaskCompletion completion_;
   std::shared_ptr<TransportSession> session_;
   std::atomic<bool> resumed_{false};
-  std::atomic<bool> cancelled_{false};
+  // Shared with the host's open reply, which is no longer pending once this is set.
+  std::shared_ptr<std::atomic<bool>> cancelled_ = std::make_shared<std::atomic<bool>>(false);
   // Who came first: the lane that hands it to the host, or its outcome (its deadline, a
   // failure). Decided once, so that a request failed at its deadline never leaves afterwards.
   enum Stage : int { waiting, handedOver, ended };
@@ -165,7 +186,7 @@ class TransportSession final : public platform::URLSession,
 
 void TransportTask::resume() noexcept {
   // A task cancelled before it started (a stop) never reaches the host's transport.
-  if (cancelled_ || resumed_.exchange(true))
+  if (*cancelled_ || resumed_.exchange(true))
     return;
   try {
     const auto timeout = request_.timeout.value_or(kDefaultTimeout);
@@ -191,8 +212,9 @@ void TransportTask::resume() noexcept {
     session_->lanes().run([self = shared_from_this(), timeout, done = std::move(done)]() mutable {
       // Cancelled, or failed at its deadline, while it waited for a lane: it never leaves (the
       // library sends a failed request again, and this copy would go twice).
-      if (self->cancelled_ || !self->takeStage(handedOver))
+      if (*self->cancelled_ || !self->takeStage(handedOver))
         return;
+      const platform::SendCancelScope cancellable(self->cancelled_);
       try {
         TransportRequest request{self->request_.method, self->request_.url, self->request_.headers,
                                  self->request_.body, timeout};
@@ -207,7 +229,7 @@ void TransportTask::resume() noexcept {
 }
 
 void TransportTask::cancel() noexcept {
-  if (cancelled_.exchange(true))
+  if (cancelled_->exchange(true))
     return;
   try {
     session_->delegateQueue()->async([self = shared_from_this()] { self->completion_ = nullptr; });
@@ -227,7 +249,7 @@ void TransportTask::finish(std::optional<TransportResponse> response,
     failure = Error{platform::kURLErrorDomain, kCannotConnect, "no answer from the transport"};
   session_->delegateQueue()->async([self = shared_from_this(), response = std::move(response),
                                     failure = std::move(failure)]() mutable {
-    if (self->cancelled_)
+    if (*self->cancelled_)
       return;
     std::optional<Bytes> body;
     std::optional<platform::URLResponse> answer;

@@ -9,6 +9,7 @@
 #include <quorvel/quorvel_testkit.h>
 
 #include "capi/CTracker.h"
+#include "support/Eventually.h"
 #include "support/TempDir.h"
 
 #include <algorithm>
@@ -374,6 +375,38 @@ TEST(CApi, ARequestTheHostNeverAnswersIsFailedAndForgottenPastItsTimeout) {
   EXPECT_EQ(quorvel_transport_pending(replies[1]), 1);
   quorvel_transport_respond(replies[1], 200, nullptr, 0, nullptr, 0);
   EXPECT_EQ(quorvel_transport_pending(replies[1]), 0);
+}
+
+// A transport that queues requests sends none of them once a stop or a forgetting returned:
+// the library gave them up, and says so.
+TEST(CApi, ATransportThatQueuesSeesEveryRequestGivenUpOnceStopOrForgetReturned) {
+  for (const bool forget : {false, true}) {
+    const HostFolder folder;
+    struct Queue {
+      std::mutex mutex;
+      std::vector<quorvel_transport_reply*> replies;
+    } queue;
+    quorvel_tracker* tracker = configured(folder.options(
+        [](void* user, const quorvel_transport_request*, quorvel_transport_reply* reply) {
+          auto* queued = static_cast<Queue*>(user);
+          const std::lock_guard lock(queued->mutex);
+          queued->replies.push_back(reply);
+        },
+        &queue));
+    quorvel_track_app_launch(tracker);
+    ASSERT_TRUE(quorvel::test::eventually([&] {
+      const std::lock_guard lock(queue.mutex);
+      return !queue.replies.empty();
+    }));
+    EXPECT_EQ(forget ? quorvel_forget_this_install(tracker) : quorvel_set_stopped(tracker, 1),
+              QUORVEL_OK);
+    {
+      const std::lock_guard lock(queue.mutex);
+      for (auto* reply : queue.replies)
+        EXPECT_EQ(quorvel_transport_pending(reply), 0) << forget;
+    }
+    quorvel_tracker_destroy(tracker);
+  }
 }
 
 // Inside one tracker's callback, another tracker is an ordinary one: its destroy waits for its

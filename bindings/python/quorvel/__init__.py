@@ -265,7 +265,8 @@ class _Transport:
             return
         if reply.abandoned:
             # The library failed it as timed out while it waited here, and sends the report
-            # again later: sending this copy too would make a repeat.
+            # again later (sending this copy too would make a repeat), or gave it up at a stop
+            # or a forgetting, after which nothing may leave.
             reply.fail("timed out before it was sent")
             return
         if self._closed:
