@@ -187,6 +187,10 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // A kept-request file was answered: counted with this process's reports, as the service
   // counts it.
   void noteFolderAnswer(long status);
+  // A copy of the report goes to the transport now: a repeat when an earlier copy may have
+  // reached the service. Counted here, not when the copy leaves the outbox: a copy held back
+  // on its way (a stop) never reached anything.
+  void noteCopyTaken(const OutboxSlotPtr& slot);
 
   // --- Replay -----------------------------------------------------------------------------
   // What sends a built report again (set once by the tracker). Called on the outbox's queue.
@@ -334,8 +338,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   void markForRetryLocked(const OutboxSlotPtr& slot, bool reached);
   struct Held;
   // A copy of `held` goes now: a record that says "unsent" is written again first, since the
-  // copy may reach the service before a kill (it is then a repeat for the next start), and a
-  // copy after one that may have reached is counted as a repeat.
+  // copy may reach the service before a kill (it is then a repeat for the next start).
   void noteCopyLeavingLocked(Held& held, std::vector<platform::OutboxChange>& changes);
   // Drops every waiting report of this process past the age bound.
   void dropExpiredHeldLocked();

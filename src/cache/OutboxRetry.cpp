@@ -63,9 +63,12 @@ void Outbox::markForRetryLocked(const OutboxSlotPtr& slot, bool reached) {
   scheduleRetry();
 }
 
-void Outbox::noteCopyLeavingLocked(Held& held, std::vector<platform::OutboxChange>& changes) {
-  if (held.slot->reached_)
+void Outbox::noteCopyTaken(const OutboxSlotPtr& slot) {
+  if (slot && slot->reached_)
     repeated_.fetch_add(1, std::memory_order_relaxed);
+}
+
+void Outbox::noteCopyLeavingLocked(Held& held, std::vector<platform::OutboxChange>& changes) {
   if (!held.unsent || !held.request)
     return;
   held.unsent = false;

@@ -222,6 +222,8 @@ void QuorvelHTTPClient::post(SharedRecord record, std::string url, Origin origin
   }
   if (origin == Origin::cache)
     cache_->noteReplayLeaving(request);
+  else if (outbox_)
+    outbox_->noteCopyTaken(slotUnderWay);
   task->resume();
 }
 

@@ -683,5 +683,19 @@ TEST_F(OutboxTest, APurchaseFromADelegateCallbackIsAReportOfItsOwn) {
   EXPECT_EQ(tracker->deliveryStats().waiting, 0U);
 }
 
+// A report on the wire when the user stopped goes once more after the opt-in, counted as one
+// repeat: the copies the retry made meanwhile were held back on their way and never left.
+TEST_F(OutboxTest, ACopyHeldBackByAStopIsNoRepeat) {
+  tracker->trackEvent("on_the_wire", std::nullopt);
+  fakes.dispatcher->advance(2ms);
+  tracker->setStopped(true);
+  fakes.respond(0, 200, "{}");  // too late: ignored
+  fakes.dispatcher->advance(5min);
+  tracker->setStopped(false);
+  fakes.dispatcher->advance(30min);
+  EXPECT_EQ(copiesOf("on_the_wire").size(), 2U);
+  EXPECT_EQ(tracker->deliveryStats().repeated, 1U);
+}
+
 }  // namespace
 }  // namespace quorvel
