@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "log/Log.h"
+#include "platform/posix/JsonFilePreferencesStore.h"
 #include "tracker/QuorvelKeychainWrapper.h"
 #include "util/PreferenceKeys.h"
 #include "util/Utf8.h"
@@ -32,8 +33,21 @@ std::string TrackerCore::getQuorvelUID() {
   if (isStopped())
     return std::string();
   std::string uid = generateQuorvelId();
-  prefs.setString(keys::kUserId, uid);
-  prefs.synchronize();
+  auto* const file = dynamic_cast<platform::JsonFilePreferencesStore*>(switchPreferences_.get());
+  if (file == nullptr) {
+    prefs.setString(keys::kUserId, uid);
+    prefs.synchronize();
+  } else {
+    // Another process of the app (or another tracker on this folder) may have made the
+    // install's identifier since this one read the preferences: the one stored first is the
+    // install's. Under the gate, as the consented store writes: none is kept after a stop.
+    const auto held = consent_->hold();
+    if (consent_->stopped())
+      return std::string();
+    const Json kept = file->setObjectUnlessStored(keys::kUserId, Json(uid));
+    if (kept.is_string() && !kept.get_ref<const std::string&>().empty())
+      uid = kept.get<std::string>();
+  }
   setOriginalQuorvelIdToKeychainIfNeeded(uid);
   return uid;
 }

@@ -119,5 +119,26 @@ TEST(Reinstall, AnotherAppOfTheSameUserIsAFirstInstall) {
   EXPECT_FALSE(other.pref(keys::kReInstallCounter));
 }
 
+// One install has one identifier, whoever asks first: threads of one tracker at once, and a
+// second tracker (as a second process) that read the preferences before the first stored it.
+TEST(Reinstall, OneInstallHasOneIdentifierWhoeverAsksFirst) {
+  QuorvelProxyManager::sharedManager().stopRemoteDebugging();
+  test::TempDir root;
+  Install first(root, "1");
+  Install second(root, "1");
+  EXPECT_FALSE(second.pref(keys::kUserId));  // its copy of the preferences is read now
+  std::vector<std::future<std::string>> asked;
+  for (int i = 0; i < 8; ++i)
+    asked.push_back(
+        std::async(std::launch::async, [&] { return first.tracker().getQuorvelUID(); }));
+  const std::string uid = first.tracker().getQuorvelUID();
+  for (auto& answer : asked)
+    EXPECT_EQ(answer.get(), uid);
+  EXPECT_EQ(second.tracker().getQuorvelUID(), uid);
+  first.drainSerialQueue();
+  second.drainSerialQueue();
+  EXPECT_EQ(Install(root, "1").pref(keys::kUserId), uid);  // the next start's
+}
+
 }  // namespace
 }  // namespace quorvel

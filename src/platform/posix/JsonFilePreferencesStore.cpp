@@ -249,6 +249,39 @@ std::optional<Json> JsonFilePreferencesStore::readCurrentFile() const {
   return fromFile(parsed);
 }
 
+std::string JsonFilePreferencesStore::folder() const {
+  const auto slash = path_.find_last_of('/');
+  return slash == std::string::npos ? "." : slash == 0 ? "/" : path_.substr(0, slash);
+}
+
+Json JsonFilePreferencesStore::setObjectUnlessStored(std::string_view key, Json value) {
+  std::lock_guard writer(writeMutex_);
+  bool fromMemory = false;
+  {
+    std::lock_guard lock(mutex_);
+    loadLocked();
+    // Unreadable, the file is never written; removed here and not yet saved (a forgetting),
+    // what the file still holds is the old install's.
+    fromMemory = unreadable_ || cleared_ || changes_.contains(std::string(key));
+  }
+  if (fromMemory) {
+    setObject(key, value);
+    return value;
+  }
+  makeDirectories(folder(), 0700);
+  const FolderLock across(folder());
+  if (const auto current = readCurrentFile()) {
+    if (const auto it = current->find(std::string(key)); it != current->end() && !it->is_null()) {
+      std::lock_guard lock(mutex_);
+      values_[std::string(key)] = *it;
+      return *it;
+    }
+  }
+  setObject(key, value);
+  writeMergedLocked();  // refused: kept in memory, written at the next synchronize()
+  return value;
+}
+
 bool JsonFilePreferencesStore::synchronize() {
   // One writer at a time, so that an older snapshot never overwrites a newer one.
   std::lock_guard writer(writeMutex_);
@@ -259,12 +292,12 @@ bool JsonFilePreferencesStore::synchronize() {
     if (!dirty_)
       return true;
   }
-  const auto slash = path_.find_last_of('/');
-  const std::string folder = slash == std::string::npos ? "."
-                             : slash == 0               ? "/"
-                                                        : path_.substr(0, slash);
-  makeDirectories(folder, 0700);
-  const FolderLock across(folder);
+  makeDirectories(folder(), 0700);
+  const FolderLock across(folder());
+  return writeMergedLocked();
+}
+
+bool JsonFilePreferencesStore::writeMergedLocked() {
   std::optional<Json> current = readCurrentFile();
   std::string text;
   decltype(changes_) written;

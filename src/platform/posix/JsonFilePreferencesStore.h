@@ -36,6 +36,10 @@ class JsonFilePreferencesStore final : public PreferencesStore {
   // Forgets this process's copy and its unsaved changes, writing nothing: the file is read
   // again at the next use (another process replaced the install it held).
   void discardCopy();
+  // For a value every process of the app must share (the install's identifier): the one
+  // another process stored on the file since this one read it wins; `value` is stored, and
+  // written at once, only where the file has none. The value in effect.
+  Json setObjectUnlessStored(std::string_view key, Json value);
 
   const std::string& path() const noexcept { return path_; }
 
@@ -43,6 +47,9 @@ class JsonFilePreferencesStore final : public PreferencesStore {
   void loadLocked() const;
   // The file's values now, or nullopt when there is none that can be read.
   std::optional<Json> readCurrentFile() const;
+  std::string folder() const;
+  // synchronize()'s write, under its two locks.
+  bool writeMergedLocked();
   // Temp files of interrupted writes (all of them, or those no one can still be writing).
   void removeLeftoverFiles(bool all) const;
 
