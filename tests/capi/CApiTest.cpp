@@ -9,6 +9,7 @@
 #include <quorvel/quorvel_testkit.h>
 
 #include "capi/CTracker.h"
+#include "support/Decrypt.h"
 #include "support/Eventually.h"
 #include "support/TempDir.h"
 
@@ -726,11 +727,61 @@ TEST(CApi, AnEngineReportsItsLifecycleCustomDataAndPushPayloads) {
   }
   EXPECT_NE(after.find("after_removal"), std::string::npos) << after;
   EXPECT_EQ(after.find("gold"), std::string::npos) << after;
+}
 
-  // Stopped: the configuration is still taken, what is about the user is not.
-  ASSERT_EQ(quorvel_set_stopped(t, 1), QUORVEL_OK);
-  EXPECT_EQ(quorvel_set_outbox_limits(t, 1 << 20, 3600), QUORVEL_OK);
-  EXPECT_EQ(quorvel_set_custom_data(t, custom.data(), custom.size()), QUORVEL_STOPPED);
+// A stop is kept across starts. A host configures its next start while still stopped (its
+// transport and domain at create, then its callbacks, key and app id): all of it is taken and
+// used once the user opts in, while tracking and what is about the user are refused as such.
+TEST(CApi, OptingInAfterAKeptStopSendsWithTheConfigurationTakenWhileStopped) {
+  struct Host {
+    std::mutex mutex;
+    std::vector<std::string> events;  // read with the key set while stopped
+    std::once_flag converted;
+    std::promise<void> conversion;
+  } host;
+  const HostFolder folder;
+  quorvel_options options = folder.options(
+      [](void* user, const quorvel_transport_request* r, quorvel_transport_reply* reply) {
+        auto& h = *static_cast<Host*>(user);
+        const auto payload =
+            quorvel::test::decryptPayload("K2", {r->body, r->body + r->body_length});
+        if (std::string_view(r->url, r->url_length).find("//events.svc.example/") !=
+            std::string_view::npos) {
+          const std::lock_guard lock(h.mutex);
+          h.events.push_back(payload.is_object() ? payload.value("event", "") : "unreadable");
+        }
+        const std::string_view answer = R"({"status": "unpaid"})";
+        quorvel_transport_respond(reply, 200, "", 0,
+                                  reinterpret_cast<const uint8_t*>(answer.data()), answer.size());
+      },
+      &host);
+  quorvel_tracker* tracker = configured(options);
+  ASSERT_EQ(quorvel_set_stopped(tracker, 1), QUORVEL_OK);
+  quorvel_tracker_destroy(tracker);
+  options.service_domain = "svc.example";
+  options.service_domain_length = 11;
+  ASSERT_EQ(quorvel_tracker_create(&options, &tracker), QUORVEL_OK);
+  quorvel_callbacks callbacks;
+  quorvel_callbacks_init(&callbacks);
+  callbacks.user_data = &host;
+  callbacks.on_conversion_data = [](void* user, const char*, size_t) {
+    auto& h = *static_cast<Host*>(user);
+    std::call_once(h.converted, [&h] { h.conversion.set_value(); });
+  };
+  EXPECT_EQ(quorvel_set_callbacks(tracker, &callbacks), QUORVEL_OK);
+  EXPECT_EQ(quorvel_set_dev_key(tracker, "K2", 2), QUORVEL_OK);
+  EXPECT_EQ(quorvel_set_app_id(tracker, "2", 1), QUORVEL_OK);
+  EXPECT_EQ(quorvel_set_outbox_limits(tracker, 1 << 20, 3600), QUORVEL_OK);
+  EXPECT_EQ(quorvel_set_custom_data(tracker, "{}", 2), QUORVEL_STOPPED);
+  EXPECT_EQ(quorvel_track_event(tracker, "stopped", 7, nullptr, 0), QUORVEL_STOPPED);
+  ASSERT_EQ(quorvel_set_stopped(tracker, 0), QUORVEL_OK);
+  EXPECT_EQ(quorvel_track_event(tracker, "running", 7, nullptr, 0), QUORVEL_OK);
+  EXPECT_EQ(quorvel_get_conversion_data(tracker), QUORVEL_OK);
+  EXPECT_EQ(quorvel_flush(tracker, 30000), QUORVEL_OK);
+  EXPECT_EQ(host.conversion.get_future().wait_for(std::chrono::seconds(30)),
+            std::future_status::ready);
+  quorvel_tracker_destroy(tracker);
+  EXPECT_EQ(host.events, std::vector<std::string>{"running"});
 }
 
 }  // namespace
