@@ -330,6 +330,19 @@ TEST(Forget, AnotherProcessOnTheSameDataSeesTheStopWithinASecond) {
       EXPECT_TRUE(forgotten(snapshot(dir.path())));
     }
   }
+  // A process that does not hold the folder (and does not watch it) sees the holder's stop
+  // at its next look, within a second.
+  test::TempDir dir;
+  auto holderKit = testkit::makeTestPlatform(optionsIn(dir.path()), kKey);
+  auto guestKit = testkit::makeTestPlatform(optionsIn(dir.path()), kKey);
+  QuorvelTracker holder(holderKit.platform);
+  launchOffline(holder, holderKit);
+  QuorvelTracker guest(guestKit.platform);
+  launchOffline(guest, guestKit);
+  ASSERT_FALSE(guest.isStopped());
+  holder.setStopped(true);
+  guestKit.dispatcher->advance(1s);
+  EXPECT_TRUE(guest.isStopped());
 }
 
 // A holder stopped before the other process forgets: it forgets too, idle and stopped, and
