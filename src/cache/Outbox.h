@@ -205,6 +205,8 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // launch held back never left, so its counter is still the one to give again. Called on the
   // outbox's queue.
   void setSendsHeld(std::function<bool()> sendsHeld);
+  // The sends are no longer held back: what failed or was held meanwhile goes now.
+  void sendsResumed();
   // Told the name of each file made in the data directory while this process holds it (set
   // once by the tracker, before the store opens): its markers live there. Called with an
   // empty name once the watch has begun, for what was made before. Called on a thread of the

@@ -69,6 +69,9 @@ void Outbox::noteCopyTaken(const OutboxSlotPtr& slot) {
 }
 
 void Outbox::noteCopyLeavingLocked(Held& held, std::vector<platform::OutboxChange>& changes) {
+  // A launch that may reach the service now: its counter is never given again.
+  if (held.request && held.request->carriesLaunchCounter() && !(sendsHeld_ && sendsHeld_()))
+    noteLaunchLeavingLocked(!countersUnkeptMarked_);
   if (!held.unsent || !held.request)
     return;
   held.unsent = false;
@@ -81,6 +84,17 @@ void Outbox::transportRecovered() {
     if (const auto self = weak.lock()) {
       const std::lock_guard lock(self->storeMutex_);
       self->retryAttempt_ = 0;
+    }
+  });
+}
+
+void Outbox::sendsResumed() {
+  std::weak_ptr<Outbox> weak = weak_from_this();
+  queue_->async([weak] {
+    if (const auto self = weak.lock()) {
+      const std::lock_guard lock(self->storeMutex_);
+      self->retryAttempt_ = 0;
+      self->retryFailedLocked();
     }
   });
 }
@@ -104,7 +118,9 @@ void Outbox::scheduleRetry() {
 void Outbox::retryFailedLocked() {
   retryScheduled_ = false;
   dropExpiredHeldLocked();
-  if (!resend_)
+  // While the user stops the library, nothing leaves: a copy sent now would only be held back
+  // on its way, its record said sent for nothing. sendsResumed() tries again.
+  if (!resend_ || (sendsHeld_ && sendsHeld_()))
     return;
   if (clock_->now() < notBefore_) {
     scheduleRetry();

@@ -246,8 +246,8 @@ void TrackerCore::setStopped(bool stopped) {
                       "setStopped(false), in this start and the next ones"
                     : "Quorvel runs again");
   if (!stopped) {
-    outbox_->transportRecovered();  // what waited during the stop goes now
-    scheduleOutboxResume();         // and what an earlier run left, with or without a call
+    outbox_->sendsResumed();  // what waited during the stop goes now
+    scheduleOutboxResume();   // and what an earlier run left, with or without a call
   }
 }
 

@@ -434,11 +434,12 @@ TEST_F(OutboxTest, ACounterAFullDiskCouldNotKeepIsNeverGivenAgain) {
 TEST_F(OutboxTest, ALaunchCounterTheDiskRefusedIsGivenAgainOnlyIfItNeverLeft) {
   // A fresh install's first launch on a full disk (no store can be made, no preferences
   // saved) waits for its counters a few seconds, then goes from memory. The process ends
-  // after `lives` (`exits`: normally; `stops`: stopped by the user before it went); with
+  // after `lives` (`exits`: normally; `stops`: stopped by the user before it went, and with
+  // `optsIn` consented to again, so that it goes as a replay before the kill); with
   // `lockedOutAfter`, a start that still finds the disk full launches; then the disk is freed,
   // and the next start launches (consented to again).
   const auto launchCounters = [this](std::chrono::seconds lives, bool exits, bool lockedOutAfter,
-                                     bool stops = false) {
+                                     bool stops = false, bool optsIn = false) {
     fakes.dispatcher->clear();
     fakes.outbox = std::make_shared<test::MemoryOutboxStore>();
     fakes.outbox->setFailOpen(true);
@@ -453,6 +454,8 @@ TEST_F(OutboxTest, ALaunchCounterTheDiskRefusedIsGivenAgainOnlyIfItNeverLeft) {
     if (stops) {
       tracker->setStopped(true);
       fakes.dispatcher->advance(10s);
+      tracker->setStopped(!optsIn);
+      fakes.dispatcher->advance(30s);
     }
     if (exits) {
       process->setExitFlushTimeout(20ms);
@@ -480,6 +483,9 @@ TEST_F(OutboxTest, ALaunchCounterTheDiskRefusedIsGivenAgainOnlyIfItNeverLeft) {
   for (const bool exits : {false, true})  // it never left: 1 again
     EXPECT_EQ(launchCounters(2s, exits, false), std::vector<int>{1}) << exits;
   EXPECT_EQ(launchCounters(2s, false, false, true), std::vector<int>{1});
+  const auto replayed = launchCounters(2s, false, false, true, true);  // 1 left as a replay
+  ASSERT_EQ(replayed.size(), 1U);
+  EXPECT_GT(replayed[0], 1);
   // The process's own mark never makes it number above itself.
   const auto own = payloadsOf("own");
   ASSERT_GE(own.size(), 2U);
