@@ -344,6 +344,9 @@ class TrackerCore {
   // Another process stopped the library: if it forgot the install, this one forgets too.
   void forgetIfForgottenElsewhere();
   void forgetIfForgottenElsewhereLocked();  // under optInMutex_
+  // Under optInMutex_, after a stop settled outside it: an opt-in that came in between is
+  // undone (rare, and only then is the settling done under the lock).
+  void stopAgainIfOptedInMeanwhile();
   void finishForgettingIfStarted();
   // Writes the epoch the forgetting's marker holds, unless the disk has it already.
   void renewEpochAsMarked();
@@ -523,7 +526,7 @@ class TrackerCore {
   // A forgetting (this process's own or one carried out for another) and an opt-in here never
   // interleave: the one erases only while the library is still stopped, and the switch a start
   // runs by is the one it stored. Recursive: a forgetting that cannot begin stops through
-  // setStopped(), and a host's log callback may call back in.
+  // setStopped(). A stop settles before taking it: work inside the gate may wait for it.
   std::recursive_mutex optInMutex_;
   std::mutex uidMutex_;  // the identifier is read, made and stored as one step
   // This process forgot the install: the "forgotten" stop marker it sees then is its own.

@@ -217,11 +217,16 @@ void TrackerCore::setStopped(bool stopped) {
   static constexpr const char* kMethod = "-[QuorvelTracker setStopped:]";
   auto& fs = *platform_->fileSystem;
   auto& prefs = *switchPreferences_;
+  if (stopped) {
+    // Before the lock: work inside the gate (a host's callback among it) may itself wait for
+    // the lock, and the settling waits for that work.
+    consent_->stopAndSettle();
+    httpClient_->cancelRequestsUnderWay();
+  }
   // What this process does for another one's forgetting never falls inside a switch here.
   const std::lock_guard lock(optInMutex_);
   if (stopped) {
-    consent_->stopAndSettle();
-    httpClient_->cancelRequestsUnderWay();
+    stopAgainIfOptedInMeanwhile();
     fs.createDirectory(fs.libraryDirectory());
     if (!fs.writeFileAtomically(stopMarkerPath(*platform_), Bytes{kStoppedMark}))
       log_->log(kLogError, kMethod, "Quorvel could not tell other processes of the stop");
@@ -249,6 +254,13 @@ void TrackerCore::setStopped(bool stopped) {
     outbox_->sendsResumed();  // what waited during the stop goes now
     scheduleOutboxResume();   // and what an earlier run left, with or without a call
   }
+}
+
+void TrackerCore::stopAgainIfOptedInMeanwhile() {
+  if (consent_->knownStopped())
+    return;
+  consent_->stopAndSettle();
+  httpClient_->cancelRequestsUnderWay();
 }
 
 void TrackerCore::persistPreferencesSoon() {

@@ -83,7 +83,6 @@ std::string TrackerCore::forgetMarkerPath() const {
 }
 
 bool TrackerCore::forgetThisInstall() {
-  const std::lock_guard optIn(optInMutex_);
   // Stopped here at once, but the stop marker that other processes watch is written only after
   // the forgetting's own marker, and says "forgotten" from its first write: a process that saw
   // a plain stop first would stay stopped with what it holds, and never forget.
@@ -94,6 +93,8 @@ bool TrackerCore::forgetThisInstall() {
   } const done{forgettingHere_};
   consent_->stopAndSettle();
   httpClient_->cancelRequestsUnderWay();
+  const std::lock_guard optIn(optInMutex_);
+  stopAgainIfOptedInMeanwhile();
   switchPreferences_->setBool(keys::kStopped, true);
   switchPreferences_->synchronize();  // the stop holds if a kill cuts the forgetting short
   // Calls made before the stop are forgotten with the rest, not accepted after it.

@@ -24,7 +24,9 @@ std::string TrackerCore::generateQuorvelId() const {
 }
 
 std::string TrackerCore::getQuorvelUID() {
-  // Callers on several threads at once get the one identifier that is kept.
+  // Callers on several threads at once get the one identifier that is kept. The gate is held
+  // first, as a build that asks for the identifier holds it already: one order for both.
+  const auto held = consent_->hold();
   const std::lock_guard lock(uidMutex_);
   auto& prefs = *platform_->preferences;
   if (auto stored = prefs.stringForKey(keys::kUserId); stored && !stored->empty())
@@ -41,7 +43,6 @@ std::string TrackerCore::getQuorvelUID() {
     // Another process of the app (or another tracker on this folder) may have made the
     // install's identifier since this one read the preferences: the one stored first is the
     // install's. Under the gate, as the consented store writes: none is kept after a stop.
-    const auto held = consent_->hold();
     if (consent_->stopped())
       return std::string();
     const Json kept = file->setObjectUnlessStored(keys::kUserId, Json(uid));
