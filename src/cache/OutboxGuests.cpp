@@ -223,7 +223,9 @@ void Outbox::adoptGuests(const std::shared_ptr<platform::OutboxStore>& store) {
 }
 
 bool Outbox::keepGuestRecordsLocked(std::vector<platform::OutboxRecord> records) {
-  if (!store_)
+  // A holder behind a forgetting empties this store once it sees it: what a guest kept for
+  // the new install waits in its file until then.
+  if (!store_ || epochStaleLocked())
     return false;
   // Read at each file: a forgetting may come between two. Unreadable now, the file waits.
   const auto epoch = installEpochNow_ ? installEpochNow_() : std::optional<std::string>("");

@@ -159,12 +159,16 @@ bool Outbox::forgetAll(bool everyGuestFile) noexcept {
 
 std::vector<platform::OutboxRecord> Outbox::takeRenewedGuestRecords() {
   std::shared_ptr<platform::OutboxStore> store;
+  std::string before;
   {
     const std::lock_guard lock(storeMutex_);
     store = store_;
+    before = epoch_;
   }
+  // Only where the install was renewed: with the epoch unchanged (its renewal refused by the
+  // disk), every guest record is the forgotten install's.
   const auto epoch = installEpochNow_ ? installEpochNow_() : std::nullopt;
-  if (!store || !epoch)
+  if (!store || !epoch || *epoch == before)
     return {};
   std::vector<platform::OutboxRecord> renewed;
   store->adoptGuests([&](std::vector<platform::OutboxRecord> records) {
