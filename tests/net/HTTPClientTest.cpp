@@ -171,8 +171,7 @@ TEST_F(HTTPClientTest, FireAndForgetPathFollowsTheSystemsCapabilities) {
     std::string path;
     std::optional<platform::SystemCapabilities> capabilities = std::nullopt;  // else a phone's
   };
-  const Case cases[] = {{"10.0", "session"},
-                        {"8.4", "session"},
+  const Case cases[] = {{"8.4", "session"},
                         {"12", "session"},
                         {"9.3", "task"},
                         {"7.1", "dropped"},

@@ -66,12 +66,9 @@ TEST_F(IdentityTest, FreshInstallMakesStoresAndSecuresTheIdentifier) {
   EXPECT_EQ(fakes.dispatcher->runUntilIdle(), 1U);
   EXPECT_EQ(fakes.dispatcher->ranOn().back(), "com.quorvel.serial");
   EXPECT_EQ(keychainItem(keys::kKeychainIdItem), uid);
-  EXPECT_FALSE(fakes.preferences->objectForKey(keys::kOriginalUserId));
-  EXPECT_FALSE(fakes.preferences->objectForKey(keys::kReInstallCounter));
   // A second call returns the stored value without touching the keychain.
   EXPECT_EQ(tracker->getQuorvelUID(), uid);
   EXPECT_EQ(fakes.dispatcher->pendingCount(), 0U);
-  EXPECT_EQ(tracker->getOriginalQuorvelId(), uid);
   // An empty stored identifier is replaced.
   fakes.preferences->setString(keys::kUserId, "");
   EXPECT_NE(tracker->getQuorvelUID(), "");
@@ -97,7 +94,6 @@ TEST_F(IdentityTest, KeychainCopyRaisesTheReinstallCounter) {
     Bytes out;
     local.secureStore->copy(keys::kKeychainService, keys::kKeychainReinstallCounterItem, out);
     EXPECT_EQ(std::string(out.begin(), out.end()), std::to_string(c.want));
-    EXPECT_EQ(t.getOriginalQuorvelId(), "1600000000000-5");
   }
 }
 

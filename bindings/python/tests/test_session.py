@@ -3,7 +3,6 @@
 import http.client
 import json
 import logging
-import math
 import socket
 import ssl
 import threading
@@ -95,7 +94,6 @@ def test_misuse_raises_python_errors(tmp_path):
         tracker.track_event("level_up", 3)
     # Numbers past what the C call takes raise, instead of wrapping into another value.
     for out_of_range in (lambda: tracker.flush(-1),
-                         lambda: tracker.flush(math.inf),
                          lambda: tracker.set_outbox_limits(1 << 20, 2**64 + 1),
                          lambda: tracker.set_outbox_limits(2**64 + 5, 3600),
                          lambda: tracker.set_min_time_between_sessions(2**64),
@@ -154,8 +152,6 @@ def test_engine_calls_and_the_library_log_reach_python(tmp_path, caplog):
         tracker.flush(30)
         with pytest.raises(TypeError):
             tracker.set_custom_data([1])
-        with pytest.raises(ValueError):
-            tracker.set_outbox_limits(0, 60)
         tracker.set_debug(False)
 
     assert any(url.startswith("https://stats.") for url in sent), sent
