@@ -158,17 +158,6 @@ TEST_F(HelpersTest, InviteLinksCarryTheAppIdOrTheServicesSettingsWithATemplate) 
   const QuorvelLinkGenerator g = QuorvelShareInviteHelper::createLink(*facade, "qv_app_invites");
   EXPECT_EQ(g.generateLink(), "https://app.svc.example/id555?pid=qv_app_invites&referrer_qv_id=" +
                                   facade->getQuorvelUID() + "&qv_siteid=555");
-  std::vector<std::string> urls;
-  QuorvelShareInviteHelper::generateInviteUrlWithLinkGenerator(
-      *facade,
-      [](QuorvelLinkGenerator gen) {
-        gen.setChannel(std::string("email"));
-        return gen;
-      },
-      [&](const std::string& u) { urls.push_back(u); });
-  ASSERT_EQ(urls.size(), 1U);
-  EXPECT_NE(urls[0].find("qv_channel=email"), std::string::npos);
-
   // With a template, the service's link settings make the base; no app id then.
   facade->setAppInviteHopline(std::string("tmpl"));
   struct Case {
@@ -190,8 +179,6 @@ TEST_F(HelpersTest, InviteLinksCarryTheAppIdOrTheServicesSettingsWithATemplate) 
     EXPECT_EQ(made.baseDeeplink().has_value(), c.deeplink);
     EXPECT_FALSE(made.appleAppID());
   }
-  EXPECT_EQ(QuorvelShareInviteHelper::buildHoplineWithID("id", "d.example"),
-            "https://d.example/id");
 }
 
 TEST_F(HelpersTest, InviteAndCrossPromotionEventsReachThePipeline) {
