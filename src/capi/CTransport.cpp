@@ -171,6 +171,9 @@ class CTransport final : public Transport {
     c.body = request.body.data();
     c.body_length = request.body.size();
     c.timeout_ms = static_cast<std::uint32_t>(request.timeout.count());
+    // Given up (a stop) while it was made ready: the host never sees it.
+    if (const auto cancelled = platform::currentSendCancelFlag(); cancelled && *cancelled)
+      return failRequest(openReplies().take(reply), "given up before it was sent");
     // Outside any catch (...): a host thread ended under the call (a forced unwind) must not
     // be swallowed here.
     send_(userData_, &c, reply);

@@ -218,6 +218,8 @@ void TransportTask::resume() noexcept {
       try {
         TransportRequest request{self->request_.method, self->request_.url, self->request_.headers,
                                  self->request_.body, timeout};
+        if (*self->cancelled_)
+          return;  // stopped while it was copied: it never leaves (its deadline ends it)
         self->session_->transport().send(std::move(request), std::move(done));
       } catch (const std::bad_alloc&) {
         done(std::nullopt, Error{platform::kURLErrorDomain, kCannotConnect, "transport failed"});
