@@ -134,7 +134,9 @@ QUORVEL_C_API void quorvel_transport_fail(quorvel_transport_reply* reply, int64_
  * out or ended, or once the library gave it up (the tracker stopped or forgot the install:
  * nothing may leave after that returned). A transport that queues requests looks before it
  * sends one: a request the library gave up on is sent again later, and sending the old one
- * too makes a repeat. Any thread. Since 1.4. */
+ * too makes a repeat. Once a transport has asked, the library takes it to ask before each
+ * send: a request it never asked about (still in its queue at the deadline) never left, and
+ * its next copy is no repeat in the delivery statistics. Any thread. Since 1.4. */
 QUORVEL_C_API int quorvel_transport_pending(const quorvel_transport_reply* reply);
 
 /* --- Creating a tracker ------------------------------------------------------------------ */

@@ -62,6 +62,8 @@ class OutboxSlot {
   bool settledUntaken() const noexcept { return outcome_.load() == Outcome::untaken; }
   // A send of it failed in this process (in transport, or answered 5xx or 429).
   bool failedHere() const noexcept { return failures_.load() > 0; }
+  // A copy sent earlier may have reached the service: the next copy to leave is a repeat.
+  bool mayHaveReached() const noexcept { return reached_.load(); }
 
  private:
   friend class Outbox;
@@ -187,10 +189,10 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // A kept-request file was answered: counted with this process's reports, as the service
   // counts it.
   void noteFolderAnswer(long status);
-  // A copy of the report goes to the transport now: a repeat when an earlier copy may have
-  // reached the service. Counted here, not when the copy leaves the outbox: a copy held back
-  // on its way (a stop) never reached anything.
-  void noteCopyTaken(const OutboxSlotPtr& slot);
+  // A copy of a report an earlier copy of which may have reached the service goes to the
+  // transport: a repeat, withdrawn when its outcome shows that it never left (a stop cancelled
+  // it before its hand-over, a host's queue held it, no connection was made).
+  void noteRepeat(bool withdrawn) noexcept;
 
   // --- Replay -----------------------------------------------------------------------------
   // What sends a built report again (set once by the tracker). Called on the outbox's queue.

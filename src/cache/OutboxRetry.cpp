@@ -63,8 +63,10 @@ void Outbox::markForRetryLocked(const OutboxSlotPtr& slot, bool reached) {
   scheduleRetry();
 }
 
-void Outbox::noteCopyTaken(const OutboxSlotPtr& slot) {
-  if (slot && slot->reached_)
+void Outbox::noteRepeat(bool withdrawn) noexcept {
+  if (withdrawn)
+    repeated_.fetch_sub(1, std::memory_order_relaxed);  // always after its own count
+  else
     repeated_.fetch_add(1, std::memory_order_relaxed);
 }
 

@@ -462,8 +462,10 @@ void QuorvelRequestCache::releaseRequest(const QuorvelRequestCacheData& request,
   claimed_.erase(name);
 }
 
-void QuorvelRequestCache::noteReplayLeaving(const QuorvelRequestCacheData& request) {
-  if (request.mayHaveReached())
+void QuorvelRequestCache::noteRepeat(bool withdrawn) noexcept {
+  if (withdrawn)
+    repeated_.fetch_sub(1, std::memory_order_relaxed);  // always after its own count
+  else
     repeated_.fetch_add(1, std::memory_order_relaxed);
 }
 
@@ -481,11 +483,12 @@ void QuorvelRequestCache::markReached(const std::string& path) {
   fs.writeFileAtomically(path, *bytes);
 }
 
-void QuorvelRequestCache::abandonReplay(const QuorvelRequestCacheData& request, bool answered) {
+void QuorvelRequestCache::abandonReplay(const QuorvelRequestCacheData& request, bool answered,
+                                        bool mayHaveReached) {
   if (answered)
     deleteRequest(request);
   else
-    releaseRequest(request);
+    releaseRequest(request, mayHaveReached);
   std::lock_guard guard(lock_);
   if (cachedRequests_)
     cachedRequests_->clear();

@@ -67,15 +67,18 @@ class QuorvelRequestCache : public std::enable_shared_from_this<QuorvelRequestCa
   void releaseRequest(const QuorvelRequestCacheData& request, bool mayHaveReached = false);
   // A replay that a stop cut short: its file goes back under its own name (answered, it goes),
   // and the chain ends, so that the first answer once the library runs again starts a new one.
-  void abandonReplay(const QuorvelRequestCacheData& request, bool answered);
+  // `mayHaveReached`: unanswered, the cut copy had been handed over.
+  void abandonReplay(const QuorvelRequestCacheData& request, bool answered,
+                     bool mayHaveReached = false);
   // Files removed because they held no readable request.
   std::uint64_t unreadableRemoved() const noexcept { return unreadable_.load(); }
   // The outbox's age bound holds for kept files too: one whose report was made longer ago is
   // removed when the folder is read, unsent, and counted. None until set.
   void setMaxAge(std::chrono::seconds maxAge) noexcept { maxAge_ = maxAge.count(); }
   std::uint64_t droppedOverAge() const noexcept { return overAge_.load(); }
-  // A replay leaves: a repeat when an earlier copy of its file may have reached the service.
-  void noteReplayLeaving(const QuorvelRequestCacheData& request);
+  // A replay of a file an earlier copy of which may have reached the service goes to the
+  // transport; withdrawn when its outcome shows that it never left.
+  void noteRepeat(bool withdrawn) noexcept;
   // Replays sent of files an earlier copy of which may have reached the service.
   std::uint64_t repeatedReplays() const noexcept { return repeated_.load(); }
 

@@ -4,6 +4,7 @@
 #include <quorvel/quorvel.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <mutex>
@@ -13,7 +14,7 @@
 
 #include "capi/CTracker.h"
 #include "platform/ForkGeneration.h"
-#include "platform/SendCancellation.h"
+#include "platform/SendTicket.h"
 
 namespace quorvel::capi {
 namespace {
@@ -27,8 +28,11 @@ class OpenReplies {
  public:
   using Clock = std::chrono::steady_clock;
 
-  quorvel_transport_reply* add(TransportDone done, std::chrono::milliseconds timeout) {
-    std::vector<TransportDone> expired;
+  // `looks`: whether the host's transport has asked quorvel_transport_pending before (a
+  // transport that queues requests): then this one is queued until it is asked for.
+  quorvel_transport_reply* add(TransportDone done, std::chrono::milliseconds timeout,
+                               std::shared_ptr<std::atomic<bool>> looks) {
+    std::vector<Expired> expired;
     std::uintptr_t id = 0;
     {
       const std::lock_guard lock(mutex_);
@@ -37,11 +41,20 @@ class OpenReplies {
         expired = takeExpiredLocked(now);
       id = ++last_;
       const auto deadline = now + timeout;
-      open_.emplace(id, Open{std::move(done), deadline, platform::currentSendCancelFlag()});
+      auto ticket = platform::currentSendTicket();
+      if (ticket && *looks) {
+        int nothing = platform::SendTicket::nothing;
+        ticket->hostSays.compare_exchange_strong(nothing, platform::SendTicket::queued);
+      }
+      open_.emplace(id, Open{std::move(done), deadline, std::move(ticket), std::move(looks)});
       nextExpiry_ = std::min(nextExpiry_, deadline);
     }
-    for (const TransportDone& late : expired)
-      late(std::nullopt, Error{platform::kURLErrorDomain, -1001, "The request timed out."});
+    for (const Expired& late : expired) {
+      late.done(std::nullopt,
+                late.neverLeft ? Error{platform::kURLErrorDomain, -1004,
+                                       "the host's transport had not sent it"}
+                               : Error{platform::kURLErrorDomain, -1001, "The request timed out."});
+    }
     return reinterpret_cast<quorvel_transport_reply*>(id);  // NOLINT: an opaque handle
   }
   // Empty when already answered.
@@ -50,12 +63,26 @@ class OpenReplies {
     auto node = open_.extract(reinterpret_cast<std::uintptr_t>(reply));  // NOLINT
     return node.empty() ? TransportDone() : std::move(node.mapped().done);
   }
-  // Still awaited: not answered, and its deadline not passed.
+  // Still awaited: not answered, and its deadline not passed. Asked, the host says that its
+  // transport looks before it sends: awaited, the request is taken out to be sent (it may reach
+  // the service); not, it stays unsent (its next copy is no repeat).
   bool pending(const quorvel_transport_reply* reply) noexcept {
     const std::lock_guard lock(mutex_);
     const auto it = open_.find(reinterpret_cast<std::uintptr_t>(reply));  // NOLINT
-    return it != open_.end() && Clock::now() < it->second.deadline &&
-           !(it->second.cancelled && *it->second.cancelled);
+    if (it == open_.end())
+      return false;
+    const Open& open = it->second;
+    *open.looks = true;
+    const bool awaited = Clock::now() < open.deadline && !(open.ticket && open.ticket->cancelled);
+    if (open.ticket) {
+      if (awaited) {
+        open.ticket->hostSays = platform::SendTicket::taken;
+      } else {
+        int nothing = platform::SendTicket::nothing;
+        open.ticket->hostSays.compare_exchange_strong(nothing, platform::SendTicket::queued);
+      }
+    }
+    return awaited;
   }
   void lockForFork() noexcept { mutex_.lock(); }
   void unlockAfterFork() noexcept { mutex_.unlock(); }
@@ -64,16 +91,22 @@ class OpenReplies {
   struct Open {
     TransportDone done;
     Clock::time_point deadline;
-    // Set when the library gave the request up (a stop, a forgetting): no longer awaited.
-    platform::SendCancelFlag cancelled;
+    // Cancelled when the library gave the request up (a stop, a forgetting): no longer awaited.
+    platform::SendTicketPtr ticket;
+    std::shared_ptr<std::atomic<bool>> looks;
+  };
+  struct Expired {
+    TransportDone done;
+    bool neverLeft = false;
   };
 
-  std::vector<TransportDone> takeExpiredLocked(Clock::time_point now) {
-    std::vector<TransportDone> expired;
+  std::vector<Expired> takeExpiredLocked(Clock::time_point now) {
+    std::vector<Expired> expired;
     nextExpiry_ = Clock::time_point::max();
     for (auto it = open_.begin(); it != open_.end();) {
       if (it->second.deadline <= now) {
-        expired.push_back(std::move(it->second.done));
+        const auto& ticket = it->second.ticket;
+        expired.push_back({std::move(it->second.done), ticket && ticket->heldUnsentByHost()});
         it = open_.erase(it);
       } else {
         nextExpiry_ = std::min(nextExpiry_, it->second.deadline);
@@ -157,7 +190,7 @@ class CTransport final : public Transport {
     try {
       headers = headerLines(request.headers);
       // The host's from here until it answers.
-      reply = openReplies().add(done, request.timeout);
+      reply = openReplies().add(done, request.timeout, looks_);
     } catch (...) {
       return failRequest(done, "transport failed");
     }
@@ -172,7 +205,7 @@ class CTransport final : public Transport {
     c.body_length = request.body.size();
     c.timeout_ms = static_cast<std::uint32_t>(request.timeout.count());
     // Given up (a stop) while it was made ready: the host never sees it.
-    if (const auto cancelled = platform::currentSendCancelFlag(); cancelled && *cancelled)
+    if (const auto ticket = platform::currentSendTicket(); ticket && ticket->cancelled)
       return failRequest(openReplies().take(reply), "given up before it was sent");
     // Outside any catch (...): a host thread ended under the call (a forced unwind) must not
     // be swallowed here.
@@ -194,6 +227,8 @@ class CTransport final : public Transport {
   quorvel_transport_send send_;
   void* userData_;
   std::shared_ptr<CallGate> gate_;
+  // Set once the host asks whether a request is still awaited: its transport queues requests.
+  std::shared_ptr<std::atomic<bool>> looks_ = std::make_shared<std::atomic<bool>>(false);
 };
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include "common/QuorvelUtils.h"
 #include "log/Log.h"
 #include "net/RetryAfter.h"
+#include "platform/SendTicket.h"
 #include "util/BoundedJson.h"
 #include "util/PercentEscape.h"
 #include "util/PreferenceKeys.h"
@@ -172,15 +173,20 @@ void QuorvelHTTPClient::post(SharedRecord record, std::string url, Origin origin
   auto self = shared_from_this();
   const auto key = nextUnderWayKey_.fetch_add(1, std::memory_order_relaxed);
   const OutboxSlotPtr slotUnderWay = slot;
+  // Decided before this copy's outcome can change it.
+  const bool repeat =
+      origin == Origin::cache ? request.mayHaveReached() : (slot && slot->mayHaveReached());
   auto task = platform_->urlSessions->sharedSession()->dataTask(
       std::move(http), [self, record, origin, slot = std::move(slot),
                         onSuccess = std::move(onSuccess), ticket = std::move(ticket), generation,
-                        key](const auto& body, const auto& response, const auto& error) {
+                        key, repeat](const auto& body, const auto& response, const auto& error) {
         const QuorvelRequestCacheData& request = *record;
         // What the answer starts (the conversion data of a launch) belongs to the report.
         const ReportLedger::Scope scope(ticket);
         if (!self->removeUnderWay(key))
           return;  // cancelled by a stop, and settled then
+        if (repeat && !response && error && !mayHaveArrived(*error))
+          self->noteRepeat(origin, true);
         bool answered = false;
         {
           // Held from the check to the last write the answer makes (a kept file, the link
@@ -193,9 +199,10 @@ void QuorvelHTTPClient::post(SharedRecord record, std::string url, Origin origin
             // A 5xx or a 429 took nothing: the report stays for a start that runs.
             const long status = response ? response->statusCode : 0L;
             const bool taken = !error && answerSettles(status);
-            self->settleAfterConsentChanged(slot, taken, status);
+            const bool left = !error || mayHaveArrived(*error);
+            self->settleAfterConsentChanged(slot, taken, status, left);
             if (origin == Origin::cache)
-              self->cache_->abandonReplay(request, taken);
+              self->cache_->abandonReplay(request, taken, left);
             return;
           }
           answered = self->handleTrackingAnswer(request, origin, slot, body, response, error);
@@ -205,26 +212,37 @@ void QuorvelHTTPClient::post(SharedRecord record, std::string url, Origin origin
       });
   // A kept file's replay carries no report of the outbox: cancelled, its file and the chain
   // of replays are let go instead.
-  std::function<void()> replayCancelled;
-  if (origin == Origin::cache)
-    replayCancelled = [cache = cache_, record] { cache->abandonReplay(*record, false); };
-  addUnderWay(key, {task, slotUnderWay, replayCancelled});
+  std::function<void(bool)> replayCancelled;
+  if (origin == Origin::cache) {
+    replayCancelled = [cache = cache_, record](bool mayHaveLeft) {
+      cache->abandonReplay(*record, false, mayHaveLeft);
+    };
+  }
+  // Counted before a stop can find it under way (and withdraw it).
+  if (repeat)
+    noteRepeat(origin, false);
+  addUnderWay(key, {task, slotUnderWay, nullptr, replayCancelled, origin, repeat});
   if (!consentHolds(generation)) {
     // A stop came since the check above: this one never starts.
     if (removeUnderWay(key)) {
       task->cancel();
+      if (repeat)
+        noteRepeat(origin, true);
       if (replayCancelled)
-        replayCancelled();
+        replayCancelled(false);
       else
-        settleAfterConsentChanged(slotUnderWay, false, 0);
+        settleAfterConsentChanged(slotUnderWay, false, 0, false);
     }
     return;
   }
-  if (origin == Origin::cache)
-    cache_->noteReplayLeaving(request);
-  else if (outbox_)
-    outbox_->noteCopyTaken(slotUnderWay);
   task->resume();
+}
+
+void QuorvelHTTPClient::noteRepeat(Origin origin, bool withdrawn) const noexcept {
+  if (origin == Origin::cache)
+    cache_->noteRepeat(withdrawn);
+  else if (outbox_)
+    outbox_->noteRepeat(withdrawn);
 }
 
 std::shared_ptr<platform::URLSessionTask> QuorvelHTTPClient::startUnlessStopped(
@@ -285,17 +303,25 @@ void QuorvelHTTPClient::cancelRequestsUnderWay() {
   // A cancelled task's completion never runs: its report is settled here, as unanswered (one
   // already on the wire may have arrived: a start that runs may send it again).
   for (auto& [id, underWay] : cancelled) {
-    if (const auto task = underWay.task.lock())
+    const auto task = underWay.task.lock();
+    if (task)
       task->cancel();
+    // Looked at after the cancel: a copy that its session had not handed over by then never
+    // leaves (one gone already had its outcome).
+    const bool mayHaveLeft = !task || platform::taskMayHaveLeft(*task);
+    if (underWay.repeat && !mayHaveLeft)
+      noteRepeat(underWay.origin, true);
     if (underWay.onCancelled)
       underWay.onCancelled();
+    else if (underWay.replayCancelled)
+      underWay.replayCancelled(mayHaveLeft);
     else
-      settleAfterConsentChanged(underWay.slot, false, 0);
+      settleAfterConsentChanged(underWay.slot, false, 0, mayHaveLeft);
   }
 }
 
 void QuorvelHTTPClient::settleAfterConsentChanged(const OutboxSlotPtr& slot, bool answered,
-                                                  long status) {
+                                                  long status, bool mayHaveLeft) {
   log_->log(kLogDebug, "-[QuorvelHTTPClient sendRequestEventToServer:]_block_invoke",
             "Quorvel was stopped while the request was on its way: its answer is ignored");
   if (!outbox_ || !slot)
@@ -307,7 +333,7 @@ void QuorvelHTTPClient::settleAfterConsentChanged(const OutboxSlotPtr& slot, boo
     outbox_->answered(slot);
   } else {
     const auto ticket = ReportLedger::current();
-    outbox_->failed(slot, ticket ? ticket->buildPermit() : nullptr);
+    outbox_->failed(slot, ticket ? ticket->buildPermit() : nullptr, mayHaveLeft);
   }
 }
 

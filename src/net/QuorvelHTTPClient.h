@@ -138,8 +138,13 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
   bool consentHolds(platform::ConsentGate::Generation start) const {
     return !consent_ || consent_->holds(start);
   }
-  // An answer that came after the consent changed: the outbox alone learns of it.
-  void settleAfterConsentChanged(const OutboxSlotPtr& slot, bool answered, long status);
+  // An answer that came after the consent changed: the outbox alone learns of it. Unanswered,
+  // `mayHaveLeft` says whether the copy had been handed over.
+  void settleAfterConsentChanged(const OutboxSlotPtr& slot, bool answered, long status,
+                                 bool mayHaveLeft = true);
+  // A copy that repeats one that may have reached the service is counted when it goes to the
+  // transport, and withdrawn when its outcome shows that it never left.
+  void noteRepeat(Origin origin, bool withdrawn) const noexcept;
   // True when the service answered: the caller runs what follows an answer, outside any hold.
   bool handleTrackingAnswer(const QuorvelRequestCacheData& request, Origin origin,
                             const OutboxSlotPtr& slot, const std::optional<Bytes>& body,
@@ -151,6 +156,10 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
     std::weak_ptr<platform::URLSessionTask> task;
     OutboxSlotPtr slot;
     std::function<void()> onCancelled;  // set for requests that carry no report
+    // Set for a kept file's replay; told whether the cancelled copy had been handed over.
+    std::function<void(bool mayHaveLeft)> replayCancelled;
+    Origin origin = Origin::fresh;
+    bool repeat = false;  // an earlier copy may have reached the service
   };
   void addUnderWay(std::uint64_t id, UnderWay underWay);
   // False when it was cancelled (and settled) already.

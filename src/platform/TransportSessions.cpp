@@ -14,24 +14,29 @@
 #include <mutex>
 #include <string>
 
-#include "platform/SendCancellation.h"
+#include "platform/SendTicket.h"
 
 namespace quorvel {
 
 namespace platform {
 namespace {
-thread_local SendCancelFlag tSendCancelFlag;  // NOLINT: one per thread by design
+thread_local SendTicketPtr tSendTicket;  // NOLINT: one per thread by design
 }  // namespace
 
-SendCancelFlag currentSendCancelFlag() noexcept {
-  return tSendCancelFlag;
+SendTicketPtr currentSendTicket() noexcept {
+  return tSendTicket;
 }
 
-SendCancelScope::SendCancelScope(SendCancelFlag flag) noexcept
-    : previous_(std::exchange(tSendCancelFlag, std::move(flag))) {}
+SendTicketScope::SendTicketScope(SendTicketPtr ticket) noexcept
+    : previous_(std::exchange(tSendTicket, std::move(ticket))) {}
 
-SendCancelScope::~SendCancelScope() {
-  tSendCancelFlag = std::move(previous_);
+SendTicketScope::~SendTicketScope() {
+  tSendTicket = std::move(previous_);
+}
+
+bool taskMayHaveLeft(const URLSessionTask& task) noexcept {
+  const auto* aware = dynamic_cast<const HandOverAware*>(&task);
+  return aware == nullptr || aware->requestMayHaveLeft();
 }
 }  // namespace platform
 
@@ -90,6 +95,7 @@ class SendLanes : public std::enable_shared_from_this<SendLanes> {
 class TransportSession;
 
 class TransportTask final : public platform::URLSessionTask,
+                            public platform::HandOverAware,
                             public std::enable_shared_from_this<TransportTask> {
  public:
   TransportTask(std::uint64_t id, URLRequest request, platform::DataTaskCompletion completion,
@@ -108,6 +114,7 @@ class TransportTask final : public platform::URLSessionTask,
   std::string description() const override {
     return "<TransportTask> { taskIdentifier: " + std::to_string(id_) + " }";
   }
+  bool requestMayHaveLeft() const noexcept override { return ticket_->mayHaveLeft(); }
 
   void finish(std::optional<TransportResponse> response, std::optional<Error> failure);
 
@@ -117,8 +124,8 @@ class TransportTask final : public platform::URLSessionTask,
   platform::DataTaskCompletion completion_;
   std::shared_ptr<TransportSession> session_;
   std::atomic<bool> resumed_{false};
-  // Shared with the host's open reply, which is no longer pending once this is set.
-  std::shared_ptr<std::atomic<bool>> cancelled_ = std::make_shared<std::atomic<bool>>(false);
+  // Shared with the host's open reply, which is no longer pending once it is cancelled.
+  platform::SendTicketPtr ticket_ = std::make_shared<platform::SendTicket>();
   // Who came first: the lane that hands it to the host, or its outcome (its deadline, a
   // failure). Decided once, so that a request failed at its deadline never leaves afterwards.
   enum Stage : int { waiting, handedOver, ended };
@@ -186,7 +193,7 @@ class TransportSession final : public platform::URLSession,
 
 void TransportTask::resume() noexcept {
   // A task cancelled before it started (a stop) never reaches the host's transport.
-  if (*cancelled_ || resumed_.exchange(true))
+  if (ticket_->cancelled || resumed_.exchange(true))
     return;
   try {
     const auto timeout = request_.timeout.value_or(kDefaultTimeout);
@@ -200,25 +207,33 @@ void TransportTask::resume() noexcept {
     };
     // Holds the task weakly: a task the host still holds (its answer outstanding) fails at the
     // deadline; one it let go was answered.
-    session_->delegateQueue()->asyncAfter(
-        timeout + kDeadlineGrace, [weak = weak_from_this(), once] {
-          if (const auto self = weak.lock()) {
-            std::call_once(*once, [&] {
-              self->finish(std::nullopt,
-                           Error{platform::kURLErrorDomain, kTimedOut, "The request timed out."});
-            });
-          }
+    session_->delegateQueue()->asyncAfter(timeout + kDeadlineGrace, [weak = weak_from_this(),
+                                                                     once] {
+      if (const auto self = weak.lock()) {
+        std::call_once(*once, [&] {
+          // Still in the queue of a transport that looks before it sends: it never left, and
+          // its next copy is no repeat (the host skips this one, no longer awaited).
+          self->finish(std::nullopt,
+                       self->ticket_->heldUnsentByHost()
+                           ? Error{platform::kURLErrorDomain, kCannotConnect,
+                                   "the host's transport had not sent it by its deadline"}
+                           : Error{platform::kURLErrorDomain, kTimedOut, "The request timed out."});
         });
+      }
+    });
     session_->lanes().run([self = shared_from_this(), timeout, done = std::move(done)]() mutable {
       // Cancelled, or failed at its deadline, while it waited for a lane: it never leaves (the
       // library sends a failed request again, and this copy would go twice).
-      if (*self->cancelled_ || !self->takeStage(handedOver))
+      if (self->ticket_->cancelled || !self->takeStage(handedOver))
         return;
-      const platform::SendCancelScope cancellable(self->cancelled_);
+      const platform::SendTicketScope cancellable(self->ticket_);
       try {
         TransportRequest request{self->request_.method, self->request_.url, self->request_.headers,
                                  self->request_.body, timeout};
-        if (*self->cancelled_)
+        // Said before the last look at the cancel, so that a stop that finds it unsaid knows
+        // that this copy never leaves.
+        self->ticket_->handedToHost = true;
+        if (self->ticket_->cancelled)
           return;  // stopped while it was copied: it never leaves (its deadline ends it)
         self->session_->transport().send(std::move(request), std::move(done));
       } catch (const std::bad_alloc&) {
@@ -231,7 +246,7 @@ void TransportTask::resume() noexcept {
 }
 
 void TransportTask::cancel() noexcept {
-  if (cancelled_->exchange(true))
+  if (ticket_->cancelled.exchange(true))
     return;
   try {
     session_->delegateQueue()->async([self = shared_from_this()] { self->completion_ = nullptr; });
@@ -251,7 +266,7 @@ void TransportTask::finish(std::optional<TransportResponse> response,
     failure = Error{platform::kURLErrorDomain, kCannotConnect, "no answer from the transport"};
   session_->delegateQueue()->async([self = shared_from_this(), response = std::move(response),
                                     failure = std::move(failure)]() mutable {
-    if (*self->cancelled_)
+    if (self->ticket_->cancelled)
       return;
     std::optional<Bytes> body;
     std::optional<platform::URLResponse> answer;

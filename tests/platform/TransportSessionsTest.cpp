@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/SendTicket.h"
 #include "platform/posix/PosixServices.h"
 #include "support/VirtualTime.h"
 
@@ -23,6 +24,8 @@ using namespace std::chrono_literals;
 class HeldTransport final : public Transport {
  public:
   void send(TransportRequest request, TransportDone done) noexcept override {
+    if (onSend)
+      onSend();
     std::shared_future<void> wait;
     {
       const std::lock_guard lock(mutex_);
@@ -35,6 +38,7 @@ class HeldTransport final : public Transport {
     if (wait.valid())
       wait.wait();
   }
+  std::function<void()> onSend;  // on the send's thread, before anything else
   // Every send whose URL starts with `url` blocks.
   void block(std::string url) { blocked_ = std::move(url); }
   std::vector<std::string> urls() {
@@ -139,6 +143,8 @@ TEST(TransportSessions, ATaskEndedBeforeItsLaneIsFreeNeverReachesTheTransport) {
                                          [held](const auto&, const auto&, const auto&) {});
   waiting->resume();
   waiting->cancel();
+  EXPECT_FALSE(platform::taskMayHaveLeft(*waiting));  // its next copy is no repeat
+  EXPECT_TRUE(platform::taskMayHaveLeft(*tasks[0]));
   const auto never = session->dataTask(post("https://a.svc.example/never"), nullptr);
   never->cancel();
   never->resume();
@@ -164,26 +170,34 @@ TEST(TransportSessions, ATaskEndedBeforeItsLaneIsFreeNeverReachesTheTransport) {
   dispatcher->clock->clear();
 }
 
+// Timed out, it may have reached the service; unless the host's transport said that it still
+// held the request in its queue (then it never left, and its next copy is no repeat).
 TEST(TransportSessions, ASendThatNeverAnswersFailsAtItsDeadlineAndALateAnswerIsIgnored) {
-  const auto clock = std::make_shared<test::VirtualClock>();
-  const auto dispatcher = std::make_shared<test::VirtualDispatcher>(clock);
-  const auto transport = std::make_shared<HeldTransport>();
-  const auto sessions = makeTransportSessions(transport, dispatcher, "/tmp");
-  std::vector<std::optional<Error>> outcomes;
-  auto task = sessions->sharedSession()->dataTask(
-      post("https://a.svc.example/slow", 5s),
-      [&](const auto&, const auto&, const auto& error) { outcomes.push_back(error); });
-  task->resume();
-  dispatcher->advance(5s);  // the transport's own timeout: its answer would still count
-  EXPECT_TRUE(outcomes.empty());
-  dispatcher->advance(1s);
-  ASSERT_EQ(outcomes.size(), 1U);
-  ASSERT_TRUE(outcomes[0]);
-  EXPECT_EQ(outcomes[0]->code, -1001);
-  transport->answer("https://a.svc.example/slow", 200);
-  dispatcher->runUntilIdle();
-  EXPECT_EQ(outcomes.size(), 1U);
-  dispatcher->clear();
+  for (const bool queuedByHost : {false, true}) {
+    const auto clock = std::make_shared<test::VirtualClock>();
+    const auto dispatcher = std::make_shared<test::VirtualDispatcher>(clock);
+    const auto transport = std::make_shared<HeldTransport>();
+    transport->onSend = [queuedByHost] {
+      if (queuedByHost)
+        platform::currentSendTicket()->hostSays = platform::SendTicket::queued;
+    };
+    const auto sessions = makeTransportSessions(transport, dispatcher, "/tmp");
+    std::vector<std::optional<Error>> outcomes;
+    auto task = sessions->sharedSession()->dataTask(
+        post("https://a.svc.example/slow", 5s),
+        [&](const auto&, const auto&, const auto& error) { outcomes.push_back(error); });
+    task->resume();
+    dispatcher->advance(5s);  // the transport's own timeout: its answer would still count
+    EXPECT_TRUE(outcomes.empty());
+    dispatcher->advance(1s);
+    ASSERT_EQ(outcomes.size(), 1U);
+    ASSERT_TRUE(outcomes[0]);
+    EXPECT_EQ(outcomes[0]->code, queuedByHost ? -1004 : -1001);
+    transport->answer("https://a.svc.example/slow", 200);
+    dispatcher->runUntilIdle();
+    EXPECT_EQ(outcomes.size(), 1U);
+    dispatcher->clear();
+  }
 }
 
 }  // namespace

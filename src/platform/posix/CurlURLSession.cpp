@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "platform/AtomicFile.h"
+#include "platform/SendTicket.h"
 #include "platform/posix/IdleMemory.h"
 #include "platform/posix/ThreadQueue.h"
 #include "util/NoDestructor.h"
@@ -245,7 +246,9 @@ Error transportError(CURLcode code, const std::string& detail) {
   return Error{kURLErrorDomain, urlCode, std::move(text)};
 }
 
-class CurlTask final : public URLSessionTask, public std::enable_shared_from_this<CurlTask> {
+class CurlTask final : public URLSessionTask,
+                       public HandOverAware,
+                       public std::enable_shared_from_this<CurlTask> {
  public:
   CurlTask(std::uint64_t id, URLRequest request, std::weak_ptr<CurlURLSession> session,
            DataTaskCompletion completion, bool download)
@@ -268,7 +271,10 @@ class CurlTask final : public URLSessionTask, public std::enable_shared_from_thi
   // even while someone keeps the task.
   DataTaskCompletion takeCompletion() { return std::exchange(completion_, DataTaskCompletion{}); }
   bool isDownload() const { return download_; }
+  // Set when its transfer begins: one still waiting for room on its host never left.
+  bool requestMayHaveLeft() const noexcept override { return transferStarted; }
   std::atomic<bool> cancelled{false};
+  std::atomic<bool> transferStarted{false};
 
  private:
   std::uint64_t id_;
@@ -508,6 +514,9 @@ class CurlURLSession final : public URLSession,
       while (!state.waiting.empty() && state.inFlight < limitFor(state)) {
         auto task = std::move(state.waiting.front());
         state.waiting.pop_front();
+        // Said before the look at the cancel, so that a cancel that finds it unsaid knows
+        // that this task never leaves.
+        task->transferStarted = true;
         if (!task->cancelled) {
           ++state.inFlight;
           addTransfer(task, origin);
