@@ -60,8 +60,9 @@ extern "C" {
 #define QUORVEL_C_API_VERSION_MAJOR 1
 /* 1: the host-supplied transport, 2: QUORVEL_STOPPED, 3: the log callback, the lifecycle calls,
  * custom data, push payloads, the outbox limits, the privacy and sandbox switches, 4: the
- * release notice (quorvel_options.transport_release) and the later delivery stats */
-#define QUORVEL_C_API_VERSION_MINOR 4
+ * release notice (quorvel_options.transport_release) and the later delivery stats, 5:
+ * quorvel_transport_take */
+#define QUORVEL_C_API_VERSION_MINOR 5
 #define QUORVEL_C_API_VERSION (QUORVEL_C_API_VERSION_MAJOR * 1000 + QUORVEL_C_API_VERSION_MINOR)
 
 typedef enum quorvel_status {
@@ -134,10 +135,14 @@ QUORVEL_C_API void quorvel_transport_fail(quorvel_transport_reply* reply, int64_
  * out or ended, or once the library gave it up (the tracker stopped or forgot the install:
  * nothing may leave after that returned). A transport that queues requests looks before it
  * sends one: a request the library gave up on is sent again later, and sending the old one
- * too makes a repeat. Once a transport has asked, the library takes it to ask before each
- * send: a request it never asked about (still in its queue at the deadline) never left, and
- * its next copy is no repeat in the delivery statistics. Any thread. Since 1.4. */
+ * too makes a repeat. Any thread. Since 1.4. */
 QUORVEL_C_API int quorvel_transport_pending(const quorvel_transport_reply* reply);
+/* As quorvel_transport_pending, for a transport that queues requests, called right before it
+ * sends one: 1 and the request is the host's to send from now on, or 0 and it must not be
+ * sent. A transport that takes one request is held to take each before it sends it: a request
+ * it has not taken when the library's deadline comes never left, and its next copy does not
+ * count as a repeat in the delivery statistics. Any thread. Since 1.5. */
+QUORVEL_C_API int quorvel_transport_take(quorvel_transport_reply* reply);
 
 /* --- Creating a tracker ------------------------------------------------------------------ */
 

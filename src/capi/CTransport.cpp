@@ -28,10 +28,10 @@ class OpenReplies {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // `looks`: whether the host's transport has asked quorvel_transport_pending before (a
-  // transport that queues requests): then this one is queued until it is asked for.
+  // `takes`: whether the host's transport takes requests (quorvel_transport_take) before it
+  // sends them: then this one is queued until taken.
   quorvel_transport_reply* add(TransportDone done, std::chrono::milliseconds timeout,
-                               std::shared_ptr<std::atomic<bool>> looks) {
+                               std::shared_ptr<std::atomic<bool>> takes) {
     std::vector<Expired> expired;
     std::uintptr_t id = 0;
     {
@@ -42,11 +42,11 @@ class OpenReplies {
       id = ++last_;
       const auto deadline = now + timeout;
       auto ticket = platform::currentSendTicket();
-      if (ticket && *looks) {
+      if (ticket && *takes) {
         int nothing = platform::SendTicket::nothing;
         ticket->hostSays.compare_exchange_strong(nothing, platform::SendTicket::queued);
       }
-      open_.emplace(id, Open{std::move(done), deadline, std::move(ticket), std::move(looks)});
+      open_.emplace(id, Open{std::move(done), deadline, std::move(ticket), std::move(takes)});
       nextExpiry_ = std::min(nextExpiry_, deadline);
     }
     for (const Expired& late : expired) {
@@ -63,26 +63,29 @@ class OpenReplies {
     auto node = open_.extract(reinterpret_cast<std::uintptr_t>(reply));  // NOLINT
     return node.empty() ? TransportDone() : std::move(node.mapped().done);
   }
-  // Still awaited: not answered, and its deadline not passed. Asked, the host says that its
-  // transport looks before it sends: awaited, the request is taken out to be sent (it may reach
-  // the service); not, it stays unsent (its next copy is no repeat).
+  // Still awaited: not answered, and its deadline not passed.
   bool pending(const quorvel_transport_reply* reply) noexcept {
+    const std::lock_guard lock(mutex_);
+    const auto it = open_.find(reinterpret_cast<std::uintptr_t>(reply));  // NOLINT
+    return it != open_.end() && awaited(it->second);
+  }
+  // The host takes it out of its queue to send it: from then on it may reach the service.
+  // "Taken" is said before the look at the cancel, so that a stop that finds it unsaid knows
+  // that the host will not send it.
+  bool takeToSend(const quorvel_transport_reply* reply) noexcept {
     const std::lock_guard lock(mutex_);
     const auto it = open_.find(reinterpret_cast<std::uintptr_t>(reply));  // NOLINT
     if (it == open_.end())
       return false;
     const Open& open = it->second;
-    *open.looks = true;
-    const bool awaited = Clock::now() < open.deadline && !(open.ticket && open.ticket->cancelled);
-    if (open.ticket) {
-      if (awaited) {
-        open.ticket->hostSays = platform::SendTicket::taken;
-      } else {
-        int nothing = platform::SendTicket::nothing;
-        open.ticket->hostSays.compare_exchange_strong(nothing, platform::SendTicket::queued);
-      }
-    }
-    return awaited;
+    *open.takes = true;
+    if (open.ticket)
+      open.ticket->hostSays = platform::SendTicket::taken;
+    if (awaited(open))
+      return true;
+    if (open.ticket)
+      open.ticket->hostSays = platform::SendTicket::queued;  // it will not be sent
+    return false;
   }
   void lockForFork() noexcept { mutex_.lock(); }
   void unlockAfterFork() noexcept { mutex_.unlock(); }
@@ -93,8 +96,11 @@ class OpenReplies {
     Clock::time_point deadline;
     // Cancelled when the library gave the request up (a stop, a forgetting): no longer awaited.
     platform::SendTicketPtr ticket;
-    std::shared_ptr<std::atomic<bool>> looks;
+    std::shared_ptr<std::atomic<bool>> takes;  // its transport's
   };
+  static bool awaited(const Open& open) noexcept {
+    return Clock::now() < open.deadline && !(open.ticket && open.ticket->cancelled);
+  }
   struct Expired {
     TransportDone done;
     bool neverLeft = false;
@@ -190,7 +196,7 @@ class CTransport final : public Transport {
     try {
       headers = headerLines(request.headers);
       // The host's from here until it answers.
-      reply = openReplies().add(done, request.timeout, looks_);
+      reply = openReplies().add(done, request.timeout, takes_);
     } catch (...) {
       return failRequest(done, "transport failed");
     }
@@ -227,8 +233,8 @@ class CTransport final : public Transport {
   quorvel_transport_send send_;
   void* userData_;
   std::shared_ptr<CallGate> gate_;
-  // Set once the host asks whether a request is still awaited: its transport queues requests.
-  std::shared_ptr<std::atomic<bool>> looks_ = std::make_shared<std::atomic<bool>>(false);
+  // Set once the host takes a request out of its queue (quorvel_transport_take).
+  std::shared_ptr<std::atomic<bool>> takes_ = std::make_shared<std::atomic<bool>>(false);
 };
 
 }  // namespace
@@ -265,6 +271,10 @@ void quorvel_transport_respond(quorvel_transport_reply* reply, int status, const
 
 int quorvel_transport_pending(const quorvel_transport_reply* reply) {
   return quorvel::capi::openReplies().pending(reply) ? 1 : 0;
+}
+
+int quorvel_transport_take(quorvel_transport_reply* reply) {
+  return quorvel::capi::openReplies().takeToSend(reply) ? 1 : 0;
 }
 
 void quorvel_transport_fail(quorvel_transport_reply* reply, int64_t code, const char* message,

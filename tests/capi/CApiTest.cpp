@@ -9,6 +9,7 @@
 #include <quorvel/quorvel_testkit.h>
 
 #include "capi/CTracker.h"
+#include "platform/SendTicket.h"
 #include "support/Decrypt.h"
 #include "support/Eventually.h"
 #include "support/TempDir.h"
@@ -374,6 +375,22 @@ TEST(CApi, ARequestTheHostNeverAnswersIsFailedAndForgottenPastItsTimeout) {
   EXPECT_EQ(quorvel_transport_pending(replies[1]), 1);
   quorvel_transport_respond(replies[1], 200, nullptr, 0, nullptr, 0);
   EXPECT_EQ(quorvel_transport_pending(replies[1]), 0);
+  // Once it takes requests before it sends them, one it had not taken by its deadline never
+  // left: its next copy is no repeat.
+  const auto send = [&](std::chrono::milliseconds timeout) {
+    transport->send({"POST", "https://a.svc.example/", {}, {}, timeout},
+                    [&](auto, auto failure) { failures.push_back(failure ? failure->code : 0); });
+  };
+  send(std::chrono::seconds(60));
+  EXPECT_EQ(quorvel_transport_take(replies.back()), 1);
+  {
+    const quorvel::platform::SendTicketScope lane(
+        std::make_shared<quorvel::platform::SendTicket>());
+    send(std::chrono::milliseconds(0));
+    EXPECT_TRUE(quorvel::platform::currentSendTicket()->heldUnsentByHost());
+  }
+  send(std::chrono::seconds(60));  // finds the other past its deadline
+  EXPECT_EQ(failures.back(), -1004);
 }
 
 // A transport that queues requests sends none of them once a stop or a forgetting returned:
@@ -401,8 +418,10 @@ TEST(CApi, ATransportThatQueuesSeesEveryRequestGivenUpOnceStopOrForgetReturned) 
               QUORVEL_OK);
     {
       const std::lock_guard lock(queue.mutex);
-      for (auto* reply : queue.replies)
+      for (auto* reply : queue.replies) {
         EXPECT_EQ(quorvel_transport_pending(reply), 0) << forget;
+        EXPECT_EQ(quorvel_transport_take(reply), 0) << forget;
+      }
     }
     quorvel_tracker_destroy(tracker);
   }

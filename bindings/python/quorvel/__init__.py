@@ -184,11 +184,11 @@ class _Reply:
     def answered(self) -> bool:
         return self._handle is None
 
-    @property
-    def abandoned(self) -> bool:
-        """The library no longer waits for this answer (timed out while queued)."""
+    def take(self) -> bool:
+        """Right before the request is sent: False when the library no longer waits for it
+        (timed out while queued, or given up at a stop): it must not be sent then."""
         handle = self._handle
-        return handle is not None and not lib.quorvel_transport_pending(handle)
+        return handle is not None and bool(lib.quorvel_transport_take(handle))
 
     def _take(self) -> Optional[int]:
         with self._lock:
@@ -263,9 +263,9 @@ class _Transport:
     def _answer(self, request: Request, reply: _Reply) -> None:
         if reply.answered:
             return
-        if reply.abandoned:
-            # The library failed it as timed out while it waited here, and sends the report
-            # again later (sending this copy too would make a repeat), or gave it up at a stop
+        if not reply.take():
+            # The library failed it while it waited here (it never left, and the report goes
+            # again later: sending this copy too would make a repeat), or gave it up at a stop
             # or a forgetting, after which nothing may leave.
             reply.fail("timed out before it was sent")
             return

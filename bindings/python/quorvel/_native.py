@@ -5,7 +5,7 @@ import ctypes.util
 import os
 from pathlib import Path
 
-C_API_VERSION = 1004  # QUORVEL_C_API_VERSION of the header these declarations follow
+C_API_VERSION = 1005  # QUORVEL_C_API_VERSION of the header these declarations follow
 
 OK = 0
 BUFFER_TOO_SMALL = 2
@@ -195,7 +195,7 @@ def _declare(lib):
              ctypes.c_size_t],
             None,
         ),
-        "quorvel_transport_pending": ([ctypes.c_void_p], ctypes.c_int),
+        "quorvel_transport_take": ([ctypes.c_void_p], ctypes.c_int),
         "quorvel_transport_fail": (
             [ctypes.c_void_p, ctypes.c_int64, ctypes.c_char_p, ctypes.c_size_t],
             None,
