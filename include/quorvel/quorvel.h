@@ -392,7 +392,8 @@ typedef void (*quorvel_log_callback)(void* user_data, int level, const char* tex
  * thread during one of its calls, possibly while the library holds a lock, so the callback must
  * return quickly and must not call the library. No line arrives once the next
  * quorvel_set_log_callback or quorvel_tracker_destroy has returned: each waits for the lines
- * under way, unless called from inside one of this tracker's own calls into the host. */
+ * under way, unless called from inside one of this tracker's own calls into the host. Once
+ * destroyed, the tracker writes no line anywhere, standard error included. */
 QUORVEL_C_API quorvel_status quorvel_set_log_callback(quorvel_tracker* tracker,
                                                       quorvel_log_callback callback,
                                                       void* user_data);

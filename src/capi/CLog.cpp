@@ -49,13 +49,15 @@ class HostLog final : public platform::SystemLog {
       return;  // out of memory: the line is lost, as the console's would be
     }
     bool taken = false;
-    box_->invoke([&](const LogTarget& target) {
+    const bool open = box_->invoke([&](const LogTarget& target) {
       if (target.callback == nullptr)
         return;
       target.callback(target.userData, split.level, split.text.data(), split.text.size());
       taken = true;
     });
-    if (!taken && platformLog_)
+    // A destroyed tracker's last lines (its threads finishing) go nowhere: a host that took
+    // its lines elsewhere would otherwise find them on its standard error.
+    if (open && !taken && platformLog_)
       platformLog_->write(line);
   }
 

@@ -258,6 +258,10 @@ std::shared_ptr<Transport> makeCTransport(quorvel_transport_send send, void* use
                                           std::shared_ptr<CallGate> gate);
 // The text of (pointer, length), or nullopt for NULL.
 std::optional<std::string> textOf(const char* data, std::size_t length);
+// NULL with a length: a host's mistake, refused rather than taken as "not set".
+inline bool badText(const char* data, std::size_t length) {
+  return data == nullptr && length > 0;
+}
 // Copies `text` out through the caller's buffer.
 quorvel_status copyOut(std::string_view text, char* buffer, std::size_t capacity,
                        std::size_t* length);

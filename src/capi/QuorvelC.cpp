@@ -89,10 +89,9 @@ std::optional<std::string> textOf(const char* data, std::size_t length) {
 quorvel_status copyOut(std::string_view text, char* buffer, std::size_t capacity,
                        std::size_t* length) {
   // A capacity with no buffer is a host's mistake, not a size query.
-  if (buffer == nullptr && capacity > 0)
+  if ((buffer == nullptr && capacity > 0) || length == nullptr)
     return QUORVEL_ERROR_INVALID_ARGUMENT;
-  if (length != nullptr)
-    *length = text.size();
+  *length = text.size();
   if (buffer != nullptr && capacity > 0)
     std::memcpy(buffer, text.data(), std::min(capacity, text.size()));
   return capacity >= text.size() ? QUORVEL_OK : QUORVEL_ERROR_BUFFER_TOO_SMALL;
@@ -303,6 +302,14 @@ quorvel_status quorvel_tracker_create(const quorvel_options* given, quorvel_trac
   quorvel_options_init(&o);
   if (given != nullptr && !quorvel::capi::readSized(given, o))
     return QUORVEL_ERROR_INVALID_ARGUMENT;
+  using quorvel::capi::badText;
+  if (badText(o.data_directory, o.data_directory_length) ||
+      badText(o.keychain_directory, o.keychain_directory_length) ||
+      badText(o.bundle_identifier, o.bundle_identifier_length) ||
+      badText(o.extra_ca_file, o.extra_ca_file_length) ||
+      badText(o.receipt_path, o.receipt_path_length) ||
+      badText(o.service_domain, o.service_domain_length))
+    return QUORVEL_ERROR_INVALID_ARGUMENT;
   // A tracker never made is never released: the host still holds all it lent.
   std::shared_ptr<quorvel::capi::HostRelease> release;
   const auto failed = [&release] {
@@ -382,6 +389,8 @@ void quorvel_tracker_destroy(quorvel_tracker* tracker) {
 }
 
 quorvel_status quorvel_set_dev_key(quorvel_tracker* tracker, const char* key, size_t length) {
+  if (quorvel::capi::badText(key, length))
+    return QUORVEL_ERROR_INVALID_ARGUMENT;
   return withTracker(tracker, [&](QuorvelTracker& t) {
     t.setQuorvelDevKey(textOf(key, length));
     return QUORVEL_OK;
@@ -389,6 +398,8 @@ quorvel_status quorvel_set_dev_key(quorvel_tracker* tracker, const char* key, si
 }
 
 quorvel_status quorvel_set_app_id(quorvel_tracker* tracker, const char* app_id, size_t length) {
+  if (quorvel::capi::badText(app_id, length))
+    return QUORVEL_ERROR_INVALID_ARGUMENT;
   return withTracker(tracker, [&](QuorvelTracker& t) {
     t.setAppleAppID(textOf(app_id, length));
     return QUORVEL_OK;
@@ -397,6 +408,8 @@ quorvel_status quorvel_set_app_id(quorvel_tracker* tracker, const char* app_id, 
 
 quorvel_status quorvel_set_customer_user_id(quorvel_tracker* tracker, const char* id,
                                             size_t length) {
+  if (quorvel::capi::badText(id, length))
+    return QUORVEL_ERROR_INVALID_ARGUMENT;
   return withRunningTracker(tracker, [&](QuorvelTracker& t) {
     t.setCustomerUserID(textOf(id, length));
     return QUORVEL_OK;
@@ -405,6 +418,8 @@ quorvel_status quorvel_set_customer_user_id(quorvel_tracker* tracker, const char
 
 quorvel_status quorvel_set_currency_code(quorvel_tracker* tracker, const char* code,
                                          size_t length) {
+  if (quorvel::capi::badText(code, length))
+    return QUORVEL_ERROR_INVALID_ARGUMENT;
   return withTracker(tracker, [&](QuorvelTracker& t) {
     t.setCurrencyCode(textOf(code, length));
     return QUORVEL_OK;
@@ -444,6 +459,8 @@ quorvel_status quorvel_set_use_receipt_sandbox(quorvel_tracker* tracker, int on)
 
 quorvel_status quorvel_set_custom_data(quorvel_tracker* tracker, const char* json,
                                        size_t json_length) {
+  if (quorvel::capi::badText(json, json_length))
+    return QUORVEL_ERROR_INVALID_ARGUMENT;
   return withRunningTracker(tracker, [&](QuorvelTracker& t) {
     if (json == nullptr) {
       // Not setAdditionalData(nullopt): the C++ setter ignores nil, NULL here removes it.
@@ -485,7 +502,7 @@ quorvel_status quorvel_track_app_launch(quorvel_tracker* tracker) {
 
 quorvel_status quorvel_track_event(quorvel_tracker* tracker, const char* name, size_t name_length,
                                    const char* value, size_t value_length) {
-  if (name == nullptr || name_length == 0)
+  if (name == nullptr || name_length == 0 || quorvel::capi::badText(value, value_length))
     return QUORVEL_ERROR_INVALID_ARGUMENT;
   return withRunningTracker(tracker, [&](QuorvelTracker& t) {
     t.trackEvent(std::string(name, name_length), textOf(value, value_length));
@@ -535,7 +552,7 @@ quorvel_status quorvel_handle_push_payload(quorvel_tracker* tracker, const char*
 
 quorvel_status quorvel_handle_open_url(quorvel_tracker* tracker, const char* url, size_t url_length,
                                        const char* source, size_t source_length) {
-  if (url == nullptr)
+  if (url == nullptr || quorvel::capi::badText(source, source_length))
     return QUORVEL_ERROR_INVALID_ARGUMENT;
   return withRunningTracker(tracker, [&](QuorvelTracker& t) {
     t.handleOpenURL(std::string(url, url_length), textOf(source, source_length));
@@ -566,7 +583,10 @@ void quorvel_purchase_init(quorvel_purchase* purchase) {
 quorvel_status quorvel_validate_and_track_purchase(quorvel_tracker* tracker,
                                                    const quorvel_purchase* given) {
   quorvel_purchase p;
-  if (!quorvel::capi::readSized(given, p))
+  using quorvel::capi::badText;
+  if (!quorvel::capi::readSized(given, p) || badText(p.product_id, p.product_id_length) ||
+      badText(p.price, p.price_length) || badText(p.currency, p.currency_length) ||
+      badText(p.transaction_id, p.transaction_id_length))
     return QUORVEL_ERROR_INVALID_ARGUMENT;
   return withRunningTracker(tracker, [&](QuorvelTracker& t) {
     const auto box = tracker->callbacks;

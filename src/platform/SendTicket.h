@@ -18,7 +18,7 @@ struct SendTicket {
   // The host's transport was called with it.
   std::atomic<bool> handedToHost{false};
   // What the host said of it: nothing (a transport that sends what it is given), queued (its
-  // transport looks before each send and had not taken this one out yet), or taken out to send.
+  // transport takes each request before it sends it, and had not taken this one), or taken.
   enum HostSays : int { nothing, queued, taken };
   std::atomic<int> hostSays{nothing};
 

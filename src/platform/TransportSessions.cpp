@@ -211,8 +211,8 @@ void TransportTask::resume() noexcept {
                                                                      once] {
       if (const auto self = weak.lock()) {
         std::call_once(*once, [&] {
-          // Still in the queue of a transport that looks before it sends: it never left, and
-          // its next copy is no repeat (the host skips this one, no longer awaited).
+          // Still in the queue of a transport that takes each request before it sends it: it
+          // never left, and its next copy is no repeat (the host can no longer take this one).
           self->finish(std::nullopt,
                        self->ticket_->heldUnsentByHost()
                            ? Error{platform::kURLErrorDomain, kCannotConnect,

@@ -29,10 +29,9 @@ namespace {
 
 quorvel_status copyOut(std::string_view text, char* buffer, size_t capacity, size_t* length) {
   // As in the main API: a capacity with no buffer is a host's mistake, not a size query.
-  if (buffer == nullptr && capacity > 0)
+  if ((buffer == nullptr && capacity > 0) || length == nullptr)
     return QUORVEL_ERROR_INVALID_ARGUMENT;
-  if (length != nullptr)
-    *length = text.size();
+  *length = text.size();
   if (buffer != nullptr && capacity > 0)
     std::memcpy(buffer, text.data(), std::min(capacity, text.size()));
   return capacity >= text.size() ? QUORVEL_OK : QUORVEL_ERROR_BUFFER_TOO_SMALL;

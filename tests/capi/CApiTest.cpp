@@ -88,6 +88,7 @@ TEST(CApi, MisuseIsRefusedWithAStatusAndNothingHalfDone) {
   const std::string deep = std::string(200, '[') + std::string(200, ']');
   const std::string deepValues = R"({"v": )" + deep + "}";
   size_t length = 0;
+  char uid[64];
   quorvel_callbacks callbacks;
   quorvel_callbacks_init(&callbacks);
   quorvel_purchase purchase;
@@ -117,6 +118,12 @@ TEST(CApi, MisuseIsRefusedWithAStatusAndNothingHalfDone) {
       {"a capacity without a buffer", quorvel_get_uid(t, nullptr, 100, &length),
        QUORVEL_ERROR_INVALID_ARGUMENT},
       {"a length query", quorvel_get_uid(t, nullptr, 0, &length), QUORVEL_ERROR_BUFFER_TOO_SMALL},
+      {"no place for the length", quorvel_get_uid(t, uid, sizeof uid, nullptr),
+       QUORVEL_ERROR_INVALID_ARGUMENT},
+      {"a value NULL with a length", quorvel_track_event(t, "e", 1, nullptr, 5),
+       QUORVEL_ERROR_INVALID_ARGUMENT},
+      {"a key NULL with a length", quorvel_set_dev_key(t, nullptr, 5),
+       QUORVEL_ERROR_INVALID_ARGUMENT},
       {"callbacks cut in a pointer",
        (callbacks.struct_size = offsetof(quorvel_callbacks, on_app_open_attribution) + 4,
         quorvel_set_callbacks(t, &callbacks)),

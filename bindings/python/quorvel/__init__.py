@@ -34,6 +34,9 @@ FAILED = 4
 _FLUSH_SLICE = 0.1
 # What a tracker still open at interpreter exit may spend flushing before it is released.
 _EXIT_FLUSH_BOUND = 1.0
+# How long the exit waits for the release notices still to come (trackers closed from inside
+# their own callbacks, which the library releases once that callback returned).
+_EXIT_NOTICE_BOUND = 2.0
 
 # The library's log lines, at their own levels (its trace level sits below DEBUG).
 _log = logging.getLogger("quorvel")
@@ -505,6 +508,7 @@ def _leave_trackers_to_parent() -> None:
     for tracker in list(_open_trackers):
         tracker._handle.leave_to_parent()
         _open_trackers.discard(tracker)
+    _notices.clear()  # the parent's: none comes in this child, whose exit never waits for one
 
 
 if hasattr(os, "register_at_fork"):
@@ -516,6 +520,11 @@ def _close_at_exit() -> None:
     # Released before the interpreter goes: no library thread may call into Python later.
     for tracker in list(_open_trackers):
         tracker._close_within(min(tracker._flush_timeout, _EXIT_FLUSH_BOUND))
+    # A tracker closed (or collected) inside its own callback is released once that callback
+    # returned, and its notice calls into Python: it must come before the interpreter ends.
+    deadline = time.monotonic() + _EXIT_NOTICE_BOUND
+    for notice in list(_notices.values()):
+        notice.wait(max(0.0, deadline - time.monotonic()))
 
 
 class Tracker:
