@@ -24,7 +24,7 @@
 
 #include <quorvel/platform/DispatchQueue.h>
 
-#include "cache/Outbox.h"
+#include "cache/OutboxSlot.h"
 #include "util/WorkContext.h"
 
 namespace quorvel {
