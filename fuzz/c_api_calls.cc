@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -136,6 +137,19 @@ quorvel_tracker* create(Input& in) {
   return tracker;
 }
 
+// NULL with length 0 ("not set"), now and then NULL with a length (a host's mistake, refused),
+// else the text.
+std::pair<const char*, std::size_t> maybeText(const std::string& s, Input& in) {
+  switch (in.byte() % 8) {
+    case 0:
+      return {nullptr, 0};
+    case 1:
+      return {nullptr, s.size()};
+    default:
+      return {s.data(), s.size()};
+  }
+}
+
 void getUid(quorvel_tracker* t, Input& in) {
   const std::size_t capacity = in.byte() % 64;
   std::vector<char> buffer(capacity);
@@ -217,7 +231,8 @@ void call(quorvel_tracker*& t, Input& in) {
     }
     case 4: {
       const std::string s = in.text();
-      quorvel_set_customer_user_id(t, in.byte() % 4 == 0 ? nullptr : s.data(), s.size());
+      const auto [data, size] = maybeText(s, in);
+      quorvel_set_customer_user_id(t, data, size);
       break;
     }
     case 5: {
@@ -240,8 +255,8 @@ void call(quorvel_tracker*& t, Input& in) {
     case 10: {
       const std::string name = in.text();
       const std::string value = in.text();
-      quorvel_track_event(t, name.data(), name.size(), in.byte() % 2 == 0 ? nullptr : value.data(),
-                          value.size());
+      const auto [data, size] = maybeText(value, in);
+      quorvel_track_event(t, name.data(), name.size(), data, size);
       break;
     }
     case 11: {
@@ -311,7 +326,8 @@ void call(quorvel_tracker*& t, Input& in) {
     }
     case 28: {
       const std::string data = in.text();
-      quorvel_set_custom_data(t, in.byte() % 4 == 0 ? nullptr : data.data(), data.size());
+      const auto [text, size] = maybeText(data, in);
+      quorvel_set_custom_data(t, text, size);
       break;
     }
     case 29:

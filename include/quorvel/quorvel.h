@@ -140,8 +140,9 @@ QUORVEL_C_API int quorvel_transport_pending(const quorvel_transport_reply* reply
 /* As quorvel_transport_pending, for a transport that queues requests, called right before it
  * sends one: 1 and the request is the host's to send from now on, or 0 and it must not be
  * sent. A transport that takes one request is held to take each before it sends it: a request
- * it has not taken when the library's deadline comes never left, and its next copy does not
- * count as a repeat in the delivery statistics. Any thread. Since 1.5. */
+ * handed to it after its first take and not taken when the library's deadline comes never
+ * left, and its next copy does not count as a repeat in the delivery statistics. Any thread.
+ * Since 1.5. */
 QUORVEL_C_API int quorvel_transport_take(quorvel_transport_reply* reply);
 
 /* --- Creating a tracker ------------------------------------------------------------------ */
@@ -392,8 +393,9 @@ typedef void (*quorvel_log_callback)(void* user_data, int level, const char* tex
  * thread during one of its calls, possibly while the library holds a lock, so the callback must
  * return quickly and must not call the library. No line arrives once the next
  * quorvel_set_log_callback or quorvel_tracker_destroy has returned: each waits for the lines
- * under way, unless called from inside one of this tracker's own calls into the host. Once
- * destroyed, the tracker writes no line anywhere, standard error included. */
+ * under way, unless called from inside one of this tracker's own calls into the host. The
+ * lines a tracker destroyed with a callback set still writes (its threads finishing) go
+ * nowhere, not to standard error either. */
 QUORVEL_C_API quorvel_status quorvel_set_log_callback(quorvel_tracker* tracker,
                                                       quorvel_log_callback callback,
                                                       void* user_data);

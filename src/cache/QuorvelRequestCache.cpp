@@ -9,12 +9,15 @@
 
 #include <quorvel/Version.h>
 
+#include "cache/KeptFileNames.h"
 #include "log/Log.h"
 #include "util/Trim.h"
 #include "util/WorkContext.h"
 
 namespace quorvel {
 namespace {
+
+using namespace kept_files;
 
 constexpr const char* kDirectoryName = "QuorvelCache";
 // Appended to a kept file whose request may have reached the service already (its transfer
@@ -71,43 +74,6 @@ double leadingDouble(const std::string& s) {
   } catch (...) {
     return 0;
   }
-}
-
-// The temp file of a write ("<entry>.qv.tmp-XXXXXX"); one that is left over was cut short by
-// a crash. It is neither counted nor replayed.
-bool isTempFile(const std::string& name) {
-  return name.find(".qv.tmp-") != std::string::npos;
-}
-bool isCacheEntry(const std::string& name) {
-  return !isTempFile(name);
-}
-
-// A file on its way is claimed first: renamed to "<entry>.sending-<pid>", so that a process
-// that can send it but not rename it (a read-only folder) never sends it, and one that sent it
-// and could not delete it after the answer leaves no plain entry for the next start to send
-// again. A claim goes back to the plain name when its send fails in transport; one whose
-// process ended (killed on the way) is taken again by the next.
-constexpr std::string_view kClaimMark = ".sending-";
-
-std::string plainName(const std::string& name) {
-  const auto mark = name.find(kClaimMark);
-  return mark == std::string::npos ? name : name.substr(0, mark);
-}
-
-// The claiming process, 0 when the name is no claim.
-pid_t claimerOf(const std::string& name) {
-  const auto mark = name.find(kClaimMark);
-  if (mark == std::string::npos)
-    return 0;
-  const std::string digits = name.substr(mark + kClaimMark.size());
-  if (digits.empty() || digits.size() > 9 ||
-      digits.find_first_not_of("0123456789") != std::string::npos)
-    return 0;
-  return static_cast<pid_t>(std::stol(digits));
-}
-
-bool processRuns(pid_t pid) {
-  return ::kill(pid, 0) == 0 || errno == EPERM;
 }
 
 // One written to within the last minute may belong to a write under way in another process

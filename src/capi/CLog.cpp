@@ -55,9 +55,12 @@ class HostLog final : public platform::SystemLog {
       target.callback(target.userData, split.level, split.text.data(), split.text.size());
       taken = true;
     });
-    // A destroyed tracker's last lines (its threads finishing) go nowhere: a host that took
-    // its lines elsewhere would otherwise find them on its standard error.
-    if (open && !taken && platformLog_)
+    // A destroyed tracker's last lines (its threads finishing) go nowhere when the host took
+    // its lines: it would otherwise find them on its standard error. Without a callback they
+    // go there as before.
+    if (taken || (!open && box_->lastSet().callback != nullptr))
+      return;
+    if (platformLog_)
       platformLog_->write(line);
   }
 

@@ -124,6 +124,11 @@ class HostCalls {
     calls_ = calls;
     waitForCallsLocked(lock);
   }
+  // The calls last set, closed or not.
+  Calls lastSet() {
+    const std::lock_guard lock(mutex_);
+    return calls_;
+  }
   // No call of this box runs once this returns (but for one that makes the call).
   void close() {
     ReleaseHold released;  // let go outside the lock

@@ -79,12 +79,13 @@ class OpenReplies {
       return false;
     const Open& open = it->second;
     *open.takes = true;
-    if (open.ticket)
-      open.ticket->hostSays = platform::SendTicket::taken;
+    const int before =
+        open.ticket ? open.ticket->hostSays.exchange(platform::SendTicket::taken) : 0;
     if (awaited(open))
       return true;
-    if (open.ticket)
-      open.ticket->hostSays = platform::SendTicket::queued;  // it will not be sent
+    // It will not be sent now; one taken before may have been.
+    if (open.ticket && before != platform::SendTicket::taken)
+      open.ticket->hostSays = platform::SendTicket::queued;
     return false;
   }
   void lockForFork() noexcept { mutex_.lock(); }
@@ -99,7 +100,8 @@ class OpenReplies {
     std::shared_ptr<std::atomic<bool>> takes;  // its transport's
   };
   static bool awaited(const Open& open) noexcept {
-    return Clock::now() < open.deadline && !(open.ticket && open.ticket->cancelled);
+    return Clock::now() < open.deadline &&
+           !(open.ticket && (open.ticket->cancelled || open.ticket->ended));
   }
   struct Expired {
     TransportDone done;

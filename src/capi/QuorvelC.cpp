@@ -488,6 +488,9 @@ quorvel_status quorvel_set_outbox_limits(quorvel_tracker* tracker, uint64_t max_
 
 quorvel_status quorvel_get_uid(quorvel_tracker* tracker, char* buffer, size_t capacity,
                                size_t* length) {
+  // Refused before the identifier is made: a refused call leaves nothing behind.
+  if ((buffer == nullptr && capacity > 0) || length == nullptr)
+    return QUORVEL_ERROR_INVALID_ARGUMENT;
   return withRunningTracker(tracker, [&](QuorvelTracker& t) {
     return quorvel::capi::copyOut(t.getQuorvelUID(), buffer, capacity, length);
   });

@@ -15,6 +15,8 @@ class URLSessionTask;
 struct SendTicket {
   // Given up: no longer awaited, and never to leave once the stop returned.
   std::atomic<bool> cancelled{false};
+  // Its outcome is decided (its deadline, a failure): no longer awaited either.
+  std::atomic<bool> ended{false};
   // The host's transport was called with it.
   std::atomic<bool> handedToHost{false};
   // What the host said of it: nothing (a transport that sends what it is given), queued (its
@@ -22,7 +24,8 @@ struct SendTicket {
   enum HostSays : int { nothing, queued, taken };
   std::atomic<int> hostSays{nothing};
 
-  // Queued by a transport that looks before it sends, and never taken out: it never left.
+  // Queued by a transport that takes each request before it sends it, never taken: it never
+  // left.
   bool heldUnsentByHost() const noexcept { return hostSays.load() == queued; }
   bool mayHaveLeft() const noexcept { return handedToHost.load() && !heldUnsentByHost(); }
 };

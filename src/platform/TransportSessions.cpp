@@ -211,8 +211,11 @@ void TransportTask::resume() noexcept {
                                                                      once] {
       if (const auto self = weak.lock()) {
         std::call_once(*once, [&] {
+          // Ended before the look at what the host said, so that a take that finds it unended
+          // is seen: from here the host can no longer take it.
+          self->ticket_->ended = true;
           // Still in the queue of a transport that takes each request before it sends it: it
-          // never left, and its next copy is no repeat (the host can no longer take this one).
+          // never left, and its next copy is no repeat.
           self->finish(std::nullopt,
                        self->ticket_->heldUnsentByHost()
                            ? Error{platform::kURLErrorDomain, kCannotConnect,

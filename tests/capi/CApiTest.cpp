@@ -398,6 +398,16 @@ TEST(CApi, ARequestTheHostNeverAnswersIsFailedAndForgottenPastItsTimeout) {
   }
   send(std::chrono::seconds(60));  // finds the other past its deadline
   EXPECT_EQ(failures.back(), -1004);
+  // Taken, it may have left, whatever a later take hears (a stop came meanwhile).
+  const auto ticket = std::make_shared<quorvel::platform::SendTicket>();
+  {
+    const quorvel::platform::SendTicketScope lane(ticket);
+    send(std::chrono::seconds(60));
+  }
+  EXPECT_EQ(quorvel_transport_take(replies.back()), 1);
+  ticket->cancelled = true;
+  EXPECT_EQ(quorvel_transport_take(replies.back()), 0);
+  EXPECT_FALSE(ticket->heldUnsentByHost());
 }
 
 // A transport that queues requests sends none of them once a stop or a forgetting returned:

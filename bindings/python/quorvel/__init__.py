@@ -44,10 +44,15 @@ _LOG_LEVELS = {1: logging.ERROR, 2: logging.WARNING, 3: logging.INFO, 4: logging
 
 
 def _log_line(_user_data: Any, level: int, pointer: int, length: int) -> None:
-    # Never raises into the library: logging reports its own handler errors.
-    python_level = _LOG_LEVELS.get(level, logging.INFO)
-    if _log.isEnabledFor(python_level):
-        _log.log(python_level, "%s", _text(pointer, length))
+    # Never raises into the library: logging reports its own handler errors. A callback like
+    # the others: a tracker collected in it is released once it returned, not waited for here.
+    _in_callback.depth = getattr(_in_callback, "depth", 0) + 1
+    try:
+        python_level = _LOG_LEVELS.get(level, logging.INFO)
+        if _log.isEnabledFor(python_level):
+            _log.log(python_level, "%s", _text(pointer, length))
+    finally:
+        _in_callback.depth -= 1
 
 
 # One C function for every tracker, alive as long as the module.
