@@ -71,10 +71,15 @@ class HostLog final : public platform::SystemLog {
 
 }  // namespace
 
+std::shared_ptr<platform::SystemLog> hostLog(std::shared_ptr<platform::SystemLog> fallback,
+                                             std::shared_ptr<LogBox> box) {
+  return std::make_shared<HostLog>(std::move(fallback), std::move(box));
+}
+
 std::shared_ptr<const Platform> withHostLog(std::shared_ptr<const Platform> platform,
                                             std::shared_ptr<LogBox> box) {
   Platform own = *platform;
-  own.systemLog = std::make_shared<HostLog>(platform->systemLog, std::move(box));
+  own.systemLog = hostLog(platform->systemLog, std::move(box));
   return std::make_shared<const Platform>(std::move(own));
 }
 

@@ -181,6 +181,10 @@ struct LogTarget {
 };
 using LogBox = HostCalls<LogTarget>;
 
+// A system log that goes to the host's log function whenever one is set in `box`, else to
+// `fallback`.
+std::shared_ptr<platform::SystemLog> hostLog(std::shared_ptr<platform::SystemLog> fallback,
+                                             std::shared_ptr<LogBox> box);
 // A platform whose system log goes to the host's log function whenever one is set in `box`.
 std::shared_ptr<const Platform> withHostLog(std::shared_ptr<const Platform> platform,
                                             std::shared_ptr<LogBox> box);
@@ -221,8 +225,13 @@ class HandleCalls {
 }  // namespace quorvel::capi
 
 struct quorvel_tracker {
-  explicit quorvel_tracker(std::shared_ptr<quorvel::capi::CallGate> gate)
-      : release(gate->release()), transport(std::move(gate)) {}
+  // `log`: a box the platform's own services already write to, else one of its own.
+  explicit quorvel_tracker(std::shared_ptr<quorvel::capi::CallGate> gate,
+                           std::shared_ptr<quorvel::capi::LogBox> logBox = nullptr)
+      : release(gate->release()), transport(std::move(gate)) {
+    if (logBox)
+      log = std::move(logBox);
+  }
 
   // First, so that it goes last: the host's release never comes before the tracker is gone.
   quorvel::capi::ReleaseHold release;
@@ -251,8 +260,12 @@ namespace quorvel::capi {
 void keepAtExit(quorvel_tracker* handle);
 void noLongerKeptAtExit(quorvel_tracker* handle) noexcept;
 
+// `wiredLog`: the box that `platform`'s system log already writes to (made with hostLog over
+// the gate, so that the platform's services log through it from their creation on); without
+// one, the handle's own box is wired over the platform's log here.
 quorvel_tracker* makeHandle(std::shared_ptr<const Platform> platform,
-                            std::shared_ptr<CallGate> gate) noexcept;
+                            std::shared_ptr<CallGate> gate,
+                            std::shared_ptr<LogBox> wiredLog = nullptr) noexcept;
 // Whether the current thread is inside one of the handle's own calls into the host.
 inline bool insideHostCall(const quorvel_tracker& handle) noexcept {
   return HostCallScope::inside(handle.transport.get());

@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "capi/CTracker.h"
+#include "platform/posix/PosixServices.h"
 #include "tracker/TrackerCore.h"
 #include "util/BoundedJson.h"
 
@@ -204,11 +205,13 @@ quorvel_status withRunningTracker(quorvel_tracker* handle, Call&& call) {
 }  // namespace
 
 quorvel_tracker* makeHandle(std::shared_ptr<const Platform> platform,
-                            std::shared_ptr<CallGate> gate) noexcept {
+                            std::shared_ptr<CallGate> gate,
+                            std::shared_ptr<LogBox> wiredLog) noexcept {
   try {
-    auto handle = std::make_unique<quorvel_tracker>(std::move(gate));
-    handle->tracker =
-        std::make_unique<QuorvelTracker>(withHostLog(std::move(platform), handle->log));
+    const bool wired = wiredLog != nullptr;
+    auto handle = std::make_unique<quorvel_tracker>(std::move(gate), std::move(wiredLog));
+    handle->tracker = std::make_unique<QuorvelTracker>(
+        wired ? std::move(platform) : withHostLog(std::move(platform), handle->log));
     handle->delegate = delegateFor(handle->callbacks);
     handle->tracker->setDelegate(handle->delegate);
     keepAtExit(handle.get());
@@ -333,8 +336,15 @@ quorvel_status quorvel_tracker_create(const quorvel_options* given, quorvel_trac
     options.receiptPath = textOf(o.receipt_path, o.receipt_path_length);
     if (o.transport != nullptr)
       options.transport = quorvel::capi::makeCTransport(o.transport, o.transport_user_data, gate);
-    auto platform = std::make_shared<const quorvel::Platform>(quorvel::makePosixPlatform(options));
-    quorvel_tracker* handle = quorvel::capi::makeHandle(std::move(platform), gate);
+    // The host's log from the start: the stores and the HTTP client made with the platform
+    // keep the log they were given.
+    auto logBox = std::make_shared<quorvel::capi::LogBox>(gate.get(), gate->release());
+    quorvel::Platform given;
+    given.systemLog =
+        quorvel::capi::hostLog(std::make_shared<quorvel::platform::StderrSystemLog>(), logBox);
+    auto platform = std::make_shared<const quorvel::Platform>(
+        quorvel::makePosixPlatform(options, std::move(given)));
+    quorvel_tracker* handle = quorvel::capi::makeHandle(std::move(platform), gate, logBox);
     if (handle == nullptr)
       return failed();
     if (auto domain = textOf(o.service_domain, o.service_domain_length))

@@ -20,6 +20,8 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
+#include <fstream>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -692,6 +694,20 @@ TEST(CApi, TheLogGoesToTheHostsFunctionWithItsLevelsAndNeverAfterDestroy) {
   quorvel_testkit_advance(kit, 10000);  // what was queued for the handle runs now, or never
   EXPECT_EQ(log.count(), atDestroy);
   quorvel_testkit_destroy(kit);
+
+  // The platform's own services (the preferences file here, a file where its folder goes) log
+  // through the host's function too.
+  const HostFolder folder;
+  std::filesystem::create_directories(folder.data + "/Library");
+  std::ofstream(folder.data + "/Library/Preferences") << "not a folder";
+  quorvel_tracker* real = configured(folder.options(nullptr, nullptr));
+  HostLog stores;
+  ASSERT_EQ(quorvel_set_log_callback(real, HostLog::write, &stores), QUORVEL_OK);
+  quorvel_set_customer_user_id(real, "u3", 2);
+  quorvel_app_entered_background(real);
+  EXPECT_TRUE(quorvel::test::eventually(
+      [&] { return stores.has(QUORVEL_LOG_ERROR, "could not save preferences"); }));
+  quorvel_tracker_destroy(real);
 }
 
 TEST(CApi, AnEngineReportsItsLifecycleCustomDataAndPushPayloads) {
