@@ -2,6 +2,6 @@
 # though they live with the rest of the C API's tests. A test this tree does not have is passed
 # over by ctest.
 foreach(name CApi.OptingInAfterAKeptStopSendsWithTheConfigurationTakenWhileStopped
-             CApi.ATransportThatQueuesSeesEveryRequestGivenUpOnceStopOrForgetReturned)
+             CApi.ATransportThatQueuesSeesEveryRequestGivenUpOnceStopForgetOrDestroyReturned)
   set_tests_properties(${name} PROPERTIES LABELS "unit;security")
 endforeach()

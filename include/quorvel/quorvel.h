@@ -132,8 +132,8 @@ QUORVEL_C_API void quorvel_transport_fail(quorvel_transport_reply* reply, int64_
                                           const char* message, size_t message_length);
 
 /* 1 while the library still waits for the answer to `reply`; 0 once it was answered, timed
- * out or ended, or once the library gave it up (the tracker stopped or forgot the install:
- * nothing may leave after that returned). A transport that queues requests looks before it
+ * out or ended, or once the library gave it up (the tracker stopped, forgot the install or was
+ * destroyed: nothing may leave after that returned). A transport that queues requests looks before it
  * sends one: a request the library gave up on is sent again later, and sending the old one
  * too makes a repeat. Any thread. Since 1.4. */
 QUORVEL_C_API int quorvel_transport_pending(const quorvel_transport_reply* reply);

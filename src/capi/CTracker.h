@@ -80,12 +80,15 @@ class CallGate {
   void leave();
   void close(std::chrono::milliseconds bound);
   ReleaseHold release() const { return release_; }
+  // Closed (the tracker destroyed): a request the host still holds is no longer awaited.
+  bool closed() const noexcept { return closedNow_.load(); }
 
  private:
   std::mutex mutex_;
   std::condition_variable idle_;
   int running_ = 0;
   bool closed_ = false;
+  std::atomic<bool> closedNow_{false};  // closed_, readable without the lock
   ReleaseHold release_;
 };
 

@@ -31,7 +31,8 @@ class OpenReplies {
   // `takes`: whether the host's transport takes requests (quorvel_transport_take) before it
   // sends them: then this one is queued until taken.
   quorvel_transport_reply* add(TransportDone done, std::chrono::milliseconds timeout,
-                               std::shared_ptr<std::atomic<bool>> takes) {
+                               std::shared_ptr<std::atomic<bool>> takes,
+                               std::shared_ptr<const CallGate> gate) {
     std::vector<Expired> expired;
     std::uintptr_t id = 0;
     {
@@ -46,7 +47,8 @@ class OpenReplies {
         int nothing = platform::SendTicket::nothing;
         ticket->hostSays.compare_exchange_strong(nothing, platform::SendTicket::queued);
       }
-      open_.emplace(id, Open{std::move(done), deadline, std::move(ticket), std::move(takes)});
+      open_.emplace(id, Open{std::move(done), deadline, std::move(ticket), std::move(takes),
+                             std::move(gate)});
       nextExpiry_ = std::min(nextExpiry_, deadline);
     }
     for (const Expired& late : expired) {
@@ -98,10 +100,14 @@ class OpenReplies {
     // Cancelled when the library gave the request up (a stop, a forgetting): no longer awaited.
     platform::SendTicketPtr ticket;
     std::shared_ptr<std::atomic<bool>> takes;  // its transport's
+    // Its tracker's: once destroyed, what its host still queues is given up (the report goes
+    // again at the next start, and a copy sent now as well would be a repeat).
+    std::shared_ptr<const CallGate> gate;
   };
   static bool awaited(const Open& open) noexcept {
     return Clock::now() < open.deadline &&
-           !(open.ticket && (open.ticket->cancelled || open.ticket->ended));
+           !(open.ticket && (open.ticket->cancelled || open.ticket->ended)) &&
+           !(open.gate && open.gate->closed());
   }
   struct Expired {
     TransportDone done;
@@ -198,7 +204,7 @@ class CTransport final : public Transport {
     try {
       headers = headerLines(request.headers);
       // The host's from here until it answers.
-      reply = openReplies().add(done, request.timeout, takes_);
+      reply = openReplies().add(done, request.timeout, takes_, gate_);
     } catch (...) {
       return failRequest(done, "transport failed");
     }

@@ -75,6 +75,7 @@ void CallGate::close(std::chrono::milliseconds bound) {
   ReleaseHold released;  // let go outside the lock
   std::unique_lock lock(mutex_);
   closed_ = true;
+  closedNow_ = true;
   released = std::move(release_);
   // The closing thread's own send would never end while it waits.
   const int own = HostCallScope::inside(this, HostCallScope::Kind::send) ? 1 : 0;

@@ -412,10 +412,11 @@ TEST(CApi, ARequestTheHostNeverAnswersIsFailedAndForgottenPastItsTimeout) {
   EXPECT_FALSE(ticket->heldUnsentByHost());
 }
 
-// A transport that queues requests sends none of them once a stop or a forgetting returned:
-// the library gave them up, and says so.
-TEST(CApi, ATransportThatQueuesSeesEveryRequestGivenUpOnceStopOrForgetReturned) {
-  for (const bool forget : {false, true}) {
+// A transport that queues requests sends none of them once a stop, a forgetting or a destroy
+// returned: the library gave them up, and says so.
+TEST(CApi, ATransportThatQueuesSeesEveryRequestGivenUpOnceStopForgetOrDestroyReturned) {
+  for (const int way : {0, 1, 2}) {  // a stop, a forgetting, a destroy
+    const bool forget = way == 1;
     const HostFolder folder;
     struct Queue {
       std::mutex mutex;
@@ -433,16 +434,20 @@ TEST(CApi, ATransportThatQueuesSeesEveryRequestGivenUpOnceStopOrForgetReturned) 
       const std::lock_guard lock(queue.mutex);
       return !queue.replies.empty();
     }));
-    EXPECT_EQ(forget ? quorvel_forget_this_install(tracker) : quorvel_set_stopped(tracker, 1),
-              QUORVEL_OK);
+    if (way == 2)
+      quorvel_tracker_destroy(tracker);
+    else
+      EXPECT_EQ(forget ? quorvel_forget_this_install(tracker) : quorvel_set_stopped(tracker, 1),
+                QUORVEL_OK);
     {
       const std::lock_guard lock(queue.mutex);
       for (auto* reply : queue.replies) {
-        EXPECT_EQ(quorvel_transport_pending(reply), 0) << forget;
-        EXPECT_EQ(quorvel_transport_take(reply), 0) << forget;
+        EXPECT_EQ(quorvel_transport_pending(reply), 0) << way;
+        EXPECT_EQ(quorvel_transport_take(reply), 0) << way;
       }
     }
-    quorvel_tracker_destroy(tracker);
+    if (way != 2)
+      quorvel_tracker_destroy(tracker);
   }
 }
 
