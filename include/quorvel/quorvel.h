@@ -139,7 +139,7 @@ QUORVEL_C_API void quorvel_transport_fail(quorvel_transport_reply* reply, int64_
 QUORVEL_C_API int quorvel_transport_pending(const quorvel_transport_reply* reply);
 /* As quorvel_transport_pending, for a transport that queues requests, called right before it
  * sends one: 1 and the request is the host's to send from now on, or 0 and it must not be
- * sent. A transport that takes one request is held to take each before it sends it: a request
+ * sent (it is ended then: an answer to it is ignored, and none is needed). A transport that takes one request is held to take each before it sends it: a request
  * handed to it after its first take and not taken when the library's deadline comes never
  * left, and its next copy does not count as a repeat in the delivery statistics. Any thread.
  * Since 1.5. */
@@ -389,7 +389,8 @@ typedef void (*quorvel_log_callback)(void* user_data, int level, const char* tex
                                      size_t text_length);
 /* Since 1.3. The tracker's log lines go to `callback` instead of standard error (NULL: back to
  * standard error). Lines are written while the debug switch is on (quorvel_set_debug), as on
- * the console. A line arrives on the thread that writes it: a library thread, or the host's own
+ * the console; errors of the platform's own services (a preferences file that cannot be
+ * saved) whatever the switch. A line arrives on the thread that writes it: a library thread, or the host's own
  * thread during one of its calls, possibly while the library holds a lock, so the callback must
  * return quickly and must not call the library. No line arrives once the next
  * quorvel_set_log_callback or quorvel_tracker_destroy has returned: each waits for the lines

@@ -80,15 +80,17 @@ class CallGate {
   void leave();
   void close(std::chrono::milliseconds bound);
   ReleaseHold release() const { return release_; }
-  // Closed (the tracker destroyed): a request the host still holds is no longer awaited.
-  bool closed() const noexcept { return closedNow_.load(); }
+  // The tracker goes now (after its waits for the calls under way, whose answers it still
+  // takes): a request the host still holds is no longer awaited.
+  void giveUpHeld() noexcept { givenUp_ = true; }
+  bool gaveUpHeld() const noexcept { return givenUp_.load(); }
 
  private:
   std::mutex mutex_;
   std::condition_variable idle_;
   int running_ = 0;
   bool closed_ = false;
-  std::atomic<bool> closedNow_{false};  // closed_, readable without the lock
+  std::atomic<bool> givenUp_{false};
   ReleaseHold release_;
 };
 

@@ -74,20 +74,36 @@ class OpenReplies {
   // The host takes it out of its queue to send it: from then on it may reach the service.
   // "Taken" is said before the look at the cancel, so that a stop that finds it unsaid knows
   // that the host will not send it.
+  // Refused, the request ends here, as if the host had failed it: a host may drop what it was
+  // refused, and what the request holds (its report, its tracker's threads) must not wait for
+  // an answer that never comes.
   bool takeToSend(const quorvel_transport_reply* reply) noexcept {
-    const std::lock_guard lock(mutex_);
-    const auto it = open_.find(reinterpret_cast<std::uintptr_t>(reply));  // NOLINT
-    if (it == open_.end())
-      return false;
-    const Open& open = it->second;
-    *open.takes = true;
-    const int before =
-        open.ticket ? open.ticket->hostSays.exchange(platform::SendTicket::taken) : 0;
-    if (awaited(open))
-      return true;
-    // It will not be sent now; one taken before may have been.
-    if (open.ticket && before != platform::SendTicket::taken)
-      open.ticket->hostSays = platform::SendTicket::queued;
+    TransportDone refused;
+    {
+      const std::lock_guard lock(mutex_);
+      const auto it = open_.find(reinterpret_cast<std::uintptr_t>(reply));  // NOLINT
+      if (it == open_.end())
+        return false;
+      const Open& open = it->second;
+      *open.takes = true;
+      const int before =
+          open.ticket ? open.ticket->hostSays.exchange(platform::SendTicket::taken) : 0;
+      if (awaited(open))
+        return true;
+      // It will not be sent now; one taken before may have been.
+      if (open.ticket && before != platform::SendTicket::taken)
+        open.ticket->hostSays = platform::SendTicket::queued;
+      refused = std::move(it->second.done);
+      open_.erase(it);
+    }
+    if (refused) {
+      try {
+        refused(std::nullopt,
+                Error{platform::kURLErrorDomain, -1004, "given up before it was sent"});
+      } catch (...) {
+        // The library's completion never throws; out of memory, the request ends unanswered.
+      }
+    }
     return false;
   }
   void lockForFork() noexcept { mutex_.lock(); }
@@ -107,7 +123,7 @@ class OpenReplies {
   static bool awaited(const Open& open) noexcept {
     return Clock::now() < open.deadline &&
            !(open.ticket && (open.ticket->cancelled || open.ticket->ended)) &&
-           !(open.gate && open.gate->closed());
+           !(open.gate && open.gate->gaveUpHeld());
   }
   struct Expired {
     TransportDone done;

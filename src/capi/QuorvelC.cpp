@@ -75,7 +75,6 @@ void CallGate::close(std::chrono::milliseconds bound) {
   ReleaseHold released;  // let go outside the lock
   std::unique_lock lock(mutex_);
   closed_ = true;
-  closedNow_ = true;
   released = std::move(release_);
   // The closing thread's own send would never end while it waits.
   const int own = HostCallScope::inside(this, HostCallScope::Kind::send) ? 1 : 0;
@@ -379,6 +378,7 @@ void quorvel_tracker_destroy(quorvel_tracker* tracker) {
   if (!quorvel::capi::insideHostCall(*tracker)) {
     tracker->calls.closeAndWait();
     tracker->transport->close(kTransportCallBound);
+    tracker->transport->giveUpHeld();
     delete tracker;  // NOLINT(cppcoreguidelines-owning-memory): the host's handle ends here
     return;
   }
@@ -392,6 +392,7 @@ void quorvel_tracker_destroy(quorvel_tracker* tracker) {
       tracker->log->close();
       tracker->calls.closeAndWait();  // the call this destroy came from among them
       tracker->transport->close(kTransportCallBound);
+      tracker->transport->giveUpHeld();
       delete tracker;  // NOLINT(cppcoreguidelines-owning-memory)
     }).detach();
   } catch (...) {
