@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -55,13 +56,20 @@ std::size_t structSize(Input& in, std::size_t right) {
   }
 }
 
-// The answer the host's transport gives, picked by the input.
+// The answer the host's transport gives, picked by the input. Read on the library's send
+// threads while the input changes it: under a lock, copied.
 struct Answers {
   int status = 200;
   bool fail = false;
   std::string body = "{}";
 };
+std::mutex answersMutex;
 Answers answers;
+
+Answers currentAnswers() {
+  const std::lock_guard lock(answersMutex);
+  return answers;
+}
 
 void send(void* /*userData*/, const quorvel_transport_request* request,
           quorvel_transport_reply* reply) {
@@ -71,13 +79,14 @@ void send(void* /*userData*/, const quorvel_transport_request* request,
     sum = sum + static_cast<std::uint8_t>(request->url[i]);
   for (std::size_t i = 0; i < request->body_length; ++i)
     sum = sum + request->body[i];
-  if (answers.fail) {
+  const Answers answer = currentAnswers();
+  if (answer.fail) {
     quorvel_transport_fail(reply, -1009, "offline", 7);
     return;
   }
-  quorvel_transport_respond(reply, answers.status, "Content-Type: application/json\r\n", 32,
-                            reinterpret_cast<const std::uint8_t*>(answers.body.data()),
-                            answers.body.size());
+  quorvel_transport_respond(reply, answer.status, "Content-Type: application/json\r\n", 32,
+                            reinterpret_cast<const std::uint8_t*>(answer.body.data()),
+                            answer.body.size());
 }
 
 void readJson(void* /*userData*/, const char* json, std::size_t length) {
@@ -202,9 +211,11 @@ void stats(quorvel_tracker* t, Input& in) {
 void answerWith(Input& in) {
   constexpr int kStatuses[] = {200, 200, 400, 429, 500, 0};
   const std::uint8_t pick = in.byte();
+  std::string body = in.text();
+  const std::lock_guard lock(answersMutex);
   answers.status = kStatuses[pick % 6];
   answers.fail = pick % 7 == 0;
-  answers.body = in.text();
+  answers.body = std::move(body);
 }
 
 // One call on the tracker (null when the input destroyed it and made none since).
