@@ -13,12 +13,19 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
-# Only what the session runs, optimised: the library and the two tools.
-jobs="$(nproc 2>/dev/null || echo 2)"
-cmake --preset release -DQUORVEL_BUILD_TESTS=OFF -DQUORVEL_BUILD_BENCHMARKS=OFF >/dev/null
-cmake --build --preset release --parallel "$jobs" --target quorvel-demo quorvel-devserver
-
-bin=./build/release/tools
+# Only what the session runs, optimised: the library and the two tools. QUORVEL_DEMO_BUILD names
+# an optimised build tree that already holds them (the test command's shared build): the demo
+# runs from it and builds nothing.
+if [ -n "${QUORVEL_DEMO_BUILD:-}" ]; then
+  bin="$QUORVEL_DEMO_BUILD/tools"
+  [ -x "$bin/demo/quorvel-demo" ] && [ -x "$bin/devserver/quorvel-devserver" ] ||
+    { echo "demo: no quorvel-demo and quorvel-devserver built in $QUORVEL_DEMO_BUILD"; exit 1; }
+else
+  jobs="$(nproc 2>/dev/null || echo 2)"
+  cmake --preset release -DQUORVEL_BUILD_TESTS=OFF -DQUORVEL_BUILD_BENCHMARKS=OFF >/dev/null
+  cmake --build --preset release --parallel "$jobs" --target quorvel-demo quorvel-devserver
+  bin=./build/release/tools
+fi
 state="${QUORVEL_DEMO_STATE:-$PWD/build/demo-state}"
 rm -rf "$state"
 mkdir -p "$state"
