@@ -107,7 +107,7 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
   // loses what was called and not yet written). A write is one append to a file, so the sync,
   // which moves the appends into the database and flushes it, and the reading of what an
   // earlier process left run on a lane of the pool: they never hold up a write.
-  outboxQueue_ = platform_->dispatcher->makeDiskQueue(kOutboxQueueLabel);
+  outboxQueue_ = platform_->dispatcher->makeIntakeQueue(kOutboxQueueLabel);
   outbox_ = std::make_shared<Outbox>(platform_->outbox, outboxQueue_,
                                      platform_->dispatcher->makeSerialQueue(kOutboxSyncQueueLabel),
                                      platform_->clock, log_, Outbox::Limits{});

@@ -6,11 +6,16 @@ namespace quorvel::platform {
 namespace {
 // A pool thread that found nothing to do for this long ends; the next item starts one.
 constexpr std::chrono::milliseconds kPoolIdleTime{500};
+
+std::string threadNameOf(const std::string& label) {
+  return label.rfind("com.", 0) == 0 ? label.substr(4) : label;
+}
 }  // namespace
 
 // Every queue the library makes is a lane on one pool of two threads, which is also the
 // global queue: two threads between them under load, none when the library is idle. Only
-// the queues that wait for the disk have threads of their own.
+// the queues that wait for the disk have threads of their own; of those, only the one the
+// host's calls go to keeps its thread while idle.
 PosixDispatcher::PosixDispatcher(std::shared_ptr<DispatchQueue> mainQueue)
     : pool_(std::make_shared<ThreadQueue>("com.quorvel.pool", 2, "quorvel.pool", kPoolIdleTime)),
       main_(mainQueue ? std::move(mainQueue) : std::make_shared<LaneQueue>("quorvel.main", pool_)) {
@@ -23,8 +28,16 @@ std::shared_ptr<DispatchQueue> PosixDispatcher::makeSerialQueue(std::string labe
 // A thread of its own, which also ends when idle: a lane waiting for the disk would hold one
 // of the pool's two threads, and a burst's reports would reach the disk late.
 std::shared_ptr<DispatchQueue> PosixDispatcher::makeDiskQueue(std::string label) {
-  const std::string name = label.rfind("com.", 0) == 0 ? label.substr(4) : label;
+  const std::string name = threadNameOf(label);
   return std::make_shared<ThreadQueue>(std::move(label), 1, name, kPoolIdleTime);
+}
+
+// Its thread never ends by itself: started by a host's call after an idle time, it cost that
+// call a quarter of a millisecond (the thread's start, its name, and its first turn on the
+// caller's core). Parked, it wakes for nothing while the library is idle.
+std::shared_ptr<DispatchQueue> PosixDispatcher::makeIntakeQueue(std::string label) {
+  const std::string name = threadNameOf(label);
+  return std::make_shared<ThreadQueue>(std::move(label), 1, name);
 }
 
 }  // namespace quorvel::platform
