@@ -4,8 +4,9 @@
 // that creating the tracker and one launch add, the burst's peak memory, and the CPU spent
 // and memory held after the burst drained.
 //
-//   quorvel_cost [--idle SECONDS] [--calls N] [--gap-ms MS] [--events N] [--after SECONDS]
-//                [--bound SECONDS] [--devserver PATH] [--quick] [--help]
+//   quorvel_cost [--idle SECONDS] [--calls N] [--gap-ms MS] [--spaced N] [--spaced-gap-ms MS]
+//                [--events N] [--after SECONDS] [--bound SECONDS] [--devserver PATH] [--quick]
+//                [--help]
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -40,17 +41,22 @@ constexpr const char* kUsage =
     "  --idle SECONDS     idle time before the lone calls (10)\n"
     "  --calls N          lone trackEvent calls (100)\n"
     "  --gap-ms MS        time between two lone calls (50)\n"
+    "  --spaced N         lone calls each after the library went idle again (5)\n"
+    "  --spaced-gap-ms MS time before each of those (2000)\n"
     "  --events N         calls in the burst (10000)\n"
     "  --after SECONDS    time watched after the burst drained (10)\n"
     "  --bound SECONDS    longest wait for the burst's delivery (300)\n"
     "  --devserver PATH   the emulator to run (the one built with this benchmark)\n"
-    "  --quick            a smoke run: --idle 1 --calls 10 --gap-ms 20 --events 300 --after 2\n"
+    "  --quick            a smoke run: --idle 1 --calls 10 --gap-ms 20 --spaced 1 --events 300\n"
+    "                     --after 2\n"
     "  --help             this text\n";
 
 struct Options {
   int idleSeconds = 10;
   int calls = 100;
   int gapMs = 50;
+  int spaced = 5;
+  int spacedGapMs = 2000;
   int events = 10'000;
   int afterSeconds = 10;
   int boundSeconds = 300;
@@ -67,6 +73,7 @@ std::optional<Options> parse(int argc, char** argv) {
       o.idleSeconds = 1;
       o.calls = 10;
       o.gapMs = 20;
+      o.spaced = 1;
       o.events = 300;
       o.afterSeconds = 2;
       continue;
@@ -80,6 +87,10 @@ std::optional<Options> parse(int argc, char** argv) {
       o.calls = std::stoi(value);
     else if (flag == "--gap-ms")
       o.gapMs = std::stoi(value);
+    else if (flag == "--spaced")
+      o.spaced = std::stoi(value);
+    else if (flag == "--spaced-gap-ms")
+      o.spacedGapMs = std::stoi(value);
     else if (flag == "--events")
       o.events = std::stoi(value);
     else if (flag == "--after")
@@ -91,7 +102,8 @@ std::optional<Options> parse(int argc, char** argv) {
     else
       return std::nullopt;
   }
-  if (o.calls < 1 || o.events < 0 || o.idleSeconds < 0 || o.afterSeconds < 1 || o.gapMs < 0)
+  if (o.calls < 1 || o.events < 0 || o.idleSeconds < 0 || o.afterSeconds < 1 || o.gapMs < 0 ||
+      o.spaced < 0 || o.spacedGapMs < 0)
     return std::nullopt;
   return o;
 }
@@ -171,6 +183,20 @@ struct Lone {
   long idleThreads = 0;
   LibraryUse calls;  // from the first call to a gap after the last
 };
+
+// Each call after the library's threads went idle again (the intake stops watching 1 s after
+// the last call): what a host that reports now and then pays.
+std::vector<double> spacedCalls(const Options& o, quorvel::QuorvelTracker& tracker) {
+  std::vector<double> ns;
+  const std::optional<std::string> value;
+  for (int i = 0; i < o.spaced; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(o.spacedGapMs));
+    const auto before = Clock::now();
+    tracker.trackEvent("spaced_event", value);
+    ns.push_back(std::chrono::duration<double, std::nano>(Clock::now() - before).count());
+  }
+  return ns;
+}
 
 Lone loneCalls(const Options& o, quorvel::QuorvelTracker& tracker) {
   Lone lone;
@@ -260,8 +286,9 @@ int run(const Options& o, const fs::path& root) {
   const long rssLaunched = statusKiB("VmRSS");
 
   const Lone lone = loneCalls(o, tracker);
-  const long long afterLone =
-      awaitDelivered(server, 1 + o.calls, Clock::now() + std::chrono::seconds(o.boundSeconds));
+  const std::vector<double> spaced = spacedCalls(o, tracker);
+  const long long afterLone = awaitDelivered(server, 1 + o.calls + o.spaced,
+                                             Clock::now() + std::chrono::seconds(o.boundSeconds));
   const Burst b = burst(o, tracker, server, afterLone);
 
   // After the burst drained: the library's CPU second by second.
@@ -296,7 +323,10 @@ int run(const Options& o, const fs::path& root) {
       "  library wake-ups per lone call          %.2f (CPU %.1f us per call); %lld of %d "
       "delivered\n",
       static_cast<double>(lone.calls.switches) / o.calls, lone.calls.cpu * 1e6 / o.calls,
-      afterLone - 1, o.calls);
+      afterLone - 1 - o.spaced, o.calls);
+  if (o.spaced > 0)
+    std::printf("  trackEvent after %d ms idle (%d calls)  median %.0f ns, max %.0f ns\n",
+                o.spacedGapMs, o.spaced, percentile(spaced, 0.5), percentile(spaced, 1.0));
   if (o.events > 0) {
     std::printf("  burst of %d: delivered                %lld in %.2f s, %.0f events/s\n", o.events,
                 b.arrived, b.seconds, static_cast<double>(b.arrived) / b.seconds);
@@ -322,7 +352,7 @@ int run(const Options& o, const fs::path& root) {
   std::printf("  RSS %d s after the drain                 %.1f MB\n", o.afterSeconds,
               static_cast<double>(rssDrained) / 1024.0);
   std::fflush(stdout);
-  return b.arrived == o.events && afterLone == 1 + o.calls ? 0 : 1;
+  return b.arrived == o.events && afterLone == 1 + o.calls + o.spaced ? 0 : 1;
 }
 
 }  // namespace
