@@ -321,9 +321,9 @@ int run(const Options& o, const fs::path& root) {
       percentile(lone.ns, 1.0));
   std::printf(
       "  library wake-ups per lone call          %.2f (CPU %.1f us per call); %lld of %d "
-      "delivered\n",
+      "lone and spaced calls delivered\n",
       static_cast<double>(lone.calls.switches) / o.calls, lone.calls.cpu * 1e6 / o.calls,
-      afterLone - 1 - o.spaced, o.calls);
+      afterLone - 1, o.calls + o.spaced);
   if (o.spaced > 0)
     std::printf("  trackEvent after %d ms idle (%d calls)  median %.0f ns, max %.0f ns\n",
                 o.spacedGapMs, o.spaced, percentile(spaced, 0.5), percentile(spaced, 1.0));

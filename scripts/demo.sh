@@ -14,7 +14,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 # Only what the session runs, optimised: the library and the two tools. QUORVEL_DEMO_BUILD names
-# an optimised build tree that already holds them (the test command's shared build): the demo
+# an optimised build tree that already holds them (the test command's static one): the demo
 # runs from it and builds nothing.
 if [ -n "${QUORVEL_DEMO_BUILD:-}" ]; then
   bin="$QUORVEL_DEMO_BUILD/tools"

@@ -16,19 +16,18 @@ jobs="$(nproc 2>/dev/null || echo 2)"
 step() { echo "=== $1 (at ${SECONDS}s)"; }
 # The total, also when a step fails.
 trap 'echo "=== scripts/test.sh: $([ $? = 0 ] && echo passed || echo FAILED) after ${SECONDS}s"' EXIT
-# The shared configuration without a preset, as the README offers it, optimised with debug
-# information: built once, first, because five steps use it: the plain preset's package test
-# installs it, the Python tests run on it, the build without libcurl borrows its emulator, the
-# ABI check reads its library and the demo runs its tools (QUORVEL_TEST_CONFIGURATIONS=0 skips
-# it). It is the one build that compiles file by file, so that a missing include in the library
-# or the tools shows, and the one optimised build, so that the warnings only an optimiser
-# finds show too; it builds what it installs and what those steps run, not the tests, which
+# The shared configuration without a preset, as the README offers it, with its defaults plus
+# debug information: built once, first, because four steps use it: the plain preset's package
+# test installs it, the Python tests run on it, the build without libcurl borrows its
+# emulator, and the ABI check reads its library (QUORVEL_TEST_CONFIGURATIONS=0 skips it).
+# It is the one build that compiles file by file, so that a missing include in the library or
+# the tools shows; it builds what it installs and what those steps run, not the tests, which
 # every other build compiles in unity batches (they took half its time and were never run).
 shared=build/plain-shared-ON
 if [ "$configurations" != 0 ]; then
-  step "configure and build without a preset, BUILD_SHARED_LIBS=ON, optimised, what it installs"
+  step "configure and build without a preset, BUILD_SHARED_LIBS=ON, what it installs"
   cmake -S . -B "$shared" -G Ninja -DBUILD_SHARED_LIBS=ON -DQUORVEL_WERROR=ON \
-    -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+    -DCMAKE_CXX_FLAGS=-g >/dev/null
   cmake --build "$shared" --parallel "$jobs" \
     --target quorvel quorvel_testing quorvel-demo quorvel-devserver >/dev/null
   export QUORVEL_PACKAGE_SHARED_TREE="$PWD/$shared"
@@ -52,14 +51,17 @@ for preset in $presets; do
   fi
 done
 if [ "$configurations" != 0 ]; then
-  # The static configuration without a preset: that it configures with its defaults and builds
-  # the library and links the tools statically. Its tests would repeat the presets' builds,
-  # which compile and link every test statically already (each preset is this configuration
-  # with options on top); the shared one compiled the library and the tools file by file.
-  step "configure and build without a preset, BUILD_SHARED_LIBS=OFF, the library and the tools"
-  cmake -S . -B build/plain-shared-OFF -G Ninja -DBUILD_SHARED_LIBS=OFF \
-    -DQUORVEL_WERROR=ON -DCMAKE_UNITY_BUILD=ON >/dev/null
-  cmake --build build/plain-shared-OFF --parallel "$jobs" \
+  # The static configuration without a preset, optimised in unity batches: the library and the
+  # tools compiled as the README's first command compiles them (the release preset is this
+  # with options that do not reach them), so that the warnings only an optimiser finds show,
+  # and the demo below runs from it. Its tests would repeat the presets' builds, which compile
+  # and link every test statically already; the shared one compiled the library and the tools
+  # file by file.
+  static=build/plain-shared-OFF
+  step "configure and build without a preset, BUILD_SHARED_LIBS=OFF, optimised, library and tools"
+  cmake -S . -B "$static" -G Ninja -DBUILD_SHARED_LIBS=OFF -DQUORVEL_WERROR=ON \
+    -DCMAKE_UNITY_BUILD=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+  cmake --build "$static" --parallel "$jobs" \
     --target quorvel quorvel_testing quorvel-demo quorvel-devserver >/dev/null
   step "Python package: installed into a virtual environment, tested against the shared build"
   bash scripts/python-test.sh "$shared"
@@ -82,13 +84,13 @@ if [ "$configurations" != 0 ]; then
 else
   bash scripts/abi-check.sh
 fi
-# The README's first command: the demo against the emulator, from the optimised shared build
-# above (its own release build would only repeat that one's warnings: the preset is configured
-# here, not built again); whole, build included, when that build was skipped.
+# The README's first command: the demo against the emulator, from the optimised static build
+# above (its own release build would compile the same again: the preset is configured here,
+# not built); whole, build included, when that build was skipped.
 if [ "$configurations" != 0 ]; then
-  step "the main job: scripts/demo.sh (the shared build's tools, the demo against the emulator)"
+  step "the main job: scripts/demo.sh (the optimised static build's tools, against the emulator)"
   cmake --preset release -DQUORVEL_BUILD_TESTS=OFF -DQUORVEL_BUILD_BENCHMARKS=OFF >/dev/null
-  QUORVEL_DEMO_BUILD="$shared" bash scripts/demo.sh >build/demo.log 2>&1 ||
+  QUORVEL_DEMO_BUILD="$static" bash scripts/demo.sh >build/demo.log 2>&1 ||
     { tail -40 build/demo.log; exit 1; }
 else
   step "the main job: scripts/demo.sh (release build, the demo against the emulator)"
