@@ -35,8 +35,9 @@ inline double backoffRandom() {
   return std::uniform_real_distribution<double>(0.0, 1.0)(generator);
 }
 
-// A service's answer asked for another try: from 2 s up to a quarter hour, full jitter.
-inline constexpr Backoff kRetryBackoff{std::chrono::seconds(2), std::chrono::minutes(15), 0.0};
+// A service's answer asked for another try: from 2 s up to a quarter hour, nearly full jitter.
+// At least 1 % of the ceiling: a draw near 0 sent the copy back the moment it failed.
+inline constexpr Backoff kRetryBackoff{std::chrono::seconds(2), std::chrono::minutes(15), 0.01};
 // Another process holds the data directory: it may be the one before this, still finishing
 // its exit, so the first tries come within seconds; one that stays is looked at no more often
 // than once a minute.
