@@ -13,6 +13,7 @@
 #include "net/QuorvelHTTPClient.h"
 #include "net/ReportLedger.h"
 #include "platform/ConsentedStores.h"
+#include "platform/IntakeQueue.h"
 #include "platform/SystemClock.h"
 #include "platform/posix/SqliteOutboxStore.h"
 #include "tracker/InstallEpoch.h"
@@ -25,7 +26,6 @@ namespace quorvel {
 namespace {
 
 constexpr const char* kSerialQueueLabel = "com.quorvel.serial";
-constexpr const char* kOutboxQueueLabel = "com.quorvel.outbox";
 constexpr const char* kOutboxSyncQueueLabel = "com.quorvel.outbox.sync";
 
 std::optional<std::string> stringEntry(const Json& dictionary, const char* key) {
@@ -107,7 +107,7 @@ TrackerCore::TrackerCore(std::shared_ptr<const Platform> platform,
   // loses what was called and not yet written). A write is one append to a file, so the sync,
   // which moves the appends into the database and flushes it, and the reading of what an
   // earlier process left run on a lane of the pool: they never hold up a write.
-  outboxQueue_ = platform_->dispatcher->makeIntakeQueue(kOutboxQueueLabel);
+  outboxQueue_ = platform_->dispatcher->makeDiskQueue(platform::kIntakeQueueLabel);
   outbox_ = std::make_shared<Outbox>(platform_->outbox, outboxQueue_,
                                      platform_->dispatcher->makeSerialQueue(kOutboxSyncQueueLabel),
                                      platform_->clock, log_, Outbox::Limits{});

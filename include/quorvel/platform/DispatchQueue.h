@@ -52,12 +52,6 @@ class Dispatcher {
   virtual std::shared_ptr<DispatchQueue> makeDiskQueue(std::string label) {
     return makeSerialQueue(std::move(label));
   }
-  // A disk queue that the host's own calls hand work to: where queues start threads when work
-  // comes, its thread stays, parked, while it is idle, so that a host's call never pays for
-  // starting one.
-  virtual std::shared_ptr<DispatchQueue> makeIntakeQueue(std::string label) {
-    return makeDiskQueue(std::move(label));
-  }
   // The main queue: where delegate callbacks go. Serial.
   virtual std::shared_ptr<DispatchQueue> mainQueue() = 0;
   // The global concurrent queue of default priority.

@@ -1,3 +1,4 @@
+#include "platform/IntakeQueue.h"
 #include "platform/posix/LaneQueue.h"
 #include "platform/posix/PosixServices.h"
 #include "platform/posix/ThreadQueue.h"
@@ -25,19 +26,17 @@ std::shared_ptr<DispatchQueue> PosixDispatcher::makeSerialQueue(std::string labe
   return std::make_shared<LaneQueue>(std::move(label), pool_);
 }
 
-// A thread of its own, which also ends when idle: a lane waiting for the disk would hold one
-// of the pool's two threads, and a burst's reports would reach the disk late.
+// A thread of its own: a lane waiting for the disk would hold one of the pool's two threads,
+// and a burst's reports would reach the disk late. It ends when idle, but for the intake's
+// (the queue the host's calls go to): started by a host's call after an idle time, it cost
+// that call a quarter of a millisecond (the thread's start, its name, its first turn on the
+// caller's core); parked, it costs a wake.
 std::shared_ptr<DispatchQueue> PosixDispatcher::makeDiskQueue(std::string label) {
+  std::optional<std::chrono::milliseconds> idleEnd = kPoolIdleTime;
+  if (label == kIntakeQueueLabel)
+    idleEnd.reset();
   const std::string name = threadNameOf(label);
-  return std::make_shared<ThreadQueue>(std::move(label), 1, name, kPoolIdleTime);
-}
-
-// Its thread never ends by itself: started by a host's call after an idle time, it cost that
-// call a quarter of a millisecond (the thread's start, its name, and its first turn on the
-// caller's core). Parked, it wakes for nothing while the library is idle.
-std::shared_ptr<DispatchQueue> PosixDispatcher::makeIntakeQueue(std::string label) {
-  const std::string name = threadNameOf(label);
-  return std::make_shared<ThreadQueue>(std::move(label), 1, name);
+  return std::make_shared<ThreadQueue>(std::move(label), 1, name, idleEnd);
 }
 
 }  // namespace quorvel::platform

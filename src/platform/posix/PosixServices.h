@@ -25,7 +25,6 @@ class PosixDispatcher final : public Dispatcher {
   explicit PosixDispatcher(std::shared_ptr<DispatchQueue> mainQueue = nullptr);
   std::shared_ptr<DispatchQueue> makeSerialQueue(std::string label) override;
   std::shared_ptr<DispatchQueue> makeDiskQueue(std::string label) override;
-  std::shared_ptr<DispatchQueue> makeIntakeQueue(std::string label) override;
   std::shared_ptr<DispatchQueue> mainQueue() override { return main_; }
   std::shared_ptr<DispatchQueue> globalQueue() override { return pool_; }
 
