@@ -54,8 +54,13 @@ TEST_P(SerialQueues, RunOneItemAtATimeInOrder) {
   std::atomic<int> running{0};
   std::atomic<bool> overlapped{false};
   std::promise<void> done;
+  std::promise<void> neighbourDone;  // its items read this frame too: wait for them all
   for (int i = 0; i < 500; ++i) {
-    neighbour->async([&] { overlapped = overlapped || queue->isCurrent(); });
+    neighbour->async([&, i] {
+      overlapped = overlapped || queue->isCurrent();
+      if (i == 499)
+        neighbourDone.set_value();
+    });
     queue->async([&, i] {
       if (running.fetch_add(1) != 0 || !queue->isCurrent())
         overlapped = true;
@@ -66,6 +71,7 @@ TEST_P(SerialQueues, RunOneItemAtATimeInOrder) {
     });
   }
   ASSERT_EQ(done.get_future().wait_for(10s), std::future_status::ready);
+  ASSERT_EQ(neighbourDone.get_future().wait_for(10s), std::future_status::ready);
   EXPECT_FALSE(overlapped);
   EXPECT_FALSE(queue->isCurrent());
   ASSERT_EQ(seen.size(), 500U);
