@@ -13,8 +13,14 @@ if [ "${#targets[@]}" -eq 0 ]; then
   targets=(service_answers cache_reader preferences_reader url_and_links log_format devserver_request
     c_api_calls)
 fi
-cmake --preset fuzz >/dev/null
-cmake --build build/fuzz --parallel "$(nproc 2>/dev/null || echo 2)" \
+# QUORVEL_FUZZ_BUILD names a clang tree configured with QUORVEL_BUILD_FUZZERS to build the
+# targets in (the asan-ubsan preset's is one, which the test command reuses); by default the
+# fuzz preset's, optimised, for long runs. Corpora, crashes and logs go to build/fuzz either way.
+tree="${QUORVEL_FUZZ_BUILD:-build/fuzz}"
+if [ -z "${QUORVEL_FUZZ_BUILD:-}" ]; then
+  cmake --preset fuzz >/dev/null
+fi
+cmake --build "$tree" --parallel "$(nproc 2>/dev/null || echo 2)" \
   --target $(printf 'quorvel_fuzz_%s ' "${targets[@]}")
 # One target per core at a time: each fuzzer runs on one thread, so this halves the wall time
 # on two cores and gives every target its full time.
@@ -30,7 +36,7 @@ run_target() {
   local leaks=1
   case "$target" in service_answers | devserver_request) leaks=0 ;; esac
   echo "=== fuzz $target for ${seconds}s"
-  if ! build/fuzz/fuzz/quorvel_fuzz_"$target" -max_total_time="$seconds" -print_final_stats=1 \
+  if ! "$tree"/fuzz/quorvel_fuzz_"$target" -max_total_time="$seconds" -print_final_stats=1 \
       -detect_leaks="$leaks" -rss_limit_mb=2048 -artifact_prefix="$crashes/" \
       "$corpus" "fuzz/corpus/$target" \
       2> "build/fuzz/$target.log"; then

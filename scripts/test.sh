@@ -99,6 +99,11 @@ fi
 # Each fuzz target for a bounded time (QUORVEL_FUZZ_SECONDS=0 skips it).
 fuzz_seconds="${QUORVEL_FUZZ_SECONDS:-30}"
 if [ "$fuzz_seconds" -gt 0 ]; then
-  step "fuzz: build, then ${fuzz_seconds}s per target, one per core at a time"
+  # The asan-ubsan preset is a clang build with the fuzz targets (its library at -O1): when it
+  # ran, its targets are fuzzed rather than compiled a second time in the fuzz preset's tree.
+  case " $presets " in
+    *" asan-ubsan "*) export QUORVEL_FUZZ_BUILD=build/asan-ubsan ;;
+  esac
+  step "fuzz: ${QUORVEL_FUZZ_BUILD:-build/fuzz}'s targets, ${fuzz_seconds}s each, one per core at a time"
   bash scripts/fuzz.sh "$fuzz_seconds"
 fi
