@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the project needs: to build the library and its tools (the
 # main job), and with --tests also what the test command uses (GoogleTest, Google Benchmark,
-# clang for the fuzzers, Chromium for the inspector's test, the format and lint tools,
-# abigail-tools for the C API's ABI check, Python and pytest for the Python package's tests).
+# clang for the sanitizer builds and the fuzzers, Chromium for the inspector's test, the
+# format and lint tools, abigail-tools for the C API's ABI check, Python and pytest for the
+# Python package's tests).
 # Idempotent; needs root (or sudo).
 set -euo pipefail
 
