@@ -96,19 +96,22 @@ void ThreadQueue::State::enqueue(const std::shared_ptr<State>& self, SteadyTime 
   if (!work)
     return;
   try {
-    bool earliest = false;
+    // Held across the wake when there is one: the item may run, drop the last reference to
+    // its own queue and end its thread before this call reaches `wake`.
+    std::shared_ptr<State> waking;
     {
       std::lock_guard lock(mutex);
       if (stopping)
         return;
-      earliest = items.push(due, std::move(work));
+      if (items.push(due, std::move(work)))
+        waking = self;
       startThreadIfNeededLocked(self);
     }
     // A thread that waits does so for the earliest item, or for any when there is none:
     // only a new earliest item changes what it waits for. Waking it for every item made a
     // burst of host calls pay a system call each.
-    if (earliest)
-      wake.notify_one();
+    if (waking)
+      waking->wake.notify_one();
   } catch (...) {
     // Out of memory: the item is lost, the caller is never disturbed.
   }
