@@ -19,12 +19,12 @@ TEST(VirtualDispatcher, DelayedWorkRunsInDueOrderAsTimeAdvances) {
   test::VirtualDispatcher dispatcher(clock);
   auto serial = dispatcher.makeSerialQueue("com.quorvel.serial");
   std::vector<std::string> order;
-  serial->asyncAfter(250ms, [&] { order.push_back("launch"); });
-  dispatcher.mainQueue()->asyncAfter(1ms, [&] { order.push_back("event"); });
-  serial->asyncAfter(100ms, [&] { order.push_back("values"); });
+  serial->asyncAfter(250ms, [&] { order.emplace_back("launch"); });
+  dispatcher.mainQueue()->asyncAfter(1ms, [&] { order.emplace_back("event"); });
+  serial->asyncAfter(100ms, [&] { order.emplace_back("values"); });
   serial->async([&] {
-    order.push_back(serial->isCurrent() && !dispatcher.mainQueue()->isCurrent() ? "now" : "?");
-    serial->asyncAfter(0ms, [&] { order.push_back("queued-by-work"); });
+    order.emplace_back(serial->isCurrent() && !dispatcher.mainQueue()->isCurrent() ? "now" : "?");
+    serial->asyncAfter(0ms, [&] { order.emplace_back("queued-by-work"); });
   });
   EXPECT_EQ(dispatcher.runUntilIdle(), 2U);
   EXPECT_EQ(order, (std::vector<std::string>{"now", "queued-by-work"}));
@@ -106,11 +106,11 @@ TEST(ThreadQueue, DelayedItemsWaitThrowingWorkIsSurvivedAndDestructionDropsPendi
   {
     ThreadQueue queue("q", 1);
     queue.asyncAfter(200ms, [&] {
-      order.push_back("delayed");
+      order.emplace_back("delayed");
       done.set_value();
     });
     queue.async([] { throw std::runtime_error("boom"); });
-    queue.async([&] { order.push_back("immediate"); });
+    queue.async([&] { order.emplace_back("immediate"); });
     ASSERT_EQ(done.get_future().wait_for(10s), std::future_status::ready);
     queue.asyncAfter(1h, [] { ADD_FAILURE() << "pending work must be dropped"; });
   }

@@ -117,7 +117,7 @@ void ThreadQueue::State::enqueue(const std::shared_ptr<State>& self, SteadyTime 
   }
 }
 
-ThreadQueue::ThreadQueue(std::string label, unsigned threadCount, std::string threadName,
+ThreadQueue::ThreadQueue(std::string label, unsigned threadCount, const std::string& threadName,
                          std::optional<std::chrono::milliseconds> idleTime)
     : label_(std::move(label)),
       state_(std::make_shared<State>((threadName.empty() ? label_ : threadName).substr(0, 15),

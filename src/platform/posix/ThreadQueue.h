@@ -18,7 +18,7 @@ namespace quorvel::platform {
 class ThreadQueue final : public DispatchQueue {
  public:
   // Threads are named `threadName` (the label when empty), cut to 15 characters.
-  ThreadQueue(std::string label, unsigned threadCount, std::string threadName = {},
+  ThreadQueue(std::string label, unsigned threadCount, const std::string& threadName = {},
               std::optional<std::chrono::milliseconds> idleTime = std::nullopt);
   // Stops the threads; items not yet started are dropped. May run on one of the queue's own
   // threads (when an item lets go of the last reference): that thread finishes its item and
