@@ -1,12 +1,13 @@
 #include "platform/posix/IdleMemory.h"
 
-#if defined(__GLIBC__)
-#include <malloc.h>
-#endif
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
+// After the C library's own headers, which define __GLIBC__ where malloc_trim exists.
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
 
 namespace quorvel::platform {
 namespace {

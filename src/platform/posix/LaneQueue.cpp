@@ -57,15 +57,20 @@ void LaneQueue::State::enqueue(SteadyTime due, Work work) noexcept {
     return;
   try {
     std::optional<std::chrono::nanoseconds> ask;
+    // Held while the turn is asked for: a turn asked earlier may run the item meanwhile, and
+    // the item may drop the last reference to its own lane.
+    std::shared_ptr<State> asking;
     {
       const std::lock_guard lock(mutex);
       if (stopping)
         return;
       items.push(due, std::move(work));
       ask = claimTurnLocked(due);
+      if (ask)
+        asking = shared_from_this();
     }
-    if (ask)
-      askForTurn(*ask);
+    if (asking)
+      asking->askForTurn(*ask);
   } catch (...) {
     // Out of memory: the item is lost, the caller is never disturbed.
   }
