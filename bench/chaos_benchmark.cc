@@ -50,6 +50,8 @@ library's deliveryStats() disagree with the emulator after a normal exit.
   --exit-flush MS        the exit flush of normally exiting hosts (300)
   --margin-ms MS         an answer's transit back to the host (20)
   --bound SECONDS        the whole run's bound; lives stop at two thirds of it (300)
+  --drain-idle SECONDS   the clean start gives up after this long without an arrival (20);
+                         an event lost in a kill's window is waited for that long
   --seed N               (1)
   --devserver PATH       the emulator's binary
   --strict 1             exit 1 on a loss (beyond overwritten stores), an avoidable repeat,
@@ -65,6 +67,7 @@ struct Options {
   quorvel::chaos::LifeSettings life;
   double marginMs = 20;
   int boundSeconds = 300;
+  int drainIdleSeconds = 20;
   unsigned seed = 1;
   bool strict = false;
   std::string devserver = QUORVEL_DEVSERVER_BIN;
@@ -115,6 +118,8 @@ Options parse(int argc, char** argv) {
       o.marginMs = std::stod(value);
     else if (flag == "--bound")
       o.boundSeconds = std::stoi(value);
+    else if (flag == "--drain-idle")
+      o.drainIdleSeconds = std::max(1, std::stoi(value));
     else if (flag == "--seed")
       o.seed = static_cast<unsigned>(std::stoul(value));
     else if (flag == "--devserver")
@@ -156,7 +161,8 @@ int runHarness(const Options& o, const fs::path& root) {
   const auto left =
       std::chrono::seconds(o.boundSeconds) -
       std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started);
-  lives.drain(expected, std::max(left, std::chrono::seconds(20)), std::chrono::seconds(20));
+  const std::chrono::seconds drainIdle(o.drainIdleSeconds);
+  lives.drain(expected, std::max(left, drainIdle), drainIdle);
   const int workersLeft = lives.stopWorkers();
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();

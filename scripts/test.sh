@@ -23,11 +23,14 @@ trap 'echo "=== scripts/test.sh: $([ $? = 0 ] && echo passed || echo FAILED) aft
 # It is the one build that compiles file by file, so that a missing include in the library or
 # the tools shows; it builds what it installs and what those steps run, not the tests, which
 # every other build compiles in unity batches (they took half its time and were never run).
+# Clang compiles it, in half GCC's time file by file; GCC compiles the library and the tools
+# in the dev preset and, optimised, in the static configuration below, so both compilers'
+# warnings still fail the command. The C API's baseline reads the same from either compiler.
 shared=build/plain-shared-ON
 if [ "$configurations" != 0 ]; then
-  step "configure and build without a preset, BUILD_SHARED_LIBS=ON, what it installs"
-  cmake -S . -B "$shared" -G Ninja -DBUILD_SHARED_LIBS=ON -DQUORVEL_WERROR=ON \
-    -DCMAKE_CXX_FLAGS=-g >/dev/null
+  step "configure and build without a preset, BUILD_SHARED_LIBS=ON, what it installs (clang)"
+  CC=clang CXX=clang++ cmake -S . -B "$shared" -G Ninja -DBUILD_SHARED_LIBS=ON \
+    -DQUORVEL_WERROR=ON -DCMAKE_CXX_FLAGS=-g >/dev/null
   cmake --build "$shared" --parallel "$jobs" \
     --target quorvel quorvel_testing quorvel-demo quorvel-devserver >/dev/null
   export QUORVEL_PACKAGE_SHARED_TREE="$PWD/$shared"
@@ -44,7 +47,8 @@ for preset in $presets; do
     build/dev/bench/quorvel_benchmark --benchmark_min_time=0.001 >/dev/null 2>&1
     build/dev/bench/quorvel_burst --events 300 --emulator-requests 300 --bound 120 --idle 1
     build/dev/bench/quorvel_cost --quick --bound 120
-    build/dev/bench/quorvel_chaos --kills 8 --bound 60 --disk-full-trials 2
+    # An event lost in a kill's window is waited for 4 s, not the measuring runs' 20.
+    build/dev/bench/quorvel_chaos --kills 8 --bound 60 --disk-full-trials 2 --drain-idle 4
     build/dev/bench/quorvel_consent --runs 1 --pair-trials 2
     build/dev/bench/quorvel_storage_faults >/dev/null
     build/dev/bench/quorvel_salvage 20 1 >/dev/null
