@@ -1,4 +1,5 @@
-// In-app events: the public calls only schedule; the dispatch builds and sends.
+// In-app events once the host's call is in the intake (TrackerHostCalls.cpp): the intake's
+// turns hand each call to the schedule of its build, which builds and sends.
 #include "tracker/TrackerCore.h"
 
 #include "common/QuorvelUtils.h"
@@ -6,16 +7,12 @@
 #include "net/QuorvelHTTPClient.h"
 #include "net/ReportLedger.h"
 #include "tracker/TrackerLifetime.h"
-#include "util/HostInput.h"
+#include "util/PercentEscape.h"
 
 #include <algorithm>
 
 namespace quorvel {
 namespace {
-
-bool looksLikeRevenue(const std::optional<std::string>& value) {
-  return value && !value->empty() && value->find_first_not_of("0123456789-.") == std::string::npos;
-}
 
 std::string replaceCommas(const std::string& text) {
   std::string out;
@@ -56,33 +53,6 @@ void scheduleEventBuild(const std::shared_ptr<TrackerLifetime>& self,
 }
 
 }  // namespace
-
-[[gnu::hot]] void TrackerCore::trackEvent(const std::string& hostEventName,
-                                          const std::optional<std::string>& hostValue) {
-  if (looksLikeRevenue(hostValue) && log_->debugWanted()) {
-    log_->log(kLogDebug, "-[QuorvelTracker trackEvent:withValue:]",
-              "Quorvel: numeric value '%@' for event '%@' will be categorized as a revenue event.",
-              hostText(*hostValue), hostText(hostEventName));
-  }
-  takeIntake(IntakeCall(hostEventName, hostValue, callTime()));
-}
-
-void TrackerCore::trackEventWithValues(const std::string& hostEventName,
-                                       const std::optional<Json>& hostValues) {
-  takeIntake(IntakeCall(hostEventName, hostJson(hostValues), callTime()));
-}
-
-[[gnu::hot]] platform::TimePoint TrackerCore::callTime() const noexcept {
-  return systemClock_ ? std::chrono::system_clock::now() : platform_->clock->now();
-}
-
-[[gnu::hot]] void TrackerCore::takeIntake(IntakeCall call) {
-  intake_.push(std::move(call));
-  // While the intake is watched, the push is all: no system call, no wait for the queue.
-  if (intakeWatched_.load() || intakeWatched_.exchange(true))
-    return;
-  scheduleIntakeTurn();
-}
 
 // Taken on the outbox's own thread, which spends microseconds on a batch: the shared pool's
 // threads may be busy building requests or syncing for tens of milliseconds, and a call must

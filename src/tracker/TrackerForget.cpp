@@ -25,7 +25,7 @@
 namespace quorvel {
 namespace {
 
-constexpr const char* kMethod = "-[QuorvelTracker forgetThisInstall]";
+constexpr const char* kForgetMethod = "-[QuorvelTracker forgetThisInstall]";
 constexpr const char* kMarkerName = "QuorvelForgetting";
 constexpr std::size_t kEpochBytes = 16;
 
@@ -108,8 +108,8 @@ bool TrackerCore::forgetThisInstall() {
   // kept for the holder under the old epoch is never taken for the new install's.
   const auto epoch = InstallEpoch::make(*platform_->random);
   if (!epoch || !fs.writeFileAtomically(forgetMarkerPath(), *epoch, &reason)) {
-    log_->log(kLogError, kMethod, "Quorvel cannot forget this install now (%@); nothing changed",
-              reason);
+    log_->log(kLogError, kForgetMethod,
+              "Quorvel cannot forget this install now (%@); nothing changed", reason);
     setStopped(true);  // the stop holds, kept for the next starts, even so
     return false;
   }
@@ -117,9 +117,9 @@ bool TrackerCore::forgetThisInstall() {
   // written after it, still says so once an opt-in here removed the marker.
   forgottenHere_ = true;
   if (!fs.writeFileAtomically(stopMarkerPath(*platform_), Bytes{kForgottenMark}, &reason))
-    log_->log(kLogError, kMethod, "Quorvel could not tell other processes of the forgetting");
+    log_->log(kLogError, kForgetMethod, "Quorvel could not tell other processes of the forgetting");
   if (!installEpoch_->renewTo(*epoch, switchPreferences_.get()))
-    log_->log(kLogError, kMethod, "Quorvel could not mark the install as forgotten");
+    log_->log(kLogError, kForgetMethod, "Quorvel could not mark the install as forgotten");
   return eraseInstall(true);
 }
 
@@ -158,7 +158,8 @@ void TrackerCore::forgetIfForgottenElsewhereLocked() {
   }
   if (!unfinished && !(mark && *mark == Bytes{kForgottenMark}))
     return;
-  log_->log(kLogInfo, kMethod, "Quorvel forgets this install, as another process of the app did");
+  log_->log(kLogInfo, kForgetMethod,
+            "Quorvel forgets this install, as another process of the app did");
   // The process that forgot may have been killed before it renewed the epoch: what it meant
   // to write is written here (the same, if it was only slower than this look).
   if (unfinished)
@@ -169,7 +170,7 @@ void TrackerCore::forgetIfForgottenElsewhereLocked() {
 }
 
 void TrackerCore::forgetOldInstallHeldHere(bool stoppedSince) {
-  log_->log(kLogInfo, kMethod, "%@",
+  log_->log(kLogInfo, kForgetMethod, "%@",
             stoppedSince ? std::string("Quorvel lets go of the install it held: another process "
                                        "forgot it, and it has been stopped since")
                          : std::string("Quorvel lets go of the install it held: another process "
@@ -227,7 +228,7 @@ void TrackerCore::finishForgettingIfStarted() {
     }
     return;
   }
-  log_->log(kLogInfo, kMethod, "Quorvel finishes forgetting this install, cut short before");
+  log_->log(kLogInfo, kForgetMethod, "Quorvel finishes forgetting this install, cut short before");
   // The kill may have come before the stop marker was written: the stop holds, and the other
   // processes forget too.
   fs.writeFileAtomically(stopMarkerPath(*platform_), Bytes{kForgottenMark});
@@ -262,18 +263,18 @@ bool TrackerCore::eraseInstall(bool everyGuestFile) {
   whole = prefs.synchronize() && whole;
   remoteDebugging_.forgetInstall();
   if (!whole) {
-    log_->log(kLogError, kMethod,
+    log_->log(kLogError, kForgetMethod,
               "Quorvel could not remove all of this install's data; the next start tries again");
     return false;
   }
   if (outboxElsewhere) {
-    log_->log(kLogInfo, kMethod,
+    log_->log(kLogInfo, kForgetMethod,
               "Quorvel forgot this install; the process that holds the data directory empties "
               "its outbox once it sees the forgetting, within a second of its next send or write");
     return true;
   }
   platform_->fileSystem->removeFile(forgetMarkerPath());
-  log_->log(kLogInfo, kMethod,
+  log_->log(kLogInfo, kForgetMethod,
             "Quorvel forgot this install; it stays stopped until setStopped(false), and then "
             "starts as a fresh install");
   return true;

@@ -21,7 +21,7 @@
 namespace quorvel {
 namespace {
 
-constexpr const char* kMethod = "-[QuorvelTracker getEventParameters:]";
+constexpr const char* kPayloadMethod = "-[QuorvelTracker getEventParameters:]";
 
 // The advertising-identifier manager's class name, put together at run time so that no
 // literal of it is linked in; once per process.
@@ -104,7 +104,7 @@ QuorvelDictionary TrackerCore::getEventParameters(bool isLaunch) {
   // 4-6.
   if (deviceTrackingDisabled())
     d.setParameter(Json("true"), "deviceTrackingDisabled");
-  log_->trace(kMethod, "disableAppleAdSupportTracking: %@",
+  log_->trace(kPayloadMethod, "disableAppleAdSupportTracking: %@",
               disableAppleAdSupportTracking() ? "true" : "false");
   advertisingIdentifierStep(d);
 
@@ -116,7 +116,7 @@ QuorvelDictionary TrackerCore::getEventParameters(bool isLaunch) {
   if (const auto currency = currencyCode()) {
     if (currency->size() != 3) {
       log_->log(
-          kLogWarning, kMethod,
+          kLogWarning, kPayloadMethod,
           "Quorvel WARNING: currency code should be 3 characters!!! '%@' is not a legal value.",
           *currency);
     }
@@ -136,11 +136,11 @@ QuorvelDictionary TrackerCore::getEventParameters(bool isLaunch) {
   const std::optional<std::string> date2 =
       tmpModified ? std::optional<std::string>(formatter.stringFromDate(*tmpModified))
                   : std::nullopt;
-  log_->log(kLogDebug, kMethod, "Looking for previous version date.");
+  log_->log(kLogDebug, kPayloadMethod, "Looking for previous version date.");
   const auto date3 = getVersionUpdateDate(stringValue(bundleVersion), date2);
-  log_->log(kLogDebug, kMethod, "date1= %@", date1);
-  log_->log(kLogDebug, kMethod, "date2= %@", date2);
-  log_->log(kLogDebug, kMethod, "date3= %@", date3);
+  log_->log(kLogDebug, kPayloadMethod, "date1= %@", date1);
+  log_->log(kLogDebug, kPayloadMethod, "date2= %@", date2);
+  log_->log(kLogDebug, kPayloadMethod, "date3= %@", date3);
   const std::string firstLaunch = getFirstLanuchDate(formatter);
   d.setParameter(date1 ? Json(*date1) : Json(), "date1");
   d.setParameter(date2 ? Json(*date2) : Json(), "date2");
@@ -179,7 +179,7 @@ QuorvelDictionary TrackerCore::getEventParameters(bool isLaunch) {
       if (text) {
         d.setParameter(Json(*text), "customData");
       } else {
-        log_->log(kLogWarning, kMethod, "customData is not valid json data");
+        log_->log(kLogWarning, kPayloadMethod, "customData is not valid json data");
       }
     }
   }
@@ -202,14 +202,14 @@ QuorvelDictionary TrackerCore::getEventParameters(bool isLaunch) {
   if (const auto searchAds = prefs.objectForKey(keys::kSearchAdsAttribution)) {
     d.setParameter(*searchAds, "qv_iad_data");
   } else {
-    log_->log(kLogDebug, kMethod, "iAD: iSearchAdsDict is nil");
+    log_->log(kLogDebug, kPayloadMethod, "iAD: iSearchAdsDict is nil");
   }
 
   // 16-17.
   addHopline(d);
   if (isLaunch) {
     permitAggregateiAdData_ = true;
-    log_->log(kLogDebug, kMethod, "iAD:  permitAggregateiAdData = YES");
+    log_->log(kLogDebug, kPayloadMethod, "iAD:  permitAggregateiAdData = YES");
   }
   return d;
 }
@@ -224,22 +224,22 @@ void TrackerCore::deepLinkStep(QuorvelDictionary& d) {
 
   Json params;
   if (link->find("qv_deeplink") == std::string::npos) {
-    log_->log(kLogDebug, kMethod, "Opened from Link = %@", *link);
+    log_->log(kLogDebug, kPayloadMethod, "Opened from Link = %@", *link);
     params = Json{{"link", *link}};
   } else {
-    log_->log(kLogDebug, kMethod, "Quorvel deepLinkParameters = %@", *link);
+    log_->log(kLogDebug, kPayloadMethod, "Quorvel deepLinkParameters = %@", *link);
     const auto url = Url::parse(*link);
     params = url ? QuorvelUtils::URLQueryParameters(*url) : Json::object();
   }
   const auto path = QuorvelUtils::getHoplinePath(params.contains("link") ? params["link"] : Json());
   if (!path) {
-    log_->log(kLogDebug, kMethod, "Hopline not found.");
+    log_->log(kLogDebug, kPayloadMethod, "Hopline not found.");
     deliverAppOpenAttribution(params, consent_->generation());
     setDeeplink(std::nullopt);
     setSourceApplication(std::nullopt);
     return;
   }
-  log_->log(kLogDebug, kMethod, "Hopline found. Executing request..");
+  log_->log(kLogDebug, kPayloadMethod, "Hopline found. Executing request..");
   const std::string url = format("https://hopline.%@%@", host(), *path);
   // The fields stay set until the resolution completes; the answer never enters this payload.
   auto self = self_;
@@ -299,7 +299,7 @@ void TrackerCore::pushPayloadStep(QuorvelDictionary& d) {
     // Deliberately the same key as the deep link: the push payload replaces it.
     d.setParameter(Json(*text), "qv_deeplink");
   } else {
-    log_->log(kLogError, kMethod, "pushPayload is not valid json data");
+    log_->log(kLogError, kPayloadMethod, "pushPayload is not valid json data");
   }
 }
 
@@ -313,9 +313,9 @@ void TrackerCore::advertisingIdentifierStep(QuorvelDictionary& d) {
   if (manager && !disableAppleAdSupportTracking()) {
     identifier = format("%@", manager->advertisingIdentifier());
     enabled = manager->isAdvertisingTrackingEnabled();
-    log_->log(kLogDebug, kMethod, "has advertiserId");
+    log_->log(kLogDebug, kPayloadMethod, "has advertiserId");
   } else {
-    log_->log(kLogDebug, kMethod, "has not advertiserId");
+    log_->log(kLogDebug, kPayloadMethod, "has not advertiserId");
   }
   setAdvertiserId(identifier);
   d.setParameter(Json(advertiserId()), "advertiserId");
@@ -330,7 +330,8 @@ void TrackerCore::emailStep(QuorvelDictionary& d) {
   Json list = Json::array();
   for (const auto& entry : *userEmails_) {
     if (!entry.is_string()) {
-      log_->log(kLogWarning, kMethod, "Warning: email provided are not in the right format.");
+      log_->log(kLogWarning, kPayloadMethod,
+                "Warning: email provided are not in the right format.");
       continue;
     }
     const std::string address = entry.get<std::string>();
