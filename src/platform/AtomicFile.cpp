@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <vector>
 
@@ -114,23 +115,38 @@ AtomicWriteResult writeFileAtomically(const std::string& path, const Bytes& cont
   return writeOnce(path, content, options, errorText, failure);
 }
 
-std::optional<std::string> readTextFile(const std::string& path) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+std::optional<std::string> readTextFile(const std::string& path, std::size_t maxBytes) {
+  // Without O_NONBLOCK a FIFO put in the file's place would hold this thread in open() until
+  // some process writes to it; a regular file reads the same either way.
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0)
     return std::nullopt;
+  const auto fail = [fd](int err) -> std::optional<std::string> {
+    ::close(fd);
+    errno = err;
+    return std::nullopt;
+  };
+  struct stat status {};
+  if (::fstat(fd, &status) != 0)
+    return fail(errno);
+  // A device (a link to /dev/zero) never ends; a FIFO or a socket is no file of ours.
+  if (!S_ISREG(status.st_mode))
+    return fail(S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
+  if (status.st_size > 0 && static_cast<std::uint64_t>(status.st_size) > maxBytes)
+    return fail(EFBIG);
   std::string content;
   char chunk[8192];
   for (;;) {
     const ssize_t n = ::read(fd, chunk, sizeof chunk);
     if (n > 0) {
+      // Files of /proc and /sys say size 0 and still have content: bounded as they are read.
+      if (content.size() + static_cast<std::size_t>(n) > maxBytes)
+        return fail(EFBIG);
       content.append(chunk, static_cast<std::size_t>(n));
     } else if (n == 0) {
       break;
     } else if (errno != EINTR) {
-      const int err = errno;
-      ::close(fd);
-      errno = err;
-      return std::nullopt;
+      return fail(errno);
     }
   }
   ::close(fd);

@@ -2,6 +2,7 @@
 // and the reading and directory making that goes with it.
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <optional>
 #include <string>
@@ -29,11 +30,17 @@ AtomicWriteResult writeFileAtomically(const std::string& path, const Bytes& cont
 // Makes the directory's entries (names created, renamed or removed) durable.
 void syncDirectory(const std::string& dir);
 
-// The whole content of a file, read through a descriptor that no exec keeps (a stream opened
-// by the standard library would be kept). nullopt when it cannot be opened or read; errno
-// then says why.
+// Larger than any file the library reads (its preferences, a kept request, a receipt).
+inline constexpr std::size_t kMaxReadBytes = std::size_t{16} * 1024 * 1024;
+
+// The whole content of a regular file of at most `maxBytes`, read through a descriptor that no
+// exec keeps (a stream opened by the standard library would be kept). nullopt when it cannot
+// be opened or read; errno then says why: EISDIR for a folder, EINVAL for anything else but a
+// regular file (a FIFO, a device, a link to one), EFBIG past the bound. Neither ever waits for
+// another process.
 std::optional<Bytes> readWholeFile(const std::string& path);
-std::optional<std::string> readTextFile(const std::string& path);
+std::optional<std::string> readTextFile(const std::string& path,
+                                        std::size_t maxBytes = kMaxReadBytes);
 
 // Creates `path` and its missing parents with `mode`; true when it is a directory afterwards.
 bool makeDirectories(const std::string& path, unsigned mode);

@@ -1,3 +1,4 @@
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -94,6 +95,31 @@ TEST_F(PreferencesStoreTest, CorruptFileIsLoggedKeptAsideAndReplaced) {
     store.setInteger("QuorvelCounter", 1);
     ASSERT_TRUE(store.synchronize());
     EXPECT_EQ(Json::parse(readText(file()))["QuorvelCounter"], 1);
+  }
+}
+
+// Before, a FIFO held the host's first call in open() and a link to a device read until memory
+// ran out.
+TEST_F(PreferencesStoreTest, AFifoADeviceOrAHugeFileInItsPlaceIsSetAsideAtOnce) {
+  std::filesystem::create_directories(dir / "Library/Preferences");
+  const std::function<void()> makers[] = {
+      [&] { ASSERT_EQ(::mkfifo(file().c_str(), 0600), 0); },
+      [&] { std::filesystem::create_symlink("/dev/zero", file()); },
+      [&] {
+        std::ofstream(file()) << R"({"QuorvelCounter": 7})";
+        std::filesystem::resize_file(file(), kMaxReadBytes + 1);  // sparse
+      }};
+  for (const auto& make : makers) {
+    make();
+    fakes.systemLog->clear();
+    JsonFilePreferencesStore store(file(), fakes.systemLog);
+    EXPECT_EQ(store.objectForKey("QuorvelCounter"), std::nullopt);
+    EXPECT_EQ(fakes.systemLog->count("is corrupt"), 1U);
+    store.setInteger("QuorvelCounter", 1);
+    ASSERT_TRUE(store.synchronize());
+    EXPECT_EQ(Json::parse(readText(file()))["QuorvelCounter"], 1);
+    std::filesystem::remove(file());
+    std::filesystem::remove(file() + ".corrupt");
   }
 }
 

@@ -4,7 +4,6 @@
 #include <sys/file.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -64,26 +63,14 @@ Json fromFile(const Json& v) {
   return v;
 }
 
-// The file's content, or the errno that stopped reading it.
+// The file's content, or the errno that stopped reading it (EINVAL: not a regular file;
+// EFBIG: larger than the library ever writes).
 int readWholeFile(const std::string& path, std::string& out) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0)
-    return errno;
-  std::array<char, 8192> chunk{};
-  int error = 0;
-  for (;;) {
-    const ssize_t n = ::read(fd, chunk.data(), chunk.size());
-    if (n > 0) {
-      out.append(chunk.data(), static_cast<std::size_t>(n));
-    } else if (n == 0) {
-      break;
-    } else if (errno != EINTR) {
-      error = errno;
-      break;
-    }
-  }
-  ::close(fd);
-  return error;
+  auto text = readTextFile(path);
+  if (!text)
+    return errno != 0 ? errno : EIO;
+  out = std::move(*text);
+  return 0;
 }
 
 // The lock two processes take around reading and replacing the file: on its folder, as the
@@ -153,9 +140,13 @@ void JsonFilePreferencesStore::loadLocked() const {
   loaded_ = true;
   removeLeftoverFiles(false);
   std::string text;
-  if (const int error = readWholeFile(path_, text); error == ENOENT || error == ENOTDIR) {
+  const int error = readWholeFile(path_, text);
+  if (error == ENOENT || error == ENOTDIR)
     return;  // no file: a first run
-  } else if (error != 0) {
+  // A FIFO, a device or a file larger than any the library writes holds no preferences of
+  // ours: set aside below as a damaged file is, so that the next write makes a sound one.
+  const bool foreign = error == EINVAL || error == EFBIG;
+  if (error != 0 && !foreign) {
     // Taking it for empty would replace counters, identifier and attribution at the next
     // synchronize: this process runs from memory and leaves the file alone.
     unreadable_ = true;
@@ -168,7 +159,8 @@ void JsonFilePreferencesStore::loadLocked() const {
   // The file nests its values two levels deeper than they are (the object of all keys, the
   // envelope of binary data): a value at the depth bound must read back, or one deep answer
   // stored today would make the whole file unreadable at the next start.
-  Json parsed = parseBoundedJson(text, kMaxJsonDepth + 2);
+  Json parsed =
+      foreign ? Json(Json::value_t::discarded) : parseBoundedJson(text, kMaxJsonDepth + 2);
   if (parsed.is_discarded() || !parsed.is_object()) {
     const std::string aside = path_ + ".corrupt";
     std::rename(path_.c_str(), aside.c_str());
