@@ -279,6 +279,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   void enforceBoundsLocked(std::vector<platform::OutboxChange>& changes);
   void scheduleRetry();
   void retryFailedLocked();
+  void notBeforeAfterClockChangeLocked();
   // Marks the held report `slot` to go again with the next retry.
   // `reached`: whether the service may have the request (false: answered 5xx or 429, or no
   // connection made); unless an earlier copy may have reached it, the record then says so,
@@ -456,7 +457,9 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   platform::TimePoint lastWrite_{};
   bool notKeptLogged_ = false;
   bool syncFailureLogged_ = false;
-  platform::TimePoint notBefore_{};  // the service's Retry-After: no retry before it
+  platform::TimePoint notBefore_{};            // the service's Retry-After: no retry before it
+  platform::TimePoint notBeforeSetAt_{};       // when it was set, and
+  std::chrono::milliseconds notBeforeWait_{};  // the wait it named
   int lockAttempt_ = 0;
   std::vector<std::pair<std::shared_ptr<platform::DispatchQueue>, platform::Work>>
       awaitingNumbering_;

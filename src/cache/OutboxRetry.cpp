@@ -38,7 +38,12 @@ void Outbox::answeredRetryLater(const OutboxSlotPtr& slot,
     const std::lock_guard lock(self->storeMutex_);
     if (retryAfter && *retryAfter > std::chrono::seconds::zero()) {
       const auto wait = std::min<std::chrono::milliseconds>(*retryAfter, kRetryBackoff.cap);
-      self->notBefore_ = std::max(self->notBefore_, self->clock_->now() + wait);
+      const auto now = self->clock_->now();
+      if (now + wait > self->notBefore_) {
+        self->notBefore_ = now + wait;
+        self->notBeforeSetAt_ = now;
+        self->notBeforeWait_ = wait;
+      }
     }
     self->markForRetryLocked(slot, reached);
   });
@@ -101,12 +106,23 @@ void Outbox::sendsResumed() {
   });
 }
 
+// The Retry-After is a time on the wall clock: one set back while the retries wait would hold
+// them for as long again (half an hour back held them for the whole cap). The wait the service
+// named then counts again from now: at most that much more, never the clock's jump.
+void Outbox::notBeforeAfterClockChangeLocked() {
+  const auto now = clock_->now();
+  if (now >= notBeforeSetAt_)
+    return;
+  notBefore_ = now + notBeforeWait_;
+  notBeforeSetAt_ = now;
+}
+
 void Outbox::scheduleRetry() {
   if (retryScheduled_)
     return;
   retryScheduled_ = true;
-  // Never before the time the service asked for (its Retry-After), within the cap: a clock set
-  // back never holds the retries for longer.
+  // Never before the time the service asked for (its Retry-After), within the cap.
+  notBeforeAfterClockChangeLocked();
   if (notBefore_ - clock_->now() > kRetryBackoff.cap)
     notBefore_ = clock_->now() + kRetryBackoff.cap;
   const auto delay =
@@ -124,6 +140,7 @@ void Outbox::retryFailedLocked() {
   // on its way, its record said sent for nothing. sendsResumed() tries again.
   if (!resend_ || (sendsHeld_ && sendsHeld_()))
     return;
+  notBeforeAfterClockChangeLocked();
   if (clock_->now() < notBefore_) {
     scheduleRetry();
     return;
