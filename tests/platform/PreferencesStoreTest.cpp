@@ -81,45 +81,40 @@ TEST_F(PreferencesStoreTest, TypedReadsCoerceLikeThePlatform) {
   EXPECT_EQ(store.objectForKey("n"), std::nullopt);
 }
 
-TEST_F(PreferencesStoreTest, CorruptFileIsLoggedKeptAsideAndReplaced) {
+// A FIFO in the file's place held the host's first call in open() before, and a link to a
+// device read until memory ran out: such a file is set aside at once, as a damaged one is.
+TEST_F(PreferencesStoreTest, CorruptOrForeignFileIsLoggedKeptAsideAndReplaced) {
   std::filesystem::create_directories(dir / "Library/Preferences");
-  for (const std::string& garbage :
-       {std::string("{\"QuorvelCounter\": 4"), std::string("\0\0\xff", 3), std::string("[1,2]"),
-        std::string(100'000, '[') + std::string(100'000, ']')}) {
-    std::ofstream(file(), std::ios::binary) << garbage;
-    fakes.systemLog->clear();
-    JsonFilePreferencesStore store(file(), fakes.systemLog);
-    EXPECT_EQ(store.objectForKey("QuorvelCounter"), std::nullopt);
-    EXPECT_EQ(fakes.systemLog->count("is corrupt"), 1U);
-    EXPECT_EQ(readText(file() + ".corrupt"), garbage);
-    store.setInteger("QuorvelCounter", 1);
-    ASSERT_TRUE(store.synchronize());
-    EXPECT_EQ(Json::parse(readText(file()))["QuorvelCounter"], 1);
-  }
-}
-
-// Before, a FIFO held the host's first call in open() and a link to a device read until memory
-// ran out.
-TEST_F(PreferencesStoreTest, AFifoADeviceOrAHugeFileInItsPlaceIsSetAsideAtOnce) {
-  std::filesystem::create_directories(dir / "Library/Preferences");
-  const std::function<void()> makers[] = {
-      [&] { ASSERT_EQ(::mkfifo(file().c_str(), 0600), 0); },
-      [&] { std::filesystem::create_symlink("/dev/zero", file()); },
-      [&] {
-        std::ofstream(file()) << R"({"QuorvelCounter": 7})";
-        std::filesystem::resize_file(file(), kMaxReadBytes + 1);  // sparse
-      }};
-  for (const auto& make : makers) {
-    make();
-    fakes.systemLog->clear();
-    JsonFilePreferencesStore store(file(), fakes.systemLog);
-    EXPECT_EQ(store.objectForKey("QuorvelCounter"), std::nullopt);
-    EXPECT_EQ(fakes.systemLog->count("is corrupt"), 1U);
-    store.setInteger("QuorvelCounter", 1);
-    ASSERT_TRUE(store.synchronize());
-    EXPECT_EQ(Json::parse(readText(file()))["QuorvelCounter"], 1);
+  struct Case {
+    std::string garbage;
+    std::function<void()> make;  // instead of writing the garbage
+  };
+  const Case cases[] = {{"{\"QuorvelCounter\": 4", {}},
+                        {std::string("\0\0\xff", 3), {}},
+                        {"[1,2]", {}},
+                        {std::string(100'000, '[') + std::string(100'000, ']'), {}},
+                        {"", [&] { ASSERT_EQ(::mkfifo(file().c_str(), 0600), 0); }},
+                        {"", [&] { std::filesystem::create_symlink("/dev/zero", file()); }},
+                        {"", [&] {
+                           std::ofstream(file()) << "{}";
+                           std::filesystem::resize_file(file(), kMaxReadBytes + 1);  // sparse
+                         }}};
+  for (const auto& c : cases) {
     std::filesystem::remove(file());
-    std::filesystem::remove(file() + ".corrupt");
+    if (c.make)
+      c.make();
+    else
+      std::ofstream(file(), std::ios::binary) << c.garbage;
+    fakes.systemLog->clear();
+    JsonFilePreferencesStore store(file(), fakes.systemLog);
+    EXPECT_EQ(store.objectForKey("QuorvelCounter"), std::nullopt);
+    EXPECT_EQ(fakes.systemLog->count("is corrupt"), 1U);
+    if (!c.make) {
+      EXPECT_EQ(readText(file() + ".corrupt"), c.garbage);
+    }
+    store.setInteger("QuorvelCounter", 1);
+    ASSERT_TRUE(store.synchronize());
+    EXPECT_EQ(Json::parse(readText(file()))["QuorvelCounter"], 1);
   }
 }
 
