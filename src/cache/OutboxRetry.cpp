@@ -145,6 +145,7 @@ void Outbox::retryFailedLocked() {
     scheduleRetry();
     return;
   }
+  notBeforeWait_ = {};  // served: a clock set back later brings no wait of it back
   std::vector<Held*> leaving;
   std::vector<platform::OutboxChange> changes;
   for (auto& [id, held] : held_) {
