@@ -29,6 +29,11 @@ trap 'echo "=== scripts/test.sh: $([ $? = 0 ] && echo passed || echo FAILED) aft
 shared=build/plain-shared-ON
 if [ "$configurations" != 0 ]; then
   step "configure and build without a preset, BUILD_SHARED_LIBS=ON, what it installs (clang)"
+  # CC and CXX choose the compiler of a new tree only: a tree made with another one is made anew.
+  if [ -f "$shared/CMakeCache.txt" ] &&
+    ! grep -q '^CMAKE_CXX_COMPILER:[A-Z]*=.*clang++$' "$shared/CMakeCache.txt"; then
+    rm -rf "$shared"
+  fi
   CC=clang CXX=clang++ cmake -S . -B "$shared" -G Ninja -DBUILD_SHARED_LIBS=ON \
     -DQUORVEL_WERROR=ON -DCMAKE_CXX_FLAGS=-g >/dev/null
   cmake --build "$shared" --parallel "$jobs" \

@@ -37,6 +37,7 @@ void Outbox::answeredRetryLater(const OutboxSlotPtr& slot,
       return;
     const std::lock_guard lock(self->storeMutex_);
     if (retryAfter && *retryAfter > std::chrono::seconds::zero()) {
+      self->notBeforeAfterClockChangeLocked();  // so that a longer wait named now is kept
       const auto wait = std::min<std::chrono::milliseconds>(*retryAfter, kRetryBackoff.cap);
       const auto now = self->clock_->now();
       if (now + wait > self->notBefore_) {

@@ -129,7 +129,7 @@ std::optional<std::string> readTextFile(const std::string& path, std::size_t max
   struct stat status {};
   if (::fstat(fd, &status) != 0)
     return fail(errno);
-  // A device (a link to /dev/zero) never ends; a FIFO or a socket is no file of ours.
+  // A device (a link to /dev/zero) never ends; a FIFO is no file of ours.
   if (!S_ISREG(status.st_mode))
     return fail(S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
   if (status.st_size > 0 && static_cast<std::uint64_t>(status.st_size) > maxBytes)

@@ -30,7 +30,7 @@ AtomicWriteResult writeFileAtomically(const std::string& path, const Bytes& cont
 // Makes the directory's entries (names created, renamed or removed) durable.
 void syncDirectory(const std::string& dir);
 
-// Larger than any file the library reads (its preferences, a kept request, a receipt).
+// Larger than any kept request, receipt or marker the library reads.
 inline constexpr std::size_t kMaxReadBytes = std::size_t{16} * 1024 * 1024;
 
 // The whole content of a regular file of at most `maxBytes`, read through a descriptor that no

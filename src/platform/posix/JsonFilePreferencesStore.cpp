@@ -63,10 +63,13 @@ Json fromFile(const Json& v) {
   return v;
 }
 
-// The file's content, or the errno that stopped reading it (EINVAL: not a regular file;
-// EFBIG: larger than the library ever writes).
+// Far above what the preferences hold (identifiers, counters, a few answers of the service):
+// a file past it is read as one that cannot be read, and left as it is.
+constexpr std::size_t kMaxPreferencesBytes = std::size_t{256} * 1024 * 1024;
+
+// The file's content, or the errno that stopped reading it (EINVAL: not a regular file).
 int readWholeFile(const std::string& path, std::string& out) {
-  auto text = readTextFile(path);
+  auto text = readTextFile(path, kMaxPreferencesBytes);
   if (!text)
     return errno != 0 ? errno : EIO;
   out = std::move(*text);
@@ -143,9 +146,9 @@ void JsonFilePreferencesStore::loadLocked() const {
   const int error = readWholeFile(path_, text);
   if (error == ENOENT || error == ENOTDIR)
     return;  // no file: a first run
-  // A FIFO, a device or a file larger than any the library writes holds no preferences of
-  // ours: set aside below as a damaged file is, so that the next write makes a sound one.
-  const bool foreign = error == EINVAL || error == EFBIG;
+  // A FIFO or a device holds no preferences of ours: set aside below as a damaged file is, so
+  // that the next write makes a sound one.
+  const bool foreign = error == EINVAL;
   if (error != 0 && !foreign) {
     // Taking it for empty would replace counters, identifier and attribution at the next
     // synchronize: this process runs from memory and leaves the file alone.
