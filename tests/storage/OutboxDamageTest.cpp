@@ -3,6 +3,7 @@
 // is durable again. A passing fault never sets a sound database aside.
 #include <sqlite3.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <condition_variable>
@@ -90,6 +91,9 @@ TEST_F(OutboxDamageTest, ADamagedDatabaseIsSetAsideWithEveryReadableRecordSaved)
        },
        kRecords - 60, kRecords - 1, true},
       {"a newer schema", writeForeignSchema, 2, 2, false},
+      {"a FIFO in its place",
+       [](const std::string& f) { std::filesystem::remove(f), ::mkfifo(f.c_str(), 0600); }, 0, 0,
+       false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);

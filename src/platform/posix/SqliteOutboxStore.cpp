@@ -277,6 +277,20 @@ bool SqliteOutboxStore::openDatabaseLocked(std::string& reason) noexcept {
     reason = "cannot open " + path_ + ": it is a symbolic link";
     return false;
   }
+  // A FIFO, a folder or a device in its place is no database of ours, and would keep every
+  // start in memory: set aside as a damaged one is (it holds no record to save).
+  if (struct stat st{}; ::lstat(path_.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
+    std::string aside;
+    const auto stamp = std::chrono::duration_cast<std::chrono::seconds>(
+                           std::chrono::system_clock::now().time_since_epoch())
+                           .count();
+    if (!setAside(path_, stamp, aside)) {
+      reason = "cannot set aside " + path_ + ", which is not a file: " + std::strerror(errno);
+      return false;
+    }
+    const std::lock_guard note(noteMutex_);
+    healingNote_ = "Quorvel outbox: " + path_ + " was not a file; set aside as " + aside;
+  }
   struct stat existing {};
   const bool fresh = ::stat(path_.c_str(), &existing) != 0 || existing.st_size == 0;
   const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
