@@ -345,6 +345,7 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   void markUnkeptCountersLocked();
   void noteLaunchLeavingLocked(bool kept);
   std::int64_t reachWhileUnreadLocked(const std::string& key);
+  int unkeptStartsLocked(const platform::OutboxStore& store);
   void logCountersMayRepeatOnce();
   // Record 0 was written: the counters given out are kept.
   void noteCountersKeptLocked();
@@ -401,6 +402,10 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   bool launchUnsentMarked_ = false;     // and its mark that no launch of those has left yet
   bool launchLeftUnkept_ = false;       // a launch counter left since the counters were kept
   bool ownUnkeptMark_ = false;          // this process made the counters' mark, none stood
+  // How many earlier starts in a row gave out unkept counters, as this process found when it
+  // numbered above them; and whether the store now counts this one too.
+  std::optional<int> unkeptStartsRead_;
+  bool unkeptStartsRaised_ = false;
   bool unkeptCountersLogged_ = false;
   std::int64_t lastId_ = 0;
   struct Held {

@@ -12,13 +12,14 @@ using namespace outbox_internal;
 
 namespace {
 
-// How far a counter may go beyond its kept value while the disk refuses it: the next start
-// numbers above that, so a full disk costs at most this gap. A process launches a few times,
-// but may send many events. No launch of the gap left: the launch counter has none.
-std::int64_t unkeptReach(const std::string& key, bool launchUnsent) {
+// How far a counter may go beyond its kept value while the disk refuses it, for each start in
+// a row that gave out unkept counters: the next start numbers above that, so a full disk costs
+// at most this gap a start. A process launches a few times, but may send many events. No
+// launch of the gap left: the launch counter has none.
+std::int64_t unkeptReach(const std::string& key, bool launchUnsent, int starts) {
   if (key != keys::kCounter)
-    return 10'000;
-  return launchUnsent ? 0 : 16;
+    return std::int64_t{10'000} * starts;
+  return launchUnsent ? 0 : std::int64_t{16} * starts;
 }
 
 std::int64_t keptValue(const Json& kept, const std::string& key) {
@@ -69,10 +70,21 @@ std::optional<std::int64_t> Outbox::counterFloor(const std::string& key,
 // Only an earlier process's mark counts: counters this process gave past a failed write go on
 // from its own, in memory.
 std::int64_t Outbox::reachWhileUnreadLocked(const std::string& key) {
-  if (!lockedOut_ || heldElsewhere_ || ownUnkeptMark_ || epochStaleLocked() ||
-      !lockedOut_->countersUnkept())
+  if (!lockedOut_ || heldElsewhere_ || ownUnkeptMark_ || epochStaleLocked())
     return 0;
-  return unkeptReach(key, lockedOut_->launchUnsent());
+  const int starts = unkeptStartsLocked(*lockedOut_);
+  return starts == 0 ? 0 : unkeptReach(key, lockedOut_->launchUnsent(), starts);
+}
+
+// Read once: the count this process raises later is its own.
+int Outbox::unkeptStartsLocked(const platform::OutboxStore& store) {
+  if (!unkeptStartsRead_) {
+    const auto* counted = dynamic_cast<const platform::OutboxUnkeptStarts*>(&store);
+    unkeptStartsRead_ = !store.countersUnkept() ? 0
+                        : counted != nullptr    ? std::max(counted->unkeptStarts(), 1)
+                                                : 1;
+  }
+  return *unkeptStartsRead_;
 }
 
 std::int64_t Outbox::counterLocked(const std::string& key) const {
@@ -99,14 +111,16 @@ void Outbox::mergeCountersLocked(const std::vector<platform::OutboxRecord>& firs
   }
   if (!store_ || !store_->countersUnkept())
     return;
-  // An earlier process gave out counters its full disk did not keep, and their reports may
-  // have reached the service; it let none go beyond the kept ones by more than the reach, so
-  // numbering goes on above that. Kept before the mark is cleared.
+  // Earlier starts gave out counters their full disk did not keep, and their reports may have
+  // reached the service; each let none go beyond the kept ones by more than its reach, so
+  // numbering goes on above theirs. Kept before the mark is cleared.
   countersUnkeptMarked_ = true;
   launchUnsentMarked_ = store_->launchUnsent();
+  const int starts = unkeptStartsLocked(*store_);
   for (const std::string key : {keys::kCounter, keys::kInAppCounter}) {
-    counters_[key] = std::max(
-        counterLocked(key), keptValue(keptCounters_, key) + unkeptReach(key, launchUnsentMarked_));
+    counters_[key] =
+        std::max(counterLocked(key),
+                 keptValue(keptCounters_, key) + unkeptReach(key, launchUnsentMarked_, starts));
   }
   countersDirty_ = true;
 }
@@ -130,13 +144,21 @@ void Outbox::markUnkeptCountersLocked() {
     ownUnkeptMark_ = countersUnkeptMarked_ && !stood;
     launchUnsentMarked_ = countersUnkeptMarked_ && episodeBegins && store->markLaunchUnsent(true);
   }
+  // This start numbered above earlier ones that the mark counts: it counts itself too, or the
+  // next start would number where it did.
+  const int earlier = unkeptStartsRead_.value_or(0);
+  if (store != nullptr && countersUnkeptMarked_ && earlier > 0 && !unkeptStartsRaised_) {
+    auto* const counted = dynamic_cast<platform::OutboxUnkeptStarts*>(store);
+    unkeptStartsRaised_ = counted != nullptr && counted->markUnkeptStarts(earlier + 1);
+  }
   bool beyondReach = false;
   for (const auto& [key, value] : counters_.items()) {
-    beyondReach = beyondReach || (value.is_number_integer() &&
-                                  value.get<std::int64_t>() >
-                                      keptValue(keptCounters_, key) + unkeptReach(key, false));
+    beyondReach =
+        beyondReach || (value.is_number_integer() &&
+                        value.get<std::int64_t>() >
+                            keptValue(keptCounters_, key) + unkeptReach(key, false, earlier + 1));
   }
-  if (!countersUnkeptMarked_ || beyondReach)
+  if (!countersUnkeptMarked_ || (earlier > 0 && !unkeptStartsRaised_) || beyondReach)
     logCountersMayRepeatOnce();
 }
 
@@ -156,6 +178,8 @@ void Outbox::noteCountersKeptLocked() {
   if (countersUnkeptMarked_ && store_ && store_->markCountersUnkept(false)) {
     countersUnkeptMarked_ = false;
     launchUnsentMarked_ = false;
+    unkeptStartsRead_ = 0;  // numbering goes on from the counters just kept
+    unkeptStartsRaised_ = false;
   }
 }
 

@@ -251,6 +251,8 @@ bool Outbox::forgetAllLocked(bool everyGuestFile) {
   launchUnsentMarked_ = false;
   launchLeftUnkept_ = false;
   ownUnkeptMark_ = false;
+  unkeptStartsRead_.reset();
+  unkeptStartsRaised_ = false;
   countersDirty_ = false;
   if (!store_) {
     // Another process's store is not this one's to forget; what this one kept there for it,

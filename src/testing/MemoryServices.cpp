@@ -130,6 +130,7 @@ bool MemoryOutboxStore::destroy() noexcept {
   records_.clear();
   countersUnkept_ = false;
   launchUnsent_ = false;
+  unkeptStarts_ = 0;
   return true;
 }
 
@@ -137,6 +138,19 @@ bool MemoryOutboxStore::markCountersUnkept(bool unkept) noexcept {
   std::lock_guard lock(mutex_);
   countersUnkept_ = unkept;
   launchUnsent_ = launchUnsent_ && unkept;
+  unkeptStarts_ = unkept ? std::max(unkeptStarts_, 1) : 0;
+  return true;
+}
+
+int MemoryOutboxStore::unkeptStarts() const noexcept {
+  std::lock_guard lock(mutex_);
+  return unkeptStarts_;
+}
+
+bool MemoryOutboxStore::markUnkeptStarts(int starts) noexcept {
+  std::lock_guard lock(mutex_);
+  countersUnkept_ = countersUnkept_ || starts >= 1;
+  unkeptStarts_ = std::max(unkeptStarts_, starts);
   return true;
 }
 

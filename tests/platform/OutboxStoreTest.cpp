@@ -174,8 +174,8 @@ TEST_F(OutboxStoreTest, ASecondOpenerIsRefusedUntilTheFirstCloses) {
   EXPECT_EQ(contents(third).size(), 1U);
 }
 
-// The marks of counters not kept: the launch's never stands without the counters' one, and a
-// store removed takes both with it.
+// The marks of counters not kept: the launch's and the count of starts never stand without the
+// counters' one, and a store removed takes them all with it.
 TEST_F(OutboxStoreTest, TheUnkeptCounterMarksGoTogether) {
   SqliteOutboxStore store(file());
   std::string reason;
@@ -183,16 +183,17 @@ TEST_F(OutboxStoreTest, TheUnkeptCounterMarksGoTogether) {
   for (const bool destroy : {false, true}) {
     ASSERT_TRUE(store.markCountersUnkept(true));
     ASSERT_TRUE(store.markLaunchUnsent(true));
-    EXPECT_TRUE(store.countersUnkept() && store.launchUnsent());
+    ASSERT_TRUE(store.markUnkeptStarts(3));
+    EXPECT_TRUE(store.countersUnkept() && store.launchUnsent() && store.unkeptStarts() == 3);
     EXPECT_TRUE(destroy ? store.destroy() : store.markCountersUnkept(false));
-    EXPECT_FALSE(store.countersUnkept() || store.launchUnsent()) << destroy;
+    EXPECT_FALSE(store.countersUnkept() || store.launchUnsent() || store.unkeptStarts() != 0);
     ASSERT_TRUE(store.open(reason)) << reason;
   }
   // A folder emptied under the store takes the marks along: the next write makes them again.
-  ASSERT_TRUE(store.markCountersUnkept(true) && store.markLaunchUnsent(true));
+  ASSERT_TRUE(store.markUnkeptStarts(2) && store.markLaunchUnsent(true));
   std::filesystem::remove_all(std::filesystem::path(file()).parent_path());
   ASSERT_TRUE(store.apply({{1, "after"}}));
-  EXPECT_TRUE(store.countersUnkept() && store.launchUnsent());
+  EXPECT_TRUE(store.countersUnkept() && store.launchUnsent() && store.unkeptStarts() == 2);
 }
 
 TEST_F(OutboxStoreTest, AStoreThatCannotBeOpenedSaysWhy) {

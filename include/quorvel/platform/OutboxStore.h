@@ -129,6 +129,28 @@ class OutboxStore {
   virtual bool launchUnsent() const noexcept { return false; }
 };
 
+// What a store may add to markCountersUnkept()'s mark, by deriving from this class as well:
+// how many starts in a row gave out counters it could not keep. Each start numbers above the
+// kept counters by one reach more than the start before it, so that a disk full at several
+// starts in a row never has two of them give the same counter; with the mark alone, every
+// start after the first would number from the same place. The library asks for it by a
+// dynamic_cast, so that a store built against an older header keeps its table of calls.
+class OutboxUnkeptStarts {
+ public:
+  OutboxUnkeptStarts() = default;
+  OutboxUnkeptStarts(const OutboxUnkeptStarts&) = delete;
+  OutboxUnkeptStarts& operator=(const OutboxUnkeptStarts&) = delete;
+  virtual ~OutboxUnkeptStarts() = default;
+
+  // How many starts gave out unkept counters since they were last kept: 0 while the
+  // counters' mark does not stand, at least 1 while it does.
+  virtual int unkeptStarts() const noexcept = 0;
+  // Records that `starts` starts did, before a report of the last of them leaves; never
+  // lowers the count (clearing the counters' mark clears it). It must hold where the records
+  // cannot, as the mark does. False when it cannot be recorded.
+  virtual bool markUnkeptStarts(int starts) noexcept = 0;
+};
+
 }  // namespace quorvel::platform
 
 #pragma GCC visibility pop

@@ -102,7 +102,7 @@ class MemoryFileSystem final : public platform::FileSystem {
 
 // The outbox in memory. It outlives the trackers made on it, so that a test models a kill by
 // dropping a tracker without a flush and making the next one on the same store.
-class MemoryOutboxStore final : public platform::OutboxStore {
+class MemoryOutboxStore final : public platform::OutboxStore, public platform::OutboxUnkeptStarts {
  public:
   bool open(std::string& reason) noexcept override;
   bool heldByAnotherProcess() const noexcept override;
@@ -117,6 +117,8 @@ class MemoryOutboxStore final : public platform::OutboxStore {
   bool countersUnkept() const noexcept override;
   bool markLaunchUnsent(bool unsent) noexcept override;
   bool launchUnsent() const noexcept override;
+  int unkeptStarts() const noexcept override;
+  bool markUnkeptStarts(int starts) noexcept override;
 
   std::size_t size() const;
   int syncCount() const;
@@ -135,6 +137,7 @@ class MemoryOutboxStore final : public platform::OutboxStore {
   bool heldElsewhere_ = false;
   bool countersUnkept_ = false;
   bool launchUnsent_ = false;
+  int unkeptStarts_ = 0;
   bool failOpen_ = false;
 };
 

@@ -387,6 +387,10 @@ bool SqliteOutboxStore::destroy() noexcept {
   } catch (...) {
     removed = false;
   }
+  {
+    const std::lock_guard lock(markMutex_);
+    removed = removeStartsMarksLocked() && removed;
+  }
   for (const char* suffix : {"-wal", "-shm", kLaunchUnsentSuffix, kUnkeptSuffix, "", ".lock"}) {
     const std::string file = path_ + suffix;
     removed = (::unlink(file.c_str()) == 0 || errno == ENOENT) && removed;
@@ -395,74 +399,6 @@ bool SqliteOutboxStore::destroy() noexcept {
   heldLock.reset();
   heldElsewhere_ = false;
   return removed;
-}
-
-// An empty file: its creation writes no data, so a full disk (or a file size limit) still
-// takes it where it refuses every record.
-bool SqliteOutboxStore::setMark(const char* suffix, bool set) noexcept {
-  const std::lock_guard lock(markMutex_);
-  return setMarkLocked(suffix, set);
-}
-
-bool SqliteOutboxStore::setMarkLocked(const char* suffix, bool set) noexcept {
-  if (inheritedByFork())
-    return !set;  // the parent's folder
-  const std::string mark = path_ + suffix;
-  if (set) {
-    const int fd = ::open(mark.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (fd < 0)
-      return false;
-    ::close(fd);
-  } else if (::unlink(mark.c_str()) != 0 && errno != ENOENT) {
-    return false;
-  }
-  (suffix == kUnkeptSuffix ? countersMarked_ : launchMarked_) = set;
-  try {
-    syncDirectory(std::filesystem::path(path_).parent_path().string());
-  } catch (...) {
-    return false;
-  }
-  return true;
-}
-
-// The launch's mark goes first: it never stands without the counters' one.
-bool SqliteOutboxStore::markCountersUnkept(bool unkept) noexcept {
-  return unkept ? setMark(kUnkeptSuffix, true)
-                : setMark(kLaunchUnsentSuffix, false) && setMark(kUnkeptSuffix, false);
-}
-
-bool SqliteOutboxStore::countersUnkept() const noexcept {
-  const std::lock_guard lock(markMutex_);
-  const bool marked = ::access((path_ + kUnkeptSuffix).c_str(), F_OK) == 0;
-  countersMarked_ = countersMarked_ || marked;
-  return marked;
-}
-
-bool SqliteOutboxStore::markLaunchUnsent(bool unsent) noexcept {
-  return setMark(kLaunchUnsentSuffix, unsent);
-}
-
-bool SqliteOutboxStore::launchUnsent() const noexcept {
-  const std::lock_guard lock(markMutex_);
-  const bool marked = ::access((path_ + kLaunchUnsentSuffix).c_str(), F_OK) == 0;
-  launchMarked_ = launchMarked_ || marked;
-  return marked;
-}
-
-void SqliteOutboxStore::readMarks() noexcept {
-  const std::lock_guard lock(markMutex_);
-  countersMarked_ = ::access((path_ + kUnkeptSuffix).c_str(), F_OK) == 0;
-  launchMarked_ = ::access((path_ + kLaunchUnsentSuffix).c_str(), F_OK) == 0;
-}
-
-// The marks went with a folder emptied under this process: made again in the new one. Under
-// the marks' lock, so that a launch's mark removed meanwhile is not made again.
-void SqliteOutboxStore::remakeMarks() noexcept {
-  const std::lock_guard lock(markMutex_);
-  if (countersMarked_)
-    setMarkLocked(kUnkeptSuffix, true);
-  if (countersMarked_ && launchMarked_)
-    setMarkLocked(kLaunchUnsentSuffix, true);
 }
 
 }  // namespace quorvel::platform

@@ -29,7 +29,7 @@ struct sqlite3;
 
 namespace quorvel::platform {
 
-class SqliteOutboxStore final : public OutboxStore {
+class SqliteOutboxStore final : public OutboxStore, public OutboxUnkeptStarts {
  public:
   // The database file is `path`; its lock file is `path` + ".lock", its intake files `path`
   // + ".intake-" and a number, a newer file a higher number.
@@ -73,6 +73,8 @@ class SqliteOutboxStore final : public OutboxStore {
   bool countersUnkept() const noexcept override;
   bool markLaunchUnsent(bool unsent) noexcept override;
   bool launchUnsent() const noexcept override;
+  int unkeptStarts() const noexcept override;
+  bool markUnkeptStarts(int starts) noexcept override;
 
  private:
   static constexpr const char* kIntakeSuffix = ".intake-";
@@ -80,9 +82,17 @@ class SqliteOutboxStore final : public OutboxStore {
   static constexpr const char* kHealingSuffix = ".healing";
   static constexpr const char* kUnkeptSuffix = ".unkept-counters";
   static constexpr const char* kLaunchUnsentSuffix = ".unkept-launch-unsent";
+  // Beyond this many starts in a row, the count is not kept (the reach would run past the
+  // counters' range long before).
+  static constexpr int kMostUnkeptStarts = 64;
   // Creates or removes the empty file at the store's path plus `suffix`, synced.
   bool setMark(const char* suffix, bool set) noexcept;
   bool setMarkLocked(const char* suffix, bool set) noexcept;
+  bool syncMarks() noexcept;
+  // The file that says `starts` starts in a row gave out unkept counters (from 2 on).
+  std::string startsMark(int starts) const;
+  int unkeptStartsLocked() const;
+  bool removeStartsMarksLocked() noexcept;
   void readMarks() noexcept;
   void remakeMarks() noexcept;
   // The marks this store made or found, and has not removed since; read and changed with the
@@ -90,6 +100,7 @@ class SqliteOutboxStore final : public OutboxStore {
   mutable std::mutex markMutex_;
   mutable std::atomic<bool> countersMarked_{false};
   mutable std::atomic<bool> launchMarked_{false};
+  mutable int startsMarked_ = 0;
 
   // Which guest file the holder was taking, and how much of it, written with the records it
   // took: a holder killed before it removed the file leaves this mark, and the next one takes
