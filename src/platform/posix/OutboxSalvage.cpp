@@ -141,15 +141,18 @@ Salvage salvageFile(const std::string& path) {
       4096, 1024, 2048, 8192, 16384, 32768, 1};  // 1 stands for 65536
   const std::string copy = path + ".salvage";
   Salvage best;
+  // One copy for every page size tried: only its header changes between the tries, and no
+  // connection on it ever writes back (no checkpoint when it closes), so a file of hundreds of
+  // megabytes is copied once, not once a try.
+  std::error_code ec;
+  fs::copy_file(path, copy, fs::copy_options::overwrite_existing, ec);
+  if (ec)
+    return best;
+  fs::remove(copy + "-wal", ec);
+  if (fs::exists(path + "-wal"))
+    fs::copy_file(path + "-wal", copy + "-wal", fs::copy_options::overwrite_existing, ec);
   for (const auto pageSize : kPageSizes) {
-    std::error_code ec;
-    fs::copy_file(path, copy, fs::copy_options::overwrite_existing, ec);
-    if (ec)
-      return best;
-    fs::remove(copy + "-wal", ec);
-    fs::remove(copy + "-shm", ec);
-    if (fs::exists(path + "-wal"))
-      fs::copy_file(path + "-wal", copy + "-wal", fs::copy_options::overwrite_existing, ec);
+    fs::remove(copy + "-shm", ec);  // the log's index as the last try's page size built it
     {
       std::fstream file(copy, std::ios::in | std::ios::out | std::ios::binary);
       std::array<char, 24> header{};
@@ -165,7 +168,8 @@ Salvage salvageFile(const std::string& path) {
       file.write(header.data(), header.size());
     }
     sqlite3* db = nullptr;
-    if (sqlite3_open_v2(copy.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK) {
+    if (sqlite3_open_v2(copy.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK &&
+        sqlite3_db_config(db, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr) == SQLITE_OK) {
       Salvage found = salvageRecords(db);
       // The most records; between equals, the reading that saw the damage (a wrong page size
       // can show an empty table where the right one shows it cut short).
@@ -177,7 +181,6 @@ Salvage salvageFile(const std::string& path) {
     if (!best.records.empty())
       break;
   }
-  std::error_code ec;
   for (const char* suffix : {"", "-wal", "-shm"})
     fs::remove(copy + suffix, ec);
   return best;
