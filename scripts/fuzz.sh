@@ -26,7 +26,7 @@ cmake --build "$tree" --parallel "$(nproc 2>/dev/null || echo 2)" \
 # on two cores and gives every target its full time.
 parallel="${QUORVEL_FUZZ_JOBS:-$(nproc 2>/dev/null || echo 2)}"
 run_target() {
-  local target="$1"
+  local target="$1" seconds="$2" log="build/fuzz/$1${3:+.$3}.log"
   local corpus="build/fuzz/corpus/$target"
   local crashes="build/fuzz/crashes/$target"
   mkdir -p "$corpus" "$crashes"
@@ -35,26 +35,44 @@ run_target() {
   # when ctest replays the corpus under AddressSanitizer, at exit.
   local leaks=1
   case "$target" in service_answers | devserver_request) leaks=0 ;; esac
-  echo "=== fuzz $target for ${seconds}s"
+  echo "=== fuzz $target for ${seconds}s${3:+ (part $3)}"
   if ! "$tree"/fuzz/quorvel_fuzz_"$target" -max_total_time="$seconds" -print_final_stats=1 \
       -detect_leaks="$leaks" -rss_limit_mb=2048 -artifact_prefix="$crashes/" \
       "$corpus" "fuzz/corpus/$target" \
-      2> "build/fuzz/$target.log"; then
-    echo "fuzz $target: FAILED, see build/fuzz/$target.log and $crashes"
+      2> "$log"; then
+    echo "fuzz $target: FAILED, see $log and $crashes"
     return 1
   fi
   # -a: a target's log may hold bytes of the inputs it was fed.
-  grep -a -E "stat::number_of_executed_units|stat::peak_rss_mb" "build/fuzz/$target.log" |
+  grep -a -E "stat::number_of_executed_units|stat::peak_rss_mb" "$log" |
     sed "s/^/$target: /" || true
 }
+# The targets left over for a last round fewer than the cores each run as several processes on
+# their corpus for a share of the time, so that no core idles: every target still gets its
+# seconds of fuzzing, and the step ends sooner.
+runs=()
+left=$((${#targets[@]} % parallel))
+for i in "${!targets[@]}"; do
+  target="${targets[$i]}"
+  parts=1
+  if [ "$left" -gt 0 ] && [ "$i" -ge $((${#targets[@]} - left)) ]; then
+    parts=$((parallel / left))
+  fi
+  if [ "$parts" -le 1 ] || [ $((seconds / parts)) -lt 1 ]; then
+    runs+=("$target $seconds")
+  else
+    for part in $(seq 1 "$parts"); do runs+=("$target $((seconds / parts)) $part"); done
+  fi
+done
 status=0
 running=0
-for target in "${targets[@]}"; do
+for run in "${runs[@]}"; do
   if [ "$running" -ge "$parallel" ]; then
     wait -n || status=1
     running=$((running - 1))
   fi
-  run_target "$target" &
+  # shellcheck disable=SC2086 # a run is its target, its seconds and its part
+  run_target $run &
   running=$((running + 1))
 done
 while [ "$running" -gt 0 ]; do
