@@ -4,7 +4,14 @@
 // columns: the number as the row id, the content as a blob) is left alone.
 #include "platform/posix/OutboxPageScan.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -78,11 +85,19 @@ std::optional<std::uint64_t> varint(const std::uint8_t*& p, const std::uint8_t* 
   return value;
 }
 
-// The database as its file and committed log frames show it: page images by number.
+// The database as its file and committed log frames show it: page images by number. The file's
+// pages are read when asked for and kept until forget(), so that a damaged file of any size
+// costs the memory of the pages in use at once, not of the whole file.
 class PageImage {
  public:
-  explicit PageImage(const std::string& path) : file_(readWhole(path)) {
-    pageSize_ = file_.size() >= kFileHeader ? be16(&file_[16]) : 0;
+  explicit PageImage(const std::string& path)
+      : fd_(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK)) {
+    struct stat st {};
+    if (fd_ >= 0 && ::fstat(fd_, &st) == 0 && S_ISREG(st.st_mode))
+      fileSize_ = static_cast<std::uint64_t>(st.st_size);
+    std::array<std::uint8_t, kFileHeader> header{};
+    if (fileSize_ >= kFileHeader && readAt(0, header.data(), header.size()))
+      pageSize_ = be16(&header[16]);
     pageSize_ = pageSize_ == 1 ? 65536 : pageSize_;
     readLog(readWhole(path + "-wal"));
     if (!validPageSize(pageSize_))
@@ -91,17 +106,50 @@ class PageImage {
 
   std::uint32_t pageSize() const { return pageSize_; }
   std::uint32_t logSize() const { return logSize_; }
-  std::uint32_t filePages() const { return static_cast<std::uint32_t>(file_.size() / pageSize_); }
-
-  // Page `number` (from 1), or nullptr when neither the file nor the log holds it whole.
-  const std::uint8_t* page(std::uint32_t number) const {
-    if (const auto it = logged_.find(number); it != logged_.end())
-      return &log_[it->second];
-    const std::size_t at = static_cast<std::size_t>(number - 1) * pageSize_;
-    return number >= 1 && at + pageSize_ <= file_.size() ? &file_[at] : nullptr;
+  std::uint32_t filePages() const {
+    return static_cast<std::uint32_t>(std::min<std::uint64_t>(fileSize_ / pageSize_, UINT32_MAX));
   }
 
+  PageImage(const PageImage&) = delete;
+  PageImage& operator=(const PageImage&) = delete;
+  ~PageImage() {
+    if (fd_ >= 0)
+      ::close(fd_);
+  }
+
+  // Page `number` (from 1), or nullptr when neither the file nor the log holds it whole. Valid
+  // until forget().
+  const std::uint8_t* page(std::uint32_t number) {
+    if (const auto it = logged_.find(number); it != logged_.end())
+      return &log_[it->second];
+    const std::uint64_t at = std::uint64_t{number - 1} * pageSize_;
+    if (number < 1 || at + pageSize_ > fileSize_)
+      return nullptr;
+    auto [cached, added] = read_.try_emplace(number);
+    if (added) {
+      cached->second.resize(pageSize_);
+      if (!readAt(at, cached->second.data(), pageSize_)) {
+        read_.erase(cached);
+        return nullptr;
+      }
+    }
+    return cached->second.data();
+  }
+
+  void forget() { read_.clear(); }
+
  private:
+  bool readAt(std::uint64_t at, std::uint8_t* into, std::size_t size) const {
+    std::size_t done = 0;
+    while (done < size) {
+      const ssize_t n = ::pread(fd_, into + done, size - done, static_cast<off_t>(at + done));
+      if (n <= 0 && !(n < 0 && errno == EINTR))
+        return false;
+      done += n > 0 ? static_cast<std::size_t>(n) : 0;
+    }
+    return true;
+  }
+
   // The frames of every committed transaction, checked as SQLite checks them (salts and the
   // running checksum): frames of an older log generation or of an unfinished one are ignored.
   void readLog(FileBytes log) {
@@ -151,7 +199,9 @@ class PageImage {
     }
   }
 
-  FileBytes file_;
+  int fd_ = -1;
+  std::uint64_t fileSize_ = 0;
+  std::map<std::uint32_t, FileBytes> read_;  // the file's pages read since the last forget()
   FileBytes log_;
   std::map<std::uint32_t, std::size_t> logged_;  // page number -> offset of its newest image
   std::uint32_t pageSize_ = 0;
@@ -185,6 +235,7 @@ class Scanner {
         ++out.leaves;
       else if (page[0] != kTableInterior)
         unreadable.insert(number);  // damaged, or an overflow page (told apart below)
+      image_.forget();  // the leaf and its overflow chain: nothing of them is needed again
     }
     for (const auto number : overflow_)
       unreadable.erase(number);
