@@ -146,11 +146,16 @@ Salvage salvageFile(const std::string& path) {
   // megabytes is copied once, not once a try.
   std::error_code ec;
   fs::copy_file(path, copy, fs::copy_options::overwrite_existing, ec);
-  if (ec)
-    return best;
-  fs::remove(copy + "-wal", ec);
-  if (fs::exists(path + "-wal"))
+  std::error_code logEc;
+  fs::remove(copy + "-wal", logEc);
+  if (!ec && fs::exists(path + "-wal"))
     fs::copy_file(path + "-wal", copy + "-wal", fs::copy_options::overwrite_existing, ec);
+  if (ec) {
+    for (const char* suffix : {"", "-wal"})
+      fs::remove(copy + suffix, logEc);
+    best.tried = false;
+    return best;
+  }
   for (const auto pageSize : kPageSizes) {
     fs::remove(copy + "-shm", ec);  // the log's index as the last try's page size built it
     {

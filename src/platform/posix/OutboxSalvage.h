@@ -26,6 +26,9 @@ struct Salvage {
   // one process's range (each process numbers its records one after another).
   std::uint64_t lost = 0;
   std::vector<std::pair<std::int64_t, std::int64_t>> gaps;  // unreadable ranges, for the log
+  // False when the file could not be read at all for now (no room for the copy a salvage
+  // reads): its records are unknown, not lost, and the file must stay where it is.
+  bool tried = true;
 };
 
 // Reads the outbox table of `db` one record after another; a damaged page is stepped over by

@@ -37,6 +37,12 @@ bool SqliteOutboxStore::healLocked(std::string& reason) noexcept {
       sqlite3_close_v2(std::exchange(db_, nullptr));
     if (saved.records.empty() && saved.gaps.empty())
       saved = salvageFile(path_);
+    // A disk too full for the copy the salvage reads: healed later, the records kept meanwhile
+    // in the damaged file rather than set aside uncounted.
+    if (!saved.tried) {
+      reason = "no room to read the damaged " + path_ + " back";
+      return false;
+    }
     // The saved records are written whole under another name first, and take the damaged
     // file's place in one rename: a kill at any moment leaves them in one of the two places,
     // and an open finishes a move that a kill cut short.
