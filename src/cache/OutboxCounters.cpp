@@ -76,13 +76,16 @@ std::int64_t Outbox::reachWhileUnreadLocked(const std::string& key) {
   return starts == 0 ? 0 : unkeptReach(key, lockedOut_->launchUnsent(), starts);
 }
 
-// Read once: the count this process raises later is its own.
+// Read once found: the count this process raises later is its own. None found yet (the mark
+// not in sight while the store was out of reach) is looked for again. Bounded so that the
+// reach stays within the counters' range whatever a store says.
 int Outbox::unkeptStartsLocked(const platform::OutboxStore& store) {
-  if (!unkeptStartsRead_) {
+  constexpr int kMostStarts = 100'000;
+  if (unkeptStartsRead_.value_or(0) == 0) {
     const auto* counted = dynamic_cast<const platform::OutboxUnkeptStarts*>(&store);
     unkeptStartsRead_ = !store.countersUnkept() ? 0
-                        : counted != nullptr    ? std::max(counted->unkeptStarts(), 1)
-                                                : 1;
+                        : counted != nullptr ? std::clamp(counted->unkeptStarts(), 1, kMostStarts)
+                                             : 1;
   }
   return *unkeptStartsRead_;
 }

@@ -183,8 +183,8 @@ TEST_F(OutboxStoreTest, TheUnkeptCounterMarksGoTogether) {
   for (const bool destroy : {false, true}) {
     ASSERT_TRUE(store.markCountersUnkept(true));
     ASSERT_TRUE(store.markLaunchUnsent(true));
-    ASSERT_TRUE(store.markUnkeptStarts(3));
-    EXPECT_TRUE(store.countersUnkept() && store.launchUnsent() && store.unkeptStarts() == 3);
+    ASSERT_TRUE(store.markUnkeptStarts(3) && store.markUnkeptStarts(70));
+    EXPECT_TRUE(store.countersUnkept() && store.launchUnsent() && store.unkeptStarts() == 70);
     EXPECT_TRUE(destroy ? store.destroy() : store.markCountersUnkept(false));
     EXPECT_FALSE(store.countersUnkept() || store.launchUnsent() || store.unkeptStarts() != 0);
     ASSERT_TRUE(store.open(reason)) << reason;

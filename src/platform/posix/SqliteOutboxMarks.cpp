@@ -1,8 +1,8 @@
 // The marks beside the outbox database that tell a later start about counters given out while
 // the disk refused them: that some were (`.unkept-counters`), how many starts in a row did
-// (`.unkept-counters-2`, `-3`, ...) and that no launch of them left yet. Each is an empty
-// file: its creation writes no data, so a full disk (or a file size limit) still takes it
-// where it refuses every record.
+// (`.unkept-counters-N` from 2 on, one file renamed upwards) and that no launch of them left
+// yet. Each is an empty file: its creation writes no data, so a full disk (or a file size
+// limit) still takes it where it refuses every record.
 #include "platform/posix/SqliteOutboxStore.h"
 
 #include <fcntl.h>
@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "platform/AtomicFile.h"
 
@@ -60,22 +61,36 @@ std::string SqliteOutboxStore::startsMark(int starts) const {
   return path_ + kUnkeptSuffix + "-" + std::to_string(starts);
 }
 
-// The count's files are made from the lowest up and removed from the highest down, so that
-// one a kill left half made or half removed counts at most too many starts, never too few.
+// The numbers of the count's files in the folder: one, but a kill between the two steps of a
+// raise where a rename cannot be used may leave two, the higher one counting.
+std::vector<int> SqliteOutboxStore::startsMarksLocked() const {
+  const std::filesystem::path base(path_ + kUnkeptSuffix + "-");
+  const std::string prefix = base.filename().string();
+  std::vector<int> found;
+  std::error_code ec;
+  for (std::filesystem::directory_iterator it(base.parent_path(), ec), end; !ec && it != end;
+       it.increment(ec)) {
+    const std::string name = it->path().filename().string();
+    if (name.size() > prefix.size() && name.size() <= prefix.size() + 9 &&
+        name.starts_with(prefix) &&
+        name.find_first_not_of("0123456789", prefix.size()) == std::string::npos)
+      found.push_back(std::stoi(name.substr(prefix.size())));
+  }
+  return found;
+}
+
 int SqliteOutboxStore::unkeptStartsLocked() const {
   if (!exists(path_ + kUnkeptSuffix))
     return 0;
-  int starts = 1;
-  while (starts < kMostUnkeptStarts && exists(startsMark(starts + 1)))
-    ++starts;
-  return starts;
+  const auto found = startsMarksLocked();
+  return std::max({1, found.empty() ? 1 : *std::max_element(found.begin(), found.end())});
 }
 
 bool SqliteOutboxStore::removeStartsMarksLocked() noexcept {
   if (inheritedByFork())
     return true;
   try {
-    for (int starts = unkeptStartsLocked(); starts >= 2; --starts)
+    for (const int starts : startsMarksLocked())
       if (::unlink(startsMark(starts).c_str()) != 0 && errno != ENOENT)
         return false;
   } catch (...) {
@@ -112,9 +127,8 @@ int SqliteOutboxStore::unkeptStarts() const noexcept {
   }
 }
 
+// A rename raises the count in one step: a kill leaves the old count or the new one.
 bool SqliteOutboxStore::markUnkeptStarts(int starts) noexcept {
-  if (starts > kMostUnkeptStarts)
-    return false;
   const std::lock_guard lock(markMutex_);
   if (inheritedByFork())
     return false;
@@ -122,9 +136,11 @@ bool SqliteOutboxStore::markUnkeptStarts(int starts) noexcept {
     if (starts >= 1 && !makeEmptyFile(path_ + kUnkeptSuffix))
       return false;
     countersMarked_ = countersMarked_ || starts >= 1;
-    for (int made = 2; made <= starts; ++made)
-      if (!exists(startsMark(made)) && !makeEmptyFile(startsMark(made)))
-        return false;
+    const int had = unkeptStartsLocked();
+    if (starts >= 2 && had < starts &&
+        (had >= 2 ? ::rename(startsMark(had).c_str(), startsMark(starts).c_str()) != 0
+                  : !makeEmptyFile(startsMark(starts))))
+      return false;
   } catch (...) {
     return false;
   }
@@ -163,8 +179,8 @@ void SqliteOutboxStore::remakeMarks() noexcept {
   if (countersMarked_ && launchMarked_)
     setMarkLocked(kLaunchUnsentSuffix, true);
   try {
-    for (int made = 2; countersMarked_ && made <= startsMarked_; ++made)
-      makeEmptyFile(startsMark(made));
+    if (countersMarked_ && startsMarked_ >= 2)
+      makeEmptyFile(startsMark(startsMarked_));
   } catch (...) {
   }
 }

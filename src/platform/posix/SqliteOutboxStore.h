@@ -82,9 +82,6 @@ class SqliteOutboxStore final : public OutboxStore, public OutboxUnkeptStarts {
   static constexpr const char* kHealingSuffix = ".healing";
   static constexpr const char* kUnkeptSuffix = ".unkept-counters";
   static constexpr const char* kLaunchUnsentSuffix = ".unkept-launch-unsent";
-  // Beyond this many starts in a row, the count is not kept (the reach would run past the
-  // counters' range long before).
-  static constexpr int kMostUnkeptStarts = 64;
   // Creates or removes the empty file at the store's path plus `suffix`, synced.
   bool setMark(const char* suffix, bool set) noexcept;
   bool setMarkLocked(const char* suffix, bool set) noexcept;
@@ -92,6 +89,7 @@ class SqliteOutboxStore final : public OutboxStore, public OutboxUnkeptStarts {
   // The file that says `starts` starts in a row gave out unkept counters (from 2 on).
   std::string startsMark(int starts) const;
   int unkeptStartsLocked() const;
+  std::vector<int> startsMarksLocked() const;
   bool removeStartsMarksLocked() noexcept;
   void readMarks() noexcept;
   void remakeMarks() noexcept;
