@@ -224,6 +224,7 @@ struct Burst {
   double processCpu = 0;  // all threads, first call to last answer
   double pollCpu = 0;     // of which the benchmark's thread spent waiting and counting
   long peakKiB = -1;
+  long peakAnonKiB = 0;  // the largest anonymous part seen at the polls
   long maxThreads = 0;
 };
 
@@ -247,6 +248,7 @@ Burst burst(const Options& o, quorvel::QuorvelTracker& tracker,
   const long long expected = deliveredBefore + o.events;
   while ((b.arrived = server.delivered()) < expected && Clock::now() < deadline) {
     b.maxThreads = std::max(b.maxThreads, libraryThreads());
+    b.peakAnonKiB = std::max(b.peakAnonKiB, statusKiB("RssAnon"));
     std::this_thread::sleep_for(20ms);
   }
   b.arrived -= deliveredBefore;
@@ -264,6 +266,7 @@ Burst burst(const Options& o, quorvel::QuorvelTracker& tracker,
 int run(const Options& o, const fs::path& root) {
   quorvel::bench::Devserver server(o.devserver, root / "server", kApp, kDevKey);
   const long rssStart = statusKiB("VmRSS");
+  const long anonStart = statusKiB("RssAnon");
   quorvel::PosixPlatformOptions options;
   options.bundleIdentifier = "com.quorvel.cost";
   options.dataDirectory = (root / "app").string();
@@ -284,6 +287,7 @@ int run(const Options& o, const fs::path& root) {
     return 1;
   }
   const long rssLaunched = statusKiB("VmRSS");
+  const long anonLaunched = statusKiB("RssAnon");
 
   const Lone lone = loneCalls(o, tracker);
   const std::vector<double> spaced = spacedCalls(o, tracker);
@@ -311,6 +315,11 @@ int run(const Options& o, const fs::path& root) {
   std::printf("  RSS added by the tracker + one launch   %+.1f MB (%.1f -> %.1f MB)\n",
               static_cast<double>(rssLaunched - rssStart) / 1024.0,
               static_cast<double>(rssStart) / 1024.0, static_cast<double>(rssLaunched) / 1024.0);
+  // The rest of the RSS is pages of the shared libraries' files touched (code and read-only
+  // data: clean, shared with other processes, given back under memory pressure).
+  std::printf("    of which anonymous (the heap, stacks)  %+.1f MB (%.1f -> %.1f MB)\n",
+              static_cast<double>(anonLaunched - anonStart) / 1024.0,
+              static_cast<double>(anonStart) / 1024.0, static_cast<double>(anonLaunched) / 1024.0);
   std::printf(
       "  idle %d s, after its first: wake-ups   %ld (CPU %.1f ms); library threads at its end "
       "%ld\n",
@@ -338,8 +347,9 @@ int run(const Options& o, const fs::path& root) {
         "polling)\n",
         b.processCpu * perEvent, (b.processCpu - b.pollCpu) * perEvent);
     if (b.peakKiB >= 0)
-      std::printf("  peak RSS in the burst                   %.1f MB\n",
-                  static_cast<double>(b.peakKiB) / 1024.0);
+      std::printf("  peak RSS in the burst                   %.1f MB (anonymous at most %.1f MB)\n",
+                  static_cast<double>(b.peakKiB) / 1024.0,
+                  static_cast<double>(b.peakAnonKiB) / 1024.0);
     else
       std::printf("  peak RSS in the burst                   (cannot reset the peak here)\n");
     std::printf("  library threads in the burst            at most %ld\n", b.maxThreads);
