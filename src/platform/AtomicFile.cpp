@@ -119,8 +119,11 @@ std::optional<std::string> readTextFile(const std::string& path, std::size_t max
   // Without O_NONBLOCK a FIFO put in the file's place would hold this thread in open() until
   // some process writes to it; a regular file reads the same either way.
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (fd < 0)
+  if (fd < 0) {
+    if (errno == ENXIO)
+      errno = EINVAL;  // a socket, or a device with nothing behind it: no file of ours either
     return std::nullopt;
+  }
   const auto fail = [fd](int err) -> std::optional<std::string> {
     ::close(fd);
     errno = err;

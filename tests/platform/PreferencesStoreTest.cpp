@@ -1,7 +1,10 @@
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <sstream>
@@ -94,7 +97,15 @@ TEST_F(PreferencesStoreTest, CorruptOrForeignFileIsLoggedKeptAsideAndReplaced) {
                         {"[1,2]", {}},
                         {std::string(100'000, '[') + std::string(100'000, ']'), {}},
                         {"", [&] { ASSERT_EQ(::mkfifo(file().c_str(), 0600), 0); }},
-                        {"", [&] { std::filesystem::create_symlink("/dev/zero", file()); }}};
+                        {"", [&] { std::filesystem::create_symlink("/dev/zero", file()); }},
+                        {"", [&] {  // a socket: its file stays once the descriptor closed
+                           sockaddr_un at{};
+                           at.sun_family = AF_UNIX;
+                           std::strncpy(at.sun_path, file().c_str(), sizeof at.sun_path - 1);
+                           const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+                           ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&at), sizeof at), 0);
+                           ::close(fd);
+                         }}};
   for (const auto& c : cases) {
     std::filesystem::remove(file());
     if (c.make)
