@@ -347,6 +347,8 @@ int runEmulator(const Options& o, const fs::path& root) {
     curl_multi_add_handle(multi, e);
     ++started;
   };
+  rusage before{};
+  getrusage(RUSAGE_SELF, &before);
   const auto start = Clock::now();
   for (long i = 0; i < connections && started < total; ++i)
     add();
@@ -367,11 +369,20 @@ int runEmulator(const Options& o, const fs::path& root) {
       curl_multi_poll(multi, nullptr, 0, 100, nullptr);
   }
   const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  rusage after{};
+  getrusage(RUSAGE_SELF, &after);
+  const auto cpu = [](const rusage& u) {
+    return static_cast<double>(u.ru_utime.tv_sec + u.ru_stime.tv_sec) +
+           static_cast<double>(u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
+  };
   curl_multi_cleanup(multi);
   const quorvel::Json stats = server.stats();
   std::printf("quorvel-devserver alone: %d requests over kept-alive HTTP/1.1 from one client\n",
               total);
   std::printf("  requests/s                %.0f (%.2f s)\n", total / seconds, seconds);
+  // What sending alone costs a client (libcurl, TLS, the kernel): the floor under the
+  // library's CPU per event, which sends one such request per event.
+  std::printf("  client CPU per request    %.1f us\n", (cpu(after) - cpu(before)) * 1e6 / total);
   std::printf("  connections               %s\n",
               stats.is_object() ? stats["connections"].dump().c_str() : "(unknown)");
   std::fflush(stdout);
