@@ -184,6 +184,30 @@ struct Lone {
   LibraryUse calls;  // from the first call to a gap after the last
 };
 
+// The machine's own floor under a lone call: the same timing after the same gaps around a call
+// that only returns, and around one that allocates and frees 64 bytes. After a sleep, a call
+// pays for the caches and address translations the sleep lost, whatever it does.
+[[gnu::noinline]] void doNothing() {
+  asm volatile("");
+}
+[[gnu::noinline]] void allocateAndFree() {
+  void* volatile block = std::malloc(64);
+  std::free(block);
+}
+std::pair<double, double> loneCallFloor(const Options& o) {
+  std::vector<double> empty;
+  std::vector<double> allocation;
+  for (int i = 0; i < std::min(o.calls, 30); ++i) {
+    for (auto [call, into] : {std::pair{&doNothing, &empty}, {&allocateAndFree, &allocation}}) {
+      const auto before = Clock::now();
+      call();
+      into->push_back(std::chrono::duration<double, std::nano>(Clock::now() - before).count());
+      std::this_thread::sleep_for(std::chrono::milliseconds(o.gapMs));
+    }
+  }
+  return {percentile(empty, 0.5), percentile(allocation, 0.5)};
+}
+
 // Each call after the library's threads went idle again (the intake stops watching 1 s after
 // the last call): what a host that reports now and then pays.
 std::vector<double> spacedCalls(const Options& o, quorvel::QuorvelTracker& tracker) {
@@ -290,6 +314,7 @@ int run(const Options& o, const fs::path& root) {
   const long anonLaunched = statusKiB("RssAnon");
 
   const Lone lone = loneCalls(o, tracker);
+  const auto [emptyFloor, allocationFloor] = loneCallFloor(o);
   const std::vector<double> spaced = spacedCalls(o, tracker);
   const long long afterLone = awaitDelivered(server, 1 + o.calls + o.spaced,
                                              Clock::now() + std::chrono::seconds(o.boundSeconds));
@@ -328,6 +353,9 @@ int run(const Options& o, const fs::path& root) {
       "  lone trackEvent (%d calls %d ms apart)  median %.0f ns, p99 %.0f ns, max %.0f ns\n",
       o.calls, o.gapMs, percentile(lone.ns, 0.5), percentile(lone.ns, 0.99),
       percentile(lone.ns, 1.0));
+  std::printf(
+      "    the same around an empty call         median %.0f ns; a malloc and free, %.0f ns\n",
+      emptyFloor, allocationFloor);
   std::printf(
       "  library wake-ups per lone call          %.2f (CPU %.1f us per call); %lld of %d "
       "lone and spaced calls delivered\n",
