@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <array>
 
 #include <cerrno>
 #include <cstdint>
@@ -138,14 +139,14 @@ std::optional<std::string> readTextFile(const std::string& path, std::size_t max
   if (status.st_size > 0 && static_cast<std::uint64_t>(status.st_size) > maxBytes)
     return fail(EFBIG);
   std::string content;
-  char chunk[8192];
+  std::array<char, 8192> chunk{};
   for (;;) {
-    const ssize_t n = ::read(fd, chunk, sizeof chunk);
+    const ssize_t n = ::read(fd, chunk.data(), chunk.size());
     if (n > 0) {
       // Files of /proc and /sys say size 0 and still have content: bounded as they are read.
       if (content.size() + static_cast<std::size_t>(n) > maxBytes)
         return fail(EFBIG);
-      content.append(chunk, static_cast<std::size_t>(n));
+      content.append(chunk.data(), static_cast<std::size_t>(n));
     } else if (n == 0) {
       break;
     } else if (errno != EINTR) {

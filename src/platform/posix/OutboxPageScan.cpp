@@ -96,8 +96,10 @@ class PageImage {
     if (fd_ >= 0 && ::fstat(fd_, &st) == 0 && S_ISREG(st.st_mode))
       fileSize_ = static_cast<std::uint64_t>(st.st_size);
     std::array<std::uint8_t, kFileHeader> header{};
-    if (fileSize_ >= kFileHeader && readAt(0, header.data(), header.size()))
-      pageSize_ = be16(&header[16]);
+    if (fileSize_ >= kFileHeader && readAt(0, header.data(), header.size())) {
+      named_ = std::memcmp(header.data(), "SQLite format 3", 16) == 0;
+      pageSize_ = named_ ? be16(&header[16]) : 0;  // else the log's, or the outbox's 4096
+    }
     pageSize_ = pageSize_ == 1 ? 65536 : pageSize_;
     readLog(readWhole(path + "-wal"));
     if (!validPageSize(pageSize_))
@@ -106,6 +108,10 @@ class PageImage {
 
   std::uint32_t pageSize() const { return pageSize_; }
   std::uint32_t logSize() const { return logSize_; }
+  // Whether the header still starts with the format's name: if not, its other fixed fields
+  // (the page size, the bytes reserved at each page's end) are not believed either.
+  bool named() const { return named_; }
+  std::uint32_t highestLogged() const { return logged_.empty() ? 0 : logged_.rbegin()->first; }
   std::uint32_t filePages() const {
     return static_cast<std::uint32_t>(std::min<std::uint64_t>(fileSize_ / pageSize_, UINT32_MAX));
   }
@@ -201,6 +207,7 @@ class PageImage {
 
   int fd_ = -1;
   std::uint64_t fileSize_ = 0;
+  bool named_ = false;
   std::map<std::uint32_t, FileBytes> read_;  // the file's pages read since the last forget()
   FileBytes log_;
   std::map<std::uint32_t, std::size_t> logged_;  // page number -> offset of its newest image
@@ -217,12 +224,19 @@ class Scanner {
     const std::uint8_t* first = image_.page(1);
     if (first == nullptr)
       return out;
-    usable_ = image_.pageSize() - first[20];
+    // The outbox reserves no bytes at a page's end: a damaged header's count is not read.
+    usable_ = image_.pageSize() - (image_.named() ? first[20] : 0);
     if (usable_ < 480 || !readSize(first) || !readFreelist(first))
       return out;
     out.trusted = true;
+    // A size beyond what the file and the log hold (a file cut short, or a damaged size field)
+    // is one unreadable stretch, not a lost page for each number it names.
+    const std::uint32_t held = std::max(image_.filePages(), image_.highestLogged());
+    const bool cutShort = pages_ > held;
+    pages_ = std::min(pages_, held);
     std::map<std::int64_t, std::string> found;
     std::set<std::uint32_t> unreadable;
+    std::uint32_t lastWritten = 0;  // zeroed pages after it are the file's unused end
     for (std::uint32_t number = 2; number <= pages_; ++number) {
       if (free_.count(number) > 0)
         continue;
@@ -231,6 +245,9 @@ class Scanner {
         unreadable.insert(number);  // past the end of a file cut short
         continue;
       }
+      const bool zeroed =
+          std::all_of(page, page + image_.pageSize(), [](std::uint8_t byte) { return byte == 0; });
+      lastWritten = zeroed ? lastWritten : number;
       if (page[0] == kTableLeaf && readLeaf(page, found))
         ++out.leaves;
       else if (page[0] != kTableInterior)
@@ -239,7 +256,8 @@ class Scanner {
     }
     for (const auto number : overflow_)
       unreadable.erase(number);
-    out.unreadablePages = unreadable.size();
+    unreadable.erase(unreadable.upper_bound(lastWritten), unreadable.end());
+    out.unreadablePages = unreadable.size() + (cutShort ? 1 : 0);
     for (auto& [id, content] : found) {
       damaged_.erase(id);
       out.records.push_back({id, std::move(content)});
@@ -279,7 +297,7 @@ class Scanner {
       if (leaves > usable_ / 4 - 2 || free_.size() + leaves > count)
         return false;
       for (std::uint32_t i = 0; i < leaves; ++i) {
-        if (!add(be32(page + 8 + 4 * i)))
+        if (!add(be32(page + 8 + std::size_t{4} * i)))
           return false;
       }
       trunk = be32(page);
@@ -294,7 +312,7 @@ class Scanner {
     if (8 + 2 * cells > usable_)
       return false;
     for (std::uint32_t i = 0; i < cells; ++i) {
-      const std::uint32_t at = be16(page + 8 + 2 * i);
+      const std::uint32_t at = be16(page + 8 + std::size_t{2} * i);
       if (at < 8 + 2 * cells || at >= usable_)
         continue;
       std::string payload;
@@ -387,10 +405,10 @@ PageScan scanPages(const std::string& path) {
   }
 }
 
-void completeFromPages(const std::string& path, Salvage& salvage) {
+bool completeFromPages(const std::string& path, Salvage& salvage) {
   PageScan scan = scanPages(path);
   if (!scan.trusted)
-    return;
+    return false;
   try {
     std::map<std::int64_t, std::string> merged;
     for (auto& record : scan.records)
@@ -405,13 +423,14 @@ void completeFromPages(const std::string& path, Salvage& salvage) {
       records.push_back({id, std::move(content)});
     salvage.records = std::move(records);
   } catch (...) {
-    return;  // out of memory: what seeking read stands
+    return true;  // out of memory: what seeking read stands
   }
   // A page that could not be read held about as many records as a leaf does on average.
   const std::uint64_t perLeaf =
       scan.leaves == 0 ? 1 : std::max<std::uint64_t>(1, salvage.records.size() / scan.leaves);
   salvage.lost =
       std::max<std::uint64_t>(salvage.gaps.empty() ? 0 : 1, scan.unreadablePages * perLeaf);
+  return true;
 }
 
 }  // namespace quorvel::platform

@@ -35,7 +35,8 @@ struct Salvage;
 
 // Completes a salvage with what the page scan finds that seeking missed (below a damaged
 // interior page), drops what it read from overwritten overflow pages, and estimates what was
-// lost from the pages that could not be read.
-void completeFromPages(const std::string& path, Salvage& salvage);
+// lost from the pages that could not be read. False when the pages could not be told apart
+// (see PageScan::trusted): the salvage is then left as it was.
+bool completeFromPages(const std::string& path, Salvage& salvage);
 
 }  // namespace quorvel::platform

@@ -7,6 +7,7 @@
 
 #include <sqlite3.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -135,6 +136,25 @@ Salvage salvageRecords(sqlite3* db) {
   return out;
 }
 
+namespace {
+
+// Room for a copy of the database and its log, with some to spare for the host.
+bool roomForCopy(const std::string& path) {
+  constexpr std::uint64_t kSpare = std::uint64_t{16} << 20;
+  struct stat file {};
+  struct stat log {};
+  struct statvfs disk {};
+  if (::stat(path.c_str(), &file) != 0 ||
+      ::statvfs(std::filesystem::path(path).parent_path().c_str(), &disk) != 0)
+    return true;  // unknown: the copy itself tells
+  const auto logSize = ::stat((path + "-wal").c_str(), &log) == 0 ? log.st_size : 0;
+  const std::uint64_t needed =
+      static_cast<std::uint64_t>(file.st_size) + static_cast<std::uint64_t>(logSize) + kSpare;
+  return static_cast<std::uint64_t>(disk.f_bavail) * disk.f_frsize >= needed;
+}
+
+}  // namespace
+
 Salvage salvageFile(const std::string& path) {
   namespace fs = std::filesystem;
   static constexpr std::array<std::uint16_t, 7> kPageSizes = {
@@ -143,9 +163,13 @@ Salvage salvageFile(const std::string& path) {
   Salvage best;
   // One copy for every page size tried: only its header changes between the tries, and no
   // connection on it ever writes back (no checkpoint when it closes), so a file of hundreds of
-  // megabytes is copied once, not once a try.
+  // megabytes is copied once, not once a try. Never where it would fill the disk: the host's
+  // own writes would fail meanwhile.
   std::error_code ec;
-  fs::copy_file(path, copy, fs::copy_options::overwrite_existing, ec);
+  if (roomForCopy(path))
+    fs::copy_file(path, copy, fs::copy_options::overwrite_existing, ec);
+  else
+    ec = std::make_error_code(std::errc::no_space_on_device);
   std::error_code logEc;
   fs::remove(copy + "-wal", logEc);
   if (!ec && fs::exists(path + "-wal"))
@@ -153,7 +177,10 @@ Salvage salvageFile(const std::string& path) {
   if (ec) {
     for (const char* suffix : {"", "-wal"})
       fs::remove(copy + suffix, logEc);
-    best.tried = false;
+    // Without a copy, the pages are read where they are: the scan needs no header but the
+    // page's own, nor any room. Only when it cannot tell the pages apart is the file left to a
+    // later try.
+    best.tried = completeFromPages(path, best);
     return best;
   }
   for (const auto pageSize : kPageSizes) {
@@ -214,8 +241,12 @@ bool writeFreshDatabase(const std::string& file, const std::vector<OutboxRecord>
   }
   done = done && exec("COMMIT");
   sqlite3_close_v2(db);
-  if (done)
+  if (done) {
     ::chmod(file.c_str(), 0600);
+  } else {
+    for (const char* suffix : {"", "-journal", "-wal", "-shm"})
+      std::filesystem::remove(file + suffix, ec);  // a part written would only take room
+  }
   return done;
 }
 

@@ -84,6 +84,7 @@ bool SqliteOutboxStore::startIntakeLocked(std::string& reason) {
     inDatabase = sqlite3_column_int64(newest.get(), 0);
   }
   const std::uint64_t onDisk = toAdopt_.empty() ? 0 : toAdopt_.back().first;
+  inDatabase = std::max(inDatabase, salvagedHighest_);  // a damaged file not healed yet
   const std::uint64_t fromDatabase =
       inDatabase > 0 ? static_cast<std::uint64_t>(inDatabase) >> kIdShift : 0;
   // Above this store's own earlier files too: files opened again after the folder was emptied

@@ -231,8 +231,17 @@ bool SqliteOutboxStore::open(std::string& reason) noexcept {
         ::access(path_.c_str(), F_OK) != 0 && ::access(healing.c_str(), F_OK) == 0)
       ::rename(healing.c_str(), path_.c_str());
     bool opened = openDatabaseLocked(reason);
-    if (!opened && damage_ != 0)
+    if (!opened && damage_ != 0) {
+      salvagedHighest_ = -1;
       opened = healLocked(reason);
+      // Read but not healed (no room to write the saved records): the intake takes the batches
+      // meanwhile, as when damage is met later, numbered above every record the damaged file
+      // holds, and the healing is tried again at later syncs.
+      if (!opened && damage_ != 0 && salvagedHighest_ >= 0) {
+        waitToHealLocked(reason);
+        opened = true;
+      }
+    }
     if (opened && startIntakeLocked(reason)) {
       readMarks();  // so that a folder emptied before the first look at them makes them again
       return true;
