@@ -229,14 +229,18 @@ class Scanner {
     if (usable_ < 480 || !readSize(first) || !readFreelist(first))
       return out;
     out.trusted = true;
-    // A size beyond what the file and the log hold (a file cut short, or a damaged size field)
-    // is one unreadable stretch, not a lost page for each number it names.
+    // Pages beyond what the file and the log hold (a file cut short, or a damaged size field)
+    // are counted, not read one by one; bounded, so that a damaged size says no more than a
+    // gap estimate does.
     const std::uint32_t held = std::max(image_.filePages(), image_.highestLogged());
-    const bool cutShort = pages_ > held;
+    const std::uint32_t missing = pages_ > held ? std::min(pages_ - held, kMostMissingPages) : 0;
     pages_ = std::min(pages_, held);
     std::map<std::int64_t, std::string> found;
     std::set<std::uint32_t> unreadable;
-    std::uint32_t lastWritten = 0;  // zeroed pages after it are the file's unused end
+    // Where the size comes from the file's length alone (the header's is not believed), zeroed
+    // pages after the last written one are the file's unused end; within a size the database
+    // recorded, every page is in use and a zeroed one is lost.
+    std::uint32_t lastWritten = sizeFromFile_ ? 0 : pages_;
     for (std::uint32_t number = 2; number <= pages_; ++number) {
       if (free_.count(number) > 0)
         continue;
@@ -247,7 +251,7 @@ class Scanner {
       }
       const bool zeroed =
           std::all_of(page, page + image_.pageSize(), [](std::uint8_t byte) { return byte == 0; });
-      lastWritten = zeroed ? lastWritten : number;
+      lastWritten = zeroed ? lastWritten : std::max(lastWritten, number);
       if (page[0] == kTableLeaf && readLeaf(page, found))
         ++out.leaves;
       else if (page[0] != kTableInterior)
@@ -257,7 +261,7 @@ class Scanner {
     for (const auto number : overflow_)
       unreadable.erase(number);
     unreadable.erase(unreadable.upper_bound(lastWritten), unreadable.end());
-    out.unreadablePages = unreadable.size() + (cutShort ? 1 : 0);
+    out.unreadablePages = unreadable.size() + missing;
     for (auto& [id, content] : found) {
       damaged_.erase(id);
       out.records.push_back({id, std::move(content)});
@@ -273,7 +277,8 @@ class Scanner {
     pages_ = image_.logSize();
     if (pages_ == 0 && be32(first + 92) == be32(first + 24))
       pages_ = be32(first + 28);
-    if (pages_ == 0)
+    sizeFromFile_ = pages_ == 0;
+    if (sizeFromFile_)
       pages_ = image_.filePages();
     return pages_ >= 1 && pages_ <= kMaxPages &&
            (first[100] == kTableLeaf || first[100] == kTableInterior);
@@ -387,7 +392,9 @@ class Scanner {
     return payload.substr(*headerSize);
   }
 
+  static constexpr std::uint32_t kMostMissingPages = 100'000;
   PageImage image_;
+  bool sizeFromFile_ = false;
   std::uint32_t usable_ = 0;
   std::uint32_t pages_ = 0;
   std::set<std::uint32_t> free_;

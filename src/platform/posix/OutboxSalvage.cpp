@@ -177,10 +177,9 @@ Salvage salvageFile(const std::string& path) {
   if (ec) {
     for (const char* suffix : {"", "-wal"})
       fs::remove(copy + suffix, logEc);
-    // Without a copy, the pages are read where they are: the scan needs no header but the
-    // page's own, nor any room. Only when it cannot tell the pages apart is the file left to a
-    // later try.
-    best.tried = completeFromPages(path, best);
+    // Read later, when there is room: a reading of the damaged file in place takes its
+    // damaged header's word for the page size, and a wrong one would leave most records behind.
+    best.tried = false;
     return best;
   }
   for (const auto pageSize : kPageSizes) {

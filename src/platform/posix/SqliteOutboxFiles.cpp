@@ -85,8 +85,19 @@ bool SqliteOutboxStore::startIntakeLocked(std::string& reason) {
   }
   const std::uint64_t onDisk = toAdopt_.empty() ? 0 : toAdopt_.back().first;
   inDatabase = std::max(inDatabase, salvagedHighest_);  // a damaged file not healed yet
-  const std::uint64_t fromDatabase =
+  std::uint64_t fromDatabase =
       inDatabase > 0 ? static_cast<std::uint64_t>(inDatabase) >> kIdShift : 0;
+  // A damaged database not read back: each process numbered from the one before it, so a
+  // number from the clock (seconds since 2020) is above every one it can hold, whatever part of
+  // it a reading missed. Later processes number on from this one.
+  if (unhealedAtOpen_) {
+    constexpr std::int64_t k2020 = 1'577'836'800;
+    const auto now = std::chrono::duration_cast<std::chrono::seconds>(
+                         std::chrono::system_clock::now().time_since_epoch())
+                         .count();
+    fromDatabase = std::max<std::uint64_t>(
+        fromDatabase, static_cast<std::uint64_t>(std::max<std::int64_t>(now - k2020, 0)));
+  }
   // Above this store's own earlier files too: files opened again after the folder was emptied
   // under it hold records numbered from those.
   intakeNumber_ = std::max({onDisk, fromDatabase, intakeNumber_}) + 1;

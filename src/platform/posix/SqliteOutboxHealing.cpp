@@ -43,7 +43,6 @@ bool SqliteOutboxStore::healLocked(std::string& reason) noexcept {
       reason = "no room to read the damaged " + path_ + " back";
       return false;
     }
-    salvagedHighest_ = 0;
     for (const auto& record : saved.records)
       salvagedHighest_ = std::max(salvagedHighest_, record.id);
     // The saved records are written whole under another name first, and take the damaged

@@ -225,6 +225,8 @@ bool SqliteOutboxStore::open(std::string& reason) noexcept {
   const std::lock_guard lock(intakeMutex_);
   try {
     damage_ = 0;
+    salvagedHighest_ = -1;
+    unhealedAtOpen_ = false;
     // A healing that a kill cut short between its two renames: the saved records take the
     // place the damaged file left.
     if (const std::string healing = path_ + kHealingSuffix;
@@ -232,12 +234,13 @@ bool SqliteOutboxStore::open(std::string& reason) noexcept {
       ::rename(healing.c_str(), path_.c_str());
     bool opened = openDatabaseLocked(reason);
     if (!opened && damage_ != 0) {
-      salvagedHighest_ = -1;
       opened = healLocked(reason);
-      // Read but not healed (no room to write the saved records): the intake takes the batches
-      // meanwhile, as when damage is met later, numbered above every record the damaged file
-      // holds, and the healing is tried again at later syncs.
-      if (!opened && damage_ != 0 && salvagedHighest_ >= 0) {
+      // Not healed now (no room to read it back or to write what was saved): the intake takes
+      // the batches meanwhile, as when damage is met later, and the healing is tried again at
+      // later syncs. Its records are numbered above any the damaged file may hold, which are
+      // not all known: see startIntakeLocked().
+      if (!opened && damage_ != 0) {
+        unhealedAtOpen_ = true;
         waitToHealLocked(reason);
         opened = true;
       }
