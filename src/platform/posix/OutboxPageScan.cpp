@@ -230,10 +230,9 @@ class Scanner {
       return out;
     out.trusted = true;
     // Pages beyond what the file and the log hold (a file cut short, or a damaged size field)
-    // are counted, not read one by one; bounded, so that a damaged size says no more than a
-    // gap estimate does.
+    // are counted, not read one by one.
     const std::uint32_t held = std::max(image_.filePages(), image_.highestLogged());
-    const std::uint32_t missing = pages_ > held ? std::min(pages_ - held, kMostMissingPages) : 0;
+    out.missingPages = pages_ > held ? pages_ - held : 0;
     pages_ = std::min(pages_, held);
     std::map<std::int64_t, std::string> found;
     std::set<std::uint32_t> unreadable;
@@ -261,7 +260,7 @@ class Scanner {
     for (const auto number : overflow_)
       unreadable.erase(number);
     unreadable.erase(unreadable.upper_bound(lastWritten), unreadable.end());
-    out.unreadablePages = unreadable.size() + missing;
+    out.unreadablePages = unreadable.size();
     for (auto& [id, content] : found) {
       damaged_.erase(id);
       out.records.push_back({id, std::move(content)});
@@ -392,7 +391,6 @@ class Scanner {
     return payload.substr(*headerSize);
   }
 
-  static constexpr std::uint32_t kMostMissingPages = 100'000;
   PageImage image_;
   bool sizeFromFile_ = false;
   std::uint32_t usable_ = 0;
@@ -437,6 +435,10 @@ bool completeFromPages(const std::string& path, Salvage& salvage) {
       scan.leaves == 0 ? 1 : std::max<std::uint64_t>(1, salvage.records.size() / scan.leaves);
   salvage.lost =
       std::max<std::uint64_t>(salvage.gaps.empty() ? 0 : 1, scan.unreadablePages * perLeaf);
+  // Bounded as a gap estimate is: a size field damaged to a huge number says nothing of the
+  // records lost.
+  constexpr std::uint64_t kMostMissing = 100'000;
+  salvage.lost += std::min(scan.missingPages * perLeaf, kMostMissing);
   return true;
 }
 

@@ -24,6 +24,7 @@ struct PageScan {
   std::set<std::int64_t> damaged;
   std::uint64_t leaves = 0;           // table-leaf pages read
   std::uint64_t unreadablePages = 0;  // in use, but neither a page of the table nor free
+  std::uint64_t missingPages = 0;     // named by the database's size, beyond the file's end
 };
 
 // Every record on the table-leaf pages in use in the database at `path`, as its committed

@@ -84,19 +84,21 @@ bool SqliteOutboxStore::startIntakeLocked(std::string& reason) {
     inDatabase = sqlite3_column_int64(newest.get(), 0);
   }
   const std::uint64_t onDisk = toAdopt_.empty() ? 0 : toAdopt_.back().first;
-  inDatabase = std::max(inDatabase, salvagedHighest_);  // a damaged file not healed yet
   std::uint64_t fromDatabase =
       inDatabase > 0 ? static_cast<std::uint64_t>(inDatabase) >> kIdShift : 0;
-  // A damaged database not read back: each process numbered from the one before it, so a
-  // number from the clock (seconds since 2020) is above every one it can hold, whatever part of
-  // it a reading missed. Later processes number on from this one.
+  // A damaged database not read back: each process numbered from the one before it, one
+  // number a start, so a number past 2^29 is above every one it can hold, whatever part of it
+  // a reading missed; the clock's seconds since 2020 (bounded) set two such starts apart.
+  // Later processes number on from this one.
   if (unhealedAtOpen_) {
     constexpr std::int64_t k2020 = 1'577'836'800;
+    constexpr std::uint64_t kUnhealedBase = std::uint64_t{1} << 29;
     const auto now = std::chrono::duration_cast<std::chrono::seconds>(
                          std::chrono::system_clock::now().time_since_epoch())
                          .count();
-    fromDatabase = std::max<std::uint64_t>(
-        fromDatabase, static_cast<std::uint64_t>(std::max<std::int64_t>(now - k2020, 0)));
+    const auto since2020 = static_cast<std::uint64_t>(
+        std::clamp<std::int64_t>(now - k2020, 0, (std::int64_t{1} << 28) - 1));
+    fromDatabase = std::max(fromDatabase, kUnhealedBase + since2020);
   }
   // Above this store's own earlier files too: files opened again after the folder was emptied
   // under it hold records numbered from those.

@@ -43,8 +43,6 @@ bool SqliteOutboxStore::healLocked(std::string& reason) noexcept {
       reason = "no room to read the damaged " + path_ + " back";
       return false;
     }
-    for (const auto& record : saved.records)
-      salvagedHighest_ = std::max(salvagedHighest_, record.id);
     // The saved records are written whole under another name first, and take the damaged
     // file's place in one rename: a kill at any moment leaves them in one of the two places,
     // and an open finishes a move that a kill cut short.

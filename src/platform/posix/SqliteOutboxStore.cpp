@@ -225,7 +225,6 @@ bool SqliteOutboxStore::open(std::string& reason) noexcept {
   const std::lock_guard lock(intakeMutex_);
   try {
     damage_ = 0;
-    salvagedHighest_ = -1;
     unhealedAtOpen_ = false;
     // A healing that a kill cut short between its two renames: the saved records take the
     // place the damaged file left.

@@ -191,9 +191,7 @@ class SqliteOutboxStore final : public OutboxStore, public OutboxUnkeptStarts {
   std::atomic<bool> inherited_{false};  // read from the writer and the sync queues
   std::atomic<bool> heldElsewhere_{false};
   std::atomic<bool> released_{false};
-  int damage_ = 0;  // the SQLite code of damage met, until it is healed
-  // The highest number a salvage read from a damaged file at open (-1: none read).
-  std::int64_t salvagedHighest_ = -1;
+  int damage_ = 0;                  // the SQLite code of damage met, until it is healed
   bool unhealedAtOpen_ = false;     // the database was damaged at open and could not be healed
   std::uint32_t healAttempts_ = 0;  // failed healings in a row; the database closed meanwhile
   std::chrono::steady_clock::time_point nextHeal_;  // the next try, not before
