@@ -5,6 +5,7 @@
 
 #include "platform/posix/OutboxPageScan.h"
 
+#include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -19,7 +20,9 @@
 #include <fstream>
 #include <limits>
 #include <optional>
+#include <vector>
 
+#include "platform/ParentOnlyDescriptor.h"
 #include "platform/posix/SqliteStatement.h"
 
 namespace quorvel::platform {
@@ -138,7 +141,8 @@ Salvage salvageRecords(sqlite3* db) {
 
 namespace {
 
-// Room for a copy of the database and its log, with some to spare for the host.
+// Room for a copy of the database (the blocks it takes: its holes are kept) and its log, with
+// some to spare for the host.
 bool roomForCopy(const std::string& path) {
   constexpr std::uint64_t kSpare = std::uint64_t{16} << 20;
   struct stat file {};
@@ -148,9 +152,51 @@ bool roomForCopy(const std::string& path) {
       ::statvfs(std::filesystem::path(path).parent_path().c_str(), &disk) != 0)
     return true;  // unknown: the copy itself tells
   const auto logSize = ::stat((path + "-wal").c_str(), &log) == 0 ? log.st_size : 0;
-  const std::uint64_t needed =
-      static_cast<std::uint64_t>(file.st_size) + static_cast<std::uint64_t>(logSize) + kSpare;
+  const std::uint64_t needed = static_cast<std::uint64_t>(file.st_blocks) * 512 +
+                               static_cast<std::uint64_t>(logSize) + kSpare;
   return static_cast<std::uint64_t>(disk.f_bavail) * disk.f_frsize >= needed;
+}
+
+// Copies `from` to `to` one stretch of data at a time, keeping the holes of a sparse file as
+// holes: a file stretched to gigabytes with little in it copies in a moment and takes no more
+// room. Where the file system cannot tell data from holes, the whole file is copied.
+bool copyKeepingHoles(const std::string& from, const std::string& to) {
+  const ParentOnlyDescriptor in(
+      ::open(from.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  const ParentOnlyDescriptor out(
+      ::open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
+  struct stat status {};
+  if (in.get() < 0 || out.get() < 0 || ::fstat(in.get(), &status) != 0 || !S_ISREG(status.st_mode))
+    return false;
+  std::vector<char> buffer(std::size_t{1} << 20);
+  for (off_t at = 0; at < status.st_size;) {
+    off_t data = ::lseek(in.get(), at, SEEK_DATA);
+    if (data < 0 && errno == ENXIO)
+      break;  // only a hole is left
+    data = data < 0 ? at : data;
+    off_t hole = ::lseek(in.get(), data, SEEK_HOLE);
+    hole = hole < 0 ? status.st_size : std::min<off_t>(hole, status.st_size);
+    while (data < hole) {
+      const auto want = static_cast<std::size_t>(std::min<off_t>(hole - data, buffer.size()));
+      const ssize_t n = ::pread(in.get(), buffer.data(), want, data);
+      if (n < 0 && errno == EINTR)
+        continue;
+      if (n <= 0)
+        return false;
+      for (ssize_t done = 0; done < n;) {
+        const ssize_t w = ::pwrite(out.get(), buffer.data() + done,
+                                   static_cast<std::size_t>(n - done), data + done);
+        if (w < 0 && errno == EINTR)
+          continue;
+        if (w <= 0)
+          return false;
+        done += w;
+      }
+      data += n;
+    }
+    at = hole;
+  }
+  return ::ftruncate(out.get(), status.st_size) == 0;
 }
 
 }  // namespace
@@ -166,9 +212,7 @@ Salvage salvageFile(const std::string& path) {
   // megabytes is copied once, not once a try. Never where it would fill the disk: the host's
   // own writes would fail meanwhile.
   std::error_code ec;
-  if (roomForCopy(path))
-    fs::copy_file(path, copy, fs::copy_options::overwrite_existing, ec);
-  else
+  if (!roomForCopy(path) || !copyKeepingHoles(path, copy))
     ec = std::make_error_code(std::errc::no_space_on_device);
   std::error_code logEc;
   fs::remove(copy + "-wal", logEc);

@@ -67,6 +67,11 @@ bool SqliteOutboxStore::healLocked(std::string& reason) noexcept {
     constexpr auto kNone = std::numeric_limits<std::int64_t>::min();
     constexpr auto kAll = std::numeric_limits<std::int64_t>::max();
     for (const auto& [from, to] : saved.gaps) {
+      // A range SQLite could not read where the page scan found records says nothing true.
+      if (std::any_of(
+              saved.records.begin(), saved.records.end(),
+              [from = from, to = to](const OutboxRecord& r) { return r.id > from && r.id < to; }))
+        continue;
       note += from == kNone && to == kAll ? std::string("; no record could be read")
               : to == kAll    ? "; the records after " + std::to_string(from) + " could not be read"
               : from == kNone ? "; the records before " + std::to_string(to) + " could not be read"
