@@ -53,6 +53,7 @@ bool Outbox::takeFreedLockLocked() {
   store_ = std::move(lockedOut_);
   heldElsewhere_ = false;
   durable_ = true;
+  lockAttempt_ = 0;  // a later lock-out waits from the shortest delay again
   log_->log(kLogInfo, kMethod,
             "Quorvel: this process now holds the app's data directory: its reports are kept on "
             "disk, numbered and sent from now on");
