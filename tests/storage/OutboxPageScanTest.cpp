@@ -11,6 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/posix/OutboxPageScan.h"
+#include "platform/posix/OutboxSalvage.h"
 #include "platform/posix/SqliteOutboxStore.h"
 #include "support/TempDir.h"
 
@@ -111,6 +113,25 @@ TEST(OutboxPageScanTest, ARootPageOverwrittenKeepsEveryIntactLeafAndBringsBackNo
     EXPECT_TRUE(it != expected.end() && it->second == content) << id << " is not as written";
   }
   EXPECT_GT(store.unreadableRecords(), 0U);  // the root held no record, but it was unreadable
+}
+
+// What SQLite read wins over the pages' copy, in numbers' order, the later of two reads of one
+// number kept (a damaged interior page can mislead SQLite's order), and the pages add the rest.
+TEST(OutboxPageScanTest, WhatSqliteReadIsMergedInOrderWithThePagesRecords) {
+  test::TempDir dir;
+  const std::string file = dir / "QuorvelOutbox.sqlite";
+  auto expected = writeKilledDatabase(file);
+  Salvage salvage;
+  salvage.records = {{200, "first read"}, {151, "read"}, {200, "read again"}};
+  ASSERT_TRUE(completeFromPages(file, salvage));
+  expected[151] = "read";
+  expected[200] = "read again";
+  std::map<std::int64_t, std::string> saved;
+  for (std::size_t i = 0; i < salvage.records.size(); ++i) {
+    EXPECT_TRUE(i == 0 || salvage.records[i - 1].id < salvage.records[i].id);
+    saved[salvage.records[i].id] = salvage.records[i].content;
+  }
+  EXPECT_EQ(saved, expected);
 }
 
 }  // namespace

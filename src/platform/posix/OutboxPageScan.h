@@ -29,8 +29,10 @@ struct PageScan {
 
 // Every record on the table-leaf pages in use in the database at `path`, as its committed
 // write-ahead log (`path` + "-wal") shows them: pages on the freelist, past the database's
-// size, and cells no longer in a page's cell-pointer array are never read.
-PageScan scanPages(const std::string& path);
+// size, and cells no longer in a page's cell-pointer array are never read. Records in
+// `readAlready` (by number) are found with an empty content: whose copy wins is the caller's
+// choice, and a large salvage is not held twice.
+PageScan scanPages(const std::string& path, const std::vector<OutboxRecord>& readAlready = {});
 
 struct Salvage;
 
