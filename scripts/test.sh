@@ -92,9 +92,15 @@ if [ "$configurations" != 0 ]; then
   step "Python package: installed into a virtual environment, tested against the shared build"
   bash scripts/python-test.sh "$shared"
   # Without libcurl the library needs none at run time and sends through a host's transport.
+  # Clang compiles it in two thirds of GCC's time; GCC compiles the same sources above.
   step "shared library without libcurl: no libcurl needed, a session through the Python transport"
-  cmake -S . -B build/no-curl -G Ninja -DBUILD_SHARED_LIBS=ON -DQUORVEL_WITH_CURL=OFF \
-    -DQUORVEL_BUILD_TOOLS=OFF -DQUORVEL_WERROR=ON -DCMAKE_UNITY_BUILD=ON >/dev/null
+  if [ -f build/no-curl/CMakeCache.txt ] &&
+    ! grep -q '^CMAKE_CXX_COMPILER:[A-Z]*=.*clang++$' build/no-curl/CMakeCache.txt; then
+    rm -rf build/no-curl
+  fi
+  CC=clang CXX=clang++ cmake -S . -B build/no-curl -G Ninja -DBUILD_SHARED_LIBS=ON \
+    -DQUORVEL_WITH_CURL=OFF -DQUORVEL_BUILD_TOOLS=OFF -DQUORVEL_WERROR=ON \
+    -DCMAKE_UNITY_BUILD=ON >/dev/null
   cmake --build build/no-curl --parallel "$jobs" --target quorvel >/dev/null
   if readelf -d build/no-curl/src/libquorvel.so | grep -q 'NEEDED.*libcurl'; then
     echo "libquorvel.so built without libcurl still needs it"; exit 1
