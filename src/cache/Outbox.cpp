@@ -161,13 +161,7 @@ void Outbox::enqueue(Op op) {
 
 // Runs `method` on the outbox's queue with the store's lock held, if the outbox still exists.
 void Outbox::runLocked(void (Outbox::*method)(), std::chrono::nanoseconds after) {
-  std::weak_ptr<Outbox> weak = weak_from_this();
-  auto work = [weak, method] {
-    if (const auto self = weak.lock()) {
-      const std::lock_guard lock(self->storeMutex_);
-      ((*self).*method)();
-    }
-  };
+  auto work = whileAliveLocked([method](Outbox& self) { (self.*method)(); });
   if (after > std::chrono::nanoseconds::zero())
     queue_->asyncAfter(after, std::move(work));
   else

@@ -274,6 +274,22 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   void replayChunkLocked();
   void runLocked(void (Outbox::*method)(),
                  std::chrono::nanoseconds after = std::chrono::nanoseconds::zero());
+  // A task that runs `f(*this)` if the outbox still exists by then.
+  template <class F>
+  platform::Work whileAlive(F f) {
+    return [weak = weak_from_this(), f = std::move(f)]() mutable {
+      if (const auto self = weak.lock())
+        f(*self);
+    };
+  }
+  // The same with the store's lock held.
+  template <class F>
+  platform::Work whileAliveLocked(F f) {
+    return whileAlive([f = std::move(f)](Outbox& self) mutable {
+      const std::lock_guard lock(self.storeMutex_);
+      f(self);
+    });
+  }
   // Drops a record from the held ones and their byte count.
   void forgetHeldLocked(std::int64_t id);
   void enforceBoundsLocked(std::vector<platform::OutboxChange>& changes);

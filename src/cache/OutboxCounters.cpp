@@ -217,18 +217,14 @@ bool Outbox::numberingIsSafe() {
 
 void Outbox::afterNumberingIsSafe(std::shared_ptr<platform::DispatchQueue> queue,
                                   platform::Work work) {
-  std::weak_ptr<Outbox> weak = weak_from_this();
-  queue_->async([weak, queue = std::move(queue), work = std::move(work)]() mutable {
-    const auto self = weak.lock();
-    if (!self)
-      return;
-    const std::lock_guard lock(self->storeMutex_);
-    self->openLocked();
-    // In line behind what waits already, so that the reports keep the order of their calls.
-    self->awaitingNumbering_.emplace_back(std::move(queue), std::move(work));
-    if (!self->heldElsewhere_)
-      self->releaseNumberingLocked();
-  });
+  queue_->async(
+      whileAliveLocked([queue = std::move(queue), work = std::move(work)](Outbox& self) mutable {
+        self.openLocked();
+        // In line behind what waits already, so that the reports keep the order of their calls.
+        self.awaitingNumbering_.emplace_back(std::move(queue), std::move(work));
+        if (!self.heldElsewhere_)
+          self.releaseNumberingLocked();
+      }));
 }
 
 void Outbox::releaseNumberingLocked() {

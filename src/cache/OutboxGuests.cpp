@@ -269,37 +269,30 @@ void Outbox::scheduleGuestWatch() {
   if (guestWatchScheduled_ || clock_->now() >= guestWatchUntil_)
     return;
   guestWatchScheduled_ = true;
-  std::weak_ptr<Outbox> weak = weak_from_this();
-  syncQueue_->asyncAfter(std::chrono::seconds(2), [weak] {
-    const auto self = weak.lock();
-    if (!self)
-      return;
+  auto work = whileAlive([](Outbox& self) {
     std::shared_ptr<platform::OutboxStore> store;
     {
-      const std::lock_guard lock(self->storeMutex_);
-      self->guestWatchScheduled_ = false;
-      store = self->store_;
+      const std::lock_guard lock(self.storeMutex_);
+      self.guestWatchScheduled_ = false;
+      store = self.store_;
     }
     if (store)
-      self->adoptGuests(store);
-    const std::lock_guard lock(self->storeMutex_);
-    self->scheduleGuestWatch();
+      self.adoptGuests(store);
+    const std::lock_guard lock(self.storeMutex_);
+    self.scheduleGuestWatch();
   });
+  syncQueue_->asyncAfter(std::chrono::seconds(2), std::move(work));
 }
 
 void Outbox::guestSeen() noexcept {
   if (guestTakingScheduled_.exchange(true))
     return;
-  std::weak_ptr<Outbox> weak = weak_from_this();
-  syncQueue_->asyncAfter(kGuestSettle, [weak] {
-    const auto self = weak.lock();
-    if (!self)
-      return;
-    self->guestTakingScheduled_ = false;
+  auto work = whileAlive([](Outbox& self) {
+    self.guestTakingScheduled_ = false;
     std::shared_ptr<platform::OutboxStore> store;
     {
-      const std::lock_guard lock(self->storeMutex_);
-      store = self->store_;
+      const std::lock_guard lock(self.storeMutex_);
+      store = self.store_;
     }
     if (!store)
       return;
@@ -308,13 +301,14 @@ void Outbox::guestSeen() noexcept {
     // for its next write to find out.
     store->sync();
     if (store->heldByAnotherProcess()) {
-      const std::lock_guard lock(self->storeMutex_);
-      if (self->store_ == store)
-        self->stepDownIfTakenLocked();
+      const std::lock_guard lock(self.storeMutex_);
+      if (self.store_ == store)
+        self.stepDownIfTakenLocked();
       return;
     }
-    self->adoptGuests(store);
+    self.adoptGuests(store);
   });
+  syncQueue_->asyncAfter(kGuestSettle, std::move(work));
 }
 
 }  // namespace quorvel

@@ -61,11 +61,7 @@ void Outbox::readStoreLocked() {
   noteUnreadableLocked();
   // What other processes kept while they could not open the store: taken off this thread;
   // what they keep from now on, as soon as the store sees it, once the folder is watched.
-  std::weak_ptr<Outbox> weak = weak_from_this();
-  syncQueue_->async([weak, store = store_] {
-    if (const auto self = weak.lock())
-      self->adoptGuests(store);
-  });
+  syncQueue_->async(whileAlive([store = store_](Outbox& self) { self.adoptGuests(store); }));
   lastWrite_ = clock_->now();
   scheduleWatchLocked(kWatchWhenIdle);
   leftoversEnd_ = store_->idFloor() - 1;
@@ -80,11 +76,8 @@ void Outbox::scheduleWatchLocked(std::chrono::nanoseconds after) {
   if (watchScheduled_ || !store_)
     return;
   watchScheduled_ = true;
-  std::weak_ptr<Outbox> weak = weak_from_this();
-  syncQueue_->asyncAfter(after, [weak, store = store_] {
-    if (const auto self = weak.lock())
-      self->considerWatching(store);
-  });
+  syncQueue_->asyncAfter(
+      after, whileAlive([store = store_](Outbox& self) { self.considerWatching(store); }));
 }
 
 void Outbox::considerWatching(const std::shared_ptr<platform::OutboxStore>& store) {

@@ -15,11 +15,7 @@ using namespace outbox_internal;
 // Pages are read and parsed on the sync queue, outside the store's lock: a page takes
 // milliseconds, which the writer's thread must not spend while this run's calls wait for it.
 void Outbox::scheduleLeftoverPage(std::chrono::nanoseconds after) {
-  std::weak_ptr<Outbox> weak = weak_from_this();
-  auto load = [weak] {
-    if (const auto self = weak.lock())
-      self->loadLeftoverPage();
-  };
+  auto load = whileAlive([](Outbox& self) { self.loadLeftoverPage(); });
   if (after > std::chrono::nanoseconds::zero())
     syncQueue_->asyncAfter(after, std::move(load));
   else
@@ -196,24 +192,20 @@ void Outbox::setOnFolderFile(std::function<void(std::string_view)> onFolderFile)
 }
 
 void Outbox::resume(std::function<void(std::vector<Leftover>)> take) {
-  std::weak_ptr<Outbox> weak = weak_from_this();
-  queue_->async([weak, take = std::move(take)] {
-    const auto self = weak.lock();
-    if (!self)
-      return;
+  queue_->async(whileAlive([take = std::move(take)](Outbox& self) {
     std::vector<Leftover> unbuilt;
     {
-      const std::lock_guard lock(self->storeMutex_);
-      self->openLocked();
-      if (self->resumed_)
+      const std::lock_guard lock(self.storeMutex_);
+      self.openLocked();
+      if (self.resumed_)
         return;
-      self->resumed_ = true;
-      self->take_ = take;
-      unbuilt = self->releaseLeftoversLocked();
+      self.resumed_ = true;
+      self.take_ = take;
+      unbuilt = self.releaseLeftoversLocked();
     }
     if (!unbuilt.empty())
       take(std::move(unbuilt));
-  });
+  }));
 }
 
 // An earlier run may have left thousands of built requests. They go in chunks, each a task of

@@ -30,24 +30,19 @@ void Outbox::answeredRetryLater(const OutboxSlotPtr& slot,
   if (hold)
     slot->holdUntilSettled(std::move(hold));
   slot->stopSending();
-  std::weak_ptr<Outbox> weak = weak_from_this();
-  queue_->async([weak, slot, retryAfter, reached] {
-    const auto self = weak.lock();
-    if (!self)
-      return;
-    const std::lock_guard lock(self->storeMutex_);
+  queue_->async(whileAliveLocked([slot, retryAfter, reached](Outbox& self) {
     if (retryAfter && *retryAfter > std::chrono::seconds::zero()) {
-      self->notBeforeAfterClockChangeLocked();  // so that a longer wait named now is kept
+      self.notBeforeAfterClockChangeLocked();  // so that a longer wait named now is kept
       const auto wait = std::min<std::chrono::milliseconds>(*retryAfter, kRetryBackoff.cap);
-      const auto now = self->clock_->now();
-      if (now + wait > self->notBefore_) {
-        self->notBefore_ = now + wait;
-        self->notBeforeSetAt_ = now;
-        self->notBeforeWait_ = wait;
+      const auto now = self.clock_->now();
+      if (now + wait > self.notBefore_) {
+        self.notBefore_ = now + wait;
+        self.notBeforeSetAt_ = now;
+        self.notBeforeWait_ = wait;
       }
     }
-    self->markForRetryLocked(slot, reached);
-  });
+    self.markForRetryLocked(slot, reached);
+  }));
 }
 
 void Outbox::markForRetryLocked(const OutboxSlotPtr& slot, bool reached) {
@@ -87,24 +82,14 @@ void Outbox::noteCopyLeavingLocked(Held& held, std::vector<platform::OutboxChang
 }
 
 void Outbox::transportRecovered() {
-  std::weak_ptr<Outbox> weak = weak_from_this();
-  queue_->async([weak] {
-    if (const auto self = weak.lock()) {
-      const std::lock_guard lock(self->storeMutex_);
-      self->retryAttempt_ = 0;
-    }
-  });
+  queue_->async(whileAliveLocked([](Outbox& self) { self.retryAttempt_ = 0; }));
 }
 
 void Outbox::sendsResumed() {
-  std::weak_ptr<Outbox> weak = weak_from_this();
-  queue_->async([weak] {
-    if (const auto self = weak.lock()) {
-      const std::lock_guard lock(self->storeMutex_);
-      self->retryAttempt_ = 0;
-      self->retryFailedLocked();
-    }
-  });
+  queue_->async(whileAliveLocked([](Outbox& self) {
+    self.retryAttempt_ = 0;
+    self.retryFailedLocked();
+  }));
 }
 
 // The Retry-After is a time on the wall clock: one set back while the retries wait would hold

@@ -178,29 +178,26 @@ void Outbox::scheduleSyncLocked() {
       since >= kSyncInterval || since < std::chrono::nanoseconds::zero()  // a clock set back
           ? std::chrono::nanoseconds::zero()
           : std::chrono::duration_cast<std::chrono::nanoseconds>(kSyncInterval - since);
-  std::weak_ptr<Outbox> weak = weak_from_this();
-  syncQueue_->asyncAfter(wait, [weak] {
-    const auto self = weak.lock();
-    if (!self)
-      return;
+  auto work = whileAlive([](Outbox& self) {
     std::shared_ptr<platform::OutboxStore> store;
     {
-      const std::lock_guard lock(self->storeMutex_);
-      self->syncScheduled_ = false;
-      self->lastSync_ = self->clock_->now();
-      store = self->store_;
+      const std::lock_guard lock(self.storeMutex_);
+      self.syncScheduled_ = false;
+      self.lastSync_ = self.clock_->now();
+      store = self.store_;
     }
     const bool synced = !store || store->sync();
     if (store)
-      self->adoptGuests(store);
-    const std::lock_guard lock(self->storeMutex_);
-    if (store && store == self->store_ && store->heldByAnotherProcess()) {
-      self->stepDownIfTakenLocked();
+      self.adoptGuests(store);
+    const std::lock_guard lock(self.storeMutex_);
+    if (store && store == self.store_ && store->heldByAnotherProcess()) {
+      self.stepDownIfTakenLocked();
       return;
     }
-    self->noteUnreadableLocked();  // a healing or a reopening the sync did
-    self->noteSyncLocked(synced);
+    self.noteUnreadableLocked();  // a healing or a reopening the sync did
+    self.noteSyncLocked(synced);
   });
+  syncQueue_->asyncAfter(wait, std::move(work));
 }
 
 bool Outbox::writeChangesLocked(std::vector<platform::OutboxChange>& changes) {
@@ -383,11 +380,7 @@ void Outbox::release() noexcept {
 }
 
 void Outbox::syncSoon() {
-  std::weak_ptr<Outbox> weak = weak_from_this();
-  queue_->async([weak] {
-    if (const auto self = weak.lock())
-      self->drainAndSync();
-  });
+  queue_->async(whileAlive([](Outbox& self) { self.drainAndSync(); }));
 }
 
 }  // namespace quorvel
