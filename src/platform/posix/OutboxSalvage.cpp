@@ -294,24 +294,43 @@ bool writeFreshDatabase(const std::string& file, const std::vector<OutboxRecord>
 }
 
 bool setAside(const std::string& path, std::int64_t stamp, std::string& asideName) {
-  namespace fs = std::filesystem;
-  const fs::path database(path);
-  const std::string prefix = database.filename().string() + ".corrupt-";
   std::error_code ec;
-  std::vector<fs::path> earlier;
-  for (fs::directory_iterator it(database.parent_path(), ec), end; !ec && it != end;
-       it.increment(ec)) {
-    if (it->path().filename().string().starts_with(prefix))
-      earlier.push_back(it->path());
-  }
-  for (const auto& file : earlier)
-    fs::remove(file, ec);
+  for (const auto& file : filesBeside(path, ".corrupt-"))
+    std::filesystem::remove(file, ec);
   asideName = path + ".corrupt-" + std::to_string(stamp);
   if (::rename(path.c_str(), asideName.c_str()) != 0 && errno != ENOENT)
     return false;
   if (::rename((path + "-wal").c_str(), (asideName + "-wal").c_str()) != 0 && errno != ENOENT)
     return false;
   return ::unlink((path + "-shm").c_str()) == 0 || errno == ENOENT;
+}
+
+std::vector<std::string> filesBeside(const std::string& path, std::string_view suffix) {
+  const std::filesystem::path file(path);
+  const std::string prefix = file.filename().string() + std::string(suffix);
+  std::vector<std::string> found;
+  std::error_code ec;
+  for (std::filesystem::directory_iterator it(file.parent_path(), ec), end; !ec && it != end;
+       it.increment(ec)) {
+    if (it->path().filename().string().starts_with(prefix))
+      found.push_back(it->path().string());
+  }
+  return found;
+}
+
+std::vector<std::pair<std::uint64_t, std::string>> numberedBeside(const std::string& path,
+                                                                  std::string_view suffix,
+                                                                  std::size_t maxDigits) {
+  const std::size_t digitsAt =
+      std::filesystem::path(path).filename().string().size() + suffix.size();
+  std::vector<std::pair<std::uint64_t, std::string>> numbered;
+  for (auto& file : filesBeside(path, suffix)) {
+    const std::string name = std::filesystem::path(file).filename().string();
+    if (name.size() > digitsAt && name.size() - digitsAt <= maxDigits &&
+        name.find_first_not_of("0123456789", digitsAt) == std::string::npos)
+      numbered.emplace_back(std::stoull(name.substr(digitsAt)), std::move(file));
+  }
+  return numbered;
 }
 
 }  // namespace quorvel::platform

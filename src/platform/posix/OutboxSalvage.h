@@ -1,9 +1,12 @@
 // Healing a damaged outbox database: what counts as damage (and not a passing fault), setting
-// the file aside, and reading back every record that can still be read from it.
+// the file aside, and reading back every record that can still be read from it. Also the
+// listing of the files kept beside the database.
 #pragma once
 
 #include <cstdint>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include <quorvel/platform/OutboxStore.h>
@@ -47,5 +50,14 @@ bool writeFreshDatabase(const std::string& file, const std::vector<OutboxRecord>
 // Renames `path` (and its write-ahead log) to `path` + ".corrupt-" + `stamp`, after removing
 // any file an earlier setting-aside left: at most one is kept. False when the rename fails.
 bool setAside(const std::string& path, std::int64_t stamp, std::string& asideName);
+
+// The files in the folder of `path` whose names are its own followed by `suffix` and anything
+// after it; what was listed before a listing error.
+std::vector<std::string> filesBeside(const std::string& path, std::string_view suffix);
+// Those of them whose names end in a number of at most `maxDigits` decimal digits after
+// `suffix`, with their numbers.
+std::vector<std::pair<std::uint64_t, std::string>> numberedBeside(const std::string& path,
+                                                                  std::string_view suffix,
+                                                                  std::size_t maxDigits);
 
 }  // namespace quorvel::platform

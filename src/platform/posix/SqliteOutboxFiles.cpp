@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "platform/AtomicFile.h"
+#include "platform/posix/OutboxSalvage.h"
 #include "platform/posix/SqliteStatement.h"
 
 namespace quorvel::platform {
@@ -53,19 +54,7 @@ std::string processGuestToken() {
 }  // namespace
 
 std::vector<std::pair<std::uint64_t, std::string>> SqliteOutboxStore::intakeFiles() const {
-  const std::filesystem::path database(path_);
-  const std::string prefix = database.filename().string() + kIntakeSuffix;
-  std::vector<std::pair<std::uint64_t, std::string>> files;
-  std::error_code ec;
-  for (std::filesystem::directory_iterator it(database.parent_path(), ec), end; !ec && it != end;
-       it.increment(ec)) {
-    const std::string name = it->path().filename().string();
-    if (name.size() <= prefix.size() || name.compare(0, prefix.size(), prefix) != 0 ||
-        name.find_first_not_of("0123456789", prefix.size()) != std::string::npos ||
-        name.size() - prefix.size() > 18)
-      continue;
-    files.emplace_back(std::stoull(name.substr(prefix.size())), it->path().string());
-  }
+  auto files = numberedBeside(path_, kIntakeSuffix, 18);
   std::sort(files.begin(), files.end());
   return files;
 }
@@ -330,16 +319,7 @@ void SqliteOutboxStore::removeEveryGuestFile() noexcept {
 }
 
 std::vector<std::string> SqliteOutboxStore::guestFiles() const {
-  const std::filesystem::path database(path_);
-  const std::string prefix = database.filename().string() + kGuestSuffix;
-  std::vector<std::string> files;
-  std::error_code ec;
-  for (std::filesystem::directory_iterator it(database.parent_path(), ec), end; !ec && it != end;
-       it.increment(ec)) {
-    if (it->path().filename().string().starts_with(prefix))
-      files.push_back(it->path().string());
-  }
-  return files;
+  return filesBeside(path_, kGuestSuffix);
 }
 
 bool SqliteOutboxStore::removeGuests() {
@@ -386,18 +366,9 @@ bool SqliteOutboxStore::destroy() noexcept {
   }
   // A damaged file set aside, or one being healed, holds reports too.
   try {
-    const std::filesystem::path database(path_);
-    const std::string name = database.filename().string();
-    std::error_code ec;
-    std::vector<std::filesystem::path> kept;
-    for (std::filesystem::directory_iterator it(database.parent_path(), ec), end; !ec && it != end;
-         it.increment(ec)) {
-      const std::string file = it->path().filename().string();
-      if (file.starts_with(name + ".corrupt-") || file.starts_with(name + kHealingSuffix))
-        kept.push_back(it->path());
-    }
-    for (const auto& file : kept)
-      removed = (::unlink(file.c_str()) == 0 || errno == ENOENT) && removed;
+    for (const char* suffix : {".corrupt-", kHealingSuffix})
+      for (const auto& file : filesBeside(path_, suffix))
+        removed = (::unlink(file.c_str()) == 0 || errno == ENOENT) && removed;
   } catch (...) {
     removed = false;
   }

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "platform/AtomicFile.h"
+#include "platform/posix/OutboxSalvage.h"
 
 namespace quorvel::platform {
 namespace {
@@ -64,18 +65,9 @@ std::string SqliteOutboxStore::startsMark(int starts) const {
 // The numbers of the count's files in the folder: one, but a kill between the two steps of a
 // raise where a rename cannot be used may leave two, the higher one counting.
 std::vector<int> SqliteOutboxStore::startsMarksLocked() const {
-  const std::filesystem::path base(path_ + kUnkeptSuffix + "-");
-  const std::string prefix = base.filename().string();
   std::vector<int> found;
-  std::error_code ec;
-  for (std::filesystem::directory_iterator it(base.parent_path(), ec), end; !ec && it != end;
-       it.increment(ec)) {
-    const std::string name = it->path().filename().string();
-    if (name.size() > prefix.size() && name.size() <= prefix.size() + 9 &&
-        name.starts_with(prefix) &&
-        name.find_first_not_of("0123456789", prefix.size()) == std::string::npos)
-      found.push_back(std::stoi(name.substr(prefix.size())));
-  }
+  for (const auto& [starts, file] : numberedBeside(path_, std::string(kUnkeptSuffix) + "-", 9))
+    found.push_back(static_cast<int>(starts));
   return found;
 }
 
