@@ -46,6 +46,34 @@ void syncDirectory(const std::string& dir) {
   }
 }
 
+bool writeAll(int fd, const void* data, std::size_t size, off_t offset) noexcept {
+  const auto* bytes = static_cast<const char*>(data);
+  for (std::size_t done = 0; done < size;) {
+    const auto at = offset + static_cast<off_t>(done);
+    const ssize_t n = offset < 0 ? ::write(fd, bytes + done, size - done)
+                                 : ::pwrite(fd, bytes + done, size - done, at);
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n <= 0)
+      return false;
+    done += static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+bool readAllAt(int fd, void* into, std::size_t size, off_t offset) noexcept {
+  auto* bytes = static_cast<char*>(into);
+  for (std::size_t done = 0; done < size;) {
+    const ssize_t n = ::pread(fd, bytes + done, size - done, offset + static_cast<off_t>(done));
+    if (n < 0 && errno == EINTR)
+      continue;
+    if (n <= 0)
+      return false;
+    done += static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
 namespace {
 
 // One try; `failure` says why it failed.

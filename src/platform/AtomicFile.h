@@ -2,6 +2,8 @@
 // and the reading and directory making that goes with it.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <functional>
 #include <optional>
@@ -29,6 +31,12 @@ AtomicWriteResult writeFileAtomically(const std::string& path, const Bytes& cont
 
 // Makes the directory's entries (names created, renamed or removed) durable.
 void syncDirectory(const std::string& dir);
+
+// Writes all `size` bytes (with pwrite() at `offset` when it is not negative), again after a
+// signal; false at the first failure.
+bool writeAll(int fd, const void* data, std::size_t size, off_t offset = -1) noexcept;
+// Reads all `size` bytes at `offset`, again after a signal; false at a failure or the file's end.
+bool readAllAt(int fd, void* into, std::size_t size, off_t offset) noexcept;
 
 // Larger than any kept request, receipt or marker the library reads.
 inline constexpr std::size_t kMaxReadBytes = std::size_t{16} * 1024 * 1024;

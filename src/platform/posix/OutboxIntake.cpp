@@ -11,6 +11,8 @@
 #include <iterator>
 #include <limits>
 
+#include "platform/AtomicFile.h"
+
 namespace quorvel::platform {
 namespace {
 
@@ -50,17 +52,11 @@ std::uint64_t checksum(const char* data, std::size_t size) {
   return h ^ (h >> 29);
 }
 
-bool writeAll(int fd, const char* data, std::size_t size) {
-  while (size > 0) {
-    const ssize_t n = ::write(fd, data, size);
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n <= 0)
-      return false;
-    data += n;
-    size -= static_cast<std::size_t>(n);
+bool flockRetrying(int fd, int operation) noexcept {
+  int rc = 0;
+  while ((rc = ::flock(fd, operation)) != 0 && errno == EINTR) {
   }
-  return true;
+  return rc == 0;
 }
 
 // Adds the frame's changes, found at `offset` in the file, to `out`; false when the payload
@@ -129,17 +125,11 @@ std::shared_ptr<OutboxIntake> OutboxIntake::adopt(const std::string& path,
 }
 
 bool OutboxIntake::lock() noexcept {
-  int rc = 0;
-  while ((rc = ::flock(fd_.get(), LOCK_EX)) != 0 && errno == EINTR) {
-  }
-  return rc == 0;
+  return flockRetrying(fd_.get(), LOCK_EX);
 }
 
 bool OutboxIntake::tryLock() noexcept {
-  int rc = 0;
-  while ((rc = ::flock(fd_.get(), LOCK_EX | LOCK_NB)) != 0 && errno == EINTR) {
-  }
-  return rc == 0;
+  return flockRetrying(fd_.get(), LOCK_EX | LOCK_NB);
 }
 
 void OutboxIntake::unlock() noexcept {
@@ -209,17 +199,7 @@ bool OutboxIntake::append(const std::vector<OutboxChange>& changes,
 bool OutboxIntake::readAt(Place place, std::string& content) const noexcept {
   try {
     content.resize(place.length);
-    std::size_t done = 0;
-    while (done < place.length) {
-      const ssize_t n = ::pread(fd_.get(), content.data() + done, place.length - done,
-                                static_cast<off_t>(place.offset + done));
-      if (n < 0 && errno == EINTR)
-        continue;
-      if (n <= 0)
-        return false;
-      done += static_cast<std::size_t>(n);
-    }
-    return true;
+    return readAllAt(fd_.get(), content.data(), place.length, static_cast<off_t>(place.offset));
   } catch (...) {
     return false;
   }

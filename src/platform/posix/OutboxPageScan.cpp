@@ -18,6 +18,7 @@
 #include <optional>
 #include <set>
 
+#include "platform/AtomicFile.h"
 #include "platform/posix/OutboxSalvage.h"
 
 namespace quorvel::platform {
@@ -74,7 +75,7 @@ class PageImage {
     if (fd_ >= 0 && ::fstat(fd_, &st) == 0 && S_ISREG(st.st_mode))
       fileSize_ = static_cast<std::uint64_t>(st.st_size);
     std::array<std::uint8_t, kFileHeader> header{};
-    if (fileSize_ >= kFileHeader && readAt(fd_, 0, header.data(), header.size())) {
+    if (fileSize_ >= kFileHeader && readAllAt(fd_, header.data(), header.size(), 0)) {
       named_ = std::memcmp(header.data(), "SQLite format 3", 16) == 0;
       pageSize_ = named_ ? be16(&header[16]) : 0;  // else the log's, or the outbox's 4096
     }
@@ -119,7 +120,7 @@ class PageImage {
     auto [cached, added] = read_.try_emplace(number);
     if (added) {
       cached->second.resize(pageSize_);
-      if (!readAt(fd, at, cached->second.data(), pageSize_)) {
+      if (!readAllAt(fd, cached->second.data(), pageSize_, static_cast<off_t>(at))) {
         read_.erase(cached);
         return nullptr;
       }
@@ -130,17 +131,6 @@ class PageImage {
   void forget() { read_.clear(); }
 
  private:
-  static bool readAt(int fd, std::uint64_t at, std::uint8_t* into, std::size_t size) {
-    std::size_t done = 0;
-    while (done < size) {
-      const ssize_t n = ::pread(fd, into + done, size - done, static_cast<off_t>(at + done));
-      if (n <= 0 && !(n < 0 && errno == EINTR))
-        return false;
-      done += n > 0 ? static_cast<std::size_t>(n) : 0;
-    }
-    return true;
-  }
-
   // The frames of every committed transaction, checked as SQLite checks them (salts and the
   // running checksum): frames of an older log generation or of an unfinished one are ignored.
   // Read a frame at a time: only where each committed page's newest image lies is kept.
@@ -151,7 +141,7 @@ class PageImage {
       return;
     const auto length = static_cast<std::uint64_t>(st.st_size);
     std::array<std::uint8_t, kWalHeader> header{};
-    if (length < kWalHeader || !readAt(logFd_, 0, header.data(), header.size()) ||
+    if (length < kWalHeader || !readAllAt(logFd_, header.data(), header.size(), 0) ||
         (be32(&header[0]) & ~1U) != 0x377f0682)
       return;
     const bool bigEndian = (be32(&header[0]) & 1U) != 0;
@@ -167,7 +157,7 @@ class PageImage {
     std::map<std::uint32_t, std::uint64_t> pending;
     FileBytes frame(kFrameHeader + size);
     for (std::uint64_t at = kWalHeader; at + frame.size() <= length; at += frame.size()) {
-      if (!readAt(logFd_, at, frame.data(), frame.size()) ||
+      if (!readAllAt(logFd_, frame.data(), frame.size(), static_cast<off_t>(at)) ||
           std::memcmp(&frame[8], &header[16], 8) != 0)
         break;
       checksum(bigEndian, frame.data(), 8, s0, s1);

@@ -22,6 +22,7 @@
 #include <optional>
 #include <vector>
 
+#include "platform/AtomicFile.h"
 #include "platform/ParentOnlyDescriptor.h"
 #include "platform/posix/SqliteStatement.h"
 
@@ -183,15 +184,8 @@ bool copyKeepingHoles(const std::string& from, const std::string& to) {
         continue;
       if (n <= 0)
         return false;
-      for (ssize_t done = 0; done < n;) {
-        const ssize_t w = ::pwrite(out.get(), buffer.data() + done,
-                                   static_cast<std::size_t>(n - done), data + done);
-        if (w < 0 && errno == EINTR)
-          continue;
-        if (w <= 0)
-          return false;
-        done += w;
-      }
+      if (!writeAll(out.get(), buffer.data(), static_cast<std::size_t>(n), data))
+        return false;
       data += n;
     }
     at = hole;

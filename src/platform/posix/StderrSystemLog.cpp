@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <ctime>
 
+#include "platform/AtomicFile.h"
 #include "platform/posix/PosixServices.h"
 
 extern char* program_invocation_short_name;
@@ -30,15 +31,7 @@ void StderrSystemLog::write(std::string_view line) noexcept {
     text.append(line);
     text.push_back('\n');
     // One write() per line keeps lines from different threads whole.
-    std::size_t done = 0;
-    while (done < text.size()) {
-      const ssize_t w = ::write(STDERR_FILENO, text.data() + done, text.size() - done);
-      if (w < 0 && errno == EINTR)
-        continue;
-      if (w <= 0)
-        break;
-      done += static_cast<std::size_t>(w);
-    }
+    writeAll(STDERR_FILENO, text.data(), text.size());
   } catch (...) {
   }
 }
