@@ -133,9 +133,9 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   // A kept-request file was answered: counted with this process's reports, as the service
   // counts it.
   void noteFolderAnswer(long status);
-  // A copy of a report an earlier copy of which may have reached the service goes to the
-  // transport: a repeat, withdrawn when its outcome shows that it never left (a stop cancelled
-  // it before its hand-over, a host's queue held it, no connection was made).
+  // A copy of a report (or of a kept file) an earlier copy of which may have reached the service
+  // goes to the transport: a repeat, withdrawn when its outcome shows that it never left (a stop
+  // cancelled it before its hand-over, a host's queue held it, no connection was made).
   void noteRepeat(bool withdrawn) noexcept;
 
   // --- Replay -----------------------------------------------------------------------------
@@ -496,7 +496,6 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   std::atomic<std::uint64_t> retrying_{0};
   std::atomic<std::uint64_t> notKept_{0};
   std::atomic<std::uint64_t> droppedUnreadable_{0};
-  std::atomic<std::uint64_t> syncFailures_{0};
   std::atomic<std::uint64_t> waiting_{0};
   std::atomic<std::uint64_t> droppedForBytes_{0};
   std::atomic<std::uint64_t> droppedForAge_{0};

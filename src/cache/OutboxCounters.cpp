@@ -91,8 +91,7 @@ int Outbox::unkeptStartsLocked(const platform::OutboxStore& store) {
 }
 
 std::int64_t Outbox::counterLocked(const std::string& key) const {
-  const auto it = counters_.find(key);
-  return it != counters_.end() && it->is_number_integer() ? it->get<std::int64_t>() : 0;
+  return keptValue(counters_, key);
 }
 
 void Outbox::mergeCountersLocked(const std::vector<platform::OutboxRecord>& first) {

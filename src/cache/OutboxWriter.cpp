@@ -285,7 +285,6 @@ void Outbox::noteSyncLocked(bool synced) {
     syncFailureLogged_ = false;
     return;
   }
-  syncFailures_.fetch_add(1, std::memory_order_relaxed);
   if (syncFailureLogged_)
     return;
   syncFailureLogged_ = true;

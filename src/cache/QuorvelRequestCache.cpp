@@ -428,13 +428,6 @@ void QuorvelRequestCache::releaseRequest(const QuorvelRequestCacheData& request,
   claimed_.erase(name);
 }
 
-void QuorvelRequestCache::noteRepeat(bool withdrawn) noexcept {
-  if (withdrawn)
-    repeated_.fetch_sub(1, std::memory_order_relaxed);  // always after its own count
-  else
-    repeated_.fetch_add(1, std::memory_order_relaxed);
-}
-
 // Said in the file itself, so that a later process counts its replay as a repeat too. A file
 // that cannot be rewritten only loses that count.
 void QuorvelRequestCache::markReached(const std::string& path) {

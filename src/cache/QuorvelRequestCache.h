@@ -76,13 +76,6 @@ class QuorvelRequestCache : public std::enable_shared_from_this<QuorvelRequestCa
   // removed when the folder is read, unsent, and counted. None until set.
   void setMaxAge(std::chrono::seconds maxAge) noexcept { maxAge_ = maxAge.count(); }
   std::uint64_t droppedOverAge() const noexcept { return overAge_.load(); }
-  // A replay of a file an earlier copy of which may have reached the service goes to the
-  // transport; withdrawn when its outcome shows that it never left.
-  void noteRepeat(bool withdrawn) noexcept;
-  // Replays sent of files an earlier copy of which may have reached the service.
-  std::uint64_t repeatedReplays() const noexcept { return repeated_.load(); }
-
-  bool failedToInitialize() const noexcept { return failedToInitialize_; }
   // The records of the current batch not yet handed over; nullopt when none was loaded.
   std::optional<std::vector<QuorvelRequestCacheData>> cachedRequests() const;
 
@@ -121,7 +114,6 @@ class QuorvelRequestCache : public std::enable_shared_from_this<QuorvelRequestCa
   std::atomic<std::uint64_t> unreadable_{0};
   std::atomic<std::int64_t> maxAge_{0};  // seconds; 0: no bound
   std::atomic<std::uint64_t> overAge_{0};
-  std::atomic<std::uint64_t> repeated_{0};
 };
 
 }  // namespace quorvel

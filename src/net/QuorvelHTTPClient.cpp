@@ -186,7 +186,7 @@ void QuorvelHTTPClient::post(SharedRecord record, std::string url, Origin origin
         if (!self->removeUnderWay(key))
           return;  // cancelled by a stop, and settled then
         if (repeat && !response && error && !mayHaveArrived(*error))
-          self->noteRepeat(origin, true);
+          self->noteRepeat(true);
         bool answered = false;
         {
           // Held from the check to the last write the answer makes (a kept file, the link
@@ -220,14 +220,14 @@ void QuorvelHTTPClient::post(SharedRecord record, std::string url, Origin origin
   }
   // Counted before a stop can find it under way (and withdraw it).
   if (repeat)
-    noteRepeat(origin, false);
+    noteRepeat(false);
   addUnderWay(key, {task, slotUnderWay, nullptr, replayCancelled, origin, repeat});
   if (!consentHolds(generation)) {
     // A stop came since the check above: this one never starts.
     if (removeUnderWay(key)) {
       task->cancel();
       if (repeat)
-        noteRepeat(origin, true);
+        noteRepeat(true);
       if (replayCancelled)
         replayCancelled(false);
       else
@@ -238,10 +238,8 @@ void QuorvelHTTPClient::post(SharedRecord record, std::string url, Origin origin
   task->resume();
 }
 
-void QuorvelHTTPClient::noteRepeat(Origin origin, bool withdrawn) const noexcept {
-  if (origin == Origin::cache)
-    cache_->noteRepeat(withdrawn);
-  else if (outbox_)
+void QuorvelHTTPClient::noteRepeat(bool withdrawn) const noexcept {
+  if (outbox_)
     outbox_->noteRepeat(withdrawn);
 }
 
@@ -310,7 +308,7 @@ void QuorvelHTTPClient::cancelRequestsUnderWay() {
     // leaves (one gone already had its outcome).
     const bool mayHaveLeft = !task || platform::taskMayHaveLeft(*task);
     if (underWay.repeat && !mayHaveLeft)
-      noteRepeat(underWay.origin, true);
+      noteRepeat(true);
     if (underWay.onCancelled)
       underWay.onCancelled();
     else if (underWay.replayCancelled)

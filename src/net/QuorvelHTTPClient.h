@@ -142,9 +142,9 @@ class QuorvelHTTPClient final : public platform::URLSessionDownloadDelegate,
   // `mayHaveLeft` says whether the copy had been handed over.
   void settleAfterConsentChanged(const OutboxSlotPtr& slot, bool answered, long status,
                                  bool mayHaveLeft = true);
-  // A copy that repeats one that may have reached the service is counted when it goes to the
-  // transport, and withdrawn when its outcome shows that it never left.
-  void noteRepeat(Origin origin, bool withdrawn) const noexcept;
+  // A copy that repeats one that may have reached the service (a kept file too) is counted, by
+  // the outbox, when it goes to the transport, and withdrawn when its outcome shows it never left.
+  void noteRepeat(bool withdrawn) const noexcept;
   // True when the service answered: the caller runs what follows an answer, outside any hold.
   bool handleTrackingAnswer(const QuorvelRequestCacheData& request, Origin origin,
                             const OutboxSlotPtr& slot, const std::optional<Bytes>& body,

@@ -120,7 +120,7 @@ QuorvelDeliveryStats TrackerCore::deliveryStats() {
   out.droppedOverSize = s.droppedForBytes;
   out.droppedOverAge = s.droppedForAge + requestCache_->droppedOverAge();
   out.droppedByRule = s.droppedByRule;
-  out.repeated = s.repeated + requestCache_->repeatedReplays();
+  out.repeated = s.repeated;
   out.dataDirectoryHeldElsewhere = outbox_->dataDirectoryHeldElsewhere();
   return out;
 }
