@@ -178,7 +178,8 @@ bool copyKeepingHoles(const std::string& from, const std::string& to) {
     off_t hole = ::lseek(in.get(), data, SEEK_HOLE);
     hole = hole < 0 ? status.st_size : std::min<off_t>(hole, status.st_size);
     while (data < hole) {
-      const auto want = static_cast<std::size_t>(std::min<off_t>(hole - data, buffer.size()));
+      const auto want =
+          static_cast<std::size_t>(std::min<off_t>(hole - data, static_cast<off_t>(buffer.size())));
       const ssize_t n = ::pread(in.get(), buffer.data(), want, data);
       if (n < 0 && errno == EINTR)
         continue;
