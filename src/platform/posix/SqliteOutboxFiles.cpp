@@ -291,20 +291,8 @@ void SqliteOutboxStore::removeOwnGuestFiles() noexcept {
   try {
     const std::lock_guard lock(guestMutex_);
     guest_.reset();
-    const std::string own = std::filesystem::path(path_).filename().string() + kGuestSuffix +
-                            std::to_string(::getpid()) + "-" + processGuestToken() + "-";
-    for (const auto& file : guestFiles()) {
-      if (!std::filesystem::path(file).filename().string().starts_with(own))
-        continue;
-      // Under the file's lock, as the holder takes it: one being taken now is the holder's
-      // (and goes with the holder's own forgetting), never half taken.
-      std::vector<OutboxIntake::Entry> entries;
-      const auto guest = OutboxIntake::adopt(file, entries);
-      if (!guest || !guest->tryLock())
-        continue;
-      ::unlink(file.c_str());
-      guest->unlock();
-    }
+    removeGuestFiles(std::string(kGuestSuffix) + std::to_string(::getpid()) + "-" +
+                     processGuestToken() + "-");
   } catch (...) {
     // Out of memory: what is left goes with the next forgetting, or is taken by the holder.
   }
@@ -313,7 +301,8 @@ void SqliteOutboxStore::removeOwnGuestFiles() noexcept {
 void SqliteOutboxStore::removeEveryGuestFile() noexcept {
   removeOwnGuestFiles();
   try {
-    removeGuests();  // a file being taken or written now stays: its epoch tells the holder
+    removeGuestFiles(
+        kGuestSuffix);  // a file being taken or written now stays: its epoch tells the holder
   } catch (...) {
   }
 }
@@ -322,15 +311,17 @@ std::vector<std::string> SqliteOutboxStore::guestFiles() const {
   return filesBeside(path_, kGuestSuffix);
 }
 
-bool SqliteOutboxStore::removeGuests() {
+bool SqliteOutboxStore::removeGuestFiles(const std::string& suffix) {
   bool removed = true;
-  for (const auto& file : guestFiles()) {
+  for (const auto& file : filesBeside(path_, suffix)) {
     std::vector<OutboxIntake::Entry> entries;
     const auto guest = OutboxIntake::adopt(file, entries);
     if (!guest)
       continue;
-    // Without waiting: the holder may be this process's own taking of the file, which waits
-    // for the outbox that this forgetting holds. A file held now is left to the next start.
+    // Under the file's lock, as the holder takes it: one being taken now is the holder's (and
+    // goes with the holder's own forgetting), never half taken. Without waiting: the holder may
+    // be this process's own taking of the file, which waits for the outbox that this forgetting
+    // holds. A file held now is left to the next start.
     if (!guest->tryLock()) {
       removed = false;
       continue;
@@ -360,7 +351,7 @@ bool SqliteOutboxStore::destroy() noexcept {
     for (const auto& [number, file] : intakeFiles())
       removed = (::unlink(file.c_str()) == 0 || errno == ENOENT) && removed;
     // What other processes kept for this one goes with it.
-    removed = removeGuests() && removed;
+    removed = removeGuestFiles(kGuestSuffix) && removed;
   } catch (...) {
     removed = false;
   }

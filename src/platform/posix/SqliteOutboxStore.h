@@ -110,8 +110,9 @@ class SqliteOutboxStore final : public OutboxStore, public OutboxUnkeptStarts {
   };
   // `readable` false when the store could not be read now (the mark unknown).
   std::optional<TakingMark> takingMark(bool& readable) noexcept;
-  // Removes the guest files of other processes (forgetting); false when one was held.
-  bool removeGuests();
+  // Removes the guest files whose names go on with `suffix` (forgetting); false when one was
+  // held.
+  bool removeGuestFiles(const std::string& suffix);
   // The guest files in the data directory, whichever process wrote them.
   std::vector<std::string> guestFiles() const;
   // A change in an intake file, not yet in the database.
