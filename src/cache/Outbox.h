@@ -312,7 +312,11 @@ class Outbox : public std::enable_shared_from_this<Outbox> {
   bool writeChangesLocked(std::vector<platform::OutboxChange>& changes);
   void scheduleSyncLocked();
   void scheduleRewrite();
-  void rewriteLocked();
+  // The store in use, or the one another process holds, and its last error for the log.
+  platform::OutboxStore* anyStoreLocked() const { return store_ ? store_.get() : lockedOut_.get(); }
+  std::string storeErrorLocked() const {
+    return anyStoreLocked() ? anyStoreLocked()->lastError() : std::string("no store");
+  }
   // Counts what the store found unreadable since the last look.
   void noteUnreadableLocked();
   // While another process holds the store: the unbuilt reports of `batch` go to this process's

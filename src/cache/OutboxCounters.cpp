@@ -134,7 +134,7 @@ void Outbox::mergeCountersLocked(const std::vector<platform::OutboxRecord>& firs
 void Outbox::markUnkeptCountersLocked() {
   if (heldElsewhere_)
     return;  // the holder numbers
-  platform::OutboxStore* const store = store_ ? store_.get() : lockedOut_.get();
+  platform::OutboxStore* const store = anyStoreLocked();
   if (store != nullptr && !countersUnkeptMarked_) {
     // The launch's mark only where the episode begins: no mark stood (another process's, or one
     // this process read while its store was out of reach) and no request with a launch counter
@@ -190,7 +190,7 @@ void Outbox::noteCountersKeptLocked() {
 // looked for on the store, not only in memory: another process may have made it.
 void Outbox::noteLaunchLeavingLocked(bool kept) {
   launchLeftUnkept_ = launchLeftUnkept_ || !kept;
-  platform::OutboxStore* const store = store_ ? store_.get() : lockedOut_.get();
+  platform::OutboxStore* const store = anyStoreLocked();
   // The launch's mark never stands without the counters' one: a store that keeps neither is
   // not asked for the second.
   if (heldElsewhere_ || store == nullptr ||

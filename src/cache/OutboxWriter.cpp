@@ -263,21 +263,18 @@ void Outbox::countNotKeptLocked() {
   log_->log(kLogWarning, kMethod,
             "Quorvel outbox: cannot write to the disk (%@): reports are not kept and go from "
             "memory; those unanswered when the process ends are lost",
-            store_       ? store_->lastError()
-            : lockedOut_ ? lockedOut_->lastError()
-                         : std::string("no store"));
+            storeErrorLocked());
 }
 
 void Outbox::scheduleRewrite() {
   if (rewriteScheduled_)
     return;
   rewriteScheduled_ = true;
-  runLocked(&Outbox::rewriteLocked, kRewriteBackoff.delay(rewriteAttempt_++, backoffRandom()));
-}
-
-void Outbox::rewriteLocked() {
-  rewriteScheduled_ = false;
-  writeBufferedLocked();
+  queue_->asyncAfter(kRewriteBackoff.delay(rewriteAttempt_++, backoffRandom()),
+                     whileAliveLocked([](Outbox& self) {
+                       self.rewriteScheduled_ = false;
+                       self.writeBufferedLocked();
+                     }));
 }
 
 void Outbox::noteSyncLocked(bool synced) {
@@ -291,9 +288,7 @@ void Outbox::noteSyncLocked(bool synced) {
   log_->log(kLogWarning, kMethod,
             "Quorvel outbox: cannot move the written reports into the database (%@); they stay in "
             "the intake file and the move is tried again",
-            store_       ? store_->lastError()
-            : lockedOut_ ? lockedOut_->lastError()
-                         : std::string("no store"));
+            storeErrorLocked());
 }
 
 void Outbox::forgetHeldLocked(std::int64_t id) {
