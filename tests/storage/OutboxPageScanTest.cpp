@@ -11,7 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/posix/OutboxPageScan.h"
 #include "platform/posix/OutboxSalvage.h"
 #include "platform/posix/SqliteOutboxStore.h"
 #include "support/TempDir.h"

@@ -1,9 +1,12 @@
-// Reads a damaged database file page by page. A page is taken as in use when it lies within the
-// database's size and is not on the freelist; the write-ahead log's committed frames replace
-// the pages they hold. Anything that does not parse exactly as the outbox's rows (two
-// columns: the number as the row id, the content as a blob) is left alone.
-#include "platform/posix/OutboxPageScan.h"
-
+// Reading the outbox's records straight from the pages of a damaged database file, without
+// SQLite's B-tree: a damaged root or interior page hides every leaf below it from a seek, but
+// the leaves themselves are still whole. Owns the file format's parsing (header, freelist,
+// write-ahead log frames, table-leaf cells, overflow chains) and nothing else.
+//
+// A page is taken as in use when it lies within the database's size and is not on the
+// freelist; the write-ahead log's committed frames replace the pages they hold. Anything that
+// does not parse exactly as the outbox's rows (two columns: the number as the row id, the
+// content as a blob) is left alone.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,12 +20,28 @@
 #include <map>
 #include <optional>
 #include <set>
+#include <string>
+#include <vector>
 
 #include "platform/AtomicFile.h"
 #include "platform/posix/OutboxSalvage.h"
 
 namespace quorvel::platform {
 namespace {
+
+struct PageScan {
+  // False when the pages in use cannot be told from the free ones (the freelist or the
+  // database's size cannot be read): the records found are then not to be used, since a freed
+  // page still holds records that were answered and removed.
+  bool trusted = false;
+  std::vector<OutboxRecord> records;  // by number, one per number
+  // Numbers whose cell is in use but whose content cannot be read whole (an overflow page
+  // overwritten): SQLite may still hand such content back, wrong.
+  std::set<std::int64_t> damaged;
+  std::uint64_t leaves = 0;           // table-leaf pages read
+  std::uint64_t unreadablePages = 0;  // in use, but neither a page of the table nor free
+  std::uint64_t missingPages = 0;     // named by the database's size, beyond the file's end
+};
 
 using FileBytes = std::vector<std::uint8_t>;
 
@@ -392,8 +411,11 @@ class Scanner {
   std::set<std::int64_t> damaged_;
 };
 
-}  // namespace
-
+// Every record on the table-leaf pages in use in the database at `path`, as its committed
+// write-ahead log (`path` + "-wal") shows them: pages on the freelist, past the database's
+// size, and cells no longer in a page's cell-pointer array are never read. Records in
+// `readAlready` (by number) are found with an empty content: whose copy wins is the caller's
+// choice, and a large salvage is not held twice.
 PageScan scanPages(const std::string& path, const std::vector<OutboxRecord>& readAlready) {
   try {
     return Scanner(path, readAlready).run();
@@ -401,8 +423,6 @@ PageScan scanPages(const std::string& path, const std::vector<OutboxRecord>& rea
     return {};  // out of memory: nothing trusted
   }
 }
-
-namespace {
 
 // SQLite reads a table in its numbers' order, unless a damaged interior page misleads it: then
 // the records are put in order, and of one number read twice the later read is kept.

@@ -3,8 +3,6 @@
 // reached by seeking beyond the page, and only the records on it are lost.
 #include "platform/posix/OutboxSalvage.h"
 
-#include "platform/posix/OutboxPageScan.h"
-
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>

@@ -43,6 +43,12 @@ Salvage salvageRecords(sqlite3* db);
 // uses) is written over a copy of it first: a damaged header then no longer hides the pages.
 Salvage salvageFile(const std::string& path);
 
+// Completes a salvage with what a scan of the file's pages finds that seeking missed (below a
+// damaged interior page), drops what it read from overwritten overflow pages, and estimates
+// what was lost from the pages that could not be read. False when the pages in use could not
+// be told from the free ones: the salvage is then left as it was.
+bool completeFromPages(const std::string& path, Salvage& salvage);
+
 // Writes `records` into a new database at `file` (replacing any), schema and all, so that it
 // can take a damaged one's place in one rename. False when it cannot.
 bool writeFreshDatabase(const std::string& file, const std::vector<OutboxRecord>& records);
