@@ -264,18 +264,14 @@ bool writeFreshDatabase(const std::string& file, const std::vector<OutboxRecord>
   };
   bool done = sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
                               nullptr) == SQLITE_OK &&
-              exec(kOutboxSchemaVersion) && exec(kOutboxTable) && exec("BEGIN");
+              exec(kOutboxSchemaVersion) && exec(kOutboxTable);
   {
-    SqliteStatement put(db, "INSERT OR REPLACE INTO outbox (id, content) VALUES (?1, ?2)");
-    done = done && put;
-    for (auto it = records.begin(); done && it != records.end(); ++it) {
-      sqlite3_bind_int64(put.get(), 1, it->id);
-      sqlite3_bind_blob64(put.get(), 2, it->content.data(), it->content.size(), SQLITE_STATIC);
-      done = sqlite3_step(put.get()) == SQLITE_DONE;
-      sqlite3_reset(put.get());
-    }
+    Transaction batch(db);
+    done = done && batch.ok();
+    for (auto it = records.begin(); done && it != records.end(); ++it)
+      done = batch.change(it->id, &it->content);
+    done = done && batch.commit();
   }
-  done = done && exec("COMMIT");
   sqlite3_close_v2(db);
   if (done) {
     ::chmod(file.c_str(), 0600);

@@ -36,46 +36,6 @@
 namespace quorvel::platform {
 namespace {
 
-// One batch of changes, all or nothing: rolled back unless committed.
-class Transaction {
- public:
-  explicit Transaction(sqlite3* db) noexcept
-      : db_(db),
-        begun_(sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) == SQLITE_OK),
-        put_(db, "INSERT OR REPLACE INTO outbox (id, content) VALUES (?1, ?2)"),
-        remove_(db, "DELETE FROM outbox WHERE id = ?1") {}
-  ~Transaction() {
-    if (begun_ && !committed_)
-      sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
-  }
-  Transaction(const Transaction&) = delete;
-  Transaction& operator=(const Transaction&) = delete;
-
-  bool ok() const noexcept { return begun_ && put_ && remove_; }
-  // `content` null removes the record.
-  bool change(std::int64_t id, const std::string* content) noexcept {
-    sqlite3_stmt* const s = content ? put_.get() : remove_.get();
-    sqlite3_bind_int64(s, 1, id);
-    if (content)
-      sqlite3_bind_blob64(s, 2, content->data(), content->size(), SQLITE_STATIC);
-    const bool done = sqlite3_step(s) == SQLITE_DONE;
-    sqlite3_reset(s);
-    sqlite3_clear_bindings(s);
-    return done;
-  }
-  bool commit() noexcept {
-    committed_ = sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK;
-    return committed_;
-  }
-
- private:
-  sqlite3* db_;
-  bool begun_;
-  bool committed_ = false;
-  SqliteStatement put_;
-  SqliteStatement remove_;
-};
-
 // Owner-only mode for the database, set through a descriptor of the file itself: a mode set
 // by name would follow a link put in its place to whatever it points to (a device, say).
 void keepPrivate(const std::string& path) noexcept {
