@@ -301,8 +301,8 @@ void SqliteOutboxStore::removeOwnGuestFiles() noexcept {
 void SqliteOutboxStore::removeEveryGuestFile() noexcept {
   removeOwnGuestFiles();
   try {
-    removeGuestFiles(
-        kGuestSuffix);  // a file being taken or written now stays: its epoch tells the holder
+    // A file being taken or written now stays: its epoch tells the holder.
+    removeGuestFiles(kGuestSuffix);
   } catch (...) {
   }
 }
