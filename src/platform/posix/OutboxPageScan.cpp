@@ -154,7 +154,9 @@ class PageImage {
   // running checksum): frames of an older log generation or of an unfinished one are ignored.
   // Read a frame at a time: only where each committed page's newest image lies is kept.
   void readLog(const std::string& path) {
-    logFd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    // A link is followed: the log it leads to holds the removals the file does not, and without
+    // them answered records would come back. Only a regular file is read.
+    logFd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     struct stat st {};
     if (logFd_ < 0 || ::fstat(logFd_, &st) != 0 || !S_ISREG(st.st_mode))
       return;
