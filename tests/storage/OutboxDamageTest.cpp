@@ -90,6 +90,19 @@ TEST_F(OutboxDamageTest, ADamagedDatabaseIsSetAsideWithEveryReadableRecordSaved)
          overwrite(f, 9 * 4096, 4096);
        },
        kRecords - 60, kRecords - 1, true},
+      {"garbage over the header of a database of 65536-byte pages",
+       [](const std::string& f) {
+         sqlite3* db = nullptr;
+         sqlite3_open(f.c_str(), &db);
+         sqlite3_exec(db,
+                      "PRAGMA journal_mode=DELETE; PRAGMA page_size=65536; VACUUM; WITH RECURSIVE "
+                      "n(i) AS (SELECT 1001 UNION ALL SELECT i + 1 FROM n WHERE i < 3200) INSERT "
+                      "INTO outbox SELECT i, zeroblob(200) FROM n",
+                      nullptr, nullptr, nullptr);
+         sqlite3_close(db);
+         overwrite(f, 0, 23);
+       },
+       2500, 2500, false},
       {"a newer schema", writeForeignSchema, 2, 2, false},
       {"a FIFO in its place",
        [](const std::string& f) { std::filesystem::remove(f), ::mkfifo(f.c_str(), 0600); }, 0, 0,
