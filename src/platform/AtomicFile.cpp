@@ -46,12 +46,14 @@ void syncDirectory(const std::string& dir) {
   }
 }
 
-bool writeAll(int fd, const void* data, std::size_t size, off_t offset) noexcept {
-  const auto* bytes = static_cast<const char*>(data);
+namespace {
+
+// Calls `step(done)` (a read or write of what is left, from `done` on) until `size` bytes are
+// done, again after a signal; false at a failure or at nothing done.
+template <typename Step>
+bool allOf(std::size_t size, Step step) noexcept {
   for (std::size_t done = 0; done < size;) {
-    const auto at = offset + static_cast<off_t>(done);
-    const ssize_t n = offset < 0 ? ::write(fd, bytes + done, size - done)
-                                 : ::pwrite(fd, bytes + done, size - done, at);
+    const ssize_t n = step(done);
     if (n < 0 && errno == EINTR)
       continue;
     if (n <= 0)
@@ -61,17 +63,21 @@ bool writeAll(int fd, const void* data, std::size_t size, off_t offset) noexcept
   return true;
 }
 
+}  // namespace
+
+bool writeAll(int fd, const void* data, std::size_t size, off_t offset) noexcept {
+  const auto* bytes = static_cast<const char*>(data);
+  return allOf(size, [&](std::size_t done) {
+    return offset < 0 ? ::write(fd, bytes + done, size - done)
+                      : ::pwrite(fd, bytes + done, size - done, offset + static_cast<off_t>(done));
+  });
+}
+
 bool readAllAt(int fd, void* into, std::size_t size, off_t offset) noexcept {
   auto* bytes = static_cast<char*>(into);
-  for (std::size_t done = 0; done < size;) {
-    const ssize_t n = ::pread(fd, bytes + done, size - done, offset + static_cast<off_t>(done));
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n <= 0)
-      return false;
-    done += static_cast<std::size_t>(n);
-  }
-  return true;
+  return allOf(size, [&](std::size_t done) {
+    return ::pread(fd, bytes + done, size - done, offset + static_cast<off_t>(done));
+  });
 }
 
 namespace {
