@@ -1,3 +1,5 @@
+// The kept-request folder: writing a failed request as a file, claiming one (renamed) before it
+// is sent again, replaying them one at a time, and the bound on how many are kept.
 #include "cache/QuorvelRequestCache.h"
 
 #include <signal.h>

@@ -1,3 +1,5 @@
+// A tracking request with its body's Base64 form, the text a kept file stores it in, and the
+// strict decoding that refuses a body damaged on disk.
 #include "cache/QuorvelRequestCacheData.h"
 
 #include "util/Base64.h"

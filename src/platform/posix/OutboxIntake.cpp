@@ -1,3 +1,5 @@
+// The intake file's framing: a batch written in one framed write(), read back frame by frame
+// up to the first one cut short, and the file's lock for whoever takes it whole.
 #include "platform/posix/OutboxIntake.h"
 
 #include <fcntl.h>
