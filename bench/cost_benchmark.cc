@@ -330,6 +330,7 @@ int run(const Options& o, const fs::path& root) {
     mark = now;
   }
   const long rssDrained = statusKiB("VmRSS");
+  const long anonDrained = statusKiB("RssAnon");
   LibraryUse rest;
   for (std::size_t s = 1; s < afterSteps.size(); ++s) {
     rest.cpu += afterSteps[s].cpu;
@@ -387,8 +388,9 @@ int run(const Options& o, const fs::path& root) {
       "%.1f ms (%ld wake-ups); threads alive %ld\n",
       std::max(0.0, afterSteps.front().cpu) * 1e3, afterSteps.front().switches, o.afterSeconds - 1,
       std::max(0.0, rest.cpu) * 1e3, rest.switches, libraryThreads());
-  std::printf("  RSS %d s after the drain                 %.1f MB\n", o.afterSeconds,
-              static_cast<double>(rssDrained) / 1024.0);
+  std::printf("  RSS %d s after the drain                 %.1f MB (anonymous %.1f MB)\n",
+              o.afterSeconds, static_cast<double>(rssDrained) / 1024.0,
+              static_cast<double>(anonDrained) / 1024.0);
   std::fflush(stdout);
   return b.arrived == o.events && afterLone == 1 + o.calls + o.spaced ? 0 : 1;
 }
