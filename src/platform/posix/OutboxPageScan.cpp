@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "platform/AtomicFile.h"
+#include "platform/ParentOnlyDescriptor.h"
 #include "platform/posix/OutboxSalvage.h"
 
 namespace quorvel::platform {
@@ -446,6 +447,18 @@ void putInOrder(std::vector<OutboxRecord>& records) {
 }
 
 }  // namespace
+
+std::optional<std::uint32_t> logPageSize(const std::string& log) {
+  const ParentOnlyDescriptor in(::open(log.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  std::array<std::uint8_t, 12> header{};
+  struct stat st {};
+  if (in.get() < 0 || ::fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode) ||
+      !readAllAt(in.get(), header.data(), header.size(), 0) ||
+      (be32(&header[0]) & ~1U) != 0x377f0682)
+    return std::nullopt;
+  const std::uint32_t size = be32(&header[8]) == 1 ? 65536 : be32(&header[8]);
+  return validPageSize(size) ? std::optional(size) : std::nullopt;
+}
 
 bool completeFromPages(const std::string& path, Salvage& salvage) {
   putInOrder(salvage.records);

@@ -194,29 +194,6 @@ bool copyKeepingHoles(const std::string& from, const std::string& to) {
 
 }  // namespace
 
-namespace {
-
-// The page size a write-ahead log's header names, as the database header writes it (1 for
-// 65536); none without a log whose header reads as one.
-std::optional<std::uint16_t> logPageSize(const std::string& log) {
-  const ParentOnlyDescriptor in(::open(log.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-  std::array<std::uint8_t, 12> header{};
-  struct stat status {};
-  if (in.get() < 0 || ::fstat(in.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
-      !readAllAt(in.get(), header.data(), header.size(), 0))
-    return std::nullopt;
-  const auto be32 = [&header](std::size_t at) {
-    return (std::uint32_t{header[at]} << 24) | (std::uint32_t{header[at + 1]} << 16) |
-           (std::uint32_t{header[at + 2]} << 8) | header[at + 3];
-  };
-  const std::uint32_t size = be32(8) == 1 ? 65536 : be32(8);
-  if ((be32(0) & ~1U) != 0x377f0682 || size < 512 || size > 65536 || (size & (size - 1)) != 0)
-    return std::nullopt;
-  return static_cast<std::uint16_t>(size == 65536 ? 1 : size);
-}
-
-}  // namespace
-
 Salvage salvageFile(const std::string& path) {
   namespace fs = std::filesystem;
   static constexpr std::array<std::uint16_t, 7> kPageSizes = {
@@ -246,7 +223,9 @@ Salvage salvageFile(const std::string& path) {
   // header: its page size is tried first (else a wrong one that reads a few records would win,
   // and the log, of another page size, would be left unread).
   std::vector<std::uint16_t> pageSizes(kPageSizes.begin(), kPageSizes.end());
-  const auto logged = logPageSize(path + "-wal");
+  std::optional<std::uint16_t> logged;  // as the database header writes it: 1 for 65536
+  if (const auto size = logPageSize(path + "-wal"))
+    logged = static_cast<std::uint16_t>(*size == 65536 ? 1 : *size);
   if (logged) {
     std::erase(pageSizes, *logged);
     pageSizes.insert(pageSizes.begin(), *logged);

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -48,6 +49,10 @@ Salvage salvageFile(const std::string& path);
 // what was lost from the pages that could not be read. False when the pages in use could not
 // be told from the free ones: the salvage is then left as it was.
 bool completeFromPages(const std::string& path, Salvage& salvage);
+
+// The page size (in bytes) that the header of the write-ahead log at `log` names; none without a
+// log whose header reads as one.
+std::optional<std::uint32_t> logPageSize(const std::string& log);
 
 // Writes `records` into a new database at `file` (replacing any), schema and all, so that it
 // can take a damaged one's place in one rename. False when it cannot.
